@@ -1,0 +1,63 @@
+// Kernel layer: dispatcher objects, waits, spin locks, IRQL, time, interlocked operations.
+#pragma once
+#include <atomic>
+#include "annotations.h"
+#include "ntstatus.h"
+
+inline constexpr KIRQL PASSIVE_LEVEL = 0;
+inline constexpr KIRQL APC_LEVEL = 1;
+inline constexpr KIRQL DISPATCH_LEVEL = 2;
+
+enum EVENT_TYPE { NotificationEvent, SynchronizationEvent };
+enum KWAIT_REASON { Executive = 0, UserRequest = 6 };
+
+enum class HostDispatcherType : UCHAR { Event, Mutex, Thread };
+
+// What KeWaitForSingleObject waits on. Event: signalled while SignalState is 1. Mutex: free while it is 1.
+// Thread: signalled once it has ended.
+struct DISPATCHER_HEADER {
+    HostDispatcherType Type;
+    UCHAR Synchronization;  // events: 1 resets the event when a wait is satisfied
+    std::atomic<LONG> SignalState;
+};
+
+struct KEVENT {
+    DISPATCHER_HEADER Header;
+};
+using PKEVENT = KEVENT*;
+using PRKEVENT = KEVENT*;
+
+// Recursive, owned by a thread, as the platform's.
+struct KVR_CAPABILITY("kernel mutex") KMUTEX {
+    DISPATCHER_HEADER Header;
+    std::atomic<void*> Owner;
+    LONG Recursion;
+    ULONG Rank;  // lock order: set by the host kernel from the lock's identity, 0 when it has no place
+};
+using PKMUTEX = KMUTEX*;
+using PRKMUTEX = KMUTEX*;
+
+using KSPIN_LOCK = std::atomic<ULONG_PTR>;
+using PKSPIN_LOCK = KSPIN_LOCK*;
+
+struct KTHREAD;
+using PKTHREAD = KTHREAD*;
+using PETHREAD = KTHREAD*;
+
+KIRQL KeGetCurrentIrql();
+void KeInitializeEvent(PRKEVENT event, EVENT_TYPE type, BOOLEAN state);
+LONG KeSetEvent(PRKEVENT event, KPRIORITY increment, BOOLEAN wait);
+void KeClearEvent(PRKEVENT event);
+LONG KeReadStateEvent(PRKEVENT event);
+void KeInitializeMutex(PRKMUTEX mutex, ULONG level);
+LONG KeReleaseMutex(PRKMUTEX mutex, BOOLEAN wait);
+// IRQL: below DISPATCH_LEVEL. `timeout` null waits for ever; a timeout of 0 polls.
+[[nodiscard]] NTSTATUS KeWaitForSingleObject(PVOID object, KWAIT_REASON reason, KPROCESSOR_MODE mode,
+                                             BOOLEAN alertable, PLARGE_INTEGER timeout);
+void KeInitializeSpinLock(PKSPIN_LOCK lock);
+KIRQL KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK lock);
+void KeReleaseSpinLock(PKSPIN_LOCK lock, KIRQL irql);
+PKTHREAD KeGetCurrentThread();
+void KeQuerySystemTime(PLARGE_INTEGER time);
+void ExSystemTimeToLocalTime(PLARGE_INTEGER system, PLARGE_INTEGER local);
+[[noreturn]] void KeBugCheckEx(ULONG code, ULONG_PTR p1, ULONG_PTR p2, ULONG_PTR p3, ULONG_PTR p4);
