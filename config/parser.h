@@ -1,0 +1,15 @@
+// config/: the configuration. Its text's grammar and parser, the list of protected volumes and how it applies
+// to a volume, the ways in which the text is stored and reached, and formatting into counted strings.
+//
+// ParseConfig reads the text once per boot. It sets the global switches, fills the protected-volume list and
+// resets one-shot fields inside the text.
+#pragma once
+#include <atomic>
+#include "platform/kernel.h"
+
+extern std::atomic<BOOLEAN> gTesselEnabled;  // master switch: while FALSE nothing is protected or refused
+extern std::atomic<BOOLEAN> gRVProtect;      // removable volumes without a section are protected
+extern std::atomic<BOOLEAN> gRVInvisible;    // ... and hidden
+
+// `text` is `length` bytes of UTF-16LE, changed in place; at most 65534 bytes are read.
+void ParseConfig(PWCHAR text, ULONG length);

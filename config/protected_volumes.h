@@ -1,0 +1,34 @@
+// The protected-volume list, one entry per volume section of the configuration, and how it applies to a volume.
+#pragma once
+#include "driver/volume_extension.h"
+
+inline constexpr ULONG PV_PROTECTED = 0x001;
+inline constexpr ULONG PV_INVISIBLE = 0x002;
+inline constexpr ULONG PV_ACTION_DISCARD = 0x010;
+inline constexpr ULONG PV_ACTION_MERGE = 0x020;
+inline constexpr ULONG PV_EXPLICIT = 0x100;
+
+// Lives as long as the driver; complete before it is linked.
+struct PROTECTED_VOLUME {
+    UNICODE_STRING Name;  // over NameBuffer
+    WCHAR NameBuffer[64];
+    ULONG Flags;
+    std::atomic<PROTECTED_VOLUME*> Next;
+};
+extern std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList;
+
+// The first section of a name wins. STATUS_INSUFFICIENT_RESOURCES when no entry could be made.
+[[nodiscard]] NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags);
+[[nodiscard]] BOOLEAN IsProtectedVolumeListed(PVOLUME_EXTENSION volume);
+[[nodiscard]] ULONG GetProtectedVolumeFlags(PVOLUME_EXTENSION volume);
+// Applies the list, the removable defaults and the storage's state to the volume. Takes no lock.
+void UpdateVolumeProtection(PVOLUME_EXTENSION volume);
+// Does the disk under this filter hold a protected volume? Takes gVolumeListLock. IRQL: at most APC_LEVEL.
+[[nodiscard]] BOOLEAN HasProtectedVolume(PDEVICE_OBJECT device);
+// The first record of that name, unreferenced, or null. Takes gVolumeListLock.
+[[nodiscard]] PVOLUME_EXTENSION FindVolumeByName(PCUNICODE_STRING name);
+// As FindVolumeByName, with the record's RemoveLock acquired for the caller (tag: the record).
+[[nodiscard]] PVOLUME_EXTENSION ReferenceVolumeByName(PCUNICODE_STRING name);
+// 0 when equal; 1 when one is missing or the lengths differ; else the difference of the first pair that
+// differs.
+[[nodiscard]] LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase);

@@ -1,0 +1,13 @@
+// The driver's registry key and the one way in which its values are read. IRQL: PASSIVE_LEVEL.
+#pragma once
+#include "platform/owners.h"
+
+// Opens "\\Registry\\Machine\\System\\kvr", creating it when missing.
+[[nodiscard]] NTSTATUS OpenDriverKey(ACCESS_MASK access, KernelHandle* key);
+// The value's data in a block of the caller's, its length in bytes in `length`. A value that is missing, empty
+// or for which there is no memory is a failure status. The block holds at least `length` bytes, never more is
+// read.
+[[nodiscard]] NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length);
+// REG_BINARY value; with `flush` it is on disk when this returns.
+[[nodiscard]] NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush);
+[[nodiscard]] NTSTATUS DeleteDriverValue(PUNICODE_STRING name);

@@ -1,0 +1,34 @@
+// Where the configuration text lives: the file kvr.cfg, its sixteen pieces in raw sectors, and the registry
+// value that carries their offsets from one boot to the next. IRQL: PASSIVE_LEVEL.
+#pragma once
+#include "control/kvr_ioctl.h"
+#include "driver/volume_extension.h"
+
+inline constexpr ULONG kConfigPieceBytes = 512;
+static_assert(kConfigPieces * kConfigPieceBytes == KVR_CONFIG_BYTES);
+
+extern UCHAR gConfigBuffer[KVR_CONFIG_BYTES];      // the text loaded at boot
+extern std::atomic<BOOLEAN> gConfigLoaded;         // loaded and parsed
+extern std::atomic<BOOLEAN> gConfigDirty;          // must be written back
+extern std::atomic<LONG> gConfigureBusy;           // one load at a time
+extern std::atomic<BOOLEAN> gConfigWrittenByTool;  // in this boot
+extern std::atomic<HANDLE> gConfigFileHandle;      // kvr.cfg, held from the first open on
+extern std::atomic<HANDLE> gDriverFileHandle;      // the driver's own file
+extern FAST_MUTEX gConfigWriteLock;                // one direct write at a time
+
+[[nodiscard]] NTSTATUS KvrConfigure(PDEVICE_OBJECT device);
+[[nodiscard]] NTSTATUS PreloadConfig(PDEVICE_OBJECT device, PVOID buffer, ULONG* length);
+[[nodiscard]] NTSTATUS PreloadConfigApply(PDEVICE_OBJECT device, PVOID buffer, ULONG* length);
+[[nodiscard]] NTSTATUS ReadConfig(PVOID buffer, ULONG* length);
+[[nodiscard]] NTSTATUS WriteConfig(PVOID buffer, ULONG length);
+[[nodiscard]] NTSTATUS WriteConfigDirect(PVOID buffer, ULONG length);
+void SwapAddConfigLocation(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length);
+void PostloadConfigPrepare();
+void PostloadConfig();
+[[nodiscard]] NTSTATUS SaveConfigLocation(PVOLUME_EXTENSION volume);
+[[nodiscard]] NTSTATUS LoadConfigLocation(PVOLUME_EXTENSION volume);
+[[nodiscard]] BOOLEAN QueryConfigShareRead();
+void LockConfig();
+void LockDriverFile();
+// All sixteen offsets are known (none is 0).
+[[nodiscard]] BOOLEAN IsConfigLocationComplete(PVOLUME_EXTENSION volume);

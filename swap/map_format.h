@@ -1,0 +1,25 @@
+// The saved map: every redirected and every free range as packed 12-byte entries in the sectors of kvr.MAP.
+#pragma once
+#include "swap/swap.h"
+
+inline constexpr ULONG MAP_CHECK_SEED = 0x4B56;
+inline constexpr ULONG kFreeSpaceMark = 0xFFFFFFFF;
+
+// Little-endian on disk.
+struct SWAP_MAP_ENTRY {
+    ULONG ulVolumeSector;  // kFreeSpaceMark: the entry describes free space
+    ULONG ulSwapSector;    // 0, or equal to ulVolumeSector: an empty slot
+    ULONG ulSectors : 24;  // length
+    ULONG ucCheck : 8;     // check byte of bytes 0 to 10
+};
+static_assert(sizeof(SWAP_MAP_ENTRY) == 12);
+
+void SealMapEntry(SWAP_MAP_ENTRY* entry);
+[[nodiscard]] BOOLEAN VerifyMapEntry(const SWAP_MAP_ENTRY* entry);
+// Always STATUS_SUCCESS. Saves when the trees changed; a volume whose storage is unusable is never saved.
+NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
+NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);
+// Reads the run in MapBuffer into the trees. Trusts nothing: an entry with a bad check byte, without sectors,
+// beyond the range of offsets or overlapping what was loaded is STATUS_INVALID_PARAMETER. STATUS_END_OF_FILE
+// when the run holds no entry.
+[[nodiscard]] NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device);

@@ -1,0 +1,28 @@
+// Cutting a request into runs. A SEGMENT lies either wholly on the volume or wholly inside one stretch of
+// swap space that is contiguous on the volume and in the swap. The map is looked at once per run.
+#pragma once
+#include "swap/swap.h"
+
+struct SEGMENT {
+    SEGMENT* pNext;
+    LARGE_INTEGER liVolumeOffset;
+    LARGE_INTEGER liSwapOffset;  // set when bInSwap
+    BOOLEAN bInSwap;
+    ULONG ulFirstSector;    // on the volume; recorded only
+    ULONG uOffset;          // inside the request's buffer
+    ULONG uLength;          // whole sectors, never 0
+    PENDING_CHUNK* pChunk;  // space taken for this run by a write
+};
+
+// Bytes from `offset` that are redirected and contiguous on the volume and in the swap; 0 when `offset` is not
+// redirected. A stretch of 4 GiB or more counts as the longest whole number of sectors below that.
+[[nodiscard]] ULONG GetSwapRunLength(PVOLUME_EXTENSION volume, LONGLONG offset, LONGLONG* swapOffset = nullptr);
+// `list` receives the runs of [offset, offset + length), ascending, without a gap; a remainder of less than a
+// sector is left out. On failure the segments made so far are in `list`. A volume that has not started
+// (BytesPerSector 0) gives STATUS_DEVICE_NOT_READY.
+[[nodiscard]] NTSTATUS BuildSegments(PVOLUME_EXTENSION volume, ULONG length, const LARGE_INTEGER* offset,
+                                     SEGMENT** list);
+// A segment found on the volume that has meanwhile become redirected: cut at the ends of its swap runs.
+[[nodiscard]] NTSTATUS SplitSegmentBySwapRuns(PVOLUME_EXTENSION volume, SEGMENT* segment);
+// A segment whose pChunk is a chain: one segment per pending chunk.
+[[nodiscard]] NTSTATUS SplitSegmentByChunks(PVOLUME_EXTENSION volume, SEGMENT* segment);

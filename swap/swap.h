@@ -1,0 +1,72 @@
+// The chunk maps of a volume: where each redirected range lives (SwappedChunks), which swap space is free
+// (FreeChunks) and which sectors hold the saved map (MapFileChunks). Space moves free -> pending -> swapped,
+// or back to free. All offsets are byte offsets on the volume's own lower device, all lengths bytes, all
+// whole sectors. Invariants, under SwapLock: swapped chunks do not overlap on the volume; free, swapped and
+// pending chunks do not overlap in the swap; no length is 0; the two counters are the sums of their trees.
+//
+// IRQL of every routine: at most APC_LEVEL. Each takes SwapLock itself unless it says otherwise.
+#pragma once
+#include "driver/volume_extension.h"
+
+inline constexpr char kSwapSource[] = "swap";         // the source file that this folder's assertions name
+inline constexpr ULONG64 kLowSpaceLimit = 0x3000000;  // below it only metadata and unnamed writes get space
+inline constexpr ULONG64 kNoSpaceLimit = 0x800000;    // below it nothing does
+inline constexpr ULONG kSectorsPerBlock = 2048;       // longest free chunk, and the unit of provisioning
+
+struct SWAPPED_CHUNK {
+    LARGE_INTEGER liVolumeOffset;  // key
+    LARGE_INTEGER liSwapOffset;
+    ULONG uLength;
+    ULONG bVolatile;  // 1: redirected until the next boot only
+};
+static_assert(sizeof(SWAPPED_CHUNK) == 24);
+
+struct FREE_CHUNK {
+    LARGE_INTEGER liSwapOffset;  // key
+    ULONG uLength;
+};
+
+// Swap space held by a write in flight; owned by the segment that points to it.
+struct PENDING_CHUNK {
+    LARGE_INTEGER liVolumeOffset;
+    LARGE_INTEGER liSwapOffset;
+    ULONG uLength;
+    PENDING_CHUNK* pNext;  // ascending volume offset
+};
+
+// A run of the map file, in the tree and, packed in arrays, in MapLocation and the registry.
+struct MAP_LOCATION_ENTRY {
+    ULONG ulSector;  // key: first sector on the volume
+    ULONG ulLength;  // bytes
+};
+static_assert(sizeof(MAP_LOCATION_ENTRY) == 8);
+
+struct SEGMENT;
+
+void InitSwapMaps(PVOLUME_EXTENSION volume);
+// Empties the maps and begins them anew.
+void ResetSwapMaps(PDEVICE_OBJECT device);
+[[nodiscard]] NTSTATUS AddSwapFreeChunk(PVOLUME_EXTENSION volume, const LARGE_INTEGER* swapOffset,
+                                        ULONG length);
+// A run that cannot be recorded is not known later: the map is then shorter.
+void AddSwapMapChunk(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length);
+[[nodiscard]] PENDING_CHUNK* CreatePendingChunk();
+// Takes `length` bytes from the lowest free chunks for the write at `volumeOffset`. The chain holds what was
+// taken, also on failure, and is the caller's to settle. STATUS_MEDIA_WRITE_PROTECTED: space too low for this
+// request, or used up. STATUS_INSUFFICIENT_RESOURCES: no pool.
+[[nodiscard]] NTSTATUS LockFreeChunks(PVOLUME_EXTENSION volume, const LARGE_INTEGER* volumeOffset, ULONG length,
+                                      PENDING_CHUNK** chain, PIRP request);
+[[nodiscard]] NTSTATUS UnlockFreeChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain);
+// Records the chain's ranges as redirected. Where another write has meanwhile redirected a part, that part
+// keeps the existing redirection and its new space becomes free again.
+[[nodiscard]] NTSTATUS CommitChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain, ULONG bVolatile);
+// Settles every pending chunk of the list (commit or give back) and releases every segment.
+void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile);
+// Gives up every redirection.
+void DiscardSwappedChunks(PVOLUME_EXTENSION volume);
+// Merges free chunks that touch, up to kSectorsPerBlock sectors each.
+void AggregateFreeChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);
+
+// Visitors over SwappedChunks (context: the volume record; SwapLock held): the chunk's space becomes free.
+ULONG free_swapped_chunks(PVOID record, PVOID volume);
+ULONG unuse_swapped_chunks(PVOID record, PVOID volume);
