@@ -1,9 +1,9 @@
 // NTFS on one volume of the hosted machine: the file system that kernel opens and the guest's programs share.
 //
-// The on-disk format is handled by the NTFS library, one operation at a time under the volume's lock; its metadata
-// requests and our own data requests all go through VolumeIo, so every filter of the volume sees them with the
-// file objects that the platform's file system would use. Any number of threads may call at once; several mounted
-// volumes work in parallel.
+// The on-disk format is handled by the NTFS library, one operation at a time under the volume's lock; its
+// metadata requests and our own data requests all go through VolumeIo, so every filter of the volume sees them
+// with the file objects that the platform's file system would use. Any number of threads may call at once;
+// several mounted volumes work in parallel.
 //
 // A call that fails for the device returns the failing request's own status (what a filter answered reaches the
 // caller unchanged) and leaves the file as the volume has it.
@@ -27,9 +27,9 @@ struct DirectoryEntry {
 
 class NtfsFileSystem : public host::FileProvider {
 public:
-    // Mounts the volume behind `io`, which must live until Unmount() or the destructor. STATUS_UNRECOGNIZED_VOLUME
-    // when it holds no NTFS, STATUS_DISK_CORRUPT_ERROR when its metadata is beyond use, else the failing
-    // request's status. A volume that another system left unclean is mounted read-only.
+    // Mounts the volume behind `io`, which must live until Unmount() or the destructor.
+    // STATUS_UNRECOGNIZED_VOLUME when it holds no NTFS, STATUS_DISK_CORRUPT_ERROR when its metadata is beyond
+    // use, else the failing request's status. A volume that another system left unclean is mounted read-only.
     [[nodiscard]] static NTSTATUS Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fileSystem);
 
     // Unmounts; a failure cannot be reported from here.
