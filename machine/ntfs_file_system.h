@@ -14,16 +14,10 @@
 #include <vector>
 #include "platform/kernel.h"
 #include "platform/host/file_provider.h"
+#include "machine/ntfs_entry.h"
 #include "machine/volume_io.h"
 
 namespace machine {
-
-struct DirectoryEntry {
-    std::u16string name;
-    std::uint64_t size = 0;  // bytes; 0 for a directory
-    ULONG attributes = 0;    // FILE_ATTRIBUTE_ bits
-    bool directory = false;
-};
 
 class NtfsFileSystem : public host::FileProvider {
 public:
