@@ -70,8 +70,7 @@ int Ioctl(ntfs_device*, unsigned long, void*) {
     return -1;
 }
 
-ntfs_device_operations gOperations = {Open,   Close,   Seek, Read, Write,
-                                      ReadAt, WriteAt, Sync, Stat, Ioctl};
+ntfs_device_operations gOperations = {Open, Close, Seek, Read, Write, ReadAt, WriteAt, Sync, Stat, Ioctl};
 
 }  // namespace
 

@@ -11,7 +11,8 @@ namespace {
 static_assert(sizeof(ntfschar) == sizeof(char16_t));
 
 constexpr ULONG kDirectoryAttribute = 0x10, kArchiveAttribute = 0x20;
-constexpr ULONG kSettable = FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | kArchiveAttribute;
+constexpr ULONG kSettable =
+    FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | kArchiveAttribute;
 constexpr ULONG kReported = 0x7FB7;  // the attributes that the platform reports, directories told apart below
 constexpr std::size_t kLongestName = 255;
 constexpr auto kModified = static_cast<ntfs_time_update_flags>(NTFS_UPDATE_MCTIME);
@@ -70,8 +71,8 @@ struct Listing {
     std::vector<Item> items;
 };
 
-int Collect(void* context, const ntfschar* name, const int length, const int type, const s64, const MFT_REF reference,
-            const unsigned) {
+int Collect(void* context, const ntfschar* name, const int length, const int type, const s64,
+            const MFT_REF reference, const unsigned) {
     const auto* chars = reinterpret_cast<const char16_t*>(name);
     std::u16string text(chars, static_cast<std::size_t>(length));
     const bool shortName = (type & 3) == FILE_NAME_DOS;  // the same file has its long name, too
@@ -154,7 +155,8 @@ NTSTATUS CreateNtfsEntry(const NtfsOperation& operation, const NtfsLink& link, b
     NtfsInode parent;
     const NTSTATUS status = OpenNtfsInode(operation, link.parent, parent);
     if (!NT_SUCCESS(status)) return status;
-    NtfsInode made(ntfs_create(parent.Get(), 0, Chars(link.name), Length(link.name), directory ? S_IFDIR : S_IFREG));
+    NtfsInode made(
+        ntfs_create(parent.Get(), 0, Chars(link.name), Length(link.name), directory ? S_IFDIR : S_IFREG));
     if (!made) return operation.Failed(errno);
     ntfs_inode_update_times(parent.Get(), kModified);
     if (!parent.Close()) return operation.Failed(errno);
@@ -169,8 +171,8 @@ NTSTATUS RemoveNtfsEntry(const NtfsOperation& operation, const NtfsLink& link, s
     if (NT_SUCCESS(status)) status = OpenNtfsInode(operation, reference, inode);
     if (!NT_SUCCESS(status)) return status;
     // Closes both, also when it fails.
-    const int result = ntfs_delete(operation.Library(), nullptr, inode.Release(), parent.Release(), Chars(link.name),
-                                   Length(link.name));
+    const int result = ntfs_delete(operation.Library(), nullptr, inode.Release(), parent.Release(),
+                                   Chars(link.name), Length(link.name));
     return result == 0 ? STATUS_SUCCESS : operation.Failed(errno);
 }
 

@@ -25,7 +25,7 @@ struct NtfsLink {
 
 // Where a path leads.
 struct NtfsPlace {
-    NtfsLink link;  // of the last component; an empty name for the root itself
+    NtfsLink link;                     // of the last component; an empty name for the root itself
     std::vector<std::uint64_t> above;  // record numbers of the directories on the way, the root first
     bool exists = false;
     std::uint64_t reference = 0;  // of what stands there, where `exists`
@@ -47,7 +47,8 @@ struct NtfsPlace {
 [[nodiscard]] NTSTATUS RemoveNtfsEntry(const NtfsOperation& operation, const NtfsLink& link,
                                        std::uint64_t reference);
 // Gives a file or directory one more name, where nothing stands.
-[[nodiscard]] NTSTATUS AddNtfsLink(const NtfsOperation& operation, const NtfsLink& link, std::uint64_t reference);
+[[nodiscard]] NTSTATUS AddNtfsLink(const NtfsOperation& operation, const NtfsLink& link,
+                                   std::uint64_t reference);
 
 // Sets the attributes that a caller may choose; for an inode that is about to be closed.
 void SetNtfsAttributes(const NtfsInode& inode, ULONG attributes);

@@ -75,8 +75,8 @@ bool MakeNonResident(const NtfsAttribute& data, std::vector<std::uint8_t>& old) 
 bool SetInitializedSize(const NtfsAttribute& data, std::uint64_t size) {
     ntfs_attr_search_ctx* context = ntfs_attr_get_search_ctx(data->ni, nullptr);
     if (context == nullptr) return false;
-    const bool found = ntfs_attr_lookup(data->type, data->name, data->name_len, CASE_SENSITIVE, 0, nullptr, 0,
-                                        context) == 0;
+    const bool found =
+        ntfs_attr_lookup(data->type, data->name, data->name_len, CASE_SENSITIVE, 0, nullptr, 0, context) == 0;
     if (found) {
         data->initialized_size = static_cast<s64>(size);
         context->attr->initialized_size = cpu_to_sle64(static_cast<s64>(size));
@@ -91,7 +91,8 @@ bool SetInitializedSize(const NtfsAttribute& data, std::uint64_t size) {
 bool WriteAll(const NtfsAttribute& data, std::uint64_t offset, const void* buffer, ULONG length) {
     const auto* from = static_cast<const std::uint8_t*>(buffer);
     for (ULONG done = 0; done < length;) {
-        const s64 part = ntfs_attr_pwrite(data.Get(), static_cast<s64>(offset + done), length - done, from + done);
+        const s64 part =
+            ntfs_attr_pwrite(data.Get(), static_cast<s64>(offset + done), length - done, from + done);
         if (part == 0) errno = EIO;
         if (part <= 0) return false;
         done += static_cast<ULONG>(part);
@@ -168,7 +169,8 @@ bool NtfsFile::OverwritesInPlace(std::uint64_t offset, ULONG length) const {
            length <= shape_.initialized - offset;
 }
 
-NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length, ULONG& done) {
+NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length,
+                         ULONG& done) {
     done = 0;
     if (length == 0) return STATUS_SUCCESS;
     const std::uint32_t sector = volume_.Io().SectorSize();
@@ -216,9 +218,9 @@ NTSTATUS NtfsFile::Extend(PFILE_OBJECT file, std::uint64_t offset, const void* b
     if (offset > static_cast<std::uint64_t>(INT64_MAX) - length) return STATUS_INVALID_PARAMETER;
     const NtfsLockGuard guard(volume_.Lock());
     Shape shape;
-    const NTSTATUS status = volume_.Change(
-        CommitOrder::TakeFirst, volume_.AttributeListObject(),
-        [&](const NtfsOperation& operation) { return ExtendWithin(operation, growth, shape); });
+    const NTSTATUS status =
+        volume_.Change(CommitOrder::TakeFirst, volume_.AttributeListObject(),
+                       [&](const NtfsOperation& operation) { return ExtendWithin(operation, growth, shape); });
     if (NT_SUCCESS(status)) shape_ = shape;
     return status;
 }
@@ -249,10 +251,12 @@ NTSTATUS NtfsFile::ExtendWithin(const NtfsOperation& operation, const Growth& gr
             shape.initialized = old.size();
         }
         if (NT_SUCCESS(status))
-            status = shape.runs.WriteZeros(io, growth.file, shape.initialized, growth.offset, shape.initialized);
+            status =
+                shape.runs.WriteZeros(io, growth.file, shape.initialized, growth.offset, shape.initialized);
         shape.initialized = std::max(shape.initialized, growth.offset);
         if (NT_SUCCESS(status))
-            status = shape.runs.Write(io, growth.file, growth.offset, growth.buffer, growth.length, shape.initialized);
+            status = shape.runs.Write(io, growth.file, growth.offset, growth.buffer, growth.length,
+                                      shape.initialized);
         if (!NT_SUCCESS(status)) return status;
         shape.initialized = std::max(shape.initialized, end);
         if (!SetInitializedSize(data, shape.initialized)) return operation.Failed(errno);
@@ -267,8 +271,8 @@ NTSTATUS NtfsFile::Truncate(ULONG attributes) {
     const std::unique_lock exclusive(content_);
     if (disconnected_) return STATUS_DEVICE_NOT_READY;
     const NtfsLockGuard guard(volume_.Lock());
-    const NTSTATUS status =
-        volume_.Change(CommitOrder::RemoveFirst, volume_.AttributeListObject(), [&](const NtfsOperation& operation) {
+    const NTSTATUS status = volume_.Change(
+        CommitOrder::RemoveFirst, volume_.AttributeListObject(), [&](const NtfsOperation& operation) {
             NtfsInode inode;
             const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
             if (!NT_SUCCESS(opened)) return opened;

@@ -2,8 +2,8 @@
 //
 // The data path is our own. A write inside the initialised part touches the data alone; a write that grows the
 // file takes the clusters, writes the data, and then stores bitmap and record, so that a request refused in
-// between leaves the file as it was. Compressed, sparse and encrypted files, which the driver's files never are,
-// go through the library.
+// between leaves the file as it was. Compressed, sparse and encrypted files, which the driver's files never
+// are, go through the library.
 #pragma once
 #include <atomic>
 #include <cstdint>
@@ -20,11 +20,13 @@ public:
     NtfsFile(NtfsVolume& volume, std::uint64_t reference) : volume_(volume), reference_(reference) {}
 
     std::uint64_t Reference() const { return reference_; }
-    // Learns where the file lies; before anything else, while no other thread knows of the file.
-    [[nodiscard]] NTSTATUS Load() KVR_REQUIRES(volume_.Lock());
+    // Learns where the file lies; before anything else, while no other thread knows of the file. The caller
+    // holds the volume's lock (which the analysis cannot tell to be the one of this file's volume).
+    [[nodiscard]] NTSTATUS Load() KVR_NO_ANALYSIS;
 
     // `file` is what the requests carry. The contracts are those of host::OpenFile.
-    [[nodiscard]] NTSTATUS Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length, ULONG& done);
+    [[nodiscard]] NTSTATUS Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length,
+                                ULONG& done);
     [[nodiscard]] NTSTATUS Write(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length,
                                  ULONG& done);
     // Makes the file empty and gives it `attributes`.
@@ -50,7 +52,8 @@ private:
     [[nodiscard]] NTSTATUS WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const void* buffer,
                                           ULONG length);
     [[nodiscard]] NTSTATUS Extend(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length);
-    [[nodiscard]] NTSTATUS ExtendWithin(const NtfsOperation& operation, const Growth& growth, Shape& shape) const;
+    [[nodiscard]] NTSTATUS ExtendWithin(const NtfsOperation& operation, const Growth& growth,
+                                        Shape& shape) const;
     bool OverwritesInPlace(std::uint64_t offset, ULONG length) const;
 
     NtfsVolume& volume_;

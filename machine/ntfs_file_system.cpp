@@ -3,6 +3,7 @@
 #include "machine/ntfs_directory.h"
 #include "machine/ntfs_library.h"
 #include "machine/ntfs_open_files.h"
+#include "platform/owners.h"
 
 namespace machine {
 namespace {
@@ -26,40 +27,44 @@ bool EqualIgnoringAsciiCase(const std::u16string& a, const std::u16string& b) {
 }  // namespace
 
 struct NtfsFileSystem::State {
-    explicit State(VolumeIo& io) : volume(io), files(volume) {}
+    explicit State(VolumeIo& io) : files(io) {}
 
-    [[nodiscard]] NTSTATUS Locate(const std::u16string& path, NtfsPlace& place) KVR_REQUIRES(volume.Lock()) {
-        return volume.Look([&](const NtfsOperation& operation) { return LocateNtfsPath(operation, path, place); });
+    [[nodiscard]] NTSTATUS Locate(const std::u16string& path, NtfsPlace& place)
+        KVR_REQUIRES(files.volume.Lock()) {
+        return files.volume.Look(
+            [&](const NtfsOperation& operation) { return LocateNtfsPath(operation, path, place); });
     }
-    [[nodiscard]] NTSTATUS Create(NtfsPlace& place, bool directory, ULONG attributes) KVR_REQUIRES(volume.Lock());
-    [[nodiscard]] NTSTATUS RemoveDirectory(const NtfsPlace& place) KVR_REQUIRES(volume.Lock());
-    [[nodiscard]] NTSTATUS MoveName(const NtfsPlace& from, const NtfsPlace& to) KVR_REQUIRES(volume.Lock());
+    [[nodiscard]] NTSTATUS Create(NtfsPlace& place, bool directory, ULONG attributes)
+        KVR_REQUIRES(files.volume.Lock());
+    [[nodiscard]] NTSTATUS RemoveDirectory(const NtfsPlace& place) KVR_REQUIRES(files.volume.Lock());
+    [[nodiscard]] NTSTATUS MoveName(const NtfsPlace& from, const NtfsPlace& to)
+        KVR_REQUIRES(files.volume.Lock());
     [[nodiscard]] NTSTATUS Admit(const host::FileOpen& request, const ShareClaim& claim, NtfsPlace& place,
                                  std::shared_ptr<NtfsOpenFile>& file, ULONG_PTR& information)
-        KVR_REQUIRES(volume.Lock());
+        KVR_REQUIRES(files.volume.Lock());
     std::shared_ptr<NtfsFileObject> MakeFileObject(const std::u16string& path, NtfsOpenFile& file)
-        KVR_REQUIRES(volume.Lock());
+        KVR_REQUIRES(files.volume.Lock());
 
-    NtfsVolume volume;
     NtfsOpenFiles files;
-    std::shared_ptr<NtfsFileObject> pagingFile KVR_GUARDED_BY(volume.Lock());
+    std::shared_ptr<NtfsFileObject> pagingFile KVR_GUARDED_BY(files.volume.Lock());
 };
 
 // One open, as the host kernel holds it behind a handle.
 class NtfsOpen : public host::OpenFile {
 public:
     NtfsOpen(std::shared_ptr<NtfsFileSystem::State> state, std::shared_ptr<NtfsOpenFile> file,
-             std::shared_ptr<NtfsFileObject> object, const ShareClaim& claim, ULONG options)
+             std::shared_ptr<NtfsFileObject> object, const ShareClaim& claim, const host::FileOpen& request)
         : state_(std::move(state)),
           file_(std::move(file)),
           object_(std::move(object)),
           claim_(claim),
-          unbuffered_((options & FILE_NO_INTERMEDIATE_BUFFERING) != 0),
-          sector_(state_->volume.Io().SectorSize()) {}
+          mayWrite_(MakeShareClaim(request.access, 0).write),
+          unbuffered_((request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0),
+          sector_(state_->files.volume.Io().SectorSize()) {}
 
     ~NtfsOpen() override {
-        const NtfsLockGuard guard(state_->volume.Lock());
-        (void)state_->files.Leave(file_, claim_);  // a close cannot fail
+        const NtfsLockGuard guard(state_->files.volume.Lock());
+        KVR_DISCARD(state_->files.Leave(file_, claim_), "a close has nobody to report a failure to");
     }
     NtfsOpen(const NtfsOpen&) = delete;
     NtfsOpen& operator=(const NtfsOpen&) = delete;
@@ -73,7 +78,7 @@ public:
 
     NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length, ULONG& done) override {
         done = 0;
-        const NTSTATUS status = Check(claim_.write, offset, length);
+        const NTSTATUS status = Check(mayWrite_, offset, length);
         if (!NT_SUCCESS(status)) return status;
         return file_->file.Write(object_->Get(), static_cast<std::uint64_t>(offset), buffer, length, done);
     }
@@ -90,13 +95,14 @@ private:
     const std::shared_ptr<NtfsOpenFile> file_;
     const std::shared_ptr<NtfsFileObject> object_;
     const ShareClaim claim_;
+    const bool mayWrite_;  // an open that only empties the file claims writing, too, but may not write
     const bool unbuffered_;
     const std::uint32_t sector_;
 };
 
 NTSTATUS NtfsFileSystem::State::Create(NtfsPlace& place, bool directory, ULONG attributes) {
-    const NTSTATUS status =
-        volume.Change(CommitOrder::TakeFirst, volume.DirectoryObject(), [&](const NtfsOperation& operation) {
+    const NTSTATUS status = files.volume.Change(
+        CommitOrder::TakeFirst, files.volume.DirectoryObject(), [&](const NtfsOperation& operation) {
             return CreateNtfsEntry(operation, place.link, directory, attributes, place.reference);
         });
     place.exists = NT_SUCCESS(status);
@@ -105,21 +111,21 @@ NTSTATUS NtfsFileSystem::State::Create(NtfsPlace& place, bool directory, ULONG a
 
 NTSTATUS NtfsFileSystem::State::RemoveDirectory(const NtfsPlace& place) {
     if (place.link.name.empty()) return STATUS_CANNOT_DELETE;
-    return volume.Change(CommitOrder::RemoveFirst, volume.DirectoryObject(), [&](const NtfsOperation& operation) {
-        return RemoveNtfsEntry(operation, place.link, place.reference);
-    });
+    return files.volume.Change(CommitOrder::RemoveFirst, files.volume.DirectoryObject(),
+                               [&](const NtfsOperation& operation) {
+                                   return RemoveNtfsEntry(operation, place.link, place.reference);
+                               });
 }
 
 // The new name first: a machine that stops in between leaves the file with two names, not with none.
 NTSTATUS NtfsFileSystem::State::MoveName(const NtfsPlace& from, const NtfsPlace& to) {
-    NTSTATUS status =
-        volume.Change(CommitOrder::TakeFirst, volume.DirectoryObject(), [&](const NtfsOperation& operation) {
-            return AddNtfsLink(operation, to.link, from.reference);
-        });
+    NTSTATUS status = files.volume.Change(
+        CommitOrder::TakeFirst, files.volume.DirectoryObject(),
+        [&](const NtfsOperation& operation) { return AddNtfsLink(operation, to.link, from.reference); });
     if (!NT_SUCCESS(status)) return status;
-    return volume.Change(CommitOrder::RemoveFirst, volume.DirectoryObject(), [&](const NtfsOperation& operation) {
-        return RemoveNtfsEntry(operation, from.link, from.reference);
-    });
+    return files.volume.Change(
+        CommitOrder::RemoveFirst, files.volume.DirectoryObject(),
+        [&](const NtfsOperation& operation) { return RemoveNtfsEntry(operation, from.link, from.reference); });
 }
 
 // Filters remember the paging file by its file object and never learn that it went; the system keeps the paging
@@ -127,8 +133,8 @@ NTSTATUS NtfsFileSystem::State::MoveName(const NtfsPlace& from, const NtfsPlace&
 std::shared_ptr<NtfsFileObject> NtfsFileSystem::State::MakeFileObject(const std::u16string& path,
                                                                       NtfsOpenFile& file) {
     if (!EqualIgnoringAsciiCase(path, u"\\pagefile.sys"))
-        return std::make_shared<NtfsFileObject>(volume.Io(), path, &file);
-    if (pagingFile == nullptr) pagingFile = std::make_shared<NtfsFileObject>(volume.Io(), path);
+        return std::make_shared<NtfsFileObject>(files.volume.Io(), path, &file);
+    if (pagingFile == nullptr) pagingFile = std::make_shared<NtfsFileObject>(files.volume.Io(), path);
     return pagingFile;
 }
 
@@ -143,7 +149,7 @@ NTSTATUS NtfsFileSystem::State::Admit(const host::FileOpen& request, const Share
         const bool readOnly = (place.entry.attributes & FILE_ATTRIBUTE_READONLY) != 0;
         if (claim.write && readOnly) return STATUS_ACCESS_DENIED;
         if (claim.remove && readOnly) return STATUS_CANNOT_DELETE;
-        if ((claim.write || claim.remove) && volume.ReadOnly()) return STATUS_MEDIA_WRITE_PROTECTED;
+        if ((claim.write || claim.remove) && files.volume.ReadOnly()) return STATUS_MEDIA_WRITE_PROTECTED;
     } else {
         if (!Creates(request.disposition)) return STATUS_OBJECT_NAME_NOT_FOUND;
         status = Create(place, false, request.attributes);
@@ -156,14 +162,14 @@ NTSTATUS NtfsFileSystem::State::Admit(const host::FileOpen& request, const Share
 NtfsFileSystem::NtfsFileSystem(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
 NtfsFileSystem::~NtfsFileSystem() {
-    (void)Unmount();
+    KVR_DISCARD(Dismount(), "a destructor has nobody to report a failed flush to");
 }
 
 NTSTATUS NtfsFileSystem::Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fileSystem) {
     auto state = std::make_shared<State>(io);
     {
-        const NtfsLockGuard guard(state->volume.Lock());
-        const NTSTATUS status = state->volume.Mount();
+        const NtfsLockGuard guard(state->files.volume.Lock());
+        const NTSTATUS status = state->files.volume.Mount();
         if (!NT_SUCCESS(status)) return status;
     }
     fileSystem.reset(new NtfsFileSystem(std::move(state)));
@@ -172,19 +178,19 @@ NTSTATUS NtfsFileSystem::Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fi
 
 NTSTATUS NtfsFileSystem::Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
                               ULONG_PTR& information) {
-    if (request.disposition < FILE_OPEN || request.disposition > FILE_OVERWRITE_IF) return STATUS_INVALID_PARAMETER;
+    if (request.disposition < FILE_OPEN || request.disposition > FILE_OVERWRITE_IF)
+        return STATUS_INVALID_PARAMETER;
     ShareClaim claim = MakeShareClaim(request.access, request.share);
-    const bool granted = claim.write;
     claim.write = claim.write || Empties(request.disposition);  // emptying a file is writing it
     std::unique_ptr<NtfsOpen> opened;
     std::shared_ptr<NtfsOpenFile> target;
     {
-        const NtfsLockGuard guard(state_->volume.Lock());
+        const NtfsLockGuard guard(state_->files.volume.Lock());
         NtfsPlace place;
         const NTSTATUS status = state_->Admit(request, claim, place, target, information);
         if (!NT_SUCCESS(status)) return status;
-        opened = std::make_unique<NtfsOpen>(state_, target, state_->MakeFileObject(request.path, *target), claim,
-                                            granted, request.options);
+        opened = std::make_unique<NtfsOpen>(state_, target, state_->MakeFileObject(request.path, *target),
+                                            claim, request);
     }
     if (information == FILE_OVERWRITTEN) {
         const NTSTATUS status = target->file.Truncate(request.attributes);
@@ -195,7 +201,7 @@ NTSTATUS NtfsFileSystem::Open(const host::FileOpen& request, std::unique_ptr<hos
 }
 
 NTSTATUS NtfsFileSystem::Delete(const std::u16string& path) {
-    const NtfsLockGuard guard(state_->volume.Lock());
+    const NtfsLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -212,7 +218,7 @@ NTSTATUS NtfsFileSystem::Delete(const std::u16string& path) {
 }
 
 NTSTATUS NtfsFileSystem::Rename(const std::u16string& from, const std::u16string& to) {
-    const NtfsLockGuard guard(state_->volume.Lock());
+    const NtfsLockGuard guard(state_->files.volume.Lock());
     NtfsPlace source, target;
     NTSTATUS status = state_->Locate(from, source);
     if (NT_SUCCESS(status)) status = state_->Locate(to, target);
@@ -236,12 +242,12 @@ NTSTATUS NtfsFileSystem::Rename(const std::u16string& from, const std::u16string
     if (!NT_SUCCESS(status)) return status;
     status = state_->MoveName(source, target);
     if (NT_SUCCESS(status)) file->above = target.above;
-    (void)state_->files.Leave(file, claim);  // no deletion is due
+    KVR_DISCARD(state_->files.Leave(file, claim), "no deletion is due with it");
     return status;
 }
 
 NTSTATUS NtfsFileSystem::MakeDirectory(const std::u16string& path) {
-    const NtfsLockGuard guard(state_->volume.Lock());
+    const NtfsLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -249,18 +255,17 @@ NTSTATUS NtfsFileSystem::MakeDirectory(const std::u16string& path) {
 }
 
 NTSTATUS NtfsFileSystem::List(const std::u16string& path, std::vector<DirectoryEntry>& entries) {
-    const NtfsLockGuard guard(state_->volume.Lock());
+    const NtfsLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
     if (!place.exists) return STATUS_OBJECT_NAME_NOT_FOUND;
-    return state_->volume.Look([&](const NtfsOperation& operation) {
-        return ListNtfsDirectory(operation, place.reference, entries);
-    });
+    return state_->files.volume.Look(
+        [&](const NtfsOperation& operation) { return ListNtfsDirectory(operation, place.reference, entries); });
 }
 
 NTSTATUS NtfsFileSystem::Query(const std::u16string& path, DirectoryEntry& entry) {
-    const NtfsLockGuard guard(state_->volume.Lock());
+    const NtfsLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -271,37 +276,53 @@ NTSTATUS NtfsFileSystem::Query(const std::u16string& path, DirectoryEntry& entry
 
 NTSTATUS NtfsFileSystem::FreeSpace(std::uint64_t& bytes) {
     using namespace ntfs_library;
-    const NtfsLockGuard guard(state_->volume.Lock());
-    return state_->volume.Look([&](const NtfsOperation& operation) {
+    const NtfsLockGuard guard(state_->files.volume.Lock());
+    return state_->files.volume.Look([&](const NtfsOperation& operation) {
         ntfs_volume* volume = operation.Library();
-        if (!NVolFreeSpaceKnown(volume) && ntfs_volume_get_free_space(volume) != 0) return operation.Failed(errno);
+        if (!NVolFreeSpaceKnown(volume) && ntfs_volume_get_free_space(volume) != 0)
+            return operation.Failed(errno);
         bytes = static_cast<std::uint64_t>(volume->free_clusters) << volume->cluster_size_bits;
         return STATUS_SUCCESS;
     });
 }
 
 bool NtfsFileSystem::ReadOnly() const {
-    const NtfsLockGuard guard(state_->volume.Lock());
-    return state_->volume.ReadOnly();
+    const NtfsLockGuard guard(state_->files.volume.Lock());
+    return state_->files.volume.ReadOnly();
 }
 
 NTSTATUS NtfsFileSystem::Flush() {
-    return state_->volume.Flush();
+    const NtfsLockGuard guard(state_->files.volume.Lock());
+    return state_->files.volume.Closed() ? STATUS_DEVICE_NOT_READY : state_->files.volume.Io().Flush();
 }
 
-NTSTATUS NtfsFileSystem::Unmount() {
+NTSTATUS NtfsFileSystem::Dismount() {
+    return End(true);
+}
+
+void NtfsFileSystem::Abandon() {
+    KVR_DISCARD(End(false), "nothing was sent that could have failed");
+}
+
+// Closing the mount first keeps new opens out; transfers of file data that are under way are waited for.
+NTSTATUS NtfsFileSystem::End(bool orderly) {
     std::vector<std::shared_ptr<NtfsOpenFile>> open;
     {
-        const NtfsLockGuard guard(state_->volume.Lock());
-        if (state_->volume.Closed()) return STATUS_SUCCESS;
-        open = state_->files.All();
+        const NtfsLockGuard guard(state_->files.volume.Lock());
+        if (state_->files.volume.Closed()) return STATUS_SUCCESS;
+        open = orderly ? state_->files.CloseAll() : state_->files.ForgetAll();
+        state_->files.volume.Close();
     }
     for (const std::shared_ptr<NtfsOpenFile>& file : open) file->file.Disconnect();
-    const NTSTATUS status = state_->volume.Flush();
-    const NtfsLockGuard guard(state_->volume.Lock());
-    state_->files.CloseAll();
-    state_->volume.Close();
-    return status;
+    return orderly ? state_->files.volume.Io().Flush() : STATUS_SUCCESS;
+}
+
+FileSystemFactory NtfsFactory() {
+    return [](VolumeIo& io, NTSTATUS& status) -> std::unique_ptr<FileSystem> {
+        std::unique_ptr<NtfsFileSystem> fileSystem;
+        status = NtfsFileSystem::Mount(io, fileSystem);
+        return fileSystem;
+    };
 }
 
 }  // namespace machine

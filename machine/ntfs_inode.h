@@ -1,5 +1,5 @@
-// Owners of the NTFS library's objects. None outlives the operation that opened it: the library keeps one record
-// twice when it is opened twice, so nothing is left open between operations.
+// Owners of the NTFS library's objects. None outlives the operation that opened it: the library keeps one
+// record twice when it is opened twice, so nothing is left open between operations.
 #pragma once
 #include <utility>
 #include "machine/ntfs_library.h"

@@ -11,12 +11,18 @@ constexpr std::uint64_t kLargestRequest = 1 << 20;  // bytes, a multiple of ever
 // are older than their files, and so a directory's own record lies before those of its files.
 int RankOf(MetadataKind kind) {
     switch (kind) {
-        case MetadataKind::ClusterBitmap: return 0;
-        case MetadataKind::RecordBitmap: return 1;
-        case MetadataKind::Other: return 2;
-        case MetadataKind::Record: return 3;
-        case MetadataKind::RecordMirror: return 4;
-        case MetadataKind::Directory: break;
+        case MetadataKind::ClusterBitmap:
+            return 0;
+        case MetadataKind::RecordBitmap:
+            return 1;
+        case MetadataKind::Other:
+            return 2;
+        case MetadataKind::Record:
+            return 3;
+        case MetadataKind::RecordMirror:
+            return 4;
+        case MetadataKind::Directory:
+            break;
     }
     return 5;
 }
@@ -45,8 +51,9 @@ NTSTATUS NtfsMetadataCache::Load(std::uint64_t first, std::uint64_t end) {
         const std::uint64_t most = sector + kLargestRequest / size;
         while (stop < end && stop < most && !sectors_.contains(stop)) ++stop;
         std::vector<std::uint8_t> buffer((stop - sector) * size);
-        const NTSTATUS status = io_.Read(sector * size, buffer.data(), static_cast<std::uint32_t>(buffer.size()),
-                                         names_.ObjectOf(names_.KindAt(sector * size)));
+        const NTSTATUS status =
+            io_.Read(sector * size, buffer.data(), static_cast<std::uint32_t>(buffer.size()),
+                     names_.ObjectOf(names_.KindAt(sector * size)));
         if (!NT_SUCCESS(status)) return failure_ = status;
         for (const std::uint8_t* from = buffer.data(); sector < stop; ++sector, from += size)
             sectors_[sector].bytes.assign(from, from + size);
@@ -86,8 +93,8 @@ NTSTATUS NtfsMetadataCache::Write(std::uint64_t offset, const void* buffer, std:
 }
 
 // Bytes that are there already change nothing: the library writes whole windows of the bitmap back for one bit.
-void NtfsMetadataCache::Store(std::uint64_t sector, std::size_t at, const std::uint8_t* bytes, std::size_t length,
-                              bool directory) {
+void NtfsMetadataCache::Store(std::uint64_t sector, std::size_t at, const std::uint8_t* bytes,
+                              std::size_t length, bool directory) {
     Sector& target = sectors_[sector];
     target.directory = target.directory || directory;
     if (target.bytes.empty()) {

@@ -87,7 +87,8 @@ NTSTATUS RepairNtfsMirror(VolumeIo& io, NtfsNames& names) {
         }
     }
     if (recordsChanged) status = io.Write(layout.records, records.data(), length, owner);
-    if (NT_SUCCESS(status) && mirrorChanged) status = io.Write(layout.mirror, mirror.data(), length, names.Mirror());
+    if (NT_SUCCESS(status) && mirrorChanged)
+        status = io.Write(layout.mirror, mirror.data(), length, names.Mirror());
     return status;
 }
 

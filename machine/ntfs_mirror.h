@@ -1,5 +1,5 @@
-// The copy that NTFS keeps of its first records ($MFTMirr). The library refuses a volume whose copy differs from
-// the records; a machine that stopped between writing one and the other leaves just that.
+// The copy that NTFS keeps of its first records ($MFTMirr). The library refuses a volume whose copy differs
+// from the records; a machine that stopped between writing one and the other leaves just that.
 #pragma once
 #include "machine/ntfs_names.h"
 

@@ -31,12 +31,17 @@ MetadataKind NtfsNames::KindAt(std::uint64_t offset) const {
 
 PFILE_OBJECT NtfsNames::ObjectOf(MetadataKind kind) {
     switch (kind) {
-        case MetadataKind::ClusterBitmap: return bitmap_.Get();
+        case MetadataKind::ClusterBitmap:
+            return bitmap_.Get();
         case MetadataKind::RecordBitmap:  // a stream of the same file
-        case MetadataKind::Record: return records_.Get();
-        case MetadataKind::RecordMirror: return mirror_.Get();
-        case MetadataKind::Directory: return directory_.Get();
-        case MetadataKind::Other: break;
+        case MetadataKind::Record:
+            return records_.Get();
+        case MetadataKind::RecordMirror:
+            return mirror_.Get();
+        case MetadataKind::Directory:
+            return directory_.Get();
+        case MetadataKind::Other:
+            break;
     }
     return other_;
 }

@@ -1,5 +1,6 @@
 #include "machine/ntfs_open_files.h"
 #include <algorithm>
+#include "platform/owners.h"
 
 namespace machine {
 
@@ -9,7 +10,7 @@ NTSTATUS NtfsOpenFiles::Find(const NtfsPlace& place, std::shared_ptr<NtfsOpenFil
         file = found->second;
         return file->removeName ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
     }
-    file = std::make_shared<NtfsOpenFile>(volume_, place.reference);
+    file = std::make_shared<NtfsOpenFile>(volume, place.reference);
     file->above = place.above;
     return file->file.Load();
 }
@@ -31,17 +32,18 @@ NTSTATUS NtfsOpenFiles::Leave(const std::shared_ptr<NtfsOpenFile>& file, const S
     return LastClose(*file);
 }
 
-// The sizes that the directory shows are a convenience: a failure to refresh them has nobody to be told to.
 NTSTATUS NtfsOpenFiles::LastClose(NtfsOpenFile& file) {
     const std::uint64_t reference = file.file.Reference();
     if (file.removeName)
-        return volume_.Change(CommitOrder::RemoveFirst, volume_.DirectoryObject(), [&](const NtfsOperation& operation) {
-            return RemoveNtfsEntry(operation, *file.removeName, reference);
-        });
+        return volume.Change(CommitOrder::RemoveFirst, volume.DirectoryObject(),
+                             [&](const NtfsOperation& operation) {
+                                 return RemoveNtfsEntry(operation, *file.removeName, reference);
+                             });
     if (file.file.Touched())
-        (void)volume_.Change(CommitOrder::TakeFirst, volume_.DirectoryObject(), [&](const NtfsOperation& operation) {
-            return RefreshNtfsEntry(operation, reference);
-        });
+        KVR_DISCARD(volume.Change(
+                        CommitOrder::TakeFirst, volume.DirectoryObject(),
+                        [&](const NtfsOperation& operation) { return RefreshNtfsEntry(operation, reference); }),
+                    "the sizes and times that the directory shows are a convenience");
     return STATUS_SUCCESS;
 }
 
@@ -52,15 +54,17 @@ bool NtfsOpenFiles::AnyBelow(std::uint64_t directory) const {
     });
 }
 
-std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::All() const {
-    std::vector<std::shared_ptr<NtfsOpenFile>> all;
-    for (const auto& item : files_) all.push_back(item.second);
-    return all;
+std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::CloseAll() {
+    for (const auto& item : files_)
+        KVR_DISCARD(LastClose(*item.second), "a close has nobody to report a failure to");
+    return ForgetAll();
 }
 
-void NtfsOpenFiles::CloseAll() {
-    for (const auto& item : files_) (void)LastClose(*item.second);
+std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::ForgetAll() {
+    std::vector<std::shared_ptr<NtfsOpenFile>> all;
+    for (const auto& item : files_) all.push_back(item.second);
     files_.clear();
+    return all;
 }
 
 }  // namespace machine

@@ -25,30 +25,34 @@ struct NtfsOpenFile {
 
 class NtfsOpenFiles {
 public:
-    explicit NtfsOpenFiles(NtfsVolume& volume) : volume_(volume) {}
+    explicit NtfsOpenFiles(VolumeIo& io) : volume(io) {}
+
+    NtfsVolume volume;  // synchronises itself; its lock guards this object, too
 
     // The record of what stands at `place`, loaded if this is its first open. STATUS_DELETE_PENDING while the
     // file is about to go. It stays for the caller's opens: Enter() once for each, then Leave().
     [[nodiscard]] NTSTATUS Find(const NtfsPlace& place, std::shared_ptr<NtfsOpenFile>& file)
-        KVR_REQUIRES(volume_.Lock());
+        KVR_REQUIRES(volume.Lock());
     // STATUS_SHARING_VIOLATION when the opens there are and this one do not go together.
     [[nodiscard]] NTSTATUS Enter(const std::shared_ptr<NtfsOpenFile>& file, const ShareClaim& claim)
-        KVR_REQUIRES(volume_.Lock());
+        KVR_REQUIRES(volume.Lock());
     // The status is that of a deletion that was due with the last close, else success.
     NTSTATUS Leave(const std::shared_ptr<NtfsOpenFile>& file, const ShareClaim& claim)
-        KVR_REQUIRES(volume_.Lock());
+        KVR_REQUIRES(volume.Lock());
 
     // Whether an open file lies below a directory.
-    bool AnyBelow(std::uint64_t directory) const KVR_REQUIRES(volume_.Lock());
-    std::vector<std::shared_ptr<NtfsOpenFile>> All() const KVR_REQUIRES(volume_.Lock());
-    // Does for every file what its last close would do; their opens only let go of them afterwards.
-    void CloseAll() KVR_REQUIRES(volume_.Lock());
+    bool AnyBelow(std::uint64_t directory) const KVR_REQUIRES(volume.Lock());
+    // Does for every file what its last close would do; their opens only let go of them afterwards. Returns
+    // the files.
+    std::vector<std::shared_ptr<NtfsOpenFile>> CloseAll() KVR_REQUIRES(volume.Lock());
+    // The same without changing anything on the volume.
+    std::vector<std::shared_ptr<NtfsOpenFile>> ForgetAll() KVR_REQUIRES(volume.Lock());
 
 private:
-    NTSTATUS LastClose(NtfsOpenFile& file) KVR_REQUIRES(volume_.Lock());
+    NTSTATUS LastClose(NtfsOpenFile& file) KVR_REQUIRES(volume.Lock());
 
-    NtfsVolume& volume_;
-    std::map<std::uint64_t, std::shared_ptr<NtfsOpenFile>> files_ KVR_GUARDED_BY(volume_.Lock());  // by record number
+    std::map<std::uint64_t, std::shared_ptr<NtfsOpenFile>> files_
+        KVR_GUARDED_BY(volume.Lock());  // by record number
 };
 
 }  // namespace machine

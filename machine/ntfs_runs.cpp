@@ -50,8 +50,8 @@ NTSTATUS NtfsRuns::ReadSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t of
     });
 }
 
-NTSTATUS NtfsRuns::WriteSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, const std::uint8_t* buffer,
-                                std::uint64_t length) const {
+NTSTATUS NtfsRuns::WriteSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset,
+                                const std::uint8_t* buffer, std::uint64_t length) const {
     return ForEachRun(offset, length, [&](std::uint64_t volume, std::uint64_t done, std::uint32_t part) {
         return io.Write(volume, buffer + done, part, file);
     });
@@ -84,7 +84,8 @@ NTSTATUS NtfsRuns::Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, 
     const auto* from = static_cast<const std::uint8_t*>(buffer);
     if (offset % sector == 0 && length % sector == 0) return WriteSectors(io, file, offset, from, length);
     const std::uint64_t first = RoundDown(offset, sector), end = offset + length;
-    const std::uint64_t last = RoundDown(end, sector);  // the sector that the range ends in, when it ends in one
+    const std::uint64_t last =
+        RoundDown(end, sector);  // the sector that the range ends in, when it ends in one
     std::vector<std::uint8_t> whole(RoundUp(end, sector) - first, 0);
     NTSTATUS status = STATUS_SUCCESS;
     if (first != offset || last == first) status = ReadDefined(io, file, first, whole.data(), valid);

@@ -22,9 +22,9 @@ public:
     void Append(std::uint64_t volume, std::uint64_t length);
     std::uint64_t Allocated() const { return runs_.empty() ? 0 : runs_.back().at + runs_.back().length; }
 
-    // Transfers any byte range within the allocation. On a failure the failing request's status; parts before it
-    // are transferred. `valid` is the position up to which the file's bytes are defined: where a write covers
-    // a sector in part, the rest of it is kept below `valid` and zero beyond.
+    // Transfers any byte range within the allocation. On a failure the failing request's status; parts before
+    // it are transferred. `valid` is the position up to which the file's bytes are defined: where a write
+    // covers a sector in part, the rest of it is kept below `valid` and zero beyond.
     [[nodiscard]] NTSTATUS Read(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, void* buffer,
                                 std::uint64_t length) const;
     [[nodiscard]] NTSTATUS Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, const void* buffer,
@@ -34,13 +34,14 @@ public:
 
 private:
     template <class Transfer>
-    [[nodiscard]] NTSTATUS ForEachRun(std::uint64_t offset, std::uint64_t length, const Transfer& transfer) const;
-    [[nodiscard]] NTSTATUS ReadSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint8_t* buffer,
-                                       std::uint64_t length) const;
+    [[nodiscard]] NTSTATUS ForEachRun(std::uint64_t offset, std::uint64_t length,
+                                      const Transfer& transfer) const;
+    [[nodiscard]] NTSTATUS ReadSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset,
+                                       std::uint8_t* buffer, std::uint64_t length) const;
     [[nodiscard]] NTSTATUS WriteSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset,
                                         const std::uint8_t* buffer, std::uint64_t length) const;
-    [[nodiscard]] NTSTATUS ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt, std::uint8_t* sector,
-                                       std::uint64_t valid) const;
+    [[nodiscard]] NTSTATUS ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt,
+                                       std::uint8_t* sector, std::uint64_t valid) const;
 
     std::vector<NtfsRun> runs_;
 };

@@ -16,29 +16,44 @@ void SilenceLibrary() {
 
 NTSTATUS Translate(int error) {
     switch (error) {
-        case ENOENT: return STATUS_OBJECT_NAME_NOT_FOUND;
-        case EEXIST: return STATUS_OBJECT_NAME_COLLISION;
+        case ENOENT:
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        case EEXIST:
+            return STATUS_OBJECT_NAME_COLLISION;
         case ENOSPC:
         case ERANGE:
-        case EFBIG: return STATUS_DISK_FULL;
-        case EROFS: return STATUS_MEDIA_WRITE_PROTECTED;
-        case ENOTEMPTY: return STATUS_DIRECTORY_NOT_EMPTY;
-        case ENOTDIR: return STATUS_NOT_A_DIRECTORY;
-        case EISDIR: return STATUS_FILE_IS_A_DIRECTORY;
-        case EINVAL: return STATUS_INVALID_PARAMETER;
-        case ENOMEM: return STATUS_INSUFFICIENT_RESOURCES;
+        case EFBIG:
+            return STATUS_DISK_FULL;
+        case EROFS:
+            return STATUS_MEDIA_WRITE_PROTECTED;
+        case ENOTEMPTY:
+            return STATUS_DIRECTORY_NOT_EMPTY;
+        case ENOTDIR:
+            return STATUS_NOT_A_DIRECTORY;
+        case EISDIR:
+            return STATUS_FILE_IS_A_DIRECTORY;
+        case EINVAL:
+            return STATUS_INVALID_PARAMETER;
+        case ENOMEM:
+            return STATUS_INSUFFICIENT_RESOURCES;
         case EACCES:
-        case EPERM: return STATUS_ACCESS_DENIED;
-        case EOPNOTSUPP: return STATUS_NOT_SUPPORTED;
-        default: return STATUS_FILE_CORRUPT_ERROR;
+        case EPERM:
+            return STATUS_ACCESS_DENIED;
+        case EOPNOTSUPP:
+            return STATUS_NOT_SUPPORTED;
+        default:
+            return STATUS_FILE_CORRUPT_ERROR;
     }
 }
 
 NTSTATUS TranslateMount(int error) {
     switch (error) {
-        case EINVAL: return STATUS_UNRECOGNIZED_VOLUME;
-        case ENOMEM: return STATUS_INSUFFICIENT_RESOURCES;
-        default: return STATUS_DISK_CORRUPT_ERROR;
+        case EINVAL:
+            return STATUS_UNRECOGNIZED_VOLUME;
+        case ENOMEM:
+            return STATUS_INSUFFICIENT_RESOURCES;
+        default:
+            return STATUS_DISK_CORRUPT_ERROR;
     }
 }
 
@@ -97,7 +112,8 @@ NTSTATUS NtfsVolume::Begin() {
     return STATUS_SUCCESS;
 }
 
-// The library marks the inode of its table of records dirty when the table grows, and stores it when it sees fit.
+// The library marks the inode of its table of records dirty when the table grows, and stores it when it sees
+// fit.
 NTSTATUS NtfsVolume::Commit(CommitOrder order, PFILE_OBJECT other) {
     const OtherScope scope(names_, other);
     for (ntfs_inode* inode : {volume_->mft_ni, volume_->lcnbmp_ni})
@@ -110,7 +126,8 @@ NTSTATUS NtfsVolume::Commit(CommitOrder order, PFILE_OBJECT other) {
 
 void NtfsVolume::Forget() {
     names_.SetVolume(nullptr);  // its runs are about to go
-    if (volume_ != nullptr) ntfs_umount(volume_, static_cast<BOOL>(0));  // what it stores is dropped with the cache
+    if (volume_ != nullptr)
+        ntfs_umount(volume_, static_cast<BOOL>(0));  // what it stores is dropped with the cache
     volume_ = nullptr;
     cache_.Discard();
 }

@@ -59,12 +59,13 @@ public:
     NtfsVolume& operator=(const NtfsVolume&) = delete;
 
     // A file's content lock, where both are needed, is taken before it.
-    NtfsLock& Lock() KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
+    NtfsLock& Lock() const KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
     VolumeIo& Io() { return io_; }
 
     [[nodiscard]] NTSTATUS Mount() KVR_REQUIRES(lock_);
     // For good: no operation succeeds afterwards, and `io` is not touched again.
     void Close() KVR_REQUIRES(lock_);
+    bool Closed() const KVR_REQUIRES(lock_) { return closed_; }
     bool ReadOnly() const KVR_REQUIRES(lock_) { return readOnly_; }
     // Who owns requests for a directory's metadata, for Change().
     PFILE_OBJECT DirectoryObject() KVR_REQUIRES(lock_) { return names_.Directory(); }
@@ -87,8 +88,8 @@ public:
         return Look(names_.Directory(), body);
     }
 
-    // Runs `body` (NtfsOperation&) -> NTSTATUS, which changes the volume, and commits; all of its inodes must be
-    // closed when it returns. On a failure of either nothing of it remains in memory.
+    // Runs `body` (NtfsOperation&) -> NTSTATUS, which changes the volume, and commits; all of its inodes must
+    // be closed when it returns. On a failure of either nothing of it remains in memory.
     // STATUS_MEDIA_WRITE_PROTECTED on a volume mounted read-only, where the library would only pretend.
     template <class Body>
     [[nodiscard]] NTSTATUS Change(CommitOrder order, PFILE_OBJECT other, const Body& body) KVR_REQUIRES(lock_) {
@@ -114,7 +115,7 @@ private:
     void Forget() KVR_REQUIRES(lock_);
 
     VolumeIo& io_;
-    NtfsLock lock_;
+    mutable NtfsLock lock_;
     NtfsNames names_ KVR_GUARDED_BY(lock_);
     NtfsMetadataCache cache_ KVR_GUARDED_BY(lock_);
     NtfsDevice device_ KVR_GUARDED_BY(lock_);
