@@ -7,15 +7,15 @@
 inline constexpr ULONG kConfigPieceBytes = 512;
 static_assert(kConfigPieces * kConfigPieceBytes == KVR_CONFIG_BYTES);
 
-extern UCHAR gConfigBuffer[KVR_CONFIG_BYTES];                    // the text loaded at boot
-extern std::atomic<BOOLEAN> gConfigLoaded;                       // loaded and parsed
-extern std::atomic<BOOLEAN> gConfigDirty;                        // must be written back
-extern std::atomic<LONG> gConfigureBusy;                         // one load at a time
-extern std::atomic<BOOLEAN> gConfigWrittenByTool;                // in this boot
-extern std::atomic<HANDLE> gConfigFileHandle;                    // kvr.cfg, held from the first open on
-extern std::atomic<HANDLE> gDriverFileHandle;                    // the driver's own file
-extern FAST_MUTEX gConfigWriteLock;                              // one direct write or write-back at a time
-extern LONG gConfigToolWrites KVR_GUARDED_BY(gConfigWriteLock);  // WriteConfig calls under way
+extern UCHAR gConfigBuffer[KVR_CONFIG_BYTES];      // the text loaded at boot
+extern std::atomic<BOOLEAN> gConfigLoaded;         // loaded and parsed
+extern std::atomic<BOOLEAN> gConfigDirty;          // must be written back
+extern std::atomic<LONG> gConfigureBusy;           // one load at a time
+extern std::atomic<BOOLEAN> gConfigWrittenByTool;  // in this boot
+extern std::atomic<HANDLE> gConfigFileHandle;      // kvr.cfg, held from the first open on
+extern std::atomic<HANDLE> gDriverFileHandle;      // the driver's own file
+extern FAST_MUTEX gConfigWriteLock;                // one direct write or write-back at a time
+extern std::atomic<LONG> gConfigToolWrites;  // WriteConfig calls under way; changed under gConfigWriteLock
 
 [[nodiscard]] NTSTATUS KvrConfigure(PDEVICE_OBJECT device);
 [[nodiscard]] NTSTATUS PreloadConfig(PDEVICE_OBJECT device, PVOID buffer, ULONG* length);
