@@ -1,0 +1,16 @@
+# Installs what the project builds with and what is missing here. Sourced by ./run and ./test.
+need_packages() {
+    local missing=() package
+    for package in "$@"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -eq 0 ] && return 0
+    echo "installing: ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ntfs-3g-dev ntfs-3g libgtest-dev)
+TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 g++-mingw-w64-x86-64-win32 mingw-w64-x86-64-dev python3)
