@@ -62,12 +62,12 @@ void ResetSwapMaps(PDEVICE_OBJECT device) {
 
 void CreditFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) {
     volume->SwapFreeBytes += bytes;
-    CreditFreeBytes(volume->SwapFile, bytes);
+    MirrorFreeBytes(volume);
 }
 
 void DebitFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) {
     volume->SwapFreeBytes -= bytes;
-    DebitFreeBytes(volume->SwapFile, bytes);
+    MirrorFreeBytes(volume);
 }
 
 NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG length) {
