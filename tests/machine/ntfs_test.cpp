@@ -133,6 +133,7 @@ TEST(ConfigurationFile, AResidentFileMovesOutWithoutWritesBesidesItsData) {
         EXPECT_EQ(Covered(volume.Writes(u"\\kvr.cfg")), 8192u);
     }
     EXPECT_TRUE(Sound(volume));
+    EXPECT_EQ(ReadFromOutside(volume, "/kvr.cfg"), Pattern(8192, 3));
 }
 
 TEST(Metadata, RequestsCarryTheFileSystemsOwnNames) {
@@ -286,6 +287,21 @@ TEST(Contents, RandomWritesReadsAndTruncationsMatchAnArray) {
         EXPECT_TRUE(Sound(volume));
         EXPECT_TRUE(ReadFromOutside(volume, "/f") == model);
     }
+}
+
+// Another system may leave anything behind a file's end in its last sector.
+TEST(Contents, WhatLiesBehindTheEndNeverBecomesPartOfTheFile) {
+    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
+    Mounted mounted(volume);
+    ASSERT_EQ(mounted.files->WriteFile(u"\\f", Bytes(100, 1)), STATUS_SUCCESS);
+    const std::uint64_t at = volume.Writes(u"\\f").at(0).offset;
+    std::fill_n(volume.bytes.begin() + static_cast<std::ptrdiff_t>(at) + 100, 4096 - 100, std::uint8_t{0xEE});
+    ASSERT_EQ(mounted.files->WriteAt(u"\\f", 300, Bytes(1000, 2)), STATUS_SUCCESS);
+    Bytes expected(100, 1), read;
+    expected.resize(300, 0);
+    expected.resize(1300, 2);
+    ASSERT_EQ(mounted.files->ReadFile(u"\\f", read), STATUS_SUCCESS);
+    EXPECT_EQ(read, expected);
 }
 
 // ---- directories and names
