@@ -64,7 +64,7 @@ TEST_F(ReadPath, ChangedMediumDropsEveryRedirection) {
     std::vector<UCHAR> data(512);
     devices.back()->verdict = [](const auto&) { return STATUS_VERIFY_REQUIRED; };
     EXPECT_EQ(STATUS_VERIFY_REQUIRED, Send(stick, IRP_MJ_READ, 0x100000, data).status);
-    EXPECT_EQ(0u, stick->SwapUsedBytes);
+    EXPECT_EQ(0u, UsedBytes(stick));
 }
 
 TEST_F(ReadPath, FirstReadOfAVolumeWithoutConfigurationStartsItsThread) {

@@ -2,6 +2,7 @@
 #pragma once
 #include "config/parser.h"
 #include "config/protected_volumes.h"
+#include "platform/owners.h"
 #include "redirect/swap_file.h"
 #include "swap/swap.h"
 #include "tests/support/driver_fixture.h"
@@ -39,6 +40,15 @@ protected:
         volume->SwapMapLoaded = TRUE;
         // More than the device holds, so that space is not low; only its lowest part is ever written.
         for (LONGLONG i = 0; i < 64; ++i) AddFree(volume, kSwapStart + i * 0x100000, 0x100000);
+    }
+
+    static ULONG64 FreeBytes(PVOLUME_EXTENSION of) {
+        FastMutexLock lock(of->SwapLock);
+        return of->SwapFreeBytes;
+    }
+    static ULONG64 UsedBytes(PVOLUME_EXTENSION of) {
+        FastMutexLock lock(of->SwapLock);
+        return of->SwapUsedBytes;
     }
 
     bool Holds(LONGLONG offset, const std::vector<UCHAR>& data) const {

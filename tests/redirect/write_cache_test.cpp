@@ -53,8 +53,9 @@ TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
     Queue(0x20000, 0x1000, 3);
     PENDING_CHUNK* chain = nullptr;
     LARGE_INTEGER offset = {};
-    const auto taken = static_cast<ULONG>(volume->SwapFreeBytes - (large + 0x1000 - 512));
+    const auto taken = static_cast<ULONG>(FreeBytes(volume) - (large - 512));
     EXPECT_EQ(STATUS_SUCCESS, LockFreeChunks(volume, &offset, taken, &chain, nullptr));
+    AddFree(volume, kSwapStart - 0x1000, 0x1000);  // for the first entry
     EXPECT_EQ(STATUS_DEVICE_BUSY, FlushWriteCache(volume)) << "one sector too little behind the first entry";
     {
         KernelMutexLock lock(swapFile->CacheLock);

@@ -31,6 +31,14 @@ protected:
         TREE_NODE* node = tree_find(&volume->SwappedChunks, &at);
         return node ? static_cast<SWAPPED_CHUNK*>(node->Record)->bVolatile : 99;
     }
+    bool HasMapRuns() {
+        FastMutexLock lock(volume->SwapLock);
+        return volume->MapFileChunks.Root != &TreeNil;
+    }
+    LONGLONG Captured(ULONG slot) {
+        FastMutexLock lock(volume->SwapLock);
+        return volume->PostloadConfigLocation[slot];
+    }
 
 private:
     UCHAR m_fill = 0;
@@ -99,24 +107,24 @@ TEST_F(WritePath, SystemHiveIsRedirectedForThisBootOnly) {
 TEST_F(WritePath, StorageBeingMadeIsCaptured) {
     volume->SwapAllocating = TRUE;
     EXPECT_EQ(Fate::Passed, FateOf(u"\\kvr.swp.03"));
-    EXPECT_EQ(512u, volume->SwapFreeBytes);
+    EXPECT_EQ(512u, FreeBytes(volume));
     EXPECT_EQ(Fate::Passed, FateOf(u"\\kvr.map"));
-    EXPECT_NE(&TreeNil, volume->MapFileChunks.Root);
+    EXPECT_TRUE(HasMapRuns());
     device->verdict = [](const auto&) { return STATUS_IO_DEVICE_ERROR; };
     TestFile file(u"\\kvr.swp");
     EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Write(volume, kAt, std::vector<UCHAR>(512), &file.object).status);
     device->verdict = nullptr;
-    EXPECT_EQ(512u, volume->SwapFreeBytes) << "a write that failed shows nothing";
+    EXPECT_EQ(512u, FreeBytes(volume)) << "a write that failed shows nothing";
 }
 
 TEST_F(WritePath, ConfigurationIsCapturedEvenOnAProtectedVolumeUntilItsPlaceIsKnown) {
     Protect();
     const char16_t* name = u"\\Windows\\System32\\Drivers\\KVR.cfg";
     EXPECT_EQ(Fate::Passed, FateOf(name));
-    EXPECT_EQ(kAt, volume->PostloadConfigLocation[0]);
+    EXPECT_EQ(kAt, Captured(0));
     for (auto& offset : volume->PreloadConfigLocation) offset = 0x8000;
     EXPECT_EQ(Fate::Redirected, FateOf(name));
-    EXPECT_EQ(0, volume->PostloadConfigLocation[1]);
+    EXPECT_EQ(0, Captured(1));
 }
 
 TEST_F(WritePath, RefusesWritesThroughAVolumeHandleOnceItsSectorsAreTheDrivers) {
