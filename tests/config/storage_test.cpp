@@ -132,6 +132,10 @@ TEST_F(Storage, ToolsTextIsNotOverwrittenByTheParsersBuffer) {
     Locate();
     EXPECT_EQ(STATUS_SUCCESS, Read());
     ASSERT_TRUE(gConfigDirty);
+    ++gConfigToolWrites;  // a write of the tool is under way in another thread
+    Write(volume, 0x100000, Image(512));
+    --gConfigToolWrites;
+    EXPECT_EQ(ImageOf(kText), OnDisk());
     Image text = ImageOf(u"[Global]\nProtection=0\n");
     EXPECT_EQ(STATUS_SUCCESS, WriteConfig(text.data(), KVR_CONFIG_BYTES));
     EXPECT_TRUE(gConfigWrittenByTool);

@@ -66,6 +66,10 @@ TEST_F(ConfigParallel, QueuedWritesReachTheSwapInTheirOrder) {
         std::vector<UCHAR> data(0x1000, static_cast<UCHAR>(i));
         ASSERT_EQ(STATUS_SUCCESS, AddBufferToCache(volume, &at, data.data(), 0x1000));
     }
+    device->verdict = [](const auto&) {
+        std::this_thread::yield();
+        return STATUS_SUCCESS;
+    };
     AtOnce(3, [this](int) { EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume)); });
     std::vector<UCHAR> data(0x1000);
     EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, 0, data).status);

@@ -60,6 +60,12 @@ TEST_F(SwapFiles, FreeBytesMirrorTheHoldersSpace) {
     LARGE_INTEGER offset = {};
     EXPECT_EQ(STATUS_SUCCESS, LockFreeChunks(volume, &offset, 0x4000, &chain, nullptr));
     EXPECT_EQ(0xFFFFE000u, swapFile->ulFreeBytes.load()) << "what was cut came back";
+    ForgetSwapVolume(volume);
+    EXPECT_EQ(0u, swapFile->ulFreeBytes.load());
+    SwapDevice found(volume);
+    EXPECT_EQ(volume->Target, found.Device());
+    EXPECT_EQ(0xFFFFE000u, swapFile->ulFreeBytes.load()) << "found again with its space";
+    found.Release();
     EXPECT_EQ(STATUS_SUCCESS, UnlockFreeChunks(volume, chain));
     EXPECT_EQ(0xFFFFFFFFu, swapFile->ulFreeBytes.load());
 }

@@ -125,9 +125,9 @@ private:
         const bool isWrite = stack->MajorFunction == IRP_MJ_WRITE;
         const Transfer transfer = {isWrite, stack->Parameters.Read.ByteOffset.QuadPart,
                                    stack->Parameters.Read.Length};
+        irp->IoStatus.Status = verdict ? verdict(transfer) : STATUS_SUCCESS;
         const std::lock_guard lock(lock_);
         transfers_.push_back(transfer);
-        irp->IoStatus.Status = verdict ? verdict(transfer) : STATUS_SUCCESS;
         if (irp->IoStatus.Status != STATUS_SUCCESS || transfer.length == 0) return;
         const auto end = static_cast<ULONGLONG>(transfer.offset) + transfer.length;
         if (transfer.offset < 0 || end > data.size()) {
