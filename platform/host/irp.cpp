@@ -56,12 +56,12 @@ PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context) {
     own->OutputLength = 0;
     own->OwnedSystemBuffer = nullptr;
     PIRP irp = IrpOf(own);
-    auto* locations = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + SpareLocations;
-    RtlZeroMemory(irp, sizeof(IRP));
-    RtlZeroMemory(locations, static_cast<SIZE_T>(stackSize) * sizeof(IO_STACK_LOCATION));
+    auto* locations = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1);
+    const int used = SpareLocations + stackSize;
+    RtlZeroMemory(irp, sizeof(IRP) + static_cast<SIZE_T>(used) * sizeof(IO_STACK_LOCATION));
     irp->StackCount = stackSize;
     irp->CurrentLocation = static_cast<CCHAR>(stackSize + 1);
-    irp->Tail.Overlay.CurrentStackLocation = locations + stackSize;
+    irp->Tail.Overlay.CurrentStackLocation = locations + used;
     irp->Host = own;
     return irp;
 }
