@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 #include "platform/host/device.h"
+#include "platform/host/injector.h"
 
 namespace support {
 
@@ -82,6 +83,7 @@ private:
     }
 
     void Carry(PIRP irp, const Transfer& transfer) {
+        const host::FaultPause pause;  // the device's own work
         const std::lock_guard lock(mutex_);
         transfers_.push_back(transfer);
         const LONGLONG end = transfer.offset + transfer.length;
