@@ -97,12 +97,8 @@ ProtectedComputer::~ProtectedComputer() {
 }
 
 ComputerImage ProtectedComputer::Capture() const {
-    return {options_,
-            systemDisk_->Clone(),
-            dataDisk_->Clone(),
-            systemFiles_->Save(),
-            dataFiles_->Save(),
-            machine_->Registry().Text()};
+    return {options_,           systemDisk_->Clone(),       dataDisk_->Clone(), systemFiles_->Save(),
+            dataFiles_->Save(), machine_->Registry().Text()};
 }
 
 void ProtectedComputer::Install(const Configuration& configuration, std::uint64_t swapBytes) {
