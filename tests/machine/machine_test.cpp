@@ -7,6 +7,7 @@
 #include "machine/recording_disk.h"
 #include "machine/scripted_file_system.h"
 #include "platform/owners.h"
+#include "request.h"
 #include "tests/support/stand_in.h"
 
 namespace {
@@ -80,6 +81,25 @@ TEST(Machine, BootsAndShutsDownInOrder) {
               DevicesOf(seen, IRP_MJ_POWER));
     EXPECT_FALSE(machine.IsOn());
     EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Flush(1));
+}
+
+// A driver may still read after the disks' filters have gone.
+TEST(Machine, RequestsAfterTheNotificationPassNoDetachedFilter) {
+    static unsigned read;
+    read = 0;
+    const auto atPower = [](PDEVICE_OBJECT below) {
+        UCHAR sector[512];
+        host::Request request;
+        request.length = 512;
+        request.buffer = sector;
+        read += host::Send(below, request).status == STATUS_SUCCESS;
+    };
+    Machine machine(Options({{TwoVolumeDisk()}}, {.detachDisksAtShutdown = true, .atPower = atPower}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    stand_in::TakeSeen();
+    machine.Shutdown();
+    EXPECT_EQ(2u, read);
+    EXPECT_EQ(0u, stand_in::CountOf(IRP_MJ_READ));
 }
 
 TEST(Machine, MediaAndFlushedRegistrySurviveAPowerCutOnly) {

@@ -79,6 +79,7 @@ TEST(Media, ClonesShareNothingThatIsWritten) {
     EXPECT_EQ(Bytes(512), ReadBack(*copy, 512, 512));
     EXPECT_EQ(Bytes(512), ReadBack(disk, 1024, 512));
     EXPECT_EQ(a, ReadBack(*copy, 0, 512));
+    EXPECT_EQ(a, ReadBack(disk, 0, 512)) << "what stood in a chunk moves with it";
     // A chunk of zeros is the same as none.
     MemoryDisk blank(1 << 20, 512), zeroed(1 << 20, 512);
     ASSERT_EQ(STATUS_SUCCESS, zeroed.Write(0, Bytes(512).data(), 512));
@@ -141,13 +142,17 @@ TEST(Media, RecordingsGiveEveryStateOfThePast) {
     EXPECT_EQ(b, ReadBack(*disk.After(3), 512, 1024));
     const auto lost = disk.AfterCut(3, RecordingDisk::LoseAll());
     EXPECT_TRUE(lost->SameContent(*disk.After(1))) << "the flushed write stays, the others go";
+    ASSERT_EQ(STATUS_SUCCESS, disk.Flush());
+    EXPECT_EQ(c, ReadBack(*disk.AfterCut(3, RecordingDisk::LoseAll()), 4096, 1024));
+    EXPECT_TRUE(disk.AfterCut(2, RecordingDisk::LoseAll())->SameContent(*disk.After(1)))
+        << "a later flush is too late";
     EXPECT_TRUE(disk.AfterCut(1, RecordingDisk::LoseAll())->SameContent(*disk.After(1)));
     // Torn: of the second write only its second sector arrived.
     const auto torn = disk.AfterCut(2, [](std::size_t, std::uint32_t sector) { return sector == 1; });
     EXPECT_EQ(Bytes(a.begin() + 512, a.end()), ReadBack(*torn, 512, 512));
     EXPECT_EQ(Bytes(b.begin() + 512, b.end()), ReadBack(*torn, 1024, 512));
     EXPECT_TRUE(disk.AfterCut(3, RecordingDisk::LoseSome(5))
-                    ->SameContent(*disk.AfterCut(3, RecordingDisk::LoseSome(5))));
+                    ->SameContent(*disk.AfterCut(4, RecordingDisk::LoseSome(5))));
 }
 
 }  // namespace

@@ -171,7 +171,7 @@ TEST(PartitionTable, MbrChainsEnd) {
         Put<std::uint32_t>(&bad[next], target);
         const PartitionTable table = ReadImage(bad, 512);
         EXPECT_EQ(4u, table.partitions.size()) << "target " << target;
-        EXPECT_FALSE(table.problems.empty());
+        EXPECT_EQ(1u, table.problems.size()) << "a chain that turns back is not walked again";
     }
     Image huge = image;
     Put<std::uint32_t>(&huge[link + kMbrEntries + kMbrEntrySectors], 0xFFFFFFFF);

@@ -136,4 +136,37 @@ TEST(Media, AfterCutReturnsNoWriteIsUnderWay) {
     }
 }
 
+// Holds its writes back until it is told.
+class SlowDisk final : public Disk {
+public:
+    std::uint64_t Size() const override { return 1 << 20; }
+    std::uint32_t SectorSize() const override { return 512; }
+    NTSTATUS Read(std::uint64_t, void*, std::size_t) override { return STATUS_SUCCESS; }
+    NTSTATUS Write(std::uint64_t, const void*, std::size_t) override {
+        begun = true;
+        while (!go) std::this_thread::yield();
+        written = true;
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS Flush() override { return STATUS_SUCCESS; }
+    std::atomic<bool> begun = false, go = false, written = false;
+};
+
+TEST(Media, ACutWaitsForTheWriteThatIsUnderWay) {
+    auto slow = std::make_shared<SlowDisk>();
+    auto power = std::make_shared<PowerSwitch>();
+    FaultDisk disk(slow, power);
+    std::thread writer([&] { EXPECT_EQ(STATUS_SUCCESS, disk.Write(0, "", 512)); });
+    while (!slow->begun) std::this_thread::yield();
+    std::thread cutter([&] {
+        power->Cut();
+        EXPECT_TRUE(slow->written);
+    });
+    while (!power->IsCut()) std::this_thread::yield();
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    slow->go = true;
+    cutter.join();
+    writer.join();
+}
+
 }  // namespace

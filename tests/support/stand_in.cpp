@@ -77,7 +77,9 @@ NTSTATUS Pnp(PDEVICE_OBJECT device, PIRP irp) {
 
 NTSTATUS Power(PDEVICE_OBJECT device, PIRP irp) {
     Note(device, irp);
-    const PDEVICE_OBJECT below = static_cast<Filter*>(device->DeviceExtension)->below;
+    const Filter& filter = *static_cast<Filter*>(device->DeviceExtension);
+    const PDEVICE_OBJECT below = filter.below;
+    if (plan.atPower != nullptr && !filter.isDisk) plan.atPower(below);
     PoStartNextPowerIrp(irp);
     IoSkipCurrentIrpStackLocation(irp);
     return PoCallDriver(below, irp);
