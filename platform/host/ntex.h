@@ -9,7 +9,8 @@ struct KVR_CAPABILITY("fast mutex") FAST_MUTEX {
     std::atomic<LONG> State;  // 0 free, 1 held, 2 held with waiters
     std::atomic<void*> Owner;
     KIRQL OldIrql;
-    ULONG Rank;
+    ULONG Rank;  // place in the lock order, 0 when it has none; see sync.h
+    const char* Name;
 };
 using PFAST_MUTEX = FAST_MUTEX*;
 

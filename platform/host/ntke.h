@@ -11,10 +11,12 @@ inline constexpr KIRQL DISPATCH_LEVEL = 2;
 enum EVENT_TYPE { NotificationEvent, SynchronizationEvent };
 enum KWAIT_REASON { Executive = 0, UserRequest = 6 };
 
-enum class HostDispatcherType : UCHAR { Event, Mutex, Thread };
+enum class HostDispatcherType : UCHAR { None, Event, Mutex, Thread };  // None: never initialised
 
-// What KeWaitForSingleObject waits on. Event: signalled while SignalState is 1. Mutex: free while it is 1.
-// Thread: signalled once it has ended.
+// What KeWaitForSingleObject waits on. SignalState is the host kernel's own encoding, one word so that nothing
+// of the object is touched once a waiter can have seen it signalled (a waiter may own its memory):
+// events and threads: bit 0 signalled, bit 1 somebody may sleep, the rest counts the times it was set;
+// mutexes: 0 free, 1 held, 2 held and somebody may sleep.
 struct DISPATCHER_HEADER {
     HostDispatcherType Type;
     UCHAR Synchronization;  // events: 1 resets the event when a wait is satisfied
@@ -32,7 +34,8 @@ struct KVR_CAPABILITY("kernel mutex") KMUTEX {
     DISPATCHER_HEADER Header;
     std::atomic<void*> Owner;
     LONG Recursion;
-    ULONG Rank;  // lock order: set by the host kernel from the lock's identity, 0 when it has no place
+    ULONG Rank;  // place in the lock order, 0 when it has none; see sync.h
+    const char* Name;
 };
 using PKMUTEX = KMUTEX*;
 using PRKMUTEX = KMUTEX*;
@@ -51,7 +54,8 @@ void KeClearEvent(PRKEVENT event);
 LONG KeReadStateEvent(PRKEVENT event);
 void KeInitializeMutex(PRKMUTEX mutex, ULONG level);
 LONG KeReleaseMutex(PRKMUTEX mutex, BOOLEAN wait);
-// IRQL: below DISPATCH_LEVEL. `timeout` null waits for ever; a timeout of 0 polls.
+// IRQL: below DISPATCH_LEVEL, or DISPATCH_LEVEL with a timeout of 0; a mutex: PASSIVE_LEVEL. `timeout` in 100 ns:
+// null waits for ever, 0 polls, a negative one counts from now, a positive one is a system time.
 [[nodiscard]] NTSTATUS KeWaitForSingleObject(PVOID object, KWAIT_REASON reason, KPROCESSOR_MODE mode,
                                              BOOLEAN alertable, PLARGE_INTEGER timeout);
 void KeInitializeSpinLock(PKSPIN_LOCK lock);

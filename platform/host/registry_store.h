@@ -24,4 +24,8 @@ public:
     [[nodiscard]] virtual NTSTATUS Flush() = 0;
 };
 
+// The store behind the registry calls; it must outlive its use. Null: no registry, the calls fail with
+// STATUS_OBJECT_PATH_NOT_FOUND.
+void SetRegistryStore(RegistryStore* store);
+
 }  // namespace host

@@ -1,0 +1,30 @@
+// The hosted computer. This folder holds what stands around the driver on the host: disks and their devices,
+// partition tables, volumes above the disks' stacks, file systems, the registry's store, and the machine
+// that powers them on, shuts them down and cuts their power. Start with machine.h; this header is the
+// bottom of the stack, a disk's medium.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include "platform/kernel.h"
+
+namespace machine {
+
+// A medium of whole sectors. Every range lies inside it and is sector-aligned: the disk's device checks
+// that before it calls. Any number of threads may call at once; what two overlapping writes leave behind
+// is one or the other, sector by sector.
+class Disk {
+public:
+    virtual ~Disk() = default;
+    virtual std::uint64_t Size() const = 0;        // bytes, a multiple of SectorSize()
+    virtual std::uint32_t SectorSize() const = 0;  // bytes, 512 or 4096
+    [[nodiscard]] virtual NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) = 0;
+    [[nodiscard]] virtual NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) = 0;
+    // Everything written before is on stable storage when this returns.
+    [[nodiscard]] virtual NTSTATUS Flush() = 0;
+};
+
+inline bool IsValidSectorSize(std::uint32_t bytes) {
+    return bytes == 512 || bytes == 4096;
+}
+
+}  // namespace machine

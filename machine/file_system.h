@@ -1,0 +1,31 @@
+// A file system as the machine mounts it on a volume: what the host kernel's file calls reach, and the two
+// ways in which its time ends.
+#pragma once
+#include <functional>
+#include <memory>
+#include <string>
+#include "machine/volume_io.h"
+#include "platform/host/file_provider.h"
+
+namespace machine {
+
+class FileSystem : public host::FileProvider {
+public:
+    // Brings everything to the top of the volume's stack and ends. From then on every call, also through
+    // files that are still open, fails without I/O; the open files' objects stay valid until they are closed.
+    [[nodiscard]] virtual NTSTATUS Dismount() = 0;
+    // The power failed: ends without I/O, otherwise as Dismount.
+    virtual void Abandon() = 0;
+};
+
+// Mounts on the volume behind `io`, which outlives the file system. Null and a failure in `status` when the
+// volume holds nothing that it knows or cannot be read.
+using FileSystemFactory = std::function<std::unique_ptr<FileSystem>(VolumeIo& io, NTSTATUS& status)>;
+
+// The name under which a file system's driver is known on the volumes that it mounts, and how it mounts.
+struct FileSystemDriver {
+    std::u16string name = u"\\FileSystem\\Ntfs";
+    FileSystemFactory mount;
+};
+
+}  // namespace machine

@@ -1,0 +1,22 @@
+// Power of the host kernel: each power-on finds every table empty, as a booting kernel does.
+#pragma once
+#include "irp.h"
+
+namespace host {
+
+struct LeakReport {
+    ULONG handles;       // open handles
+    ULONG devices;       // devices that exist
+    Outstanding memory;  // requests and MDLs
+};
+
+// Prepares empty tables: devices, drivers, names, handles, mounts, the shutdown list, the registry store.
+void PowerOn();
+
+// Reports what is left and then drops it. Nothing of the boot may run any more, and no pointer into it be used.
+LeakReport PowerOff();
+
+// What exists now.
+LeakReport CountLeaks();
+
+}  // namespace host
