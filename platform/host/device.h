@@ -5,11 +5,25 @@
 // Devices, drivers and the shutdown list are guarded by one lock of their own, which no request takes:
 // IofCallDriver, IofCompleteRequest and the buffers never touch it.
 #pragma once
+#include <string>
 #include <string_view>
 #include "ntio.h"
 
-// The host kernel's own part of a device object.
-struct HostDevice;
+namespace host {
+inline constexpr ULONG DeviceMagic = 0x65447648;
+}
+
+// The host kernel's own part of a device object; it lies behind it in the same block.
+struct HostDevice {
+    ULONG Magic = host::DeviceMagic;
+    bool Deleted = false;            // IoDeleteDevice was called; references may keep the memory
+    ULONG Opens = 0;                 // file objects made by OpenDevice
+    PDEVICE_OBJECT Lower = nullptr;  // the device that this one is attached to
+    std::u16string Name;             // empty: unnamed
+    bool HasProperties = false;
+    std::u16string ClassName;
+    std::u16string ClassGuid;
+};
 
 namespace host {
 
@@ -46,11 +60,12 @@ void NotifyShutdown();
 // Devices that exist, deleted ones that are still referenced included.
 ULONG DeviceCount();
 
-// Stops with a violation naming `caller` unless `device` may be used: it was not deleted, or is still
-// referenced.
-void CheckDevice(PDEVICE_OBJECT device, const char* caller);
-
-// Deletes every device and driver whatever references they have; for PowerOff.
-void ResetDevices();
+[[noreturn]] void StopAtDeadDevice(PDEVICE_OBJECT device, const char* caller);
+// Stops, naming `caller`, unless the device exists: it was not deleted, or somebody still holds a reference.
+inline void CheckDevice(PDEVICE_OBJECT device, const char* caller) {
+    if (device == nullptr || device->Host != reinterpret_cast<HostDevice*>(device + 1) ||
+        device->Host->Magic != DeviceMagic)
+        StopAtDeadDevice(device, caller);
+}
 
 }  // namespace host

@@ -16,6 +16,8 @@ namespace host {
 // Finished: completed, nobody below may touch it. Freed: back in a cache.
 enum class IrpState : UCHAR { Owned, Sent, Finished, Freed };
 
+struct Outcome;  // request.h
+
 // Called once a request's completion has passed every stack location. It owns the request from then on.
 using IrpFinish = void (*)(PIRP irp, PVOID context);
 
@@ -27,6 +29,8 @@ struct HostIrp {
     host::IrpFinish Finish;  // null: the request must be stopped by a completion routine
     PVOID FinishContext;
     HostIrp* NextFree;
+    void (*Done)(void* context, host::Outcome outcome);  // asynchronous requests of request.h
+    UCHAR LockedAtStart;      // requests of request.h: bit 0 its own pages, bit 1 its master's
     ULONG OutputLength;       // buffered device control: bytes of UserBuffer
     PVOID OwnedSystemBuffer;  // buffered device control: freed with the request
 };
@@ -39,6 +43,14 @@ PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context);
 void ReleaseIrp(PIRP irp);
 // Frees the MDLs of the request, unlocking those whose pages are locked.
 void ReleaseMdls(PIRP irp);
+
+// A device-control request as IoBuildDeviceIoControlRequest makes it, without injected failures, event or
+// status block.
+PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG inputLength, PVOID output,
+                  ULONG outputLength, UCHAR major);
+// Copies the system buffer of a completed request of that kind to the caller's, unless it ended in an error.
+// More bytes than fit are a violation.
+void CopyBuffered(PIRP irp);
 
 // Requests, MDLs and locked MDLs that are outstanding in all threads. Exact while no other thread runs
 // requests.

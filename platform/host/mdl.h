@@ -5,6 +5,9 @@
 
 namespace host {
 
+// An MDL for `length` bytes at `address`, neither locked nor built: IoAllocateMdl without injected failures.
+PMDL NewMdl(PVOID address, ULONG length);
+
 // MmProbeAndLockPages of this MDL raises STATUS_ACCESS_VIOLATION, as for a user buffer that went away.
 void MarkMdlBad(PMDL mdl);
 

@@ -37,6 +37,7 @@ inline constexpr ULONG FILE_ATTRIBUTE_HIDDEN = 0x2;
 inline constexpr ULONG FILE_ATTRIBUTE_SYSTEM = 0x4;
 inline constexpr ULONG FILE_ATTRIBUTE_NORMAL = 0x80;
 inline constexpr ULONG REG_OPTION_NON_VOLATILE = 0;
+inline constexpr ULONG REG_OPENED_EXISTING_KEY = 2;
 inline constexpr ULONG REG_BINARY = 3;
 inline constexpr ULONG REG_DWORD = 4;
 

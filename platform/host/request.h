@@ -2,9 +2,10 @@
 // hot path of a hosted machine: a request costs one IRP and one MDL from the thread's caches and no lock.
 //
 // The request goes to exactly the device given: callers pass the top of a stack (TopOfStack). A kernel
-// exception that leaves the dispatch routine ends the request and goes on to the caller.
+// exception that leaves the dispatch routine goes on to the caller: a request that is waited for ends with it,
+// an asynchronous one stays outstanding.
 #pragma once
-#include "ntio.h"
+#include "irp.h"
 
 namespace host {
 
@@ -14,6 +15,7 @@ enum class Pages : UCHAR {
     Unlocked,  // an MDL whose pages the driver below must lock before it maps them
     Bad,       // as Unlocked, and locking it raises STATUS_ACCESS_VIOLATION
     NonPaged,  // an MDL over non-paged pool
+    Partial,   // an MDL that describes a part of another one, whose pages are locked
     None,      // no MDL
 };
 
@@ -44,6 +46,25 @@ struct Outcome {
 // The buffer and the file objects stay the caller's and must live until then.
 using RequestDone = void (*)(void* context, Outcome outcome);
 void SendAsync(PDEVICE_OBJECT device, const Request& request, RequestDone done, void* context);
+
+// A request of the kernel's own that its sender waits for. The sender fills the request and its next stack
+// location, calls a device once, and may read the request until this is destroyed, which releases it.
+class SyncRequest {
+public:
+    explicit SyncRequest(PIRP irp);
+    ~SyncRequest();
+    SyncRequest(const SyncRequest&) = delete;
+    SyncRequest& operator=(const SyncRequest&) = delete;
+
+    PIRP irp() const { return irp_; }
+    // Stops when the dispatch routine's answer is not what became of the request.
+    Outcome Call(PDEVICE_OBJECT device);
+
+private:
+    static void OnFinish(PIRP irp, PVOID self);
+    PIRP irp_;
+    KEVENT ended_;
+};
 
 // Sends a device-control request and waits. `major` is IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL or
 // IRP_MJ_FILE_SYSTEM_CONTROL. Buffered codes see one system buffer; it is copied to `output` unless the status

@@ -1,0 +1,70 @@
+// NTFS on one volume of the hosted machine: the file system that kernel opens and the guest's programs share.
+//
+// The on-disk format is handled by the NTFS library, one operation at a time under the volume's lock; its
+// metadata requests and our own data requests all go through VolumeIo, so every filter of the volume sees them
+// with the file objects that the platform's file system would use. Any number of threads may call at once;
+// several mounted volumes work in parallel.
+//
+// A call that fails for the device returns the failing request's own status (what a filter answered reaches the
+// caller unchanged) and leaves the file as the volume has it.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+#include "platform/kernel.h"
+#include "platform/host/file_provider.h"
+#include "machine/volume_io.h"
+
+namespace machine {
+
+struct DirectoryEntry {
+    std::u16string name;
+    std::uint64_t size = 0;  // bytes; 0 for a directory
+    ULONG attributes = 0;    // FILE_ATTRIBUTE_ bits
+    bool directory = false;
+};
+
+class NtfsFileSystem : public host::FileProvider {
+public:
+    // Mounts the volume behind `io`, which must live until Unmount() or the destructor.
+    // STATUS_UNRECOGNIZED_VOLUME when it holds no NTFS, STATUS_DISK_CORRUPT_ERROR when its metadata is beyond
+    // use, else the failing request's status. A volume that another system left unclean is mounted read-only.
+    [[nodiscard]] static NTSTATUS Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fileSystem);
+
+    // Unmounts; a failure cannot be reported from here.
+    ~NtfsFileSystem() override;
+    NtfsFileSystem(const NtfsFileSystem&) = delete;
+    NtfsFileSystem& operator=(const NtfsFileSystem&) = delete;
+
+    [[nodiscard]] NTSTATUS Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
+                                ULONG_PTR& information) override;
+    // Deletes a file, or a directory that is empty. A file whose opens all share deletion goes with its last
+    // close, and cannot be opened until then (STATUS_DELETE_PENDING).
+    [[nodiscard]] NTSTATUS Delete(const std::u16string& path) override;
+
+    // Gives a file or directory another path on the same volume; an existing target is
+    // STATUS_OBJECT_NAME_COLLISION. A directory with open files below it stays (STATUS_ACCESS_DENIED).
+    [[nodiscard]] NTSTATUS Rename(const std::u16string& from, const std::u16string& to);
+    [[nodiscard]] NTSTATUS MakeDirectory(const std::u16string& path);
+    // The entries of a directory without the file system's own files, in the order of the directory's index.
+    [[nodiscard]] NTSTATUS List(const std::u16string& path, std::vector<DirectoryEntry>& entries);
+    // What stands at a path; STATUS_OBJECT_NAME_NOT_FOUND or STATUS_OBJECT_PATH_NOT_FOUND when nothing does.
+    [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry);
+    [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes);
+    bool ReadOnly() const;
+
+    // Sends a flush down the volume's stack; everything this file system knows is at the stack already.
+    [[nodiscard]] NTSTATUS Flush();
+    // Ends the mount: files still open answer STATUS_DEVICE_NOT_READY from now on, and `io` is not touched
+    // again. Everything is released whatever the status; the status is the last flush's.
+    NTSTATUS Unmount();
+
+private:
+    friend class NtfsOpen;
+    struct State;
+    explicit NtfsFileSystem(std::shared_ptr<State> state);
+    std::shared_ptr<State> state_;  // shared with the opens, which may outlive the mount
+};
+
+}  // namespace machine
