@@ -23,8 +23,7 @@ void AppendLine(std::u16string& text, std::string_view key, int value) {
 // A value ends at the first blank, '=' or ':', and a volume's name at the first ',' or ';', so a name with one
 // of them would silently stand for another volume.
 void RequireUsableId(const std::u16string& id) {
-    const bool bad = id.empty() || id.size() > kMaxIdChars ||
-                     std::any_of(id.begin(), id.end(), [](char16_t c) {
+    const bool bad = id.empty() || id.size() > kMaxIdChars || std::any_of(id.begin(), id.end(), [](char16_t c) {
                          return c <= u' ' || std::u16string_view(u"=:,;").find(c) != std::u16string_view::npos;
                      });
     if (bad) throw std::invalid_argument("'" + Narrow(id) + "' cannot name a volume in the configuration");
@@ -32,8 +31,8 @@ void RequireUsableId(const std::u16string& id) {
 
 void RequireUsableDate(const FixedVolumeSection& section) {
     const std::string& date = section.discardDate;
-    const bool digits = date.size() == 12 && std::all_of(date.begin(), date.end(),
-                                                         [](char c) { return c >= '0' && c <= '9'; });
+    const bool digits =
+        date.size() == 12 && std::all_of(date.begin(), date.end(), [](char c) { return c >= '0' && c <= '9'; });
     if (!digits) throw std::invalid_argument("'" + date + "' is no discard date (YYYYMMDDhhmm)");
     if (section.mode != BootMode::Keep)
         throw std::invalid_argument("a discard date needs the boot mode that keeps changes");

@@ -36,7 +36,7 @@ std::vector<Record> Records(const std::vector<std::uint8_t>& bytes) {
 }  // namespace
 
 ControlClient::ControlClient() {
-    const NTSTATUS status = host::OpenDevice(u"\\DosDevices\\kvr", GENERIC_READ | GENERIC_WRITE, device_);
+    const NTSTATUS status = host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA | FILE_WRITE_DATA, device_);
     if (!NT_SUCCESS(status)) throw Error("the control device cannot be opened: " + StatusText(status));
 }
 

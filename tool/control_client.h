@@ -48,7 +48,8 @@ public:
     [[nodiscard]] NTSTATUS StopSwapThread();
 
 private:
-    NTSTATUS Call(std::uint32_t code, const void* input, std::size_t inputLength, std::vector<std::uint8_t>& output);
+    NTSTATUS Call(std::uint32_t code, const void* input, std::size_t inputLength,
+                  std::vector<std::uint8_t>& output);
 
     PFILE_OBJECT device_ = nullptr;
 };

@@ -5,7 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
+#include <map>
+#include <utility>
 #include <sys/stat.h>
 #include <sys/types.h>
 extern "C" {
@@ -171,8 +172,8 @@ struct Listed {
     std::uint64_t record;
 };
 
-int AddListed(void* list, const ntfschar* name, const int length, const int type, const s64, const MFT_REF record,
-              const unsigned) {
+int AddListed(void* list, const ntfschar* name, const int length, const int type, const s64,
+              const MFT_REF record, const unsigned) {
     constexpr int kShortNameOnly = 2;
     if ((type & 3) == kShortNameOnly || MREF(record) < FILE_first_user) return 0;
     std::u16string text(static_cast<std::size_t>(length), u'\0');
@@ -191,8 +192,8 @@ std::vector<Listed> List(ntfs_inode* directory) {
 }
 
 bool IsPlain(ntfs_inode* inode, ntfs_attr* data) {
-    return !NAttrCompressed(data) && !NAttrEncrypted(data) && !NAttrSparse(data) &&
-           (inode->flags & FILE_ATTR_REPARSE_POINT) == 0;
+    const auto apart = FILE_ATTR_REPARSE_POINT | FILE_ATTR_READONLY | FILE_ATTR_SYSTEM;
+    return !NAttrCompressed(data) && !NAttrEncrypted(data) && !NAttrSparse(data) && (inode->flags & apart) == 0;
 }
 
 }  // namespace
@@ -223,18 +224,27 @@ struct OfflineVolume::Mount {
         return record == static_cast<u64>(-1) ? nullptr : ntfs_inode_open(volume, MREF(record));
     }
 
-    void Walk(ntfs_inode* directory, const std::u16string& path, std::uint64_t& budget,
-              const std::function<bool(const std::u16string&)>& skip, std::vector<OfflineFile>& files) const {
+    struct Search {
+        std::uint64_t budget;  // bytes that may still be hashed
+        const std::function<bool(const std::u16string&)>& skip;
+        std::vector<OfflineFile> files;
+        std::map<std::uint64_t, std::size_t> byRecord;  // the first file found with a record
+    };
+
+    void Walk(ntfs_inode* directory, const std::u16string& path, Search& search) const {
         for (const Listed& entry : List(directory)) {
             const std::u16string name = path + u"\\" + entry.name;
-            if (skip(name)) continue;
+            if (search.skip(name)) continue;
             const Inode inode(ntfs_inode_open(volume, entry.record));
             if (!inode.IsOpen()) throw Error("a file of the volume cannot be opened: its metadata is damaged");
-            OfflineFile file{.path = name, .directory = (inode.Get()->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0};
-            if (!file.directory) Describe(inode.Get(), budget, file);
-            files.push_back(file);
+            OfflineFile file{.path = name,
+                             .directory = (inode.Get()->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0};
+            if (!file.directory) Describe(inode.Get(), search.budget, file);
+            const auto [first, isFirst] = search.byRecord.emplace(entry.record, search.files.size());
+            if (!isFirst) file.plain = search.files[first->second].plain = false;
+            search.files.push_back(file);
             if (file.directory && (inode.Get()->flags & FILE_ATTR_REPARSE_POINT) == 0)
-                Walk(inode.Get(), name, budget, skip, files);
+                Walk(inode.Get(), name, search);
         }
     }
 
@@ -244,7 +254,8 @@ struct OfflineVolume::Mount {
         file.size = static_cast<std::uint64_t>(data.Get()->data_size);
         file.plain = IsPlain(inode, data.Get());
         std::vector<std::uint8_t> content;
-        if (!file.plain || file.size > budget || !ReadAll(data.Get(), content)) return;
+        if (NAttrEncrypted(data.Get()) || (inode->flags & FILE_ATTR_REPARSE_POINT) != 0) return;
+        if (file.size > budget || !ReadAll(data.Get(), content)) return;
         budget -= file.size;
         file.digest = HashBytes(content.data(), content.size());
         file.hashed = true;
@@ -305,7 +316,8 @@ std::vector<Extent> OfflineVolume::Extents(const std::u16string& path) const {
     if (!inode.IsOpen()) return extents;
     const Data data(inode.Get());
     if (!data.IsOpen() || !NAttrNonResident(data.Get())) return extents;
-    if (ntfs_attr_map_whole_runlist(data.Get()) != 0) throw Error("cannot read where a file of the volume lies");
+    if (ntfs_attr_map_whole_runlist(data.Get()) != 0)
+        throw Error("cannot read where a file of the volume lies");
     const auto cluster = static_cast<std::uint64_t>(mount_->volume->cluster_size);
     for (const runlist_element* run = data.Get()->rl; run->length != 0; ++run) {
         if (run->lcn < 0) continue;
@@ -315,7 +327,8 @@ std::vector<Extent> OfflineVolume::Extents(const std::u16string& path) const {
     return extents;
 }
 
-bool OfflineVolume::Read(const std::u16string& path, std::uint64_t limit, std::vector<std::uint8_t>& content) const {
+bool OfflineVolume::Read(const std::u16string& path, std::uint64_t limit,
+                         std::vector<std::uint8_t>& content) const {
     const Inode inode(mount_->Find(path));
     if (!inode.IsOpen()) return false;
     const Data data(inode.Get());
@@ -325,21 +338,27 @@ bool OfflineVolume::Read(const std::u16string& path, std::uint64_t limit, std::v
 
 std::vector<OfflineFile> OfflineVolume::Files(std::uint64_t budget,
                                               const std::function<bool(const std::u16string&)>& skip) const {
-    std::vector<OfflineFile> files;
     const Inode root(ntfs_inode_open(mount_->volume, FILE_root));
     if (!root.IsOpen()) throw Error("cannot read the volume's root folder");
-    mount_->Walk(root.Get(), u"", budget, skip, files);
-    return files;
+    Mount::Search search{budget, skip, {}, {}};
+    mount_->Walk(root.Get(), u"", search);
+    return std::move(search.files);
+}
+
+std::vector<Extent> SwapFileExtents(const OfflineVolume& volume) {
+    std::vector<Extent> extents = volume.Extents(u"\\kvr.SWP");
+    for (int number = 1; number <= kNumberedSwapFiles; ++number) {
+        const auto more =
+            volume.Extents(std::u16string(u"\\kvr.SWP.") + static_cast<char16_t>(u'0' + number / 10) +
+                           static_cast<char16_t>(u'0' + number % 10));
+        extents.insert(extents.end(), more.begin(), more.end());
+    }
+    return extents;
 }
 
 std::vector<Extent> DriverFileExtents(const OfflineVolume& volume) {
-    std::vector<std::u16string> paths = {u"\\kvr.SWP", u"\\kvr.MAP", u"\\Windows\\system32\\drivers\\kvr.cfg"};
-    for (int number = 1; number <= kNumberedSwapFiles; ++number) {
-        paths.push_back(std::u16string(u"\\kvr.SWP.") + static_cast<char16_t>(u'0' + number / 10) +
-                        static_cast<char16_t>(u'0' + number % 10));
-    }
-    std::vector<Extent> extents;
-    for (const auto& path : paths) {
+    std::vector<Extent> extents = SwapFileExtents(volume);
+    for (const auto& path : {u"\\kvr.MAP", u"\\Windows\\system32\\drivers\\kvr.cfg"}) {
         const auto more = volume.Extents(path);
         extents.insert(extents.end(), more.begin(), more.end());
     }

@@ -14,10 +14,12 @@ namespace tool {
 struct OfflineFile {
     std::u16string path;  // begins with a backslash
     std::uint64_t size = 0;
-    Digest digest{};        // of its content; meaningful when `hashed`
+    Digest digest{};  // of its content; meaningful when `hashed`
     bool directory = false;
-    bool plain = false;     // a file whose content is stored as it is: not compressed, encrypted or sparse
-    bool hashed = false;    // false where the content could not be read or the budget was used up
+    // A file with one name whose content is stored as it is: not compressed, encrypted or sparse, and not set
+    // apart by a read-only or system attribute.
+    bool plain = false;
+    bool hashed = false;  // false where the content could not be read or the budget was used up
 };
 
 class OfflineVolume {
@@ -53,7 +55,9 @@ private:
     std::unique_ptr<Mount> mount_;
 };
 
-// Where the driver's own files lie on the volume: the swap files, the map and the configuration.
+// Where the swap files lie on the volume.
+std::vector<Extent> SwapFileExtents(const OfflineVolume& volume);
+// Where all of the driver's own files lie: the swap files, the map and the configuration.
 std::vector<Extent> DriverFileExtents(const OfflineVolume& volume);
 // Whether the path names one of the driver's storage files.
 bool IsDriverStorage(const std::u16string& path);

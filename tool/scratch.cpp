@@ -1,17 +1,12 @@
 #include "tool/scratch.h"
-#include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <mutex>
-#include <set>
-#include <thread>
-#include <vector>
-#include <linux/fs.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
+#include <sys/prctl.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
 #include "tool/error.h"
 #include "tool/file_handle.h"
 #include "tool/report.h"
@@ -19,31 +14,9 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t kCopyStep = 1024 * 1024;
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-std::mutex gLock;  // guards what follows, and a folder's making and removal
-// Never destroyed: a signal may come while the program's statics go away.
-std::set<std::string>& Folders() {
-    static auto& folders = *new std::set<std::string>;
-    return folders;
-}
-
-void RemoveFolder(const std::string& path) {
-    std::error_code ignored;  // a file that another thread makes meanwhile is met by the next round
-    for (int round = 0; round < 10 && std::filesystem::exists(path, ignored); ++round)
-        std::filesystem::remove_all(path, ignored);
-}
-
-[[noreturn]] void EndOnSignal(sigset_t signals) {
-    int signal = 0;
-    sigwait(&signals, &signal);
-    gLock.lock();  // never released: from here on no folder is made
-    for (const std::string& path : Folders()) RemoveFolder(path);
-    std::fputs("\nkvrhost: interrupted\n", stderr);
-    _exit(128 + signal);
-}
-
-std::string Parent(const std::string& parent) {
+std::string ParentFolder(const std::string& parent) {
     if (!parent.empty()) return parent;
     const char* variable = std::getenv("TMPDIR");
     return variable != nullptr && *variable != 0 ? variable : "/tmp";
@@ -58,79 +31,95 @@ void RequireRoom(const std::string& folder, std::uint64_t needed) {
         throw Error(folder + " has " + Bytes(free) + " free, the disk images need " + Bytes(needed));
 }
 
-bool IsZero(const std::vector<char>& data, std::size_t length) {
-    return length == 0 || (data[0] == 0 && std::memcmp(data.data(), data.data() + 1, length - 1) == 0);
+class Folder {
+public:
+    explicit Folder(const std::string& parent) : path_(parent + "/kvrhost.XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr)
+            throw Error("cannot make a folder in " + parent + ": " + std::strerror(errno));
+    }
+    ~Folder() {
+        std::error_code error;
+        std::filesystem::remove_all(path_, error);
+        if (error)
+            std::fprintf(stderr, "kvrhost: cannot remove %s: %s\n", path_.c_str(), error.message().c_str());
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    const std::string& Path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+// Holds back the signals that end a process, and a child's end, until WaitForSignal asks for them.
+class HeldSignals {
+public:
+    HeldSignals() {
+        sigemptyset(&held_);
+        for (int signal : kEndingSignals) sigaddset(&held_, signal);
+        sigaddset(&held_, SIGCHLD);
+        sigprocmask(SIG_BLOCK, &held_, &before_);
+    }
+    ~HeldSignals() { Release(); }
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+
+    void Release() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+    int Wait() {
+        int signal = 0;
+        sigwait(&held_, &signal);
+        return signal;
+    }
+
+private:
+    sigset_t held_{};
+    sigset_t before_{};
+};
+
+[[noreturn]] void RunChild(HeldSignals& signals, pid_t parent, const std::string& folder,
+                           const std::function<int(const std::string&)>& work) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) _exit(128 + SIGKILL);  // it ended before the line above
+    signals.Release();
+    const int code = work(folder);
+    std::fflush(nullptr);
+    _exit(code);
 }
 
-// Copies the data of [offset, offset + length) of `from` to the start of `to`, which is as long already.
-bool CopyData(int from, int to, std::uint64_t offset, std::uint64_t length) {
-    std::vector<char> part(kCopyStep);
-    const auto end = static_cast<off_t>(offset + length);
-    off_t at = lseek(from, static_cast<off_t>(offset), SEEK_DATA);
-    for (; at >= 0 && at < end; at = lseek(from, at, SEEK_DATA)) {
-        const off_t hole = std::min(lseek(from, at, SEEK_HOLE), end);
-        while (at < hole) {
-            const auto step = static_cast<std::size_t>(std::min<off_t>(hole - at, kCopyStep));
-            const auto place = static_cast<std::uint64_t>(at);
-            if (!ReadWhole(from, part.data(), step, place)) return false;
-            if (!IsZero(part, step) && !WriteWhole(to, part.data(), step, place - offset)) return false;
-            at += static_cast<off_t>(step);
-        }
+// The child's wait status; a signal that came first ends the child and is returned in `signal`.
+int WaitForChild(HeldSignals& signals, pid_t child, int& signal) {
+    int status = 0;
+    signal = 0;
+    while (waitpid(child, &status, WNOHANG) == 0) {
+        const int came = signals.Wait();
+        if (came == SIGCHLD) continue;
+        signal = came;
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+        break;
     }
-    return at >= end || errno == ENXIO;  // ENXIO: nothing but a hole is left
+    return status;
 }
 
 }  // namespace
 
-void WatchSignals() {
-    sigset_t signals;
-    sigemptyset(&signals);
-    for (int signal : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, signal);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    std::thread(EndOnSignal, signals).detach();
-}
-
-Scratch::Scratch(const std::string& parent, std::uint64_t needed) {
-    const std::string folder = Parent(parent);
-    RequireRoom(folder, needed);
-    std::string name = folder + "/kvrhost.XXXXXX";
-    const std::lock_guard guard(gLock);
-    if (mkdtemp(name.data()) == nullptr)
-        throw Error("cannot make a folder in " + folder + ": " + std::strerror(errno));
-    path_ = name;
-    Folders().insert(path_);
-}
-
-Scratch::~Scratch() {
-    const std::lock_guard guard(gLock);
-    RemoveFolder(path_);
-    Folders().erase(path_);
-}
-
-void CopySparse(const std::string& from, const std::string& to) {
-    const FileHandle source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!source.IsOpen()) throw Error("cannot read " + from + ": " + std::strerror(errno));
-    const FileHandle target(open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-    const off_t size = lseek(source.Get(), 0, SEEK_END);
-    if (!target.IsOpen() || size < 0) throw Error("cannot copy " + from + ": " + std::strerror(errno));
-    if (ioctl(target.Get(), FICLONE, source.Get()) == 0) return;
-    if (ftruncate(target.Get(), size) != 0 ||
-        !CopyData(source.Get(), target.Get(), 0, static_cast<std::uint64_t>(size)))
-        throw Error("cannot copy " + from + ": " + std::strerror(errno));
-}
-
-void ExtractSparse(const std::string& from, std::uint64_t offset, std::uint64_t length, const std::string& to) {
-    const FileHandle source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    const FileHandle target(open(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!source.IsOpen() || !target.IsOpen() || ftruncate(target.Get(), static_cast<off_t>(length)) != 0 ||
-        !CopyData(source.Get(), target.Get(), offset, length))
-        throw Error("cannot copy a volume out of " + from + ": " + std::strerror(errno));
-}
-
-std::uint64_t AllocatedBytes(const std::string& path) {
-    struct stat info;
-    if (stat(path.c_str(), &info) != 0) throw Error("cannot read " + path + ": " + std::strerror(errno));
-    return static_cast<std::uint64_t>(info.st_blocks) * 512;
+int RunInScratch(const std::string& parent, std::uint64_t needed,
+                 const std::function<int(const std::string& folder)>& work) {
+    const std::string place = ParentFolder(parent);
+    RequireRoom(place, needed);
+    HeldSignals signals;
+    const Folder folder(place);
+    std::fflush(nullptr);
+    const pid_t self = getpid();
+    const pid_t child = fork();
+    if (child < 0) throw Error(std::string("cannot start a process: ") + std::strerror(errno));
+    if (child == 0) RunChild(signals, self, folder.Path(), work);
+    int signal = 0;
+    const int status = WaitForChild(signals, child, signal);
+    if (signal != 0) return 128 + signal;
+    if (WIFEXITED(status)) return WEXITSTATUS(status);
+    std::fprintf(stderr, "kvrhost: stopped by signal %d (%s)\n", WTERMSIG(status), strsignal(WTERMSIG(status)));
+    return 128 + WTERMSIG(status);
 }
 
 }  // namespace tool

@@ -1,36 +1,19 @@
-// The folder in which a run keeps its disk images. It goes away with the object, and also when a signal ends the
-// program: nothing stays behind.
+// The folder in which a run keeps its disk images, and the process that looks after it.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <string>
 
 namespace tool {
 
-// Signals that end the program (INT, TERM, HUP) are from now on waited for by a thread that removes the scratch
-// folders before it ends the program. Call it in main before any other thread exists.
-void WatchSignals();
-
-class Scratch {
-public:
-    // A new folder below `parent`; empty: below $TMPDIR, or /tmp. Throws Error when it cannot be made or its
-    // file system has less than `needed` bytes free.
-    Scratch(const std::string& parent, std::uint64_t needed);
-    ~Scratch();
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
-
-    const std::string& Path() const { return path_; }
-    std::string File(const std::string& name) const { return path_ + "/" + name; }
-
-private:
-    std::string path_;
-};
-
-// Copies a file, holes as holes; where the file system can share the blocks of both, it does. Throws Error.
-void CopySparse(const std::string& from, const std::string& to);
-// Copies `length` bytes at `offset` of `from` into the new file `to`, holes and zeros as holes. Throws Error.
-void ExtractSparse(const std::string& from, std::uint64_t offset, std::uint64_t length, const std::string& to);
-// The bytes that the file takes on its disk.
-std::uint64_t AllocatedBytes(const std::string& path);
+// Makes a new folder below `parent` (empty: below $TMPDIR, or /tmp), runs `work` with its path in a process of
+// its own and removes the folder however that process ended: by its return, by a signal to either process, or
+// because the hosted kernel stopped it. Returns the exit code of `work`, or 128 and the signal's number. A
+// process of its own is what makes that sure: a kernel that stops on a fault cannot clean up after itself.
+//
+// Throws Error when the folder cannot be made or its file system has less than `needed` bytes free. `work`
+// must not let an exception out. To be called while the process has one thread.
+int RunInScratch(const std::string& parent, std::uint64_t needed,
+                 const std::function<int(const std::string& folder)>& work);
 
 }  // namespace tool

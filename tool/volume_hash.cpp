@@ -38,8 +38,8 @@ std::vector<Extent> Normalise(std::vector<Extent> extents, std::uint64_t length)
         if (extent.offset >= length) break;
         extent.length = std::min(extent.length, length - extent.offset);
         if (!result.empty() && extent.offset <= result.back().offset + result.back().length) {
-            const std::uint64_t end = std::max(result.back().offset + result.back().length,
-                                               extent.offset + extent.length);
+            const std::uint64_t end =
+                std::max(result.back().offset + result.back().length, extent.offset + extent.length);
             result.back().length = end - result.back().offset;
         } else if (extent.length != 0) {
             result.push_back(extent);
@@ -59,8 +59,9 @@ bool IsZero(const std::vector<char>& data, std::size_t length) {
     return data[0] == 0 && std::memcmp(data.data(), data.data() + 1, length - 1) == 0;
 }
 
-// Hashes the range's content: each piece that is not all zeros, behind its place. Pieces are cut at multiples of
-// kPiece on the volume and at the range's ends, so the same content gives the same pieces however it is stored.
+// Hashes the range's content: each piece that is not all zeros, behind its place. Pieces are cut at multiples
+// of kPiece on the volume and at the range's ends, so the same content gives the same pieces however it is
+// stored.
 void AddRange(Sha256& hash, int file, std::uint64_t volume, std::uint64_t begin, std::uint64_t end) {
     std::vector<char> data(kPiece);
     std::uint64_t at = begin;

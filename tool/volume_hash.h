@@ -20,9 +20,9 @@ struct VolumeHash {
     bool operator==(const VolumeHash& other) const = default;
 };
 
-// SHA-256 over the volume of `length` bytes at `offset` of `image` without the bytes of `excluded` (in any order,
-// overlaps allowed). A hole counts as zeros, so sparse and filled images of the same content agree; holes cost
-// nothing. Throws Error when the image cannot be read.
+// SHA-256 over the volume of `length` bytes at `offset` of `image` without the bytes of `excluded` (in any
+// order, overlaps allowed). A hole counts as zeros, so sparse and filled images of the same content agree;
+// holes cost nothing. Throws Error when the image cannot be read.
 VolumeHash HashVolume(const std::string& image, std::uint64_t offset, std::uint64_t length,
                       const std::vector<Extent>& excluded);
 

@@ -1,0 +1,172 @@
+#include "tool/computer.h"
+#include <cstdio>
+#include <utility>
+#include "machine/image_disk.h"
+#include "platform/host/clock.h"
+#include "tool/error.h"
+
+namespace tool {
+namespace {
+
+constexpr LONG kMinutesToUtc = -60;
+constexpr char16_t kLogFolder[] = u"\\Windows";
+constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
+
+std::shared_ptr<machine::Disk> OpenImage(const Place& place) {
+    std::string error;
+    std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(place.image, place.sectorBytes, error);
+    if (disk == nullptr) throw Error(error);
+    return disk;
+}
+
+}  // namespace
+
+void Require(NTSTATUS status, const std::string& what) {
+    if (!NT_SUCCESS(status)) throw StepFailed(what + ": " + StatusText(status));
+}
+
+// A mounted volume as the machine handles it, known to its computer for as long as it is mounted.
+class Computer::NtfsMount final : public machine::FileSystem {
+public:
+    NtfsMount(Computer& computer, unsigned volume, std::unique_ptr<machine::NtfsFileSystem> fileSystem)
+        : computer_(computer), volume_(volume), fileSystem_(std::move(fileSystem)) {
+        computer_.mounts_[volume_] = {fileSystem_.get(), std::make_unique<machine::GuestFiles>(*fileSystem_)};
+    }
+    ~NtfsMount() override { computer_.mounts_.erase(volume_); }
+
+    NTSTATUS Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
+                  ULONG_PTR& information) override {
+        return fileSystem_->Open(request, file, information);
+    }
+    NTSTATUS Delete(const std::u16string& path) override { return fileSystem_->Delete(path); }
+    NTSTATUS Dismount() override { return fileSystem_->Unmount(); }
+    void Abandon() override { (void)fileSystem_->Unmount(); }  // the way to the volume is closed already
+
+private:
+    Computer& computer_;
+    const unsigned volume_;
+    const std::unique_ptr<machine::NtfsFileSystem> fileSystem_;
+};
+
+Computer::Computer(const Place& system, const Place& data)
+    : data_(data), dataDisk_(system.image == data.image ? 0 : 1) {
+    machine::MachineOptions options;
+    options.driver = DriverEntry;
+    options.disks.push_back({OpenImage(system)});
+    if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
+    options.fileSystem = [this](const machine::VolumeDevice& volume) {
+        machine::FileSystemDriver driver;
+        driver.mount = [this, number = volume.Number()](machine::VolumeIo& io, NTSTATUS& status) {
+            std::unique_ptr<machine::NtfsFileSystem> fileSystem;
+            status = machine::NtfsFileSystem::Mount(io, fileSystem);
+            return NT_SUCCESS(status) ? std::make_unique<NtfsMount>(*this, number, std::move(fileSystem))
+                                      : nullptr;
+        };
+        return driver;
+    };
+    host::SetTimeZoneBias(kMinutesToUtc);
+    machine_ = std::make_unique<machine::Machine>(std::move(options));
+}
+
+Computer::~Computer() {
+    if (IsOn()) PowerCut();
+}
+
+void Computer::Boot() {
+    Require(machine_->PowerOn(), "the computer does not start");
+    Require(machine_->DriverStatus(), "the driver does not load");
+    dataNumber_ = FindDataVolume();
+    if (!mounts_.contains(systemNumber_)) throw StepFailed("the system volume cannot be mounted");
+    if (!mounts_.contains(dataNumber_))
+        Require(machine_->VolumeOf(dataNumber_)->mountStatus, "the data volume cannot be mounted");
+    ++boots_;
+    WriteBootLog();
+}
+
+unsigned Computer::FindDataVolume() {
+    for (const machine::Volume* volume : machine_->Volumes()) {
+        if (volume->device->DiskNumber() == dataDisk_ && volume->device->Offset() == data_.offset)
+            return volume->device->Number();
+    }
+    throw StepFailed("the computer does not find the data volume");
+}
+
+void Computer::WriteBootLog() {
+    bool exists = false;
+    Require(System().Exists(kLogFolder, exists), "the system folder cannot be looked up");
+    if (!exists) Require(System().MakeDirectory(kLogFolder), "the system folder cannot be made");
+    const std::string line = "start " + std::to_string(boots_) + " at " + LocalDate() + "\n";
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
+    Require(System().WriteFile(kBootLog, {bytes, line.size()}), "the boot log cannot be written");
+}
+
+void Computer::Shutdown() {
+    const machine::ShutdownReport report = machine_->Shutdown();
+    Require(report.dismount, "a volume cannot be dismounted");
+    Require(report.registry, "the registry cannot be saved");
+}
+
+void Computer::Reboot() {
+    Shutdown();
+    Boot();
+}
+
+void Computer::PowerCut() {
+    machine_->PowerCut();
+}
+
+void Computer::SetClock(int year, int month, int day, int hour, int minute) {
+    host::SetSystemTime(host::TimeOf(year, month, day, hour, minute));
+}
+
+std::string Computer::LocalDate() const {
+    LARGE_INTEGER utc, local;
+    utc.QuadPart = host::SystemTime();
+    ExSystemTimeToLocalTime(&utc, &local);
+    TIME_FIELDS fields;
+    RtlTimeToTimeFields(&local, &fields);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d", fields.Year, fields.Month, fields.Day, fields.Hour,
+                  fields.Minute);
+    return text;
+}
+
+machine::GuestFiles& Computer::FilesOf(unsigned volume) {
+    const auto found = mounts_.find(volume);
+    if (found == mounts_.end()) throw StepFailed("volume " + std::to_string(volume) + " is not mounted");
+    return *found->second.files;
+}
+
+bool Computer::DataIsReadOnly() {
+    return mounts_.at(dataNumber_).fileSystem->ReadOnly();
+}
+
+std::u16string Computer::DataName() {
+    return machine_->VolumeOf(dataNumber_)->device->Name();
+}
+
+void Computer::Configure(const Configuration& configuration) {
+    ControlClient client;
+    Require(client.SetConfig(ConfigurationImage(ComposeConfiguration(configuration))),
+            "the configuration cannot be written");
+}
+
+std::u16string Computer::ConfigurationInForce() {
+    std::vector<std::uint8_t> image;
+    ControlClient client;
+    Require(client.GetConfig(image), "the configuration cannot be read");
+    return ConfigurationText(image);
+}
+
+FixedVolume Computer::Status(unsigned number) {
+    const std::u16string name = machine_->VolumeOf(number)->device->Name();
+    std::vector<FixedVolume> volumes;
+    ControlClient client;
+    Require(client.FixedVolumes(volumes), "the volumes cannot be listed");
+    for (const FixedVolume& volume : volumes) {
+        if (volume.name == name) return volume;
+    }
+    throw StepFailed("the driver does not list " + Narrow(name));
+}
+
+}  // namespace tool
