@@ -10,11 +10,6 @@ std::u16string Decimal(unsigned number) {
     return {digits.begin(), digits.end()};
 }
 
-UNICODE_STRING Counted(std::u16string_view text) {
-    const auto bytes = static_cast<USHORT>(text.size() * sizeof(WCHAR));
-    return {bytes, bytes, const_cast<PWSTR>(text.data())};
-}
-
 NTSTATUS CreatePhysicalDevice(PDRIVER_OBJECT driver, std::u16string_view name, void* extension, bool removable,
                               std::uint32_t sectorSize, bool isDisk, PDEVICE_OBJECT& device) {
     UNICODE_STRING counted = Counted(name);
@@ -55,23 +50,26 @@ NTSTATUS CompletePower(PIRP irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
-void* BufferOf(PIRP irp, LOCK_OPERATION operation, NTSTATUS& status) {
+DirectBuffer::DirectBuffer(PIRP irp, LOCK_OPERATION operation) {
     const PMDL mdl = irp->MdlAddress;
     if (mdl == nullptr) {
-        status = STATUS_INVALID_PARAMETER;
-        return nullptr;
+        status_ = STATUS_INVALID_PARAMETER;
+        return;
     }
-    status = STATUS_SUCCESS;
     if ((mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL | MDL_PARTIAL)) == 0) {
-        // The request's end unlocks what is locked.
         const host::FaultPause pause;
-        status = TryExcept([&]() -> NTSTATUS {
+        status_ = TryExcept([&]() -> NTSTATUS {
             MmProbeAndLockPages(mdl, irp->RequestorMode, operation);
             return STATUS_SUCCESS;
         });
-        if (!NT_SUCCESS(status)) return nullptr;
+        if (!NT_SUCCESS(status_)) return;
+        locked_ = mdl;
     }
-    return static_cast<char*>(mdl->StartVa) + mdl->ByteOffset;
+    memory_ = static_cast<char*>(mdl->StartVa) + mdl->ByteOffset;
+}
+
+DirectBuffer::~DirectBuffer() {
+    if (locked_ != nullptr) MmUnlockPages(locked_);
 }
 
 NTSTATUS Answer(PIRP irp, const void* record, ULONG bytes, ULONG_PTR& information) {

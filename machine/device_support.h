@@ -2,6 +2,7 @@
 #pragma once
 #include <string>
 #include <string_view>
+#include "machine/names.h"
 #include "platform/kernel.h"
 
 namespace machine {
@@ -12,9 +13,6 @@ inline constexpr std::u16string_view kVolumeClass = u"Volume";
 inline constexpr std::u16string_view kVolumeClassGuid = u"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 
 std::u16string Decimal(unsigned number);
-
-// A counted string over the characters of `text`, which must outlive it and stay unchanged.
-UNICODE_STRING Counted(std::u16string_view text);
 
 // A physical device object with `extension` as the only word of its device extension, ready for requests.
 // It gets the class properties; `sectorSize` in bytes.
@@ -34,9 +32,21 @@ NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 NTSTATUS CompletePnp(PIRP irp);
 NTSTATUS CompletePower(PIRP irp);
 
-// The memory behind a direct request, locking its pages where nobody above has. Null with a failure status
-// when they cannot be locked.
-void* BufferOf(PIRP irp, LOCK_OPERATION operation, NTSTATUS& status);
+// The memory behind a direct request, its pages locked for as long as this lives where nobody above has.
+class DirectBuffer {
+public:
+    DirectBuffer(PIRP irp, LOCK_OPERATION operation);
+    ~DirectBuffer();
+    DirectBuffer(const DirectBuffer&) = delete;
+    DirectBuffer& operator=(const DirectBuffer&) = delete;
+    NTSTATUS Status() const { return status_; }  // a failure when there is no memory to use
+    void* Get() const { return memory_; }
+
+private:
+    PMDL locked_ = nullptr;  // by this object
+    NTSTATUS status_ = STATUS_SUCCESS;
+    void* memory_ = nullptr;
+};
 
 // The answer of a buffered control request; STATUS_BUFFER_TOO_SMALL when the caller's buffer is.
 NTSTATUS Answer(PIRP irp, const void* record, ULONG bytes, ULONG_PTR& information);

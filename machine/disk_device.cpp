@@ -104,10 +104,10 @@ NTSTATUS DiskDevice::Transfer(PIRP irp, ULONG_PTR& information) {
     if (!IsOnDisk(request, *medium_)) return STATUS_INVALID_PARAMETER;
     if (request.length == 0) return STATUS_SUCCESS;
     const bool read = request.major == IRP_MJ_READ;
-    void* buffer = BufferOf(irp, read ? IoWriteAccess : IoReadAccess, status);
-    if (buffer == nullptr) return status;
-    status = read ? medium_->Read(request.offset, buffer, request.length)
-                  : medium_->Write(request.offset, buffer, request.length);
+    const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
+    if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
+    status = read ? medium_->Read(request.offset, buffer.Get(), request.length)
+                  : medium_->Write(request.offset, buffer.Get(), request.length);
     if (NT_SUCCESS(status)) information = request.length;
     return status;
 }

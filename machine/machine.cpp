@@ -36,7 +36,7 @@ Volume* Machine::VolumeOf(unsigned number) {
 
 Volume* Machine::VolumeNamed(std::u16string_view name) {
     for (Volume* volume : Volumes()) {
-        if (volume->device->Name() == name) return volume;
+        if (FoldName(volume->device->Name()) == FoldName(name)) return volume;
     }
     return nullptr;
 }

@@ -67,7 +67,7 @@ struct ShutdownReport {
     NTSTATUS registry = STATUS_SUCCESS;
     ULONG threads = 0;  // system threads that were still running
     host::LeakReport leaks{};
-    // Outstanding per tag before the kernel dropped it, with the records that live as long as the driver.
+    // Pool blocks that were outstanding at the end, the records that live as long as the driver among them.
     std::vector<host::PoolBalance> pool;
 };
 

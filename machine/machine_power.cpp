@@ -98,8 +98,8 @@ ShutdownReport Machine::Reboot(NTSTATUS& booted) {
 // File systems outlive the handles to their files, devices' C++ parts outlive the device objects.
 void Machine::EndBoot(ShutdownReport& report) {
     StopDisks();
-    report.pool = host::PoolUsage();
     report.leaks = host::PowerOff();
+    report.pool = host::PoolReclaimAll();
     host::SetRegistryStore(nullptr);
     boot_.reset();
     for (DiskSlot& slot : disks_) slot.device.reset();

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
+#include "machine/names.h"
 #include "machine/registry_text.h"
 
 namespace machine {
@@ -123,7 +124,7 @@ void RegistryFile::DropUnflushed() {
 NTSTATUS RegistryFile::CreateKey(const std::u16string& key) {
     if (key.empty() || !IsPlainName(key)) return STATUS_OBJECT_NAME_INVALID;
     std::lock_guard hold(lock_);
-    std::u16string folded = Fold(key);
+    std::u16string folded = FoldName(key);
     if (keys_.contains(folded)) return STATUS_SUCCESS;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
@@ -135,9 +136,9 @@ NTSTATUS RegistryFile::CreateKey(const std::u16string& key) {
 NTSTATUS RegistryFile::Query(const std::u16string& key, const std::u16string& name,
                              host::RegistryValue& value) {
     std::lock_guard hold(lock_);
-    const auto found = keys_.find(Fold(key));
+    const auto found = keys_.find(FoldName(key));
     if (found == keys_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
-    const auto item = found->second.values.find(Fold(name));
+    const auto item = found->second.values.find(FoldName(name));
     if (item == found->second.values.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     value = item->second.data;
     return STATUS_SUCCESS;
@@ -146,11 +147,11 @@ NTSTATUS RegistryFile::Query(const std::u16string& key, const std::u16string& na
 NTSTATUS RegistryFile::Set(const std::u16string& key, const std::u16string& name,
                            const host::RegistryValue& value) {
     std::lock_guard hold(lock_);
-    const auto found = keys_.find(Fold(key));
+    const auto found = keys_.find(FoldName(key));
     if (found == keys_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
-    Value& item = found->second.values[Fold(name)];
+    Value& item = found->second.values[FoldName(name)];
     if (item.name.empty()) item.name = name;
     item.data = value;
     changed_ = true;
@@ -159,9 +160,9 @@ NTSTATUS RegistryFile::Set(const std::u16string& key, const std::u16string& name
 
 NTSTATUS RegistryFile::Delete(const std::u16string& key, const std::u16string& name) {
     std::lock_guard hold(lock_);
-    const auto found = keys_.find(Fold(key));
+    const auto found = keys_.find(FoldName(key));
     if (found == keys_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
-    const auto item = found->second.values.find(Fold(name));
+    const auto item = found->second.values.find(FoldName(name));
     if (item == found->second.values.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
@@ -237,7 +238,7 @@ bool RegistryFile::Parse(const std::string& text, Keys& keys, std::string& error
                 !IsPlainName(name)) {
                 return wrong("this is no key in square brackets");
             }
-            key = &keys[Fold(name)];
+            key = &keys[FoldName(name)];
             if (key->name.empty()) key->name = name;
             continue;
         }
@@ -249,7 +250,7 @@ bool RegistryFile::Parse(const std::string& text, Keys& keys, std::string& error
         if (!ReadData(std::string_view(line).substr(end + 1), value.data.type, value.data.data)) {
             return wrong("the data is neither dword:XXXXXXXX nor hex:XX,XX nor hex(TYPE):XX,XX");
         }
-        if (!key->values.emplace(Fold(value.name), std::move(value)).second)
+        if (!key->values.emplace(FoldName(value.name), std::move(value)).second)
             return wrong("the value stands twice");
     }
     return true;

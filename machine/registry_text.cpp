@@ -80,12 +80,6 @@ bool ReadEscape(std::string_view line, std::size_t& at, std::u16string& name) {
 
 }  // namespace
 
-std::u16string Fold(std::u16string_view name) {
-    std::u16string folded(name);
-    for (char16_t& c : folded) c = RtlUpcaseUnicodeChar(c);
-    return folded;
-}
-
 bool IsPlainName(std::u16string_view name) {
     for (std::size_t i = 0; i < name.size(); ++i) {
         const char16_t c = name[i];

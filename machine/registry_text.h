@@ -7,8 +7,6 @@
 
 namespace machine::registry_text {
 
-std::u16string Fold(std::u16string_view name);  // for comparing without regard to case
-
 // A name between quotes; the reverse advances `at` past the closing quote.
 std::string Quote(std::u16string_view name);
 bool Unquote(std::string_view line, std::size_t& at, std::u16string& name);

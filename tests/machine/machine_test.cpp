@@ -1,0 +1,283 @@
+// Whole boots with a stand-in for the driver: what a machine sends, in which order, and what survives.
+#include "machine/machine.h"
+#include <thread>
+#include <gtest/gtest.h>
+#include "device.h"
+#include "machine/memory_disk.h"
+#include "machine/partition_table.h"
+#include "machine/recording_disk.h"
+#include "machine/scripted_file_system.h"
+#include "platform/owners.h"
+#include "stand_in.h"
+
+namespace {
+
+using namespace machine;
+constexpr std::uint64_t kMiB = 1024 * 1024;
+
+// An MBR disk of 64 MiB with volumes of 20 MiB and the rest.
+std::shared_ptr<MemoryDisk> TwoVolumeDisk(std::uint32_t sector = 512) {
+    auto disk = std::make_shared<MemoryDisk>(64 * kMiB, sector);
+    std::vector<NewPartition> parts;
+    std::string error;
+    EXPECT_TRUE(LayOutPartitions(disk->Size(), {20 * kMiB, 0}, TableKind::Mbr, parts, error)) << error;
+    for (const DiskPiece& piece : MakeMbr(disk->Size(), sector, parts, 1)) {
+        EXPECT_EQ(STATUS_SUCCESS, disk->Write(piece.offset, piece.bytes.data(), piece.bytes.size()));
+    }
+    return disk;
+}
+
+MachineOptions Options(std::vector<MachineDisk> disks, const stand_in::Plan& plan = {}) {
+    stand_in::Reset(plan);
+    MachineOptions options;
+    options.disks = std::move(disks);
+    options.driver = stand_in::Entry;
+    return options;
+}
+
+std::vector<std::u16string> DevicesOf(const std::vector<stand_in::Seen>& seen, UCHAR major, int minor = -1) {
+    std::vector<std::u16string> devices;
+    for (const auto& s : seen) {
+        if (s.major == major && (minor < 0 || s.minor == minor)) devices.push_back(s.device);
+    }
+    return devices;
+}
+
+using Names = std::vector<std::u16string>;
+const Names kAllUp = {u"\\Device\\Harddisk0\\DR0", u"\\Device\\HarddiskVolume1", u"\\Device\\HarddiskVolume2"};
+
+TEST(Machine, BootsAndShutsDownInOrder) {
+    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 16 * kMiB);
+    MachineOptions options = Options({{TwoVolumeDisk()}}, {.detachDisksAtShutdown = true});
+    options.fileSystem = [&](const VolumeDevice& v) {
+        return v.Number() == 2 ? ScriptedDriver(scripted) : FileSystemDriver{};
+    };
+    Machine machine(std::move(options));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    EXPECT_EQ(STATUS_SUCCESS, machine.DriverStatus());
+    auto seen = stand_in::TakeSeen();
+    EXPECT_EQ(kAllUp, DevicesOf(seen, IRP_MJ_PNP, IRP_MN_START_DEVICE));
+    ASSERT_NE(nullptr, machine.VolumeNamed(u"\\device\\harddiskvolume2"));
+    EXPECT_EQ(STATUS_UNRECOGNIZED_VOLUME, machine.VolumeOf(1)->mountStatus);
+    EXPECT_EQ(STATUS_SUCCESS, machine.VolumeOf(2)->mountStatus);
+    // Mounting reads pass the volume's filter and, translated, the disk's.
+    EXPECT_EQ(u"\\Device\\HarddiskVolume2", seen[seen.size() - 2].device);
+    EXPECT_EQ(0, seen[seen.size() - 2].offset);
+    EXPECT_EQ(u"\\Device\\Harddisk0\\DR0", seen.back().device);
+    EXPECT_EQ(static_cast<LONGLONG>(21 * kMiB), seen.back().offset);
+
+    const ShutdownReport report = machine.Shutdown();
+    EXPECT_EQ(STATUS_SUCCESS, report.dismount);
+    EXPECT_EQ(0, report.leaks.memory.irps);
+    EXPECT_EQ(0, report.leaks.memory.mdls);
+    EXPECT_TRUE(report.pool.empty());
+    seen = stand_in::TakeSeen();
+    const Names down = {u"\\Device\\HarddiskVolume2", u"\\Device\\HarddiskVolume1",
+                        u"\\Device\\Harddisk0\\DR0"};
+    EXPECT_EQ(down, DevicesOf(seen, IRP_MJ_SHUTDOWN));
+    EXPECT_EQ(IRP_MJ_FLUSH_BUFFERS, seen.front().major) << "file systems end before the drivers are told";
+    // The disk's filter is gone by then.
+    EXPECT_EQ((Names{u"\\Device\\HarddiskVolume1", u"\\Device\\HarddiskVolume2"}),
+              DevicesOf(seen, IRP_MJ_POWER));
+    EXPECT_FALSE(machine.IsOn());
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Flush(1));
+}
+
+TEST(Machine, MediaAndFlushedRegistrySurviveAPowerCutOnly) {
+    auto disk = TwoVolumeDisk();
+    Machine machine(Options({{disk}}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    std::vector<UCHAR> data(4096, 0x5A), back(4096);
+    ASSERT_EQ(STATUS_SUCCESS, machine.Write(2, 8192, data.data(), 4096, u"\\a.txt"));
+    EXPECT_EQ(u"\\a.txt", stand_in::TakeSeen().back().file);
+    RegistryFile& registry = machine.Registry();
+    ASSERT_EQ(STATUS_SUCCESS, registry.CreateKey(u"\\Registry\\Machine\\System\\kvr"));
+    ASSERT_EQ(STATUS_SUCCESS,
+              registry.Set(u"\\registry\\machine\\system\\KVR", u"Kept", {REG_DWORD, {1, 0, 0, 0}}));
+    ASSERT_EQ(STATUS_SUCCESS, registry.Flush());
+    ASSERT_EQ(STATUS_SUCCESS,
+              registry.Set(u"\\Registry\\Machine\\System\\kvr", u"Lost", {REG_DWORD, {1, 0, 0, 0}}));
+    machine.PowerCut();
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Read(2, 8192, back.data(), 4096));
+    stand_in::Reset();
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    ASSERT_EQ(STATUS_SUCCESS, machine.Read(2, 8192, back.data(), 4096));
+    EXPECT_EQ(data, back);
+    host::RegistryValue value;
+    EXPECT_EQ(STATUS_SUCCESS, registry.Query(u"\\Registry\\Machine\\System\\kvr", u"kept", value));
+    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
+              registry.Query(u"\\Registry\\Machine\\System\\kvr", u"Lost", value));
+    ASSERT_EQ(STATUS_SUCCESS,
+              registry.Set(u"\\Registry\\Machine\\System\\kvr", u"Late", {REG_DWORD, {1, 0, 0, 0}}));
+    NTSTATUS booted = STATUS_UNSUCCESSFUL;
+    EXPECT_EQ(STATUS_SUCCESS, machine.Reboot(booted).registry);
+    EXPECT_EQ(STATUS_SUCCESS, booted);
+    EXPECT_EQ(STATUS_SUCCESS, registry.Query(u"\\Registry\\Machine\\System\\kvr", u"Late", value))
+        << "an orderly shutdown flushes";
+}
+
+TEST(Machine, ArmedCutCountsDiskAndRegistryInOneSequence) {
+    auto disk = TwoVolumeDisk();
+    auto start = disk->Clone();
+    Machine machine(Options({{disk}}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    std::vector<UCHAR> data(1024, 0x77), back(1024);
+    ASSERT_EQ(STATUS_SUCCESS, machine.Registry().CreateKey(u"\\Registry\\k"));
+    machine.Power().ArmCut(3, 1);
+    EXPECT_EQ(STATUS_SUCCESS, machine.Write(1, 0, data.data(), 1024));
+    EXPECT_EQ(STATUS_SUCCESS, machine.Registry().Set(u"\\Registry\\k", u"v", {REG_BINARY, {1}}));
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Write(1, 4096, data.data(), 1024))
+        << "one sector of it arrived";
+    EXPECT_TRUE(machine.Power().IsCut());
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Write(1, 8192, data.data(), 1024));
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Read(1, 0, back.data(), 1024));
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Registry().Flush());
+    machine.PowerCut();
+    KVR_DISCARD(start->Write(kMiB, data.data(), 1024), "memory");
+    KVR_DISCARD(start->Write(kMiB + 4096, data.data(), 512), "memory");
+    EXPECT_TRUE(disk->SameContent(*start));
+}
+
+// A driver's thread that waits in I/O when the power goes must come back from it.
+TEST(Machine, PowerCutEndsThreadsThatWaitInIo) {
+    Machine machine(Options({{TwoVolumeDisk(), false, Completion::Stepped}}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    NTSTATUS status = STATUS_SUCCESS;
+    std::thread guest([&] {
+        UCHAR sector[512] = {};
+        status = machine.Write(1, 0, sector, 512);
+    });
+    machine.DiskOf(0)->WaitForWaiting(1);
+    machine.PowerCut();
+    guest.join();
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, status);
+}
+
+TEST(Machine, BusyGuestsMeetAPowerCutWithoutHarm) {
+    auto disk = TwoVolumeDisk();
+    Machine machine(Options({{disk, false, Completion::Pended}}));
+    for (int boot = 0; boot < 3; ++boot) {
+        stand_in::Reset();
+        ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+        std::vector<std::thread> guests;
+        for (unsigned g = 0; g < 4; ++g) {
+            guests.emplace_back([&machine, g] {
+                std::vector<UCHAR> data(4096, static_cast<UCHAR>(g));
+                std::uint64_t at = g * 4096;
+                while (machine.Write(1 + g % 2, at % kMiB, data.data(), 4096) == STATUS_SUCCESS) at += 3 * 4096;
+            });
+        }
+        while (machine.Power().WritesSeen() < 200u * (boot + 1)) std::this_thread::yield();
+        machine.PowerCut();
+        const auto after = disk->Clone();
+        for (std::thread& guest : guests) guest.join();
+        EXPECT_TRUE(disk->SameContent(*after)) << "a write reached the disk after the cut";
+    }
+}
+
+std::atomic<bool> threadRan;
+TEST(Machine, ShutdownWaitsForTheDriversThreads) {
+    threadRan = false;
+    Machine machine(Options({{TwoVolumeDisk()}}, {.thread = [](void*) { threadRan = true; }}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    machine.Shutdown();
+    EXPECT_TRUE(threadRan);
+}
+
+TEST(Machine, DriverThatFailsToLoadIsLeftOut) {
+    Machine machine(Options({{TwoVolumeDisk()}}, {.failEntry = true}));
+    EXPECT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    EXPECT_EQ(STATUS_UNSUCCESSFUL, machine.DriverStatus());
+    UCHAR sector[512] = {};
+    EXPECT_EQ(STATUS_SUCCESS, machine.Read(2, 0, sector, 512));
+    EXPECT_TRUE(stand_in::TakeSeen().empty());
+}
+
+TEST(Machine, RemovableDisksComeLastAndMayBeRefusedTheirStart) {
+    auto stick = std::make_shared<MemoryDisk>(8 * kMiB, 512);
+    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 8 * kMiB);
+    MachineOptions options = Options({{stick, true}, {TwoVolumeDisk()}}, {.refuseStartOfRemovable = true});
+    options.fileSystem = [&](const VolumeDevice&) {
+        return ScriptedDriver(scripted, u"\\FileSystem\\Fastfat");
+    };
+    Machine machine(std::move(options));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    ASSERT_NE(nullptr, machine.VolumeOf(3)) << "a disk without a table is one volume";
+    EXPECT_TRUE(machine.VolumeOf(3)->device->Removable());
+    EXPECT_EQ(0u, machine.VolumeOf(3)->device->DiskNumber());
+    EXPECT_EQ(STATUS_ACCESS_DENIED, machine.VolumeOf(3)->startStatus);
+    EXPECT_EQ(nullptr, machine.VolumeOf(3)->files);
+    EXPECT_NE(nullptr, machine.VolumeOf(1)->files);
+    const PVPB vpb = machine.VolumeOf(1)->device->Vpb();
+    EXPECT_EQ(u"\\FileSystem\\Fastfat", std::u16string(vpb->DeviceObject->DriverObject->DriverName.Buffer,
+                                                       vpb->DeviceObject->DriverObject->DriverName.Length / 2));
+}
+
+TEST(Machine, RemovalAsksFirstAndTakesAllOrNothing) {
+    auto stick = TwoVolumeDisk();
+    stand_in::Plan plan;
+    Machine machine(Options({{TwoVolumeDisk()}}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    unsigned number = 0;
+    ASSERT_EQ(STATUS_SUCCESS, machine.AddDisk({stick, true}, number));
+    EXPECT_EQ(1u, number);
+    ASSERT_NE(nullptr, machine.VolumeOf(4));
+    UCHAR sector[512] = {};
+    EXPECT_EQ(STATUS_SUCCESS, machine.Write(4, 0, sector, 512));
+    const ULONG before = host::DeviceCount();
+    EXPECT_EQ(STATUS_SUCCESS, machine.RemoveDisk(1));
+    EXPECT_EQ(before - 6, host::DeviceCount()) << "a disk, two volumes and their filters";
+    EXPECT_EQ(nullptr, machine.VolumeOf(4));
+    EXPECT_EQ(STATUS_NO_SUCH_DEVICE, machine.Write(4, 0, sector, 512));
+
+    machine.Shutdown();
+    plan.refuseQueryRemove = true;
+    stand_in::Reset(plan);
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    EXPECT_EQ(nullptr, machine.VolumeOf(3)) << "what was unplugged stays unplugged";
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, machine.RemoveVolume(1));
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, machine.RemoveDisk(0));
+    EXPECT_EQ(2u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_CANCEL_REMOVE_DEVICE));
+    EXPECT_EQ(0u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_REMOVE_DEVICE));
+    EXPECT_EQ(STATUS_SUCCESS, machine.Write(1, 0, sector, 512));
+}
+
+TEST(Machine, ProgramsReachTheControlDevice) {
+    Machine machine(Options({{TwoVolumeDisk()}}));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    const UCHAR in[3] = {1, 2, 3};
+    UCHAR out[3] = {};
+    ULONG returned = 0;
+    EXPECT_EQ(STATUS_SUCCESS, machine.Control(u"\\Device\\StandIn", CTL_CODE(0x22, 0x800, METHOD_BUFFERED, 0),
+                                              in, 3, out, 3, returned));
+    EXPECT_EQ(3u, returned);
+    EXPECT_EQ(4, out[2]);
+    EXPECT_EQ(1u, stand_in::CountOf(IRP_MJ_CLOSE));
+    EXPECT_FALSE(NT_SUCCESS(machine.Control(u"\\Device\\None", 0, nullptr, 0, nullptr, 0, returned)));
+}
+
+TEST(Machine, SystemRootLeadsToTheSystemVolume) {
+    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 16 * kMiB);
+    scripted->AddFile(u"\\Windows\\System32\\x.txt", {{5 * kMiB, 4096}}, 100);
+    MachineOptions options = Options({{TwoVolumeDisk()}});
+    options.systemVolume = 2;
+    options.fileSystem = [&](const VolumeDevice& v) {
+        return v.Number() == 2 ? ScriptedDriver(scripted) : FileSystemDriver{};
+    };
+    Machine machine(std::move(options));
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    WCHAR text[] = W("\\SystemRoot\\system32\\X.TXT");
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, text);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_STATUS_BLOCK iosb{};
+    HANDLE file = nullptr;
+    ASSERT_EQ(STATUS_SUCCESS,
+              ZwCreateFile(&file, FILE_READ_DATA | SYNCHRONIZE, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ,
+                           FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
+    // Left open: neither way of ending a boot may stumble over it, nor the file system over the handle.
+    EXPECT_EQ(1u, machine.Shutdown().leaks.handles);
+}
+
+}  // namespace
