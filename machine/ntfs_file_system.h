@@ -13,26 +13,20 @@
 #include <string>
 #include <vector>
 #include "platform/kernel.h"
-#include "platform/host/file_provider.h"
+#include "machine/file_system.h"
+#include "machine/ntfs_entry.h"
 #include "machine/volume_io.h"
 
 namespace machine {
 
-struct DirectoryEntry {
-    std::u16string name;
-    std::uint64_t size = 0;  // bytes; 0 for a directory
-    ULONG attributes = 0;    // FILE_ATTRIBUTE_ bits
-    bool directory = false;
-};
-
-class NtfsFileSystem : public host::FileProvider {
+class NtfsFileSystem : public FileSystem {
 public:
-    // Mounts the volume behind `io`, which must live until Unmount() or the destructor.
+    // Mounts the volume behind `io`, which must live until Dismount(), Abandon() or the destructor.
     // STATUS_UNRECOGNIZED_VOLUME when it holds no NTFS, STATUS_DISK_CORRUPT_ERROR when its metadata is beyond
     // use, else the failing request's status. A volume that another system left unclean is mounted read-only.
     [[nodiscard]] static NTSTATUS Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fileSystem);
 
-    // Unmounts; a failure cannot be reported from here.
+    // Dismounts; a failure cannot be reported from here.
     ~NtfsFileSystem() override;
     NtfsFileSystem(const NtfsFileSystem&) = delete;
     NtfsFileSystem& operator=(const NtfsFileSystem&) = delete;
@@ -57,14 +51,20 @@ public:
     // Sends a flush down the volume's stack; everything this file system knows is at the stack already.
     [[nodiscard]] NTSTATUS Flush();
     // Ends the mount: files still open answer STATUS_DEVICE_NOT_READY from now on, and `io` is not touched
-    // again. Everything is released whatever the status; the status is the last flush's.
-    NTSTATUS Unmount();
+    // again. Everything is released whatever the status, which is that of the flush at the end.
+    NTSTATUS Dismount() override;
+    // The same without a request to the volume.
+    void Abandon() override;
 
 private:
     friend class NtfsOpen;
     struct State;
     explicit NtfsFileSystem(std::shared_ptr<State> state);
+    NTSTATUS End(bool orderly);
     std::shared_ptr<State> state_;  // shared with the opens, which may outlive the mount
 };
+
+// NTFS for a machine to mount its volumes with.
+FileSystemFactory NtfsFactory();
 
 }  // namespace machine
