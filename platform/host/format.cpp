@@ -221,11 +221,10 @@ private:
     }
 
     void Digits(const Directive& d, ULONGLONG value, unsigned base, bool upper, const char* prefix) {
+        const char* alphabet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
         char digits[24];
         int count = 0;
-        for (; value != 0; value /= base) {
-            digits[count++] = (upper ? "0123456789ABCDEF" : "0123456789abcdef")[value % base];
-        }
+        for (; value != 0; value /= base) digits[count++] = alphabet[value % base];
         const int prefixLength = static_cast<int>(std::strlen(prefix));
         int zeros = std::max(0, (d.precision < 0 ? 1 : d.precision) - count);
         if (d.zero && !d.left && d.precision < 0) zeros = std::max(zeros, d.width - count - prefixLength);
