@@ -8,6 +8,10 @@
 namespace host {
 namespace {
 
+// Locations that lie between a request and its first one: a driver that was given the last location and
+// prepares a next one writes there, and IofCallDriver stops it, rather than over the request.
+constexpr int SpareLocations = 1;
+
 constexpr SIZE_T HeaderSize = (sizeof(HostIrp) + 15) / 16 * 16;
 static_assert(sizeof(IRP) % alignof(IO_STACK_LOCATION) == 0);
 
@@ -28,7 +32,8 @@ HostIrp* Allocate(ThreadIo& io, CCHAR stackSize) {
         if (HostIrp* cached = io.irps[size].Take()) return cached;
     }
     const CCHAR capacity = size >= 0 ? IrpSizes[size] : stackSize;
-    const SIZE_T bytes = HeaderSize + sizeof(IRP) + static_cast<SIZE_T>(capacity) * sizeof(IO_STACK_LOCATION);
+    const SIZE_T bytes =
+        HeaderSize + sizeof(IRP) + static_cast<SIZE_T>(SpareLocations + capacity) * sizeof(IO_STACK_LOCATION);
     void* memory = std::malloc(bytes);
     if (memory == nullptr) Violation("host memory", "no memory for a request of %d stack locations", stackSize);
     auto* own = new (memory) HostIrp{};
@@ -51,10 +56,12 @@ PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context) {
     own->OutputLength = 0;
     own->OwnedSystemBuffer = nullptr;
     PIRP irp = IrpOf(own);
-    RtlZeroMemory(irp, sizeof(IRP) + static_cast<SIZE_T>(stackSize) * sizeof(IO_STACK_LOCATION));
+    auto* locations = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1);
+    const int used = SpareLocations + stackSize;
+    RtlZeroMemory(irp, sizeof(IRP) + static_cast<SIZE_T>(used) * sizeof(IO_STACK_LOCATION));
     irp->StackCount = stackSize;
     irp->CurrentLocation = static_cast<CCHAR>(stackSize + 1);
-    irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + stackSize;
+    irp->Tail.Overlay.CurrentStackLocation = locations + used;
     irp->Host = own;
     return irp;
 }
