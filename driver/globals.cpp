@@ -33,6 +33,7 @@ constinit std::atomic<BOOLEAN> gConfigWrittenByTool{FALSE};
 constinit std::atomic<HANDLE> gConfigFileHandle{nullptr};
 constinit std::atomic<HANDLE> gDriverFileHandle{nullptr};
 constinit FAST_MUTEX gConfigWriteLock{};
+constinit std::atomic<LONG> gConfigToolWrites{0};
 
 // control/provision_control.h
 constinit std::atomic<PKTHREAD> gProvisionThread{nullptr};
@@ -74,6 +75,7 @@ void InitializeConfigGlobals() {
     gConfigFileHandle = nullptr;
     gDriverFileHandle = nullptr;
     ClearOpaque(gConfigWriteLock);
+    gConfigToolWrites = 0;
 }
 
 void InitializeStorageGlobals() {

@@ -29,6 +29,7 @@ void EmptyMaps(PVOLUME_EXTENSION volume) {
     volume->SwapUsedBytes = 0;
     tree_destroy(&volume->FreeChunks);
     volume->SwapFreeBytes = 0;
+    MirrorFreeBytes(volume);
     tree_destroy(&volume->MapFileChunks);
 }
 

@@ -1,14 +1,5 @@
 #include "redirect/special_names.h"
-
-namespace {
-
-// A counted string over a literal. Nothing ever writes through Buffer: the names are only compared.
-template <size_t N>
-constexpr UNICODE_STRING Literal(const WCHAR (&text)[N]) {
-    return {(N - 1) * sizeof(WCHAR), N * sizeof(WCHAR), const_cast<PWSTR>(text)};
-}
-
-}  // namespace
+#include "config/literal.h"
 
 extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
     .Mft = Literal(W("\\$Mft")),
