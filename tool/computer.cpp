@@ -25,43 +25,15 @@ void Require(NTSTATUS status, const std::string& what) {
     if (!NT_SUCCESS(status)) throw StepFailed(what + ": " + StatusText(status));
 }
 
-// A mounted volume as the machine handles it, known to its computer for as long as it is mounted.
-class Computer::NtfsMount final : public machine::FileSystem {
-public:
-    NtfsMount(Computer& computer, unsigned volume, std::unique_ptr<machine::NtfsFileSystem> fileSystem)
-        : computer_(computer), volume_(volume), fileSystem_(std::move(fileSystem)) {
-        computer_.mounts_[volume_] = {fileSystem_.get(), std::make_unique<machine::GuestFiles>(*fileSystem_)};
-    }
-    ~NtfsMount() override { computer_.mounts_.erase(volume_); }
-
-    NTSTATUS Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
-                  ULONG_PTR& information) override {
-        return fileSystem_->Open(request, file, information);
-    }
-    NTSTATUS Delete(const std::u16string& path) override { return fileSystem_->Delete(path); }
-    NTSTATUS Dismount() override { return fileSystem_->Unmount(); }
-    void Abandon() override { (void)fileSystem_->Unmount(); }  // the way to the volume is closed already
-
-private:
-    Computer& computer_;
-    const unsigned volume_;
-    const std::unique_ptr<machine::NtfsFileSystem> fileSystem_;
-};
-
 Computer::Computer(const Place& system, const Place& data)
     : data_(data), dataDisk_(system.image == data.image ? 0 : 1) {
     machine::MachineOptions options;
     options.driver = DriverEntry;
     options.disks.push_back({OpenImage(system)});
     if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
-    options.fileSystem = [this](const machine::VolumeDevice& volume) {
+    options.fileSystem = [](const machine::VolumeDevice&) {
         machine::FileSystemDriver driver;
-        driver.mount = [this, number = volume.Number()](machine::VolumeIo& io, NTSTATUS& status) {
-            std::unique_ptr<machine::NtfsFileSystem> fileSystem;
-            status = machine::NtfsFileSystem::Mount(io, fileSystem);
-            return NT_SUCCESS(status) ? std::make_unique<NtfsMount>(*this, number, std::move(fileSystem))
-                                      : nullptr;
-        };
+        driver.mount = machine::NtfsFactory();
         return driver;
     };
     host::SetTimeZoneBias(kMinutesToUtc);
@@ -76,9 +48,7 @@ void Computer::Boot() {
     Require(machine_->PowerOn(), "the computer does not start");
     Require(machine_->DriverStatus(), "the driver does not load");
     dataNumber_ = FindDataVolume();
-    if (!mounts_.contains(systemNumber_)) throw StepFailed("the system volume cannot be mounted");
-    if (!mounts_.contains(dataNumber_))
-        Require(machine_->VolumeOf(dataNumber_)->mountStatus, "the data volume cannot be mounted");
+    MountOn(dataNumber_);
     ++boots_;
     WriteBootLog();
 }
@@ -131,14 +101,12 @@ std::string Computer::LocalDate() const {
     return text;
 }
 
-machine::GuestFiles& Computer::FilesOf(unsigned volume) {
-    const auto found = mounts_.find(volume);
-    if (found == mounts_.end()) throw StepFailed("volume " + std::to_string(volume) + " is not mounted");
-    return *found->second.files;
-}
-
-bool Computer::DataIsReadOnly() {
-    return mounts_.at(dataNumber_).fileSystem->ReadOnly();
+machine::NtfsFileSystem& Computer::MountOn(unsigned number) {
+    const machine::Volume* volume = machine_->VolumeOf(number);
+    if (volume == nullptr) throw StepFailed("there is no volume " + std::to_string(number));
+    if (volume->files == nullptr)
+        Require(volume->mountStatus, "volume " + std::to_string(number) + " cannot be mounted");
+    return static_cast<machine::NtfsFileSystem&>(*volume->files);  // the only one that the machine mounts
 }
 
 std::u16string Computer::DataName() {

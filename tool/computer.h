@@ -4,13 +4,13 @@
 // StepFailed.
 #pragma once
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 #include "machine/guest_files.h"
 #include "machine/machine.h"
+#include "machine/ntfs_file_system.h"
 #include "tool/config_text.h"
 #include "tool/control_client.h"
 
@@ -55,12 +55,11 @@ public:
     std::string LocalDate() const;
 
     // ---- use -------------------------------------------------------------------------------------------
-    machine::GuestFiles& System() { return FilesOf(systemNumber_); }
-    machine::GuestFiles& Data() { return FilesOf(dataNumber_); }
+    machine::GuestFiles System() { return FilesOf(systemNumber_); }
+    machine::GuestFiles Data() { return FilesOf(dataNumber_); }
     // Files of another volume, one that was plugged in for example.
-    machine::GuestFiles& FilesOf(unsigned volume);
-    bool IsMounted(unsigned volume) const { return mounts_.contains(volume); }
-    bool DataIsReadOnly();
+    machine::GuestFiles FilesOf(unsigned volume) { return machine::GuestFiles(MountOn(volume)); }
+    bool DataIsReadOnly() { return MountOn(dataNumber_).ReadOnly(); }
     unsigned SystemNumber() const { return systemNumber_; }
     unsigned DataNumber() const { return dataNumber_; }
     std::u16string DataName();
@@ -71,19 +70,13 @@ public:
     FixedVolume DataStatus() { return Status(dataNumber_); }
 
 private:
-    class NtfsMount;
-    struct Mounted {
-        machine::NtfsFileSystem* fileSystem;
-        std::unique_ptr<machine::GuestFiles> files;
-    };
-
+    machine::NtfsFileSystem& MountOn(unsigned volume);
     unsigned FindDataVolume();
     void WriteBootLog();
 
     Place data_;
     unsigned dataDisk_;
     std::unique_ptr<machine::Machine> machine_;
-    std::map<unsigned, Mounted> mounts_;  // by volume number, of the present boot
     unsigned systemNumber_ = 1;
     unsigned dataNumber_ = 0;
     unsigned boots_ = 0;

@@ -13,7 +13,7 @@ constexpr ULONG kReparsePoint = 0x400;                       // a folder that le
 constexpr std::size_t kChanges = 12, kDeletions = 5, kAdditions = 6;
 
 // What the machine shows below `folder`, contents hashed where `expected` has a hash to compare with.
-void ListBelow(machine::GuestFiles& volume, const std::u16string& folder, const FileTable& expected,
+void ListBelow(machine::GuestFiles volume, const std::u16string& folder, const FileTable& expected,
                FileTable& found) {
     std::vector<machine::DirectoryEntry> entries;
     Require(volume.List(folder.empty() ? u"\\" : folder, entries), "cannot list " + Narrow(folder));
@@ -46,7 +46,7 @@ std::string DifferenceOf(const OfflineFile& actual, const OfflineFile& expected)
 
 class Worker {
 public:
-    Worker(machine::GuestFiles& volume, const FileTable& before, std::uint64_t seed)
+    Worker(machine::GuestFiles volume, const FileTable& before, std::uint64_t seed)
         : volume_(volume), random_(seed) {
         work_.after = before;
         for (const auto& [path, file] : before) {
@@ -135,7 +135,7 @@ private:
                              .hashed = true};
     }
 
-    machine::GuestFiles& volume_;
+    machine::GuestFiles volume_;
     std::mt19937_64 random_;
     std::vector<std::u16string> candidates_;
     Work work_;
@@ -152,7 +152,7 @@ FileTable TableOf(const OfflineVolume& volume) {
     return table;
 }
 
-Comparison CompareWith(machine::GuestFiles& volume, const FileTable& expected) {
+Comparison CompareWith(machine::GuestFiles volume, const FileTable& expected) {
     FileTable found;
     ListBelow(volume, u"", expected, found);
     return Compare(found, expected);
@@ -175,7 +175,7 @@ Comparison Compare(const FileTable& actual, const FileTable& expected) {
     return result;
 }
 
-void Populate(machine::GuestFiles& volume, const std::u16string& folder, std::uint64_t seed) {
+void Populate(machine::GuestFiles volume, const std::u16string& folder, std::uint64_t seed) {
     std::mt19937_64 random(seed);
     Require(volume.MakeDirectory(folder), "cannot make a folder");
     for (const char* part : {"documents", "pictures", "programs"}) {
@@ -196,7 +196,7 @@ std::string Work::Text() const {
            std::to_string(deleted) + " deleted, " + Bytes(bytes) + " written";
 }
 
-Work DoWork(machine::GuestFiles& volume, const FileTable& before, std::uint64_t seed) {
+Work DoWork(machine::GuestFiles volume, const FileTable& before, std::uint64_t seed) {
     return Worker(volume, before, seed).Run();
 }
 

@@ -22,12 +22,12 @@ struct Comparison {
     std::uint64_t bytes = 0;  // of content that was compared
 };
 // Reads everything on the volume through the machine.
-Comparison CompareWith(machine::GuestFiles& volume, const FileTable& expected);
+Comparison CompareWith(machine::GuestFiles volume, const FileTable& expected);
 // Compares two tables.
 Comparison Compare(const FileTable& actual, const FileTable& expected);
 
 // Folders with files from nothing to some megabytes, about 18 MiB in all, below `folder`, which is made.
-void Populate(machine::GuestFiles& volume, const std::u16string& folder, std::uint64_t seed);
+void Populate(machine::GuestFiles volume, const std::u16string& folder, std::uint64_t seed);
 
 struct Work {
     FileTable after;  // what the volume holds now
@@ -37,7 +37,7 @@ struct Work {
 };
 // Changes, adds, renames and deletes files on a volume that holds `before`, and returns what it holds then.
 // Throws StepFailed when the volume refuses something.
-Work DoWork(machine::GuestFiles& volume, const FileTable& before, std::uint64_t seed);
+Work DoWork(machine::GuestFiles volume, const FileTable& before, std::uint64_t seed);
 
 // Bytes that do not compress or repeat.
 std::vector<std::uint8_t> RandomBytes(std::mt19937_64& random, std::size_t length);

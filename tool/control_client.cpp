@@ -10,12 +10,7 @@ namespace {
 constexpr std::size_t kMostRecords = 256;
 
 std::u16string NameOf(const std::uint16_t (&characters)[KVR_NAME_CHARS]) {
-    std::u16string name;
-    for (std::uint16_t c : characters) {
-        if (c == 0) break;
-        name += static_cast<char16_t>(c);
-    }
-    return name;
+    return std::u16string(std::begin(characters), std::find(std::begin(characters), std::end(characters), 0));
 }
 
 SWAP_CONFIG_REQUEST SwapRequest(const std::u16string& volume, std::int64_t bytes) {
@@ -26,11 +21,14 @@ SWAP_CONFIG_REQUEST SwapRequest(const std::u16string& volume, std::int64_t bytes
     return request;
 }
 
-template <class Record>
-std::vector<Record> Records(const std::vector<std::uint8_t>& bytes) {
-    std::vector<Record> records(bytes.size() / sizeof(Record));
-    if (!records.empty()) std::memcpy(records.data(), bytes.data(), records.size() * sizeof(Record));
-    return records;
+// Calls `use` with each record that the answer holds.
+template <class Record, class Use>
+void ForEachRecord(const std::vector<std::uint8_t>& answer, const Use& use) {
+    for (std::size_t at = 0; at + sizeof(Record) <= answer.size(); at += sizeof(Record)) {
+        Record record;
+        std::memcpy(&record, answer.data() + at, sizeof record);
+        use(record);
+    }
 }
 
 }  // namespace
@@ -75,10 +73,10 @@ NTSTATUS ControlClient::FixedVolumes(std::vector<FixedVolume>& volumes) {
     std::vector<std::uint8_t> answer(kMostRecords * sizeof(KVR_FIXED_VOLUME_STATUS));
     const NTSTATUS status = Call(IOCTL_KVR_GET_FIXED_VOLUMES, nullptr, 0, answer);
     volumes.clear();
-    for (const auto& record : Records<KVR_FIXED_VOLUME_STATUS>(answer)) {
+    ForEachRecord<KVR_FIXED_VOLUME_STATUS>(answer, [&](const auto& record) {
         volumes.push_back({NameOf(record.VolumeName), record.State, record.SwapTotalBytes, record.SwapUsedBytes,
                            record.SwapStatus});
-    }
+    });
     return status;
 }
 
@@ -86,8 +84,9 @@ NTSTATUS ControlClient::RemovableVolumes(std::vector<RemovableVolume>& volumes) 
     std::vector<std::uint8_t> answer(kMostRecords * sizeof(KVR_REMOVABLE_VOLUME_STATUS));
     const NTSTATUS status = Call(IOCTL_KVR_GET_REMOVABLE_VOLUMES, nullptr, 0, answer);
     volumes.clear();
-    for (const auto& record : Records<KVR_REMOVABLE_VOLUME_STATUS>(answer))
+    ForEachRecord<KVR_REMOVABLE_VOLUME_STATUS>(answer, [&](const auto& record) {
         volumes.push_back({NameOf(record.VolumeName), record.AccessMode});
+    });
     return status;
 }
 

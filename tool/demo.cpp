@@ -74,7 +74,7 @@ Places CopyPlaces(const std::string& folder, const std::string& image, const Pla
 
 // ---- preparing -------------------------------------------------------------------------------------------
 
-void MakeSystemFolders(machine::GuestFiles& system) {
+void MakeSystemFolders(machine::GuestFiles system) {
     for (const char16_t* folder : {u"\\Windows\\system32", u"\\Windows\\system32\\drivers"})
         Require(system.MakeDirectory(folder), "the system's folders cannot be made");
 }

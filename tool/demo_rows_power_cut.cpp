@@ -18,7 +18,7 @@ struct Written {
 };
 
 // Makes, overwrites and deletes files until the power goes.
-void KeepWriting(machine::GuestFiles& volume, unsigned number, Written& written) {
+void KeepWriting(machine::GuestFiles volume, unsigned number, Written& written) {
     std::mt19937_64 random(number);
     while (!written.enough) {
         const std::u16string path =
@@ -36,7 +36,7 @@ void KeepWriting(machine::GuestFiles& volume, unsigned number, Written& written)
 }
 
 // Overwrites files that belong to the fixed state as well: their sectors are the ones at stake.
-void KeepOverwriting(machine::GuestFiles& volume, const FileTable& files, Written& written) {
+void KeepOverwriting(machine::GuestFiles volume, const FileTable& files, Written& written) {
     std::mt19937_64 random(7);
     std::vector<std::pair<std::u16string, std::uint64_t>> targets;
     for (const auto& [path, file] : files) {
@@ -62,7 +62,7 @@ bool WaitForCut(machine::PowerSwitch& power) {
 void CutAt(Stage& stage, std::uint64_t nth, std::uint32_t kept) {
     Written written;
     machine::PowerSwitch& power = stage.computer.Hardware().Power();
-    machine::GuestFiles& volume = stage.computer.Data();
+    machine::GuestFiles volume = stage.computer.Data();
     power.ArmCut(nth, kept);
     std::vector<std::thread> writers;
     for (unsigned i = 0; i < kWriters; ++i)

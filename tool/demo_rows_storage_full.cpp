@@ -16,7 +16,7 @@ std::uint64_t Positive(std::int64_t bytes) {
 // Writes files until one is refused. Returns the refusal; `after` grows by the files that were written.
 NTSTATUS FillWithFiles(Stage& stage, FileTable& after, unsigned& files) {
     std::mt19937_64 random(505);
-    machine::GuestFiles& volume = stage.computer.Data();
+    machine::GuestFiles volume = stage.computer.Data();
     for (files = 0; files < kMostFiles; ++files) {
         const std::u16string path = u"\\large " + Widen(std::to_string(files));
         const auto bytes = RandomBytes(random, kFileSize);
@@ -33,7 +33,7 @@ NTSTATUS FillWithFiles(Stage& stage, FileTable& after, unsigned& files) {
 
 // Makes empty files, which are metadata and nothing else, until one is refused or `limit` are made.
 NTSTATUS FillWithNames(Stage& stage, unsigned limit, unsigned& names) {
-    machine::GuestFiles& volume = stage.computer.Data();
+    machine::GuestFiles volume = stage.computer.Data();
     std::u16string folder;
     NTSTATUS status = STATUS_SUCCESS;
     for (unsigned made = 0; made < limit && NT_SUCCESS(status); ++made, ++names) {
