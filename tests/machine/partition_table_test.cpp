@@ -1,0 +1,197 @@
+// Partition tables: what was written is read back, and no table, however hostile, gives a volume that leaves
+// the disk or lies on another.
+#include <cstring>
+#include <random>
+#include <gtest/gtest.h>
+#include "machine/partition_format.h"
+#include "machine/partition_table.h"
+
+namespace {
+
+using namespace machine;
+using namespace machine::table;
+using Image = std::vector<std::uint8_t>;
+constexpr std::uint64_t kMiB = 1024 * 1024;
+
+struct Case {
+    TableKind kind;
+    std::uint32_t sector;
+    std::size_t count;
+};
+
+// Reads the table of a disk that begins with `image`; what follows up to `size` reads as zeros.
+PartitionTable ReadImage(const Image& image, std::uint32_t sector, std::uint64_t size = 0) {
+    if (size == 0) size = image.size();
+    const auto read = [&](std::uint64_t offset, void* buffer, std::uint32_t length) {
+        EXPECT_TRUE(offset % sector == 0 && length % sector == 0 && length != 0);
+        if (offset > size || length > size - offset) {
+            ADD_FAILURE() << "read beyond the disk";
+            return false;
+        }
+        std::memset(buffer, 0, length);
+        if (offset < image.size()) {
+            std::memcpy(buffer, &image[offset], std::min<std::uint64_t>(length, image.size() - offset));
+        }
+        return true;
+    };
+    PartitionTable table = ReadPartitionTable(read, size, sector);
+    for (std::size_t i = 0; i < table.partitions.size(); ++i) {
+        const Partition& p = table.partitions[i];
+        EXPECT_TRUE(p.length != 0 && p.offset % sector == 0 && p.length % sector == 0);
+        EXPECT_TRUE(p.offset <= size && p.length <= size - p.offset);
+        for (std::size_t j = 0; j < i; ++j) {
+            const Partition& q = table.partitions[j];
+            EXPECT_TRUE(p.offset >= q.offset + q.length || q.offset >= p.offset + p.length);
+        }
+    }
+    return table;
+}
+
+Image MakeImage(const Case& c, std::vector<NewPartition>& parts, std::uint64_t size = 12 * kMiB) {
+    std::string error;
+    EXPECT_TRUE(LayOutPartitions(size, std::vector<std::uint64_t>(c.count), c.kind, parts, error)) << error;
+    Image image(size);
+    const auto pieces =
+        c.kind == TableKind::Gpt ? MakeGpt(size, c.sector, parts, 3) : MakeMbr(size, c.sector, parts, 3);
+    for (const DiskPiece& piece : pieces)
+        std::memcpy(&image[piece.offset], piece.bytes.data(), piece.bytes.size());
+    return image;
+}
+
+constexpr Case kCases[] = {{TableKind::Mbr, 512, 1},  {TableKind::Mbr, 4096, 4}, {TableKind::Mbr, 512, 7},
+                           {TableKind::Mbr, 4096, 6}, {TableKind::Gpt, 512, 1},  {TableKind::Gpt, 4096, 9}};
+
+TEST(PartitionTable, ReadsBackWhatWasWritten) {
+    for (const Case& c : kCases) {
+        std::vector<NewPartition> parts;
+        const Image image = MakeImage(c, parts);
+        const PartitionTable table = ReadImage(image, c.sector);
+        EXPECT_EQ(c.kind, table.kind);
+        EXPECT_TRUE(table.problems.empty()) << table.problems[0];
+        ASSERT_EQ(parts.size(), table.partitions.size());
+        for (std::size_t i = 0; i < parts.size(); ++i) {
+            EXPECT_EQ(parts[i].offset, table.partitions[i].offset);
+            EXPECT_EQ(parts[i].length, table.partitions[i].length);
+        }
+    }
+}
+
+TEST(PartitionTable, LayoutStaysOnTheDiskOrRefuses) {
+    std::vector<NewPartition> parts;
+    std::string error;
+    EXPECT_FALSE(LayOutPartitions(10 * kMiB, {10 * kMiB}, TableKind::Mbr, parts, error));
+    EXPECT_TRUE(LayOutPartitions(10 * kMiB, {9 * kMiB}, TableKind::Mbr, parts, error));
+    EXPECT_FALSE(LayOutPartitions(10 * kMiB, {9 * kMiB}, TableKind::Gpt, parts, error));
+    EXPECT_FALSE(LayOutPartitions(10 * kMiB, {~0ull, ~0ull}, TableKind::Gpt, parts, error))
+        << "sizes that wrap";
+    EXPECT_FALSE(LayOutPartitions(10 * kMiB, {0, 0}, TableKind::None, parts, error));
+}
+
+TEST(PartitionTable, DiskWithoutTableIsOneVolume) {
+    Image blank(kMiB);
+    ASSERT_EQ(1u, ReadImage(blank, 512).partitions.size());
+    EXPECT_EQ(kMiB, ReadImage(blank, 512).partitions[0].length);
+    // Boot code where partition entries would be.
+    Image ntfs(kMiB);
+    std::memcpy(ntfs.data(), "\xEB\x52\x90NTFS    ", 11);
+    Put<std::uint16_t>(&ntfs[11], 512);
+    Put<std::uint16_t>(&ntfs[kBootMark], kBootMarkValue);
+    std::memset(&ntfs[kMbrEntries], 0x41, 64);
+    const PartitionTable table = ReadImage(ntfs, 512);
+    EXPECT_EQ(TableKind::None, table.kind);
+    ASSERT_EQ(1u, table.partitions.size());
+    EXPECT_EQ(kMiB, table.partitions[0].length);
+    // The same entries without the file system's mark are a table, of nothing usable.
+    ntfs[3] = 'X';
+    EXPECT_TRUE(ReadImage(ntfs, 512).partitions.empty());
+}
+
+TEST(PartitionTable, GptFallsBackToItsBackup) {
+    std::vector<NewPartition> parts;
+    const Case c = {TableKind::Gpt, 512, 3};
+    const Image image = MakeImage(c, parts);
+    for (const std::size_t damaged : {std::size_t{512 + 20}, std::size_t{1024 + 40}}) {
+        Image bad = image;
+        bad[damaged] ^= 1;
+        const PartitionTable table = ReadImage(bad, 512);
+        EXPECT_EQ(3u, table.partitions.size());
+        EXPECT_EQ(1u, table.problems.size());
+        bad[bad.size() - 512 + 20] ^= 1;
+        EXPECT_TRUE(ReadImage(bad, 512).partitions.empty()) << "both damaged: the sum of neither is trusted";
+    }
+}
+
+// Edits a header or entry and makes the sums right again, so that only the checks of the fields are left.
+void Reseal(Image& image) {
+    const std::uint32_t bytes = Get32(&image[512 + kGptEntryCount]) * Get32(&image[512 + kGptEntrySize]);
+    if (bytes <= image.size() - 1024) Put<std::uint32_t>(&image[512 + kGptEntriesCrc], Crc32(&image[1024], bytes));
+    Put<std::uint32_t>(&image[512 + kGptHeaderCrc], 0);
+    Put<std::uint32_t>(&image[512 + kGptHeaderCrc], Crc32(&image[512], kGptHeaderSize));
+}
+
+TEST(PartitionTable, GptFieldsAreNotTrusted) {
+    std::vector<NewPartition> parts;
+    Image image = MakeImage({TableKind::Gpt, 512, 2}, parts);
+    const std::uint64_t size = image.size();
+    image.resize(64 * 1024);  // without the backup
+    const std::uint64_t values[] = {0, 1, 2, 34, 0x7FFFFFFF, 0xFFFFFFFF, 1ull << 55, ~0ull - 1, ~0ull};
+    for (const std::size_t field :
+         {kGptMyLba, kGptFirstUsable, kGptLastUsable, kGptEntriesLba, kGptEntryCount, kGptEntrySize,
+          std::size_t{512} + kGptEntryFirst, std::size_t{512} + kGptEntryLast,
+          std::size_t{640} + kGptEntryFirst, std::size_t{640} + kGptEntryLast}) {
+        for (const std::uint64_t value : values) {
+            Image bad = image;
+            const bool narrow = field == kGptEntryCount || field == kGptEntrySize;
+            narrow ? Put<std::uint32_t>(&bad[512 + field], static_cast<std::uint32_t>(value))
+                   : Put<std::uint64_t>(&bad[512 + field], value);
+            Reseal(bad);
+            ReadImage(bad, 512, size);
+        }
+    }
+    Image overlap = image;
+    std::memcpy(&overlap[1024 + 128 + kGptEntryFirst], &overlap[1024 + kGptEntryFirst], 16);
+    Reseal(overlap);
+    EXPECT_EQ(1u, ReadImage(overlap, 512, size).partitions.size());
+    Image oneSided = image;
+    Put<std::uint64_t>(&oneSided[1024 + kGptEntryLast], ~0ull);
+    Reseal(oneSided);
+    const PartitionTable table = ReadImage(oneSided, 512, size);
+    ASSERT_EQ(1u, table.partitions.size()) << "the sound entry stays";
+    EXPECT_EQ(parts[1].offset, table.partitions[0].offset);
+}
+
+TEST(PartitionTable, MbrChainsEnd) {
+    std::vector<NewPartition> parts;
+    const Image image = MakeImage({TableKind::Mbr, 512, 6}, parts);
+    const std::size_t link = parts[3].offset - kPartitionAlignment;
+    const std::size_t next = link + kMbrEntries + kMbrEntrySize + kMbrEntryStart;
+    for (const std::uint32_t target : {0u, 1u, 0xFFFFFFFFu, 0x7FFFFFFFu, 64u}) {
+        Image bad = image;
+        Put<std::uint32_t>(&bad[next], target);
+        const PartitionTable table = ReadImage(bad, 512);
+        EXPECT_EQ(4u, table.partitions.size()) << "target " << target;
+        EXPECT_FALSE(table.problems.empty());
+    }
+    Image huge = image;
+    Put<std::uint32_t>(&huge[link + kMbrEntries + kMbrEntrySectors], 0xFFFFFFFF);
+    Put<std::uint32_t>(&huge[kMbrEntries + kMbrEntryStart], 0);
+    EXPECT_EQ(4u, ReadImage(huge, 512).partitions.size());
+}
+
+TEST(PartitionTable, RandomDamageNeverEscapes) {
+    std::mt19937 random(11);
+    for (const Case& c : kCases) {
+        std::vector<NewPartition> parts;
+        const Image image = MakeImage(c, parts);
+        for (int round = 0; round < 300; ++round) {
+            Image bad(image.begin(), image.begin() + 64 * 1024);
+            for (unsigned n = random() % 8 + 1; n != 0; --n) {
+                bad[random() % (c.sector * 3)] = static_cast<std::uint8_t>(random());
+            }
+            if (c.kind == TableKind::Gpt && c.sector == 512) Reseal(bad);
+            ReadImage(bad, c.sector, (1 + random() % 12) * kMiB);  // also a disk shorter than its table says
+        }
+    }
+}
+
+}  // namespace
