@@ -81,11 +81,10 @@ bool AcquireMutexWord(std::atomic<LONG>& word, const LARGE_INTEGER* timeout) {
     LONG expected = MutexFree;
     if (word.compare_exchange_strong(expected, MutexHeld, std::memory_order_acquire)) return true;
     const Deadline deadline(timeout);
-    for (bool late = false;;) {
-        // Before giving up as well: whoever leaves must leave the mark for the others that sleep.
+    for (;;) {
         if (word.exchange(MutexContended, std::memory_order_acquire) == MutexFree) return true;
-        if (late) return false;
-        late = !futex::Wait(word, MutexContended, deadline.get());
+        // Late means that no wake-up was spent on this thread: leaving strands nobody.
+        if (!futex::Wait(word, MutexContended, deadline.get())) return false;
     }
 }
 

@@ -8,7 +8,7 @@
 namespace host::futex {
 
 // Sleeps while `word` is `expected`, until woken or until `deadline` on the monotonic clock (null: for ever).
-// May return early. False when the deadline has passed.
+// May return early. False when the deadline passed and no wake-up was spent on this thread.
 bool Wait(std::atomic<LONG>& word, LONG expected, const timespec* deadline);
 void WakeOne(std::atomic<LONG>* word);
 void WakeAll(std::atomic<LONG>* word);

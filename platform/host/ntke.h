@@ -54,8 +54,8 @@ void KeClearEvent(PRKEVENT event);
 LONG KeReadStateEvent(PRKEVENT event);
 void KeInitializeMutex(PRKMUTEX mutex, ULONG level);
 LONG KeReleaseMutex(PRKMUTEX mutex, BOOLEAN wait);
-// IRQL: below DISPATCH_LEVEL, or DISPATCH_LEVEL with a timeout of 0; a mutex: PASSIVE_LEVEL. `timeout` in 100 ns:
-// null waits for ever, 0 polls, a negative one counts from now, a positive one is a system time.
+// IRQL: below DISPATCH_LEVEL, or DISPATCH_LEVEL with a timeout of 0; a mutex: PASSIVE_LEVEL. `timeout` in 100
+// ns: null waits for ever, 0 polls, a negative one counts from now, a positive one is a system time.
 [[nodiscard]] NTSTATUS KeWaitForSingleObject(PVOID object, KWAIT_REASON reason, KPROCESSOR_MODE mode,
                                              BOOLEAN alertable, PLARGE_INTEGER timeout);
 void KeInitializeSpinLock(PKSPIN_LOCK lock);

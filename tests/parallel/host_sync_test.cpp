@@ -66,6 +66,43 @@ TEST(HostEvents, SetReleasesSleepersThoughClearedAtOnce) {
     }
 }
 
+// Threads asleep on one event: `released` counts those that its sets have let go.
+class Sleepers {
+public:
+    Sleepers(EVENT_TYPE type, int count) {
+        KeInitializeEvent(&event_, type, FALSE);
+        for (int i = 0; i < count; ++i) threads_.emplace_back([this] { Sleep(); });
+        while (started_.load() < count || !Sleeping(event_)) std::this_thread::yield();
+        for (int i = 0; i < 50; ++i) std::this_thread::yield();  // so that the last of them sleeps too
+    }
+    ~Sleepers() {
+        for (std::thread& thread : threads_) thread.join();
+    }
+    void SetAndAwait(int released) {
+        KeSetEvent(&event_, 0, FALSE);
+        while (released_.load() < released) std::this_thread::yield();
+    }
+
+private:
+    void Sleep() {
+        started_.fetch_add(1);
+        EXPECT_EQ(Wait(&event_), STATUS_SUCCESS);
+        released_.fetch_add(1);
+    }
+
+    KEVENT event_;
+    std::atomic<int> started_ = 0, released_ = 0;
+    std::vector<std::thread> threads_;
+};
+
+TEST(HostEvents, OneSetReleasesAllSleepersOrExactlyOne) {
+    for (int round = 0; round < 50; ++round) {
+        Sleepers(NotificationEvent, 3).SetAndAwait(3);
+        Sleepers one(SynchronizationEvent, 3);
+        for (int released = 1; released <= 3; ++released) one.SetAndAwait(released);
+    }
+}
+
 // Waiters that give up must not take along the wake-up of those that stay.
 TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
     constexpr int Sets = 4000;

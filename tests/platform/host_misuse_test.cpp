@@ -22,6 +22,10 @@ struct Misuse {
     const char* message;
 };
 
+void PrintTo(const Misuse& misuse, std::ostream* out) {
+    *out << misuse.name;
+}
+
 FAST_MUTEX fastA, fastB;
 KMUTEX kernelA, kernelB;
 KSPIN_LOCK spin;
