@@ -37,7 +37,7 @@ flags=(
     -nostdinc -nostdinc++
     -isystem "$libstdcxx" -isystem "$libstdcxx/x86_64-w64-mingw32"
     -isystem "$("$clang" -print-resource-dir)/include" -isystem "$sysroot/include" -isystem "$sysroot/include/ddk"
-    -I. -Iplatform -Iplatform/windows
+    -I. -Iplatform/windows
     -DNTDDI_VERSION=0x06010000 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601
     -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset
     -Wall -Wextra -Werror -Werror=global-constructors -Wframe-larger-than=2048

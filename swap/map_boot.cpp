@@ -9,8 +9,8 @@
 
 namespace {
 
-// The low-space limit and some room above it. With less free space than this, redirections that are to be merged
-// stay as they are for one more boot.
+// The low-space limit and some room above it. With less free space than this, redirections that are to be
+// merged stay as they are for one more boot.
 constexpr ULONG64 kMergeLimit = 0x3300000;
 
 // The map as it is being loaded.
