@@ -47,16 +47,18 @@ Computer::~Computer() {
 void Computer::Boot() {
     Require(machine_->PowerOn(), "the computer does not start");
     Require(machine_->DriverStatus(), "the driver does not load");
-    dataNumber_ = FindDataVolume();
+    FindDataVolume();
     MountOn(dataNumber_);
     ++boots_;
     WriteBootLog();
 }
 
-unsigned Computer::FindDataVolume() {
+void Computer::FindDataVolume() {
     for (const machine::Volume* volume : machine_->Volumes()) {
-        if (volume->device->DiskNumber() == dataDisk_ && volume->device->Offset() == data_.offset)
-            return volume->device->Number();
+        if (volume->device->DiskNumber() != dataDisk_ || volume->device->Offset() != data_.offset) continue;
+        dataNumber_ = volume->device->Number();
+        dataName_ = volume->device->Name();
+        return;
     }
     throw StepFailed("the computer does not find the data volume");
 }
@@ -107,10 +109,6 @@ machine::NtfsFileSystem& Computer::MountOn(unsigned number) {
     if (volume->files == nullptr)
         Require(volume->mountStatus, "volume " + std::to_string(number) + " cannot be mounted");
     return static_cast<machine::NtfsFileSystem&>(*volume->files);  // the only one that the machine mounts
-}
-
-std::u16string Computer::DataName() {
-    return machine_->VolumeOf(dataNumber_)->device->Name();
 }
 
 void Computer::Configure(const Configuration& configuration) {

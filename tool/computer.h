@@ -62,7 +62,8 @@ public:
     bool DataIsReadOnly() { return MountOn(dataNumber_).ReadOnly(); }
     unsigned SystemNumber() const { return systemNumber_; }
     unsigned DataNumber() const { return dataNumber_; }
-    std::u16string DataName();
+    // Of the present boot or the last one.
+    const std::u16string& DataName() const { return dataName_; }
 
     void Configure(const Configuration& configuration);
     std::u16string ConfigurationInForce();
@@ -71,7 +72,7 @@ public:
 
 private:
     machine::NtfsFileSystem& MountOn(unsigned volume);
-    unsigned FindDataVolume();
+    void FindDataVolume();
     void WriteBootLog();
 
     Place data_;
@@ -79,6 +80,7 @@ private:
     std::unique_ptr<machine::Machine> machine_;
     unsigned systemNumber_ = 1;
     unsigned dataNumber_ = 0;
+    std::u16string dataName_;
     unsigned boots_ = 0;
 };
 

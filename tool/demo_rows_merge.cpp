@@ -62,7 +62,7 @@ void ShowMerge(Stage& stage) {
     stage.computer.Boot();
     const Work more = DoWork(stage.computer.Data(), stage.fixedFiles, 304);
     stage.computer.Reboot();
-    stage.CheckFiles("later changes are kept, ", more.after);
+    stage.CheckFiles("later changes are kept", more.after);
     stage.computer.Shutdown();
     stage.CheckUnchanged("and not merged again", "two boots later");
 }

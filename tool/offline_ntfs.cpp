@@ -204,13 +204,16 @@ struct OfflineVolume::Mount {
         if (volume != nullptr) ntfs_umount(volume, FALSE);
     }
 
+    // Looks names up without regard to case.
     ntfs_inode* Find(const std::u16string& path) const {
+        ntfs_set_ignore_case(volume);
         ntfs_inode* inode = ntfs_inode_open(volume, FILE_root);
         for (std::size_t at = 1; inode != nullptr && at < path.size();) {
             const std::size_t end = std::min(path.find(u'\\', at), path.size());
             inode = Step(inode, path.substr(at, end - at));
             at = end + 1;
         }
+        NVolSetCaseSensitive(volume);  // otherwise listings show all names in lower case
         return inode;
     }
 
@@ -289,10 +292,7 @@ OfflineVolume::OfflineVolume(const std::string& image, std::uint64_t offset, std
     ntfs_device* device = ntfs_device_alloc("volume", 0, &Operations(), &mount_->window);
     if (device == nullptr) throw Error("out of memory");
     mount_->volume = ntfs_device_mount(device, NTFS_MNT_RDONLY | NTFS_MNT_FORENSIC);
-    if (mount_->volume != nullptr) {
-        ntfs_set_ignore_case(mount_->volume);
-        return;
-    }
+    if (mount_->volume != nullptr) return;
     const std::string why = errno == EINVAL ? "it is no valid NTFS volume" : std::strerror(errno);
     ntfs_device_free(device);
     throw Error("cannot read the NTFS volume of " + image + ": " + why);
@@ -366,7 +366,10 @@ std::vector<Extent> DriverFileExtents(const OfflineVolume& volume) {
 }
 
 bool IsDriverStorage(const std::u16string& path) {
-    return path.starts_with(u"\\kvr.SWP") || path == u"\\kvr.MAP";
+    std::u16string folded = path;
+    for (char16_t& c : folded) c = c >= u'a' && c <= u'z' ? static_cast<char16_t>(c - 32) : c;
+    return folded == u"\\KVR.MAP" || folded == u"\\KVR.SWP" ||
+           (folded.starts_with(u"\\KVR.SWP.") && folded.size() == 12);
 }
 
 }  // namespace tool
