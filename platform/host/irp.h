@@ -6,7 +6,7 @@
 // - it is not sent on when its stack locations are used up, nor once it was completed or freed;
 // - a dispatch routine returns STATUS_PENDING exactly when the request was marked pending, and otherwise the
 //   status that it completed the request with;
-// - it comes back from a dispatch routine at the IRQL at which it went in.
+// - a dispatch routine returns at the IRQL, and holding as many locks, as it was called.
 #pragma once
 #include "ntio.h"
 

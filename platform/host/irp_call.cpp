@@ -97,7 +97,6 @@ bool PassLocation(PIRP irp) {
     const PIO_COMPLETION_ROUTINE routine = done->CompletionRoutine;
     MarkFrames(host::ThisThreadIo().frames, irp, control);
     done->Control = 0;
-    done->CompletionRoutine = nullptr;
     IoSkipCurrentIrpStackLocation(irp);
     irp->PendingReturned = (control & SL_PENDING_RETURNED) != 0;
     const bool top = irp->CurrentLocation > irp->StackCount;

@@ -68,7 +68,7 @@ private:
 
 // Sends a device-control request and waits. `major` is IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL or
 // IRP_MJ_FILE_SYSTEM_CONTROL. Buffered codes see one system buffer; it is copied to `output` unless the status
-// is an error. STATUS_INSUFFICIENT_RESOURCES when the request cannot be built. IRQL: PASSIVE_LEVEL.
+// is an error; what lies behind the input in it is 0xA5. IRQL: PASSIVE_LEVEL.
 struct Control {
     ULONG code;
     const void* input = nullptr;

@@ -1,5 +1,5 @@
-// What a program on the hosted machine does with a device: open it by name, control it, close it. Power-off takes
-// with it what is open, without a request.
+// What a program on the hosted machine does with a device: open it by name, control it, close it. Power-off
+// takes with it what is open, without a request.
 #pragma once
 #include <string_view>
 #include "ntzw.h"

@@ -156,6 +156,37 @@ TEST_F(HostIrp, PendingTravelsUpThroughFiltersOfEveryKind) {
     copies.Delete();
 }
 
+// A filter may give the request another end than the devices below did, and go on with requests of its own in
+// the memory of the one that it has completed.
+TEST_F(HostIrp, EachDispatchRoutineIsJudgedByItsOwnEnd) {
+    Device bottom(driver, Answer(STATUS_IO_DEVICE_ERROR));
+    Device other(driver, Answer(STATUS_SUCCESS));
+    Device asDeep(driver, Answer(STATUS_IO_DEVICE_ERROR), other.object);
+    Device filter(
+        driver,
+        [&](PDEVICE_OBJECT device, PIRP irp) {
+            EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Forward(device, irp));
+            Complete(irp, STATUS_SUCCESS);
+            EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Send(asDeep.object, Request{}).status);
+            return STATUS_SUCCESS;
+        },
+        bottom.object);
+    EXPECT_EQ(STATUS_SUCCESS, Send(filter.object, Request{}).status);
+    Outcome end{STATUS_PENDING, 0};
+    host::SendAsync(
+        filter.object, Request{}, [](void* to, Outcome o) { *static_cast<Outcome*>(to) = o; }, &end);
+    EXPECT_EQ(STATUS_SUCCESS, end.status);
+    filter.Delete();
+    asDeep.Delete();
+
+    Device marks(driver, [](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        Complete(irp, STATUS_SUCCESS, 3);
+        return STATUS_PENDING;
+    });
+    EXPECT_EQ(3u, Send(marks.object, Request{}).information);
+}
+
 TEST_F(HostIrp, ExceptionLeavingADispatchRoutineEndsTheRequest) {
     char data[16];
     Device device(driver, [](PDEVICE_OBJECT, PIRP irp) {

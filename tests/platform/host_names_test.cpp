@@ -24,6 +24,7 @@ struct OneFile : host::FileProvider {
         explicit Opened(OneFile& owner) : fs(owner) { ++fs.open; }
         ~Opened() override { --fs.open; }
         NTSTATUS Read(LONGLONG offset, void* buffer, ULONG length, ULONG& done) override {
+            done = 77;  // means nothing beside a failure
             if (offset >= static_cast<LONGLONG>(fs.data.size())) return STATUS_END_OF_FILE;
             done = static_cast<ULONG>(fs.data.copy(static_cast<char*>(buffer), length, offset));
             return STATUS_SUCCESS;
