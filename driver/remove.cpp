@@ -5,6 +5,7 @@
 #include "redirect/swap_file.h"
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"
+#include "swap/provision.h"
 #include "swap/swap.h"
 
 namespace {
@@ -37,15 +38,6 @@ void LeaveSwapFile(PVOLUME_EXTENSION volume) {
     if (!volume->SwapFile) return;
     KVR_DISCARD(DetachFromSwap(volume), "detaching always succeeds");
     volume->SwapFile = nullptr;
-}
-
-// Nobody else is left who could use the handles; the mutex is for those who look at them all the same.
-void CloseHeldHandles(PVOLUME_EXTENSION volume) {
-    KernelMutexLock lock(volume->StorageMutex);
-    KernelHandle(std::exchange(volume->SwapMapFileHandle, nullptr)).Reset();
-    KernelHandle(std::exchange(volume->SwapFileHandle, nullptr)).Reset();
-    for (HANDLE& handle : volume->SwapFileHandles) KernelHandle(std::exchange(handle, nullptr)).Reset();
-    KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
 }
 
 // The caller's own hold is the last one let go. From then on every acquisition fails: requests end with
@@ -95,7 +87,8 @@ BOOLEAN TakeDownFilter(PVOLUME_EXTENSION volume) {
     UnlinkVolume(volume);
     // Only now: as long as the record could be found by name, a SWAP_FILE could have come to point to it.
     ForgetSwapVolume(volume);
-    CloseHeldHandles(volume);
+    CloseHeldFiles(volume);
+    KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
     ForgetMapLocation(volume);
     PDEVICE_OBJECT filter = volume->FilterDevice;
     IoDetachDevice(volume->Target);

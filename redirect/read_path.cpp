@@ -89,6 +89,7 @@ NTSTATUS ReadVolume(PDEVICE_OBJECT device, PIRP request) {
 }  // namespace
 
 NTSTATUS KvrRead(PDEVICE_OBJECT device, PIRP request) {
+    if (device == gControlDevice) return KvrDefaultDispatch(device, request);
     PVOLUME_EXTENSION volume = VolumeOf(device);
     const RecordHold hold(volume, request);
     if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);

@@ -203,6 +203,7 @@ NTSTATUS WriteVolume(PDEVICE_OBJECT device, PIRP request) {
 }  // namespace
 
 NTSTATUS KvrWrite(PDEVICE_OBJECT device, PIRP request) {
+    if (device == gControlDevice) return KvrDefaultDispatch(device, request);
     PVOLUME_EXTENSION volume = VolumeOf(device);
     const RecordHold hold(volume, request);
     if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);

@@ -55,13 +55,6 @@ void CloseHeld(HANDLE* handle) {
     KernelHandle(std::exchange(*handle, nullptr)).Reset();
 }
 
-void CloseHeldFiles(PVOLUME_EXTENSION volume) {
-    KernelMutexLock lock(volume->StorageMutex);
-    CloseHeld(&volume->SwapMapFileHandle);
-    CloseHeld(&volume->SwapFileHandle);
-    for (HANDLE& handle : volume->SwapFileHandles) CloseHeld(&handle);
-}
-
 void DeleteNumberedFiles(PVOLUME_EXTENSION volume) {
     for (ULONG i = 1; i <= kNumberedSwapFiles; ++i) DeleteStorageFile(volume, i);
 }
@@ -192,6 +185,13 @@ NTSTATUS AllocateStorage(const SWAP_CONFIG_REQUEST* request) {
 }
 
 }  // namespace
+
+void CloseHeldFiles(PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(volume->StorageMutex);
+    CloseHeld(&volume->SwapMapFileHandle);
+    CloseHeld(&volume->SwapFileHandle);
+    for (HANDLE& handle : volume->SwapFileHandles) CloseHeld(&handle);
+}
 
 void ConfigureSwapAllocThread(PVOID request) {
     EnterProvisioning();
