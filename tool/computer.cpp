@@ -1,14 +1,18 @@
 #include "tool/computer.h"
+#include <chrono>
 #include <cstdio>
+#include <thread>
 #include <utility>
 #include "machine/image_disk.h"
 #include "platform/host/clock.h"
+#include "platform/host/thread.h"
 #include "tool/error.h"
 
 namespace tool {
 namespace {
 
 constexpr LONG kMinutesToUtc = -60;
+constexpr std::chrono::seconds kLongestSettling{20};
 constexpr char16_t kLogFolder[] = u"\\Windows";
 constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
 
@@ -51,6 +55,7 @@ void Computer::Boot() {
     MountOn(dataNumber_);
     ++boots_;
     WriteBootLog();
+    Settle();
 }
 
 void Computer::FindDataVolume() {
@@ -70,6 +75,14 @@ void Computer::WriteBootLog() {
     const std::string line = "start " + std::to_string(boots_) + " at " + LocalDate() + "\n";
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
     Require(System().WriteFile(kBootLog, {bytes, line.size()}), "the boot log cannot be written");
+}
+
+void Computer::Settle() {
+    const auto end = std::chrono::steady_clock::now() + kLongestSettling;
+    while (host::RunningSystemThreads() != 0) {
+        if (std::chrono::steady_clock::now() > end) throw StepFailed("a thread of the driver does not end after the boot");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void Computer::Shutdown() {

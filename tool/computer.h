@@ -41,7 +41,8 @@ public:
 
     // ---- power -----------------------------------------------------------------------------------------
     // Every boot ends by writing its line into the system volume's log, as operating systems do; the log is
-    // on a volume that is not protected.
+    // on a volume that is not protected. It is over when the driver's threads of the boot have ended, so that what
+    // they hold open is held.
     void Boot();
     void Shutdown();
     void Reboot();
@@ -74,6 +75,7 @@ private:
     machine::NtfsFileSystem& MountOn(unsigned volume);
     void FindDataVolume();
     void WriteBootLog();
+    void Settle();
 
     Place data_;
     unsigned dataDisk_;
