@@ -80,7 +80,8 @@ void Computer::WriteBootLog() {
 void Computer::Settle() {
     const auto end = std::chrono::steady_clock::now() + kLongestSettling;
     while (host::RunningSystemThreads() != 0) {
-        if (std::chrono::steady_clock::now() > end) throw StepFailed("a thread of the driver does not end after the boot");
+        if (std::chrono::steady_clock::now() > end)
+            throw StepFailed("a thread of the driver does not end after the boot");
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
 }

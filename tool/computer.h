@@ -41,8 +41,8 @@ public:
 
     // ---- power -----------------------------------------------------------------------------------------
     // Every boot ends by writing its line into the system volume's log, as operating systems do; the log is
-    // on a volume that is not protected. It is over when the driver's threads of the boot have ended, so that what
-    // they hold open is held.
+    // on a volume that is not protected. It is over when the driver's threads of the boot have ended, so that
+    // what they hold open is held.
     void Boot();
     void Shutdown();
     void Reboot();

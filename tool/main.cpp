@@ -22,7 +22,7 @@ void AddDemo(CLI::App& app, tool::DemoOptions& options) {
 
 int Run(int argc, char** argv) {
     CLI::App app("A hosted computer for the Kvr volume filter driver.", "kvrhost");
-    app.require_subcommand(1);
+    app.require_subcommand(0, 1);
     tool::DemoOptions demo;
     AddDemo(app, demo);
     try {
@@ -33,6 +33,10 @@ int Run(int argc, char** argv) {
         return app.exit(help);
     } catch (const CLI::ParseError& error) {
         std::fprintf(stderr, "kvrhost: %s (see kvrhost --help)\n", error.what());
+        return tool::kExitError;
+    }
+    if (app.get_subcommands().empty()) {
+        std::fputs("kvrhost: which command? (see kvrhost --help)\n", stderr);
         return tool::kExitError;
     }
     return tool::RunDemo(demo);

@@ -1,6 +1,11 @@
 #include "tool/report.h"
 
 namespace tool {
+namespace {
+
+constexpr std::chrono::seconds kPlainProgress{1};
+
+}  // namespace
 
 Report::Report(std::FILE* out, bool terminal)
     : out_(out), terminal_(terminal), start_(std::chrono::steady_clock::now()) {}
@@ -27,7 +32,13 @@ bool Report::Check(const std::string& name, bool passed, const std::string& meas
 }
 
 void Report::Progress(const std::string& text) {
-    if (!terminal_) return;
+    if (!terminal_) {
+        const auto now = std::chrono::steady_clock::now();
+        if (now - lastPlain_ < kPlainProgress) return;
+        lastPlain_ = now;
+        Note(text);
+        return;
+    }
     std::fprintf(out_, "\r\033[K        %s", text.c_str());
     std::fflush(out_);
     progressShown_ = true;

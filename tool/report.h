@@ -20,7 +20,7 @@ public:
     void Note(const std::string& text);
     // One row. Returns `passed`, so that a caller can stop where going on makes no sense.
     bool Check(const std::string& name, bool passed, const std::string& measured);
-    // On a terminal a line that the next output replaces; otherwise nothing is written for it.
+    // On a terminal a line that the next output replaces; otherwise a plain line, at most one a second.
     void Progress(const std::string& text);
     // The last line.
     void Summary(const std::string& program);
@@ -34,6 +34,7 @@ private:
     std::FILE* out_;
     bool terminal_;
     bool progressShown_ = false;
+    std::chrono::steady_clock::time_point lastPlain_{};
     int checks_ = 0;
     int passed_ = 0;
     std::chrono::steady_clock::time_point start_;
