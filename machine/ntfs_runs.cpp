@@ -72,10 +72,7 @@ NTSTATUS NtfsRuns::Read(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, v
 NTSTATUS NtfsRuns::ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt, std::uint8_t* sector,
                                std::uint64_t valid) const {
     if (sectorAt >= valid) return STATUS_SUCCESS;  // the caller's zeros stand
-    const std::uint32_t size = io.SectorSize();
-    const NTSTATUS status = ReadSectors(io, file, sectorAt, sector, size);
-    if (valid - sectorAt < size) std::memset(sector + (valid - sectorAt), 0, size - (valid - sectorAt));
-    return status;
+    return ReadSectors(io, file, sectorAt, sector, io.SectorSize());
 }
 
 NTSTATUS NtfsRuns::Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, const void* buffer,

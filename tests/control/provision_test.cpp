@@ -50,18 +50,23 @@ TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
 }
 
 TEST_F(Provisioning, OfTwoRequestsAtOnceOneIsRefused) {
-    host::ThreadGate gate;
-    std::atomic<int> started = 0, refused = 0;
-    const auto request = [&] {
-        const NTSTATUS status = Allocate(nowhere);
-        started += status == STATUS_SUCCESS;
-        refused += status == STATUS_FILE_LOCK_CONFLICT;
-    };
-    std::thread first(request), second(request);
-    first.join();
-    second.join();
-    EXPECT_EQ(1, started);
-    EXPECT_EQ(1, refused);
+    for (int round = 0; round < 50; ++round) {
+        host::ThreadGate gate;
+        std::atomic<int> ready = 0, started = 0, refused = 0;
+        const auto request = [&] {
+            ++ready;
+            while (ready < 2) std::this_thread::yield();
+            const NTSTATUS status = Allocate(nowhere);
+            started += status == STATUS_SUCCESS;
+            refused += status == STATUS_FILE_LOCK_CONFLICT;
+        };
+        std::thread first(request), second(request);
+        first.join();
+        second.join();
+        ASSERT_EQ(1, started);
+        ASSERT_EQ(1, refused);
+        EXPECT_TRUE(gate.RunOne());
+    }
 }
 
 TEST_F(Provisioning, StopWaitsForTheThread) {

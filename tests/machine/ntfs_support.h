@@ -192,4 +192,13 @@ inline host::FileOpen HoldOpen(const std::u16string& path) {
     return {path, 0x100001, 0, FILE_OPEN, 0x2A, 0x86};
 }
 
+inline std::unique_ptr<host::OpenFile> OpenOrNull(machine::NtfsFileSystem& fs, const host::FileOpen& request,
+                                                  NTSTATUS* status = nullptr) {
+    std::unique_ptr<host::OpenFile> file;
+    ULONG_PTR information = 0;
+    const NTSTATUS result = fs.Open(request, file, information);
+    if (status != nullptr) *status = result;
+    return file;
+}
+
 }  // namespace ntfs_test

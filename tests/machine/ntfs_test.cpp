@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <set>
-#include <thread>
+#include "machine/ntfs_directory.h"
+#include "machine/ntfs_volume.h"
 #include "tests/machine/ntfs_support.h"
 
 namespace {
@@ -10,15 +11,6 @@ using machine::DirectoryEntry;
 using machine::NtfsFileSystem;
 
 constexpr std::uint64_t kMiB = 1 << 20;
-
-std::unique_ptr<host::OpenFile> OpenOrNull(NtfsFileSystem& fs, const host::FileOpen& request,
-                                           NTSTATUS* status = nullptr) {
-    std::unique_ptr<host::OpenFile> file;
-    ULONG_PTR information = 0;
-    const NTSTATUS result = fs.Open(request, file, information);
-    if (status != nullptr) *status = result;
-    return file;
-}
 
 std::uint64_t Covered(const std::vector<Request>& requests) {
     std::uint64_t sum = 0;
@@ -133,6 +125,7 @@ TEST(ConfigurationFile, AResidentFileMovesOutWithoutWritesBesidesItsData) {
         EXPECT_EQ(Covered(volume.Writes(u"\\kvr.cfg")), 8192u);
     }
     EXPECT_TRUE(Sound(volume));
+    EXPECT_EQ(ReadFromOutside(volume, "/kvr.cfg"), Pattern(8192, 3));
 }
 
 TEST(Metadata, RequestsCarryTheFileSystemsOwnNames) {
@@ -286,6 +279,80 @@ TEST(Contents, RandomWritesReadsAndTruncationsMatchAnArray) {
         EXPECT_TRUE(Sound(volume));
         EXPECT_TRUE(ReadFromOutside(volume, "/f") == model);
     }
+}
+
+// Makes an empty file that is kept compressed, or one with a hole of 100000 bytes.
+void MakeSpecialFile(TestVolume& io, bool compressed) {
+    using namespace ntfs_library;
+    machine::NtfsVolume volume(io);
+    const machine::NtfsLockGuard guard(volume.Lock());
+    ASSERT_EQ(volume.Mount(), STATUS_SUCCESS);
+    const auto make = [&](const machine::NtfsOperation& operation) {
+        std::uint64_t reference = 0;
+        machine::NtfsInode inode;
+        NTSTATUS status = machine::CreateNtfsEntry(operation, {FILE_root, u"special"}, false, 0, reference);
+        if (NT_SUCCESS(status)) status = machine::OpenNtfsInode(operation, reference, inode);
+        if (!NT_SUCCESS(status)) return status;
+        int result = 0;
+        if (compressed) {
+            inode.Get()->flags = static_cast<FILE_ATTR_FLAGS>(inode.Get()->flags | FILE_ATTR_COMPRESSED);
+            result = ntfs_attr_set_flags(inode.Get(), AT_DATA, AT_UNNAMED, 0, ATTR_IS_COMPRESSED,
+                                         ATTR_COMPRESSION_MASK);
+        } else {
+            const auto data = machine::NtfsAttribute::OpenData(inode);
+            result = ntfs_attr_truncate(data.Get(), 100000);
+        }
+        return result == 0 && inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
+    };
+    ASSERT_EQ(volume.Change(machine::CommitOrder::TakeFirst, volume.DirectoryObject(), make), STATUS_SUCCESS);
+}
+
+TEST(Contents, CompressedAndSparseFilesReadAndGrow) {
+    for (const bool compressed : {true, false}) {
+        TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
+        MakeSpecialFile(volume, compressed);
+        Bytes model(compressed ? 0 : 100000, 0);
+        {
+            Mounted mounted(volume);
+            volume.requests.clear();
+            for (unsigned i = 0; i < 12; ++i) {
+                const std::uint64_t offset = i * 7919 % 150000;
+                Bytes data = i % 2 == 0 ? Pattern(30000, i) : Bytes(30000, static_cast<std::uint8_t>(i));
+                if (compressed) data.resize(20000 + i);  // only ever grows by appending
+                const std::uint64_t at = compressed ? model.size() : offset;
+                ASSERT_EQ(mounted.files->WriteAt(u"\\special", at, data), STATUS_SUCCESS) << "write " << i;
+                if (model.size() < at + data.size()) model.resize(at + data.size(), 0);
+                std::copy(data.begin(), data.end(), model.begin() + static_cast<std::ptrdiff_t>(at));
+            }
+            Bytes read;
+            ASSERT_EQ(mounted.files->ReadFile(u"\\special", read), STATUS_SUCCESS);
+            EXPECT_TRUE(read == model);
+            EXPECT_FALSE(volume.Writes(u"\\special").empty())
+                << "the data carries the file's name all the same";
+        }
+        EXPECT_TRUE(Sound(volume));
+        EXPECT_TRUE(ReadFromOutside(volume, "/special") == model);
+        Mounted mounted(volume);
+        EXPECT_EQ(mounted.files->WriteFile(u"\\special", Pattern(5000, 1)), STATUS_SUCCESS);
+        EXPECT_EQ(mounted.files->Delete(u"\\special"), STATUS_SUCCESS);
+        mounted.fileSystem.reset();
+        EXPECT_TRUE(Sound(volume));
+    }
+}
+
+// Another system may leave anything behind a file's end in its last sector.
+TEST(Contents, WhatLiesBehindTheEndNeverBecomesPartOfTheFile) {
+    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
+    Mounted mounted(volume);
+    ASSERT_EQ(mounted.files->WriteFile(u"\\f", Bytes(100, 1)), STATUS_SUCCESS);
+    const std::uint64_t at = volume.Writes(u"\\f").at(0).offset;
+    std::fill_n(volume.bytes.begin() + static_cast<std::ptrdiff_t>(at) + 100, 4096 - 100, std::uint8_t{0xEE});
+    ASSERT_EQ(mounted.files->WriteAt(u"\\f", 300, Bytes(1000, 2)), STATUS_SUCCESS);
+    Bytes expected(100, 1), read;
+    expected.resize(300, 0);
+    expected.resize(1300, 2);
+    ASSERT_EQ(mounted.files->ReadFile(u"\\f", read), STATUS_SUCCESS);
+    EXPECT_EQ(read, expected);
 }
 
 // ---- directories and names
@@ -563,39 +630,6 @@ TEST(Failures, APowerCutAtAnyRequestLeavesAVolumeThatMounts) {
             ASSERT_LT(n, 5000u);
         }
     }
-}
-
-TEST(Parallel, ThreadsShareAVolumeAndAFile) {
-    TestVolume volume(FreshNtfs(64 * kMiB, 512, 4096));
-    {
-        Mounted mounted(volume);
-        ASSERT_EQ(mounted.files->WriteFile(u"\\shared", Bytes(64 * 4096, 0)), STATUS_SUCCESS);
-        const auto work = [&](unsigned id) {
-            machine::GuestFiles files(*mounted.fileSystem);
-            const std::string number = std::to_string(id);
-            const std::u16string own = u"\\own" + std::u16string(number.begin(), number.end());
-            const host::FileOpen request{u"\\shared", FILE_READ_DATA | FILE_WRITE_DATA, 7, FILE_OPEN, 0, 0};
-            auto shared = OpenOrNull(*mounted.fileSystem, request);
-            ASSERT_NE(shared, nullptr);
-            for (unsigned i = 0; i < 30; ++i) {
-                EXPECT_EQ(files.WriteFile(own, Pattern(i * 3000, id)), STATUS_SUCCESS);
-                const Bytes data(1000, static_cast<std::uint8_t>(id));
-                ULONG done = 0;
-                EXPECT_EQ(shared->Write(LONGLONG{i} * 4000 + id * 1000, data.data(), 1000, done),
-                          STATUS_SUCCESS);
-                Bytes read;
-                EXPECT_EQ(files.ReadFile(own, read), STATUS_SUCCESS);
-                EXPECT_EQ(read, Pattern(i * 3000, id));
-            }
-        };
-        std::vector<std::thread> threads;
-        for (unsigned id = 0; id < 4; ++id) threads.emplace_back(work, id);
-        for (std::thread& thread : threads) thread.join();
-        Bytes read;
-        ASSERT_EQ(mounted.files->ReadFile(u"\\shared", read), STATUS_SUCCESS);
-        for (std::size_t i = 0; i < 30 * 4000; ++i) ASSERT_EQ(read[i], i / 1000 % 4) << "byte " << i;
-    }
-    EXPECT_TRUE(Sound(volume));
 }
 
 }  // namespace

@@ -25,8 +25,8 @@ struct Configuration {
     bool protectData = true;
     int bootMode = 0;    // 0 discard at every boot, 1 keep
     int bootAction = 0;  // 1 discard once, 2 merge once
-    std::u16string discardDate;
-    std::u16string extra;  // further sections
+    std::u16string discardDate = {};
+    std::u16string extra = {};  // further sections
     std::u16string Text() const;
 };
 

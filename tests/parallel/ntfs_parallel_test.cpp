@@ -1,0 +1,41 @@
+#include <thread>
+#include "tests/machine/ntfs_support.h"
+
+namespace {
+
+using namespace ntfs_test;
+
+TEST(NtfsParallel, ThreadsShareAVolumeAndAFile) {
+    TestVolume volume(FreshNtfs(64 * (1 << 20), 512, 4096));
+    {
+        Mounted mounted(volume);
+        ASSERT_EQ(mounted.files->WriteFile(u"\\shared", Bytes(64 * 4096, 0)), STATUS_SUCCESS);
+        const auto work = [&](unsigned id) {
+            machine::GuestFiles files(*mounted.fileSystem);
+            const std::string number = std::to_string(id);
+            const std::u16string own = u"\\own" + std::u16string(number.begin(), number.end());
+            const host::FileOpen request{u"\\shared", FILE_READ_DATA | FILE_WRITE_DATA, 7, FILE_OPEN, 0, 0};
+            auto shared = OpenOrNull(*mounted.fileSystem, request);
+            ASSERT_NE(shared, nullptr);
+            for (unsigned i = 0; i < 30; ++i) {
+                EXPECT_EQ(files.WriteFile(own, Pattern(i * 3000, id)), STATUS_SUCCESS);
+                const Bytes data(1000, static_cast<std::uint8_t>(id));
+                ULONG done = 0;
+                EXPECT_EQ(shared->Write(LONGLONG{i} * 4000 + id * 1000, data.data(), 1000, done),
+                          STATUS_SUCCESS);
+                Bytes read;
+                EXPECT_EQ(files.ReadFile(own, read), STATUS_SUCCESS);
+                EXPECT_EQ(read, Pattern(i * 3000, id));
+            }
+        };
+        std::vector<std::thread> threads;
+        for (unsigned id = 0; id < 4; ++id) threads.emplace_back(work, id);
+        for (std::thread& thread : threads) thread.join();
+        Bytes read;
+        ASSERT_EQ(mounted.files->ReadFile(u"\\shared", read), STATUS_SUCCESS);
+        for (std::size_t i = 0; i < 30 * 4000; ++i) ASSERT_EQ(read[i], i / 1000 % 4) << "byte " << i;
+    }
+    EXPECT_TRUE(Sound(volume));
+}
+
+}  // namespace
