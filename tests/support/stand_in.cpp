@@ -1,4 +1,4 @@
-#include "stand_in.h"
+#include "tests/support/stand_in.h"
 #include <algorithm>
 #include "namespace.h"
 #include "platform/owners.h"
