@@ -14,11 +14,15 @@ extern std::atomic<LONG> gConfigureBusy;           // one load at a time
 extern std::atomic<BOOLEAN> gConfigWrittenByTool;  // in this boot
 extern std::atomic<HANDLE> gConfigFileHandle;      // kvr.cfg, held from the first open on
 extern std::atomic<HANDLE> gDriverFileHandle;      // the driver's own file
-extern FAST_MUTEX gConfigWriteLock;                // one direct write at a time
+extern FAST_MUTEX gConfigWriteLock;                // one direct write or write-back at a time
+extern std::atomic<LONG> gConfigToolWrites;  // WriteConfig calls under way; changed under gConfigWriteLock
 
 [[nodiscard]] NTSTATUS KvrConfigure(PDEVICE_OBJECT device);
 [[nodiscard]] NTSTATUS PreloadConfig(PDEVICE_OBJECT device, PVOID buffer, ULONG* length);
 [[nodiscard]] NTSTATUS PreloadConfigApply(PDEVICE_OBJECT device, PVOID buffer, ULONG* length);
+// Writes what the parser changed back into the file's sectors, when there is something to write back, the
+// volume holds the file and no text of the tool has taken its place. A failure is tried again by the next call.
+void WriteBackConfig(PDEVICE_OBJECT device);
 [[nodiscard]] NTSTATUS ReadConfig(PVOID buffer, ULONG* length);
 [[nodiscard]] NTSTATUS WriteConfig(PVOID buffer, ULONG length);
 [[nodiscard]] NTSTATUS WriteConfigDirect(PVOID buffer, ULONG length);

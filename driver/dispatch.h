@@ -32,6 +32,11 @@ NTSTATUS SyncCompletion(PDEVICE_OBJECT device, PIRP request, PVOID event);
 void LinkVolume(PVOLUME_EXTENSION volume);    // at the tail; takes gVolumeListLock
 void UnlinkVolume(PVOLUME_EXTENSION volume);  // takes gVolumeListLock; idempotent
 
+// What a message shows of an address: its low 32 bits.
+inline ULONG TraceAddress(const void* address) {
+    return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(address));
+}
+
 // Keeps a filter device's record alive for one request (or thread). Every dispatch routine that uses the record
 // begins with one; Failed() means that removal has begun: complete the request with STATUS_DELETE_PENDING.
 class RecordHold {

@@ -143,6 +143,8 @@ void Machine::Mount(Volume& volume) {
     const FileSystemDriver driver = options_.fileSystem(*volume.device);
     if (!driver.mount) return;
     volume.mountStatus = STATUS_UNRECOGNIZED_VOLUME;
+    // The mount's own reads wake the driver, whose threads may want files of this volume at once.
+    const host::MountInProgress mounting(volume.device->Device());
     volume.files = driver.mount(*volume.io, volume.mountStatus);
     if (volume.files == nullptr) return;
     volume.mountStatus = STATUS_SUCCESS;

@@ -11,21 +11,29 @@ struct SWAP_FILE {
     WCHAR DeviceNameBuffer[64];
     KMUTEX CacheLock;
     LIST_ENTRY CacheList KVR_GUARDED_BY(CacheLock);
-    std::atomic<PVOLUME_EXTENSION> SwapVolume;  // null while no record of that name is known
-    std::atomic<ULONG> ulFreeBytes;             // saturates; changed under the holding volume's SwapLock
+    std::atomic<PVOLUME_EXTENSION> SwapVolume;  // null while no record of that name is known; gSwapFileMutex
+    std::atomic<ULONG> ulFreeBytes;             // mirror of the holding volume's SwapFreeBytes, see below
+    KMUTEX FlushLock;  // one flush writes at a time, so that the queue's order is the order in the swap
 };
 
 extern SWAP_FILE* gSwapFileList;
 extern KMUTEX gSwapFileMutex;
 
-// IRQL: PASSIVE_LEVEL. Attaches the volume to the object of that name, creating it when needed.
+// IRQL of everything here, but for MirrorFreeBytes: PASSIVE_LEVEL, with no lock held but gSwapFileMutex.
+
+// Attaches the volume to the object of that name, creating it when needed. STATUS_SUCCESS also when it is
+// attached already; STATUS_INSUFFICIENT_RESOURCES when there is no pool for the object.
 [[nodiscard]] NTSTATUS GetSwapFile(PCUNICODE_STRING name, PVOLUME_EXTENSION volume);
+// Drops the volume's attachment. SwapFile becomes null only when it was the last one; whoever removes the
+// record clears it in any case.
 NTSTATUS DetachFromSwap(PVOLUME_EXTENSION volume);
-// A record that goes away: no SWAP_FILE goes on pointing to it.
+// A record that goes away: no SWAP_FILE goes on pointing to it. A later record of that name is found again.
 void ForgetSwapVolume(PVOLUME_EXTENSION volume);
-// Adds to or takes from the mirror of the free space, saturating in 32 bits. Null does nothing.
-void CreditFreeBytes(SWAP_FILE* swapFile, ULONG64 bytes);
-void DebitFreeBytes(SWAP_FILE* swapFile, ULONG64 bytes);
+// Copies the volume's SwapFreeBytes into the ulFreeBytes of the storage that it holds, cut to 32 bits. To be
+// called after each change of SwapFreeBytes, before SwapLock is released; does nothing while the volume holds
+// no storage. A copy, not a sum: what was cut comes back to the true value, and no update can be missed for
+// good.
+void MirrorFreeBytes(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);
 
 // The lower device of the volume that holds `volume`'s swap, for the time of one request. Device() is null when
 // there is none. The record behind it cannot go away meanwhile: it is the volume itself, whose RemoveLock the

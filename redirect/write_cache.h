@@ -1,5 +1,7 @@
 // A first-in, first-out queue of writes that were accepted and not yet written to the swap, one per SWAP_FILE.
-// IRQL: PASSIVE_LEVEL.
+// An entry stays in the queue until its data is in the swap, so an empty queue means that nothing older is on
+// its way. A CacheLock guards one list operation at a time, a FlushLock (taken before it) the writing of
+// entries. IRQL: PASSIVE_LEVEL.
 #pragma once
 #include "redirect/swap_file.h"
 
@@ -11,12 +13,15 @@ struct WRITE_CACHE_ENTRY {
     LIST_ENTRY ListEntry;
 };
 
-// Queues the request's data and completes the request.
+// Queues the request's data and completes the request. A buffer that cannot be locked fails it with the
+// exception's status, one that cannot be mapped, or no pool, with STATUS_INSUFFICIENT_RESOURCES.
 [[nodiscard]] NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request);
 [[nodiscard]] NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer,
                                         ULONG length);
-// STATUS_DEVICE_BUSY when it stopped for want of swap space; the queue then keeps its order.
+// Writes the queue out, entries of other volumes on the same storage included. The caller holds the volume's
+// RemoveLock. STATUS_DEVICE_BUSY when it stopped for want of swap space; the queue then keeps its order.
 [[nodiscard]] NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume);
 [[nodiscard]] BOOLEAN IsWriteCacheEmpty(SWAP_FILE* swapFile);
-// Drops the entries of a volume that is being removed: nothing can write them any more.
+// Drops the entries of a volume that is being removed: nothing can write them any more. To be called when its
+// RemoveLock has been released and waited for: a flush holds that lock while it writes the volume's entry.
 void DropCachedWrites(PVOLUME_EXTENSION volume);

@@ -3,7 +3,8 @@
 #pragma once
 #include "swap/swap.h"
 
-// `location` receives an array of the caller's (pool), `length` its bytes.
+// `location` receives an array of the caller's (pool), `length` its bytes, which need not be whole entries.
+// Else STATUS_INVALID_PARAMETER, null and 0.
 [[nodiscard]] NTSTATUS RegGetMapLocation(PVOLUME_EXTENSION volume, MAP_LOCATION_ENTRY** location,
                                          ULONG* length);
 [[nodiscard]] NTSTATUS RegSetMapLocation(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* location,
@@ -16,5 +17,7 @@ void PostloadSwapMap(PVOLUME_EXTENSION volume);
 // Loads the map if it is due and not loaded; a request that comes during the load waits for its end.
 void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume);
 void MergeSwapIntoVolume(PDEVICE_OBJECT device);
-// Releases MapLocation and forgets it.
+// `location`, of `length` bytes, becomes the record's; an earlier one is released. Takes SwapLock.
+void PublishMapLocation(PVOLUME_EXTENSION volume, MAP_LOCATION_ENTRY* location, ULONG length);
+// Releases MapLocation and forgets it. Takes SwapLock.
 void ForgetMapLocation(PVOLUME_EXTENSION volume);

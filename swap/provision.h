@@ -12,3 +12,5 @@ void ConfigureSwapRemoveThread(PVOID request);
                                                   const LONGLONG* size);
 // Thread routine; `volume` is the record, whose RemoveLock the starter has acquired for the thread.
 void StorageArmThread(PVOID volume);
+// Closes whatever storage file the volume holds open. Takes StorageMutex.
+void CloseHeldFiles(PVOLUME_EXTENSION volume);

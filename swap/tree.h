@@ -43,6 +43,8 @@ void tree_init(TREE* tree, TREE_ALLOCATE allocate, TREE_FREE free, TREE_COMPARE 
 [[nodiscard]] TREE_NODE* tree_insert(TREE* tree, PVOID record);
 // A probe is any pointer whose first field is the key.
 [[nodiscard]] TREE_NODE* tree_find(TREE* tree, const void* probe);
+// The matching node, or else the node of the smallest record that the probe orders before, or null.
+[[nodiscard]] TREE_NODE* tree_find_or_next(TREE* tree, const void* probe);
 // Removes and releases the node's record. Node pointers do not survive it, but for the successor of the
 // tree's smallest node when that smallest node is the one deleted.
 void tree_delete(TREE* tree, TREE_NODE* node);

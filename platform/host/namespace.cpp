@@ -1,5 +1,8 @@
 #include "namespace.h"
+#include <condition_variable>
 #include <map>
+#include <mutex>
+#include <set>
 #include "device.h"
 #include "host_lock.h"
 #include "injector.h"
@@ -18,6 +21,11 @@ struct Node {
 HostLock gLock;
 std::map<std::u16string, Node> gNames KVR_GUARDED_BY(gLock);
 std::map<PDEVICE_OBJECT, FileProvider*> gMounts KVR_GUARDED_BY(gLock);
+
+// Its lock is never held together with gLock.
+std::mutex gMountingLock;
+std::condition_variable gMountingChanged;
+std::set<PDEVICE_OBJECT> gMounting;
 
 constexpr std::u16string_view LinkDirectory = u"\\??";
 constexpr std::u16string_view SystemRoot = u"\\SYSTEMROOT";
@@ -93,7 +101,25 @@ void UnmountProvider(PDEVICE_OBJECT device) {
     gMounts.erase(device);
 }
 
-NTSTATUS ResolvePath(std::u16string_view path, ResolvedPath& resolved) {
+MountInProgress::MountInProgress(PDEVICE_OBJECT device) : device_(device) {
+    std::lock_guard<std::mutex> guard(gMountingLock);
+    gMounting.insert(device);
+}
+
+MountInProgress::~MountInProgress() {
+    std::lock_guard<std::mutex> guard(gMountingLock);
+    gMounting.erase(device_);
+    gMountingChanged.notify_all();
+}
+
+namespace {
+
+void WaitForMount(PDEVICE_OBJECT device) {
+    std::unique_lock<std::mutex> guard(gMountingLock);
+    gMountingChanged.wait(guard, [&] { return !gMounting.contains(device); });
+}
+
+NTSTATUS FollowPath(std::u16string_view path, ResolvedPath& resolved) {
     constexpr int MaxLinks = 32;
     HostGuard guard(gLock);
     std::u16string current = Canonical(path);
@@ -110,6 +136,15 @@ NTSTATUS ResolvePath(std::u16string_view path, ResolvedPath& resolved) {
         current = Canonical(node->target + current.substr(length));
     }
     return STATUS_OBJECT_NAME_INVALID;
+}
+
+}  // namespace
+
+NTSTATUS ResolvePath(std::u16string_view path, ResolvedPath& resolved) {
+    const NTSTATUS status = FollowPath(path, resolved);
+    if (!NT_SUCCESS(status) || resolved.provider != nullptr) return status;
+    WaitForMount(resolved.device);
+    return FollowPath(path, resolved);
 }
 
 NTSTATUS AddDeviceName(std::u16string_view name, PDEVICE_OBJECT device) {

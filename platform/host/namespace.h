@@ -11,6 +11,19 @@ namespace host {
 // Makes \SystemRoot lead to `target`, for example \Device\HarddiskVolume1\Windows. Empty removes it.
 void SetSystemRoot(std::u16string_view target);
 
+// While one lives, a file system is being mounted on the device, and opens of paths on it wait for the outcome,
+// as an open that meets a volume's mount does on the platform. The mounting thread itself must not open any.
+class MountInProgress {
+public:
+    explicit MountInProgress(PDEVICE_OBJECT device);
+    ~MountInProgress();
+    MountInProgress(const MountInProgress&) = delete;
+    MountInProgress& operator=(const MountInProgress&) = delete;
+
+private:
+    PDEVICE_OBJECT device_;
+};
+
 // Mounts a file system on a named device; it must outlive the mount. One at a time per device.
 void MountProvider(PDEVICE_OBJECT device, FileProvider* provider);
 // Later opens no longer find it. Files that are open keep their OpenFile objects until they are closed.
@@ -22,6 +35,7 @@ struct ResolvedPath {
     FileProvider* provider = nullptr;  // null while nothing is mounted on the device
     std::u16string rest;               // what follows the device's name: empty, or begins with a backslash
 };
+// Waits for a mount in progress on that device. IRQL: PASSIVE_LEVEL.
 // STATUS_OBJECT_PATH_NOT_FOUND or STATUS_OBJECT_NAME_NOT_FOUND when it leads nowhere,
 // STATUS_OBJECT_NAME_INVALID when it is not absolute or its links form a ring.
 [[nodiscard]] NTSTATUS ResolvePath(std::u16string_view path, ResolvedPath& resolved);

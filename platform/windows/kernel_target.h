@@ -11,6 +11,28 @@ extern "C" {
 #undef min
 #undef max
 
+// Codes that these headers lack.
+#ifndef IOCTL_MOUNTDEV_LINK_CREATED
+#define IOCTL_MOUNTDEV_LINK_CREATED \
+    CTL_CODE(MOUNTDEVCONTROLTYPE, 4, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS)
+#endif
+#ifndef IOCTL_MOUNTDEV_LINK_DELETED
+#define IOCTL_MOUNTDEV_LINK_DELETED \
+    CTL_CODE(MOUNTDEVCONTROLTYPE, 5, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS)
+#endif
+#ifndef IOCTL_VOLUME_PREPARE_FOR_SHRINK
+#define IOCTL_VOLUME_PREPARE_FOR_SHRINK \
+    CTL_CODE(IOCTL_VOLUME_BASE, 23, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS)
+#endif
+
+// The header's macro reads the page that the kernel shares with every process in whatever form the compiler
+// likes; kernels that emulate the access know the plain load only.
+#undef KeQuerySystemTime
+inline void KeQuerySystemTime(PLARGE_INTEGER time) {
+    const volatile LONGLONG* shared = reinterpret_cast<const volatile LONGLONG*>(0xFFFFF78000000014ull);
+    __asm__ volatile("movq %1, %0" : "=r"(time->QuadPart) : "m"(*shared));
+}
+
 #define KVR_WIDE(text) L##text
 #define W(text) KVR_WIDE(text)
 

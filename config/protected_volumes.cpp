@@ -1,0 +1,139 @@
+#include "config/protected_volumes.h"
+#include "config/parser.h"
+#include "driver/dispatch.h"
+#include "platform/owners.h"
+
+namespace {
+
+// The name of an entry: what precedes the first comma or semicolon of the configured ID.
+UNICODE_STRING NameOfId(PCUNICODE_STRING id) {
+    UNICODE_STRING name = *id;
+    const USHORT bytes = id->Length < id->MaximumLength ? id->Length : id->MaximumLength;
+    for (USHORT i = 0; i < bytes / sizeof(WCHAR); ++i) {
+        if (id->Buffer[i] != W(',') && id->Buffer[i] != W(';')) continue;
+        name.Length = static_cast<USHORT>(i * sizeof(WCHAR));
+        break;
+    }
+    return name;
+}
+
+PROTECTED_VOLUME* NewEntry(PCUNICODE_STRING name, ULONG flags) {
+    PROTECTED_VOLUME* entry = NewRecord<PROTECTED_VOLUME>().Release();
+    if (!entry) return nullptr;
+    entry->Name = {0, sizeof(entry->NameBuffer), entry->NameBuffer};
+    entry->Flags = flags;
+    RtlCopyUnicodeString(&entry->Name, name);
+    return entry;
+}
+
+PROTECTED_VOLUME* FindEntry(PCUNICODE_STRING name) {
+    PROTECTED_VOLUME* entry = gProtectedVolumeList;
+    while (entry && RtlCompareUnicodeString(&entry->Name, name, TRUE) != 0) entry = entry->Next;
+    return entry;
+}
+
+// Storage that cannot serve a protected volume. State 5 is not among them: a volume found protected in it keeps
+// its live map, and stays protected until the next boot.
+BOOLEAN IsStorageLost(PVOLUME_EXTENSION volume) {
+    const ULONG state = volume->SwapState;
+    return state != kSwapUsable && state != kSwapFilesNotHeld;
+}
+
+// A request that decided a moment ago that the volume may be protected must not outlast a later finding that it
+// may not: the finding is published first, so either it overrides this store or this routine sees it.
+void Protect(PVOLUME_EXTENSION volume) {
+    const BOOLEAN before = volume->IsProtected.exchange(TRUE);
+    if (!before && (volume->ProtectionDeferred || IsStorageLost(volume))) volume->IsProtected = FALSE;
+}
+
+// IsProtected is stored last, and once: who sees it set sees what belongs to it.
+void ApplyFlags(PVOLUME_EXTENSION volume, ULONG flags) {
+    volume->IsInvisible = (flags & PV_INVISIBLE) != 0;
+    volume->BootAction = flags & (PV_ACTION_DISCARD | PV_ACTION_MERGE);
+    volume->IsExplicit = (flags & PV_EXPLICIT) != 0;
+    if (flags & PV_PROTECTED)
+        Protect(volume);
+    else
+        volume->IsProtected = FALSE;
+}
+
+void ApplyRemovableDefaults(PVOLUME_EXTENSION volume) {
+    volume->IsInvisible = gRVInvisible.load();
+    if (gRVProtect)
+        Protect(volume);
+    else
+        volume->IsProtected = FALSE;
+}
+
+}  // namespace
+
+NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags) {
+    const UNICODE_STRING name = NameOfId(id);
+    std::atomic<PROTECTED_VOLUME*>* link = &gProtectedVolumeList;
+    while (PROTECTED_VOLUME* entry = *link) {
+        if (RtlCompareUnicodeString(&entry->Name, &name, TRUE) == 0) return STATUS_SUCCESS;
+        link = &entry->Next;
+    }
+    PROTECTED_VOLUME* entry = NewEntry(&name, flags);
+    if (!entry) {
+        DbgPrint("Kvr!AddProtectedVolume [%d] STATUS_INSUFFICIENT_RESOURCES\n",
+                 link == &gProtectedVolumeList ? 527 : 507);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    *link = entry;  // complete before a reader on another thread can reach it
+    return STATUS_SUCCESS;
+}
+
+BOOLEAN IsProtectedVolumeListed(PVOLUME_EXTENSION volume) {
+    return FindEntry(&volume->VolumeName) != nullptr;
+}
+
+ULONG GetProtectedVolumeFlags(PVOLUME_EXTENSION volume) {
+    const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
+    return entry ? entry->Flags : 0;
+}
+
+void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {
+    if (volume->SwapState == kSwapFilesNotHeld) return;
+    if ((volume->Target->Characteristics & FILE_READ_ONLY_DEVICE) || IsStorageLost(volume)) {
+        volume->IsProtected = FALSE;
+        return;
+    }
+    const ULONG media = volume->MediaType;
+    if (media == 0 || (volume->ProtectionDeferred && !volume->IsProtected)) return;
+    const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
+    if (entry)
+        ApplyFlags(volume, entry->Flags);
+    else if (media != FixedMedia)
+        ApplyRemovableDefaults(volume);
+}
+
+PVOLUME_EXTENSION FindVolumeByName(PCUNICODE_STRING name) {
+    FastMutexLock lock(gVolumeListLock);
+    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
+        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
+        if (CompareNames(&volume->VolumeName, name, TRUE) == 0) return volume;
+    }
+    return nullptr;
+}
+
+PVOLUME_EXTENSION ReferenceVolumeByName(PCUNICODE_STRING name) {
+    FastMutexLock lock(gVolumeListLock);
+    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
+        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
+        if (CompareNames(&volume->VolumeName, name, TRUE) != 0) continue;
+        if (NT_SUCCESS(IoAcquireRemoveLock(&volume->RemoveLock, volume))) return volume;
+    }
+    return nullptr;
+}
+
+LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
+    if (!a && !b) return 0;
+    if (!a || !b || a->Length != b->Length) return 1;
+    for (USHORT i = 0; i < a->Length / sizeof(WCHAR); ++i) {
+        const WCHAR left = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
+        const WCHAR right = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];
+        if (left != right) return static_cast<LONG>(left) - static_cast<LONG>(right);
+    }
+    return 0;
+}

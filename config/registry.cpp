@@ -1,0 +1,73 @@
+#include "config/registry.h"
+
+namespace {
+
+constexpr ULONG kDataOffset = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+
+// The size of the value's information as the registry reports it, 0 when there is none.
+ULONG QueryInformationSize(HANDLE key, PUNICODE_STRING name) {
+    ULONG size = 0;
+    const NTSTATUS status = ZwQueryValueKey(key, name, KeyValuePartialInformation, nullptr, 0, &size);
+    return status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL ? size : 0;
+}
+
+// How many bytes of data an information block of `returned` bytes truly holds.
+ULONG DataBytes(const UCHAR* information, ULONG returned) {
+    if (returned <= kDataOffset) return 0;
+    ULONG claimed = 0;
+    RtlCopyMemory(&claimed, information + FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, DataLength),
+                  sizeof(claimed));
+    const ULONG held = returned - kDataOffset;
+    return claimed < held ? claimed : held;
+}
+
+}  // namespace
+
+NTSTATUS OpenDriverKey(ACCESS_MASK access, KernelHandle* key) {
+    UNICODE_STRING path;
+    RtlInitUnicodeString(&path, W("\\Registry\\Machine\\System\\kvr"));
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &path, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    HANDLE handle = nullptr;
+    const NTSTATUS status =
+        ZwCreateKey(&handle, access, &attributes, 0, nullptr, REG_OPTION_NON_VOLATILE, nullptr);
+    key->Reset(NT_SUCCESS(status) ? handle : nullptr);
+    return status;
+}
+
+NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length) {
+    *length = 0;
+    KernelHandle key;
+    NTSTATUS status = OpenDriverKey(KEY_QUERY_VALUE, &key);
+    if (!NT_SUCCESS(status)) return status;
+    const ULONG size = QueryInformationSize(key.Get(), name);
+    if (size <= kDataOffset) return STATUS_INVALID_PARAMETER;
+    PoolPtr<UCHAR> information = NewBuffer(size);
+    if (!information) return STATUS_INSUFFICIENT_RESOURCES;
+    // Another writer may have changed the value since its size was asked for: what came back is what counts.
+    ULONG returned = 0;
+    status = ZwQueryValueKey(key.Get(), name, KeyValuePartialInformation, information.Get(), size, &returned);
+    if (!NT_SUCCESS(status)) return status;
+    const ULONG bytes = DataBytes(information.Get(), returned < size ? returned : size);
+    if (bytes == 0) return STATUS_INVALID_PARAMETER;
+    RtlMoveMemory(information.Get(), information.Get() + kDataOffset, bytes);
+    *data = static_cast<PoolPtr<UCHAR>&&>(information);
+    *length = bytes;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush) {
+    KernelHandle key;
+    const NTSTATUS opened = OpenDriverKey(KEY_QUERY_VALUE | KEY_SET_VALUE, &key);
+    if (!NT_SUCCESS(opened)) return opened;
+    const NTSTATUS status = ZwSetValueKey(key.Get(), name, 0, REG_BINARY, const_cast<PVOID>(data), length);
+    if (flush) KVR_DISCARD(ZwFlushKey(key.Get()), "the value is set; the system's own flush follows anyway");
+    return status;
+}
+
+NTSTATUS DeleteDriverValue(PUNICODE_STRING name) {
+    KernelHandle key;
+    const NTSTATUS opened = OpenDriverKey(KEY_QUERY_VALUE | KEY_SET_VALUE, &key);
+    if (!NT_SUCCESS(opened)) return opened;
+    return ZwDeleteValueKey(key.Get(), name);
+}

@@ -1,0 +1,96 @@
+#include "driver/globals.h"
+#include "config/parser.h"
+#include "config/protected_volumes.h"
+#include "config/storage.h"
+#include "control/provision_control.h"
+#include "driver/dispatch.h"
+#include "platform/owners.h"
+#include "redirect/swap_file.h"
+
+// driver/dispatch.h
+constinit PDEVICE_OBJECT gControlDevice = nullptr;
+constinit BOOLEAN gControlOpen = FALSE;
+constinit KSPIN_LOCK gControlLock{};
+constinit LIST_ENTRY gVolumeList{};
+constinit FAST_MUTEX gVolumeListLock{};
+constinit RTL_OSVERSIONINFOEXW gVersionInfo{};
+constinit KEVENT gBootStatusEvent{};
+
+// config/parser.h
+constinit std::atomic<BOOLEAN> gTesselEnabled{FALSE};
+constinit std::atomic<BOOLEAN> gRVProtect{FALSE};
+constinit std::atomic<BOOLEAN> gRVInvisible{FALSE};
+
+// config/protected_volumes.h
+constinit std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList{nullptr};
+
+// config/storage.h
+constinit UCHAR gConfigBuffer[KVR_CONFIG_BYTES]{};
+constinit std::atomic<BOOLEAN> gConfigLoaded{FALSE};
+constinit std::atomic<BOOLEAN> gConfigDirty{FALSE};
+constinit std::atomic<LONG> gConfigureBusy{0};
+constinit std::atomic<BOOLEAN> gConfigWrittenByTool{FALSE};
+constinit std::atomic<HANDLE> gConfigFileHandle{nullptr};
+constinit std::atomic<HANDLE> gDriverFileHandle{nullptr};
+constinit FAST_MUTEX gConfigWriteLock{};
+constinit std::atomic<LONG> gConfigToolWrites{0};
+
+// control/provision_control.h
+constinit std::atomic<PKTHREAD> gProvisionThread{nullptr};
+constinit std::atomic<BOOLEAN> gProvisionQuit{FALSE};
+constinit KMUTEX gProvisionMutex{};
+
+// redirect/swap_file.h
+constinit SWAP_FILE* gSwapFileList = nullptr;
+constinit KMUTEX gSwapFileMutex{};
+
+namespace {
+
+// Locks and events are opaque: not yet initialised, they are all zero.
+template <class T>
+void ClearOpaque(T& object) {
+    RtlZeroMemory(&object, sizeof(object));
+}
+
+void InitializeFrameGlobals() {
+    gControlDevice = nullptr;
+    gControlOpen = FALSE;
+    ClearOpaque(gControlLock);
+    gVolumeList = {};
+    ClearOpaque(gVolumeListLock);
+    gVersionInfo = {};
+    ClearOpaque(gBootStatusEvent);
+}
+
+void InitializeConfigGlobals() {
+    gTesselEnabled = FALSE;
+    gRVProtect = FALSE;
+    gRVInvisible = FALSE;
+    gProtectedVolumeList = nullptr;
+    RtlZeroMemory(gConfigBuffer, sizeof(gConfigBuffer));
+    gConfigLoaded = FALSE;
+    gConfigDirty = FALSE;
+    gConfigureBusy = 0;
+    gConfigWrittenByTool = FALSE;
+    gConfigFileHandle = nullptr;
+    gDriverFileHandle = nullptr;
+    ClearOpaque(gConfigWriteLock);
+    gConfigToolWrites = 0;
+}
+
+void InitializeStorageGlobals() {
+    gProvisionThread = nullptr;
+    gProvisionQuit = FALSE;
+    ClearOpaque(gProvisionMutex);
+    gSwapFileList = nullptr;
+    ClearOpaque(gSwapFileMutex);
+}
+
+}  // namespace
+
+// What these once pointed to belongs to an earlier power-on and is gone with it.
+void InitializeGlobals() {
+    InitializeFrameGlobals();
+    InitializeConfigGlobals();
+    InitializeStorageGlobals();
+}

@@ -1,0 +1,98 @@
+// Reads: those of a protected volume see its redirected writes; the first ones after boot bring the driver to
+// life, since they come before any file system could be used.
+#include "config/parser.h"
+#include "config/storage.h"
+#include "driver/dispatch.h"
+#include "redirect/redirect.h"
+#include "redirect/request_path.h"
+#include "swap/map_boot.h"
+#include "swap/sector_io.h"
+
+namespace {
+
+void TraceFileRead(const FILE_REQUEST& read) {
+    const auto& place = IoGetCurrentIrpStackLocation(read.Request)->Parameters.Read;
+    DbgPrint("Kvr!Read(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n", read.Request,
+             read.Request->Flags, static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(read.File)), read.File->Flags,
+             place.ByteOffset.QuadPart, place.Length, &read.Volume->VolumeName, read.Name);
+}
+
+void TraceRead(const FILE_REQUEST& read) {
+    const auto& place = IoGetCurrentIrpStackLocation(read.Request)->Parameters.Read;
+    DbgPrint("Kvr!Read(%p:0x%08x): at %I64x %d bytes [%wZ]\n", read.Request, read.Request->Flags,
+             place.ByteOffset.QuadPart, place.Length, &read.Volume->VolumeName);
+}
+
+NTSTATUS ReadDisk(PDEVICE_OBJECT device, PIRP request) {
+    const FILE_REQUEST read = DescribeRequest(device, request);
+    if (!read.Volume->SuppressReadTrace) read.File ? TraceFileRead(read) : TraceRead(read);
+    return PassIrpDown(device, request);
+}
+
+// Exactly one of the requests that come at once loads the configuration; the others go on without it. Who was
+// late to look at gConfigLoaded must not load a second time over what the parser has changed.
+void LoadConfigOnce(const FILE_REQUEST& read) {
+    if (gConfigLoaded || !IsConfigLocationComplete(read.Volume)) return;
+    if (++gConfigureBusy == 1 && !gConfigLoaded) gConfigLoaded = KvrConfigure(read.Device) == STATUS_SUCCESS;
+    --gConfigureBusy;
+}
+
+void TraceProtectedRead(const FILE_REQUEST& read) {
+    if (read.Volume->SuppressReadTrace || !read.Volume->IsProtected) return;
+    if (read.File)
+        TraceFileRead(read);
+    else if (gTesselEnabled)
+        TraceRead(read);
+}
+
+// Until the volume's own conditions for writes hold, its thread is started where no configuration lies.
+BOOLEAN IsArmThreadDue(PVOLUME_EXTENSION volume) {
+    return volume->MediaType == FixedMedia && !volume->ArmThreadHandle && volume->PreloadConfigLocation[0] == 0;
+}
+
+// Files that are never redirected, and the driver's own storage.
+BOOLEAN BelongsOnVolume(const FILE_REQUEST& read) {
+    if (IsKnownPagefile(read)) return TRUE;
+    if (!read.Volume->SwapFile || !read.File) return FALSE;
+    return IsPagefileByName(read) || IsSwapFileName(read.Name) || IsForFile(read, SpecialFileNames.MapFile) ||
+           IsForFile(read, SpecialFileNames.HiberFile) || IsForFile(read, SpecialFileNames.HibernateFile);
+}
+
+BOOLEAN IsRedirecting(PVOLUME_EXTENSION volume) {
+    return gTesselEnabled && volume->IsProtected && (volume->SwapMapLoaded || volume->SwapFile);
+}
+
+NTSTATUS ReadRedirected(const FILE_REQUEST& read) {
+    PVOLUME_EXTENSION volume = read.Volume;
+    const NTSTATUS status = ReadSegments(volume, read.Request);
+    // The medium was changed: what was redirected belonged to the old one.
+    if (status == STATUS_VERIFY_REQUIRED && volume->MediaType != FixedMedia) DiscardSwappedChunks(volume);
+    return status;
+}
+
+NTSTATUS ReadVolume(PDEVICE_OBJECT device, PIRP request) {
+    const FILE_REQUEST read = DescribeRequest(device, request);
+    PVOLUME_EXTENSION volume = read.Volume;
+    LoadConfigOnce(read);
+    ProtectIfConfigured(volume);
+    EnsureSwapMapLoaded(volume);
+    TraceProtectedRead(read);
+    AttachSwapFile(volume);
+    if (IsArmThreadDue(volume)) StartArmThreadOnce(volume);
+    if (!IsRedirecting(volume) || BelongsOnVolume(read) || IsConfigurationUnderWay())
+        return PassIrpDown(device, request);
+    // Another request may have finished the configuration since the map was looked for above.
+    EnsureSwapMapLoaded(volume);
+    return ReadRedirected(read);
+}
+
+}  // namespace
+
+NTSTATUS KvrRead(PDEVICE_OBJECT device, PIRP request) {
+    if (device == gControlDevice) return KvrDefaultDispatch(device, request);
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    const RecordHold hold(volume, request);
+    if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);
+    if (!IsVolumeInList(volume)) return PassIrpDown(device, request);
+    return volume->IsDisk ? ReadDisk(device, request) : ReadVolume(device, request);
+}

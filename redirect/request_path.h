@@ -1,0 +1,34 @@
+// What the read path and the write path share.
+#pragma once
+#include "driver/volume_extension.h"
+#include "redirect/special_names.h"
+
+// One request as the paths look at it.
+struct FILE_REQUEST {
+    PDEVICE_OBJECT Device;
+    PIRP Request;
+    PVOLUME_EXTENSION Volume;
+    PFILE_OBJECT File;     // null when the request is made for no file
+    PUNICODE_STRING Name;  // of the file; null without a file, empty for one without a name
+};
+[[nodiscard]] FILE_REQUEST DescribeRequest(PDEVICE_OBJECT device, PIRP request);
+
+// Is the request made for the file of that whole name?
+[[nodiscard]] BOOLEAN IsForFile(const FILE_REQUEST& request, const UNICODE_STRING& name);
+// Is it made for a file whose path ends like that?
+[[nodiscard]] BOOLEAN IsForFileEnding(const FILE_REQUEST& request, const UNICODE_STRING& suffix);
+
+// Is the request for the paging file by its file object alone? An absent file object never is.
+[[nodiscard]] BOOLEAN IsKnownPagefile(const FILE_REQUEST& request);
+// By its name; the file object is remembered, so that the next request needs no comparison.
+[[nodiscard]] BOOLEAN IsPagefileByName(const FILE_REQUEST& request);
+
+// Applies the configuration to a volume that is not protected yet.
+void ProtectIfConfigured(PVOLUME_EXTENSION volume);
+// Leads a protected fixed volume to its swap storage. Without a storage the volume is not redirected.
+void AttachSwapFile(PVOLUME_EXTENSION volume);
+// Starts the volume's StorageArmThread unless it was started, or another request is starting it.
+void StartArmThreadOnce(PVOLUME_EXTENSION volume);
+
+// The configuration is being loaded by another request: protection is not in force before that is done.
+[[nodiscard]] BOOLEAN IsConfigurationUnderWay();

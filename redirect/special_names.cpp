@@ -1,0 +1,45 @@
+#include "redirect/special_names.h"
+#include "config/literal.h"
+
+extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
+    .Mft = Literal(W("\\$Mft")),
+    .MftMirr = Literal(W("\\$MftMirr")),
+    .Directory = Literal(W("\\$Directory")),
+    .BitMap = Literal(W("\\$BitMap")),
+    .SystemVolumeInformation = Literal(W("\\System Volume Information")),
+    .SwapFile = Literal(W("\\kvr.swp")),
+    .MapFile = Literal(W("\\kvr.map")),
+    .PageFile = Literal(W("\\pagefile.sys")),
+    .HiberFile = Literal(W("\\hiberfil.sys")),
+    .HibernateFile = Literal(W("\\hibernate.sys")),
+    .BootStat = Literal(W("\\bootstat.dat")),
+    .BootConfiguration = Literal(W("\\Boot\\BCD")),
+    .SystemHive = Literal(W("\\System32\\config\\SYSTEM")),
+    .SystemHiveLog = Literal(W("\\System32\\config\\SYSTEM.LOG")),
+    .SystemHiveLog1 = Literal(W("\\System32\\config\\SYSTEM.LOG1")),
+    .NtfsDriver = Literal(W("\\FileSystem\\Ntfs")),
+    .ConfigFile = Literal(W("\\system32\\drivers\\kvr.cfg")),
+};
+
+LONG EndsWithName(PCUNICODE_STRING suffix, PCUNICODE_STRING name, BOOLEAN ignoreCase) {
+    if (!suffix || !name || suffix->Length > name->Length) return -1;
+    const USHORT skipped = static_cast<USHORT>((name->Length - suffix->Length) / sizeof(WCHAR));
+    const UNICODE_STRING tail = {suffix->Length, suffix->Length, name->Buffer + skipped};
+    return RtlCompareUnicodeString(&tail, suffix, ignoreCase);
+}
+
+BOOLEAN IsSwapFileName(PCUNICODE_STRING name) {
+    constexpr USHORT numberBytes = 3 * sizeof(WCHAR);  // a dot and two digits
+    const UNICODE_STRING& base = SpecialFileNames.SwapFile;
+    if (!name) return FALSE;
+    if (name->Length != base.Length && name->Length != base.Length + numberBytes) return FALSE;
+    const UNICODE_STRING head = {base.Length, base.Length, name->Buffer};
+    return RtlCompareUnicodeString(&head, &base, TRUE) == 0;
+}
+
+PFILE_OBJECT FindRequestFile(PIRP request) {
+    if (PFILE_OBJECT file = request->Tail.Overlay.OriginalFileObject) return file;
+    if (PFILE_OBJECT file = IoGetCurrentIrpStackLocation(request)->FileObject) return file;
+    if (!(request->Flags & IRP_ASSOCIATED_IRP) || !request->AssociatedIrp.MasterIrp) return nullptr;
+    return request->AssociatedIrp.MasterIrp->Tail.Overlay.OriginalFileObject;
+}

@@ -1,0 +1,171 @@
+#include "redirect/write_cache.h"
+#include "platform/checked_list.h"
+#include "platform/owners.h"
+#include "swap/sector_io.h"
+
+namespace {
+
+WRITE_CACHE_ENTRY* EntryOf(PLIST_ENTRY link) {
+    return CONTAINING_RECORD(link, WRITE_CACHE_ENTRY, ListEntry);
+}
+
+// Queues `data`, which the entry owns from then on; on failure it stays the caller's.
+NTSTATUS Enqueue(PVOLUME_EXTENSION volume, LARGE_INTEGER offset, UCHAR* data, ULONG length) {
+    SWAP_FILE* swapFile = volume->SwapFile;
+    if (!swapFile) return STATUS_NO_SUCH_DEVICE;
+    WRITE_CACHE_ENTRY* entry = NewRecord<WRITE_CACHE_ENTRY>().Release();
+    if (!entry) return STATUS_INSUFFICIENT_RESOURCES;
+    entry->pBuffer = data;
+    entry->pVolume = volume;
+    entry->liVolumeOffset = offset;
+    entry->uLength = length;
+    KernelMutexLock lock(swapFile->CacheLock);
+    LinkAtTail(&swapFile->CacheList, &entry->ListEntry);
+    return STATUS_SUCCESS;
+}
+
+// The entry is out of the queue, or is taken out here, and nobody else uses it.
+void FreeEntry(WRITE_CACHE_ENTRY* entry) {
+    FreePool(entry->pBuffer);
+    FreePool(entry);
+}
+
+WRITE_CACHE_ENTRY* OldestEntry(SWAP_FILE* swapFile) {
+    KernelMutexLock lock(swapFile->CacheLock);
+    return IsListEmpty(&swapFile->CacheList) ? nullptr : EntryOf(swapFile->CacheList.Flink);
+}
+
+// An entry of another volume is written under that volume's RemoveLock. While the entry is in the queue the
+// record exists, since removal drops the entries before it deletes the record; the lock is therefore taken
+// while CacheLock keeps the entry there. FALSE when that volume is being removed.
+BOOLEAN HoldEntryVolume(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY** entry, PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(swapFile->CacheLock);
+    *entry = IsListEmpty(&swapFile->CacheList) ? nullptr : EntryOf(swapFile->CacheList.Flink);
+    if (!*entry || (*entry)->pVolume == volume) return TRUE;
+    return NT_SUCCESS(IoAcquireRemoveLock(&(*entry)->pVolume->RemoveLock, *entry));
+}
+
+void RemoveEntry(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY* entry) {
+    {
+        KernelMutexLock lock(swapFile->CacheLock);
+        Unlink(&entry->ListEntry);
+    }
+    FreeEntry(entry);
+}
+
+enum class FLUSH_STEP { Written, Empty, NoSpace, VolumeLeaves };
+
+// Writes the oldest entry.
+FLUSH_STEP FlushOldest(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) KVR_REQUIRES(swapFile->FlushLock) {
+    WRITE_CACHE_ENTRY* entry = nullptr;
+    if (!HoldEntryVolume(swapFile, &entry, volume)) return FLUSH_STEP::VolumeLeaves;
+    if (!entry) return FLUSH_STEP::Empty;
+    PVOLUME_EXTENSION target = entry->pVolume;
+    const BOOLEAN fits = entry->uLength <= swapFile->ulFreeBytes;
+    if (fits) {
+        KVR_DISCARD(WriteSectorsFromBuffer(target, entry->pBuffer, entry->uLength, &entry->liVolumeOffset),
+                    "the write was accepted long ago: there is nobody left to tell");
+        RemoveEntry(swapFile, entry);
+    }
+    if (target != volume) IoReleaseRemoveLock(&target->RemoveLock, entry);
+    return fits ? FLUSH_STEP::Written : FLUSH_STEP::NoSpace;
+}
+
+// Takes the volume's entries out of one queue, one at a time.
+WRITE_CACHE_ENTRY* UnlinkEntryOf(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(swapFile->CacheLock);
+    for (PLIST_ENTRY link = swapFile->CacheList.Flink; link != &swapFile->CacheList; link = link->Flink) {
+        WRITE_CACHE_ENTRY* entry = EntryOf(link);
+        if (entry->pVolume != volume) continue;
+        Unlink(&entry->ListEntry);
+        return entry;
+    }
+    return nullptr;
+}
+
+// What CacheWriteRequest has in hand while an exception may come.
+struct CACHING {
+    RequestPages Pages;
+    UCHAR* Data = nullptr;  // owned here until it is queued
+};
+
+NTSTATUS TakeData(PVOLUME_EXTENSION volume, PIRP request, CACHING* caching) {
+    const auto& write = IoGetCurrentIrpStackLocation(request)->Parameters.Write;
+    caching->Data = NewBuffer(write.Length).Release();
+    if (!caching->Data) return STATUS_INSUFFICIENT_RESOURCES;
+    caching->Pages.Lock(request);
+    const PVOID mapped = caching->Pages.Map(request);
+    if (!mapped) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlCopyMemory(caching->Data, mapped, write.Length);
+    const NTSTATUS status = Enqueue(volume, write.ByteOffset, caching->Data, write.Length);
+    if (NT_SUCCESS(status)) caching->Data = nullptr;
+    return status;
+}
+
+void EndCaching(CACHING* caching) {
+    caching->Pages.Unlock();
+    if (caching->Data) FreePool(caching->Data);
+    caching->Data = nullptr;
+}
+
+}  // namespace
+
+NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request) {
+    const ULONG length = IoGetCurrentIrpStackLocation(request)->Parameters.Write.Length;
+    CACHING caching;
+    // Page locking may raise. The exception ends here, as the request's status: whoever called holds the
+    // record.
+    const NTSTATUS status = TryExcept([&] {
+        NTSTATUS result = STATUS_SUCCESS;
+        TryFinally([&] { result = length == 0 ? STATUS_SUCCESS : TakeData(volume, request, &caching); },
+                   [&] { EndCaching(&caching); });
+        return result;
+    });
+    request->IoStatus.Status = status;
+    request->IoStatus.Information = status == STATUS_SUCCESS ? length : 0;
+    if (request->UserIosb) *request->UserIosb = request->IoStatus;
+    IoCompleteRequest(request, IO_NO_INCREMENT);
+    return status;
+}
+
+NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer, ULONG length) {
+    DbgPrint("Kvr!AddBufferToCache() enter(%d)\n", KeGetCurrentIrql());
+    NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
+    PoolPtr<UCHAR> data = NewBuffer(length);
+    if (data) {
+        RtlCopyMemory(data.Get(), buffer, length);
+        status = Enqueue(volume, *offset, data.Get(), length);
+        if (NT_SUCCESS(status)) KVR_DISCARD(data.Release(), "the entry owns it now");
+    }
+    DbgPrint("Kvr!AddBufferToCache() leave(%d)\n", KeGetCurrentIrql());
+    return status;
+}
+
+NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume) {
+    SWAP_FILE* swapFile = volume->SwapFile;
+    if (!swapFile || !OldestEntry(swapFile)) return STATUS_SUCCESS;
+    KernelMutexLock lock(swapFile->FlushLock);
+    for (;;) {
+        switch (FlushOldest(swapFile, volume)) {
+            case FLUSH_STEP::Written:
+                break;
+            case FLUSH_STEP::Empty:
+                return STATUS_SUCCESS;
+            case FLUSH_STEP::NoSpace:
+                return STATUS_DEVICE_BUSY;
+            // The removal drops the entry in a moment; until then the queue's order holds what is behind it.
+            case FLUSH_STEP::VolumeLeaves:
+                return STATUS_DEVICE_BUSY;
+        }
+    }
+}
+
+BOOLEAN IsWriteCacheEmpty(SWAP_FILE* swapFile) {
+    return !swapFile || !OldestEntry(swapFile);
+}
+
+void DropCachedWrites(PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(gSwapFileMutex);
+    for (SWAP_FILE* swapFile = gSwapFileList; swapFile; swapFile = swapFile->pNext)
+        while (WRITE_CACHE_ENTRY* entry = UnlinkEntryOf(swapFile, volume)) FreeEntry(entry);
+}

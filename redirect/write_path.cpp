@@ -1,0 +1,212 @@
+// Writes: pass down, teach the driver where one of its files lies, are refused, or go into the swap.
+#include "config/parser.h"
+#include "config/protected_volumes.h"
+#include "config/storage.h"
+#include "driver/dispatch.h"
+#include "platform/owners.h"
+#include "redirect/redirect.h"
+#include "redirect/request_path.h"
+#include "redirect/write_cache.h"
+#include "swap/map_boot.h"
+#include "swap/map_format.h"
+#include "swap/sector_io.h"
+
+namespace {
+
+constexpr LONGLONG kMapSaveInterval = 300000000;  // 30 seconds
+
+struct WRITE_REQUEST : FILE_REQUEST {
+    LARGE_INTEGER Offset;
+    ULONG Length;
+};
+
+WRITE_REQUEST DescribeWrite(PDEVICE_OBJECT device, PIRP request) {
+    const auto& write = IoGetCurrentIrpStackLocation(request)->Parameters.Write;
+    return {DescribeRequest(device, request), write.ByteOffset, write.Length};
+}
+
+void TraceWrite(const WRITE_REQUEST& write) {
+    if (write.Volume->SuppressWriteTrace) return;
+    if (write.File)
+        DbgPrint("Kvr!Write(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n",
+                 write.Request, write.Request->Flags,
+                 static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(write.File)), write.File->Flags,
+                 write.Offset.QuadPart, write.Length, &write.Volume->VolumeName, write.Name);
+    else
+        DbgPrint("Kvr!Write(%p:0x%08x): at %I64x %d bytes [%wZ]\n", write.Request, write.Request->Flags,
+                 write.Offset.QuadPart, write.Length, &write.Volume->VolumeName);
+}
+
+// ---- disks -------------------------------------------------------------------------------------------------
+
+// A disk's first sector says where its volumes lie: it stays as it is while one of them is protected.
+NTSTATUS WriteDisk(PDEVICE_OBJECT device, PIRP request) {
+    const WRITE_REQUEST write = DescribeWrite(device, request);
+    TraceWrite(write);
+    if (write.Offset.QuadPart != 0 || !HasProtectedVolume(device)) return PassIrpDown(device, request);
+    DbgPrint("Kvr!Write: boot area direct access?\n");
+    return CompleteRequest(request, STATUS_MEDIA_WRITE_PROTECTED);
+}
+
+// ---- captures: the write reaches the volume and shows where its file lies --------------------------------
+
+// Completes a request that was forwarded, as the lower driver left it.
+NTSTATUS CompleteForwarded(PIRP request, NTSTATUS status) {
+    IoCompleteRequest(request, IO_NO_INCREMENT);
+    return status;
+}
+
+BOOLEAN IsConfigCapture(const WRITE_REQUEST& write) {
+    return !IsConfigLocationComplete(write.Volume) && IsForFileEnding(write, SpecialFileNames.ConfigFile);
+}
+
+NTSTATUS CaptureConfig(const WRITE_REQUEST& write) {
+    const NTSTATUS status = ForwardIrpSynchronously(write.Device, write.Request);
+    if (status == STATUS_SUCCESS) {
+        DbgPrint("Kvr!Write: at %I64x %d bytes [%wZ:%wZ]\n", write.Offset.QuadPart, write.Length,
+                 &write.Volume->VolumeName, write.Name);
+        SwapAddConfigLocation(write.Volume, write.Offset.QuadPart, write.Length);
+    }
+    return CompleteForwarded(write.Request, status);
+}
+
+// Storage is being made, or was made since this boot.
+BOOLEAN IsStorageCaptured(PVOLUME_EXTENSION volume) {
+    return volume->SwapAllocating && !volume->SwapMapLoaded;
+}
+
+NTSTATUS CaptureMapFile(const WRITE_REQUEST& write) {
+    const NTSTATUS status = ForwardIrpSynchronously(write.Device, write.Request);
+    if (status == STATUS_SUCCESS) AddSwapMapChunk(write.Volume, write.Offset.QuadPart, write.Length);
+    return CompleteForwarded(write.Request, status);
+}
+
+NTSTATUS CaptureSwapFile(const WRITE_REQUEST& write) {
+    const NTSTATUS status = ForwardIrpSynchronously(write.Device, write.Request);
+    if (status == STATUS_SUCCESS)
+        KVR_DISCARD(AddSwapFreeChunk(write.Volume, &write.Offset, write.Length),
+                    "space that cannot be recorded is not used; the write itself succeeded");
+    return CompleteForwarded(write.Request, status);
+}
+
+// ---- refusals ----------------------------------------------------------------------------------------------
+
+BOOLEAN IsOnNtfs(PFILE_OBJECT file) {
+    if (!file || !file->Vpb || !file->Vpb->DeviceObject || !file->Vpb->DeviceObject->DriverObject) return FALSE;
+    return EndsWithName(&SpecialFileNames.NtfsDriver, &file->Vpb->DeviceObject->DriverObject->DriverName,
+                        TRUE) == 0;
+}
+
+NTSTATUS RefuseRemovable(const WRITE_REQUEST& write) {
+    return CompleteRequest(write.Request,
+                           IsOnNtfs(write.File) ? STATUS_NOT_SUPPORTED : STATUS_MEDIA_WRITE_PROTECTED);
+}
+
+// A write through a volume handle bypasses the file system, and so the names that keep the driver's own sectors
+// apart.
+BOOLEAN IsDirectAccess(const WRITE_REQUEST& write) {
+    return write.File && (write.File->Flags & FO_VOLUME_OPEN) &&
+           (write.Volume->PreloadConfigLocation[0] != 0 || write.Volume->MapLocation);
+}
+
+NTSTATUS RefuseDirectAccess(const WRITE_REQUEST& write) {
+    if (!write.Volume->SuppressWriteTrace) DbgPrint("Kvr!Write: direct access BLOCKING\n");
+    return CompleteRequest(write.Request, STATUS_MEDIA_WRITE_PROTECTED);
+}
+
+// ---- redirection -------------------------------------------------------------------------------------------
+
+BOOLEAN IsArmThreadDue(const WRITE_REQUEST& write) {
+    PVOLUME_EXTENSION volume = write.Volume;
+    if (volume->MediaType != FixedMedia || volume->ArmThreadHandle) return FALSE;
+    if (!write.Name || write.Name->Length == 0) return FALSE;
+    return volume->IsProtected || volume->MapLocation || IsConfigLocationComplete(volume);
+}
+
+// Files whose sectors the system reaches without the file system, or before this driver redirects.
+BOOLEAN BelongsOnVolume(const WRITE_REQUEST& write) {
+    if (IsKnownPagefile(write)) return TRUE;
+    if (IsPagefileByName(write) || IsForFile(write, SpecialFileNames.HiberFile) ||
+        IsForFile(write, SpecialFileNames.HibernateFile))
+        return TRUE;
+    if (IsForFileEnding(write, SpecialFileNames.BootStat)) {
+        KeSetEvent(&gBootStatusEvent, 0, FALSE);
+        return TRUE;
+    }
+    return IsForFile(write, SpecialFileNames.BootConfiguration);
+}
+
+// The SYSTEM hive is read before this driver can serve it: what is written to it does not outlast the boot.
+BOOLEAN IsSystemHive(const WRITE_REQUEST& write) {
+    return IsForFileEnding(write, SpecialFileNames.SystemHive) ||
+           IsForFileEnding(write, SpecialFileNames.SystemHiveLog) ||
+           IsForFileEnding(write, SpecialFileNames.SystemHiveLog1);
+}
+
+// At most once in 30 seconds; of several requests that find it due, one saves.
+void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    LONGLONG last = volume->LastMapSaveTime;
+    if (now.QuadPart <= last + kMapSaveInterval) return;
+    if (!volume->LastMapSaveTime.compare_exchange_strong(last, now.QuadPart)) return;
+    KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "a save that fails is made up for by the next one");
+}
+
+// Completes the request; the record is held by the caller.
+NTSTATUS Redirect(const WRITE_REQUEST& write) {
+    PVOLUME_EXTENSION volume = write.Volume;
+    KVR_DISCARD(FlushWriteCache(volume), "what stays in the queue makes this write join it");
+    NTSTATUS status = STATUS_SUCCESS;
+    if (IsWriteCacheEmpty(volume->SwapFile))
+        status = WriteSegments(volume, write.Request, IsSystemHive(write) ? 1 : 0);
+    else
+        status = CacheWriteRequest(volume, write.Request);
+    SaveMapWhenDue(volume);
+    return status;
+}
+
+BOOLEAN IsRedirecting(PVOLUME_EXTENSION volume) {
+    return gTesselEnabled && volume->IsProtected && volume->SwapFile;
+}
+
+NTSTATUS RedirectOrPass(const WRITE_REQUEST& write) {
+    PVOLUME_EXTENSION volume = write.Volume;
+    if (!IsRedirecting(volume) || BelongsOnVolume(write) || IsConfigurationUnderWay())
+        return PassIrpDown(write.Device, write.Request);
+    // A write may come before the first read. Loading the map can find that the volume is not to be protected.
+    EnsureSwapMapLoaded(volume);
+    return IsRedirecting(volume) ? Redirect(write) : PassIrpDown(write.Device, write.Request);
+}
+
+// ---- volumes -----------------------------------------------------------------------------------------------
+
+NTSTATUS WriteVolume(PDEVICE_OBJECT device, PIRP request) {
+    const WRITE_REQUEST write = DescribeWrite(device, request);
+    PVOLUME_EXTENSION volume = write.Volume;
+    ProtectIfConfigured(volume);
+    WriteBackConfig(device);
+    if (IsConfigCapture(write)) return CaptureConfig(write);
+    if (IsStorageCaptured(volume)) {
+        if (IsForFile(write, SpecialFileNames.MapFile)) return CaptureMapFile(write);
+        if (IsSwapFileName(write.Name)) return CaptureSwapFile(write);
+    }
+    const BOOLEAN guarded = gTesselEnabled && volume->IsProtected;
+    if (guarded && write.File) TraceWrite(write);
+    if (guarded && volume->MediaType != FixedMedia) return RefuseRemovable(write);
+    if (IsDirectAccess(write)) return RefuseDirectAccess(write);
+    AttachSwapFile(volume);
+    if (IsArmThreadDue(write)) StartArmThreadOnce(volume);
+    return RedirectOrPass(write);
+}
+
+}  // namespace
+
+NTSTATUS KvrWrite(PDEVICE_OBJECT device, PIRP request) {
+    if (device == gControlDevice) return KvrDefaultDispatch(device, request);
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    const RecordHold hold(volume, request);
+    if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);
+    if (!IsVolumeInList(volume)) return PassIrpDown(device, request);
+    return volume->IsDisk ? WriteDisk(device, request) : WriteVolume(device, request);
+}

@@ -1,0 +1,92 @@
+// Recording what a write put into the swap, and settling a request's list.
+#include "platform/owners.h"
+#include "swap/chunk_maps.h"
+#include "swap/segments.h"
+
+namespace {
+
+// A stretch of a pending chunk: nobody else's, or redirected meanwhile by another write.
+struct PIECE {
+    LONGLONG volumeOffset;
+    LONGLONG swapOffset;
+    ULONG length;
+    bool redirected;
+};
+
+// The stretch of `chunk` that begins at `position`, up to where the map changes.
+PIECE NextPiece(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, LONGLONG position)
+    KVR_REQUIRES(volume->SwapLock) {
+    LONGLONG stop = chunk->liVolumeOffset.QuadPart + chunk->uLength;
+    bool redirected = false;
+    if (TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &position)) {
+        const auto* other = static_cast<const SWAPPED_CHUNK*>(node->Record);
+        redirected = other->liVolumeOffset.QuadPart <= position;
+        const LONGLONG change = redirected ? ChunkEnd(other) : other->liVolumeOffset.QuadPart;
+        if (change < stop) stop = change;
+    }
+    const LONGLONG into = position - chunk->liVolumeOffset.QuadPart;
+    return {position, chunk->liSwapOffset.QuadPart + into, static_cast<ULONG>(stop - position), redirected};
+}
+
+NTSTATUS RecordSwappedChunk(PVOLUME_EXTENSION volume, const PIECE& piece, ULONG bVolatile)
+    KVR_REQUIRES(volume->SwapLock) {
+    PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
+    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
+    record->liVolumeOffset.QuadPart = piece.volumeOffset;
+    record->liSwapOffset.QuadPart = piece.swapOffset;
+    record->uLength = piece.length;
+    record->bVolatile = bVolatile;
+    TREE_NODE* node = tree_insert(&volume->SwappedChunks, record.Get());
+    if (!node) return STATUS_UNSUCCESSFUL;
+    if (node->Record != record.Get()) return STATUS_SUCCESS;
+    record.Release();
+    volume->SwapUsedBytes += piece.length;
+    return STATUS_SUCCESS;
+}
+
+// Of writes that overlapped in time the first to commit keeps a common stretch. The volume then shows that
+// write's data there, which is an outcome the writers must reckon with; the trees never overlap.
+NTSTATUS CommitChunk(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, ULONG bVolatile)
+    KVR_REQUIRES(volume->SwapLock) {
+    NTSTATUS result = STATUS_SUCCESS;
+    LONGLONG position = chunk->liVolumeOffset.QuadPart;
+    const LONGLONG end = position + chunk->uLength;
+    while (position < end) {
+        const PIECE piece = NextPiece(volume, chunk, position);
+        const NTSTATUS status = piece.redirected ? RecordFreeChunk(volume, piece.swapOffset, piece.length)
+                                                 : RecordSwappedChunk(volume, piece, bVolatile);
+        if (status == STATUS_INSUFFICIENT_RESOURCES)
+            DbgPrint("Kvr!CommitChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
+        else if (!NT_SUCCESS(status))
+            DbgPrint("Kvr!CommitChunks [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+        if (!NT_SUCCESS(status)) result = status;
+        position += piece.length;
+    }
+    return result;
+}
+
+}  // namespace
+
+NTSTATUS CommitChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain, ULONG bVolatile) {
+    FastMutexLock lock(volume->SwapLock);
+    volume->MapDirty = TRUE;
+    NTSTATUS result = STATUS_SUCCESS;
+    while (chain) {
+        const PoolPtr<PENDING_CHUNK> chunk(chain);
+        chain = chunk->pNext;
+        const NTSTATUS status = CommitChunk(volume, chunk.Get(), bVolatile);
+        if (!NT_SUCCESS(status)) result = status;
+    }
+    return result;
+}
+
+void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile) {
+    while (list) {
+        const PoolPtr<SEGMENT> segment(list);
+        list = segment->pNext;
+        if (!segment->pChunk) continue;
+        KVR_DISCARD(commit ? CommitChunks(volume, segment->pChunk, bVolatile)
+                           : UnlockFreeChunks(volume, segment->pChunk),
+                    "each chunk is settled, and what could not be recorded has been reported");
+    }
+}

@@ -1,0 +1,21 @@
+// Steps that the operations on the chunk maps share; for swap/ only. The caller holds SwapLock: each leaves the
+// maps' invariants as it found them.
+#pragma once
+#include "swap/swap.h"
+
+[[nodiscard]] inline LONGLONG ChunkEnd(const SWAPPED_CHUNK* chunk) {
+    return chunk->liVolumeOffset.QuadPart + chunk->uLength;
+}
+
+// Moves the count of free bytes, and the mirror of it in the volume's SWAP_FILE where there is one.
+void CreditFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) KVR_REQUIRES(volume->SwapLock);
+void DebitFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) KVR_REQUIRES(volume->SwapLock);
+
+// Space joins FreeChunks and is counted; space that is recorded already is not counted again.
+// STATUS_INSUFFICIENT_RESOURCES: no record. STATUS_UNSUCCESSFUL: no node.
+[[nodiscard]] NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG length)
+    KVR_REQUIRES(volume->SwapLock);
+
+// Releases every record and sets the counters accordingly; the trees stay usable.
+void EmptySwappedChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);
+void EmptyFreeChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);

@@ -1,0 +1,189 @@
+#include "swap/map_boot.h"
+#include "config/parser.h"
+#include "config/protected_volumes.h"
+#include "config/storage.h"
+#include "platform/owners.h"
+#include "swap/chunk_maps.h"
+#include "swap/map_read.h"
+#include "swap/map_runs.h"
+
+namespace {
+
+// The low-space limit and some room above it. With less free space than this, redirections that are to be
+// merged stay as they are for one more boot.
+constexpr ULONG64 kMergeLimit = 0x3300000;
+
+// The map as it is being loaded.
+struct MAP_LOAD {
+    PVOLUME_EXTENSION volume;
+    PoolPtr<MAP_LOCATION_ENTRY> location;  // the record's once the load has ended
+    ULONG length;                          // bytes
+    NTSTATUS status;                       // of the last step: what the caller is told
+    NTSTATUS loaded;                       // STATUS_SUCCESS while runs give chunks
+    bool noLocation;
+};
+
+// Reads one run from the volume; its failure is the load's status and the next run is read.
+NTSTATUS ReadRunSectors(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run, PVOID buffer) {
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    LARGE_INTEGER offset;
+    offset.QuadPart = RunOffset(volume, run);
+    return TransferSectors(IRP_MJ_READ, volume->Target, buffer, run->ulLength, &offset, &iosb, &event);
+}
+
+void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
+    if (run->ulLength < sizeof(SWAP_MAP_ENTRY)) {
+        load.loaded = STATUS_END_OF_FILE;  // it holds no entry, and needs no reading to know
+        return;
+    }
+    if (!IsUsableRun(run)) {
+        load.loaded = STATUS_INVALID_PARAMETER;
+        return;
+    }
+    const PoolPtr<UCHAR> buffer = NewBuffer(run->ulLength);
+    load.status = STATUS_INSUFFICIENT_RESOURCES;
+    if (!buffer) return;
+    RtlZeroMemory(buffer.Get(), run->ulLength);
+    load.status = ReadRunSectors(load.volume, run, buffer.Get());
+    if (!NT_SUCCESS(load.status)) return;
+    FastMutexLock lock(load.volume->SwapLock);
+    load.loaded = ReadMapRun(load.volume, buffer.Get(), run->ulLength);
+}
+
+// A value too short for one run is no location.
+void LoadMap(MAP_LOAD& load) {
+    MAP_LOCATION_ENTRY* location = nullptr;
+    load.status = RegGetMapLocation(load.volume, &location, &load.length);
+    load.location.Reset(location);
+    const ULONG runs = load.length / sizeof(MAP_LOCATION_ENTRY);
+    load.noLocation = !NT_SUCCESS(load.status) || runs == 0;
+    for (ULONG r = 0; r < runs && load.loaded == STATUS_SUCCESS; ++r) LoadRun(load, load.location.Get() + r);
+}
+
+// A map of which anything is wrong is worth nothing: all of it goes.
+void SettleLoad(MAP_LOAD& load) {
+    PVOLUME_EXTENSION volume = load.volume;
+    ULONG swapped = 0;
+    ULONG free = 0;
+    {
+        FastMutexLock lock(volume->SwapLock);
+        if (NT_SUCCESS(load.loaded) || load.loaded == STATUS_END_OF_FILE) {
+            const NTSTATUS verified = VerifySwapRanges(volume);
+            if (!NT_SUCCESS(verified)) load.loaded = verified;
+        }
+        if (!NT_SUCCESS(load.loaded) && load.loaded != STATUS_END_OF_FILE) {
+            EmptySwappedChunks(volume);
+            EmptyFreeChunks(volume);
+            volume->SwapState = kSwapMapBad;
+            DbgPrint("Kvr!PreloadSwapMap: storage contains errors!\n");
+        }
+        tree_walk(&volume->SwappedChunks, count_items, &swapped);
+        tree_walk(&volume->FreeChunks, count_items, &free);
+    }
+    // Only now that the trees hold the whole map, or SwapState says that they do not: from here on a save
+    // would write them over what was read.
+    if (load.noLocation)
+        ForgetMapLocation(volume);
+    else
+        PublishMapLocation(volume, load.location.Release(), load.length);
+    DbgPrint("Kvr!PreloadSwapMap: storage s%d + f%d\n", swapped, free);
+}
+
+// Does what the state of the storage says about protection. State 5 does not end a protection that has begun:
+// writes let through under live redirections would mix two states on the volume.
+void ApplySwapState(PVOLUME_EXTENSION volume, bool noLocation) {
+    const ULONG state = volume->SwapState;
+    if (state != kSwapUsable && state != kSwapFilesNotHeld)
+        volume->IsProtected = FALSE;
+    else if (!volume->IsProtected)
+        UpdateVolumeProtection(volume);
+    if (volume->IsProtected && noLocation) {
+        volume->IsProtected = FALSE;
+        volume->SwapState = kSwapNoLocation;
+    }
+}
+
+// TRUE when the redirections must stay although they were to be merged.
+BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
+    if (!gTesselEnabled || !volume->IsProtected || !(volume->BootAction & PV_ACTION_MERGE) ||
+        volume->SwapState != kSwapUsable)
+        return FALSE;
+    ULONG64 free;
+    {
+        FastMutexLock lock(volume->SwapLock);
+        free = volume->SwapFreeBytes;
+    }
+    if (free <= kMergeLimit) return TRUE;
+    MergeSwapIntoVolume(volume->FilterDevice);
+    return FALSE;
+}
+
+void GiveUpRedirections(PVOLUME_EXTENSION volume) {
+    {
+        FastMutexLock lock(volume->SwapLock);
+        tree_walk(&volume->SwappedChunks, unuse_swapped_chunks, volume);
+        AggregateFreeChunks(volume);
+        EmptySwappedChunks(volume);
+        volume->MapDirty = TRUE;
+    }
+    WriteSwapMap(volume->FilterDevice, TRUE);
+}
+
+void CopyChunk(PVOLUME_EXTENSION volume, const SWAPPED_CHUNK* chunk) {
+    const PoolPtr<UCHAR> buffer = NewBuffer(chunk->uLength);
+    if (!buffer) return;
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    const NTSTATUS status = TransferSectors(IRP_MJ_READ, volume->Target, buffer.Get(), chunk->uLength,
+                                            &chunk->liSwapOffset, &iosb, &event);
+    if (!NT_SUCCESS(status)) return;
+    KVR_DISCARD(TransferSectors(IRP_MJ_WRITE, volume->Target, buffer.Get(), chunk->uLength,
+                                &chunk->liVolumeOffset, &iosb, &event),
+                "the redirections are given up, merged or not");
+}
+
+ULONG merge_swapped_chunk(PVOID record, PVOID context) {
+    if (record) CopyChunk(static_cast<PVOLUME_EXTENSION>(context), static_cast<const SWAPPED_CHUNK*>(record));
+    return 0;
+}
+
+bool IsMapLoadDue(PVOLUME_EXTENSION volume) {
+    return gConfigLoaded && !volume->SwapAllocating && !volume->SwapMapLoaded &&
+           volume->MediaType == FixedMedia;
+}
+
+}  // namespace
+
+NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device) {
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    MAP_LOAD load{volume, PoolPtr<MAP_LOCATION_ENTRY>(), 0, STATUS_SUCCESS, STATUS_SUCCESS, false};
+    LoadMap(load);
+    SettleLoad(load);
+    ApplySwapState(volume, load.noLocation);
+    BOOLEAN keep = MergeIfDue(volume);
+    if (volume->BootAction == 0 && gTesselEnabled && volume->IsProtected) keep = TRUE;
+    if (!keep && volume->SwapState == kSwapUsable) GiveUpRedirections(volume);
+    volume->SwapMapLoaded = TRUE;
+    DbgPrint("Kvr!PreloadSwapMap: Done\n");
+    return load.status;
+}
+
+void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume) {
+    if (!IsMapLoadDue(volume)) return;
+    KernelMutexLock lock(volume->MapLoadMutex);
+    if (volume->MapLoading || !IsMapLoadDue(volume)) return;
+    volume->MapLoading = TRUE;
+    KVR_DISCARD(PreloadSwapMap(volume->FilterDevice), "SwapState tells what came of it");
+    volume->MapLoading = FALSE;
+}
+
+// Under SwapLock throughout: nothing may be redirected, or overwritten in the swap, while it is copied.
+void MergeSwapIntoVolume(PDEVICE_OBJECT device) {
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    FastMutexLock lock(volume->SwapLock);
+    tree_walk(&volume->SwappedChunks, merge_swapped_chunk, volume);
+    volume->MapDirty = TRUE;
+}

@@ -1,0 +1,159 @@
+#include "swap/map_read.h"
+#include "platform/owners.h"
+#include "swap/chunk_maps.h"
+
+namespace {
+
+constexpr ULONG64 kLastOffset = 0x7FFFFFFFFFFFFFFF;
+
+// An entry in bytes.
+struct ENTRY_RANGE {
+    LONGLONG volumeOffset;
+    LONGLONG swapOffset;
+    ULONG length;
+};
+
+bool IsEmptySlot(const SWAP_MAP_ENTRY* entry) {
+    return entry->ulSwapSector == 0 || entry->ulSwapSector == entry->ulVolumeSector;
+}
+
+bool IsFreeEntry(const SWAP_MAP_ENTRY* entry) {
+    return entry->ulVolumeSector == kFreeSpaceMark;
+}
+
+// False for a range that no volume can have.
+[[nodiscard]] bool Decode(const SWAP_MAP_ENTRY* entry, ULONG unit, ENTRY_RANGE* range) {
+    const ULONG64 volumeOffset = IsFreeEntry(entry) ? 0 : ULONG64{entry->ulVolumeSector} * unit;
+    const ULONG64 swapOffset = ULONG64{entry->ulSwapSector} * unit;
+    const ULONG64 length = ULONG64{entry->ulSectors} * unit;
+    if (length == 0 || length > 0xFFFFFFFF) return false;
+    if (volumeOffset > kLastOffset - length || swapOffset > kLastOffset - length) return false;
+    *range = {static_cast<LONGLONG>(volumeOffset), static_cast<LONGLONG>(swapOffset),
+              static_cast<ULONG>(length)};
+    return true;
+}
+
+bool IsRedirectedAlready(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
+    TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &range.volumeOffset);
+    if (!node) return false;
+    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+    return chunk->liVolumeOffset.QuadPart < range.volumeOffset + range.length;
+}
+
+NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
+    if (IsRedirectedAlready(volume, range)) return STATUS_INVALID_PARAMETER;
+    PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
+    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
+    record->liVolumeOffset.QuadPart = range.volumeOffset;
+    record->liSwapOffset.QuadPart = range.swapOffset;
+    record->uLength = range.length;
+    if (!tree_insert(&volume->SwappedChunks, record.Get())) return STATUS_UNSUCCESSFUL;
+    record.Release();
+    volume->SwapUsedBytes += range.length;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS LoadFreeEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
+    if (tree_find(&volume->FreeChunks, &range.swapOffset)) return STATUS_INVALID_PARAMETER;
+    return RecordFreeChunk(volume, range.swapOffset, range.length);
+}
+
+NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry) KVR_REQUIRES(volume->SwapLock) {
+    ENTRY_RANGE range;
+    if (!VerifyMapEntry(entry) || !Decode(entry, volume->BytesPerSector, &range))
+        return STATUS_INVALID_PARAMETER;
+    const NTSTATUS status = IsFreeEntry(entry) ? LoadFreeEntry(volume, range) : LoadSwappedEntry(volume, range);
+    if (status == STATUS_INSUFFICIENT_RESOURCES)
+        DbgPrint("Kvr!DeserializeSwapMap [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
+    else if (status == STATUS_UNSUCCESSFUL)
+        DbgPrint("Kvr!DeserializeSwapMap [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+    return status;
+}
+
+NTSTATUS LoadMapBuffer(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
+    const auto* entries = reinterpret_cast<const SWAP_MAP_ENTRY*>(volume->MapBuffer);
+    const ULONG64 slots = entries ? volume->MapBufferSize / sizeof(SWAP_MAP_ENTRY) : 0;
+    bool found = false;
+    for (ULONG64 i = 0; i < slots; ++i) {
+        if (IsEmptySlot(&entries[i])) continue;
+        const NTSTATUS status = LoadEntry(volume, &entries[i]);
+        if (!NT_SUCCESS(status)) return status;
+        found = true;
+    }
+    return found ? STATUS_SUCCESS : STATUS_END_OF_FILE;
+}
+
+// A swap range in one word, so that ranges compare as numbers: first sector above, sectors below.
+ULONG64 PackRange(LARGE_INTEGER swapOffset, ULONG length, ULONG unit) {
+    return static_cast<ULONG64>(swapOffset.QuadPart / unit) << 32 | length / unit;
+}
+
+void SiftDown(ULONG64* values, ULONG count, ULONG at) {
+    for (;;) {
+        ULONG child = 2 * at + 1;
+        if (child >= count) return;
+        if (child + 1 < count && values[child + 1] > values[child]) ++child;
+        if (values[at] >= values[child]) return;
+        std::swap(values[at], values[child]);
+        at = child;
+    }
+}
+
+// In place and without recursion: the list may be long and the kernel stack is small.
+void HeapSort(ULONG64* values, ULONG count) {
+    for (ULONG i = count / 2; i-- > 0;) SiftDown(values, count, i);
+    for (ULONG i = count; i-- > 1;) {
+        std::swap(values[0], values[i]);
+        SiftDown(values, i, 0);
+    }
+}
+
+bool HasOverlap(const ULONG64* ranges, ULONG count) {
+    for (ULONG i = 1; i < count; ++i)
+        if ((ranges[i - 1] >> 32) + (ranges[i - 1] & 0xFFFFFFFF) > ranges[i] >> 32) return true;
+    return false;
+}
+
+ULONG PackRanges(PVOLUME_EXTENSION volume, ULONG64* ranges) KVR_REQUIRES(volume->SwapLock) {
+    const ULONG unit = volume->BytesPerSector;
+    TREE* swapped = &volume->SwappedChunks;
+    TREE* free = &volume->FreeChunks;
+    ULONG count = 0;
+    for (TREE_NODE* node = tree_first(swapped, swapped->Root); node; node = tree_next(swapped, node)) {
+        const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+        ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
+    }
+    for (TREE_NODE* node = tree_first(free, free->Root); node; node = tree_next(free, node)) {
+        const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
+        ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
+    }
+    return count;
+}
+
+}  // namespace
+
+NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device) {
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    FastMutexLock lock(volume->SwapLock);
+    return LoadMapBuffer(volume);
+}
+
+NTSTATUS ReadMapRun(PVOLUME_EXTENSION volume, UCHAR* run, ULONG size) {
+    volume->MapBuffer = run;
+    volume->MapBufferSize = size;
+    const NTSTATUS status = LoadMapBuffer(volume);
+    volume->MapBuffer = nullptr;
+    volume->MapBufferSize = 0;
+    return status;
+}
+
+NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume) {
+    ULONG count = 0;
+    tree_walk(&volume->SwappedChunks, count_items, &count);
+    tree_walk(&volume->FreeChunks, count_items, &count);
+    if (count == 0 || volume->BytesPerSector == 0) return STATUS_SUCCESS;
+    const PoolPtr<ULONG64> ranges(static_cast<ULONG64*>(AllocatePool(SIZE_T{count} * sizeof(ULONG64))));
+    if (!ranges) return STATUS_INSUFFICIENT_RESOURCES;
+    HeapSort(ranges.Get(), PackRanges(volume, ranges.Get()));
+    return HasOverlap(ranges.Get(), count) ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}

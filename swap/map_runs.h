@@ -1,0 +1,24 @@
+// The runs of the saved map: where MapLocation says they lie; for swap/ only. SwapLock held.
+#pragma once
+#include "swap/map_format.h"
+#include "swap/sector_io.h"
+
+// Whole entries only: a value of odd length from the registry never leads past its end.
+[[nodiscard]] inline ULONG MapRunCount(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
+    return volume->ulMapLocationLength / sizeof(MAP_LOCATION_ENTRY);
+}
+
+[[nodiscard]] inline const MAP_LOCATION_ENTRY* CurrentRun(PVOLUME_EXTENSION volume)
+    KVR_REQUIRES(volume->SwapLock) {
+    return volume->MapLocation.load() + volume->MapRunIndex;
+}
+
+[[nodiscard]] inline LONGLONG RunOffset(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run) {
+    return static_cast<LONGLONG>(run->ulSector) * volume->BytesPerSector;
+}
+
+// A run without room for an entry ends the map, for the writer as for the reader. So does, for the writer, one
+// at sector 0, where no file can lie: the volume's boot sector is not overwritten, whatever the registry says.
+[[nodiscard]] inline bool IsUsableRun(const MAP_LOCATION_ENTRY* run) {
+    return run->ulSector != 0 && run->ulLength >= sizeof(SWAP_MAP_ENTRY);
+}

@@ -1,0 +1,93 @@
+#include "swap/provision_files.h"
+#include "config/format_string.h"
+
+namespace {
+
+constexpr ULONG kStorageAttributes = FILE_ATTRIBUTE_NORMAL | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_HIDDEN;
+constexpr ULONG kStorageOptions =
+    FILE_WRITE_THROUGH | FILE_NO_INTERMEDIATE_BUFFERING | FILE_SYNCHRONOUS_IO_NONALERT;
+
+struct OPENING {
+    ACCESS_MASK access;
+    ULONG share;
+    ULONG disposition;
+};
+
+NTSTATUS OpenStorageFile(PVOLUME_EXTENSION volume, ULONG index, const OPENING& opening, KernelHandle* file) {
+    STORAGE_PATH path;
+    const NTSTATUS named = MakeStoragePath(volume, index, &path);
+    if (!NT_SUCCESS(named)) return named;
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &path.text, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                               nullptr);
+    IO_STATUS_BLOCK iosb{};
+    HANDLE handle = nullptr;
+    const NTSTATUS status =
+        ZwCreateFile(&handle, opening.access | SYNCHRONIZE, &attributes, &iosb, nullptr, kStorageAttributes,
+                     opening.share, opening.disposition, kStorageOptions, nullptr, 0);
+    file->Reset(NT_SUCCESS(status) ? handle : nullptr);
+    return status;
+}
+
+}  // namespace
+
+NTSTATUS MakeStoragePath(PVOLUME_EXTENSION volume, ULONG index, STORAGE_PATH* path) {
+    path->text = {0, sizeof(path->characters), path->characters};
+    if (index != 0 && index != kMapFileIndex)
+        return FormatString(&path->text, W("%wZ\\kvr.SWP.%02d"), &volume->VolumeName, index);
+    RtlCopyUnicodeString(&path->text, &volume->VolumeName);
+    return RtlAppendUnicodeToString(&path->text, index == 0 ? W("\\kvr.SWP") : W("\\kvr.MAP"));
+}
+
+NTSTATUS CreateStorageFile(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file) {
+    const NTSTATUS status =
+        OpenStorageFile(volume, index, {FILE_WRITE_DATA, FILE_SHARE_READ, FILE_OVERWRITE_IF}, file);
+    if (!NT_SUCCESS(status)) DbgPrint("Kvr!SwapStorageStartAllocation ZwCreateFile 0x%08x\n", status);
+    return status;
+}
+
+NTSTATUS HoldStorageFile(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file) {
+    return OpenStorageFile(volume, index, {FILE_READ_DATA, 0, FILE_OPEN}, file);
+}
+
+void DeleteStorageFile(PVOLUME_EXTENSION volume, ULONG index) {
+    STORAGE_PATH path;
+    if (!NT_SUCCESS(MakeStoragePath(volume, index, &path))) return;
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &path.text, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr,
+                               nullptr);
+    KVR_DISCARD(ZwDeleteFile(&attributes), "most of the numbered files never existed");
+}
+
+// The block goes to the disk as it is: zeroed, it carries nothing of the pool's past there, and a map file
+// whose first map was never written reads as an empty one.
+BLOCK_WRITER::BLOCK_WRITER(PVOLUME_EXTENSION volume) : m_bytes(volume->BytesPerSector * kSectorsPerBlock) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, W("\\KernelObjects\\LowNonPagedPoolCondition"));
+    HANDLE handle = nullptr;
+    m_lowPool = IoCreateNotificationEvent(&name, &handle);
+    m_eventHandle.Reset(m_lowPool ? handle : nullptr);
+    if (m_bytes != 0) m_buffer = NewBuffer(m_bytes);
+    if (m_buffer) RtlZeroMemory(m_buffer.Get(), m_bytes);
+}
+
+NTSTATUS BLOCK_WRITER::Write(HANDLE file, LONGLONG offset) {
+    IO_STATUS_BLOCK iosb{};
+    LARGE_INTEGER position;
+    position.QuadPart = offset;
+    const NTSTATUS status =
+        ZwWriteFile(file, nullptr, nullptr, nullptr, &iosb, m_buffer.Get(), m_bytes, &position, nullptr);
+    if (!NT_SUCCESS(status)) {
+        DbgPrint("Kvr!SwapStorageStartAllocation ZwWriteFile 0x%08x\n", status);
+        return status;
+    }
+    // Looked at for the debugger's sake only. The condition may stay signalled for hours on a small machine,
+    // so neither stopping nor waiting for its end would be right; the trial allocation before each block is
+    // the test that is about this work.
+    if (m_lowPool) KVR_DISCARD(KeReadStateEvent(m_lowPool), "nothing depends on it");
+    return status;
+}
+
+bool IsPoolAvailable(SIZE_T bytes) {
+    return static_cast<bool>(NewBuffer(bytes));
+}

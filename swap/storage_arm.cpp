@@ -1,0 +1,55 @@
+// Holding the storage files open, so that nobody reads, changes, moves or deletes them while the driver uses
+// their sectors behind the file system's back.
+#include "config/storage.h"
+#include "swap/provision.h"
+#include "swap/provision_files.h"
+
+namespace {
+
+bool IsConfigFileKnown(PVOLUME_EXTENSION volume) {
+    for (const std::atomic<LONGLONG>& offset : volume->PreloadConfigLocation)
+        if (offset <= 0) return false;
+    return true;
+}
+
+// The handle stays in `held`; a file that is held already is left alone.
+NTSTATUS HoldFile(PVOLUME_EXTENSION volume, ULONG index, HANDLE* held) {
+    KernelHandle file;
+    const NTSTATUS status = HoldStorageFile(volume, index, &file);
+    if (NT_SUCCESS(status)) KernelHandle(std::exchange(*held, file.Release())).Reset();
+    return status;
+}
+
+// The status of the last open. A removal forgets MapLocation before it waits for StorageMutex to close the
+// handles: an arm thread that comes later holds nothing, and says nothing about files that are gone.
+NTSTATUS HoldStorageFiles(PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(volume->StorageMutex);
+    if (!volume->MapLocation) return STATUS_SUCCESS;
+    NTSTATUS status = HoldFile(volume, 0, &volume->SwapFileHandle);
+    bool failed = !NT_SUCCESS(status);
+    status = HoldFile(volume, kMapFileIndex, &volume->SwapMapFileHandle);
+    failed = failed || !NT_SUCCESS(status);
+    for (ULONG i = 0; i < kNumberedSwapFiles && volume->MapLocation; ++i)
+        status = HoldFile(volume, i + 1, &volume->SwapFileHandles[i]);
+    ULONG usable = kSwapUsable;
+    if (failed && volume->MapLocation) volume->SwapState.compare_exchange_strong(usable, kSwapFilesNotHeld);
+    return status;
+}
+
+// Its reads of this volume must not find the map half loaded while StorageMutex is held.
+void WaitForMapLoad(PVOLUME_EXTENSION volume) {
+    KernelMutexLock lock(volume->MapLoadMutex);
+}
+
+}  // namespace
+
+void StorageArmThread(PVOID context) {
+    auto* volume = static_cast<PVOLUME_EXTENSION>(context);
+    LockDriverFile();
+    if (IsConfigFileKnown(volume)) LockConfig();
+    DbgPrint("Kvr!StorageArmThread(%wZ)...\n", &volume->VolumeName);
+    WaitForMapLoad(volume);
+    const NTSTATUS status = volume->MapLocation ? HoldStorageFiles(volume) : STATUS_SUCCESS;
+    IoReleaseRemoveLock(&volume->RemoveLock, volume);
+    KVR_DISCARD(PsTerminateSystemThread(status), "a system thread always ends here");
+}

@@ -1,0 +1,126 @@
+#include "protected_computer.h"
+#include <cstring>
+#include <gtest/gtest.h>
+#include "clock.h"
+#include "machine/partition_table.h"
+#include "thread.h"
+
+namespace support {
+
+namespace {
+
+using namespace machine;
+
+// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
+std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector, std::uint64_t& offset) {
+    auto disk = std::make_shared<MemoryDisk>(bytes, sector);
+    std::vector<NewPartition> partitions;
+    std::string error;
+    EXPECT_TRUE(LayOutPartitions(bytes, {0}, TableKind::Mbr, partitions, error)) << error;
+    for (const DiskPiece& piece : MakeMbr(bytes, sector, partitions, 1))
+        EXPECT_EQ(STATUS_SUCCESS, disk->Write(piece.offset, piece.bytes.data(), piece.bytes.size()));
+    offset = partitions.at(0).offset;
+    return disk;
+}
+
+std::u16string Number(int value) {
+    return std::u16string(1, static_cast<char16_t>(u'0' + value));
+}
+
+}  // namespace
+
+std::u16string Configuration::Text() const {
+    std::u16string text = u"[Global]\r\nProtection=" + Number(protection) + u"\r\n\r\n[FV data]\r\nID=";
+    text += kDataName;
+    text += u"\r\nProtectionMode=" + Number(protectData) + u"\r\nBootMode=" + Number(bootMode) + u"\r\n";
+    if (!discardDate.empty()) text += u"NextDiscardTS=" + discardDate + u"\r\n";
+    return text + u"BootAction=" + Number(bootAction) + u"\r\n" + extra;
+}
+
+SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes) {
+    SWAP_CONFIG_REQUEST request{};
+    for (std::size_t i = 0; volume[i] && i < KVR_NAME_CHARS; ++i) request.VolumeName[i] = volume[i];
+    request.SwapSize = bytes;
+    return request;
+}
+
+ProtectedComputer::ProtectedComputer(const ComputerOptions& options) {
+    std::uint64_t systemOffset = 0;
+    systemDisk_ = OneVolumeDisk(16 * kMiB, 512, systemOffset);
+    dataDisk_ = OneVolumeDisk(options.dataBytes, options.dataSector, dataOffset_);
+    systemFiles_ = std::make_shared<ScriptedVolume>(kMiB, 12 * kMiB);
+    dataFiles_ = std::make_shared<ScriptedVolume>(options.storageBegin, options.dataBytes - dataOffset_);
+    MachineOptions machine;
+    machine.disks = {{systemDisk_}, {dataDisk_, false, options.completion}};
+    machine.driver = DriverEntry;
+    machine.fileSystem = [this](const VolumeDevice& volume) {
+        return ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_);
+    };
+    host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
+    machine_ = std::make_unique<Machine>(std::move(machine));
+}
+
+ProtectedComputer::~ProtectedComputer() {
+    machine_.reset();
+    host::FollowRealClock();
+}
+
+void ProtectedComputer::Install(const Configuration& configuration, std::uint64_t swapBytes) {
+    ASSERT_EQ(STATUS_SUCCESS, machine_->PowerOn());
+    ASSERT_EQ(STATUS_SUCCESS, machine_->DriverStatus());
+    ASSERT_EQ(STATUS_SUCCESS, SetConfig(configuration));
+    ASSERT_EQ(STATUS_SUCCESS, Provision(swapBytes));
+    ASSERT_EQ(swapBytes, static_cast<std::uint64_t>(Status().SwapTotalBytes));
+    machine_->Shutdown();
+}
+
+NTSTATUS ProtectedComputer::SetConfig(const Configuration& configuration) {
+    std::vector<std::uint8_t> text(KVR_CONFIG_BYTES, 0);
+    const std::u16string characters = configuration.Text();
+    std::memcpy(text.data(), characters.data(), characters.size() * 2);
+    return Control(IOCTL_KVR_SET_CONFIG, text.data(), KVR_CONFIG_BYTES);
+}
+
+std::u16string ProtectedComputer::GetConfig() {
+    std::u16string text(KVR_CONFIG_BYTES / 2, u'\0');
+    EXPECT_EQ(STATUS_SUCCESS, Control(IOCTL_KVR_GET_CONFIG, nullptr, 0, text.data(), KVR_CONFIG_BYTES));
+    return text.c_str();
+}
+
+NTSTATUS ProtectedComputer::Provision(std::uint64_t swapBytes, const char16_t* volume) {
+    const SWAP_CONFIG_REQUEST request = StorageRequest(volume, static_cast<std::int64_t>(swapBytes));
+    const NTSTATUS status = Control(IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request));
+    host::JoinSystemThreads();
+    return status;
+}
+
+NTSTATUS ProtectedComputer::RemoveStorage(const char16_t* volume) {
+    const SWAP_CONFIG_REQUEST request = StorageRequest(volume, -1);
+    return Control(IOCTL_KVR_REMOVE_SWAP, &request, sizeof(request));
+}
+
+NTSTATUS ProtectedComputer::Control(ULONG code, const void* input, ULONG inputLength, void* output,
+                                    ULONG outputLength, ULONG* returned) {
+    ULONG bytes = 0;
+    return machine_->Control(kControlDevice, code, input, inputLength, output, outputLength,
+                             returned ? *returned : bytes);
+}
+
+KVR_FIXED_VOLUME_STATUS ProtectedComputer::Status(const char16_t* volume) {
+    std::vector<KVR_FIXED_VOLUME_STATUS> records(8);
+    ULONG bytes = 0;
+    EXPECT_EQ(STATUS_SUCCESS, Control(IOCTL_KVR_GET_FIXED_VOLUMES, nullptr, 0, records.data(),
+                                      static_cast<ULONG>(records.size() * sizeof(records[0])), &bytes));
+    records.resize(bytes / sizeof(records[0]));
+    for (const KVR_FIXED_VOLUME_STATUS& record : records) {
+        if (std::u16string_view(reinterpret_cast<const char16_t*>(record.VolumeName)) == volume) return record;
+    }
+    ADD_FAILURE() << "the volume is not reported";
+    return {};
+}
+
+void ProtectedComputer::ReadMedium(std::uint64_t offset, void* buffer, std::size_t length) {
+    ASSERT_EQ(STATUS_SUCCESS, dataDisk_->Read(dataOffset_ + offset, buffer, length));
+}
+
+}  // namespace support

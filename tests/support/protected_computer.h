@@ -1,0 +1,76 @@
+// A hosted computer for whole-driver tests: a small system disk (volume 1) and a data disk (volume 2) in
+// memory, scripted file systems on both, the real driver in every stack, and a clock that stands until the test
+// moves it.
+#pragma once
+#include <memory>
+#include <string>
+#include <vector>
+#include "control/kvr_ioctl.h"
+#include "machine/machine.h"
+#include "machine/memory_disk.h"
+#include "machine/scripted_file_system.h"
+
+namespace support {
+
+inline constexpr std::uint64_t kKiB = 1024;
+inline constexpr std::uint64_t kMiB = 1024 * kKiB;
+inline constexpr unsigned kSystemVolume = 1;
+inline constexpr unsigned kDataVolume = 2;
+inline constexpr char16_t kControlDevice[] = u"\\Device\\kvr";
+inline constexpr char16_t kDataName[] = u"\\Device\\HarddiskVolume2";
+
+// The configuration text of one protected data volume.
+struct Configuration {
+    bool protection = true;
+    bool protectData = true;
+    int bootMode = 0;    // 0 discard at every boot, 1 keep
+    int bootAction = 0;  // 1 discard once, 2 merge once
+    std::u16string discardDate = {};
+    std::u16string extra = {};  // further sections
+    std::u16string Text() const;
+};
+
+struct ComputerOptions {
+    std::uint32_t dataSector = 512;
+    std::uint64_t dataBytes = 192 * kMiB;
+    // The storage files are placed from here to the end of the data volume; what lies below is the test's.
+    std::uint64_t storageBegin = 64 * kMiB;
+    machine::Completion completion = machine::Completion::Immediate;
+};
+
+class ProtectedComputer {
+public:
+    explicit ProtectedComputer(const ComputerOptions& options = {});
+    ~ProtectedComputer();
+
+    machine::Machine& Hardware() { return *machine_; }
+    machine::MemoryDisk& DataDisk() { return *dataDisk_; }
+    machine::ScriptedVolume& DataFiles() { return *dataFiles_; }
+
+    // Boots with nothing configured, writes the configuration, makes `swapBytes` of storage and shuts down.
+    void Install(const Configuration& configuration, std::uint64_t swapBytes);
+    [[nodiscard]] NTSTATUS SetConfig(const Configuration& configuration);
+    [[nodiscard]] std::u16string GetConfig();
+    // Starts provisioning and waits for its end; the status is the request's.
+    [[nodiscard]] NTSTATUS Provision(std::uint64_t swapBytes, const char16_t* volume = kDataName);
+    [[nodiscard]] NTSTATUS RemoveStorage(const char16_t* volume = kDataName);
+    [[nodiscard]] NTSTATUS Control(ULONG code, const void* input = nullptr, ULONG inputLength = 0,
+                                   void* output = nullptr, ULONG outputLength = 0, ULONG* returned = nullptr);
+    KVR_FIXED_VOLUME_STATUS Status(const char16_t* volume = kDataName);
+
+    // The data volume's own bytes, from the medium.
+    void ReadMedium(std::uint64_t offset, void* buffer, std::size_t length);
+
+private:
+    std::shared_ptr<machine::MemoryDisk> systemDisk_;
+    std::shared_ptr<machine::MemoryDisk> dataDisk_;
+    std::shared_ptr<machine::ScriptedVolume> systemFiles_;
+    std::shared_ptr<machine::ScriptedVolume> dataFiles_;
+    std::uint64_t dataOffset_ = 0;
+    std::unique_ptr<machine::Machine> machine_;
+};
+
+// The request of the provisioning codes.
+SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes);
+
+}  // namespace support

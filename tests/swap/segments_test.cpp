@@ -1,0 +1,205 @@
+#include <random>
+#include "tests/swap/swap_volume.h"
+
+namespace support {
+namespace {
+
+// A segment as it should come out.
+struct Cut {
+    LONGLONG volumeOffset, swapOffset;
+    bool inSwap;
+    ULONG firstSector, offset, length;
+    bool operator==(const Cut&) const = default;
+};
+std::ostream& operator<<(std::ostream& out, const Cut& r) {
+    return out << "{" << r.volumeOffset << " " << (r.inSwap ? r.swapOffset : -1) << " #" << r.firstSector
+               << " @" << r.offset << " +" << r.length << "}";
+}
+
+class Segments : public SwapVolumeTest {
+protected:
+    struct Chunk {
+        LONGLONG volumeOffset, swapOffset;
+        ULONG length;
+    };
+
+    static std::vector<Cut> Runs(const SEGMENT* list) {
+        std::vector<Cut> runs;
+        for (; list; list = list->pNext)
+            runs.push_back({list->liVolumeOffset.QuadPart, list->liSwapOffset.QuadPart, list->bInSwap != 0,
+                            list->ulFirstSector, list->uOffset, list->uLength});
+        return runs;
+    }
+    std::vector<Cut> Build(LONGLONG offset, ULONG length) {
+        SEGMENT* list = nullptr;
+        const LARGE_INTEGER at = Large(offset);
+        EXPECT_EQ(BuildSegments(v, length, &at, &list), STATUS_SUCCESS);
+        std::vector<Cut> runs = Runs(list);
+        ReleaseSegmentChunks(v, list, FALSE, 0);
+        return runs;
+    }
+    const Chunk* ChunkAt(LONGLONG offset) const {
+        for (const Chunk& c : chunks_)
+            if (offset >= c.volumeOffset && offset < c.volumeOffset + c.length) return &c;
+        return nullptr;
+    }
+    // Bytes from `offset` that are contiguous on the volume and in the swap, chunk by chunk.
+    ULONG64 RunLeft(LONGLONG offset) const {
+        ULONG64 length = 0;
+        const Chunk* c = ChunkAt(offset);
+        LONGLONG position = offset;
+        while (c) {
+            length += c->volumeOffset + c->length - position;
+            position = c->volumeOffset + c->length;
+            const Chunk* next = ChunkAt(position);
+            if (!next || next->swapOffset != c->swapOffset + c->length) break;
+            c = next;
+        }
+        return length;
+    }
+    // The cut as one would make it looking at every sector by itself.
+    std::vector<Cut> SectorBySector(LONGLONG offset, ULONG length) const {
+        std::vector<Cut> runs;
+        bool open = false;
+        ULONG64 left = 0;
+        for (ULONG done = 0; length - done >= S; done += S) {
+            const LONGLONG position = offset + done;
+            const Chunk* c = ChunkAt(position);
+            if (open && runs.back().inSwap == (c != nullptr) && (!c || left > 0)) {
+                left -= std::min<ULONG64>(left, S);
+                runs.back().length += S;
+                continue;
+            }
+            const LONGLONG at = c ? c->swapOffset + (position - c->volumeOffset) : 0;
+            runs.push_back({position, at, c != nullptr, static_cast<ULONG>(position / S), done, S});
+            left = c ? RunLeft(position) - std::min<ULONG64>(RunLeft(position), S) : 0;
+            open = true;
+        }
+        return runs;
+    }
+    void RandomMap(std::mt19937& random) {
+        ResetSwapMaps(filter_);
+        chunks_.clear();
+        LONGLONG at = 0;
+        LONGLONG swap = 10000 * S;
+        for (int i = 0; i < 30; ++i) {
+            at += random() % 3 ? 0 : (1 + random() % 5) * S;
+            swap += random() % 3 ? 0 : (1 + random() % 5) * S;
+            const ULONG length = (1 + random() % 4) * S;
+            chunks_.push_back({at, swap, length});
+            Redirect(at, swap, length);
+            at += length;
+            swap += length;
+        }
+    }
+    std::vector<Chunk> chunks_;
+};
+
+TEST_F(Segments, AreThoseOfACutSectorBySector) {
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+        std::mt19937 random(seed);
+        RandomMap(random);
+        for (int i = 0; i < 200; ++i) {
+            const LONGLONG offset = (random() % 120) * S + (random() % 3 ? 0 : random() % S);
+            const ULONG length = random() % (60 * S);
+            ASSERT_EQ(Build(offset, length), SectorBySector(offset, length))
+                << "seed " << seed << " offset " << offset << " length " << length;
+        }
+    }
+}
+
+TEST_F(Segments, OneLookAtTheMapPerRun) {
+    Redirect(2 * S, 9000 * S, 2 * S);
+    EXPECT_EQ(Build(0, 8 * S), (std::vector<Cut>{{0, 0, false, 0, 0, 2 * S},
+                                                 {2 * S, 9000 * S, true, 2, 2 * S, 2 * S},
+                                                 {4 * S, 0, false, 4, 4 * S, 4 * S}}));
+    EXPECT_EQ(LookupRun(v, 0, 64 * S).length, 2 * S);
+    EXPECT_EQ(LookupRun(v, 3 * S, 64 * S).length, S);
+    EXPECT_EQ(LookupRun(v, 4 * S, 64 * S).length, 64 * S);
+    EXPECT_EQ(LookupRun(v, 2 * S, S).length, S);
+    EXPECT_TRUE(Build(0, S - 1).empty());
+    EXPECT_EQ(Build(0, 2 * S - 1).at(0).length, S);
+}
+
+TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
+    for (LONGLONG i = 0; i < 5; ++i) Redirect(i << 30, (i << 30) + (1ll << 40), 1 << 30);
+    LONGLONG swap = 0;
+    EXPECT_EQ(GetSwapRunLength(v, 0), 0xFFFFFE00u);
+    EXPECT_EQ(GetSwapRunLength(v, 1ll << 30, &swap), 0xFFFFFE00u) << "exactly 4 GiB must not read as nothing";
+    EXPECT_EQ(swap, (1ll << 40) + (1ll << 30));
+    EXPECT_EQ(GetSwapRunLength(v, (1ll << 30) + S), 0xFFFFFE00u);
+    EXPECT_EQ(GetSwapRunLength(v, 4ll << 30), 1u << 30);
+    EXPECT_EQ(GetSwapRunLength(v, 5ll << 30), 0u);
+    EXPECT_EQ(Build(0, 0xFFFFFFFF).size(), 1u);
+}
+
+TEST_F(Segments, WhatCannotBeCutIsRefused) {
+    SEGMENT* list = nullptr;
+    for (LONGLONG offset : {-512ll, 0x7FFFFFFFFFFFFE00ll}) {
+        const LARGE_INTEGER at = Large(offset);
+        EXPECT_EQ(BuildSegments(v, 4096, &at, &list), STATUS_INVALID_PARAMETER);
+    }
+    v->BytesPerSector = 0;
+    const LARGE_INTEGER at = Large(0);
+    EXPECT_EQ(BuildSegments(v, 4096, &at, &list), STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(list, nullptr);
+    EXPECT_EQ(GetSwapRunLength(v, 0), 0u);
+    v->BytesPerSector = S;
+}
+
+TEST_F(Segments, SplitBySwapRunsCutsLikeABuild) {
+    for (unsigned seed = 1; seed <= 20; ++seed) {
+        std::mt19937 random(seed);
+        ResetSwapMaps(filter_);
+        chunks_.clear();
+        SEGMENT* list = nullptr;
+        const LARGE_INTEGER at = Large(4 * S);
+        ASSERT_EQ(BuildSegments(v, 60 * S, &at, &list), STATUS_SUCCESS);
+        list->pNext = NewRecord<SEGMENT>().Release();  // a successor that must stay behind what is inserted
+        list->pNext->uLength = S;
+        RandomMap(random);
+        ASSERT_EQ(SplitSegmentBySwapRuns(v, list), STATUS_SUCCESS);
+        std::vector<Cut> runs = Runs(list);
+        runs.pop_back();
+        ASSERT_EQ(runs.empty(), false);
+        if (runs.front().inSwap) {
+            EXPECT_EQ(runs, SectorBySector(4 * S, 60 * S)) << "seed " << seed;
+        } else {
+            EXPECT_EQ(runs.size(), 1u) << "only the first sector decides whether a segment is split";
+        }
+        ReleaseSegmentChunks(v, list, FALSE, 0);
+    }
+}
+
+TEST_F(Segments, SplitByChunksGivesEachPieceItsChunk) {
+    AddFree(20000 * S, 8 * S);
+    AddFree(30000 * S, 16 * S);
+    AddFree(40000 * S, 60 << 20);
+    for (const ULONGLONG fail : {0, 1, 2}) {  // 0: none
+        SEGMENT* list = nullptr;
+        const LARGE_INTEGER at = Large(100 * S);
+        ASSERT_EQ(BuildSegments(v, 32 * S, &at, &list), STATUS_SUCCESS);
+        ASSERT_EQ(LockFreeChunks(v, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
+        if (fail) host::FailCall(host::FaultBit(host::Fault::Allocate), fail);
+        const NTSTATUS status = SplitSegmentByChunks(v, list);
+        host::DisarmFaults();
+        if (fail == 0) {
+            EXPECT_EQ(status, STATUS_SUCCESS);
+            EXPECT_EQ(Runs(list), (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S},
+                                                    {108 * S, 0, false, 108, 8 * S, 16 * S},
+                                                    {124 * S, 0, false, 124, 24 * S, 8 * S}}));
+            for (SEGMENT* s = list; s; s = s->pNext) {
+                EXPECT_EQ(s->pChunk->pNext, nullptr);
+                EXPECT_EQ(s->pChunk->liVolumeOffset.QuadPart, s->liVolumeOffset.QuadPart);
+                EXPECT_EQ(s->pChunk->uLength, s->uLength);
+            }
+        } else {
+            EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
+        }
+        ReleaseSegmentChunks(v, list, FALSE, 0);
+        EXPECT_EQ(Free(), 24u * S + (60u << 20));  // none of the chain's space was lost
+    }
+}
+
+}  // namespace
+}  // namespace support
