@@ -267,23 +267,12 @@ bool ScriptedVolume::TakePiece(std::uint64_t wanted, Extent& piece) {
     return true;
 }
 
+// Neighbours stay apart in the list of free space; what is taken from them is joined again.
 void ScriptedVolume::GiveBack(std::vector<Extent>& extents) {
     for (const Extent& extent : extents) {
         // Space of files that the test placed elsewhere was never free.
         if (extent.offset < begin_ || extent.offset + extent.length > end_) continue;
-        auto next = free_.upper_bound(extent.offset);
-        std::uint64_t start = extent.offset, end = extent.offset + extent.length;
-        if (next != free_.begin() && std::prev(next)->first + std::prev(next)->second >= start) {
-            --next;
-            start = next->first;
-            end = std::max(end, next->first + next->second);
-            next = free_.erase(next);
-        }
-        while (next != free_.end() && next->first <= end) {
-            end = std::max(end, next->first + next->second);
-            next = free_.erase(next);
-        }
-        free_[start] = end - start;
+        free_[extent.offset] = extent.length;
     }
     extents.clear();
     cursor_ = begin_;

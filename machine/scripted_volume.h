@@ -105,7 +105,7 @@ private:
     const std::uint32_t cluster_;
     mutable std::mutex lock_;  // guards what follows
     Files files_;
-    std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, apart and not adjacent
+    std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, without overlaps
     std::uint64_t cursor_;                         // where the search for a piece begins
     std::uint64_t piece_ = 0, gap_ = 0, fileLimit_ = 0;
     Fault read_, write_;

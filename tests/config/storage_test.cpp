@@ -64,6 +64,7 @@ protected:
         device = &AddDevice();
         volume = RecordOf(*device);
         volume->ArmThreadHandle = device;  // no thread of its own disturbs the files
+        volume->SwapMapLoaded = TRUE;      // nor is there storage whose map a read would load
     }
     void TearDown() override {
         volume->ArmThreadHandle = nullptr;
