@@ -103,7 +103,7 @@ TEST(ConfigurationCrash, WhileItIsWrittenFirst) {
         }
         ExpectConfigurable(computer, Long(u'n'));
     };
-    EXPECT_GE(Sweep(scenario), 4u * 3);
+    EXPECT_GE(Sweep(scenario), 3u * 3);
 }
 
 TEST(ConfigurationCrash, WhileItIsWrittenAgain) {

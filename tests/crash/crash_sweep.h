@@ -1,7 +1,7 @@
 // What the crash tests share: a computer is stopped at its first, second, third ... write to a disk or the
 // registry during one operation, until the operation gets through, and after each cut the next boot is looked
 // at. A failure names the scenario and the cut, which replay it: every computer starts from the same image.
-//   KVR_LONG=1 also tears the write at more places
+//   KVR_LONG=1 also tears the write at more places, with either state of the directory
 #pragma once
 #include <functional>
 #include <gtest/gtest.h>
@@ -24,8 +24,8 @@ struct CutPoint {
 struct Scenario {
     std::string name;
     const ComputerImage* start;
-    std::vector<std::uint32_t> kept = {0};            // sectors of the torn write, each a pass of its own
-    bool journaled = false;                           // also with the directory as its journal has it
+    std::vector<std::uint32_t> kept = {0};  // sectors of the torn write, each a pass of its own
+    bool journaled = false;  // also, for the first of `kept`, with the directory as its journal has it
     std::function<void(ProtectedComputer&)> prepare;  // with the power off; the cut is armed afterwards
     std::function<void(ProtectedComputer&)> operate;  // may end the boot
     // The power is off and back: what the next boot finds. Called for the operation that got through, too.

@@ -77,12 +77,12 @@ protected:
 
 TEST_F(ProvisioningCrash, WhileStorageIsMade) {
     const ComputerImage start = Configured();
-    Sweep("provisioning", start, PowerOnAndProvision, 4 * 25);
+    Sweep("provisioning", start, PowerOnAndProvision, 3 * 25);
 }
 
 TEST_F(ProvisioningCrash, WhileDamagedStorageIsMadeAnew) {
     const ComputerImage start = Damaged();
-    Sweep("provisioning again", start, PowerOnAndProvision, 4 * 25);
+    Sweep("provisioning again", start, PowerOnAndProvision, 3 * 25);
 }
 
 TEST_F(ProvisioningCrash, WhileStorageIsRemoved) {
@@ -90,7 +90,7 @@ TEST_F(ProvisioningCrash, WhileStorageIsRemoved) {
     const auto remove = [](ProtectedComputer& computer) {
         EXPECT_EQ(STATUS_SUCCESS, computer.RemoveStorage());
     };
-    Sweep("removal", start, remove, 4 * 2, false);
+    Sweep("removal", start, remove, 3 * 2, false);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 // Faults in the threads that make and remove the storage. A storage that is not whole is not used; whatever is
 // left behind, making it once more repairs it.
+#include <cstdlib>
 #include "tests/exhaustion/fault_sweep.h"
 
 namespace {
@@ -40,13 +41,15 @@ protected:
         ExpectMediumUnchanged(computer);
     }
 
-    // Every other run looks at the boot after, every other one makes the storage anew.
+    // Of three runs one makes the storage anew at once and two look at the next boot, where one of them repairs
+    // what it finds; KVR_LONG=1 repairs always.
     void SweepThread(const char* name, const ComputerImage& image,
                      std::function<void(ProtectedComputer&)> operate, bool becomesProtected, unsigned least) {
         Scenario scenario{name, &image, PowerOn, std::move(operate), {}};
         scenario.verify = [&](ProtectedComputer& computer, const Injected& injected) {
             ExpectMediumUnchanged(computer);
-            if (injected.nth % 2 == 1) return ExpectRepairable(computer);
+            const bool isLong = std::getenv("KVR_LONG") != nullptr;
+            if (injected.nth % 3 == 1) return ExpectRepairable(computer);
             computer.Hardware().Shutdown();
             ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
             ExpectSound("in the next boot");
@@ -57,7 +60,7 @@ protected:
             } else {
                 EXPECT_TRUE(!becomesProtected || (status.SwapStatus >= 3 && status.SwapStatus <= 5))
                     << status.SwapStatus;
-                ExpectRepairable(computer);
+                if (isLong || injected.nth % 3 == 2) ExpectRepairable(computer);
             }
         };
         EXPECT_GE(Sweep(scenario), least);
