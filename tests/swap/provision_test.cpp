@@ -3,6 +3,7 @@
 #include "control/provision_control.h"
 #include "driver/dispatch.h"
 #include "platform/host/namespace.h"
+#include "platform/host/thread.h"
 #include "swap/map_boot.h"
 #include "swap/provision.h"
 #include "tests/support/memory_registry.h"
@@ -105,6 +106,7 @@ protected:
         EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
         ObDereferenceObject(thread);
         ZwClose(handle);
+        host::JoinSystemThreads();
     }
     MemoryRegistry registry_;
     BlockFiles files_;
