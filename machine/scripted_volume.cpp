@@ -59,6 +59,10 @@ std::vector<std::u16string> ScriptedVolume::Paths() const {
 
 std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::Save() const {
     std::lock_guard hold(lock_);
+    return SaveLocked();
+}
+
+std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::SaveLocked() const {
     auto snapshot = std::make_shared<Snapshot>();
     for (const auto& [folded, file] : files_) snapshot->files.push_back(*file);
     snapshot->free = free_;
@@ -68,6 +72,11 @@ std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::Save() const {
 
 void ScriptedVolume::Restore(const Snapshot& snapshot) {
     std::lock_guard hold(lock_);
+    RestoreLocked(snapshot);
+    if (power_ != nullptr) journaled_ = SaveLocked();
+}
+
+void ScriptedVolume::RestoreLocked(const Snapshot& snapshot) {
     files_.clear();
     for (const File& file : snapshot.files) {
         auto restored = std::make_shared<File>(file);
@@ -76,6 +85,17 @@ void ScriptedVolume::Restore(const Snapshot& snapshot) {
     }
     free_ = snapshot.free;
     cursor_ = snapshot.cursor;
+}
+
+void ScriptedVolume::FollowPower(const PowerSwitch* power) {
+    std::lock_guard hold(lock_);
+    power_ = power;
+    journaled_ = power != nullptr ? SaveLocked() : nullptr;
+}
+
+void ScriptedVolume::RestoreJournaled() {
+    std::lock_guard hold(lock_);
+    if (journaled_ != nullptr) RestoreLocked(*journaled_);
 }
 
 void ScriptedVolume::ForgetOpens() {
@@ -130,6 +150,7 @@ NTSTATUS ScriptedVolume::NextWrite() {
 NTSTATUS ScriptedVolume::Open(std::u16string_view path, ULONG disposition, ULONG attributes,
                               const ShareClaim& claim, std::shared_ptr<File>& file, ULONG_PTR& information) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     const std::u16string folded = FoldName(path);
     const auto failed = failedOpens_.find(folded);
     if (failed != failedOpens_.end() && !NT_SUCCESS(failed->second)) return failed->second;
@@ -177,6 +198,7 @@ void ScriptedVolume::Close(File& file, const ShareClaim& claim) {
 
 NTSTATUS ScriptedVolume::Delete(std::u16string_view path) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     const auto found = files_.find(FoldName(path));
     if (found == files_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     File& file = *found->second;
@@ -194,6 +216,7 @@ NTSTATUS ScriptedVolume::Delete(std::u16string_view path) {
 
 NTSTATUS ScriptedVolume::Reserve(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     if (fileLimit_ != 0 && size > fileLimit_) return STATUS_DISK_FULL;
     std::uint64_t have = 0;
     for (const Extent& extent : file.extents) have += extent.length;
@@ -280,7 +303,9 @@ std::uint64_t ScriptedVolume::SizeOf(const File& file) const {
 
 void ScriptedVolume::Grew(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return;
     file.size = std::max(file.size, size);
+    if (power_ != nullptr) journaled_ = SaveLocked();
 }
 
 }  // namespace machine
