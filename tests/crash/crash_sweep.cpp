@@ -24,22 +24,23 @@ std::string CutPoint::Text() const {
 namespace {
 
 // False when the operation got through.
-bool RunCut(const Scenario& scenario, const CutPoint& cut) {
+bool RunCut(const Scenario& scenario, CutPoint cut) {
     SCOPED_TRACE(scenario.name + ", cut at " + cut.Text());
     ProtectedComputer computer(*scenario.start);
     machine::PowerSwitch& power = computer.Hardware().Power();
     if (scenario.prepare) scenario.prepare(computer);
+    if (testing::Test::HasFatalFailure()) return false;
     const std::uint64_t before = power.WritesSeen();
     power.ArmCut(cut.nth, cut.kept);
     scenario.operate(computer);
-    const bool struck = power.WritesSeen() - before >= cut.nth;
+    cut.struck = power.WritesSeen() - before >= cut.nth;
     computer.Hardware().PowerCut();
     power.Restore();
     if (cut.journaled) computer.DataFiles().RestoreJournaled();
     if (cut.journaled) computer.SystemFiles().RestoreJournaled();
     if (!testing::Test::HasFatalFailure()) scenario.check(computer, cut);
     EXPECT_EQ(0u, host::AssertionCount());
-    return struck;
+    return cut.struck;
 }
 
 }  // namespace

@@ -17,6 +17,7 @@ struct CutPoint {
     std::uint64_t nth;   // the write that does not complete, counted from 1
     std::uint32_t kept;  // leading sectors of it that still reach the disk
     bool journaled;      // the directory lost what its journal did not have
+    bool struck = true;  // false: the operation got through, and only then the power failed
     std::string Text() const;
 };
 
@@ -27,8 +28,7 @@ struct Scenario {
     bool journaled = false;                           // also with the directory as its journal has it
     std::function<void(ProtectedComputer&)> prepare;  // with the power off; the cut is armed afterwards
     std::function<void(ProtectedComputer&)> operate;  // may end the boot
-    // The power is off and back: what the next boot finds. Called for the operation that got through, too, with
-    // `nth` one behind its last write.
+    // The power is off and back: what the next boot finds. Called for the operation that got through, too.
     std::function<void(ProtectedComputer&, const CutPoint&)> check;
 };
 

@@ -35,7 +35,7 @@ protected:
     }
 
     void Sweep(const char* name, const ComputerImage& start, std::function<void(ProtectedComputer&)> operate,
-               unsigned least) {
+               unsigned least, bool makes = true) {
         Scenario scenario;
         scenario.name = name;
         scenario.start = &start;
@@ -50,14 +50,21 @@ protected:
             operate(computer);
             own.Learn(computer);
         };
-        scenario.check = [&](ProtectedComputer& computer, const CutPoint&) { Check(start, computer); };
+        scenario.check = [&](ProtectedComputer& computer, const CutPoint& cut) {
+            Check(start, computer, !cut.struck && makes);
+        };
         EXPECT_GE(crash::Sweep(scenario), least);
     }
 
-    void Check(const ComputerImage& start, ProtectedComputer& computer) {
+    // `made`: the storage was finished before the power failed.
+    void Check(const ComputerImage& start, ProtectedComputer& computer, bool made) {
         ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
         ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
-        if (ExpectWorkingOrReported(computer) == Storage::Works)
+        const Storage storage = ExpectWorkingOrReported(computer);
+        if (made) {
+            EXPECT_EQ(Storage::Works, storage) << "finished storage is not found";
+        }
+        if (storage == Storage::Works)
             ExpectProtects(computer, false);
         else
             ExpectRepairable(computer, false);
@@ -83,7 +90,7 @@ TEST_F(ProvisioningCrash, WhileStorageIsRemoved) {
     const auto remove = [](ProtectedComputer& computer) {
         EXPECT_EQ(STATUS_SUCCESS, computer.RemoveStorage());
     };
-    Sweep("removal", start, remove, 4 * 2);
+    Sweep("removal", start, remove, 4 * 2, false);
 }
 
 }  // namespace

@@ -19,6 +19,7 @@ std::vector<ULONGLONG> CountCalls(const Scenario& scenario) {
     SCOPED_TRACE(scenario.name + ", no fault");
     ProtectedComputer computer(*scenario.start);
     if (scenario.prepare) scenario.prepare(computer);
+    if (testing::Test::HasFatalFailure()) return {};
     host::CountFaultPoints();
     scenario.operate(computer);
     if (scenario.waitForThreads) host::JoinSystemThreads();
@@ -41,6 +42,7 @@ bool RunOnce(const Scenario& scenario, const Injected& injected) {
     SCOPED_TRACE(scenario.name + ", " + injected.Text());
     ProtectedComputer computer(*scenario.start);
     if (scenario.prepare) scenario.prepare(computer);
+    if (testing::Test::HasFatalFailure()) return false;
     const ULONGLONG assertions = host::AssertionCount();
     if (injected.onwards)
         host::FailFromCall(host::FaultBit(injected.kind), injected.nth);

@@ -122,7 +122,7 @@ void StartWithQueue(ProtectedComputer& computer) {
     PowerOn(computer);
     EXPECT_EQ(STATUS_SUCCESS, WriteStamps(computer, 1000, 1, FixedStamp(1000)));
     PVOLUME_EXTENSION volume = DataVolume(computer);
-    ASSERT_NE(nullptr, volume);
+    ASSERT_TRUE(volume && volume->SwapFile);
     std::vector<std::uint8_t> data(kQueued.count * 512);
     for (std::uint64_t i = 0; i < kQueued.count; ++i)
         FillSector(&data[i * 512], 512, kNewStamp + kQueued.first + i);
