@@ -33,25 +33,26 @@ void EndRuns(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
 }
 
 // `buffer` goes to `offset` on the volume, which is the saved map's.
-void WriteMapBytes(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length, LONGLONG offset) {
+[[nodiscard]] NTSTATUS WriteMapBytes(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length, LONGLONG offset) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     IO_STATUS_BLOCK iosb{};
     LARGE_INTEGER position;
     position.QuadPart = offset;
-    KVR_DISCARD(TransferSectors(IRP_MJ_WRITE, volume->Target, buffer, length, &position, &iosb, &event),
-                "a map that could not be written whole is found damaged, or old, at the next boot");
+    return TransferSectors(IRP_MJ_WRITE, volume->Target, buffer, length, &position, &iosb, &event);
 }
 
 // The runs behind this one hold an older map, which must not be taken for this one's end: the run is
-// zeroed with the buffer at hand, piece by piece.
+// zeroed with the buffer at hand, piece by piece, as far as the volume goes: what the registry says of its
+// length is not to be relied on.
 void ZeroCurrentRun(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     const MAP_LOCATION_ENTRY* run = CurrentRun(volume);
     const auto piece = static_cast<ULONG>(volume->MapBufferSize);
     RtlZeroMemory(volume->MapBuffer, piece);
     for (ULONG done = 0; done < run->ulLength;) {
         const ULONG length = run->ulLength - done < piece ? run->ulLength - done : piece;
-        WriteMapBytes(volume, volume->MapBuffer, length, RunOffset(volume, run) + done);
+        if (!NT_SUCCESS(WriteMapBytes(volume, volume->MapBuffer, length, RunOffset(volume, run) + done)))
+            return;
         done += length;
     }
 }
@@ -82,7 +83,8 @@ BOOLEAN FlushMapBuffer(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) 
         return FALSE;
     }
     const MAP_LOCATION_ENTRY* run = CurrentRun(volume);
-    WriteMapBytes(volume, volume->MapBuffer, run->ulLength, RunOffset(volume, run));
+    KVR_DISCARD(WriteMapBytes(volume, volume->MapBuffer, run->ulLength, RunOffset(volume, run)),
+                "a map that could not be written whole is found damaged, or old, at the next boot");
     volume->MapEntryCount = 0;
     ++volume->MapRunIndex;
     if (volume->MapRunIndex < MapRunCount(volume)) NextRun(volume);
