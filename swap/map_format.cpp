@@ -33,25 +33,26 @@ void EndRuns(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
 }
 
 // `buffer` goes to `offset` on the volume, which is the saved map's.
-void WriteMapBytes(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length, LONGLONG offset) {
+[[nodiscard]] NTSTATUS WriteMapBytes(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length, LONGLONG offset) {
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, FALSE);
     IO_STATUS_BLOCK iosb{};
     LARGE_INTEGER position;
     position.QuadPart = offset;
-    KVR_DISCARD(TransferSectors(IRP_MJ_WRITE, volume->Target, buffer, length, &position, &iosb, &event),
-                "a map that could not be written whole is found damaged, or old, at the next boot");
+    return TransferSectors(IRP_MJ_WRITE, volume->Target, buffer, length, &position, &iosb, &event);
 }
 
 // The runs behind this one hold an older map, which must not be taken for this one's end: the run is
-// zeroed with the buffer at hand, piece by piece.
+// zeroed with the buffer at hand, piece by piece, as far as the volume goes: what the registry says of its
+// length is not to be relied on.
 void ZeroCurrentRun(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     const MAP_LOCATION_ENTRY* run = CurrentRun(volume);
     const auto piece = static_cast<ULONG>(volume->MapBufferSize);
     RtlZeroMemory(volume->MapBuffer, piece);
     for (ULONG done = 0; done < run->ulLength;) {
         const ULONG length = run->ulLength - done < piece ? run->ulLength - done : piece;
-        WriteMapBytes(volume, volume->MapBuffer, length, RunOffset(volume, run) + done);
+        if (!NT_SUCCESS(WriteMapBytes(volume, volume->MapBuffer, length, RunOffset(volume, run) + done)))
+            return;
         done += length;
     }
 }
@@ -82,7 +83,8 @@ BOOLEAN FlushMapBuffer(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) 
         return FALSE;
     }
     const MAP_LOCATION_ENTRY* run = CurrentRun(volume);
-    WriteMapBytes(volume, volume->MapBuffer, run->ulLength, RunOffset(volume, run));
+    KVR_DISCARD(WriteMapBytes(volume, volume->MapBuffer, run->ulLength, RunOffset(volume, run)),
+                "a map that could not be written whole is found damaged, or old, at the next boot");
     volume->MapEntryCount = 0;
     ++volume->MapRunIndex;
     if (volume->MapRunIndex < MapRunCount(volume)) NextRun(volume);
@@ -145,10 +147,25 @@ ULONG store_free_chunks(PVOID record, PVOID context) KVR_NO_ANALYSIS {
     return 0;
 }
 
-void StoreTrees(PVOLUME_EXTENSION volume, ULONG swapped, ULONG free) KVR_REQUIRES(volume->SwapLock) {
-    DbgPrint("Kvr!SerializeSwapMap: storage s%d + f%d\n", swapped, free);
+// What the swapped chunks are, found out in one walk.
+struct SWAPPED_COUNT {
+    ULONG Chunks;  // what count_items adds to
+    ULONG Volatile;
+};
+
+ULONG count_swapped_chunks(PVOID record, PVOID context) {
+    auto* count = static_cast<SWAPPED_COUNT*>(context);
+    if (record && static_cast<const SWAPPED_CHUNK*>(record)->bVolatile != 0) ++count->Volatile;
+    return count_items(record, &count->Chunks);
+}
+
+// A walk over a large map costs more in memory accesses than its entries do, so it is left out when it would
+// store nothing.
+void StoreTrees(PVOLUME_EXTENSION volume, const SWAPPED_COUNT& swapped, ULONG free)
+    KVR_REQUIRES(volume->SwapLock) {
+    DbgPrint("Kvr!SerializeSwapMap: storage s%d + f%d\n", swapped.Chunks, free);
     tree_walk(&volume->SwappedChunks, store_swapped_chunks, volume);
-    tree_walk(&volume->SwappedChunks, store_volatile_chunks, volume);
+    if (swapped.Volatile != 0) tree_walk(&volume->SwappedChunks, store_volatile_chunks, volume);
     tree_walk(&volume->FreeChunks, store_free_chunks, volume);
     KVR_DISCARD(FlushMapBuffer(volume), "the last run may have been filled to its end");
     WriteMapTerminator(volume);
@@ -187,9 +204,9 @@ NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device) {
     if (!CanBeSaved(volume)) return STATUS_SUCCESS;  // looked at again: now nothing can change
     volume->MapDirty = FALSE;
     ULONG free = 0;
-    ULONG swapped = 0;
+    SWAPPED_COUNT swapped = {};
     tree_walk(&volume->FreeChunks, count_items, &free);
-    tree_walk(&volume->SwappedChunks, count_items, &swapped);
+    tree_walk(&volume->SwappedChunks, count_swapped_chunks, &swapped);
     volume->MapRunIndex = 0;
     if (IsUsableRun(CurrentRun(volume)) && BeginRun(volume)) StoreTrees(volume, swapped, free);
     DbgPrint("Kvr!SerializeSwapMap: map sectors written: %d\n", volume->MapRunIndex);

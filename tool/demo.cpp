@@ -79,9 +79,18 @@ void MakeSystemFolders(machine::GuestFiles system) {
         Require(system.MakeDirectory(folder), "the system's folders cannot be made");
 }
 
+// Nothing is protected yet: what does not start now is no fault of the driver's work.
+void StartFirstTime(Computer& computer) {
+    computer.SetClock(2031, 5, 4, 8, 0);
+    try {
+        computer.Boot();
+    } catch (const StepFailed& failure) {
+        throw Error(failure.what());
+    }
+}
+
 void FirstBoot(Stage& stage) {
-    stage.computer.SetClock(2031, 5, 4, 8, 0);
-    stage.computer.Boot();
+    StartFirstTime(stage.computer);
     if (stage.computer.DataIsReadOnly())
         throw Error("the NTFS volume was not shut down cleanly; it can only be used read-only");
     MakeSystemFolders(stage.computer.System());

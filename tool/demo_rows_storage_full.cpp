@@ -13,6 +13,11 @@ std::uint64_t Positive(std::int64_t bytes) {
     return bytes < 0 ? 0 : static_cast<std::uint64_t>(bytes);
 }
 
+// Whether the last operation that was let in is what took the free space below `limit`.
+bool IsJustBelow(const FixedVolume& status, std::int64_t limit) {
+    return status.SwapFree() < limit && status.SwapFree() >= limit - 2 * static_cast<std::int64_t>(kFileSize);
+}
+
 // Writes files until one is refused. Returns the refusal; `after` grows by the files that were written.
 NTSTATUS FillWithFiles(Stage& stage, FileTable& after, unsigned& files) {
     std::mt19937_64 random(505);
@@ -77,11 +82,11 @@ void ShowStorageFull(Stage& stage) {
     unsigned files = 0;
     const NTSTATUS refusal = FillWithFiles(stage, after, files);
     FixedVolume status = stage.computer.DataStatus();
-    stage.report.Check("file data is refused when swap space runs short",
-                       refusal == STATUS_MEDIA_WRITE_PROTECTED && files != 0 &&
-                           status.SwapFree() < kMetadataOnlyBelow && status.SwapFree() >= kNothingBelow,
-                       StatusText(refusal) + " after " + Count(files, "file") + ", " +
-                           Bytes(Positive(status.SwapFree())) + " free");
+    stage.report.Check(
+        "file data is refused when swap space runs short",
+        refusal == STATUS_MEDIA_WRITE_PROTECTED && files != 0 && IsJustBelow(status, kMetadataOnlyBelow),
+        StatusText(refusal) + " after " + Count(files, "file") + ", " + Bytes(Positive(status.SwapFree())) +
+            " free");
     unsigned names = 0;
     const NTSTATUS created = FillWithNames(stage, kFolderSize - 1, names);
     status = stage.computer.DataStatus();
@@ -90,7 +95,7 @@ void ShowStorageFull(Stage& stage) {
     const NTSTATUS end = FillWithNames(stage, kMostFiles, names);
     status = stage.computer.DataStatus();
     stage.report.Check("until the lower limit",
-                       end == STATUS_MEDIA_WRITE_PROTECTED && status.SwapFree() < kNothingBelow,
+                       end == STATUS_MEDIA_WRITE_PROTECTED && IsJustBelow(status, kNothingBelow),
                        StatusText(end) + " after " + Count(names, "empty file") + ", " +
                            Bytes(Positive(status.SwapFree())) + " free");
 

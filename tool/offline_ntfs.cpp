@@ -206,7 +206,10 @@ struct OfflineVolume::Mount {
 
     // Looks names up without regard to case.
     ntfs_inode* Find(const std::u16string& path) const {
-        ntfs_set_ignore_case(volume);
+        if (volume->locase == nullptr)
+            ntfs_set_ignore_case(volume);  // makes a table with each call
+        else
+            NVolClearCaseSensitive(volume);
         ntfs_inode* inode = ntfs_inode_open(volume, FILE_root);
         for (std::size_t at = 1; inode != nullptr && at < path.size();) {
             const std::size_t end = std::min(path.find(u'\\', at), path.size());

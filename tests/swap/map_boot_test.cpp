@@ -192,12 +192,12 @@ TEST_F(MapBoot, ARunThatCannotBeReadIsSkipped) {
     disk_->FailRange(IRP_MJ_READ, kMap + 1000 * S, kMap + 1001 * S, STATUS_IO_DEVICE_ERROR);
     host::SetPoolLimit(64 << 20);
     EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    host::SetPoolLimit(host::NoPoolLimit);
     EXPECT_EQ(Used(), 8 * S);
     disk_->FailRange(IRP_MJ_READ, 0, kSwap, STATUS_IO_DEVICE_ERROR);
     ResetSwapMaps(filter_);
     EXPECT_EQ(PreloadSwapMap(filter_), STATUS_IO_DEVICE_ERROR);
     EXPECT_EQ(v->SwapState, kSwapUsable);
+    host::SetPoolLimit(host::NoPoolLimit);
     disk_->FailNothing();
     // A run at the boot sector is no map; one without room for an entry ends it.
     SetLocation({{0, 4096}});

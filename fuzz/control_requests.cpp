@@ -1,0 +1,234 @@
+// What programs may ask for: any control code with any buffers, at the control device and at the stacks of
+// volumes and disks, in any order, over reboots, with a protected volume or without one.
+#include "fuzz/support.h"
+#include <array>
+#include "clock.h"
+#include "config/parser.h"
+#include "control/kvr_ioctl.h"
+#include "device.h"
+#include "driver/volume_extension.h"
+#include "machine/machine.h"
+#include "machine/memory_disk.h"
+#include "machine/scripted_file_system.h"
+#include "request.h"
+#include "tests/support/map_invariants.h"
+#include "thread.h"
+
+namespace {
+
+using namespace machine;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr unsigned kVolumes = 3;  // system, data, removable
+constexpr std::uint64_t kDataBytes = 4
+                                     << 20;  // little, so that making storage ends soon whatever size is asked
+constexpr SIZE_T kLittlePool = 4 << 20;
+constexpr char16_t kControlDevice[] = u"\\Device\\kvr";
+
+constexpr ULONG kControlCodes[] = {
+    IOCTL_KVR_GET_CONFIG,  IOCTL_KVR_SET_CONFIG, IOCTL_KVR_GET_FIXED_VOLUMES, IOCTL_KVR_GET_REMOVABLE_VOLUMES,
+    IOCTL_KVR_GET_ENABLED, IOCTL_KVR_DEBUG,      IOCTL_KVR_ALLOCATE_SWAP,     IOCTL_KVR_STOP_SWAP_THREAD,
+    IOCTL_KVR_REMOVE_SWAP};
+constexpr ULONG kDeviceCodes[] = {IOCTL_DISK_GET_DRIVE_LAYOUT,     IOCTL_DISK_GET_DRIVE_LAYOUT_EX,
+                                  IOCTL_DISK_SET_DRIVE_LAYOUT,     IOCTL_DISK_SET_DRIVE_LAYOUT_EX,
+                                  IOCTL_MOUNTDEV_LINK_DELETED,     IOCTL_DISK_IS_WRITABLE,
+                                  IOCTL_SCSI_PASS_THROUGH,         IOCTL_SCSI_PASS_THROUGH_DIRECT,
+                                  IOCTL_IDE_PASS_THROUGH,          IOCTL_DISK_VERIFY,
+                                  IOCTL_DISK_FORMAT_TRACKS,        IOCTL_DISK_GROW_PARTITION,
+                                  IOCTL_DISK_DELETE_DRIVE_LAYOUT,  FSCTL_MOVE_FILE,
+                                  IOCTL_VOLUME_PREPARE_FOR_SHRINK, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS,
+                                  IOCTL_DISK_GET_DRIVE_GEOMETRY,   IOCTL_DISK_GET_LENGTH_INFO};
+// Lengths that the driver knows, beside which any other is tried.
+constexpr ULONG kLengths[] = {0, 4, 8, 56, 128, 132, 136, 160, 320, KVR_CONFIG_BYTES};
+
+Bytes OfText(std::u16string_view text) {
+    Bytes bytes(text.size() * 2);
+    std::memcpy(bytes.data(), text.data(), bytes.size());
+    return bytes;
+}
+
+class Computer {
+public:
+    Computer()
+        : system_(std::make_shared<ScriptedVolume>(256 * 1024, 1 << 20)),
+          data_(std::make_shared<ScriptedVolume>(512 * 1024, kDataBytes)) {
+        MachineOptions options;
+        options.disks = {{std::make_shared<MemoryDisk>(1 << 20, 512)},
+                         {std::make_shared<MemoryDisk>(kDataBytes, 512)},
+                         {std::make_shared<MemoryDisk>(1 << 20, 512), true}};
+        options.driver = DriverEntry;
+        options.fileSystem = [this](const VolumeDevice& volume) {
+            if (volume.Removable()) return FileSystemDriver{};
+            return ScriptedDriver(volume.Number() == 1 ? system_ : data_);
+        };
+        machine_ = std::make_unique<Machine>(std::move(options));
+        fuzz::Require(NT_SUCCESS(machine_->PowerOn()) && NT_SUCCESS(machine_->DriverStatus()),
+                      "the machine boots");
+    }
+
+    Machine& Hardware() { return *machine_; }
+    PDEVICE_OBJECT Top(unsigned which) {
+        if (which < kVolumes) return host::TopOfStack(machine_->VolumeOf(which + 1)->device->Device());
+        return host::TopOfStack(machine_->DiskOf(which - kVolumes)->Device());
+    }
+    // As a configuration would: now, for the rest of the boot.
+    void Protect() {
+        gTesselEnabled = TRUE;
+        for (unsigned i = 0; i < kVolumes; ++i) VolumeOf(Top(i))->IsProtected = TRUE;
+    }
+    void Reboot() {
+        NTSTATUS booted = STATUS_UNSUCCESSFUL;
+        const ShutdownReport report = machine_->Reboot(booted);
+        CheckEnd(report);
+        fuzz::Require(NT_SUCCESS(booted) && NT_SUCCESS(machine_->DriverStatus()), "the machine boots again");
+    }
+    void CheckEnd(const ShutdownReport& report) {
+        fuzz::Require(report.leaks.memory.irps == 0 && report.leaks.memory.mdls == 0,
+                      "every request has ended");
+    }
+    void CheckVolumes() {
+        for (unsigned i = 0; i < kVolumes; ++i) {
+            PDEVICE_OBJECT top = Top(i);
+            const std::string wrong = support::CheckMaps(VolumeOf(top));
+            fuzz::Require(wrong.empty(), wrong);
+        }
+    }
+
+private:
+    std::shared_ptr<ScriptedVolume> system_, data_;
+    std::unique_ptr<Machine> machine_;
+};
+
+ULONG TakeLength(FuzzedDataProvider& input) {
+    if (input.ConsumeIntegralInRange(0, 3) != 0) return input.PickValueInArray(kLengths);
+    return input.ConsumeIntegralInRange<ULONG>(0, 9000);
+}
+
+// A buffer of the length, the input's bytes at its begin.
+Bytes TakeBuffer(FuzzedDataProvider& input, ULONG length) {
+    Bytes bytes =
+        input.ConsumeBytes<std::uint8_t>(std::min<std::size_t>(length, input.ConsumeIntegral<std::uint8_t>()));
+    bytes.resize(length);
+    return bytes;
+}
+
+// The driver's own records, well-formed, so that what is behind the checks of lengths is reached.
+Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
+    if (code == IOCTL_KVR_SET_CONFIG) {
+        std::u16string text = u"[Global]\r\nProtection=1\r\nRVAccessMode=" +
+                              std::u16string(1, input.PickValueInArray({u'0', u'1', u'2'}));
+        text += u"\r\n[FV d]\r\nID=\\Device\\HarddiskVolume2\r\nProtectionMode=1\r\nBootMode=";
+        text += input.PickValueInArray({u'0', u'1', u'2'});
+        text += u"\r\nBootAction=";
+        text += input.PickValueInArray({u'0', u'1', u'2'});
+        Bytes bytes = OfText(text);
+        const Bytes tail = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint8_t>());
+        bytes.insert(bytes.end(), tail.begin(), tail.end());
+        bytes.resize(KVR_CONFIG_BYTES);
+        return bytes;
+    }
+    SWAP_CONFIG_REQUEST request{};
+    std::u16string name = u"\\Device\\HarddiskVolume1";
+    name.back() = input.PickValueInArray({u'1', u'2', u'3', u'4'});
+    for (std::size_t i = 0; i < name.size(); ++i) request.VolumeName[i] = name[i];
+    request.SwapSize = input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&request);
+    return {bytes, bytes + sizeof(request)};
+}
+
+// A record, a record with its end missing, or any bytes.
+Bytes TakeInput(FuzzedDataProvider& input, ULONG code) {
+    const int kind = input.ConsumeIntegralInRange(0, 3);
+    if (kind == 0) return TakeBuffer(input, TakeLength(input));
+    Bytes bytes = TakeRecord(input, code);
+    if (kind == 1) bytes.resize(input.ConsumeIntegralInRange<std::size_t>(0, bytes.size()));
+    return bytes;
+}
+
+void AskControlDevice(Computer& computer, FuzzedDataProvider& input) {
+    const ULONG code =
+        input.ConsumeBool() ? input.PickValueInArray(kControlCodes) : input.ConsumeIntegral<ULONG>();
+    const fuzz::ExactBytes in(TakeInput(input, code));
+    const fuzz::ExactBytes out(Bytes(TakeLength(input), 0xEE));
+    ULONG returned = 0;
+    const NTSTATUS status =
+        computer.Hardware().Control(kControlDevice, code, in.Get(), static_cast<ULONG>(in.Size()), out.Get(),
+                                    static_cast<ULONG>(out.Size()), returned);
+    // A direct code would let the caller change the other buffer under the driver: none of its own is one.
+    fuzz::Require(status != STATUS_PENDING && returned <= out.Size(), "the answer fits");
+}
+
+void AskStack(Computer& computer, FuzzedDataProvider& input) {
+    host::Control control{};
+    control.code = input.ConsumeBool() ? input.PickValueInArray(kDeviceCodes) : input.ConsumeIntegral<ULONG>();
+    control.major = input.PickValueInArray<UCHAR>({IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL});
+    PDEVICE_OBJECT device = computer.Top(input.ConsumeIntegralInRange(0u, 2 * kVolumes - 1));
+    const fuzz::ExactBytes in(TakeBuffer(input, TakeLength(input)));
+    const fuzz::ExactBytes out(Bytes(input.ConsumeBool() ? TakeLength(input) : 0, 0xEE));
+    control.input = in.Get();
+    control.inputLength = static_cast<ULONG>(in.Size());
+    control.output = out.Get();
+    control.outputLength = static_cast<ULONG>(out.Size());
+    static_cast<void>(host::SendControl(device, control));
+}
+
+// Reads and writes of a volume between the requests, so that there is something redirected.
+void Transfer(Computer& computer, FuzzedDataProvider& input) {
+    const unsigned volume = input.ConsumeIntegralInRange(1u, kVolumes);
+    const std::uint64_t offset = input.ConsumeIntegralInRange<std::uint64_t>(0, kDataBytes / 512) * 512;
+    Bytes buffer(input.ConsumeIntegralInRange<std::size_t>(1, 16) * 512, 0x5A);
+    const auto length = static_cast<std::uint32_t>(buffer.size());
+    static_cast<void>(input.ConsumeBool() ? computer.Hardware().Read(volume, offset, buffer.data(), length)
+                                          : computer.Hardware().Write(volume, offset, buffer.data(), length));
+}
+
+// Storage as a tool makes it, to its end.
+void MakeStorage(Computer& computer) {
+    SWAP_CONFIG_REQUEST request{};
+    constexpr std::u16string_view name = u"\\Device\\HarddiskVolume2";
+    for (std::size_t i = 0; i < name.size(); ++i) request.VolumeName[i] = name[i];
+    request.SwapSize = 2 << 20;
+    ULONG returned = 0;
+    static_cast<void>(computer.Hardware().Control(kControlDevice, IOCTL_KVR_ALLOCATE_SWAP, &request,
+                                                  sizeof(request), nullptr, 0, returned));
+    host::JoinSystemThreads();
+}
+
+void Step(Computer& computer, FuzzedDataProvider& input) {
+    switch (input.ConsumeIntegralInRange(0, 9)) {
+        case 0:
+            return computer.Reboot();
+        case 1:
+            return MakeStorage(computer);
+        case 2:
+        case 3:
+            return Transfer(computer, input);
+        case 4:
+        case 5:
+        case 6:
+            return AskStack(computer, input);
+        default:
+            return AskControlDevice(computer, input);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    FuzzedDataProvider input(data, size);
+    host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
+    // With little pool, making storage gives up at once; what it does with enough takes its time.
+    host::SetPoolLimit(input.ConsumeIntegralInRange(0, 7) == 0 ? host::NoPoolLimit : kLittlePool);
+    Computer computer;
+    if (input.ConsumeBool()) computer.Protect();
+    for (int steps = 0; steps < 12 && input.remaining_bytes() != 0; ++steps) Step(computer, input);
+    ULONG returned = 0;
+    const NTSTATUS stopped = computer.Hardware().Control(kControlDevice, IOCTL_KVR_STOP_SWAP_THREAD, nullptr, 0,
+                                                         nullptr, 0, returned);
+    fuzz::Require(NT_SUCCESS(stopped), "a provisioning thread stops when it is told to");
+    host::JoinSystemThreads();
+    computer.CheckVolumes();
+    computer.CheckEnd(computer.Hardware().Shutdown());
+    host::SetPoolLimit(host::NoPoolLimit);
+    return 0;
+}

@@ -1,0 +1,57 @@
+// fuzz/: targets that feed the driver and the machine what an attacker or a damaged disk might: configuration
+// text, saved maps, control requests, partition tables. Each input starts from a fresh power-on and ends with a
+// check that nothing is left over, so an input that fails alone fails again. A target stops, and with it the
+// run, at a sanitizer's finding, at a violation of the host kernel's rules, or when Require does not hold.
+#pragma once
+#include <fuzzer/FuzzedDataProvider.h>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+#include "kernel_host.h"
+#include "pool.h"
+
+// Freed blocks are held back for a few inputs, no longer: each input is a boot of its own.
+extern "C" inline const char* __asan_default_options() __attribute__((used));
+extern "C" inline const char* __asan_default_options() {
+    return "quarantine_size_mb=32";
+}
+
+namespace fuzz {
+
+inline void Require(bool holds, const std::string& what) {
+    if (holds) return;
+    std::fprintf(stderr, "fuzz: does not hold: %s\n", what.c_str());
+    std::abort();
+}
+
+// The bytes in a heap block of exactly their size, so that one byte read or written beyond it is caught.
+class ExactBytes {
+public:
+    explicit ExactBytes(const std::vector<std::uint8_t>& bytes)
+        : size_(bytes.size()), block_(static_cast<std::uint8_t*>(std::malloc(bytes.size()))) {
+        if (size_ != 0) std::memcpy(block_.get(), bytes.data(), size_);
+    }
+    void* Get() const { return block_.get(); }
+    std::size_t Size() const { return size_; }
+
+private:
+    struct Free {
+        void operator()(std::uint8_t* block) const { std::free(block); }
+    };
+    std::size_t size_;
+    std::unique_ptr<std::uint8_t, Free> block_;
+};
+
+// The end of an input: no request may be outstanding. What the pool holds is what lives as long as a boot.
+inline void EndPower() {
+    const host::LeakReport left = host::PowerOff();
+    Require(left.memory.irps == 0 && left.memory.mdls == 0 && left.memory.lockedMdls == 0,
+            "every request and MDL of the input has ended");
+    host::PoolReclaimAll();
+}
+
+}  // namespace fuzz
