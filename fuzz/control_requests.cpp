@@ -19,7 +19,7 @@ namespace {
 using namespace machine;
 using Bytes = std::vector<std::uint8_t>;
 
-constexpr unsigned kVolumes = 3;  // system, data, removable
+constexpr unsigned kDisks = 3;  // system, data, removable; one volume on each
 constexpr std::uint64_t kDataBytes = 4
                                      << 20;  // little, so that making storage ends soon whatever size is asked
 constexpr SIZE_T kLittlePool = 4 << 20;
@@ -38,6 +38,8 @@ constexpr ULONG kDeviceCodes[] = {IOCTL_DISK_GET_DRIVE_LAYOUT,     IOCTL_DISK_GE
                                   IOCTL_DISK_DELETE_DRIVE_LAYOUT,  FSCTL_MOVE_FILE,
                                   IOCTL_VOLUME_PREPARE_FOR_SHRINK, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS,
                                   IOCTL_DISK_GET_DRIVE_GEOMETRY,   IOCTL_DISK_GET_LENGTH_INFO};
+// Whose buffers the driver looks into.
+constexpr ULONG kReadCodes[] = {IOCTL_SCSI_PASS_THROUGH, IOCTL_SCSI_PASS_THROUGH_DIRECT};
 // Lengths that the driver knows, beside which any other is tried.
 constexpr ULONG kLengths[] = {0, 4, 8, 56, 128, 132, 136, 160, 320, KVR_CONFIG_BYTES};
 
@@ -67,14 +69,22 @@ public:
     }
 
     Machine& Hardware() { return *machine_; }
-    PDEVICE_OBJECT Top(unsigned which) {
-        if (which < kVolumes) return host::TopOfStack(machine_->VolumeOf(which + 1)->device->Device());
-        return host::TopOfStack(machine_->DiskOf(which - kVolumes)->Device());
+    // The tops of the volumes' stacks. A removable one that the configuration hides is not there.
+    std::vector<PDEVICE_OBJECT> Volumes() {
+        std::vector<PDEVICE_OBJECT> tops;
+        for (const Volume* volume : machine_->Volumes())
+            tops.push_back(host::TopOfStack(volume->device->Device()));
+        return tops;
+    }
+    std::vector<PDEVICE_OBJECT> Devices() {
+        std::vector<PDEVICE_OBJECT> tops = Volumes();
+        for (unsigned i = 0; i < kDisks; ++i) tops.push_back(host::TopOfStack(machine_->DiskOf(i)->Device()));
+        return tops;
     }
     // As a configuration would: now, for the rest of the boot.
     void Protect() {
         gTesselEnabled = TRUE;
-        for (unsigned i = 0; i < kVolumes; ++i) VolumeOf(Top(i))->IsProtected = TRUE;
+        for (PDEVICE_OBJECT volume : Volumes()) VolumeOf(volume)->IsProtected = TRUE;
     }
     void Reboot() {
         NTSTATUS booted = STATUS_UNSUCCESSFUL;
@@ -87,9 +97,8 @@ public:
                       "every request has ended");
     }
     void CheckVolumes() {
-        for (unsigned i = 0; i < kVolumes; ++i) {
-            PDEVICE_OBJECT top = Top(i);
-            const std::string wrong = support::CheckMaps(VolumeOf(top));
+        for (PDEVICE_OBJECT volume : Volumes()) {
+            const std::string wrong = support::CheckMaps(VolumeOf(volume));
             fuzz::Require(wrong.empty(), wrong);
         }
     }
@@ -112,7 +121,7 @@ Bytes TakeBuffer(FuzzedDataProvider& input, ULONG length) {
     return bytes;
 }
 
-// The driver's own records, well-formed, so that what is behind the checks of lengths is reached.
+// The records of the requests, well-formed, so that what is behind the checks of lengths is reached.
 Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
     if (code == IOCTL_KVR_SET_CONFIG) {
         std::u16string text = u"[Global]\r\nProtection=1\r\nRVAccessMode=" +
@@ -127,6 +136,8 @@ Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
         bytes.resize(KVR_CONFIG_BYTES);
         return bytes;
     }
+    if (code == IOCTL_SCSI_PASS_THROUGH || code == IOCTL_SCSI_PASS_THROUGH_DIRECT)
+        return TakeBuffer(input, sizeof(SCSI_PASS_THROUGH));
     SWAP_CONFIG_REQUEST request{};
     std::u16string name = u"\\Device\\HarddiskVolume1";
     name.back() = input.PickValueInArray({u'1', u'2', u'3', u'4'});
@@ -158,23 +169,34 @@ void AskControlDevice(Computer& computer, FuzzedDataProvider& input) {
     fuzz::Require(status != STATUS_PENDING && returned <= out.Size(), "the answer fits");
 }
 
-void AskStack(Computer& computer, FuzzedDataProvider& input) {
+ULONG TakeCode(FuzzedDataProvider& input) {
+    switch (input.ConsumeIntegralInRange(0, 3)) {
+        case 0:
+            return input.ConsumeIntegral<ULONG>();
+        case 1:
+            return input.PickValueInArray(kReadCodes);
+        default:
+            return input.PickValueInArray(kDeviceCodes);
+    }
+}
+
+// Every volume and every disk is asked the same.
+void AskStacks(Computer& computer, FuzzedDataProvider& input) {
     host::Control control{};
-    control.code = input.ConsumeBool() ? input.PickValueInArray(kDeviceCodes) : input.ConsumeIntegral<ULONG>();
+    control.code = TakeCode(input);
     control.major = input.PickValueInArray<UCHAR>({IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL});
-    PDEVICE_OBJECT device = computer.Top(input.ConsumeIntegralInRange(0u, 2 * kVolumes - 1));
-    const fuzz::ExactBytes in(TakeBuffer(input, TakeLength(input)));
+    const fuzz::ExactBytes in(TakeInput(input, control.code));
     const fuzz::ExactBytes out(Bytes(input.ConsumeBool() ? TakeLength(input) : 0, 0xEE));
     control.input = in.Get();
     control.inputLength = static_cast<ULONG>(in.Size());
     control.output = out.Get();
     control.outputLength = static_cast<ULONG>(out.Size());
-    static_cast<void>(host::SendControl(device, control));
+    for (PDEVICE_OBJECT device : computer.Devices()) static_cast<void>(host::SendControl(device, control));
 }
 
 // Reads and writes of a volume between the requests, so that there is something redirected.
 void Transfer(Computer& computer, FuzzedDataProvider& input) {
-    const unsigned volume = input.ConsumeIntegralInRange(1u, kVolumes);
+    const unsigned volume = input.ConsumeIntegralInRange(1u, kDisks);
     const std::uint64_t offset = input.ConsumeIntegralInRange<std::uint64_t>(0, kDataBytes / 512) * 512;
     Bytes buffer(input.ConsumeIntegralInRange<std::size_t>(1, 16) * 512, 0x5A);
     const auto length = static_cast<std::uint32_t>(buffer.size());
@@ -206,7 +228,7 @@ void Step(Computer& computer, FuzzedDataProvider& input) {
         case 4:
         case 5:
         case 6:
-            return AskStack(computer, input);
+            return AskStacks(computer, input);
         default:
             return AskControlDevice(computer, input);
     }

@@ -1,0 +1,19 @@
+// Runs every case and prints the table. Options are the benchmark library's, --benchmark_filter=REGEX among
+// them.
+#include <cstdio>
+#include "bench/cases.h"
+#include "bench/measure.h"
+#include "debug_sink.h"
+
+int main(int count, char** arguments) {
+    benchmark::Initialize(&count, arguments);
+    if (benchmark::ReportUnrecognizedArguments(count, arguments)) return 2;
+    host::SetDebugCapture(false);
+    std::fprintf(stderr, "making a volume with %u swapped chunks\n", bench::kChunks);
+    bench::Computer computer;
+    bench::RegisterMapCases(computer);
+    bench::RegisterRequestCases(computer);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return bench::PrintTable() ? 0 : 1;
+}

@@ -1,0 +1,122 @@
+// Requests through the dispatch table, against the same requests sent straight to a stack without the driver.
+#include <algorithm>
+#include <memory>
+#include <numeric>
+#include <random>
+#include <vector>
+#include "bench/cases.h"
+#include "bench/measure.h"
+#include "swap/segments.h"
+
+namespace bench {
+namespace {
+
+using Offsets = std::shared_ptr<const std::vector<std::uint64_t>>;
+
+// `count` places, `stride` bytes apart from `begin` on.
+std::vector<std::uint64_t> Places(std::uint64_t begin, std::uint64_t stride, std::size_t count) {
+    std::vector<std::uint64_t> offsets(count);
+    for (std::size_t i = 0; i < count; ++i) offsets[i] = begin + i * stride;
+    return offsets;
+}
+
+Offsets InOrder(std::vector<std::uint64_t> offsets) {
+    return std::make_shared<const std::vector<std::uint64_t>>(std::move(offsets));
+}
+
+Offsets Shuffled(std::vector<std::uint64_t> offsets) {
+    std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(1));
+    return InOrder(std::move(offsets));
+}
+
+// The subject goes through the places from the first on, the floor from the middle on: the same pattern, but
+// never data that the other one has just brought into the caches.
+Operation FromStart(Computer& computer, PDEVICE_OBJECT device, UCHAR major, ULONG length, Offsets offsets) {
+    return [=, &computer](unsigned n) {
+        computer.Transfer(device, major, (*offsets)[n % offsets->size()], length);
+    };
+}
+
+Operation FromMiddle(Computer& computer, PDEVICE_OBJECT device, UCHAR major, ULONG length, Offsets offsets) {
+    return [=, &computer](unsigned n) {
+        computer.Transfer(device, major, (*offsets)[(n + offsets->size() / 2) % offsets->size()], length);
+    };
+}
+
+void Compare(Computer& computer, const std::string& name, double target, UCHAR major, ULONG length,
+             const Offsets& offsets, unsigned batch = 256, unsigned rounds = 200) {
+    Register({name, target, FromMiddle(computer, computer.BareProtected(), major, length, offsets),
+              FromStart(computer, computer.Protected(), major, length, offsets), batch, rounds});
+}
+
+void RegisterPassThrough(Computer& computer) {
+    const Offsets random = Shuffled(Places(0, kPage, 256 * kMiB / kPage));
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        Register(
+            {std::string("4 KiB ") + (major == IRP_MJ_READ ? "read" : "write") + ", unprotected volume, random",
+             1.2, FromMiddle(computer, computer.BarePlain(), static_cast<UCHAR>(major), kPage, random),
+             FromStart(computer, computer.Plain(), static_cast<UCHAR>(major), kPage, random)});
+    }
+}
+
+void RegisterRedirected(Computer& computer) {
+    const auto chunks = Places(kScatteredBegin, 2 * kPage, kScattered);
+    const Offsets random = Shuffled(chunks);
+    const Offsets ordered = InOrder(chunks);
+    Compare(computer, "4 KiB read, redirected, random", 3, IRP_MJ_READ, kPage, random);
+    Compare(computer, "4 KiB read, redirected, sequential", 3, IRP_MJ_READ, kPage, ordered);
+    Compare(computer, "4 KiB overwrite, redirected, random", 3, IRP_MJ_WRITE, kPage, random);
+    Compare(computer, "4 KiB overwrite, redirected, sequential", 3, IRP_MJ_WRITE, kPage, ordered);
+}
+
+// Cutting alone, against moving the data.
+void RegisterCutting(Computer& computer, const std::string& what, const Offsets& offsets) {
+    PVOLUME_EXTENSION volume = computer.Record();
+    Register({"cutting 1 MiB, " + what, 0.02,
+              FromMiddle(computer, computer.BareProtected(), IRP_MJ_READ, kMiB, offsets),
+              [=](unsigned n) {
+                  LARGE_INTEGER offset;
+                  offset.QuadPart = static_cast<LONGLONG>((*offsets)[n % offsets->size()]);
+                  SEGMENT* list = nullptr;
+                  Require(NT_SUCCESS(BuildSegments(volume, kMiB, &offset, &list)) && list && !list->pNext,
+                          "one run is one segment");
+                  ReleaseSegmentChunks(volume, list, FALSE, 0);
+              },
+              64, 100});
+}
+
+void RegisterLarge(Computer& computer) {
+    const Offsets untouched = Shuffled(Places(kUntouchedBegin, kMiB, kUntouchedBytes / kMiB));
+    const Offsets chunks = Shuffled(Places(kLargeBegin, 2 * kMiB, kLargeChunks));
+    const Offsets runs = Shuffled(Places(kRunsBegin, 2 * kMiB, kRuns));
+    RegisterCutting(computer, "untouched range", untouched);
+    RegisterCutting(computer, "one run, a chunk of 1 MiB", chunks);
+    RegisterCutting(computer, "one run, 256 chunks of 4 KiB", runs);
+    Compare(computer, "1 MiB read, untouched range", 0, IRP_MJ_READ, kMiB, untouched, 16, 60);
+    Compare(computer, "1 MiB read, redirected, one run", 0, IRP_MJ_READ, kMiB, chunks, 16, 60);
+    Compare(computer, "1 MiB overwrite, redirected, one run", 0, IRP_MJ_WRITE, kMiB, chunks, 16, 60);
+}
+
+// Each place is written once: half of the pages between the chunks in the order of the volume, the other half
+// in any order.
+void RegisterFirstWrites(Computer& computer) {
+    constexpr unsigned batch = 256;
+    constexpr unsigned rounds = 200;
+    const auto gaps = Places(kScatteredBegin + kPage, 2 * kPage, kScattered - 1);
+    const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
+    Compare(computer, "4 KiB first write, random", 5, IRP_MJ_WRITE, kPage, Shuffled({gaps.begin(), middle}),
+            batch, rounds);
+    Compare(computer, "4 KiB first write, sequential", 5, IRP_MJ_WRITE, kPage, InOrder({middle, gaps.end()}),
+            batch, rounds);
+}
+
+}  // namespace
+
+void RegisterRequestCases(Computer& computer) {
+    RegisterPassThrough(computer);
+    RegisterRedirected(computer);
+    RegisterLarge(computer);
+    RegisterFirstWrites(computer);
+}
+
+}  // namespace bench
