@@ -182,6 +182,7 @@ private:
     std::vector<Volume*> VolumesOn(unsigned disk);
     [[nodiscard]] NTSTATUS QueryRemove(const std::vector<PDEVICE_OBJECT>& devices);
     void Remove(Volume& volume);
+    void LetThreadsFinish();
     void SendPowerOff();
     void EndBoot(ShutdownReport& report);
     void StopDisks();

@@ -1,6 +1,8 @@
 #include "device.h"
 #include "injector.h"
 #include "machine/machine.h"
+#include <chrono>
+#include <thread>
 #include "namespace.h"
 #include "platform/owners.h"
 #include "registry_store.h"
@@ -53,8 +55,17 @@ void Machine::SendPowerOff() {
     }
 }
 
+// A shutdown takes its time on the platform: a thread that the driver has just started gets to run while its
+// file systems still answer. One that works on for long is not waited for.
+void Machine::LetThreadsFinish() {
+    const auto latest = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+    while (host::RunningSystemThreads() != 0 && std::chrono::steady_clock::now() < latest)
+        std::this_thread::yield();
+}
+
 ShutdownReport Machine::Shutdown() {
     ShutdownReport report;
+    if (IsOn()) LetThreadsFinish();
     on_.store(false, std::memory_order_release);
     EndStepping();
     const std::unique_lock hold(use_);
