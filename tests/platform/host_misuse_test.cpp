@@ -26,7 +26,7 @@ void PrintTo(const Misuse& misuse, std::ostream* out) {
 }
 
 FAST_MUTEX fastA, fastB;
-KMUTEX kernelA, kernelB;
+KMUTEX kernelA;
 KSPIN_LOCK spin;
 KEVENT event;
 
@@ -34,7 +34,6 @@ void InitializeAll() {
     ExInitializeFastMutex(&fastA);
     ExInitializeFastMutex(&fastB);
     KeInitializeMutex(&kernelA, 0);
-    KeInitializeMutex(&kernelB, 0);
     KeInitializeSpinLock(&spin);
     KeInitializeEvent(&event, NotificationEvent, FALSE);
 }
@@ -72,7 +71,6 @@ char* Block(SIZE_T bytes = 100) {
 const Misuse misuses[] = {
     {"FastMutexTwice", [] { Acquire(&fastA), Acquire(&fastA); }, "which it already holds"},
     {"FastMutexNotHeld", [] { Release(&fastA); }, "which it does not hold"},
-    {"FastMutexAtDispatch", [] { host::SetIrql(DISPATCH_LEVEL), Acquire(&fastA); }, "IRQL 2"},
     {"FastMutexesReleasedInOrderOfAcquisition", [] { Acquire(&fastA), Acquire(&fastB), Release(&fastA); },
      "lock release order"},
     {"LockOrder",
@@ -120,7 +118,6 @@ const Misuse misuses[] = {
          host::CheckLockState(before, "a call");
      },
      "a call: thread .* holds 1 lock"},
-    {"CallLeavesIrqlRaised", [] { host::SetIrql(APC_LEVEL), host::CheckQuiescent("a call"); }, "left at 1"},
 
     {"BlockFreedTwice",
      [] {
