@@ -83,25 +83,6 @@ TEST(Machine, BootsAndShutsDownInOrder) {
     EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Flush(1));
 }
 
-// A driver may still read after the disks' filters have gone.
-TEST(Machine, RequestsAfterTheNotificationPassNoDetachedFilter) {
-    static unsigned read;
-    read = 0;
-    const auto atPower = [](PDEVICE_OBJECT below) {
-        UCHAR sector[512];
-        host::Request request;
-        request.length = 512;
-        request.buffer = sector;
-        read += host::Send(below, request).status == STATUS_SUCCESS;
-    };
-    Machine machine(Options({{TwoVolumeDisk()}}, {.detachDisksAtShutdown = true, .atPower = atPower}));
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    stand_in::TakeSeen();
-    machine.Shutdown();
-    EXPECT_EQ(2u, read);
-    EXPECT_EQ(0u, stand_in::CountOf(IRP_MJ_READ));
-}
-
 TEST(Machine, MediaAndFlushedRegistrySurviveAPowerCutOnly) {
     auto disk = TwoVolumeDisk();
     Machine machine(Options({{disk}}));
@@ -157,44 +138,6 @@ TEST(Machine, ArmedCutCountsDiskAndRegistryInOneSequence) {
     EXPECT_TRUE(disk->SameContent(*start));
 }
 
-std::atomic<bool> threadRan;
-TEST(Machine, ShutdownWaitsForTheDriversThreads) {
-    threadRan = false;
-    Machine machine(Options({{TwoVolumeDisk()}}, {.thread = [](void*) { threadRan = true; }}));
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    machine.Shutdown();
-    EXPECT_TRUE(threadRan);
-}
-
-TEST(Machine, DriverThatFailsToLoadIsLeftOut) {
-    Machine machine(Options({{TwoVolumeDisk()}}, {.failEntry = true}));
-    EXPECT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, machine.DriverStatus());
-    UCHAR sector[512] = {};
-    EXPECT_EQ(STATUS_SUCCESS, machine.Read(2, 0, sector, 512));
-    EXPECT_TRUE(stand_in::TakeSeen().empty());
-}
-
-TEST(Machine, RemovableDisksComeLastAndMayBeRefusedTheirStart) {
-    auto stick = std::make_shared<MemoryDisk>(8 * kMiB, 512);
-    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 8 * kMiB);
-    MachineOptions options = Options({{stick, true}, {TwoVolumeDisk()}}, {.refuseStartOfRemovable = true});
-    options.fileSystem = [&](const VolumeDevice&) {
-        return ScriptedDriver(scripted, u"\\FileSystem\\Fastfat");
-    };
-    Machine machine(std::move(options));
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    ASSERT_NE(nullptr, machine.VolumeOf(3)) << "a disk without a table is one volume";
-    EXPECT_TRUE(machine.VolumeOf(3)->device->Removable());
-    EXPECT_EQ(0u, machine.VolumeOf(3)->device->DiskNumber());
-    EXPECT_EQ(STATUS_ACCESS_DENIED, machine.VolumeOf(3)->startStatus);
-    EXPECT_EQ(nullptr, machine.VolumeOf(3)->files);
-    EXPECT_NE(nullptr, machine.VolumeOf(1)->files);
-    const PVPB vpb = machine.VolumeOf(1)->device->Vpb();
-    EXPECT_EQ(u"\\FileSystem\\Fastfat", std::u16string(vpb->DeviceObject->DriverObject->DriverName.Buffer,
-                                                       vpb->DeviceObject->DriverObject->DriverName.Length / 2));
-}
-
 TEST(Machine, RemovalAsksFirstAndTakesAllOrNothing) {
     auto stick = TwoVolumeDisk();
     stand_in::Plan plan;
@@ -222,44 +165,6 @@ TEST(Machine, RemovalAsksFirstAndTakesAllOrNothing) {
     EXPECT_EQ(2u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_CANCEL_REMOVE_DEVICE));
     EXPECT_EQ(0u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(STATUS_SUCCESS, machine.Write(1, 0, sector, 512));
-}
-
-TEST(Machine, ProgramsReachTheControlDevice) {
-    Machine machine(Options({{TwoVolumeDisk()}}));
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    const UCHAR in[3] = {1, 2, 3};
-    UCHAR out[3] = {};
-    ULONG returned = 0;
-    EXPECT_EQ(STATUS_SUCCESS, machine.Control(u"\\Device\\StandIn", CTL_CODE(0x22, 0x800, METHOD_BUFFERED, 0),
-                                              in, 3, out, 3, returned));
-    EXPECT_EQ(3u, returned);
-    EXPECT_EQ(4, out[2]);
-    EXPECT_EQ(1u, stand_in::CountOf(IRP_MJ_CLOSE));
-    EXPECT_FALSE(NT_SUCCESS(machine.Control(u"\\Device\\None", 0, nullptr, 0, nullptr, 0, returned)));
-}
-
-TEST(Machine, SystemRootLeadsToTheSystemVolume) {
-    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 16 * kMiB);
-    scripted->AddFile(u"\\Windows\\System32\\x.txt", {{5 * kMiB, 4096}}, 100);
-    MachineOptions options = Options({{TwoVolumeDisk()}});
-    options.systemVolume = 2;
-    options.fileSystem = [&](const VolumeDevice& v) {
-        return v.Number() == 2 ? ScriptedDriver(scripted) : FileSystemDriver{};
-    };
-    Machine machine(std::move(options));
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    WCHAR text[] = W("\\SystemRoot\\system32\\X.TXT");
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, text);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    IO_STATUS_BLOCK iosb{};
-    HANDLE file = nullptr;
-    ASSERT_EQ(STATUS_SUCCESS,
-              ZwCreateFile(&file, FILE_READ_DATA | SYNCHRONIZE, &attributes, &iosb, nullptr, 0, FILE_SHARE_READ,
-                           FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
-    // Left open: neither way of ending a boot may stumble over it, nor the file system over the handle.
-    EXPECT_EQ(1u, machine.Shutdown().leaks.handles);
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <set>
 #include "machine/ntfs_directory.h"
-#include "machine/ntfs_volume.h"
 #include "tests/machine/ntfs_support.h"
 
 namespace {
@@ -104,30 +103,6 @@ TEST(ConfigurationFile, SixteenSectorsAreSeenWhateverTheFileWasBefore) {
     EXPECT_EQ(ReadFromOutside(volume, "/Windows/System32/drivers/kvr.cfg").size(), 20000u);
 }
 
-TEST(ConfigurationFile, AResidentFileMovesOutWithoutWritesBesidesItsData) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    ScratchFile image, text;
-    std::ofstream(text.Path()) << std::string(612, 'x');
-    std::ofstream(image.Path(), std::ios::binary)
-        .write(reinterpret_cast<const char*>(volume.bytes.data()), static_cast<std::streamsize>(volume.Size()));
-    int exitCode = 0;
-    const std::string output = RunTool("ntfscp -f " + image.Path() + " " + text.Path() + " /kvr.cfg", exitCode);
-    ASSERT_EQ(exitCode, 0) << output;
-    std::ifstream(image.Path(), std::ios::binary)
-        .read(reinterpret_cast<char*>(volume.bytes.data()), static_cast<std::streamsize>(volume.Size()));
-    {
-        Mounted mounted(volume);
-        Bytes bytes;
-        ASSERT_EQ(mounted.files->ReadFile(u"\\kvr.cfg", bytes), STATUS_SUCCESS);
-        EXPECT_EQ(bytes, Bytes(612, 'x'));
-        volume.requests.clear();
-        ASSERT_EQ(mounted.files->WriteAt(u"\\kvr.cfg", 0, Pattern(8192, 3)), STATUS_SUCCESS);
-        EXPECT_EQ(Covered(volume.Writes(u"\\kvr.cfg")), 8192u);
-    }
-    EXPECT_TRUE(Sound(volume));
-    EXPECT_EQ(ReadFromOutside(volume, "/kvr.cfg"), Pattern(8192, 3));
-}
-
 TEST(Metadata, RequestsCarryTheFileSystemsOwnNames) {
     TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
     Mounted mounted(volume);
@@ -151,21 +126,6 @@ TEST(Metadata, RequestsCarryTheFileSystemsOwnNames) {
     mounted.fileSystem.reset();
     EXPECT_TRUE(Sound(volume));
 }
-
-TEST(PagingFile, KeepsOneFileObjectForTheWholeMount) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    Mounted mounted(volume);
-    std::set<PFILE_OBJECT> objects;
-    for (int i = 0; i < 3; ++i) {
-        ASSERT_EQ(mounted.files->WriteAt(u"\\PageFile.sys", 0, Pattern(4096, 1)), STATUS_SUCCESS);
-        ASSERT_EQ(mounted.files->WriteFile(u"\\other", Pattern(4096, 1)), STATUS_SUCCESS);
-    }
-    for (const Request& request : volume.Writes(u"\\PageFile.sys")) objects.insert(request.file);
-    EXPECT_EQ(objects.size(), 1u);
-    for (const Request& request : volume.Writes(u"\\other")) EXPECT_FALSE(objects.contains(request.file));
-}
-
-// ---- space ---------------------------------------------------------------------------------------------
 
 TEST(Space, AFullDiskLeavesWholeBlocksAndDeletionGivesAllOfItBack) {
     TestVolume volume(FreshNtfs(16 * kMiB, 512, 4096));
@@ -241,167 +201,6 @@ TEST(Space, FragmentedSpaceIsUsedInPieces) {
     EXPECT_TRUE(ReadFromOutside(volume, "/kvr.SWP") == content);
 }
 
-// ---- contents against a model
-// --------------------------------------------------------------------------------
-
-TEST(Contents, RandomWritesReadsAndTruncationsMatchAnArray) {
-    for (const std::uint32_t sector : {512u, 4096u}) {
-        TestVolume volume(FreshNtfs(32 * kMiB, sector, 4096), sector);
-        Mounted mounted(volume);
-        Bytes model;
-        ASSERT_EQ(mounted.files->WriteFile(u"\\f", model), STATUS_SUCCESS);
-        std::uint32_t state = sector;
-        const auto random = [&](std::uint32_t limit) {
-            return (state = state * 1103515245u + 12345u) / 7 % limit;
-        };
-        for (unsigned step = 0; step < 300; ++step) {
-            const std::uint64_t offset = random(3) == 0 ? random(200000) / sector * sector : random(200000);
-            const std::size_t length = random(3) == 0 ? (random(8) + 1) * sector : random(20000) + 1;
-            if (random(40) == 0) {
-                model = Pattern(random(3000), step);
-                ASSERT_EQ(mounted.files->WriteFile(u"\\f", model), STATUS_SUCCESS);
-            } else if (random(2) == 0) {
-                const Bytes data = Pattern(length, step);
-                ASSERT_EQ(mounted.files->WriteAt(u"\\f", offset, data), STATUS_SUCCESS);
-                if (model.size() < offset + length) model.resize(offset + length, 0);
-                std::copy(data.begin(), data.end(), model.begin() + static_cast<std::ptrdiff_t>(offset));
-            }
-            Bytes read;
-            const NTSTATUS status = mounted.files->ReadAt(u"\\f", offset, length, read);
-            const std::size_t from = std::min<std::size_t>(offset, model.size());
-            const std::size_t to = std::min<std::size_t>(offset + length, model.size());
-            ASSERT_EQ(status, from == model.size() ? STATUS_END_OF_FILE : STATUS_SUCCESS) << "step " << step;
-            ASSERT_TRUE(std::equal(read.begin(), read.end(), model.begin() + static_cast<std::ptrdiff_t>(from),
-                                   model.begin() + static_cast<std::ptrdiff_t>(to)))
-                << "step " << step;
-        }
-        mounted.fileSystem.reset();
-        EXPECT_TRUE(Sound(volume));
-        EXPECT_TRUE(ReadFromOutside(volume, "/f") == model);
-    }
-}
-
-// Makes an empty file that is kept compressed, or one with a hole of 100000 bytes.
-void MakeSpecialFile(TestVolume& io, bool compressed) {
-    using namespace ntfs_library;
-    machine::NtfsVolume volume(io);
-    const machine::NtfsLockGuard guard(volume.Lock());
-    ASSERT_EQ(volume.Mount(), STATUS_SUCCESS);
-    const auto make = [&](const machine::NtfsOperation& operation) {
-        std::uint64_t reference = 0;
-        machine::NtfsInode inode;
-        NTSTATUS status = machine::CreateNtfsEntry(operation, {FILE_root, u"special"}, false, 0, reference);
-        if (NT_SUCCESS(status)) status = machine::OpenNtfsInode(operation, reference, inode);
-        if (!NT_SUCCESS(status)) return status;
-        int result = 0;
-        if (compressed) {
-            inode.Get()->flags = static_cast<FILE_ATTR_FLAGS>(inode.Get()->flags | FILE_ATTR_COMPRESSED);
-            result = ntfs_attr_set_flags(inode.Get(), AT_DATA, AT_UNNAMED, 0, ATTR_IS_COMPRESSED,
-                                         ATTR_COMPRESSION_MASK);
-        } else {
-            const auto data = machine::NtfsAttribute::OpenData(inode);
-            result = ntfs_attr_truncate(data.Get(), 100000);
-        }
-        return result == 0 && inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
-    };
-    ASSERT_EQ(volume.Change(machine::CommitOrder::TakeFirst, volume.DirectoryObject(), make), STATUS_SUCCESS);
-}
-
-TEST(Contents, CompressedAndSparseFilesReadAndGrow) {
-    for (const bool compressed : {true, false}) {
-        TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-        MakeSpecialFile(volume, compressed);
-        Bytes model(compressed ? 0 : 100000, 0);
-        {
-            Mounted mounted(volume);
-            volume.requests.clear();
-            for (unsigned i = 0; i < 12; ++i) {
-                const std::uint64_t offset = i * 7919 % 150000;
-                Bytes data = i % 2 == 0 ? Pattern(30000, i) : Bytes(30000, static_cast<std::uint8_t>(i));
-                if (compressed) data.resize(20000 + i);  // only ever grows by appending
-                const std::uint64_t at = compressed ? model.size() : offset;
-                ASSERT_EQ(mounted.files->WriteAt(u"\\special", at, data), STATUS_SUCCESS) << "write " << i;
-                if (model.size() < at + data.size()) model.resize(at + data.size(), 0);
-                std::copy(data.begin(), data.end(), model.begin() + static_cast<std::ptrdiff_t>(at));
-            }
-            Bytes read;
-            ASSERT_EQ(mounted.files->ReadFile(u"\\special", read), STATUS_SUCCESS);
-            EXPECT_TRUE(read == model);
-            EXPECT_FALSE(volume.Writes(u"\\special").empty())
-                << "the data carries the file's name all the same";
-        }
-        EXPECT_TRUE(Sound(volume));
-        EXPECT_TRUE(ReadFromOutside(volume, "/special") == model);
-        Mounted mounted(volume);
-        EXPECT_EQ(mounted.files->WriteFile(u"\\special", Pattern(5000, 1)), STATUS_SUCCESS);
-        EXPECT_EQ(mounted.files->Delete(u"\\special"), STATUS_SUCCESS);
-        mounted.fileSystem.reset();
-        EXPECT_TRUE(Sound(volume));
-    }
-}
-
-// Another system may leave anything behind a file's end in its last sector.
-TEST(Contents, WhatLiesBehindTheEndNeverBecomesPartOfTheFile) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    Mounted mounted(volume);
-    ASSERT_EQ(mounted.files->WriteFile(u"\\f", Bytes(100, 1)), STATUS_SUCCESS);
-    const std::uint64_t at = volume.Writes(u"\\f").at(0).offset;
-    std::fill_n(volume.bytes.begin() + static_cast<std::ptrdiff_t>(at) + 100, 4096 - 100, std::uint8_t{0xEE});
-    ASSERT_EQ(mounted.files->WriteAt(u"\\f", 300, Bytes(1000, 2)), STATUS_SUCCESS);
-    Bytes expected(1300, 2), read;
-    std::fill_n(expected.begin(), 300, std::uint8_t{0});
-    std::fill_n(expected.begin(), 100, std::uint8_t{1});
-    ASSERT_EQ(mounted.files->ReadFile(u"\\f", read), STATUS_SUCCESS);
-    EXPECT_EQ(read, expected);
-}
-
-// ---- directories and names
-// -------------------------------------------------------------------------------------
-
-TEST(Names, DirectoriesListRenameAndDelete) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    {
-        Mounted mounted(volume);
-        machine::GuestFiles& files = *mounted.files;
-        ASSERT_EQ(files.MakeDirectory(u"\\Docs"), STATUS_SUCCESS);
-        ASSERT_EQ(files.MakeDirectory(u"\\Docs\\Deep"), STATUS_SUCCESS);
-        ASSERT_EQ(files.WriteFile(u"\\Docs\\Deep\\Report.TXT", Pattern(3000, 1)), STATUS_SUCCESS);
-        EXPECT_EQ(files.MakeDirectory(u"\\dOCS"), STATUS_OBJECT_NAME_COLLISION);
-        EXPECT_EQ(files.WriteFile(u"\\Docs", Pattern(1, 1)), STATUS_FILE_IS_A_DIRECTORY);
-        EXPECT_EQ(files.WriteFile(u"\\none\\x", Pattern(1, 1)), STATUS_OBJECT_PATH_NOT_FOUND);
-        EXPECT_EQ(files.WriteFile(u"\\Docs\\Deep\\Report.TXT\\x", Pattern(1, 1)), STATUS_OBJECT_PATH_NOT_FOUND);
-        EXPECT_EQ(files.WriteFile(u"\\a?b", Pattern(1, 1)), STATUS_OBJECT_NAME_INVALID);
-        EXPECT_EQ(files.WriteFile(u"\\a\\\\b", Pattern(1, 1)), STATUS_OBJECT_NAME_INVALID);
-        EXPECT_EQ(files.WriteFile(u"\\$Mft", Pattern(1, 1)), STATUS_ACCESS_DENIED);
-        EXPECT_EQ(files.Delete(u"\\Docs\\Deep"), STATUS_DIRECTORY_NOT_EMPTY);
-        EXPECT_EQ(files.Rename(u"\\Docs", u"\\Docs\\Deep\\Docs"), STATUS_INVALID_PARAMETER);
-
-        ASSERT_EQ(files.Rename(u"\\docs\\deep\\report.txt", u"\\Docs\\final.txt"), STATUS_SUCCESS);
-        ASSERT_EQ(files.Rename(u"\\Docs\\Deep", u"\\Moved"), STATUS_SUCCESS);
-        bool exists = true;
-        EXPECT_EQ(files.Exists(u"\\Docs\\Deep\\Report.TXT", exists), STATUS_SUCCESS);
-        EXPECT_FALSE(exists);
-        std::vector<DirectoryEntry> entries;
-        ASSERT_EQ(files.List(u"\\", entries), STATUS_SUCCESS);
-        std::set<std::u16string> names;
-        for (const DirectoryEntry& entry : entries) names.insert(entry.name);
-        EXPECT_EQ(names, (std::set<std::u16string>{u"Docs", u"Moved"}))
-            << "without the file system's own files";
-        ASSERT_EQ(files.List(u"\\Docs", entries), STATUS_SUCCESS);
-        ASSERT_EQ(entries.size(), 1u);
-        EXPECT_TRUE(entries[0].name == u"final.txt" && entries[0].size == 3000 && !entries[0].directory);
-        EXPECT_EQ(files.Delete(u"\\Moved"), STATUS_SUCCESS);
-        Bytes read;
-        ASSERT_EQ(files.ReadFile(u"\\Docs\\final.txt", read), STATUS_SUCCESS);
-        EXPECT_EQ(read, Pattern(3000, 1));
-    }
-    EXPECT_TRUE(Sound(volume));
-    EXPECT_EQ(ReadFromOutside(volume, "/Docs/final.txt"), Pattern(3000, 1));
-}
-
-// ---- share access
-// ----------------------------------------------------------------------------------------------
-
 TEST(Sharing, WhatTheDriverHoldsCannotBeReadWrittenMovedOrDeleted) {
     TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
     Mounted mounted(volume);
@@ -423,45 +222,7 @@ TEST(Sharing, WhatTheDriverHoldsCannotBeReadWrittenMovedOrDeleted) {
     EXPECT_EQ(files.Delete(u"\\e\\held"), STATUS_SUCCESS);
 }
 
-TEST(Sharing, AFileWhoseOpensShareDeletionGoesWithTheLastOfThem) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    {
-        Mounted mounted(volume);
-        ASSERT_EQ(mounted.files->WriteFile(u"\\f", Pattern(9000, 1)), STATUS_SUCCESS);
-        const host::FileOpen request{u"\\f", FILE_READ_DATA | FILE_WRITE_DATA, 7, FILE_OPEN, 0, 0};
-        auto first = OpenOrNull(*mounted.fileSystem, request);
-        auto second = OpenOrNull(*mounted.fileSystem, request);
-        ASSERT_EQ(mounted.files->Rename(u"\\f", u"\\g"), STATUS_SUCCESS)
-            << "an open file can move when all agree";
-        ASSERT_EQ(mounted.files->Delete(u"\\g"), STATUS_SUCCESS);
-        Bytes read(512);
-        EXPECT_EQ(mounted.files->ReadFile(u"\\g", read), STATUS_DELETE_PENDING);
-        first.reset();
-        ULONG done = 0;
-        read.resize(512);
-        EXPECT_EQ(second->Read(512, read.data(), 512, done), STATUS_SUCCESS);
-        EXPECT_EQ(second->Write(9000, read.data(), 512, done), STATUS_SUCCESS);
-        second.reset();
-        bool exists = true;
-        EXPECT_EQ(mounted.files->Exists(u"\\g", exists), STATUS_SUCCESS);
-        EXPECT_FALSE(exists);
-    }
-    EXPECT_TRUE(Sound(volume));
-}
-
-// ---- volumes that are not as they should be
-// -------------------------------------------------------------------
-
-TEST(Mounting, ForeignDamagedAndUncleanVolumes) {
-    TestVolume empty(Bytes(kMiB, 0));
-    EXPECT_EQ(Mounted(empty).status, STATUS_UNRECOGNIZED_VOLUME);
-    TestVolume truncated(
-        Bytes(FreshNtfs(32 * kMiB, 512, 4096).begin(), FreshNtfs(32 * kMiB, 512, 4096).begin() + kMiB));
-    EXPECT_FALSE(NT_SUCCESS(Mounted(truncated).status));
-    TestVolume dead(FreshNtfs(32 * kMiB, 512, 4096));
-    dead.verdict = [](bool) { return STATUS_DEVICE_POWERED_OFF; };
-    EXPECT_EQ(Mounted(dead).status, STATUS_DEVICE_POWERED_OFF);
-
+TEST(Mounting, AHibernatedVolumeIsOnlyRead) {
     TestVolume hibernated(FreshNtfs(32 * kMiB, 512, 4096));
     Bytes header(8192, 0);
     std::memcpy(header.data(), "hibr", 4);
@@ -474,69 +235,6 @@ TEST(Mounting, ForeignDamagedAndUncleanVolumes) {
     EXPECT_EQ(mounted.files->Delete(u"\\hiberfil.sys"), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(mounted.files->ReadFile(u"\\hiberfil.sys", header), STATUS_SUCCESS);
 }
-
-// A machine can stop after the table's first records were written and before their copy was, or within either.
-TEST(Mounting, ACopyOfTheFirstRecordsThatIsBehindIsBroughtUpToDate) {
-    TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-    const Bytes fresh = volume.bytes;
-    {
-        Mounted mounted(volume);
-        for (int i = 0; i < 60; ++i) {
-            const std::string number = std::to_string(i);
-            ASSERT_EQ(
-                mounted.files->WriteFile(u"\\" + std::u16string(number.begin(), number.end()), Pattern(600, 1)),
-                STATUS_SUCCESS);
-        }
-    }
-    const std::vector<Request> copies = volume.Writes(u"\\$MftMirr");
-    ASSERT_FALSE(copies.empty()) << "the table of records grew";
-    const auto undo = [&](std::uint64_t offset, std::size_t length) {
-        const auto at = static_cast<std::ptrdiff_t>(offset);
-        std::copy_n(fresh.begin() + at, length, volume.bytes.begin() + at);
-    };
-    undo(copies.back().offset, copies.back().length);
-    {
-        Mounted mounted(volume);
-        EXPECT_EQ(mounted.status, STATUS_SUCCESS);
-    }
-    EXPECT_TRUE(Sound(volume));
-    std::uint64_t table = 0;
-    std::memcpy(&table, volume.bytes.data() + 0x30, sizeof table);
-    volume.bytes[table * 4096 + 510] ^= 0xFF;  // the first record is torn, its copy is whole
-    EXPECT_EQ(Mounted(volume).status, STATUS_SUCCESS);
-    EXPECT_TRUE(Sound(volume));
-}
-
-TEST(Dismounting, OpenFilesAnswerAndAreReleasedLater) {
-    for (const bool orderly : {true, false}) {
-        TestVolume volume(FreshNtfs(32 * kMiB, 512, 4096));
-        Mounted mounted(volume);
-        auto file = OpenOrNull(*mounted.fileSystem, StorageOpen(u"\\kvr.SWP"));
-        ULONG done = 0;
-        const Bytes block = Pattern(kMiB, 1);
-        ASSERT_EQ(file->Write(0, block.data(), kMiB, done), STATUS_SUCCESS);
-        volume.requests.clear();
-        if (orderly) {
-            EXPECT_EQ(mounted.fileSystem->Dismount(), STATUS_SUCCESS);
-            EXPECT_FALSE(volume.requests.empty()) << "the directory's sizes were still due";
-        } else {
-            mounted.fileSystem->Abandon();
-            EXPECT_TRUE(volume.requests.empty());
-        }
-        volume.requests.clear();
-        EXPECT_EQ(file->Write(0, block.data(), kMiB, done), STATUS_DEVICE_NOT_READY);
-        EXPECT_EQ(file->Write(kMiB, block.data(), kMiB, done), STATUS_DEVICE_NOT_READY);
-        bool exists = false;
-        EXPECT_EQ(mounted.files->Exists(u"\\kvr.SWP", exists), STATUS_DEVICE_NOT_READY);
-        mounted.fileSystem.reset();
-        file.reset();
-        EXPECT_TRUE(volume.requests.empty());
-        EXPECT_TRUE(Sound(volume));
-    }
-}
-
-// ---- failing requests
-// ------------------------------------------------------------------------------------------
 
 // Work that takes, changes and gives back space. Stops at the first failure and returns it.
 NTSTATUS Work(NtfsFileSystem& fs) {
@@ -564,28 +262,6 @@ void ExpectKept(machine::GuestFiles& files, unsigned n) {
     Bytes read;
     EXPECT_EQ(files.ReadFile(u"\\keep", read), STATUS_SUCCESS) << "request " << n;
     EXPECT_TRUE(read == Pattern(70000, 9)) << "request " << n;
-}
-
-// A filter that has no room refuses single writes; the file system must pass its answer on and stay usable.
-TEST(Failures, ARefusedWriteComesBackAsItIsAndHarmsNothing) {
-    const Bytes image = VolumeWithFiles();
-    for (unsigned n = 0;; ++n) {
-        unsigned count = 0;
-        TestVolume volume(image);
-        Mounted mounted(volume);
-        volume.verdict = [&](bool write) {
-            return write && count++ == n ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS;
-        };
-        const NTSTATUS status = Work(*mounted.fileSystem);
-        if (count <= n) break;
-        // What a last close writes is a convenience; its failure is nobody's.
-        EXPECT_TRUE(status == STATUS_MEDIA_WRITE_PROTECTED || status == STATUS_SUCCESS) << std::hex << status;
-        ExpectKept(*mounted.files, n);
-        EXPECT_EQ(mounted.files->WriteFile(u"\\after", Pattern(20000, 5)), STATUS_SUCCESS) << "request " << n;
-        mounted.fileSystem.reset();
-        ExpectKept(*Mounted(volume).files, n);
-        ASSERT_LT(n, 1000u);
-    }
 }
 
 // The power fails at request n, reads counted with the writes: everything ends with a status, and what was on

@@ -81,48 +81,4 @@ TEST_F(RegistryOnDisk, OnlyFlushedChangesReachTheFile) {
     EXPECT_EQ(STATUS_OBJECT_NAME_INVALID, registry->CreateKey(u"\\bad\nkey"));
 }
 
-TEST_F(RegistryOnDisk, AFileThatCannotBeReplacedKeepsItsText) {
-    auto registry = Open();
-    ASSERT_EQ(STATUS_SUCCESS, registry->CreateKey(kKey));
-    ASSERT_EQ(STATUS_SUCCESS, registry->Flush());
-    ASSERT_EQ(STATUS_SUCCESS, registry->CreateKey(u"\\Second"));
-    ASSERT_TRUE(fs::create_directory(path_ + ".new"));
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, registry->Flush());
-    EXPECT_EQ(std::string::npos, Open()->Text().find("Second"));
-    fs::remove(path_ + ".new");
-    EXPECT_EQ(STATUS_SUCCESS, registry->Flush()) << "a failed flush is not forgotten";
-    EXPECT_NE(std::string::npos, Open()->Text().find("Second"));
-}
-
-TEST_F(RegistryOnDisk, BadLinesAreNamed) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"\"A\"=hex:01\n", "line 1: a value stands before the first key"},
-        {"# c\n[]\n", "line 2: this is no key"},
-        {"[\\k\n", "line 1: this is no key"},
-        {"[\\k]\nA=hex:01\n", "line 2: a value begins with its name in quotes"},
-        {"[\\k]\n\"A\n", "line 2: a value begins with its name in quotes"},
-        {"[\\k]\n\"A\\u12\"=hex:01\n", "line 2: a value begins with its name in quotes"},
-        {"[\\k]\n\"A\xFF\"=hex:01\n", "line 2: a value begins with its name in quotes"},
-        {"[\\k]\n\"A\"\n", "line 2: an equals sign"},
-        {"[\\k]\n\"A\"=hex:1g\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=hex:01,\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=hex:001\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=dword:\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=dword:100000000\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=hex():01\n", "line 2: the data is"},
-        {"[\\k]\n\"A\"=hex:01,\\\n02\n\"a\"=hex:\n", "line 4: the value stands twice"},
-    };
-    for (const auto& [text, why] : cases) {
-        std::ofstream(path_) << text;
-        std::string error;
-        EXPECT_EQ(nullptr, RegistryFile::Open(path_, error)) << text;
-        EXPECT_NE(std::string::npos, error.find(why)) << text << " gave " << error;
-        EXPECT_NE(std::string::npos, error.find(path_));
-    }
-    std::ofstream(path_) << "\r\n  [\\k]  \r\n\t\"A\"=hex:0a,\\\r\n  0B\r\n";
-    host::RegistryValue value;
-    EXPECT_EQ(STATUS_SUCCESS, Open()->Query(u"\\K", u"a", value));
-    EXPECT_EQ((std::vector<UCHAR>{10, 11}), value.data);
-}
-
 }  // namespace

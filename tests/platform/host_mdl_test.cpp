@@ -38,58 +38,6 @@ TEST_F(HostMdl, LocksMapsAndGivesBack) {
     host::DisarmFaults();
     EXPECT_EQ(0, mdl->MdlFlags & MDL_PAGES_LOCKED);
     IoFreeMdl(mdl);
-    host::FailCall(host::FaultBit(host::Fault::AllocateMdl), 1);
-    EXPECT_EQ(nullptr, IoAllocateMdl(data, 1, FALSE, FALSE, nullptr));
-    host::DisarmFaults();
-}
-
-TEST_F(HostMdl, ChainsOnARequest) {
-    PIRP irp = IoAllocateIrp(1, FALSE);
-    PMDL first = IoAllocateMdl(data, 1, FALSE, FALSE, irp);
-    PMDL second = IoAllocateMdl(data, 2, TRUE, FALSE, irp);
-    PMDL third = IoAllocateMdl(data, 3, TRUE, FALSE, irp);
-    EXPECT_EQ(first, irp->MdlAddress);
-    EXPECT_EQ(second, first->Next);
-    EXPECT_EQ(third, second->Next);
-    host::ReleaseMdls(irp);
-    IoFreeIrp(irp);
-}
-
-// A driver's view of every way in which a request may describe its buffer, and of its master's.
-TEST_F(HostMdl, RequestsDescribeTheirBufferInEveryWay) {
-    struct Case {
-        Pages pages;
-        CSHORT flags;
-    };
-    for (const Case& c :
-         {Case{Pages::Locked, MDL_PAGES_LOCKED}, Case{Pages::Unlocked, 0}, Case{Pages::Bad, 0},
-          Case{Pages::NonPaged, MDL_SOURCE_IS_NONPAGED_POOL}, Case{Pages::Partial, MDL_PARTIAL}}) {
-        Device device(driver, [&](PDEVICE_OBJECT, PIRP irp) {
-            PMDL mine = irp->MdlAddress;
-            PMDL masters = irp->AssociatedIrp.MasterIrp->MdlAddress;
-            EXPECT_EQ(c.flags, mine->MdlFlags);
-            EXPECT_EQ(c.flags, masters->MdlFlags);
-            EXPECT_NE(0u, irp->Flags & IRP_ASSOCIATED_IRP);
-            if (c.flags == 0 && c.pages != Pages::Bad) {
-                MmProbeAndLockPages(masters, KernelMode, IoReadAccess);
-                MmProbeAndLockPages(mine, KernelMode, IoReadAccess);
-            }
-            if (c.pages != Pages::Bad) {
-                EXPECT_EQ(data, MmGetSystemAddressForMdlSafe(mine, NormalPagePriority));
-            }
-            if (c.pages == Pages::Unlocked) {
-                MmUnlockPages(mine);
-                MmUnlockPages(masters);
-            }
-            return Complete(irp, STATUS_SUCCESS);
-        });
-        const host::Request request{.pages = c.pages,
-                                    .associated = true,
-                                    .masterPages = c.pages,
-                                    .length = sizeof data,
-                                    .buffer = data};
-        EXPECT_EQ(STATUS_SUCCESS, Send(device.object, request).status);
-    }
 }
 
 TEST_F(HostMdlDeath, MisuseStops) {

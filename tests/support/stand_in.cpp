@@ -9,19 +9,17 @@ namespace {
 struct Filter {
     PDEVICE_OBJECT below;
     bool isDisk;
-    bool removable;
     WCHAR name[64];
 };
 
 Plan plan;
 std::mutex lock;
 std::vector<Seen> seen;
-PDEVICE_OBJECT control;
 
 void Note(PDEVICE_OBJECT device, PIRP irp) {
     const auto& at = *IoGetCurrentIrpStackLocation(irp);
     Seen entry{at.MajorFunction, at.MinorFunction, {}, 0, 0, {}};
-    entry.device = device == control ? u"control" : static_cast<Filter*>(device->DeviceExtension)->name;
+    entry.device = static_cast<Filter*>(device->DeviceExtension)->name;
     if (at.MajorFunction == IRP_MJ_READ || at.MajorFunction == IRP_MJ_WRITE) {
         entry.offset = at.Parameters.Read.ByteOffset.QuadPart;
         entry.length = at.Parameters.Read.Length;
@@ -38,19 +36,8 @@ NTSTATUS End(PIRP irp, NTSTATUS status, ULONG_PTR information = 0) {
     return status;
 }
 
-NTSTATUS ControlDevice(PIRP irp) {
-    const auto& at = *IoGetCurrentIrpStackLocation(irp);
-    if (at.MajorFunction != IRP_MJ_DEVICE_CONTROL) return End(irp, STATUS_SUCCESS);
-    auto* bytes = static_cast<UCHAR*>(irp->AssociatedIrp.SystemBuffer);
-    const ULONG count = std::min(at.Parameters.DeviceIoControl.InputBufferLength,
-                                 at.Parameters.DeviceIoControl.OutputBufferLength);
-    for (ULONG i = 0; i < count; ++i) ++bytes[i];
-    return End(irp, STATUS_SUCCESS, count);
-}
-
 NTSTATUS Pass(PDEVICE_OBJECT device, PIRP irp) {
     Note(device, irp);
-    if (device == control) return ControlDevice(irp);
     const PDEVICE_OBJECT below = static_cast<Filter*>(device->DeviceExtension)->below;
     IoSkipCurrentIrpStackLocation(irp);
     return IofCallDriver(below, irp);
@@ -63,9 +50,6 @@ NTSTATUS Pnp(PDEVICE_OBJECT device, PIRP irp) {
     if (minor == IRP_MN_QUERY_REMOVE_DEVICE && plan.refuseQueryRemove && !filter.isDisk) {
         return End(irp, STATUS_INSUFFICIENT_RESOURCES);
     }
-    if (minor == IRP_MN_START_DEVICE && plan.refuseStartOfRemovable && filter.removable && !filter.isDisk) {
-        return End(irp, STATUS_ACCESS_DENIED);
-    }
     IoSkipCurrentIrpStackLocation(irp);
     const NTSTATUS status = IofCallDriver(filter.below, irp);
     if (minor == IRP_MN_REMOVE_DEVICE) {
@@ -77,9 +61,7 @@ NTSTATUS Pnp(PDEVICE_OBJECT device, PIRP irp) {
 
 NTSTATUS Power(PDEVICE_OBJECT device, PIRP irp) {
     Note(device, irp);
-    const Filter& filter = *static_cast<Filter*>(device->DeviceExtension);
-    const PDEVICE_OBJECT below = filter.below;
-    if (plan.atPower != nullptr && !filter.isDisk) plan.atPower(below);
+    const PDEVICE_OBJECT below = static_cast<Filter*>(device->DeviceExtension)->below;
     PoStartNextPowerIrp(irp);
     IoSkipCurrentIrpStackLocation(irp);
     return PoCallDriver(below, irp);
@@ -109,20 +91,11 @@ NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
         std::copy_n(info->Name.Buffer, std::min<std::size_t>(info->Name.Length / 2u, 63), filter->name);
     }
     filter->isDisk = std::u16string_view(filter->name).find(u"DR") != std::u16string_view::npos;
-    filter->removable = (pdo->Characteristics & FILE_REMOVABLE_MEDIA) != 0;
     device->Flags |= DO_DIRECT_IO;
     filter->below = IoAttachDeviceToDeviceStack(device, pdo);
     device->Flags &= ~DO_DEVICE_INITIALIZING;
     IoRegisterShutdownNotification(device);
     return STATUS_SUCCESS;
-}
-
-void StartThread() {
-    HANDLE handle = nullptr;
-    if (NT_SUCCESS(PsCreateSystemThread(&handle, THREAD_ALL_ACCESS, nullptr, nullptr, nullptr, plan.thread,
-                                        nullptr))) {
-        ZwClose(handle);
-    }
 }
 
 }  // namespace
@@ -131,7 +104,6 @@ void Reset(const Plan& next) {
     std::lock_guard hold(lock);
     plan = next;
     seen.clear();
-    control = nullptr;
 }
 
 std::vector<Seen> TakeSeen() {
@@ -147,19 +119,11 @@ unsigned CountOf(UCHAR major, int minor) {
 }
 
 NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING) {
-    if (plan.failEntry) return STATUS_UNSUCCESSFUL;
-    WCHAR text[] = W("\\Device\\StandIn");
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, text);
-    const NTSTATUS status = IoCreateDevice(driver, 0, &name, FILE_DEVICE_NETWORK, 0, FALSE, &control);
-    if (!NT_SUCCESS(status)) return status;
     for (auto& routine : driver->MajorFunction) routine = Pass;
     driver->MajorFunction[IRP_MJ_PNP] = Pnp;
     driver->MajorFunction[IRP_MJ_POWER] = Power;
     driver->MajorFunction[IRP_MJ_SHUTDOWN] = Shutdown;
     driver->DriverExtension->AddDevice = AddDevice;
-    control->Flags &= ~DO_DEVICE_INITIALIZING;
-    if (plan.thread != nullptr) StartThread();
     return STATUS_SUCCESS;
 }
 

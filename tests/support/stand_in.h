@@ -19,12 +19,8 @@ struct Seen {
 };
 
 struct Plan {
-    bool failEntry = false;
     bool refuseQueryRemove = false;  // by every volume's filter
-    bool refuseStartOfRemovable = false;
     bool detachDisksAtShutdown = false;
-    void (*atPower)(PDEVICE_OBJECT below) = nullptr;  // called with what is below each volume's filter
-    void (*thread)(void*) = nullptr;                  // a system thread started by the entry
 };
 
 // One boot's record; Reset() before each boot.
@@ -32,7 +28,6 @@ void Reset(const Plan& plan = {});
 std::vector<Seen> TakeSeen();
 unsigned CountOf(UCHAR major, int minor = -1);
 
-// \Device\StandIn answers buffered control requests by adding 1 to each byte of the input.
 NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
 
 }  // namespace stand_in
