@@ -97,15 +97,6 @@ PVOLUME_EXTENSION DataVolume(ProtectedComputer& computer) {
 
 // ---- computers -------------------------------------------------------------------------------------------
 
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
-    ComputerOptions options;
-    options.dataBytes = dataBytes;
-    options.storageBegin = 4 * kMiB;
-    options.piece = piece;
-    options.gap = gap;
-    return options;
-}
-
 namespace {
 
 void StampRegion(ProtectedComputer& computer) {
@@ -153,12 +144,6 @@ ComputerImage Reconfigured(const ComputerImage& image, const Configuration& conf
     EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
     computer.Hardware().Shutdown();
     return computer.Capture();
-}
-
-void PowerOn(ProtectedComputer& computer) {
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().PowerOn());
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().DriverStatus());
-    host::JoinSystemThreads();
 }
 
 // ---- sectors ---------------------------------------------------------------------------------------------

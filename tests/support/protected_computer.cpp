@@ -49,6 +49,21 @@ std::u16string Configuration::Text() const {
     return text + u"BootAction=" + Number(bootAction) + u"\r\n" + extra;
 }
 
+ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
+    ComputerOptions options;
+    options.dataBytes = dataBytes;
+    options.storageBegin = 8 * kMiB;
+    options.piece = piece;
+    options.gap = gap;
+    return options;
+}
+
+void PowerOn(ProtectedComputer& computer) {
+    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().PowerOn());
+    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().DriverStatus());
+    host::JoinSystemThreads();
+}
+
 SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes) {
     SWAP_CONFIG_REQUEST request{};
     for (std::size_t i = 0; volume[i] && i < KVR_NAME_CHARS; ++i) request.VolumeName[i] = volume[i];
