@@ -138,15 +138,11 @@ const ComputerImage& UnconfiguredImage() {
     return image;
 }
 
-ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration) {
-    ProtectedComputer computer(image);
-    PowerOn(computer);
-    EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
-    computer.Hardware().Shutdown();
-    return computer.Capture();
-}
-
 // ---- sectors ---------------------------------------------------------------------------------------------
+
+PDEVICE_OBJECT TopDevice(ProtectedComputer& computer) {
+    return host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device());
+}
 
 NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector,
                   std::vector<std::uint8_t>& data) {
@@ -156,8 +152,7 @@ NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector
     request.offset = static_cast<LONGLONG>(kRegion + sector * kSector);
     request.buffer = data.data();
     request.length = static_cast<ULONG>(data.size());
-    return host::Send(host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device()), request)
-        .status;
+    return host::Send(TopDevice(computer), request).status;
 }
 
 NTSTATUS WriteStamps(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count,

@@ -56,12 +56,13 @@ inline bool IsKept(std::uint64_t sector) {
 }
 
 // Sectors 100 to 115 and 132 to 147 redirected and saved in the map.
-const ComputerImage& ProtectedImage();  // keeps its redirections
-const ComputerImage& CoarseImage();     // the same with fewer, larger pieces
-ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration);
+const ComputerImage& ProtectedImage();     // keeps its redirections
+const ComputerImage& CoarseImage();        // the same with fewer, larger pieces
 const ComputerImage& UnconfiguredImage();  // stamped, nothing else
 ComputerImage MakeProtected(const ComputerOptions& options, std::uint64_t swapBytes);
 
+// What requests to the data volume are sent to.
+PDEVICE_OBJECT TopDevice(ProtectedComputer& computer);
 // A raw request whose pages the driver has to lock.
 NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector,
                   std::vector<std::uint8_t>& data);

@@ -100,6 +100,12 @@ private:
 
 void PowerOn(ProtectedComputer& computer);  // and waits for what the boot started
 
+// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
+std::shared_ptr<machine::MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector,
+                                                   std::uint64_t& offset);
+// The same computer with another configuration for its next boot.
+ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration);
+
 // The request of the provisioning codes.
 SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes);
 

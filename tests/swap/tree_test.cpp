@@ -88,21 +88,6 @@ TEST_F(TreeTest, BehavesAsASortedMapUnderRandomOperations) {
     }
 }
 
-// What taking space from the low end relies on.
-TEST_F(TreeTest, SuccessorOfTheSmallestSurvivesItsDeletion) {
-    for (LONGLONG key = 0; key < 100; ++key)
-        ASSERT_NE(tree_insert(&tree_, MakeRecord(key * 37 % 100, 0)), nullptr);
-    TREE_NODE* cursor = tree_first(&tree_, tree_.Root);
-    for (LONGLONG key = 0; cursor; ++key) {
-        ASSERT_EQ(RecordOf(cursor)->liSwapOffset.QuadPart, key);
-        TREE_NODE* next = tree_next(&tree_, cursor);
-        tree_delete(&tree_, cursor);
-        ASSERT_EQ(support::CheckTree(&tree_), "");
-        cursor = next;
-    }
-    EXPECT_EQ(tree_.Root, &TreeNil);
-}
-
 TEST(TreeKeys, ChunksAreFoundByTheOffsetsInsideThem) {
     const LONGLONG top = 0x7FFFFFFFFFFFFE00;
     const SWAPPED_CHUNK last = {{.QuadPart = top}, {}, 511, 0};
