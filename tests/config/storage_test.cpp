@@ -1,8 +1,6 @@
 #include "config/parser.h"
-#include "config/protected_volumes.h"
 #include "config/registry.h"
 #include "config/storage.h"
-#include "platform/owners.h"
 #include "tests/support/memory_stack.h"
 
 namespace {

@@ -3,7 +3,6 @@
 #include "control/io.h"
 #include "control/provision_control.h"
 #include "control/reports.h"
-#include "platform/host/verifier.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
 

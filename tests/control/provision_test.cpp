@@ -2,7 +2,6 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "control/reports.h"
-#include "platform/host/injector.h"
 #include "platform/host/object.h"
 #include "platform/host/thread.h"
 #include "tests/support/loaded_driver.h"

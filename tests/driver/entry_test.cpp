@@ -1,9 +1,6 @@
 // Loading, the version gate, and who may open what.
-#include "config/storage.h"
-#include "control/provision_control.h"
 #include "platform/host/injector.h"
 #include "platform/host/version.h"
-#include "redirect/swap_file.h"
 #include "tests/support/loaded_driver.h"
 
 namespace {

@@ -2,9 +2,7 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "driver/pnp.h"
-#include "platform/host/injector.h"
 #include "platform/host/thread.h"
-#include "redirect/swap_file.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
 

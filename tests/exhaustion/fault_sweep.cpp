@@ -125,7 +125,7 @@ const ComputerImage& ProtectedImage() {
 }
 
 const ComputerImage& CoarseImage() {
-    static const ComputerImage image = MakeProtected(SmallOptions(256 * kKiB, 4 * kKiB, 32 * kMiB), kSwapBytes);
+    static const ComputerImage image = MakeProtected(SmallOptions(512 * kKiB, 4 * kKiB, 32 * kMiB), kSwapBytes);
     return image;
 }
 

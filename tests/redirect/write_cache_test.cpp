@@ -1,4 +1,3 @@
-#include "platform/host/pool.h"
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
 #include "tests/redirect/redirect_fixture.h"

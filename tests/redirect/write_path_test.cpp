@@ -1,4 +1,3 @@
-#include "config/storage.h"
 #include "platform/host/clock.h"
 #include "platform/owners.h"
 #include "redirect/redirect.h"

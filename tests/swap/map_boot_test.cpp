@@ -76,19 +76,6 @@ TEST_F(MapBoot, LocationIsStoredSortedAndReadBack) {
     EXPECT_TRUE(registry_.flushed) << "a location must not outlive its file";
 }
 
-TEST_F(MapBoot, ActionNoneKeepsTheRedirections) {
-    SaveMap();
-    EnsureSwapMapLoaded(v);
-    EXPECT_TRUE(v->SwapMapLoaded);
-    EXPECT_EQ(Used(), 8 * S);
-    EXPECT_TRUE(Said("Kvr!PreloadSwapMap: storage s1 + f62"));
-    EXPECT_EQ(disk_->TakeTransfers(),
-              (std::vector<Transfer>{{IRP_MJ_READ, kMap, 4096}, {IRP_MJ_READ, kMap + 4096, 4096}}));
-    v->SwapFile = &swapFile_;
-    swapFile_.ulFreeBytes = static_cast<ULONG>(Free());
-    EXPECT_EQ(Read(100 * S, 8 * S), data_);
-}
-
 TEST_F(MapBoot, DiscardAndSwitchedOffGiveUpTheRedirections) {
     for (const bool enabled : {true, false}) {
         SaveMap();

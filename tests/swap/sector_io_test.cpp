@@ -11,28 +11,6 @@ protected:
     void SetUp() override { AddFree(1ll << 40, 0x4000000); }
 };
 
-using Transfers = std::vector<Transfer>;
-
-TEST_F(SectorIo, AReadIsAssembledFromItsRunsOrPassedDown) {
-    ASSERT_EQ(Write(102 * S, Data(2 * S, 1)), STATUS_SUCCESS);
-    disk_->TakeTransfers();
-    std::vector<std::uint8_t> data(8 * S + 100, 0xEE);
-    const host::Outcome read = Send(IRP_MJ_READ, 100 * S, data.data(), data.size());
-    EXPECT_EQ(read.status, STATUS_SUCCESS);
-    EXPECT_EQ(read.information, 8 * S);
-    EXPECT_EQ(
-        disk_->TakeTransfers(),
-        (Transfers{{IRP_MJ_READ, 100 * S, 2 * S}, {IRP_MJ_READ, kSwap, 2 * S}, {IRP_MJ_READ, 104 * S, 4 * S}}));
-    auto expected = OnDisk(100 * S, 8 * S);
-    std::ranges::copy(Data(2 * S, 1), expected.begin() + 2 * S);
-    expected.resize(8 * S + 100);  // a tail of less than a sector is zero
-    EXPECT_EQ(data, expected);
-    // Nothing of it redirected, or less than a sector: one lower request, the caller's own.
-    EXPECT_EQ(Read(200 * S, 8 * S), OnDisk(200 * S, 8 * S));
-    EXPECT_EQ(disk_->TakeTransfers(), (Transfers{{IRP_MJ_READ, 200 * S, 8 * S}}));
-    EXPECT_EQ(Read(102 * S, 100), OnDisk(102 * S, 100));
-}
-
 TEST_F(SectorIo, NothingUndefinedIsRead) {
     ASSERT_EQ(Write(100 * S, Data(2 * S, 1)), STATUS_SUCCESS);
     host::SetPoolOptions({.fill = true});

@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
-#include "platform/host/injector.h"
 #include "platform/host/pool.h"
 #include "tests/support/map_invariants.h"
 
@@ -22,7 +21,6 @@ class TreeTest : public testing::Test {
 protected:
     TreeTest() { tree_init(&tree_, node_alloc, node_free, key_less_i64, key_equal_i64, nullptr); }
     ~TreeTest() override {
-        host::DisarmFaults();
         tree_destroy(&tree_);
         EXPECT_EQ(tree_.Root, &TreeNil);
         EXPECT_EQ(host::PoolUsage(kPoolTag).blocks, blocks_);

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <algorithm>
 #include "machine/subprocess.h"
 #include "tests/tool/scratch_folder.h"
 #include "tool/error.h"

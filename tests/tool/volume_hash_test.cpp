@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include "tests/tool/scratch_folder.h"
-#include "tool/sparse_file.h"
 #include "tool/volume_hash.h"
 
 namespace {
