@@ -33,16 +33,4 @@ TEST(FormatString, WhatDoesNotFitIsCut) {
     EXPECT_EQ(STATUS_BUFFER_OVERFLOW, FormatString(&to, u"%99999999999d", 7)) << "a huge width ends";
 }
 
-TEST(FormatString, RefusesWhatIsNotValid) {
-    WCHAR buffer[4];
-    UNICODE_STRING good = {0, sizeof(buffer), buffer};
-    UNICODE_STRING none = {0, sizeof(buffer), nullptr};
-    UNICODE_STRING longer = {sizeof(buffer) + 2, sizeof(buffer), buffer};
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(nullptr, u"x"));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(&none, u"x"));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(&longer, u"x"));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(&good, u"%q"));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(&good, u"%"));
-}
-
 }  // namespace

@@ -56,21 +56,6 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
     EXPECT_FALSE(stick->IsInvisible);
 }
 
-TEST_F(Protection, EntryThatCannotBeMadeLeavesTheListAlone) {
-    UNICODE_STRING id;
-    RtlInitUnicodeString(&id, kName);
-    host::FailFromCall(host::FaultBit(host::Fault::Allocate), 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, AddProtectedVolume(&id, 0x101));
-    host::DisarmFaults();
-    EXPECT_EQ(nullptr, gProtectedVolumeList.load());
-    Add(u"first", 0);
-    host::FailFromCall(host::FaultBit(host::Fault::Allocate), 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, AddProtectedVolume(&id, 0x101));
-    host::DisarmFaults();
-    Add(kName, 0x101);
-    EXPECT_EQ(0x101u, gProtectedVolumeList.load()->Next.load()->Flags);
-}
-
 TEST_F(Protection, DiskIsKnownByItsNumberAndSeparator) {
     PDEVICE_OBJECT disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack.filter;
     PDEVICE_OBJECT disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack.filter;
@@ -80,29 +65,6 @@ TEST_F(Protection, DiskIsKnownByItsNumberAndSeparator) {
     gTesselEnabled = TRUE;
     EXPECT_TRUE(HasProtectedVolume(disk1));
     EXPECT_FALSE(HasProtectedVolume(disk11));
-}
-
-TEST_F(Protection, VolumeWithUnknownExtentsCountsForEveryDiskNamedAlike) {
-    PDEVICE_OBJECT disk = AddMemoryDisk(u"\\Device\\Harddisk3\\DR3").stack.filter;
-    PVOLUME_EXTENSION unknown = AddMemory({.name = u"\\Device\\V"}, {}).stack.volume;
-    gTesselEnabled = TRUE;
-    EXPECT_FALSE(HasProtectedVolume(disk));
-    Add(u"\\Device\\V", 0x101);
-    EXPECT_TRUE(HasProtectedVolume(disk));
-    unknown->VolumeDiskExtents.NumberOfDiskExtents = 1;  // a disk that this is not
-    EXPECT_FALSE(HasProtectedVolume(disk));
-}
-
-TEST_F(Protection, NamesAreComparedByLengthAndLetters) {
-    UNICODE_STRING a, b, c;
-    RtlInitUnicodeString(&a, u"Volume");
-    RtlInitUnicodeString(&b, u"vOLUME");
-    RtlInitUnicodeString(&c, u"Volume1");
-    EXPECT_EQ(0, CompareNames(&a, &b, TRUE));
-    EXPECT_EQ(u'V' - u'v', CompareNames(&a, &b, FALSE));
-    EXPECT_EQ(1, CompareNames(&a, &c, TRUE));
-    EXPECT_EQ(1, CompareNames(&a, nullptr, TRUE));
-    EXPECT_EQ(0, CompareNames(nullptr, nullptr, TRUE));
 }
 
 }  // namespace

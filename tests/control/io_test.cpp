@@ -3,7 +3,6 @@
 #include "control/io.h"
 #include "control/provision_control.h"
 #include "control/reports.h"
-#include "platform/host/verifier.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
 
@@ -74,27 +73,6 @@ TEST_F(Control, BuffersMustFit) {
     EXPECT_FALSE(gConfigWrittenByTool) << "a refused text is not the tool's text";
 }
 
-TEST_F(Control, EnabledAndDebug) {
-    EXPECT_EQ(STATUS_SUCCESS, Ask(IOCTL_KVR_GET_ENABLED, {}, 4));
-    EXPECT_EQ((std::vector<UCHAR>{0, 0, 0, 0}), output);
-    gTesselEnabled = TRUE;
-    EXPECT_EQ(STATUS_SUCCESS, Ask(IOCTL_KVR_GET_ENABLED, {}, 4));
-    EXPECT_EQ((std::vector<UCHAR>{1, 0, 0, 0}), output);
-    EXPECT_EQ(4u, returned);
-    EXPECT_EQ(STATUS_SUCCESS, Ask(IOCTL_KVR_DEBUG));
-    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!KvrDebug {"));
-    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!KvrDebug }"));
-}
-
-TEST_F(Control, AMissingStatusBlockIsReportedAndSurvived) {
-    host::ResetAssertionCount();
-    EXPECT_EQ(STATUS_SUCCESS,
-              ControlDeviceIoControl(gControlDevice, nullptr, 0, nullptr, 0, IOCTL_KVR_DEBUG, nullptr));
-    EXPECT_EQ(1u, host::AssertionCount());
-    EXPECT_EQ(1u, TimesSaid(mark, "IoStatus != NULL"));
-    host::ResetAssertionCount();
-}
-
 TEST_F(Control, FixedVolumesInTheOrderTheyCame) {
     AddStarted();
     AddDisk();
@@ -140,23 +118,6 @@ TEST_F(Control, StatesOfAFixedVolume) {
         FastMutexLock lock(volume->SwapLock);
         volume->SwapUsedBytes -= 0x1000;
     }
-}
-
-TEST_F(Control, StatesOfARemovableVolume) {
-    const std::u16string longName = u"\\Device\\" + std::u16string(62, u'x');
-    PVOLUME_EXTENSION volume =
-        AddStarted({.name = longName.c_str(), .characteristics = FILE_REMOVABLE_MEDIA}).volume;
-    const auto record = [&] {
-        return Report<KVR_REMOVABLE_VOLUME_STATUS>(IOCTL_KVR_GET_REMOVABLE_VOLUMES).at(0);
-    };
-    EXPECT_EQ(0u, record().AccessMode);
-    EXPECT_EQ(longName.substr(0, 63), Name(record().VolumeName));
-    volume->IsInvisible = TRUE;
-    EXPECT_EQ(0u, record().AccessMode) << "hidden alone is no mode of its own";
-    volume->IsProtected = TRUE;
-    EXPECT_EQ(2u, record().AccessMode);
-    volume->IsInvisible = FALSE;
-    EXPECT_EQ(1u, record().AccessMode);
 }
 
 }  // namespace

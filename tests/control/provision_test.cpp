@@ -2,7 +2,6 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "control/reports.h"
-#include "platform/host/injector.h"
 #include "platform/host/object.h"
 #include "platform/host/thread.h"
 #include "tests/support/loaded_driver.h"
@@ -84,44 +83,6 @@ TEST_F(Provisioning, StopWaitsForTheThread) {
     gate.ReleaseAll();
     stopper.join();
     EXPECT_EQ(nullptr, gProvisionThread.load());
-}
-
-TEST_F(Provisioning, RemovalReturnsWhenItIsOver) {
-    host::ThreadGate gate;
-    std::atomic<bool> returned = false;
-    std::thread remover([&] {
-        EXPECT_EQ(STATUS_SUCCESS, Remove(nowhere));
-        returned = true;
-    });
-    while (gate.Held() == 0) std::this_thread::yield();
-    EXPECT_FALSE(returned);
-    EXPECT_EQ(0u, TimesSaid(mark, "finished. returning..."));
-    gate.ReleaseAll();
-    remover.join();
-    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!ConfigureSwapAllocThread::finished. returning..."));
-}
-
-TEST_F(Provisioning, WhatCannotBeStartedLeavesNothing) {
-    const auto blocks = host::PoolUsage(kPoolTag).blocks;
-    const struct {
-        host::Fault fault;
-        SIZE_T removalsSaid;
-    } cases[] = {{host::Fault::Allocate, 0}, {host::Fault::ThreadCreate, 1}};
-    for (const auto& c : cases) {
-        const ULONGLONG before = host::DebugMark();
-        host::FailFromCall(host::FaultBit(c.fault), 1);
-        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Allocate(nowhere));
-        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Remove(nowhere));
-        host::DisarmFaults();
-        EXPECT_EQ(nullptr, gProvisionThread.load());
-        EXPECT_EQ(c.removalsSaid, TimesSaid(before, "finished. returning..."));
-        EXPECT_EQ(blocks, host::PoolUsage(kPoolTag).blocks);
-    }
-    FilteredStack& stack = AddStarted();
-    host::FailFromCall(host::FaultBit(host::Fault::ThreadCreate), 1);
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, StartArmThread(stack.volume));
-    host::DisarmFaults();
-    EXPECT_EQ(nullptr, stack.volume->ArmThreadHandle.load());  // and its removal at the end does not hang
 }
 
 TEST_F(Provisioning, NotWhileStorageOrConfigurationIsInUse) {

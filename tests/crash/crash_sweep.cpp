@@ -63,19 +63,6 @@ unsigned Sweep(const Scenario& scenario) {
 
 // ---- computers -------------------------------------------------------------------------------------------
 
-std::uint64_t FixedStamp(std::uint64_t sector) {
-    return 5'000'000 + sector;
-}
-
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
-    ComputerOptions options;
-    options.dataBytes = dataBytes;
-    options.storageBegin = 8 * kMiB;
-    options.piece = piece;
-    options.gap = gap;
-    return options;
-}
-
 // Stamps count from the region, so that a sector of the region is found by its number there.
 std::unique_ptr<ProtectedComputer> StampedComputer(const ComputerOptions& options) {
     auto computer = std::make_unique<ProtectedComputer>(options);
@@ -119,61 +106,42 @@ std::uint64_t StampAmong(const std::uint8_t* data, const std::vector<std::uint64
     return 0;
 }
 
-void PowerOn(ProtectedComputer& computer) {
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().PowerOn());
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().DriverStatus());
-    host::JoinSystemThreads();
-}
-
 // ---- sectors ---------------------------------------------------------------------------------------------
 
-void OwnSectors::LearnFiles(machine::ScriptedVolume& files, std::uint64_t volumeOffset, Ranges& ranges) {
+namespace {
+
+void Mark(std::vector<bool>& own, std::uint64_t begin, std::uint64_t length) {
+    own.resize(std::max<std::size_t>(own.size(), (begin + length) / kSector));
+    std::fill_n(own.begin() + static_cast<std::ptrdiff_t>(begin / kSector), length / kSector, true);
+}
+
+void MarkFiles(std::vector<bool>& own, const machine::ScriptedVolume& files, std::uint64_t volumeOffset) {
     for (const std::u16string& path : files.Paths())
         for (const machine::Extent& extent : files.ExtentsOf(path))
-            ranges.push_back({volumeOffset + extent.offset, volumeOffset + extent.offset + extent.length});
-    Normalize(ranges);
+            Mark(own, volumeOffset + extent.offset, extent.length);
 }
 
-// Ascending and apart.
-void OwnSectors::Normalize(Ranges& ranges) {
-    std::sort(ranges.begin(), ranges.end(), [](const auto& a, const auto& b) { return a.begin < b.begin; });
-    Ranges merged;
-    for (const auto& range : ranges) {
-        if (merged.empty() || range.begin > merged.back().end)
-            merged.push_back(range);
-        else
-            merged.back().end = std::max(merged.back().end, range.end);
-    }
-    ranges = std::move(merged);
+void ExpectWithin(const char* disk, const std::vector<machine::MemoryDisk::Range>& differences,
+                  const std::vector<bool>& own) {
+    for (const auto& range : differences)
+        for (std::uint64_t at = range.begin / kSector; at < range.end / kSector; ++at)
+            ASSERT_TRUE(at < own.size() && own[at]) << "sector " << at << " of the " << disk << " disk changed";
 }
+
+}  // namespace
 
 void OwnSectors::Learn(ProtectedComputer& computer) {
-    LearnFiles(computer.SystemFiles(), computer.SystemOffset(), system_);
-    LearnFiles(computer.DataFiles(), computer.DataOffset(), data_);
+    MarkFiles(system_, computer.SystemFiles(), computer.SystemOffset());
+    MarkFiles(data_, computer.DataFiles(), computer.DataOffset());
+    Mark(system_, computer.SystemOffset() + kSystemRegion, kSector);
 }
 
 void OwnSectors::LearnRegion(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count) {
-    const std::uint64_t begin = computer.DataOffset() + kRegion + sector * kSector;
-    data_.push_back({begin, begin + count * kSector});
-    Normalize(data_);
-}
-
-void OwnSectors::ExpectWithin(const char* disk, const Ranges& differences, const Ranges& own) {
-    for (const auto& range : differences) {
-        const auto behind = std::upper_bound(own.begin(), own.end(), range.begin,
-                                             [](std::uint64_t at, const auto& r) { return at < r.begin; });
-        const bool within = behind != own.begin() && range.end <= std::prev(behind)->end;
-        ASSERT_TRUE(within) << "bytes " << range.begin << " to " << range.end << " of the " << disk
-                            << " disk changed";
-    }
+    Mark(data_, computer.DataOffset() + kRegion + sector * kSector, count * kSector);
 }
 
 void OwnSectors::ExpectOthersUnchanged(const ComputerImage& before, ProtectedComputer& now) const {
-    Ranges system = system_;
-    const std::uint64_t spare = now.SystemOffset() + kSystemRegion;
-    system.push_back({spare, spare + kSector});
-    Normalize(system);
-    ExpectWithin("system", now.SystemDisk().DifferencesFrom(*before.system), system);
+    ExpectWithin("system", now.SystemDisk().DifferencesFrom(*before.system), system_);
     ExpectWithin("data", now.DataDisk().DifferencesFrom(*before.data), data_);
 }
 

@@ -35,17 +35,12 @@ struct Scenario {
 // Runs the scenario at every cut; returns how many cuts struck.
 unsigned Sweep(const Scenario& scenario);
 
-// The data volume's region for the tests' own writes; every sector of it holds the stamp that FixedStamp gives.
-inline constexpr std::uint64_t kRegion = 1 * kMiB;
-inline constexpr std::uint64_t kSystemRegion =
-    14 * kMiB;  // a sector of the system volume that belongs to nobody
-std::uint64_t FixedStamp(std::uint64_t sector);
-
-inline constexpr std::uint64_t kSwapBytes = 10 * kMiB;
+// A sector of the system volume that belongs to nobody. A sector of the data volume's region holds the stamp
+// that FixedStamp gives.
+inline constexpr std::uint64_t kSystemRegion = 14 * kMiB;
 inline constexpr char16_t kConfigPath[] = u"\\Windows\\system32\\drivers\\kvr.cfg";
 
 // A computer of small disks whose data volume holds a stamp in every sector, files or not; nothing configured.
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
 std::unique_ptr<ProtectedComputer> StampedComputer(const ComputerOptions& options);
 
 // Raw writes and reads of the data volume's region, in sectors of 512 bytes. A write stamps its sectors
@@ -55,8 +50,6 @@ std::vector<std::uint8_t> ReadSectors(ProtectedComputer& computer, std::uint64_t
 std::vector<std::uint8_t> MediumSectors(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count);
 // The one of `stamps` that the sector at `data` holds; fails when it holds none of them.
 std::uint64_t StampAmong(const std::uint8_t* data, const std::vector<std::uint64_t>& stamps);
-
-void PowerOn(ProtectedComputer& computer);  // and waits for what the boot started
 
 // The sectors that are the driver's to write: the storage files and kvr.cfg, wherever they ever lay.
 class OwnSectors {
@@ -68,12 +61,7 @@ public:
     void ExpectOthersUnchanged(const ComputerImage& before, ProtectedComputer& now) const;
 
 private:
-    using Ranges = std::vector<machine::MemoryDisk::Range>;
-    static void Normalize(Ranges& ranges);
-    static void LearnFiles(machine::ScriptedVolume& files, std::uint64_t volumeOffset, Ranges& ranges);
-    static void ExpectWithin(const char* disk, const Ranges& differences, const Ranges& own);
-
-    Ranges system_, data_;
+    std::vector<bool> system_, data_;
 };
 
 enum class Storage { Works, Reported };

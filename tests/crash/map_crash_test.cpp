@@ -35,6 +35,14 @@ unsigned ExpectOwnOrWritten(const std::vector<std::uint8_t>& data, const std::ve
     return redirected;
 }
 
+// The one-shot fields of the configuration are written back at the first write.
+void BootAndWrite(ProtectedComputer& computer) {
+    KVR_DISCARD(computer.Hardware().PowerOn(), "a boot without power comes to nothing");
+    std::vector<std::uint8_t> sector(512, 0x77);
+    KVR_DISCARD(computer.Hardware().Write(kSystemVolume, kSystemRegion, sector.data(), 512),
+                "fails when the power does");
+}
+
 class MapCrash : public testing::Test {
 protected:
     // Protected, with two writes in the saved map.
@@ -50,14 +58,6 @@ protected:
         merged = own;
         merged.LearnRegion(*computer, kFirst, kCount);
         merged.LearnRegion(*computer, kSecond, kCount);
-    }
-    // The same with another configuration for the next boot.
-    void Reconfigure(const Configuration& configuration) {
-        ProtectedComputer computer(start);
-        PowerOn(computer);
-        EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
-        computer.Hardware().Shutdown();
-        start = computer.Capture();
     }
     void ExpectUsable(ProtectedComputer& computer, bool keeps) {
         if (ExpectWorkingOrReported(computer) == Storage::Works) {
@@ -123,14 +123,7 @@ TEST_F(SaveCrash, WhileTheVolumeIsUsed) {
 class DiscardCrash : public MapCrash {
 protected:
     void SweepBoot(const char* name, const Configuration& afterwards) {
-        Scenario scenario{name, &start, {0, 1, 5}, false, {}, {}, {}};
-        scenario.operate = [](ProtectedComputer& computer) {
-            KVR_DISCARD(computer.Hardware().PowerOn(), "a boot without power comes to nothing");
-            // The one-shot fields of the configuration are written back at the first write.
-            std::vector<std::uint8_t> sector(512, 0x77);
-            KVR_DISCARD(computer.Hardware().Write(kSystemVolume, kSystemRegion, sector.data(), 512),
-                        "fails when the power does");
-        };
+        Scenario scenario{name, &start, {0, 1, 5}, false, {}, BootAndWrite, {}};
         scenario.check = [&](ProtectedComputer& computer, const CutPoint&) {
             ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
             ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
@@ -151,7 +144,7 @@ TEST_F(DiscardCrash, AtEveryBoot) {
 
 TEST_F(DiscardCrash, OnceWithTheConfigurationWrittenBack) {
     Start({.bootMode = 1}, SmallOptions(4 * kKiB, 4 * kKiB), kSwapBytes);
-    Reconfigure({.bootMode = 1, .bootAction = 1});
+    start = Reconfigured(start, {.bootMode = 1, .bootAction = 1});
     SweepBoot("discard once", {.bootMode = 1});
 }
 
@@ -159,15 +152,9 @@ TEST_F(DiscardCrash, OnceWithTheConfigurationWrittenBack) {
 // boot: by the map while it survives, and when it does not, there is nothing left to copy.
 TEST_F(MapCrash, WhileRedirectionsAreMerged) {
     Start({.bootMode = 1}, SmallOptions(16 * kKiB, 4 * kKiB, 96 * kMiB), 56 * kMiB);
-    Reconfigure({.bootMode = 1, .bootAction = 2});
+    start = Reconfigured(start, {.bootMode = 1, .bootAction = 2});
     const std::vector<Written> writes{{kFirst, 1000}, {kSecond, 2000}};
-    Scenario scenario{"merge", &start, {0, 1, 5}, false, {}, {}, {}};
-    scenario.operate = [](ProtectedComputer& computer) {
-        KVR_DISCARD(computer.Hardware().PowerOn(), "a boot without power comes to nothing");
-        std::vector<std::uint8_t> sector(512, 0x77);
-        KVR_DISCARD(computer.Hardware().Write(kSystemVolume, kSystemRegion, sector.data(), 512),
-                    "fails when the power does");
-    };
+    Scenario scenario{"merge", &start, {0, 1, 5}, false, {}, BootAndWrite, {}};
     scenario.check = [&](ProtectedComputer& computer, const CutPoint&) {
         ASSERT_NO_FATAL_FAILURE(merged.ExpectOthersUnchanged(start, computer));
         ExpectOwnOrWritten(MediumSectors(computer, 0, kSpan), writes);

@@ -14,11 +14,7 @@ class ProvisioningCrash : public testing::Test {
 protected:
     // Pieces with gaps: a sector beside the driver's own would be one of the gaps' stamps.
     static ComputerImage Configured() {
-        const auto computer = StampedComputer(SmallOptions(512 * kKiB, 64 * kKiB));
-        PowerOn(*computer);
-        EXPECT_EQ(STATUS_SUCCESS, computer->SetConfig({}));
-        computer->Hardware().Shutdown();
-        return computer->Capture();
+        return Reconfigured(StampedComputer(SmallOptions(512 * kKiB, 64 * kKiB))->Capture(), {});
     }
     // Storage whose map has a bad entry.
     static ComputerImage Damaged() {
@@ -36,11 +32,7 @@ protected:
 
     void Sweep(const char* name, const ComputerImage& start, std::function<void(ProtectedComputer&)> operate,
                unsigned least, bool makes = true) {
-        Scenario scenario;
-        scenario.name = name;
-        scenario.start = &start;
-        scenario.kept = {0, 8};
-        scenario.journaled = true;
+        Scenario scenario{name, &start, {0, 8}, true, {}, {}, {}};
         scenario.prepare = [&](ProtectedComputer& computer) {
             own = OwnSectors();
             own.Learn(computer);
@@ -76,21 +68,18 @@ protected:
 };
 
 TEST_F(ProvisioningCrash, WhileStorageIsMade) {
-    const ComputerImage start = Configured();
-    Sweep("provisioning", start, PowerOnAndProvision, 3 * 25);
+    Sweep("provisioning", Configured(), PowerOnAndProvision, 3 * 25);
 }
 
 TEST_F(ProvisioningCrash, WhileDamagedStorageIsMadeAnew) {
-    const ComputerImage start = Damaged();
-    Sweep("provisioning again", start, PowerOnAndProvision, 3 * 25);
+    Sweep("provisioning again", Damaged(), PowerOnAndProvision, 3 * 25);
 }
 
 TEST_F(ProvisioningCrash, WhileStorageIsRemoved) {
-    const ComputerImage start = Damaged();
     const auto remove = [](ProtectedComputer& computer) {
         EXPECT_EQ(STATUS_SUCCESS, computer.RemoveStorage());
     };
-    Sweep("removal", start, remove, 3 * 2, false);
+    Sweep("removal", Damaged(), remove, 3 * 2, false);
 }
 
 }  // namespace

@@ -110,12 +110,4 @@ TEST_F(Filtering, AVolumeBecomesProtectedAtItsFirstRequest) {
     EXPECT_TRUE(stack.volume->IsProtected);
 }
 
-TEST_F(Filtering, ARecordOutOfTheListMeetsTheFirstStageOnly) {
-    FilteredStack& stack = AddStarted();
-    stack.volume->IsProtected = TRUE;
-    UnlinkVolume(stack.volume);
-    Expect(stack, FSCTL_MOVE_FILE, STATUS_SUCCESS);
-    Expect(stack, IOCTL_DISK_SET_DRIVE_LAYOUT_EX, STATUS_MEDIA_WRITE_PROTECTED);
-}
-
 }  // namespace

@@ -2,9 +2,7 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "driver/pnp.h"
-#include "platform/host/injector.h"
 #include "platform/host/thread.h"
-#include "redirect/swap_file.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
 
@@ -49,31 +47,6 @@ TEST_F(Life, ExtentsAreNeverMoreThanWereReturned) {
     EXPECT_EQ(kMaxVolumeExtents, stack.volume->VolumeDiskExtents.NumberOfDiskExtents);
 }
 
-TEST_F(Life, TheNameIsThatOfTheFirstNamedDeviceBelow) {
-    stub::Device lower(
-        driver, [](PDEVICE_OBJECT, PIRP irp) { return stub::Complete(irp, STATUS_SUCCESS); }, nullptr,
-        u"\\Device\\Below");
-    stub::Device between(driver, stub::PassDown, lower.object);
-    ASSERT_EQ(STATUS_SUCCESS, host::AddDeviceToStack(kvr, lower.object));
-    PVOLUME_EXTENSION volume = VolumeOf(host::TopOfStack(lower.object));
-    EXPECT_EQ(between.object, volume->Target);
-    UNICODE_STRING name = Counted(u"\\Device\\Below");
-    EXPECT_EQ(0, CompareNames(&name, &volume->VolumeName, FALSE));
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(lower.object, IRP_MN_REMOVE_DEVICE));
-}
-
-TEST_F(Life, AFailedAttachmentLeavesNothing) {
-    const ULONG devices = host::DeviceCount() + 1;
-    for (const NTSTATUS expected : {STATUS_INSUFFICIENT_RESOURCES, STATUS_NO_SUCH_DEVICE}) {
-        stub::Device pdo(driver, [](PDEVICE_OBJECT, PIRP irp) { return stub::Complete(irp, STATUS_SUCCESS); });
-        host::FailCall(host::FaultBit(host::Fault::CreateDevice), expected == STATUS_NO_SUCH_DEVICE ? 2 : 1);
-        EXPECT_EQ(expected, host::AddDeviceToStack(kvr, pdo.object));
-        host::DisarmFaults();
-        EXPECT_EQ(devices, host::DeviceCount());
-    }
-    EXPECT_EQ(&gVolumeList, gVolumeList.Flink);
-}
-
 TEST_F(Life, RemovableVolumesAreShownReadOnlyOrHidden) {
     gTesselEnabled = TRUE;
     const StackOptions removable{.characteristics = FILE_REMOVABLE_MEDIA, .sectorSize = 4096};
@@ -106,10 +79,6 @@ TEST_F(Life, RemovableVolumesAreShownReadOnlyOrHidden) {
         EXPECT_EQ(c.invisible, stack.volume->IsInvisible != FALSE);
         EXPECT_EQ(512u, stack.volume->BytesPerSector);
     }
-    gTesselEnabled = FALSE;
-    FilteredStack& off = Add({.name = u"\\Device\\StickZ", .characteristics = FILE_REMOVABLE_MEDIA});
-    EXPECT_EQ(STATUS_SUCCESS, off.Start());
-    EXPECT_FALSE(off.volume->IsProtected || off.volume->IsInvisible);
 }
 
 TEST_F(Life, ANeededVolumeIsNotGivenUp) {
@@ -139,27 +108,6 @@ TEST_F(Life, ANeededVolumeIsNotGivenUp) {
     EXPECT_TRUE(refused());
     FreePool(stack.volume->MapLocation.exchange(nullptr));
     EXPECT_FALSE(refused());
-}
-
-TEST_F(Life, RemovalReleasesWhatHangsOnTheRecord) {
-    FilteredStack& stack = AddStarted();
-    UNICODE_STRING name = stack.volume->VolumeName;
-    const LARGE_INTEGER offset{.QuadPart = 0x100000};
-    ASSERT_EQ(STATUS_SUCCESS, AddSwapFreeChunk(stack.volume, &offset, 0x100000));
-    AddSwapMapChunk(stack.volume, 0x300000, 0x1000);
-    ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, stack.volume));
-    KeepBlock();  // the storage object stays, for a volume of that name
-    SWAP_FILE* storage = gSwapFileList;
-    ASSERT_EQ(stack.volume, storage->SwapVolume.load());
-    stacks.clear();
-    EXPECT_EQ(nullptr, storage->SwapVolume.load());
-    EXPECT_EQ(&gVolumeList, gVolumeList.Flink);
-
-    FilteredStack& again = AddStarted();
-    name = again.volume->VolumeName;
-    ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, again.volume));
-    EXPECT_EQ(storage, again.volume->SwapFile.load());
-    EXPECT_EQ(again.volume, storage->SwapVolume.load());
 }
 
 TEST_F(Life, RemovalWaitsForRequestsAndThreads) {

@@ -1,7 +1,6 @@
 // Faults while a computer boots and while disks come and go. A device may be left without its filter and a
 // volume without its storage; nothing leaks, the volume's own sectors stay as they are, and the next boot is
 // sound.
-#include "machine/partition_table.h"
 #include "driver/dispatch.h"
 #include "tests/exhaustion/fault_sweep.h"
 #include "thread.h"
@@ -121,16 +120,9 @@ TEST_F(BootFaults, TheThreadThatHoldsTheFiles) {
 
 // ---- plug and play ---------------------------------------------------------------------------------------
 
-// A small disk with one volume.
 std::shared_ptr<machine::MemoryDisk> NewDisk() {
-    auto disk = std::make_shared<machine::MemoryDisk>(4 * kMiB, 512);
-    std::vector<machine::NewPartition> partitions;
-    std::string error;
-    EXPECT_TRUE(machine::LayOutPartitions(disk->Size(), {0}, machine::TableKind::Mbr, partitions, error))
-        << error;
-    for (const machine::DiskPiece& piece : machine::MakeMbr(disk->Size(), 512, partitions, 1))
-        EXPECT_EQ(STATUS_SUCCESS, disk->Write(piece.offset, piece.bytes.data(), piece.bytes.size()));
-    return disk;
+    std::uint64_t offset = 0;
+    return OneVolumeDisk(4 * kMiB, 512, offset);
 }
 
 void ExpectOldVolumeWorks(ProtectedComputer& computer) {

@@ -97,15 +97,6 @@ PVOLUME_EXTENSION DataVolume(ProtectedComputer& computer) {
 
 // ---- computers -------------------------------------------------------------------------------------------
 
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
-    ComputerOptions options;
-    options.dataBytes = dataBytes;
-    options.storageBegin = 4 * kMiB;
-    options.piece = piece;
-    options.gap = gap;
-    return options;
-}
-
 namespace {
 
 void StampRegion(ProtectedComputer& computer) {
@@ -134,7 +125,7 @@ const ComputerImage& ProtectedImage() {
 }
 
 const ComputerImage& CoarseImage() {
-    static const ComputerImage image = MakeProtected(SmallOptions(256 * kKiB, 4 * kKiB, 32 * kMiB), kSwapBytes);
+    static const ComputerImage image = MakeProtected(SmallOptions(512 * kKiB, 4 * kKiB, 32 * kMiB), kSwapBytes);
     return image;
 }
 
@@ -147,21 +138,11 @@ const ComputerImage& UnconfiguredImage() {
     return image;
 }
 
-ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration) {
-    ProtectedComputer computer(image);
-    PowerOn(computer);
-    EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
-    computer.Hardware().Shutdown();
-    return computer.Capture();
-}
-
-void PowerOn(ProtectedComputer& computer) {
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().PowerOn());
-    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().DriverStatus());
-    host::JoinSystemThreads();
-}
-
 // ---- sectors ---------------------------------------------------------------------------------------------
+
+PDEVICE_OBJECT TopDevice(ProtectedComputer& computer) {
+    return host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device());
+}
 
 NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector,
                   std::vector<std::uint8_t>& data) {
@@ -171,8 +152,7 @@ NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector
     request.offset = static_cast<LONGLONG>(kRegion + sector * kSector);
     request.buffer = data.data();
     request.length = static_cast<ULONG>(data.size());
-    return host::Send(host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device()), request)
-        .status;
+    return host::Send(TopDevice(computer), request).status;
 }
 
 NTSTATUS WriteStamps(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count,

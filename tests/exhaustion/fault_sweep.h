@@ -45,14 +45,9 @@ void ExpectSound(const char* when);
 PVOLUME_EXTENSION DataVolume(ProtectedComputer& computer);
 
 // ---- a protected computer, its map in small pieces, and its first sectors ---------------------------------
-inline constexpr std::uint64_t kRegion = 1 * kMiB;
 inline constexpr std::uint64_t kSectors = 1024;  // of the region that are looked at
-inline constexpr std::uint64_t kSwapBytes = 10 * kMiB;
 
-// The stamp of a sector before anything was redirected, and of the sectors that the image has redirected.
-inline std::uint64_t FixedStamp(std::uint64_t sector) {
-    return 5'000'000 + sector;
-}
+// The stamp of the sectors that the image has redirected.
 inline std::uint64_t KeptStamp(std::uint64_t sector) {
     return 6'000'000 + sector;
 }
@@ -61,14 +56,13 @@ inline bool IsKept(std::uint64_t sector) {
 }
 
 // Sectors 100 to 115 and 132 to 147 redirected and saved in the map.
-const ComputerImage& ProtectedImage();  // keeps its redirections
-const ComputerImage& CoarseImage();     // the same with fewer, larger pieces
-ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration);
+const ComputerImage& ProtectedImage();     // keeps its redirections
+const ComputerImage& CoarseImage();        // the same with fewer, larger pieces
 const ComputerImage& UnconfiguredImage();  // stamped, nothing else
 ComputerImage MakeProtected(const ComputerOptions& options, std::uint64_t swapBytes);
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes);
 
-void PowerOn(ProtectedComputer& computer);
+// What requests to the data volume are sent to.
+PDEVICE_OBJECT TopDevice(ProtectedComputer& computer);
 // A raw request whose pages the driver has to lock.
 NTSTATUS Transfer(ProtectedComputer& computer, UCHAR major, std::uint64_t sector,
                   std::vector<std::uint8_t>& data);

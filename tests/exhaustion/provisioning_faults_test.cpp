@@ -7,6 +7,11 @@ namespace {
 
 using namespace exhaustion;
 
+// Two blocks of 1 MiB: each further one would repeat the second's calls.
+void MakeStorage(ProtectedComputer& computer) {
+    KVR_DISCARD(computer.Provision(2 * kMiB), "the thread may not even start");
+}
+
 class ProvisioningFaults : public testing::Test {
 protected:
     static ComputerImage Configured() { return Reconfigured(UnconfiguredImage(), {}); }
@@ -68,27 +73,18 @@ protected:
 };
 
 TEST_F(ProvisioningFaults, MakingTheStorage) {
-    const ComputerImage image = Configured();
-    const auto provision = [](ProtectedComputer& computer) {
-        KVR_DISCARD(computer.Provision(kSwapBytes), "the thread may not even start");
-    };
-    SweepThread("provisioning", image, provision, true, 60);
+    SweepThread("provisioning", Configured(), MakeStorage, true, 60);
 }
 
 TEST_F(ProvisioningFaults, MakingTheStorageAnew) {
-    const ComputerImage image = WithStorage();
-    const auto provision = [](ProtectedComputer& computer) {
-        KVR_DISCARD(computer.Provision(kSwapBytes), "the thread may not even start");
-    };
-    SweepThread("provisioning again", image, provision, false, 60);
+    SweepThread("provisioning again", WithStorage(), MakeStorage, false, 60);
 }
 
 TEST_F(ProvisioningFaults, RemovingTheStorage) {
-    const ComputerImage image = WithStorage();
     const auto remove = [](ProtectedComputer& computer) {
         KVR_DISCARD(computer.RemoveStorage(), "the thread may not even start");
     };
-    SweepThread("removal", image, remove, false, 5);
+    SweepThread("removal", WithStorage(), remove, false, 5);
 }
 
 }  // namespace

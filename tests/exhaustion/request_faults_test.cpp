@@ -25,14 +25,14 @@ std::uint64_t Before(std::uint64_t sector) {
     return IsKept(sector) ? KeptStamp(sector) : FixedStamp(sector);
 }
 
+void Start(ProtectedComputer& computer) {
+    PowerOn(computer);
+    // The first write of a boot saves the map; that is a scenario of its own.
+    EXPECT_EQ(STATUS_SUCCESS, WriteStamps(computer, 1000, 1, FixedStamp(1000)));
+}
+
 class RequestFaults : public testing::Test {
 protected:
-    static void Start(ProtectedComputer& computer) {
-        PowerOn(computer);
-        // The first write of a boot saves the map; that is a scenario of its own.
-        EXPECT_EQ(STATUS_SUCCESS, WriteStamps(computer, 1000, 1, FixedStamp(1000)));
-    }
-
     static std::int64_t SwapTotal(ProtectedComputer& computer) { return computer.Status().SwapTotalBytes; }
 
     void SweepWrite(const char* name, Range range, unsigned least,
@@ -76,23 +76,11 @@ protected:
     }
 };
 
-TEST_F(RequestFaults, FirstWrite) {
+TEST_F(RequestFaults, Writes) {
     SweepWrite("first write", {200, 8}, 8);
-}
-
-TEST_F(RequestFaults, FirstWriteThatTakesSeveralFreeChunks) {
     SweepWrite("first write over several chunks", {200, 160}, 30);
-}
-
-TEST_F(RequestFaults, Overwrite) {
     SweepWrite("overwrite", {102, 8}, 5);
-}
-
-TEST_F(RequestFaults, WriteOverSeveralRuns) {
     SweepWrite("write over several runs", {90, 100}, 20);
-}
-
-TEST_F(RequestFaults, WriteThatSavesTheMap) {
     SweepWrite("write with a map save", {200, 8}, 10, PowerOn);
 }
 
@@ -119,8 +107,7 @@ constexpr Range kQueued{400, 16}, kLater{500, 16};
 
 // A write waits in the queue for want of space.
 void StartWithQueue(ProtectedComputer& computer) {
-    PowerOn(computer);
-    EXPECT_EQ(STATUS_SUCCESS, WriteStamps(computer, 1000, 1, FixedStamp(1000)));
+    Start(computer);
     PVOLUME_EXTENSION volume = DataVolume(computer);
     ASSERT_TRUE(volume && volume->SwapFile);
     std::vector<std::uint8_t> data(kQueued.count * 512);
@@ -197,11 +184,7 @@ TEST_F(RequestFaults, ShutdownWithMapSave) {
                   WriteStamps(computer, written.first, written.count, kNewStamp + written.first));
     };
     scenario.operate = [](ProtectedComputer& computer) {
-        const PDEVICE_OBJECT top =
-            host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device());
-        host::Request request;
-        request.major = IRP_MJ_SHUTDOWN;
-        EXPECT_EQ(STATUS_SUCCESS, host::Send(top, request).status);
+        EXPECT_EQ(STATUS_SUCCESS, host::Send(TopDevice(computer), {.major = IRP_MJ_SHUTDOWN}).status);
     };
     scenario.verify = [&](ProtectedComputer& computer, const Injected& injected) {
         computer.Hardware().Shutdown();
@@ -218,54 +201,41 @@ TEST_F(RequestFaults, ShutdownWithMapSave) {
 
 // ---- device control --------------------------------------------------------------------------------------
 
-TEST_F(RequestFaults, DeviceControlOfTheFilter) {
+TEST_F(RequestFaults, DeviceControl) {
     Scenario scenario{"device control", &ProtectedImage(), Start, {}, {}};
     std::vector<NTSTATUS> answers, expected;
     scenario.operate = [&](ProtectedComputer& computer) {
-        const PDEVICE_OBJECT top =
-            host::TopOfStack(computer.Hardware().VolumeOf(kDataVolume)->device->Device());
-        std::vector<std::uint8_t> output(1024);
+        std::vector<std::uint8_t> output(KVR_CONFIG_BYTES);
         SCSI_PASS_THROUGH command{};
         command.Cdb[0] = 0x2A;
         answers.clear();
         for (const ULONG code : {IOCTL_DISK_IS_WRITABLE, IOCTL_DISK_GET_DRIVE_LAYOUT,
                                  IOCTL_DISK_SET_DRIVE_LAYOUT, IOCTL_DISK_GROW_PARTITION, FSCTL_MOVE_FILE,
                                  IOCTL_SCSI_PASS_THROUGH, IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS})
-            answers.push_back(host::SendControl(top, {.code = code,
-                                                      .input = &command,
-                                                      .inputLength = sizeof(command),
-                                                      .output = output.data(),
-                                                      .outputLength = 1024})
+            answers.push_back(host::SendControl(TopDevice(computer), {.code = code,
+                                                                      .input = &command,
+                                                                      .inputLength = sizeof(command),
+                                                                      .output = output.data(),
+                                                                      .outputLength = 1024})
                                   .status);
-    };
-    scenario.verify = [&](ProtectedComputer&, const Injected&) {
-        if (expected.empty()) expected = answers;
-        EXPECT_EQ(expected, answers) << "a refusal does not depend on memory";
-    };
-    Sweep(scenario);
-    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, expected.at(2));
-    EXPECT_EQ(STATUS_ACCESS_DENIED, expected.at(5));
-}
-
-TEST_F(RequestFaults, ControlDevice) {
-    Scenario scenario{"control device", &ProtectedImage(), Start, {}, {}};
-    scenario.operate = [](ProtectedComputer& computer) {
-        std::vector<std::uint8_t> output(KVR_CONFIG_BYTES);
         for (const ULONG code : {IOCTL_KVR_GET_CONFIG, IOCTL_KVR_GET_FIXED_VOLUMES,
                                  IOCTL_KVR_GET_REMOVABLE_VOLUMES, IOCTL_KVR_DEBUG, IOCTL_KVR_STOP_SWAP_THREAD})
             KVR_DISCARD(computer.Control(code, nullptr, 0, output.data(), KVR_CONFIG_BYTES),
                         "any status will do");
-        ULONG enabled = 0;
-        KVR_DISCARD(computer.Control(IOCTL_KVR_GET_ENABLED, nullptr, 0, &enabled, sizeof(enabled)), "likewise");
+        KVR_DISCARD(computer.Control(IOCTL_KVR_GET_ENABLED, nullptr, 0, output.data(), 4), "likewise");
         // Refused while the volume is protected.
         EXPECT_FALSE(NT_SUCCESS(computer.Provision(kSwapBytes)));
         EXPECT_FALSE(NT_SUCCESS(computer.RemoveStorage()));
     };
-    scenario.verify = [](ProtectedComputer& computer, const Injected&) {
+    scenario.verify = [&](ProtectedComputer& computer, const Injected&) {
+        if (expected.empty()) expected = answers;
+        EXPECT_EQ(expected, answers) << "a refusal does not depend on memory";
         EXPECT_EQ(Configuration{.bootMode = 1}.Text(), computer.GetConfig());
         EXPECT_EQ(2u, computer.Status().State);
     };
     EXPECT_GE(Sweep(scenario), 2u);
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, expected.at(2));
+    EXPECT_EQ(STATUS_ACCESS_DENIED, expected.at(5));
 }
 
 // Written, or not written: a failed request leaves no text in pieces behind that differ otherwise.

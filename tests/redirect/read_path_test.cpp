@@ -50,34 +50,4 @@ TEST_F(ReadPath, StorageAndPagingFilesAreReadFromTheVolume) {
     EXPECT_EQ(7, Byte()) << "no file is not the paging file";
 }
 
-TEST_F(ReadPath, ChangedMediumDropsEveryRedirection) {
-    PVOLUME_EXTENSION stick =
-        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
-    gTesselEnabled = gRVProtect = TRUE;
-    stick->SwapMapLoaded = TRUE;  // so that its reads are served as redirected ones
-    LARGE_INTEGER offset = {};
-    AddFree(stick, kSwapStart, 64 * 0x100000);
-    PENDING_CHUNK* chain = nullptr;
-    EXPECT_EQ(STATUS_SUCCESS, LockFreeChunks(stick, &offset, 0x1000, &chain, nullptr));
-    EXPECT_EQ(STATUS_SUCCESS, CommitChunks(stick, chain, 0));
-    std::vector<UCHAR> data(512);
-    memories.back()->verdict = [](const auto&) { return STATUS_VERIFY_REQUIRED; };
-    EXPECT_EQ(STATUS_VERIFY_REQUIRED, Send(stick, IRP_MJ_READ, 0x100000, data).status);
-    EXPECT_EQ(0u, UsedBytes(stick));
-}
-
-TEST_F(ReadPath, FirstReadOfAVolumeWithoutConfigurationStartsItsThread) {
-    volume->ArmThreadHandle = nullptr;
-    host::ThreadGate gate;
-    volume->PreloadConfigLocation[0] = 0x8000;
-    Byte();
-    EXPECT_EQ(0u, gate.Held());
-    volume->PreloadConfigLocation[0] = 0;
-    Byte();
-    Byte();
-    EXPECT_EQ(1u, gate.Held());
-    gate.ReleaseAll();
-    host::JoinSystemThreads();
-}
-
 }  // namespace

@@ -1,4 +1,3 @@
-#include "platform/host/pool.h"
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
 #include "tests/redirect/redirect_fixture.h"
@@ -84,31 +83,6 @@ TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
     }
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
     EXPECT_EQ(data, ReadBack(0, 0x1000));
-}
-
-TEST_F(WriteCache, RequestThatCannotBeQueuedFailsAndLeavesNothing) {
-    Queue(0, 0x1000, 1);
-    swapFile->ulFreeBytes = 0;
-    const auto blocks = host::PoolUsage(kPoolTag).blocks;
-    std::vector<UCHAR> data(0x1000, 9);
-    host::Request request;
-    request.major = IRP_MJ_WRITE;
-    request.length = 0x1000;
-    request.buffer = data.data();
-    request.pages = host::Pages::Bad;
-    host::Outcome outcome = host::Send(volume->FilterDevice, request);
-    EXPECT_EQ(STATUS_ACCESS_VIOLATION, outcome.status);
-    EXPECT_EQ(0u, outcome.information);
-    request.pages = host::Pages::Locked;
-    for (const host::Fault fault : {host::Fault::Allocate, host::Fault::MapPages}) {
-        for (ULONGLONG call = 1; call <= (fault == host::Fault::Allocate ? 2u : 1u); ++call) {
-            host::FailCall(host::FaultBit(fault), call);
-            outcome = host::Send(volume->FilterDevice, request);
-            host::DisarmFaults();
-            EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, outcome.status);
-        }
-    }
-    EXPECT_EQ(blocks, host::PoolUsage(kPoolTag).blocks);
 }
 
 TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {

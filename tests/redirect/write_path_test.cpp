@@ -1,4 +1,3 @@
-#include "config/storage.h"
 #include "platform/host/clock.h"
 #include "platform/owners.h"
 #include "redirect/redirect.h"
@@ -27,10 +26,6 @@ protected:
         FastMutexLock lock(volume->SwapLock);
         TREE_NODE* node = tree_find(&volume->SwappedChunks, &at);
         return node ? static_cast<SWAPPED_CHUNK*>(node->Record)->bVolatile : 99;
-    }
-    bool HasMapRuns() {
-        FastMutexLock lock(volume->SwapLock);
-        return volume->MapFileChunks.Root != &TreeNil;
     }
     LONGLONG Captured(ULONG slot) {
         FastMutexLock lock(volume->SwapLock);
@@ -101,19 +96,6 @@ TEST_F(WritePath, SystemHiveIsRedirectedForThisBootOnly) {
     }
 }
 
-TEST_F(WritePath, StorageBeingMadeIsCaptured) {
-    volume->SwapAllocating = TRUE;
-    EXPECT_EQ(Fate::Passed, FateOf(u"\\kvr.swp.03"));
-    EXPECT_EQ(512u, FreeBytes(volume));
-    EXPECT_EQ(Fate::Passed, FateOf(u"\\kvr.map"));
-    EXPECT_TRUE(HasMapRuns());
-    device->verdict = [](const auto&) { return STATUS_IO_DEVICE_ERROR; };
-    TestFile file(u"\\kvr.swp");
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Write(volume, kAt, std::vector<UCHAR>(512), &file.object).status);
-    device->verdict = nullptr;
-    EXPECT_EQ(512u, FreeBytes(volume)) << "a write that failed shows nothing";
-}
-
 TEST_F(WritePath, ConfigurationIsCapturedEvenOnAProtectedVolumeUntilItsPlaceIsKnown) {
     Protect();
     const char16_t* name = u"\\Windows\\System32\\Drivers\\KVR.cfg";
@@ -181,39 +163,12 @@ TEST_F(WritePath, MapIsSavedAtMostEveryThirtySeconds) {
     host::FollowRealClock();
 }
 
-TEST_F(WritePath, WithoutAStorageObjectOrWhileTheConfigurationLoadsWritesPass) {
+TEST_F(WritePath, WhileTheConfigurationLoadsWritesPass) {
     Protect();
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
-    EXPECT_EQ(Fate::Passed, FateOf(u"\\file"));
-    host::DisarmFaults();
     ++gConfigureBusy;
     EXPECT_EQ(Fate::Passed, FateOf(u"\\file")) << "half a configuration protects nothing";
     --gConfigureBusy;
     EXPECT_EQ(Fate::Redirected, FateOf(u"\\file"));
-}
-
-TEST_F(WritePath, ArmThreadIsStartedOnce) {
-    volume->ArmThreadHandle = nullptr;
-    Protect();
-    host::ThreadGate gate;
-    FateOf(static_cast<PFILE_OBJECT>(nullptr));
-    EXPECT_EQ(0u, gate.Held()) << "not for a request without a file";
-    FateOf(u"\\file");
-    FateOf(u"\\file");
-    EXPECT_EQ(1u, gate.Held());
-    EXPECT_EQ(0, volume->ArmThreadStarting);
-    gate.ReleaseAll();
-    host::JoinSystemThreads();
-}
-
-TEST_F(WritePath, RecordThatIsBeingRemovedTakesNothing) {
-    Protect();
-    EXPECT_EQ(STATUS_SUCCESS, IoAcquireRemoveLock(&volume->RemoveLock, this));
-    IoReleaseRemoveLockAndWait(&volume->RemoveLock, this);
-    EXPECT_EQ(STATUS_DELETE_PENDING, Write(volume, kAt, std::vector<UCHAR>(512)).status);
-    std::vector<UCHAR> data(512);
-    EXPECT_EQ(STATUS_DELETE_PENDING, Send(volume, IRP_MJ_READ, kAt, data).status);
-    IoInitializeRemoveLock(&volume->RemoveLock, kPoolTag, 0, 0);
 }
 
 }  // namespace

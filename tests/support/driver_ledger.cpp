@@ -13,6 +13,11 @@ namespace support {
 
 namespace {
 
+struct DriverLedger {
+    ULONGLONG poolBlocks = 0;  // tree nodes and records, locations, queued writes, objects of the lists
+    ULONGLONG handles = 0;     // held files and threads
+};
+
 // A node and its record each.
 ULONGLONG BlocksOf(TREE* tree) {
     ULONGLONG blocks = 0;
@@ -55,8 +60,6 @@ std::string Differs(const char* what, ULONGLONG held, ULONGLONG outstanding) {
            std::to_string(held);
 }
 
-}  // namespace
-
 DriverLedger CountDriverHoldings() {
     DriverLedger ledger;
     AddVolumes(ledger);
@@ -66,6 +69,8 @@ DriverLedger CountDriverHoldings() {
     ledger.handles += gDriverFileHandle != nullptr;
     return ledger;
 }
+
+}  // namespace
 
 std::string CheckLedger() {
     const DriverLedger ledger = CountDriverHoldings();

@@ -45,7 +45,6 @@ public:
     void FailRange(UCHAR major, LONGLONG from, LONGLONG to, NTSTATUS status) {
         fail_ = {major, from, to, status};
     }
-    void FailNothing() { fail_ = {}; }
     void PendAlways(bool pend) { pend_ = pend; }
     // Called before each transfer, on the thread that sends it.
     void Before(std::function<void(const Transfer&)> hook) { before_ = std::move(hook); }

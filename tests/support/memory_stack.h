@@ -3,30 +3,9 @@
 #include <cstring>
 #include "config/storage.h"
 #include "platform/host/injector.h"
-#include "platform/host/registry_store.h"
 #include "redirect/swap_file.h"
 #include "tests/support/loaded_driver.h"
-
-class MemoryRegistry : public host::RegistryStore {
-public:
-    NTSTATUS CreateKey(const std::u16string&) override { return STATUS_SUCCESS; }
-    NTSTATUS Query(const std::u16string&, const std::u16string& name, host::RegistryValue& value) override {
-        const auto found = values.find(name);
-        if (found == values.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
-        value = found->second;
-        return STATUS_SUCCESS;
-    }
-    NTSTATUS Set(const std::u16string&, const std::u16string& name, const host::RegistryValue& value) override {
-        values[name] = value;
-        return STATUS_SUCCESS;
-    }
-    NTSTATUS Delete(const std::u16string&, const std::u16string& name) override {
-        return values.erase(name) != 0 ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    NTSTATUS Flush() override { return STATUS_SUCCESS; }
-
-    std::map<std::u16string, host::RegistryValue> values;
-};
+#include "tests/support/memory_registry.h"
 
 // Answers a stack's reads and writes from memory and remembers them.
 class StackMemory {
@@ -141,7 +120,7 @@ protected:
         return std::memcmp(&device->data[offset], data.data(), data.size()) == 0;
     }
 
-    MemoryRegistry registry;
+    support::MemoryRegistry registry;
     std::vector<std::unique_ptr<StackMemory>> memories;
     StackMemory* device = nullptr;
     PVOLUME_EXTENSION volume = nullptr;

@@ -26,7 +26,12 @@ std::uint64_t VolumeOffset(std::uint64_t bytes) {
     return OnePartition(bytes).at(0).offset;
 }
 
-// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
+std::u16string Number(int value) {
+    return std::u16string(1, static_cast<char16_t>(u'0' + value));
+}
+
+}  // namespace
+
 std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector, std::uint64_t& offset) {
     auto disk = std::make_shared<MemoryDisk>(bytes, sector);
     const std::vector<NewPartition> partitions = OnePartition(bytes);
@@ -36,18 +41,35 @@ std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sec
     return disk;
 }
 
-std::u16string Number(int value) {
-    return std::u16string(1, static_cast<char16_t>(u'0' + value));
-}
-
-}  // namespace
-
 std::u16string Configuration::Text() const {
     std::u16string text = u"[Global]\r\nProtection=" + Number(protection) + u"\r\n\r\n[FV data]\r\nID=";
     text += kDataName;
     text += u"\r\nProtectionMode=" + Number(protectData) + u"\r\nBootMode=" + Number(bootMode) + u"\r\n";
     if (!discardDate.empty()) text += u"NextDiscardTS=" + discardDate + u"\r\n";
     return text + u"BootAction=" + Number(bootAction) + u"\r\n" + extra;
+}
+
+ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
+    ComputerOptions options;
+    options.dataBytes = dataBytes;
+    options.storageBegin = 8 * kMiB;
+    options.piece = piece;
+    options.gap = gap;
+    return options;
+}
+
+void PowerOn(ProtectedComputer& computer) {
+    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().PowerOn());
+    ASSERT_EQ(STATUS_SUCCESS, computer.Hardware().DriverStatus());
+    host::JoinSystemThreads();
+}
+
+ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration) {
+    ProtectedComputer computer(image);
+    PowerOn(computer);
+    EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
+    computer.Hardware().Shutdown();
+    return computer.Capture();
 }
 
 SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes) {

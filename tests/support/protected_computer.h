@@ -14,6 +14,9 @@ namespace support {
 
 inline constexpr std::uint64_t kKiB = 1024;
 inline constexpr std::uint64_t kMiB = 1024 * kKiB;
+// The data volume's region for the tests' own writes, and a storage that is just large enough to take them.
+inline constexpr std::uint64_t kRegion = 1 * kMiB;
+inline constexpr std::uint64_t kSwapBytes = 10 * kMiB;
 inline constexpr unsigned kSystemVolume = 1;
 inline constexpr unsigned kDataVolume = 2;
 inline constexpr char16_t kControlDevice[] = u"\\Device\\kvr";
@@ -41,6 +44,7 @@ struct ComputerOptions {
     std::uint64_t piece = 0;
     std::uint64_t gap = 0;
 };
+ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
 
 // What a computer keeps while its power is off. Many computers can be made from one image, each with disks of
 // its own that share what none of them writes.
@@ -93,6 +97,14 @@ private:
     std::uint64_t systemOffset_ = 0, dataOffset_ = 0;
     std::unique_ptr<machine::Machine> machine_;
 };
+
+void PowerOn(ProtectedComputer& computer);  // and waits for what the boot started
+
+// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
+std::shared_ptr<machine::MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector,
+                                                   std::uint64_t& offset);
+// The same computer with another configuration for its next boot.
+ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration);
 
 // The request of the provisioning codes.
 SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes);

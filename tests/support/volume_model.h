@@ -18,6 +18,11 @@ inline void FillSector(void* to, std::uint32_t sectorSize, std::uint64_t stamp) 
     }
 }
 
+// The stamp of a region's sector before anything was written there.
+inline std::uint64_t FixedStamp(std::uint64_t sector) {
+    return 5'000'000 + sector;
+}
+
 inline bool SectorHolds(const void* data, std::uint32_t sectorSize, std::uint64_t stamp) {
     std::vector<std::uint8_t> expected(sectorSize);
     FillSector(expected.data(), sectorSize, stamp);

@@ -72,31 +72,8 @@ TEST_F(MapBoot, LocationIsStoredSortedAndReadBack) {
     ASSERT_EQ(registry_.values[kName].data.size(), 24u);
     EXPECT_EQ(std::memcmp(registry_.values[kName].data.data(), words.data(), 24), 0);
     EXPECT_EQ(std::memcmp(v->MapLocation, words.data(), 24), 0);
-    PostloadSwapMap(v);  // an earlier array is released
     EXPECT_EQ(RegDelMapLocation(v), STATUS_SUCCESS);
     EXPECT_TRUE(registry_.flushed) << "a location must not outlive its file";
-    MAP_LOCATION_ENTRY* location = nullptr;
-    ULONG length = 1;
-    EXPECT_EQ(RegGetMapLocation(v, &location, &length), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(length, 0u);
-    EXPECT_EQ(RegSetMapLocation(v, nullptr, 8), STATUS_INVALID_PARAMETER);
-    v->VolumeName.Length = 0;
-    EXPECT_EQ(RegDelMapLocation(v), STATUS_INVALID_PARAMETER);
-}
-
-TEST_F(MapBoot, ActionNoneKeepsTheRedirections) {
-    SaveMap();
-    EnsureSwapMapLoaded(v);
-    EXPECT_TRUE(v->SwapMapLoaded);
-    EXPECT_EQ(Used(), 8 * S);
-    EXPECT_TRUE(Said("Kvr!PreloadSwapMap: storage s1 + f62"));
-    EXPECT_EQ(disk_->TakeTransfers(),
-              (std::vector<Transfer>{{IRP_MJ_READ, kMap, 4096}, {IRP_MJ_READ, kMap + 4096, 4096}}));
-    EnsureSwapMapLoaded(v);  // once
-    EXPECT_TRUE(disk_->TakeTransfers().empty());
-    v->SwapFile = &swapFile_;
-    swapFile_.ulFreeBytes = static_cast<ULONG>(Free());
-    EXPECT_EQ(Read(100 * S, 8 * S), data_);
 }
 
 TEST_F(MapBoot, DiscardAndSwitchedOffGiveUpTheRedirections) {
@@ -147,12 +124,6 @@ TEST_F(MapBoot, WithoutALocationAProtectedVolumeIsLetGo) {
         EXPECT_EQ(v->SwapState, kSwapNoLocation);
         EXPECT_EQ(v->MapLocation, nullptr);
     }
-    v->IsProtected = FALSE;
-    v->SwapState = kSwapUsable;
-    registry_.values.clear();
-    v->SwapMapLoaded = FALSE;
-    EnsureSwapMapLoaded(v);
-    EXPECT_EQ(v->SwapState, kSwapUsable) << "an unprotected volume without storage is in order";
 }
 
 TEST_F(MapBoot, AMapWithAnyErrorIsDroppedWholeAndNeverSaved) {
@@ -186,79 +157,18 @@ TEST_F(MapBoot, AMapWithAnyErrorIsDroppedWholeAndNeverSaved) {
     EXPECT_TRUE(Said("Kvr!PreloadSwapMap: storage contains errors!"));
 }
 
-TEST_F(MapBoot, ARunThatCannotBeReadIsSkipped) {
+TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndOneAtTheBootSectorIsNoMap) {
     SaveMap();
     SetLocation({{kMap / S + 1000, 4096}, {kMap / S, 0xFFFFFFF0}, {kMap / S, 4096}, {kMap / S + 8, 4096}});
     disk_->FailRange(IRP_MJ_READ, kMap + 1000 * S, kMap + 1001 * S, STATUS_IO_DEVICE_ERROR);
     host::SetPoolLimit(64 << 20);
     EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    EXPECT_EQ(Used(), 8 * S);
-    disk_->FailRange(IRP_MJ_READ, 0, kSwap, STATUS_IO_DEVICE_ERROR);
-    ResetSwapMaps(filter_);
-    EXPECT_EQ(PreloadSwapMap(filter_), STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(v->SwapState, kSwapUsable);
     host::SetPoolLimit(host::NoPoolLimit);
-    disk_->FailNothing();
-    // A run at the boot sector is no map; one without room for an entry ends it.
+    EXPECT_EQ(Used(), 8 * S);
+    ResetSwapMaps(filter_);
     SetLocation({{0, 4096}});
     EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
     EXPECT_EQ(v->SwapState, kSwapMapBad);
-    v->SwapState = kSwapUsable;
-    SetLocation({{kMap / S, 11}, {kMap / S, 4096}});
-    EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    EXPECT_EQ(Used(), 0u);
-}
-
-TEST_F(MapBoot, StorageThatIsNotHeldDoesNotEndAProtectionThatHasBegun) {
-    SaveMap();
-    v->SwapState = kSwapFilesNotHeld;
-    EnsureSwapMapLoaded(v);
-    EXPECT_TRUE(v->IsProtected);
-    EXPECT_EQ(v->SwapState, kSwapFilesNotHeld);
-    EXPECT_EQ(Used(), 8 * S);
-    EXPECT_TRUE(MapHoldsRedirection()) << "its map is no longer saved";
-}
-
-TEST_F(MapBoot, IsLoadedOnlyWhenDue) {
-    SaveMap();
-    const auto due = [&] {
-        EnsureSwapMapLoaded(v);
-        return v->SwapMapLoaded.exchange(FALSE) != 0;
-    };
-    gConfigLoaded = FALSE;
-    EXPECT_FALSE(due());
-    gConfigLoaded = TRUE;
-    v->SwapAllocating = TRUE;
-    EXPECT_FALSE(due());
-    v->SwapAllocating = FALSE;
-    v->MediaType = RemovableMedia;
-    EXPECT_FALSE(due());
-    v->MediaType = FixedMedia;
-    gTesselEnabled = FALSE;  // plays no part
-    EXPECT_TRUE(due());
-}
-
-TEST_F(MapBoot, EveryFailureOfALoadIsSurvived) {
-    SaveMap();
-    v->BootAction = PV_ACTION_MERGE;
-    const auto map = OnDisk(kMap, 8192);
-    bool more = true;
-    for (ULONGLONG n = 1; more; ++n) {
-        ASSERT_LT(n, 2000u);
-        ResetSwapMaps(filter_);
-        std::ranges::copy(map, disk_->At(kMap));
-        v->SwapMapLoaded = FALSE;
-        v->SwapState = kSwapUsable;
-        v->IsProtected = TRUE;
-        host::FailCall(host::FaultsOf({host::Fault::Allocate, host::Fault::BuildRequest, host::Fault::Registry,
-                                       host::Fault::AllocateMdl}),
-                       n);
-        EnsureSwapMapLoaded(v);
-        more = host::FaultsInjected() != 0;
-        host::DisarmFaults();
-        ASSERT_TRUE(v->SwapMapLoaded);
-        ASSERT_EQ(CheckMaps(v), "") << n;
-    }
 }
 
 }  // namespace

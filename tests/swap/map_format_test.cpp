@@ -85,29 +85,6 @@ TEST_F(MapFormat, WhatIsSavedIsLoadedAcrossRuns) {
     EXPECT_NE(GetSwapRunLength(v, 40 * S), 0u);
 }
 
-TEST_F(MapFormat, SavesOnlyWhatIsDueAndWhereItMay) {
-    Locate({{kMap / S, 512}});
-    Redirect(0, kSwap, S);
-    disk_->TakeTransfers();
-    v->SwapState = kSwapMapBad;
-    WriteSwapMap(filter_, TRUE);
-    v->SwapState = kSwapUsable;
-    v->SwapFile = nullptr;
-    WriteSwapMap(filter_, FALSE);  // neither storage attached nor made
-    EXPECT_FALSE(Said("Saved"));
-    EXPECT_TRUE(disk_->TakeTransfers().empty());
-    WriteSwapMap(filter_, TRUE);
-    EXPECT_EQ(disk_->TakeTransfers().size(), 1u);
-    v->SwapFile = &swapFile_;
-    WriteSwapMap(filter_, FALSE);  // nothing changed
-    EXPECT_TRUE(disk_->TakeTransfers().empty());
-    v->MapDirty = TRUE;
-    v->BytesPerSector = 0;
-    WriteSwapMap(filter_, FALSE);
-    v->BytesPerSector = S;
-    EXPECT_TRUE(disk_->TakeTransfers().empty());
-}
-
 TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
     for (int i = 0; i < 50; ++i) Redirect(i * 4 * S, kSwap + i * S, S);
     const auto before = disk_->Copy();
@@ -120,11 +97,6 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
         host::SetPoolLimit(host::NoPoolLimit);
         EXPECT_TRUE(disk_->Copy() == before);
     }
-    auto* odd = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(8));
-    PublishMapLocation(v, odd, 7);  // no whole run
-    v->MapDirty = TRUE;
-    WriteSwapMap(filter_, FALSE);
-    EXPECT_TRUE(disk_->Copy() == before);
     // More entries than slots: the map is cut, and a sector-0 run behind it is left alone.
     Locate({{kMap / S, 512}, {0, 512}});
     v->MapDirty = TRUE;
@@ -136,23 +108,6 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
     ResetSwapMaps(filter_);
     EXPECT_EQ(LoadFromDisk(kMap, 512), STATUS_SUCCESS);
     EXPECT_EQ(Used(), 42 * S);
-}
-
-TEST_F(MapFormat, ASaveWithoutMemoryEndsTheMapWhereItStopsAndIsTriedAgain) {
-    for (int i = 0; i < 80; ++i) Redirect(i * 4 * S, kSwap + i * S, S);
-    Locate({{kMap / S, 512}, {kMap / S + 1, 2048}, {kMap / S + 9, 512}});
-    WriteSwapMap(filter_, FALSE);
-    ASSERT_FALSE(IsZero(kMap + S, 2048));
-    v->MapDirty = TRUE;
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 2);  // the second run's buffer
-    WriteSwapMap(filter_, FALSE);
-    host::DisarmFaults();
-    EXPECT_TRUE(v->MapDirty);
-    EXPECT_TRUE(IsZero(kMap + S, 2048))
-        << "an older map behind the first run must not be read as this one's end";
-    WriteSwapMap(filter_, FALSE);
-    EXPECT_FALSE(v->MapDirty);
-    EXPECT_FALSE(IsZero(kMap + S, 512));
 }
 
 TEST_F(MapFormat, TheReaderTrustsNothing) {
@@ -174,14 +129,6 @@ TEST_F(MapFormat, TheReaderTrustsNothing) {
     const std::vector<std::uint8_t> bytes(11, 0xFF);
     for (ULONG length = 0; length < 12; ++length) EXPECT_EQ(Load(bytes.data(), length), STATUS_END_OF_FILE);
     EXPECT_EQ(LoadEntries({Entry(7, 7, 1), Entry(9, 0, 1)}), STATUS_END_OF_FILE);  // empty slots
-    for (ULONGLONG n = 1; n <= 4; ++n) {
-        ResetSwapMaps(filter_);
-        host::FailCall(host::FaultBit(host::Fault::Allocate), n + 1);  // behind the test's own buffer
-        const NTSTATUS status = LoadEntries({Entry(5, sector, 4), Entry(kFreeSpaceMark, sector + 20, 2)});
-        host::DisarmFaults();
-        EXPECT_EQ(status, n % 2 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_UNSUCCESSFUL);
-        EXPECT_EQ(CheckMaps(v), "");
-    }
 }
 
 }  // namespace

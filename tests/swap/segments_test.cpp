@@ -108,19 +108,6 @@ TEST_F(Segments, AreThoseOfACutSectorBySector) {
     }
 }
 
-TEST_F(Segments, OneLookAtTheMapPerRun) {
-    Redirect(2 * S, 9000 * S, 2 * S);
-    EXPECT_EQ(Build(0, 8 * S), (std::vector<Cut>{{0, 0, false, 0, 0, 2 * S},
-                                                 {2 * S, 9000 * S, true, 2, 2 * S, 2 * S},
-                                                 {4 * S, 0, false, 4, 4 * S, 4 * S}}));
-    EXPECT_EQ(LookupRun(v, 0, 64 * S).length, 2 * S);
-    EXPECT_EQ(LookupRun(v, 3 * S, 64 * S).length, S);
-    EXPECT_EQ(LookupRun(v, 4 * S, 64 * S).length, 64 * S);
-    EXPECT_EQ(LookupRun(v, 2 * S, S).length, S);
-    EXPECT_TRUE(Build(0, S - 1).empty());
-    EXPECT_EQ(Build(0, 2 * S - 1).at(0).length, S);
-}
-
 TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
     for (LONGLONG i = 0; i < 5; ++i) Redirect(i << 30, (i << 30) + (1ll << 40), 1 << 30);
     LONGLONG swap = 0;
@@ -131,20 +118,6 @@ TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
     EXPECT_EQ(GetSwapRunLength(v, 4ll << 30), 1u << 30);
     EXPECT_EQ(GetSwapRunLength(v, 5ll << 30), 0u);
     EXPECT_EQ(Build(0, 0xFFFFFFFF).size(), 1u);
-}
-
-TEST_F(Segments, WhatCannotBeCutIsRefused) {
-    SEGMENT* list = nullptr;
-    for (LONGLONG offset : {-512ll, 0x7FFFFFFFFFFFFE00ll}) {
-        const LARGE_INTEGER at = Large(offset);
-        EXPECT_EQ(BuildSegments(v, 4096, &at, &list), STATUS_INVALID_PARAMETER);
-    }
-    v->BytesPerSector = 0;
-    const LARGE_INTEGER at = Large(0);
-    EXPECT_EQ(BuildSegments(v, 4096, &at, &list), STATUS_DEVICE_NOT_READY);
-    EXPECT_EQ(list, nullptr);
-    EXPECT_EQ(GetSwapRunLength(v, 0), 0u);
-    v->BytesPerSector = S;
 }
 
 TEST_F(Segments, SplitBySwapRunsCutsLikeABuild) {
@@ -175,30 +148,21 @@ TEST_F(Segments, SplitByChunksGivesEachPieceItsChunk) {
     AddFree(20000 * S, 8 * S);
     AddFree(30000 * S, 16 * S);
     AddFree(40000 * S, 60 << 20);
-    for (const ULONGLONG fail : {0, 1, 2}) {  // 0: none
-        SEGMENT* list = nullptr;
-        const LARGE_INTEGER at = Large(100 * S);
-        ASSERT_EQ(BuildSegments(v, 32 * S, &at, &list), STATUS_SUCCESS);
-        ASSERT_EQ(LockFreeChunks(v, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
-        if (fail) host::FailCall(host::FaultBit(host::Fault::Allocate), fail);
-        const NTSTATUS status = SplitSegmentByChunks(v, list);
-        host::DisarmFaults();
-        if (fail == 0) {
-            EXPECT_EQ(status, STATUS_SUCCESS);
-            EXPECT_EQ(Runs(list), (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S},
-                                                    {108 * S, 0, false, 108, 8 * S, 16 * S},
-                                                    {124 * S, 0, false, 124, 24 * S, 8 * S}}));
-            for (SEGMENT* s = list; s; s = s->pNext) {
-                EXPECT_EQ(s->pChunk->pNext, nullptr);
-                EXPECT_EQ(s->pChunk->liVolumeOffset.QuadPart, s->liVolumeOffset.QuadPart);
-                EXPECT_EQ(s->pChunk->uLength, s->uLength);
-            }
-        } else {
-            EXPECT_EQ(status, STATUS_INSUFFICIENT_RESOURCES);
-        }
-        ReleaseSegmentChunks(v, list, FALSE, 0);
-        EXPECT_EQ(Free(), 24u * S + (60u << 20));  // none of the chain's space was lost
+    SEGMENT* list = nullptr;
+    const LARGE_INTEGER at = Large(100 * S);
+    ASSERT_EQ(BuildSegments(v, 32 * S, &at, &list), STATUS_SUCCESS);
+    ASSERT_EQ(LockFreeChunks(v, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(SplitSegmentByChunks(v, list), STATUS_SUCCESS);
+    EXPECT_EQ(Runs(list), (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S},
+                                            {108 * S, 0, false, 108, 8 * S, 16 * S},
+                                            {124 * S, 0, false, 124, 24 * S, 8 * S}}));
+    for (SEGMENT* s = list; s; s = s->pNext) {
+        EXPECT_EQ(s->pChunk->pNext, nullptr);
+        EXPECT_EQ(s->pChunk->liVolumeOffset.QuadPart, s->liVolumeOffset.QuadPart);
+        EXPECT_EQ(s->pChunk->uLength, s->uLength);
     }
+    ReleaseSegmentChunks(v, list, FALSE, 0);
+    EXPECT_EQ(Free(), 24u * S + (60u << 20));
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <algorithm>
 #include "machine/subprocess.h"
 #include "tests/tool/scratch_folder.h"
 #include "tool/error.h"
@@ -24,46 +23,12 @@ struct Image {
         const machine::ToolResult result = machine::RunTool(name, arguments);
         ASSERT_TRUE(result.started && result.exitCode == 0) << name << ": " << result.output;
     }
-    void Add(const std::string& name, const std::vector<char>& content) {
-        folder.Sparse("content", 0);
-        TestFolder::Put(folder.File("content"), 0, content);
-        Tool("ntfscp", {"-f", "-q", volume, folder.File("content"), name});
-    }
     std::vector<char> VolumeBytes() const {
         std::ifstream stream(volume, std::ios::binary);
         return {std::istreambuf_iterator<char>(stream), {}};
     }
     void Finish() { TestFolder::Put(image, kStart, VolumeBytes()); }
 };
-
-TEST(OfflineVolume, TellsFilesContentsAndWhereTheyLie) {
-    std::vector<char> large(300'000);
-    for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 >> 3);
-    Image made;
-    made.Add("Kvr.swp", large);
-    made.Add("tiny", {'a', 'b'});
-    made.Finish();
-    const OfflineVolume volume(made.image, kStart, kVolume);
-
-    const auto files = volume.Files(1 << 30, [](const std::u16string& path) { return path == u"\\nothing"; });
-    ASSERT_EQ(files.size(), 2u);
-    EXPECT_EQ(files[0].path, u"\\Kvr.swp");  // as it is written, not folded
-    EXPECT_EQ(files[0].digest, HashBytes(large.data(), large.size()));
-    EXPECT_TRUE(files[0].hashed && files[0].plain && !files[0].directory);
-    EXPECT_EQ(files[1].size, 2u);
-    EXPECT_FALSE(volume.Files(100, [](auto&) { return false; })[0].hashed);
-
-    std::vector<char> read;
-    for (const Extent& extent : SwapFileExtents(volume)) {  // found without regard to case
-        const auto bytes = made.VolumeBytes();
-        read.insert(read.end(), bytes.begin() + static_cast<std::ptrdiff_t>(extent.offset),
-                    bytes.begin() + static_cast<std::ptrdiff_t>(extent.offset + extent.length));
-    }
-    ASSERT_GE(read.size(), large.size());
-    EXPECT_TRUE(std::equal(large.begin(), large.end(), read.begin()));
-    EXPECT_TRUE(volume.Extents(u"\\tiny").empty());
-    EXPECT_TRUE(volume.Extents(u"\\missing\\file").empty());
-}
 
 TEST(FindVolume, TakesTheNtfsVolumeOfAnImageOrSaysWhyNot) {
     Image made;

@@ -17,12 +17,6 @@ int Leave(const std::string& folder, int code) {
     return code;
 }
 
-TEST(Scratch, IsRemovedAfterWorkThatReturns) {
-    TestFolder parent;
-    EXPECT_EQ(RunInScratch(parent.Path(), 1, [](auto& folder) { return Leave(folder, 7); }), 7);
-    EXPECT_TRUE(parent.Empty());
-}
-
 TEST(Scratch, IsRemovedAfterWorkThatIsStopped) {
     TestFolder parent;
     const auto stopped = [](const std::string& folder) {
@@ -53,13 +47,6 @@ TEST(Scratch, IsRemovedWhenASignalEndsTheProgram) {
     ASSERT_EQ(waitpid(program, &status, 0), program);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 128 + SIGTERM);
-    EXPECT_TRUE(parent.Empty());
-}
-
-TEST(Scratch, IsNotMadeWithoutRoom) {
-    TestFolder parent;
-    EXPECT_THROW(RunInScratch(parent.Path(), 1ull << 60, [](auto&) { return 0; }), Error);
-    EXPECT_THROW(RunInScratch(parent.File("missing"), 1, [](auto&) { return 0; }), Error);
     EXPECT_TRUE(parent.Empty());
 }
 

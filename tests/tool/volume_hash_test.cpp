@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include "tests/tool/scratch_folder.h"
-#include "tool/sparse_file.h"
 #include "tool/volume_hash.h"
 
 namespace {
@@ -53,28 +52,6 @@ TEST(VolumeHash, LeavesOutExactlyTheExcludedBytes) {
         EXPECT_FALSE(image.Hash(excluded) == before) << at;
         image.Write(at, 0);
     }
-}
-
-TEST(VolumeHash, CountsHolesAsZeros) {
-    Image image;
-    const VolumeHash sparse = image.Hash();
-    TestFolder::Put(image.path, 8 * kKiB + 700 * kKiB, std::vector<char>(100 * kKiB, 0));
-    EXPECT_TRUE(image.Hash() == sparse);
-    // The same bytes elsewhere are another volume.
-    image.Write(100, 0);
-    image.Write(101, 'a');
-    EXPECT_FALSE(image.Hash() == sparse);
-}
-
-TEST(SparseFile, CopiesAndExtractsTheSameBytesWithoutFillingHoles) {
-    Image image;
-    const std::string copy = image.folder.File("copy"), volume = image.folder.File("volume");
-    CopySparse(image.path, copy);
-    EXPECT_TRUE(HashVolume(copy, 8 * kKiB, kSize, {}) == image.Hash());
-    EXPECT_EQ(std::filesystem::file_size(copy), 8 * kKiB + kSize);
-    ExtractSparse(image.path, 8 * kKiB, kSize, volume);
-    EXPECT_TRUE(HashVolume(volume, 0, kSize, {}) == image.Hash());
-    EXPECT_LT(AllocatedBytes(volume), kSize);
 }
 
 }  // namespace
