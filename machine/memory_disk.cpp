@@ -89,4 +89,24 @@ bool MemoryDisk::SameContent(const MemoryDisk& other) const {
     return true;
 }
 
+std::vector<MemoryDisk::Range> MemoryDisk::DifferencesFrom(const MemoryDisk& other) const {
+    std::vector<Range> found;
+    for (std::size_t i = 0; i < chunks_.size(); ++i) {
+        if (chunks_[i] != other.chunks_[i]) CompareChunk(other, i, found);
+    }
+    return found;
+}
+
+void MemoryDisk::CompareChunk(const MemoryDisk& other, std::size_t index, std::vector<Range>& found) const {
+    static const std::uint8_t zeros[kChunk] = {};
+    const std::uint8_t* a = chunks_[index] ? chunks_[index]->data : zeros;
+    const std::uint8_t* b = other.chunks_[index] ? other.chunks_[index]->data : zeros;
+    for (std::size_t at = 0; at < kChunk; at += sectorSize_) {
+        if (std::memcmp(a + at, b + at, sectorSize_) == 0) continue;
+        const std::uint64_t begin = std::uint64_t{index} * kChunk + at;
+        if (found.empty() || found.back().end != begin) found.push_back({begin, begin});
+        found.back().end = begin + sectorSize_;
+    }
+}
+
 }  // namespace machine

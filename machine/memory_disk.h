@@ -30,6 +30,11 @@ public:
     std::unique_ptr<MemoryDisk> Clone() const;
     // Whether both hold the same bytes; shared chunks are not compared byte by byte.
     bool SameContent(const MemoryDisk& other) const;
+    struct Range {
+        std::uint64_t begin, end;  // bytes, whole sectors
+    };
+    // Where two disks of one size differ, ascending and apart. Neither may be written meanwhile.
+    std::vector<Range> DifferencesFrom(const MemoryDisk& other) const;
 
 private:
     struct Chunk {
@@ -39,6 +44,7 @@ private:
     static constexpr std::size_t kStripes = 64;
 
     static void Release(Chunk* chunk);
+    void CompareChunk(const MemoryDisk& other, std::size_t index, std::vector<Range>& found) const;
     Chunk* MakeWritable(std::size_t index);  // with the stripe of `index` held
     std::mutex& StripeOf(std::size_t index) const { return stripes_[index % kStripes]; }
 

@@ -187,7 +187,7 @@ private:
         if (type == Guid{} || type == kReservedType) return;
         const std::uint64_t first = Get64(entry + kGptEntryFirst);
         const std::uint64_t last = Get64(entry + kGptEntryLast);
-        if (last < first || last >= high) {
+        if (last < first) {
             return Problem("partition at sector " + std::to_string(first) + " leaves the disk");
         }
         Add(first, last - first + 1, low, high, 0, type);

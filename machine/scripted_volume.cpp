@@ -59,6 +59,10 @@ std::vector<std::u16string> ScriptedVolume::Paths() const {
 
 std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::Save() const {
     std::lock_guard hold(lock_);
+    return SaveLocked();
+}
+
+std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::SaveLocked() const {
     auto snapshot = std::make_shared<Snapshot>();
     for (const auto& [folded, file] : files_) snapshot->files.push_back(*file);
     snapshot->free = free_;
@@ -68,6 +72,11 @@ std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::Save() const {
 
 void ScriptedVolume::Restore(const Snapshot& snapshot) {
     std::lock_guard hold(lock_);
+    RestoreLocked(snapshot);
+    if (power_ != nullptr) journaled_ = SaveLocked();
+}
+
+void ScriptedVolume::RestoreLocked(const Snapshot& snapshot) {
     files_.clear();
     for (const File& file : snapshot.files) {
         auto restored = std::make_shared<File>(file);
@@ -76,6 +85,17 @@ void ScriptedVolume::Restore(const Snapshot& snapshot) {
     }
     free_ = snapshot.free;
     cursor_ = snapshot.cursor;
+}
+
+void ScriptedVolume::FollowPower(const PowerSwitch* power) {
+    std::lock_guard hold(lock_);
+    power_ = power;
+    journaled_ = power != nullptr ? SaveLocked() : nullptr;
+}
+
+void ScriptedVolume::RestoreJournaled() {
+    std::lock_guard hold(lock_);
+    if (journaled_ != nullptr) RestoreLocked(*journaled_);
 }
 
 void ScriptedVolume::ForgetOpens() {
@@ -130,6 +150,7 @@ NTSTATUS ScriptedVolume::NextWrite() {
 NTSTATUS ScriptedVolume::Open(std::u16string_view path, ULONG disposition, ULONG attributes,
                               const ShareClaim& claim, std::shared_ptr<File>& file, ULONG_PTR& information) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     const std::u16string folded = FoldName(path);
     const auto failed = failedOpens_.find(folded);
     if (failed != failedOpens_.end() && !NT_SUCCESS(failed->second)) return failed->second;
@@ -177,6 +198,7 @@ void ScriptedVolume::Close(File& file, const ShareClaim& claim) {
 
 NTSTATUS ScriptedVolume::Delete(std::u16string_view path) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     const auto found = files_.find(FoldName(path));
     if (found == files_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     File& file = *found->second;
@@ -194,6 +216,7 @@ NTSTATUS ScriptedVolume::Delete(std::u16string_view path) {
 
 NTSTATUS ScriptedVolume::Reserve(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     if (fileLimit_ != 0 && size > fileLimit_) return STATUS_DISK_FULL;
     std::uint64_t have = 0;
     for (const Extent& extent : file.extents) have += extent.length;
@@ -244,23 +267,12 @@ bool ScriptedVolume::TakePiece(std::uint64_t wanted, Extent& piece) {
     return true;
 }
 
+// Neighbours stay apart in the list of free space; what is taken from them is joined again.
 void ScriptedVolume::GiveBack(std::vector<Extent>& extents) {
     for (const Extent& extent : extents) {
         // Space of files that the test placed elsewhere was never free.
         if (extent.offset < begin_ || extent.offset + extent.length > end_) continue;
-        auto next = free_.upper_bound(extent.offset);
-        std::uint64_t start = extent.offset, end = extent.offset + extent.length;
-        if (next != free_.begin() && std::prev(next)->first + std::prev(next)->second >= start) {
-            --next;
-            start = next->first;
-            end = std::max(end, next->first + next->second);
-            next = free_.erase(next);
-        }
-        while (next != free_.end() && next->first <= end) {
-            end = std::max(end, next->first + next->second);
-            next = free_.erase(next);
-        }
-        free_[start] = end - start;
+        free_[extent.offset] = extent.length;
     }
     extents.clear();
     cursor_ = begin_;
@@ -291,7 +303,9 @@ std::uint64_t ScriptedVolume::SizeOf(const File& file) const {
 
 void ScriptedVolume::Grew(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
+    if (IsPowerGone()) return;
     file.size = std::max(file.size, size);
+    if (power_ != nullptr) journaled_ = SaveLocked();
 }
 
 }  // namespace machine

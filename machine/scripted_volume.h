@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <vector>
+#include "machine/fault_disk.h"
 #include "machine/share_access.h"
 
 namespace machine {
@@ -38,6 +39,13 @@ public:
     struct Snapshot;
     std::shared_ptr<const Snapshot> Save() const;
     void Restore(const Snapshot& snapshot);
+
+    // The directory stands still once `power` is cut: what needs it fails with STATUS_DEVICE_POWERED_OFF. Null:
+    // the power never fails. The switch must outlive its use here.
+    void FollowPower(const PowerSwitch* power);
+    // What a file system with a journal may show after the cut instead of the directory's last state: creations
+    // and deletions since the last write that went through to the disk did not reach the journal.
+    void RestoreJournaled();
 
     // ---- script ----------------------------------------------------------------------------------------
     // New space comes in pieces of at most `piece` bytes with `gap` bytes between them. 0: as large as it gets.
@@ -84,6 +92,9 @@ private:
     };
     using Files = std::map<std::u16string, std::shared_ptr<File>>;  // by folded path
 
+    std::shared_ptr<const Snapshot> SaveLocked() const;
+    void RestoreLocked(const Snapshot& snapshot);
+    bool IsPowerGone() const { return power_ != nullptr && power_->IsCut(); }
     const File* Find(std::u16string_view path) const;
     NTSTATUS OpenExisting(File& file, ULONG disposition, ULONG attributes, const ShareClaim& claim,
                           ULONG_PTR& information);
@@ -94,11 +105,13 @@ private:
     const std::uint32_t cluster_;
     mutable std::mutex lock_;  // guards what follows
     Files files_;
-    std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, apart and not adjacent
+    std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, without overlaps
     std::uint64_t cursor_;                         // where the search for a piece begins
     std::uint64_t piece_ = 0, gap_ = 0, fileLimit_ = 0;
     Fault read_, write_;
     std::map<std::u16string, NTSTATUS> failedOpens_;
+    const PowerSwitch* power_ = nullptr;
+    std::shared_ptr<const Snapshot> journaled_;
 };
 
 struct ScriptedVolume::Snapshot {

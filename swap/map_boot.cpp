@@ -69,18 +69,19 @@ void SettleLoad(MAP_LOAD& load) {
     ULONG free = 0;
     {
         FastMutexLock lock(volume->SwapLock);
+        tree_walk(&volume->SwappedChunks, count_items, &swapped);
+        tree_walk(&volume->FreeChunks, count_items, &free);
         if (NT_SUCCESS(load.loaded) || load.loaded == STATUS_END_OF_FILE) {
-            const NTSTATUS verified = VerifySwapRanges(volume);
+            const NTSTATUS verified = VerifySwapRanges(volume, swapped + free);
             if (!NT_SUCCESS(verified)) load.loaded = verified;
         }
         if (!NT_SUCCESS(load.loaded) && load.loaded != STATUS_END_OF_FILE) {
             EmptySwappedChunks(volume);
             EmptyFreeChunks(volume);
+            swapped = free = 0;
             volume->SwapState = kSwapMapBad;
             DbgPrint("Kvr!PreloadSwapMap: storage contains errors!\n");
         }
-        tree_walk(&volume->SwappedChunks, count_items, &swapped);
-        tree_walk(&volume->FreeChunks, count_items, &free);
     }
     // Only now that the trees hold the whole map, or SwapState says that they do not: from here on a save
     // would write them over what was read.

@@ -147,10 +147,25 @@ ULONG store_free_chunks(PVOID record, PVOID context) KVR_NO_ANALYSIS {
     return 0;
 }
 
-void StoreTrees(PVOLUME_EXTENSION volume, ULONG swapped, ULONG free) KVR_REQUIRES(volume->SwapLock) {
-    DbgPrint("Kvr!SerializeSwapMap: storage s%d + f%d\n", swapped, free);
+// What the swapped chunks are, found out in one walk.
+struct SWAPPED_COUNT {
+    ULONG Chunks;  // what count_items adds to
+    ULONG Volatile;
+};
+
+ULONG count_swapped_chunks(PVOID record, PVOID context) {
+    auto* count = static_cast<SWAPPED_COUNT*>(context);
+    if (record && static_cast<const SWAPPED_CHUNK*>(record)->bVolatile != 0) ++count->Volatile;
+    return count_items(record, &count->Chunks);
+}
+
+// A walk over a large map costs more in memory accesses than its entries do, so it is left out when it would
+// store nothing.
+void StoreTrees(PVOLUME_EXTENSION volume, const SWAPPED_COUNT& swapped, ULONG free)
+    KVR_REQUIRES(volume->SwapLock) {
+    DbgPrint("Kvr!SerializeSwapMap: storage s%d + f%d\n", swapped.Chunks, free);
     tree_walk(&volume->SwappedChunks, store_swapped_chunks, volume);
-    tree_walk(&volume->SwappedChunks, store_volatile_chunks, volume);
+    if (swapped.Volatile != 0) tree_walk(&volume->SwappedChunks, store_volatile_chunks, volume);
     tree_walk(&volume->FreeChunks, store_free_chunks, volume);
     KVR_DISCARD(FlushMapBuffer(volume), "the last run may have been filled to its end");
     WriteMapTerminator(volume);
@@ -189,9 +204,9 @@ NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device) {
     if (!CanBeSaved(volume)) return STATUS_SUCCESS;  // looked at again: now nothing can change
     volume->MapDirty = FALSE;
     ULONG free = 0;
-    ULONG swapped = 0;
+    SWAPPED_COUNT swapped = {};
     tree_walk(&volume->FreeChunks, count_items, &free);
-    tree_walk(&volume->SwappedChunks, count_items, &swapped);
+    tree_walk(&volume->SwappedChunks, count_swapped_chunks, &swapped);
     volume->MapRunIndex = 0;
     if (IsUsableRun(CurrentRun(volume)) && BeginRun(volume)) StoreTrees(volume, swapped, free);
     DbgPrint("Kvr!SerializeSwapMap: map sectors written: %d\n", volume->MapRunIndex);

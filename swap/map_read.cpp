@@ -33,6 +33,13 @@ bool IsFreeEntry(const SWAP_MAP_ENTRY* entry) {
     return true;
 }
 
+// The first byte behind everything that is redirected.
+LONGLONG EndOfRedirections(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
+    TREE_NODE* node = volume->SwappedChunks.Root;
+    while (node->Right != &TreeNil) node = node->Right;
+    return node == &TreeNil ? 0 : ChunkEnd(static_cast<const SWAPPED_CHUNK*>(node->Record));
+}
+
 bool IsRedirectedAlready(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
     TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &range.volumeOffset);
     if (!node) return false;
@@ -40,8 +47,11 @@ bool IsRedirectedAlready(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR
     return chunk->liVolumeOffset.QuadPart < range.volumeOffset + range.length;
 }
 
-NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
-    if (IsRedirectedAlready(volume, range)) return STATUS_INVALID_PARAMETER;
+// `end` is EndOfRedirections before and after. A map is written in ascending order, so most entries need no
+// search.
+NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range, LONGLONG* end)
+    KVR_REQUIRES(volume->SwapLock) {
+    if (range.volumeOffset < *end && IsRedirectedAlready(volume, range)) return STATUS_INVALID_PARAMETER;
     PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
     if (!record) return STATUS_INSUFFICIENT_RESOURCES;
     record->liVolumeOffset.QuadPart = range.volumeOffset;
@@ -50,6 +60,7 @@ NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KV
     if (!tree_insert(&volume->SwappedChunks, record.Get())) return STATUS_UNSUCCESSFUL;
     record.Release();
     volume->SwapUsedBytes += range.length;
+    if (range.volumeOffset + range.length > *end) *end = range.volumeOffset + range.length;
     return STATUS_SUCCESS;
 }
 
@@ -58,11 +69,13 @@ NTSTATUS LoadFreeEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_R
     return RecordFreeChunk(volume, range.swapOffset, range.length);
 }
 
-NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry) KVR_REQUIRES(volume->SwapLock) {
+NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry, LONGLONG* end)
+    KVR_REQUIRES(volume->SwapLock) {
     ENTRY_RANGE range;
     if (!VerifyMapEntry(entry) || !Decode(entry, volume->BytesPerSector, &range))
         return STATUS_INVALID_PARAMETER;
-    const NTSTATUS status = IsFreeEntry(entry) ? LoadFreeEntry(volume, range) : LoadSwappedEntry(volume, range);
+    const NTSTATUS status =
+        IsFreeEntry(entry) ? LoadFreeEntry(volume, range) : LoadSwappedEntry(volume, range, end);
     if (status == STATUS_INSUFFICIENT_RESOURCES)
         DbgPrint("Kvr!DeserializeSwapMap [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
     else if (status == STATUS_UNSUCCESSFUL)
@@ -73,10 +86,11 @@ NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry) KVR_RE
 NTSTATUS LoadMapBuffer(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     const auto* entries = reinterpret_cast<const SWAP_MAP_ENTRY*>(volume->MapBuffer);
     const ULONG64 slots = entries ? volume->MapBufferSize / sizeof(SWAP_MAP_ENTRY) : 0;
+    LONGLONG end = EndOfRedirections(volume);
     bool found = false;
     for (ULONG64 i = 0; i < slots; ++i) {
         if (IsEmptySlot(&entries[i])) continue;
-        const NTSTATUS status = LoadEntry(volume, &entries[i]);
+        const NTSTATUS status = LoadEntry(volume, &entries[i], &end);
         if (!NT_SUCCESS(status)) return status;
         found = true;
     }
@@ -88,23 +102,21 @@ ULONG64 PackRange(LARGE_INTEGER swapOffset, ULONG length, ULONG unit) {
     return static_cast<ULONG64>(swapOffset.QuadPart / unit) << 32 | length / unit;
 }
 
-void SiftDown(ULONG64* values, ULONG count, ULONG at) {
-    for (;;) {
-        ULONG child = 2 * at + 1;
-        if (child >= count) return;
-        if (child + 1 < count && values[child + 1] > values[child]) ++child;
-        if (values[at] >= values[child]) return;
-        std::swap(values[at], values[child]);
-        at = child;
-    }
+// One pass of a sort by first sector: a stable distribution by one byte of the key.
+void DistributeByByte(const ULONG64* from, ULONG64* to, ULONG count, ULONG shift) {
+    ULONG places[256] = {};
+    for (ULONG i = 0; i < count; ++i) ++places[from[i] >> shift & 0xFF];
+    ULONG next = 0;
+    for (ULONG& place : places) next += std::exchange(place, next);
+    for (ULONG i = 0; i < count; ++i) to[places[from[i] >> shift & 0xFF]++] = from[i];
 }
 
-// In place and without recursion: the list may be long and the kernel stack is small.
-void HeapSort(ULONG64* values, ULONG count) {
-    for (ULONG i = count / 2; i-- > 0;) SiftDown(values, count, i);
-    for (ULONG i = count; i-- > 1;) {
-        std::swap(values[0], values[i]);
-        SiftDown(values, i, 0);
+// By the 32-bit sector, in time that no order of the entries, found or made, can stretch. Even in number, the
+// passes end where they began.
+void SortBySector(ULONG64* ranges, ULONG64* other, ULONG count) {
+    for (ULONG shift = 32; shift < 64; shift += 16) {
+        DistributeByByte(ranges, other, count, shift);
+        DistributeByByte(other, ranges, count, shift + 8);
     }
 }
 
@@ -147,13 +159,12 @@ NTSTATUS ReadMapRun(PVOLUME_EXTENSION volume, UCHAR* run, ULONG size) {
     return status;
 }
 
-NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume) {
-    ULONG count = 0;
-    tree_walk(&volume->SwappedChunks, count_items, &count);
-    tree_walk(&volume->FreeChunks, count_items, &count);
+NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {
     if (count == 0 || volume->BytesPerSector == 0) return STATUS_SUCCESS;
-    const PoolPtr<ULONG64> ranges(static_cast<ULONG64*>(AllocatePool(SIZE_T{count} * sizeof(ULONG64))));
-    if (!ranges) return STATUS_INSUFFICIENT_RESOURCES;
-    HeapSort(ranges.Get(), PackRanges(volume, ranges.Get()));
+    const SIZE_T bytes = SIZE_T{count} * sizeof(ULONG64);
+    const PoolPtr<ULONG64> ranges(static_cast<ULONG64*>(AllocatePool(bytes)));
+    const PoolPtr<ULONG64> other(static_cast<ULONG64*>(AllocatePool(bytes)));
+    if (!ranges || !other) return STATUS_INSUFFICIENT_RESOURCES;
+    SortBySector(ranges.Get(), other.Get(), PackRanges(volume, ranges.Get()));
     return HasOverlap(ranges.Get(), count) ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
 }

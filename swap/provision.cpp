@@ -137,6 +137,7 @@ NTSTATUS FillMapFile(BLOCK_WRITER& writer, HANDLE file, ULONG64 target, ULONG64*
 // Room for one entry per swap sector, which is as many as a map can need.
 NTSTATUS MakeMapFile(PVOLUME_EXTENSION volume, ULONG sectors) {
     BLOCK_WRITER writer(volume);
+    writer.FillAsDamagedMap();
     KernelHandle file;
     NTSTATUS status = CreateStorageFile(volume, kMapFileIndex, &file);
     if (!NT_SUCCESS(status)) return status;

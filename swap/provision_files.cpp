@@ -59,8 +59,7 @@ void DeleteStorageFile(PVOLUME_EXTENSION volume, ULONG index) {
     KVR_DISCARD(ZwDeleteFile(&attributes), "most of the numbered files never existed");
 }
 
-// The block goes to the disk as it is: zeroed, it carries nothing of the pool's past there, and a map file
-// whose first map was never written reads as an empty one.
+// The block goes to the disk as it is: zeroed, it carries nothing of the pool's past there.
 BLOCK_WRITER::BLOCK_WRITER(PVOLUME_EXTENSION volume) : m_bytes(volume->BytesPerSector * kSectorsPerBlock) {
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, W("\\KernelObjects\\LowNonPagedPoolCondition"));
@@ -69,6 +68,15 @@ BLOCK_WRITER::BLOCK_WRITER(PVOLUME_EXTENSION volume) : m_bytes(volume->BytesPerS
     m_eventHandle.Reset(m_lowPool ? handle : nullptr);
     if (m_bytes != 0) m_buffer = NewBuffer(m_bytes);
     if (m_buffer) RtlZeroMemory(m_buffer.Get(), m_bytes);
+}
+
+// Words that count: wherever a run begins, its slots are neither empty nor free of wrong check bytes.
+void BLOCK_WRITER::FillAsDamagedMap() {
+    if (!m_buffer) return;
+    for (ULONG i = 0; i < m_bytes / sizeof(ULONG); ++i) {
+        const ULONG word = 0xFF000000 | i;
+        RtlCopyMemory(m_buffer.Get() + i * sizeof(word), &word, sizeof(word));
+    }
 }
 
 NTSTATUS BLOCK_WRITER::Write(HANDLE file, LONGLONG offset) {

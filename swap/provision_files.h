@@ -26,6 +26,9 @@ class BLOCK_WRITER {
 public:
     explicit BLOCK_WRITER(PVOLUME_EXTENSION volume);
     [[nodiscard]] ULONG BlockBytes() const { return m_bytes; }
+    // From now on the blocks read as a damaged map: one whose first save was cut short must not be taken for an
+    // empty one, with which the volume would be protected and have no space for a single write.
+    void FillAsDamagedMap();
     [[nodiscard]] bool HasBuffer() const { return static_cast<bool>(m_buffer); }
     // One block at `offset` of the file; prints a failure.
     [[nodiscard]] NTSTATUS Write(HANDLE file, LONGLONG offset);

@@ -107,9 +107,9 @@ void RepairDelete(TREE* tree, TREE_NODE* x, TREE_NODE* xp) {
     Paint(x, kBlack);
 }
 
-// Large trees do not fit the caches, and a node's record lies apart from it. While the record is being fetched
-// for the comparison, so are both nodes of which the comparison chooses one.
-void FetchChildren(const TREE_NODE* node) {
+// In a large tree every step down waits for memory: the children's lines are asked for while the record's is
+// still on its way, so that the two waits are one.
+void ExpectChildren(const TREE_NODE* node) {
     __builtin_prefetch(node->Left);
     __builtin_prefetch(node->Right);
 }
@@ -119,7 +119,7 @@ TREE_NODE* Search(TREE* tree, const void* probe, TREE_NODE** parent) {
     *parent = nullptr;
     TREE_NODE* node = tree->Root;
     while (!IsNil(node)) {
-        FetchChildren(node);
+        ExpectChildren(node);
         // Equal first: it is what lets a chunk be found by an offset inside it.
         if (tree->Equal(probe, node->Record)) return node;
         *parent = node;
@@ -168,7 +168,7 @@ TREE_NODE* tree_find_or_next(TREE* tree, const void* probe) {
     TREE_NODE* next = nullptr;
     TREE_NODE* node = tree->Root;
     while (!IsNil(node)) {
-        FetchChildren(node);
+        ExpectChildren(node);
         if (tree->Equal(probe, node->Record)) return node;
         const bool less = tree->Less(probe, node->Record) != 0;
         if (less) next = node;
@@ -191,7 +191,10 @@ void tree_delete(TREE* tree, TREE_NODE* node) {
 
 TREE_NODE* tree_first(TREE*, TREE_NODE* start) {
     if (!start || IsNil(start)) return nullptr;
-    while (!IsNil(start->Left)) start = start->Left;
+    while (!IsNil(start->Left)) {
+        __builtin_prefetch(start->Record);  // a walk comes back to it
+        start = start->Left;
+    }
     return start;
 }
 

@@ -1,13 +1,10 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "tests/support/driver_fixture.h"
+#include "tests/support/memory_stack.h"
 
 namespace {
 
-using support::DeviceOptions;
-using support::MemoryDevice;
-
-class Protection : public support::DriverTest {
+class Protection : public MemoryStackTest {
 protected:
     static void Add(const char16_t* id, ULONG flags) {
         UNICODE_STRING name;
@@ -20,10 +17,7 @@ protected:
     }
 };
 
-constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
-
 TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
-    PVOLUME_EXTENSION volume = RecordOf(AddDevice());
     gRVProtect = TRUE;
     EXPECT_FALSE(Updated(volume)) << "no entry";
     Add(u"\\DEVICE\\harddiskvolume1,text", 0x121);
@@ -52,13 +46,14 @@ TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
 }
 
 TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
-    PVOLUME_EXTENSION volume = RecordOf(AddDevice({.characteristics = FILE_REMOVABLE_MEDIA}));
+    PVOLUME_EXTENSION stick =
+        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
     gRVProtect = gRVInvisible = TRUE;
-    EXPECT_TRUE(Updated(volume));
-    EXPECT_TRUE(volume->IsInvisible);
-    Add(kName, 0);
-    EXPECT_FALSE(Updated(volume));
-    EXPECT_FALSE(volume->IsInvisible);
+    EXPECT_TRUE(Updated(stick));
+    EXPECT_TRUE(stick->IsInvisible);
+    Add(u"\\Device\\Stick", 0);
+    EXPECT_FALSE(Updated(stick));
+    EXPECT_FALSE(stick->IsInvisible);
 }
 
 TEST_F(Protection, EntryThatCannotBeMadeLeavesTheListAlone) {
@@ -77,25 +72,25 @@ TEST_F(Protection, EntryThatCannotBeMadeLeavesTheListAlone) {
 }
 
 TEST_F(Protection, DiskIsKnownByItsNumberAndSeparator) {
-    MemoryDevice& disk1 = AddDevice({.name = u"\\Device\\Harddisk1\\DR1", .isDisk = true});
-    MemoryDevice& disk11 = AddDevice({.name = u"\\Device\\Harddisk11\\DR1", .isDisk = true});
-    AddDevice({.disks = {7, 1}});
-    Add(kName, 0x101);
-    EXPECT_FALSE(HasProtectedVolume(RecordOf(disk1)->FilterDevice)) << "the master switch is off";
+    PDEVICE_OBJECT disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack.filter;
+    PDEVICE_OBJECT disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack.filter;
+    AddMemory({.name = u"\\Device\\V"}, {7, 1});
+    Add(u"\\Device\\V", 0x101);
+    EXPECT_FALSE(HasProtectedVolume(disk1)) << "the master switch is off";
     gTesselEnabled = TRUE;
-    EXPECT_TRUE(HasProtectedVolume(RecordOf(disk1)->FilterDevice));
-    EXPECT_FALSE(HasProtectedVolume(RecordOf(disk11)->FilterDevice));
+    EXPECT_TRUE(HasProtectedVolume(disk1));
+    EXPECT_FALSE(HasProtectedVolume(disk11));
 }
 
 TEST_F(Protection, VolumeWithUnknownExtentsCountsForEveryDiskNamedAlike) {
-    MemoryDevice& disk = AddDevice({.name = u"\\Device\\Harddisk3\\DR3", .isDisk = true});
-    MemoryDevice& volume = AddDevice({.disks = {}});
+    PDEVICE_OBJECT disk = AddMemoryDisk(u"\\Device\\Harddisk3\\DR3").stack.filter;
+    PVOLUME_EXTENSION unknown = AddMemory({.name = u"\\Device\\V"}, {}).stack.volume;
     gTesselEnabled = TRUE;
-    EXPECT_FALSE(HasProtectedVolume(RecordOf(disk)->FilterDevice));
-    Add(kName, 0x101);
-    EXPECT_TRUE(HasProtectedVolume(RecordOf(disk)->FilterDevice));
-    RecordOf(volume)->VolumeDiskExtents.NumberOfDiskExtents = 1;  // a disk that this is not
-    EXPECT_FALSE(HasProtectedVolume(RecordOf(disk)->FilterDevice));
+    EXPECT_FALSE(HasProtectedVolume(disk));
+    Add(u"\\Device\\V", 0x101);
+    EXPECT_TRUE(HasProtectedVolume(disk));
+    unknown->VolumeDiskExtents.NumberOfDiskExtents = 1;  // a disk that this is not
+    EXPECT_FALSE(HasProtectedVolume(disk));
 }
 
 TEST_F(Protection, NamesAreComparedByLengthAndLetters) {

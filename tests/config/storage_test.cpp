@@ -4,15 +4,11 @@
 #include "config/storage.h"
 #include "platform/host/namespace.h"
 #include "platform/owners.h"
-#include "tests/support/driver_fixture.h"
+#include "tests/support/memory_stack.h"
 
 namespace {
 
-using support::DeviceOptions;
-using support::MemoryDevice;
 using Image = std::vector<UCHAR>;
-
-constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
 
 Image ImageOf(const std::u16string& text) {
     Image image(KVR_CONFIG_BYTES);
@@ -54,21 +50,11 @@ public:
 
 private:
     PDEVICE_OBJECT volume_;
-    support::TestFile file_{u"\\Windows\\SYSTEM32\\drivers\\Kvr.cfg"};
+    TestFile file_{u"\\Windows\\SYSTEM32\\drivers\\Kvr.cfg"};
 };
 
-class Storage : public support::DriverTest {
+class Storage : public MemoryStackTest {
 protected:
-    void SetUp() override {
-        DriverTest::SetUp();
-        device = &AddDevice();
-        volume = RecordOf(*device);
-        volume->ArmThreadHandle = device;  // no thread of its own disturbs the files
-    }
-    void TearDown() override {
-        volume->ArmThreadHandle = nullptr;
-        DriverTest::TearDown();
-    }
     void Locate(LONGLONG first = 0x4000) {
         for (ULONG i = 0; i < kConfigPieces; ++i) volume->PreloadConfigLocation[i] = Place(first, i);
     }
@@ -88,9 +74,6 @@ protected:
         std::vector<UCHAR> data(512);
         return Send(volume, IRP_MJ_READ, 0, data).status;
     }
-
-    MemoryDevice* device = nullptr;
-    PVOLUME_EXTENSION volume = nullptr;
 };
 
 const std::u16string kText =
@@ -103,20 +86,21 @@ TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
     EXPECT_EQ(STATUS_SUCCESS, Read());
     EXPECT_FALSE(gConfigLoaded) << "the location is not known";
     Locate();
-    device->verdict = [](const MemoryDevice::Transfer& transfer) {
+    device->verdict = [](const StackMemory::Transfer& transfer) {
         return transfer.offset == Place(0x4000, 15) ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
     EXPECT_EQ(STATUS_SUCCESS, Read());
     EXPECT_FALSE(gConfigLoaded || gTesselEnabled) << "one piece cannot be read";
     device->verdict = nullptr;
     EXPECT_EQ(STATUS_SUCCESS, Read());
-    EXPECT_TRUE(gConfigLoaded && gTesselEnabled && gConfigDirty && volume->IsProtected);
+    EXPECT_TRUE(gConfigLoaded && gTesselEnabled && gConfigDirty);
+    EXPECT_EQ(kSwapNoLocation, volume->SwapState) << "protected by the text, but its map is nowhere";
     EXPECT_EQ(ImageOf(kText), OnDisk());
-    device->ForgetTransfers();
+    device->TakeTransfers();
     EXPECT_EQ(STATUS_SUCCESS, Read());
-    EXPECT_EQ(1u, device->Transfers().size()) << "loaded once";
+    EXPECT_EQ(1u, device->TakeTransfers().size()) << "loaded once";
 
-    device->verdict = [](const MemoryDevice::Transfer& transfer) {
+    device->verdict = [](const StackMemory::Transfer& transfer) {
         return transfer.offset == Place(0x4000, 3) ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
     Write(volume, 0x100000, Image(512));
@@ -150,21 +134,21 @@ TEST_F(Storage, DirectTransfersStayInsideTheImage) {
     volume->BytesPerSector = 4096;
     Image image(KVR_CONFIG_BYTES);  // the address sanitizer guards its end
     KVR_DISCARD(WriteConfigDirect(image.data(), KVR_CONFIG_BYTES), "only its transfers matter");
-    EXPECT_EQ(512u, device->Transfers().back().length);
+    EXPECT_EQ(512u, device->TakeTransfers().back().length);
     EXPECT_EQ(STATUS_INVALID_PARAMETER, WriteConfigDirect(image.data(), KVR_CONFIG_BYTES - 1));
     volume->BytesPerSector = 0;
-    device->ForgetTransfers();
+    device->TakeTransfers();
     EXPECT_EQ(STATUS_DEVICE_NOT_READY, WriteConfigDirect(image.data(), KVR_CONFIG_BYTES));
     ULONG length = 0;
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, PreloadConfig(volume->FilterDevice, image.data(), &length));
     SwapAddConfigLocation(volume, 0x8000, 4096);
-    EXPECT_TRUE(device->Transfers().empty());
+    EXPECT_TRUE(device->TakeTransfers().empty());
     volume->BytesPerSector = 512;
 }
 
 TEST_F(Storage, FirstInstallationLearnsTheLocationForTheNextBoot) {
-    ConfigFileSystem files(device->object);
-    host::MountProvider(device->object, &files);
+    ConfigFileSystem files(device->stack.pdo.object);
+    host::MountProvider(device->stack.pdo.object, &files);
     host::SetSystemRoot(u"\\Device\\HarddiskVolume1\\Windows");
     Image text = ImageOf(kText);
     ULONG length = KVR_CONFIG_BYTES;

@@ -89,19 +89,15 @@ TEST_F(Filtering, ScsiCommandsThatWriteAreRefused) {
     FilteredStack& stack = AddStarted();
     stack.volume->IsProtected = TRUE;
     for (const ULONG code : {IOCTL_SCSI_PASS_THROUGH, IOCTL_SCSI_PASS_THROUGH_DIRECT}) {
-        int refused = 0;
-        for (int operation = 0; operation < 256; ++operation) {
-            refused += PassThrough(stack, code, static_cast<UCHAR>(operation)) == STATUS_ACCESS_DENIED;
-        }
-        EXPECT_EQ(13, refused);
         for (const UCHAR operation :
              {0x04, 0x0A, 0x10, 0x19, 0x2A, 0x2E, 0x3B, 0x5B, 0x8A, 0x8E, 0xA1, 0xAA, 0xAE})
             EXPECT_EQ(STATUS_ACCESS_DENIED, PassThrough(stack, code, operation)) << int(operation);
+        EXPECT_EQ(STATUS_SUCCESS, PassThrough(stack, code, 0x28));
         EXPECT_EQ(STATUS_INVALID_PARAMETER, PassThrough(stack, code, 0x28, 55));
         EXPECT_EQ(STATUS_INVALID_PARAMETER, stack.Control(code, nullptr, 0));
     }
     EXPECT_EQ(1u, TimesSaid(mark, "IOCTL_SCSI_PASS_THROUGH, 40"));
-    EXPECT_EQ(2u, TimesSaid(mark, "IOCTL_SCSI_PASS_THROUGH_DIRECT BLOCKED, 42"));
+    EXPECT_EQ(1u, TimesSaid(mark, "IOCTL_SCSI_PASS_THROUGH_DIRECT BLOCKED, 42"));
     stack.volume->IsProtected = FALSE;
     EXPECT_EQ(STATUS_SUCCESS, PassThrough(stack, IOCTL_SCSI_PASS_THROUGH, 0x2A)) << "nothing to guard";
 }
@@ -120,17 +116,6 @@ TEST_F(Filtering, ARecordOutOfTheListMeetsTheFirstStageOnly) {
     UnlinkVolume(stack.volume);
     Expect(stack, FSCTL_MOVE_FILE, STATUS_SUCCESS);
     Expect(stack, IOCTL_DISK_SET_DRIVE_LAYOUT_EX, STATUS_MEDIA_WRITE_PROTECTED);
-}
-
-TEST_F(Filtering, TheTraceNamesVolumesAndDisks) {
-    FilteredStack& stack = AddStarted();
-    stack.volume->IsProtected = TRUE;
-    Expect(stack, IOCTL_MOUNTDEV_LINK_DELETED, STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(2u, TimesSaid(mark, "IOCTL LINK_DELETED")) << "once by each stage";
-    EXPECT_EQ(0u, TimesSaid(mark, "IOCTL=0x"));
-    stack.volume->SuppressControlTrace = FALSE;
-    Expect(stack, kPlainCode, STATUS_SUCCESS);
-    EXPECT_EQ(1u, TimesSaid(mark, "IOCTL=0x0007405c, Volume=\\Device\\HarddiskVolume1"));
 }
 
 }  // namespace

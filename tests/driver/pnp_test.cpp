@@ -10,13 +10,7 @@
 
 namespace {
 
-class Life : public LoadedDriver {
-protected:
-    // Removal has begun to wait once new requests are turned away.
-    static void AwaitRemoval(FilteredStack& stack) {
-        while (stack.Flush() != STATUS_DELETE_PENDING) std::this_thread::yield();
-    }
-};
+class Life : public LoadedDriver {};
 
 TEST_F(Life, StartTellsWhatTheDeviceIs) {
     FilteredStack& stack = Add({.sectorSize = 4096});
@@ -78,14 +72,6 @@ TEST_F(Life, AFailedAttachmentLeavesNothing) {
         EXPECT_EQ(devices, host::DeviceCount());
     }
     EXPECT_EQ(&gVolumeList, gVolumeList.Flink);
-}
-
-TEST_F(Life, ADeviceWhosePropertiesCannotBeReadIsNeither) {
-    FilteredStack& stack = Add();
-    host::FailFromCall(host::FaultBit(host::Fault::Allocate), 1);
-    EXPECT_EQ(STATUS_SUCCESS, stack.Start());
-    host::DisarmFaults();
-    EXPECT_FALSE(stack.volume->IsVolume || stack.volume->IsDisk);
 }
 
 TEST_F(Life, RemovableVolumesAreShownReadOnlyOrHidden) {
@@ -194,7 +180,7 @@ TEST_F(Life, RemovalWaitsForRequestsAndThreads) {
         EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(stack.pdo.object, IRP_MN_REMOVE_DEVICE));
         removed = true;
     });
-    AwaitRemoval(stack);
+    while (stack.Flush() != STATUS_DELETE_PENDING) std::this_thread::yield();  // until the removal waits
     EXPECT_EQ(STATUS_DELETE_PENDING, StartArmThread(stack.volume)) << "nothing new is started on the record";
     open = true;
     request.join();
@@ -218,47 +204,6 @@ TEST_F(Life, AtShutdownDisksLeaveTheirStacksAndVolumesStay) {
     EXPECT_EQ(&volume.volume->ListEntry, gVolumeList.Flink);
     EXPECT_EQ(&volume.volume->ListEntry, gVolumeList.Blink);
     EXPECT_EQ(0, volume.Arrived(IRP_MJ_SHUTDOWN)) << "shutdown is not passed on";
-}
-
-TEST_F(Life, AtShutdownADiskWaitsForItsRequests) {
-    AddDisk();
-    FilteredStack& disk = *stacks.front();
-    std::atomic<bool> inside = false, open = false, down = false;
-    disk.answer = [&](PIRP irp, PIO_STACK_LOCATION location) {
-        if (location->MajorFunction == IRP_MJ_WRITE) {
-            inside = true;
-            while (!open) std::this_thread::yield();
-        }
-        return stub::Complete(irp, STATUS_SUCCESS);
-    };
-    char sector[512] = {};
-    std::thread writer([&] {
-        const auto sent =
-            host::Send(disk.filter, {.major = IRP_MJ_WRITE, .length = 512, .offset = 512, .buffer = sector});
-        EXPECT_EQ(STATUS_SUCCESS, sent.status);
-    });
-    while (!inside) std::this_thread::yield();
-    std::thread shutdown([&] {
-        host::NotifyShutdown();
-        down = true;
-    });
-    AwaitRemoval(disk);
-    EXPECT_TRUE(!down && disk.IsFiltered());
-    open = true;
-    writer.join();
-    shutdown.join();
-    EXPECT_FALSE(disk.IsFiltered());
-}
-
-TEST_F(Life, FlushAndPowerReachTheDeviceBelow) {
-    FilteredStack& stack = AddStarted();
-    stack.answer = [](PIRP irp, PIO_STACK_LOCATION) { return stub::Complete(irp, STATUS_IO_DEVICE_ERROR); };
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, stack.Flush());
-    POWER_STATE state{};
-    state.DeviceState = PowerDeviceD3;
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, host::SendPower(stack.filter, IRP_MN_SET_POWER, DevicePowerState, state));
-    EXPECT_EQ(1, stack.Arrived(IRP_MJ_POWER, IRP_MN_SET_POWER));
-    EXPECT_EQ(1u, TimesSaid(mark, " 4 1 2"));
 }
 
 }  // namespace

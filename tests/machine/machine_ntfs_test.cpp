@@ -6,7 +6,7 @@
 #include "machine/guest_volume.h"
 #include "machine/image_disk.h"
 #include "machine/subprocess.h"
-#include "stand_in.h"
+#include "tests/support/stand_in.h"
 
 namespace {
 

@@ -24,7 +24,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 inline std::string RunTool(const std::string& command, int& exitCode) {
     std::string output;
-    FILE* pipe = popen((command + " 2>&1").c_str(), "r");
+    FILE* pipe = popen(("PATH=$PATH:/usr/sbin:/sbin " + command + " 2>&1").c_str(), "r");
     if (pipe == nullptr) {
         exitCode = -1;
         return output;
@@ -65,7 +65,7 @@ inline const Bytes& FreshNtfs(std::uint64_t size, unsigned sector, unsigned clus
     std::filesystem::resize_file(file.Path(), size);
     int exitCode = 0;
     const std::string output =
-        RunTool("/usr/sbin/mkntfs -q -F -Q -p 0 -H 255 -S 63 " + options + " " + file.Path(), exitCode);
+        RunTool("mkntfs -q -F -Q -p 0 -H 255 -S 63 " + options + " " + file.Path(), exitCode);
     EXPECT_EQ(exitCode, 0) << output;
     image.resize(size);
     std::ifstream(file.Path(), std::ios::binary)
@@ -145,7 +145,7 @@ inline std::string Inspect(const TestVolume& volume) {
     std::ofstream(file.Path(), std::ios::binary)
         .write(reinterpret_cast<const char*>(volume.bytes.data()), static_cast<std::streamsize>(volume.Size()));
     int exitCode = 0;
-    const std::string output = RunTool("/usr/sbin/ntfsresize -i -f " + file.Path(), exitCode);
+    const std::string output = RunTool("ntfsresize -i -f " + file.Path(), exitCode);
     return exitCode == 0 ? std::string() : output;
 }
 

@@ -348,9 +348,9 @@ TEST(Contents, WhatLiesBehindTheEndNeverBecomesPartOfTheFile) {
     const std::uint64_t at = volume.Writes(u"\\f").at(0).offset;
     std::fill_n(volume.bytes.begin() + static_cast<std::ptrdiff_t>(at) + 100, 4096 - 100, std::uint8_t{0xEE});
     ASSERT_EQ(mounted.files->WriteAt(u"\\f", 300, Bytes(1000, 2)), STATUS_SUCCESS);
-    Bytes expected(100, 1), read;
-    expected.resize(300, 0);
-    expected.resize(1300, 2);
+    Bytes expected(1300, 2), read;
+    std::fill_n(expected.begin(), 300, std::uint8_t{0});
+    std::fill_n(expected.begin(), 100, std::uint8_t{1});
     ASSERT_EQ(mounted.files->ReadFile(u"\\f", read), STATUS_SUCCESS);
     EXPECT_EQ(read, expected);
 }

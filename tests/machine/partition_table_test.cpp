@@ -124,7 +124,8 @@ TEST(PartitionTable, GptFallsBackToItsBackup) {
 // Edits a header or entry and makes the sums right again, so that only the checks of the fields are left.
 void Reseal(Image& image) {
     const std::uint32_t bytes = Get32(&image[512 + kGptEntryCount]) * Get32(&image[512 + kGptEntrySize]);
-    if (bytes <= image.size() - 1024) Put<std::uint32_t>(&image[512 + kGptEntriesCrc], Crc32(&image[1024], bytes));
+    if (bytes <= image.size() - 1024)
+        Put<std::uint32_t>(&image[512 + kGptEntriesCrc], Crc32(&image[1024], bytes));
     Put<std::uint32_t>(&image[512 + kGptHeaderCrc], 0);
     Put<std::uint32_t>(&image[512 + kGptHeaderCrc], Crc32(&image[512], kGptHeaderSize));
 }
@@ -170,7 +171,7 @@ TEST(PartitionTable, MbrChainsEnd) {
         Put<std::uint32_t>(&bad[next], target);
         const PartitionTable table = ReadImage(bad, 512);
         EXPECT_EQ(4u, table.partitions.size()) << "target " << target;
-        EXPECT_FALSE(table.problems.empty());
+        EXPECT_EQ(1u, table.problems.size()) << "a chain that turns back is not walked again";
     }
     Image huge = image;
     Put<std::uint32_t>(&huge[link + kMbrEntries + kMbrEntrySectors], 0xFFFFFFFF);

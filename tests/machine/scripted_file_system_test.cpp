@@ -90,6 +90,21 @@ TEST_F(Scripted, SpaceRunsOutAndComesBack) {
     ASSERT_EQ(STATUS_SUCCESS, other->Write(0, data.data(), 10 * 4096, done_));
     EXPECT_EQ((std::vector<Extent>{{65536, 10 * 4096}}), volume_->ExtentsOf(u"\\b"))
         << "freed space is whole again";
+    other.reset();
+    for (const bool lowFirst : {true, false}) {
+        ASSERT_EQ(STATUS_SUCCESS, files_->Delete(u"\\b"));
+        ASSERT_EQ(STATUS_SUCCESS, Open(u"\\c", FILE_CREATE, file_));
+        ASSERT_EQ(STATUS_SUCCESS, Open(u"\\d", FILE_CREATE, other));
+        ASSERT_EQ(STATUS_SUCCESS, file_->Write(0, data.data(), 5 * 4096, done_));
+        ASSERT_EQ(STATUS_SUCCESS, other->Write(0, data.data(), 5 * 4096, done_));
+        file_.reset(), other.reset();
+        ASSERT_EQ(STATUS_SUCCESS, files_->Delete(lowFirst ? u"\\c" : u"\\d"));
+        ASSERT_EQ(STATUS_SUCCESS, files_->Delete(lowFirst ? u"\\d" : u"\\c"));
+        ASSERT_EQ(STATUS_SUCCESS, Open(u"\\b", FILE_CREATE, other));
+        ASSERT_EQ(STATUS_SUCCESS, other->Write(0, data.data(), 10 * 4096, done_));
+        EXPECT_EQ(1u, volume_->ExtentsOf(u"\\b").size());
+        if (lowFirst) other.reset();
+    }
     volume_->SetFileLimit(4096);
     EXPECT_EQ(STATUS_DISK_FULL, other->Write(0, data.data(), 8192, done_));
     other.reset();

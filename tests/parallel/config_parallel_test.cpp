@@ -7,8 +7,6 @@
 
 namespace {
 
-using support::MemoryDevice;
-
 class ConfigParallel : public RedirectTest {
 protected:
     void SetUp() override {
@@ -35,8 +33,8 @@ TEST_F(ConfigParallel, FirstReadsLoadItOnce) {
             EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, 0x100000, data).status);
         }
     });
-    const std::vector<MemoryDevice::Transfer> all = device->Transfers();
-    EXPECT_EQ(1, std::count(all.begin(), all.end(), MemoryDevice::Transfer{false, Place(0), 512}));
+    const std::vector<StackMemory::Transfer> all = device->TakeTransfers();
+    EXPECT_EQ(1, std::count(all.begin(), all.end(), StackMemory::Transfer{false, Place(0), 512}));
     EXPECT_TRUE(gConfigLoaded && gConfigDirty);
     EXPECT_EQ(0, gConfigureBusy);
 }
@@ -59,7 +57,7 @@ TEST_F(ConfigParallel, ToolsTextStaysWholeAgainstWriteBacks) {
 
 TEST_F(ConfigParallel, QueuedWritesReachTheSwapInTheirOrder) {
     Protect();
-    UNICODE_STRING name = Name(kName);
+    UNICODE_STRING name = Counted(kName);
     ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
     LARGE_INTEGER at = {};
     for (int i = 1; i <= 100; ++i) {

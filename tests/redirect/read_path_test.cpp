@@ -2,8 +2,6 @@
 
 namespace {
 
-using support::TestFile;
-
 constexpr LONGLONG kAt = 0x10000;
 
 class ReadPath : public RedirectTest {
@@ -42,7 +40,8 @@ TEST_F(ReadPath, StorageAndPagingFilesAreReadFromTheVolume) {
         const char16_t* name;
         int byte;
     } table[] = {{u"\\kvr.MAP", 0},       {u"\\kvr.SWP", 0},     {u"\\kvr.swp.16", 0}, {u"\\hiberfil.sys", 0},
-                 {u"\\hibernate.sys", 0}, {u"\\kvr.swp.160", 7}, {u"\\boot\\bcd", 7},  {u"\\file", 7}};
+                 {u"\\hibernate.sys", 0}, {u"\\kvr.swp.160", 7}, {u"\\kvr.swp.1", 7},  {u"\\x\\kvr.swp", 7},
+                 {u"\\boot\\bcd", 7},     {u"\\file", 7}};
     for (const auto& row : table) EXPECT_EQ(row.byte, ByteOf(row.name)) << testing::PrintToString(row.name);
     TestFile pagefile(u"\\pagefile.sys");
     EXPECT_EQ(0, Byte(&pagefile.object));
@@ -53,7 +52,7 @@ TEST_F(ReadPath, StorageAndPagingFilesAreReadFromTheVolume) {
 
 TEST_F(ReadPath, ChangedMediumDropsEveryRedirection) {
     PVOLUME_EXTENSION stick =
-        RecordOf(AddDevice({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}));
+        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
     gTesselEnabled = gRVProtect = TRUE;
     stick->SwapMapLoaded = TRUE;  // so that its reads are served as redirected ones
     LARGE_INTEGER offset = {};
@@ -62,7 +61,7 @@ TEST_F(ReadPath, ChangedMediumDropsEveryRedirection) {
     EXPECT_EQ(STATUS_SUCCESS, LockFreeChunks(stick, &offset, 0x1000, &chain, nullptr));
     EXPECT_EQ(STATUS_SUCCESS, CommitChunks(stick, chain, 0));
     std::vector<UCHAR> data(512);
-    devices.back()->verdict = [](const auto&) { return STATUS_VERIFY_REQUIRED; };
+    memories.back()->verdict = [](const auto&) { return STATUS_VERIFY_REQUIRED; };
     EXPECT_EQ(STATUS_VERIFY_REQUIRED, Send(stick, IRP_MJ_READ, 0x100000, data).status);
     EXPECT_EQ(0u, UsedBytes(stick));
 }

@@ -29,19 +29,6 @@ TEST(SpecialNames, EndsWithName) {
     EXPECT_EQ(-1, EndsWithName(&suffix, nullptr, TRUE));
 }
 
-TEST(SpecialNames, SwapFileNames) {
-    const struct {
-        const char16_t* name;
-        bool isSwap;
-    } table[] = {{u"\\kvr.SWP", true},      {u"\\KVR.swp.03", true}, {u"\\kvr.swp.1", false},
-                 {u"\\kvr.swp.012", false}, {u"\\kvr.sw", false},    {u"\\x\\kvr.swp", false}};
-    for (const auto& row : table) {
-        const UNICODE_STRING name = Name(row.name);
-        EXPECT_EQ(row.isSwap, IsSwapFileName(&name) != 0);
-    }
-    EXPECT_FALSE(IsSwapFileName(nullptr));
-}
-
 TEST(SpecialNames, RequestFileIsFoundInOrder) {
     IO_STACK_LOCATION stack{};
     IRP request{}, master{};

@@ -2,12 +2,10 @@
 
 namespace {
 
-using support::MemoryDevice;
-
 class SwapFiles : public RedirectTest {
 protected:
     static SWAP_FILE* Get(const char16_t* name, PVOLUME_EXTENSION from) {
-        UNICODE_STRING counted = Name(name);
+        UNICODE_STRING counted = Counted(name);
         EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&counted, from));
         return from->SwapFile;
     }
@@ -16,14 +14,14 @@ protected:
 constexpr char16_t kOther[] = u"\\Device\\HarddiskVolume2";
 
 TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
-    PVOLUME_EXTENSION other = RecordOf(AddDevice({.name = kOther}));
+    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
     SWAP_FILE* swapFile = Get(kName, other);  // the holder is attached with it
     EXPECT_EQ(swapFile, volume->SwapFile.load());
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
     EXPECT_EQ(volume, swapFile->SwapVolume.load());
     EXPECT_EQ(swapFile, Get(kName, volume)) << "attached already";
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
-    EXPECT_NE(swapFile, Get(u"\\Device\\HarddiskVolume3", RecordOf(AddDevice({.name = u"\\Device\\X"}))));
+    EXPECT_NE(swapFile, Get(u"\\Device\\HarddiskVolume3", AddMemory({.name = u"\\Device\\X"}).stack.volume));
     EXPECT_EQ(swapFile, gSwapFileList);
     EXPECT_EQ(nullptr, gSwapFileList->pNext->SwapVolume.load()) << "a volume that nobody knows";
     EXPECT_EQ(gSwapFileList, gSwapFileList->pNext->pPrevious);
@@ -35,7 +33,7 @@ TEST_F(SwapFiles, DetachmentKeepsTheObject) {
     EXPECT_EQ(nullptr, volume->SwapFile.load());
     EXPECT_EQ(swapFile, Get(kName, volume));
     EXPECT_EQ(1u, swapFile->ulRefCount.load());
-    PVOLUME_EXTENSION other = RecordOf(AddDevice({.name = kOther}));
+    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
     Get(kName, other);
     DetachFromSwap(other);
     EXPECT_EQ(swapFile, other->SwapFile.load()) << "cleared by its removal, not while others are attached";
@@ -45,7 +43,7 @@ TEST_F(SwapFiles, NameIsCutToSixtyFourCharacters) {
     const std::u16string name(70, u'n');
     SWAP_FILE* swapFile = Get(name.c_str(), volume);
     EXPECT_EQ(128, swapFile->DeviceName.Length);
-    PVOLUME_EXTENSION other = RecordOf(AddDevice({.name = kOther}));
+    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
     EXPECT_EQ(swapFile, Get(name.substr(0, 64).c_str(), other));
 }
 
@@ -71,7 +69,7 @@ TEST_F(SwapFiles, FreeBytesMirrorTheHoldersSpace) {
 }
 
 TEST_F(SwapFiles, NoPoolMeansNotAttached) {
-    UNICODE_STRING name = Name(kName);
+    UNICODE_STRING name = Counted(kName);
     host::FailFromCall(host::FaultBit(host::Fault::Allocate), 1);
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, GetSwapFile(&name, volume));
     host::DisarmFaults();
@@ -80,19 +78,19 @@ TEST_F(SwapFiles, NoPoolMeansNotAttached) {
 }
 
 TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
-    MemoryDevice& holder = AddDevice({.name = kOther});
+    PDEVICE_OBJECT holder = AddMemory({.name = kOther}).stack.pdo.object;
     SWAP_FILE* swapFile = Get(kOther, volume);
     SwapDevice device(volume);
-    EXPECT_EQ(holder.object, device.Device());
+    EXPECT_EQ(holder, device.Device());
     device.Release();
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder.object, IRP_MN_REMOVE_DEVICE));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(nullptr, swapFile->SwapVolume.load());
     EXPECT_EQ(nullptr, SwapDevice(volume).Device());
-    ASSERT_EQ(STATUS_SUCCESS, host::AddDeviceToStack(driver, holder.object));
+    ASSERT_EQ(STATUS_SUCCESS, host::AddDeviceToStack(kvr, holder));
     SwapDevice again(volume);
-    EXPECT_EQ(holder.object, again.Device());
+    EXPECT_EQ(holder, again.Device());
     again.Release();
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder.object, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
 }
 
 }  // namespace

@@ -10,7 +10,7 @@ protected:
     void SetUp() override {
         RedirectTest::SetUp();
         Protect();
-        UNICODE_STRING name = Name(kName);
+        UNICODE_STRING name = Counted(kName);
         ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
         swapFile = volume->SwapFile;
     }
@@ -72,12 +72,12 @@ TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
 TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
     Queue(0, 0x1000, 1);
     swapFile->ulFreeBytes = 0;
-    device->ForgetTransfers();
+    device->TakeTransfers();
     std::vector<UCHAR> data(0x1000, 9);
     const host::Outcome queued = Write(volume, 0, data);
     EXPECT_EQ(STATUS_SUCCESS, queued.status);
     EXPECT_EQ(0x1000u, queued.information);
-    EXPECT_TRUE(device->Transfers().empty());
+    EXPECT_TRUE(device->TakeTransfers().empty());
     {
         FastMutexLock lock(volume->SwapLock);
         MirrorFreeBytes(volume);
@@ -112,16 +112,16 @@ TEST_F(WriteCache, RequestThatCannotBeQueuedFailsAndLeavesNothing) {
 }
 
 TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {
-    support::MemoryDevice& other = AddDevice({.name = u"\\Device\\HarddiskVolume2"});
-    PVOLUME_EXTENSION leaving = RecordOf(other);
-    UNICODE_STRING name = Name(kName);
+    FilteredStack& other = AddMemory({.name = u"\\Device\\HarddiskVolume2"}).stack;
+    PVOLUME_EXTENSION leaving = other.volume;
+    UNICODE_STRING name = Counted(kName);
     ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, leaving));
     Queue(0, 0x1000, 1);
     std::vector<UCHAR> data(0x1000, 2);
     LARGE_INTEGER at = {};
     EXPECT_EQ(STATUS_SUCCESS, AddBufferToCache(leaving, &at, data.data(), 0x1000));
     Queue(0x8000, 0x1000, 3);
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.object, IRP_MN_REMOVE_DEVICE));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.pdo.object, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
     EXPECT_EQ(std::vector<UCHAR>(0x1000, 1), ReadBack(0, 0x1000));
     EXPECT_EQ(std::vector<UCHAR>(0x1000, 3), ReadBack(0x8000, 0x1000));

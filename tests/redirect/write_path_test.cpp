@@ -6,9 +6,6 @@
 
 namespace {
 
-using support::MemoryDevice;
-using support::TestFile;
-
 constexpr LONGLONG kAt = 0x10000;
 
 class WritePath : public RedirectTest {
@@ -139,11 +136,11 @@ TEST_F(WritePath, RefusesWritesThroughAVolumeHandleOnceItsSectorsAreTheDrivers) 
 
 TEST_F(WritePath, RefusesEverythingOnAProtectedRemovableVolume) {
     PVOLUME_EXTENSION stick =
-        RecordOf(AddDevice({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}));
+        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
     gTesselEnabled = gRVProtect = TRUE;
     DRIVER_OBJECT ntfs{}, fat{};
-    ntfs.DriverName = Name(u"\\FileSystem\\NTFS");
-    fat.DriverName = Name(u"\\FileSystem\\fastfat");
+    ntfs.DriverName = Counted(u"\\FileSystem\\NTFS");
+    fat.DriverName = Counted(u"\\FileSystem\\fastfat");
     DEVICE_OBJECT mounted{};
     VPB vpb = {&mounted, nullptr};
     TestFile file(u"\\pagefile.sys");
@@ -159,8 +156,8 @@ TEST_F(WritePath, RefusesEverythingOnAProtectedRemovableVolume) {
 }
 
 TEST_F(WritePath, FirstSectorOfAProtectedVolumesDiskIsRefused) {
-    MemoryDevice& disk = AddDevice({.name = u"\\Device\\Harddisk0\\DR0", .isDisk = true});
-    PVOLUME_EXTENSION record = RecordOf(disk);
+    StackMemory& disk = AddMemoryDisk(u"\\Device\\Harddisk0\\DR0");
+    PVOLUME_EXTENSION record = disk.stack.volume;
     const std::vector<UCHAR> data(512, 1);
     EXPECT_EQ(STATUS_SUCCESS, Write(record, 0, data).status);
     Protect();
@@ -216,6 +213,7 @@ TEST_F(WritePath, RecordThatIsBeingRemovedTakesNothing) {
     EXPECT_EQ(STATUS_DELETE_PENDING, Write(volume, kAt, std::vector<UCHAR>(512)).status);
     std::vector<UCHAR> data(512);
     EXPECT_EQ(STATUS_DELETE_PENDING, Send(volume, IRP_MJ_READ, kAt, data).status);
+    IoInitializeRemoveLock(&volume->RemoveLock, kPoolTag, 0, 0);
 }
 
 }  // namespace

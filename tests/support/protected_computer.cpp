@@ -11,12 +11,24 @@ namespace {
 
 using namespace machine;
 
-// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
-std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector, std::uint64_t& offset) {
-    auto disk = std::make_shared<MemoryDisk>(bytes, sector);
+constexpr std::uint64_t kSystemBytes = 16 * kMiB;
+
+// The one partition of a disk of that size.
+std::vector<NewPartition> OnePartition(std::uint64_t bytes) {
     std::vector<NewPartition> partitions;
     std::string error;
     EXPECT_TRUE(LayOutPartitions(bytes, {0}, TableKind::Mbr, partitions, error)) << error;
+    return partitions;
+}
+
+std::uint64_t VolumeOffset(std::uint64_t bytes) {
+    return OnePartition(bytes).at(0).offset;
+}
+
+// An MBR disk with one volume over all of it; `offset` receives where the volume begins.
+std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector, std::uint64_t& offset) {
+    auto disk = std::make_shared<MemoryDisk>(bytes, sector);
+    const std::vector<NewPartition> partitions = OnePartition(bytes);
     for (const DiskPiece& piece : MakeMbr(bytes, sector, partitions, 1))
         EXPECT_EQ(STATUS_SUCCESS, disk->Write(piece.offset, piece.bytes.data(), piece.bytes.size()));
     offset = partitions.at(0).offset;
@@ -44,25 +56,49 @@ SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes) {
     return request;
 }
 
-ProtectedComputer::ProtectedComputer(const ComputerOptions& options) {
-    std::uint64_t systemOffset = 0;
-    systemDisk_ = OneVolumeDisk(16 * kMiB, 512, systemOffset);
+ProtectedComputer::ProtectedComputer(const ComputerOptions& options) : options_(options) {
+    systemDisk_ = OneVolumeDisk(kSystemBytes, 512, systemOffset_);
     dataDisk_ = OneVolumeDisk(options.dataBytes, options.dataSector, dataOffset_);
+    Build();
+}
+
+ProtectedComputer::ProtectedComputer(const ComputerImage& image)
+    : options_(image.options), systemDisk_(image.system->Clone()), dataDisk_(image.data->Clone()) {
+    systemOffset_ = VolumeOffset(kSystemBytes);
+    dataOffset_ = VolumeOffset(options_.dataBytes);
+    Build();
+    systemFiles_->Restore(*image.systemFiles);
+    dataFiles_->Restore(*image.dataFiles);
+    std::string error;
+    EXPECT_TRUE(machine_->Registry().LoadText(image.registry, error)) << error;
+}
+
+void ProtectedComputer::Build() {
     systemFiles_ = std::make_shared<ScriptedVolume>(kMiB, 12 * kMiB);
-    dataFiles_ = std::make_shared<ScriptedVolume>(options.storageBegin, options.dataBytes - dataOffset_);
+    dataFiles_ = std::make_shared<ScriptedVolume>(options_.storageBegin, options_.dataBytes - dataOffset_);
+    dataFiles_->SetPlacement(options_.piece, options_.gap);
     MachineOptions machine;
-    machine.disks = {{systemDisk_}, {dataDisk_, false, options.completion}};
+    machine.disks = {{systemDisk_}, {dataDisk_, false, options_.completion}};
     machine.driver = DriverEntry;
     machine.fileSystem = [this](const VolumeDevice& volume) {
-        return ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_);
+        return volume.Number() <= kDataVolume
+                   ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
+                   : FileSystemDriver{};
     };
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     machine_ = std::make_unique<Machine>(std::move(machine));
+    systemFiles_->FollowPower(&machine_->Power());
+    dataFiles_->FollowPower(&machine_->Power());
 }
 
 ProtectedComputer::~ProtectedComputer() {
     machine_.reset();
     host::FollowRealClock();
+}
+
+ComputerImage ProtectedComputer::Capture() const {
+    return {options_,           systemDisk_->Clone(),       dataDisk_->Clone(), systemFiles_->Save(),
+            dataFiles_->Save(), machine_->Registry().Text()};
 }
 
 void ProtectedComputer::Install(const Configuration& configuration, std::uint64_t swapBytes) {

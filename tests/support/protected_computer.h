@@ -36,16 +36,37 @@ struct ComputerOptions {
     // The storage files are placed from here to the end of the data volume; what lies below is the test's.
     std::uint64_t storageBegin = 64 * kMiB;
     machine::Completion completion = machine::Completion::Immediate;
+    // How the data volume's files are laid out: pieces of at most that many bytes with gaps between them. 0: as
+    // large as it gets.
+    std::uint64_t piece = 0;
+    std::uint64_t gap = 0;
+};
+
+// What a computer keeps while its power is off. Many computers can be made from one image, each with disks of
+// its own that share what none of them writes.
+struct ComputerImage {
+    ComputerOptions options;
+    std::shared_ptr<const machine::MemoryDisk> system, data;
+    std::shared_ptr<const machine::ScriptedVolume::Snapshot> systemFiles, dataFiles;
+    std::string registry;
 };
 
 class ProtectedComputer {
 public:
     explicit ProtectedComputer(const ComputerOptions& options = {});
+    explicit ProtectedComputer(const ComputerImage& image);
     ~ProtectedComputer();
 
     machine::Machine& Hardware() { return *machine_; }
+    machine::MemoryDisk& SystemDisk() { return *systemDisk_; }
     machine::MemoryDisk& DataDisk() { return *dataDisk_; }
+    machine::ScriptedVolume& SystemFiles() { return *systemFiles_; }
     machine::ScriptedVolume& DataFiles() { return *dataFiles_; }
+    // Where the volumes begin on their disks.
+    std::uint64_t SystemOffset() const { return systemOffset_; }
+    std::uint64_t DataOffset() const { return dataOffset_; }
+    // The power must be off.
+    ComputerImage Capture() const;
 
     // Boots with nothing configured, writes the configuration, makes `swapBytes` of storage and shuts down.
     void Install(const Configuration& configuration, std::uint64_t swapBytes);
@@ -62,11 +83,14 @@ public:
     void ReadMedium(std::uint64_t offset, void* buffer, std::size_t length);
 
 private:
+    void Build();
+
+    ComputerOptions options_;
     std::shared_ptr<machine::MemoryDisk> systemDisk_;
     std::shared_ptr<machine::MemoryDisk> dataDisk_;
     std::shared_ptr<machine::ScriptedVolume> systemFiles_;
     std::shared_ptr<machine::ScriptedVolume> dataFiles_;
-    std::uint64_t dataOffset_ = 0;
+    std::uint64_t systemOffset_ = 0, dataOffset_ = 0;
     std::unique_ptr<machine::Machine> machine_;
 };
 

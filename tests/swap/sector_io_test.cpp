@@ -194,6 +194,23 @@ TEST_F(SectorIo, BuffersAreWrittenLikeRequests) {
     EXPECT_EQ(Read(100 * S, 4 * S), data);
 }
 
+// The write's own space may take the rest below the limit: the gate is asked once, for the run, and not again
+// for each piece that the space came in.
+TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
+    ResetSwapMaps(filter_);
+    for (int i = 0; i < 3; ++i) AddFree(kSwap + i * 8 * S, 4 * S);
+    AddFree(1ll << 40, 0x3000000 - 10 * S);  // two sectors above the limit in all
+    FILE_OBJECT file{};
+    RtlInitUnicodeString(&file.FileName, W("\\report.doc"));
+    auto data = Data(12 * S, 1);
+    host::Request request{.major = IRP_MJ_WRITE, .length = 12 * S, .offset = 100 * S, .buffer = data.data()};
+    request.originalFile = &file;
+    EXPECT_EQ(host::Send(filter_, request).status, STATUS_SUCCESS);
+    EXPECT_EQ(Read(100 * S, 12 * S), data);
+    request.offset = 200 * S;
+    EXPECT_EQ(host::Send(filter_, request).status, STATUS_MEDIA_WRITE_PROTECTED);
+}
+
 // Every allocation, request, lock and map of a read and of a write fails once: the request ends with a status,
 // nothing leaks, and the maps hold.
 TEST_F(SectorIo, EveryFailureOnTheWayIsSurvived) {

@@ -1,4 +1,4 @@
-#include "stand_in.h"
+#include "tests/support/stand_in.h"
 #include <algorithm>
 #include "namespace.h"
 #include "platform/owners.h"
@@ -77,7 +77,9 @@ NTSTATUS Pnp(PDEVICE_OBJECT device, PIRP irp) {
 
 NTSTATUS Power(PDEVICE_OBJECT device, PIRP irp) {
     Note(device, irp);
-    const PDEVICE_OBJECT below = static_cast<Filter*>(device->DeviceExtension)->below;
+    const Filter& filter = *static_cast<Filter*>(device->DeviceExtension);
+    const PDEVICE_OBJECT below = filter.below;
+    if (plan.atPower != nullptr && !filter.isDisk) plan.atPower(below);
     PoStartNextPowerIrp(irp);
     IoSkipCurrentIrpStackLocation(irp);
     return PoCallDriver(below, irp);

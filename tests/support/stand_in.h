@@ -23,7 +23,8 @@ struct Plan {
     bool refuseQueryRemove = false;  // by every volume's filter
     bool refuseStartOfRemovable = false;
     bool detachDisksAtShutdown = false;
-    void (*thread)(void*) = nullptr;  // a system thread started by the entry
+    void (*atPower)(PDEVICE_OBJECT below) = nullptr;  // called with what is below each volume's filter
+    void (*thread)(void*) = nullptr;                  // a system thread started by the entry
 };
 
 // One boot's record; Reset() before each boot.

@@ -1,0 +1,90 @@
+// What the crash tests share: a computer is stopped at its first, second, third ... write to a disk or the
+// registry during one operation, until the operation gets through, and after each cut the next boot is looked
+// at. A failure names the scenario and the cut, which replay it: every computer starts from the same image.
+//   KVR_LONG=1 also tears the write at more places, with either state of the directory
+#pragma once
+#include <functional>
+#include <gtest/gtest.h>
+#include "platform/owners.h"
+#include "tests/support/protected_computer.h"
+#include "tests/support/volume_model.h"
+
+namespace crash {
+
+using namespace support;
+
+struct CutPoint {
+    std::uint64_t nth;   // the write that does not complete, counted from 1
+    std::uint32_t kept;  // leading sectors of it that still reach the disk
+    bool journaled;      // the directory lost what its journal did not have
+    bool struck = true;  // false: the operation got through, and only then the power failed
+    std::string Text() const;
+};
+
+struct Scenario {
+    std::string name;
+    const ComputerImage* start;
+    std::vector<std::uint32_t> kept = {0};  // sectors of the torn write, each a pass of its own
+    bool journaled = false;  // also, for the first of `kept`, with the directory as its journal has it
+    std::function<void(ProtectedComputer&)> prepare;  // with the power off; the cut is armed afterwards
+    std::function<void(ProtectedComputer&)> operate;  // may end the boot
+    // The power is off and back: what the next boot finds. Called for the operation that got through, too.
+    std::function<void(ProtectedComputer&, const CutPoint&)> check;
+};
+
+// Runs the scenario at every cut; returns how many cuts struck.
+unsigned Sweep(const Scenario& scenario);
+
+// The data volume's region for the tests' own writes; every sector of it holds the stamp that FixedStamp gives.
+inline constexpr std::uint64_t kRegion = 1 * kMiB;
+inline constexpr std::uint64_t kSystemRegion =
+    14 * kMiB;  // a sector of the system volume that belongs to nobody
+std::uint64_t FixedStamp(std::uint64_t sector);
+
+inline constexpr std::uint64_t kSwapBytes = 10 * kMiB;
+inline constexpr char16_t kConfigPath[] = u"\\Windows\\system32\\drivers\\kvr.cfg";
+
+// A computer of small disks whose data volume holds a stamp in every sector, files or not; nothing configured.
+ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
+std::unique_ptr<ProtectedComputer> StampedComputer(const ComputerOptions& options);
+
+// Raw writes and reads of the data volume's region, in sectors of 512 bytes. A write stamps its sectors
+// stamp, stamp + 1, ...
+void WriteStamps(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count, std::uint64_t stamp);
+std::vector<std::uint8_t> ReadSectors(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count);
+std::vector<std::uint8_t> MediumSectors(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count);
+// The one of `stamps` that the sector at `data` holds; fails when it holds none of them.
+std::uint64_t StampAmong(const std::uint8_t* data, const std::vector<std::uint64_t>& stamps);
+
+void PowerOn(ProtectedComputer& computer);  // and waits for what the boot started
+
+// The sectors that are the driver's to write: the storage files and kvr.cfg, wherever they ever lay.
+class OwnSectors {
+public:
+    void Learn(ProtectedComputer& computer);
+    // Sectors of the data volume's region that may change as well.
+    void LearnRegion(ProtectedComputer& computer, std::uint64_t sector, std::uint64_t count);
+    // Nothing else differs between the image and the computer's media.
+    void ExpectOthersUnchanged(const ComputerImage& before, ProtectedComputer& now) const;
+
+private:
+    using Ranges = std::vector<machine::MemoryDisk::Range>;
+    static void Normalize(Ranges& ranges);
+    static void LearnFiles(machine::ScriptedVolume& files, std::uint64_t volumeOffset, Ranges& ranges);
+    static void ExpectWithin(const char* disk, const Ranges& differences, const Ranges& own);
+
+    Ranges system_, data_;
+};
+
+enum class Storage { Works, Reported };
+
+// The driver says that the volume is protected with its storage, or that it is not and why (3, 4 or 5).
+Storage ExpectWorkingOrReported(ProtectedComputer& computer);
+// A protected volume of a booted computer: writes are redirected and read back, and the next boot treats them
+// as configured. Ends with the power off.
+void ExpectProtects(ProtectedComputer& computer, bool keeps);
+// Repairs what is reported by making the storage once more, and expects the volume protected from the boot
+// after that on. Ends with the power off.
+void ExpectRepairable(ProtectedComputer& computer, bool keeps);
+
+}  // namespace crash

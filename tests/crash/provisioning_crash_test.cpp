@@ -1,0 +1,96 @@
+// The power fails while storage is made, made anew over damaged storage, or removed.
+#include <numeric>
+#include "tests/crash/crash_sweep.h"
+
+namespace {
+
+using namespace crash;
+
+void PowerOnAndProvision(ProtectedComputer& computer) {
+    EXPECT_EQ(STATUS_SUCCESS, computer.Provision(kSwapBytes));
+}
+
+class ProvisioningCrash : public testing::Test {
+protected:
+    // Pieces with gaps: a sector beside the driver's own would be one of the gaps' stamps.
+    static ComputerImage Configured() {
+        const auto computer = StampedComputer(SmallOptions(512 * kKiB, 64 * kKiB));
+        PowerOn(*computer);
+        EXPECT_EQ(STATUS_SUCCESS, computer->SetConfig({}));
+        computer->Hardware().Shutdown();
+        return computer->Capture();
+    }
+    // Storage whose map has a bad entry.
+    static ComputerImage Damaged() {
+        ProtectedComputer computer(Configured());
+        PowerOn(computer);
+        PowerOnAndProvision(computer);
+        computer.Hardware().Shutdown();
+        const auto place = computer.DataFiles().ExtentsOf(u"\\kvr.MAP").at(0);
+        std::vector<std::uint8_t> bad(512);
+        std::iota(bad.begin(), bad.end(), std::uint8_t{1});
+        EXPECT_EQ(STATUS_SUCCESS,
+                  computer.DataDisk().Write(computer.DataOffset() + place.offset, bad.data(), bad.size()));
+        return computer.Capture();
+    }
+
+    void Sweep(const char* name, const ComputerImage& start, std::function<void(ProtectedComputer&)> operate,
+               unsigned least, bool makes = true) {
+        Scenario scenario;
+        scenario.name = name;
+        scenario.start = &start;
+        scenario.kept = {0, 8};
+        scenario.journaled = true;
+        scenario.prepare = [&](ProtectedComputer& computer) {
+            own = OwnSectors();
+            own.Learn(computer);
+            PowerOn(computer);
+        };
+        scenario.operate = [&](ProtectedComputer& computer) {
+            operate(computer);
+            own.Learn(computer);
+        };
+        scenario.check = [&](ProtectedComputer& computer, const CutPoint& cut) {
+            Check(start, computer, !cut.struck && makes);
+        };
+        EXPECT_GE(crash::Sweep(scenario), least);
+    }
+
+    // `made`: the storage was finished before the power failed.
+    void Check(const ComputerImage& start, ProtectedComputer& computer, bool made) {
+        ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
+        ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
+        const Storage storage = ExpectWorkingOrReported(computer);
+        if (made) {
+            EXPECT_EQ(Storage::Works, storage) << "finished storage is not found";
+        }
+        if (storage == Storage::Works)
+            ExpectProtects(computer, false);
+        else
+            ExpectRepairable(computer, false);
+        own.Learn(computer);
+        own.ExpectOthersUnchanged(start, computer);
+    }
+
+    OwnSectors own;
+};
+
+TEST_F(ProvisioningCrash, WhileStorageIsMade) {
+    const ComputerImage start = Configured();
+    Sweep("provisioning", start, PowerOnAndProvision, 3 * 25);
+}
+
+TEST_F(ProvisioningCrash, WhileDamagedStorageIsMadeAnew) {
+    const ComputerImage start = Damaged();
+    Sweep("provisioning again", start, PowerOnAndProvision, 3 * 25);
+}
+
+TEST_F(ProvisioningCrash, WhileStorageIsRemoved) {
+    const ComputerImage start = Damaged();
+    const auto remove = [](ProtectedComputer& computer) {
+        EXPECT_EQ(STATUS_SUCCESS, computer.RemoveStorage());
+    };
+    Sweep("removal", start, remove, 3 * 2, false);
+}
+
+}  // namespace

@@ -1,0 +1,65 @@
+#!/usr/bin/env bash
+# What a user meets at the command line: each mistake is one clear line on stderr and exit code 2, help is help,
+# and nothing stays behind. With "demo" as second argument, one whole demonstration as well.
+set -u
+kvrhost=$1
+TMPDIR=$(mktemp -d)
+export TMPDIR
+trap 'rm -rf "$TMPDIR" "$images"' EXIT
+images=$(mktemp -d -p /tmp)
+failures=0
+
+fail() {
+    echo "FAILED: $1"
+    failures=$((failures + 1))
+}
+
+# refused WORDS ARGUMENTS...: exit code 2 and one line that holds WORDS
+refused() {
+    local words=$1 output code lines
+    shift
+    output=$("$kvrhost" "$@" 2>&1 >/dev/null)
+    code=$?
+    lines=$(printf '%s\n' "$output" | wc -l)
+    [ "$code" -eq 2 ] || fail "'$*' gave exit code $code"
+    [ "$lines" -eq 1 ] || fail "'$*' said: $output"
+    case $output in *"$words"*) ;; *) fail "'$*' said: $output" ;; esac
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "'$*' left something behind"
+}
+
+volume() { # volume FILE SIZE
+    truncate -s "$2" "$1"
+    PATH=$PATH:/usr/sbin:/sbin mkntfs -q -F -Q -p 0 -H 255 -S 63 -s 512 "$1" >/dev/null 2>&1
+}
+
+refused "which command"
+refused "nonsense" nonsense
+refused "--nonsense" demo --nonsense
+refused "--image" demo --image
+refused "No such file" demo --image "$images/missing"
+refused "is no file" demo --image "$images"
+truncate -s 10M "$images/zeros"
+refused "no NTFS volume" demo --image "$images/zeros"
+truncate -s 0 "$images/empty"
+refused "no NTFS volume" demo --image "$images/empty"
+volume "$images/small" 60M
+refused "free, the demonstration needs" demo --image "$images/small"
+volume "$images/whole" 300M
+head -c 20M "$images/whole" >"$images/cut"
+refused "$images/cut" demo --image "$images/cut"
+refused "No such file" demo --scratch "$images/missing"
+refused "free, the disk images need" demo --scratch /proc
+
+for help in "--help" "demo --help"; do
+    # shellcheck disable=SC2086
+    "$kvrhost" $help | grep -q 'Usage: kvrhost' || fail "'$help' is no help"
+done
+
+if [ "${2:-}" = demo ]; then
+    "$kvrhost" demo >"$images/output" 2>&1 || fail "the demonstration gave exit code $?"
+    tail -n 1 "$images/output" | grep -Eqx 'kvrhost demo: ([1-9][0-9]*) of \1 checks passed' || fail "no summary"
+    [ "$failures" -eq 0 ] || cat "$images/output"
+    "$kvrhost" demo --image "$images/whole" >"$images/output" 2>&1 || { fail "of an image"; cat "$images/output"; }
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "the demonstration left something behind"
+fi
+[ "$failures" -eq 0 ]

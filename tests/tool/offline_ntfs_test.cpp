@@ -1,0 +1,107 @@
+#include <gtest/gtest.h>
+#include <algorithm>
+#include "machine/subprocess.h"
+#include "tests/tool/scratch_folder.h"
+#include "tool/error.h"
+#include "tool/image_source.h"
+#include "tool/offline_ntfs.h"
+
+namespace {
+
+using namespace tool;
+
+constexpr std::uint64_t kVolume = 24 * 1024 * 1024;
+constexpr std::uint64_t kStart = 1024 * 1024;
+
+// A formatted volume with some files, made by the NTFS tools, behind the first megabyte of an image.
+struct Image {
+    TestFolder folder;
+    std::string volume = folder.Sparse("volume", kVolume);
+    std::string image = folder.Sparse("image", kStart + kVolume);
+
+    Image() { Tool("mkntfs", {"-q", "-F", "-Q", "-p", "2048", "-H", "255", "-S", "63", "-s", "512", volume}); }
+    static void Tool(const std::string& name, const std::vector<std::string>& arguments) {
+        const machine::ToolResult result = machine::RunTool(name, arguments);
+        ASSERT_TRUE(result.started && result.exitCode == 0) << name << ": " << result.output;
+    }
+    void Add(const std::string& name, const std::vector<char>& content) {
+        folder.Sparse("content", 0);
+        TestFolder::Put(folder.File("content"), 0, content);
+        Tool("ntfscp", {"-f", "-q", volume, folder.File("content"), name});
+    }
+    std::vector<char> VolumeBytes() const {
+        std::ifstream stream(volume, std::ios::binary);
+        return {std::istreambuf_iterator<char>(stream), {}};
+    }
+    void Finish() { TestFolder::Put(image, kStart, VolumeBytes()); }
+};
+
+TEST(OfflineVolume, TellsFilesContentsAndWhereTheyLie) {
+    std::vector<char> large(300'000);
+    for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>(i * 7 >> 3);
+    Image made;
+    made.Add("Kvr.swp", large);
+    made.Add("tiny", {'a', 'b'});
+    made.Finish();
+    const OfflineVolume volume(made.image, kStart, kVolume);
+
+    const auto files = volume.Files(1 << 30, [](const std::u16string& path) { return path == u"\\nothing"; });
+    ASSERT_EQ(files.size(), 2u);
+    EXPECT_EQ(files[0].path, u"\\Kvr.swp");  // as it is written, not folded
+    EXPECT_EQ(files[0].digest, HashBytes(large.data(), large.size()));
+    EXPECT_TRUE(files[0].hashed && files[0].plain && !files[0].directory);
+    EXPECT_EQ(files[1].size, 2u);
+    EXPECT_FALSE(volume.Files(100, [](auto&) { return false; })[0].hashed);
+
+    std::vector<char> read;
+    for (const Extent& extent : SwapFileExtents(volume)) {  // found without regard to case
+        const auto bytes = made.VolumeBytes();
+        read.insert(read.end(), bytes.begin() + static_cast<std::ptrdiff_t>(extent.offset),
+                    bytes.begin() + static_cast<std::ptrdiff_t>(extent.offset + extent.length));
+    }
+    ASSERT_GE(read.size(), large.size());
+    EXPECT_TRUE(std::equal(large.begin(), large.end(), read.begin()));
+    EXPECT_TRUE(volume.Extents(u"\\tiny").empty());
+    EXPECT_TRUE(volume.Extents(u"\\missing\\file").empty());
+}
+
+TEST(FindVolume, TakesTheNtfsVolumeOfAnImageOrSaysWhyNot) {
+    Image made;
+    made.Finish();
+    EXPECT_EQ(FindVolume(made.volume).length, kVolume);
+    // One MBR entry for the volume, one for something else.
+    std::vector<char> table(66, 0);
+    const auto entry = [&](std::size_t at, char type, std::uint32_t start, std::uint32_t sectors) {
+        table[at + 4] = type;
+        for (std::size_t i = 0; i < 4; ++i) {
+            table[at + 8 + i] = static_cast<char>(start >> 8 * i);
+            table[at + 12 + i] = static_cast<char>(sectors >> 8 * i);
+        }
+    };
+    entry(0, 7, kStart / 512, kVolume / 512);
+    entry(16, char(0x83), 100, 200);
+    table[64] = 0x55, table[65] = char(0xAA);
+    TestFolder::Put(made.image, 446, table);
+    const Place place = FindVolume(made.image);
+    EXPECT_EQ(place.offset, kStart);
+    EXPECT_EQ(place.length, kVolume);
+    EXPECT_EQ(place.sectorBytes, 512u);
+
+    TestFolder::Put(made.image, kStart, std::vector<char>(512, 0));
+    EXPECT_THROW(FindVolume(made.image), Error);
+    EXPECT_THROW(FindVolume(made.folder.File("missing")), Error);
+    EXPECT_THROW(FindVolume(made.folder.Path()), Error);
+    EXPECT_THROW(FindVolume(made.folder.Sparse("empty", 0)), Error);
+}
+
+TEST(PlanSwap, FitsTheVolumeOrRefuses) {
+    constexpr std::uint64_t kMiB = 1024 * 1024;
+    EXPECT_THROW(PlanSwap("x", 100 * kMiB), Error);
+    for (std::uint64_t free = 200 * kMiB; free < 500 * kMiB; free += 10 * kMiB) {
+        const SwapPlan plan = PlanSwap("x", free);
+        EXPECT_LE(plan.neededOnVolume, free);
+        EXPECT_GT(plan.swapBytes, static_cast<std::int64_t>(51 * kMiB));  // what a merge must find free
+    }
+}
+
+}  // namespace

@@ -1,0 +1,80 @@
+#include <gtest/gtest.h>
+#include "tests/tool/scratch_folder.h"
+#include "tool/sparse_file.h"
+#include "tool/volume_hash.h"
+
+namespace {
+
+using namespace tool;
+
+constexpr std::uint64_t kKiB = 1024;
+constexpr std::uint64_t kSize = 1000 * kKiB;
+
+struct Image {
+    TestFolder folder;
+    std::string path = folder.Sparse("image", 8 * kKiB + kSize);
+
+    Image() {
+        for (std::uint64_t at = 100; at < kSize; at += 170 * kKiB) Write(at, 'a');
+    }
+    void Write(std::uint64_t at, char byte) { TestFolder::Put(path, 8 * kKiB + at, {byte}); }
+    VolumeHash Hash(const std::vector<Extent>& excluded = {}) const {
+        return HashVolume(path, 8 * kKiB, kSize, excluded);
+    }
+};
+
+TEST(VolumeHash, SeesEveryByteOfTheVolumeAndNoOther) {
+    Image image;
+    const VolumeHash before = image.Hash();
+    EXPECT_EQ(before.covered, kSize);
+    for (const std::uint64_t at : {std::uint64_t{0}, 64 * kKiB - 1, 64 * kKiB, 300 * kKiB, kSize - 1}) {
+        image.Write(at, 'x');
+        EXPECT_FALSE(image.Hash() == before) << at;
+        image.Write(at, 0);
+        EXPECT_TRUE(image.Hash() == before) << at;
+    }
+    TestFolder::Put(image.path, 8 * kKiB - 1, {'x'});  // before the volume
+    EXPECT_TRUE(image.Hash() == before);
+}
+
+TEST(VolumeHash, LeavesOutExactlyTheExcludedBytes) {
+    Image image;
+    // Out of order, overlapping, across pieces, and beyond the end.
+    const std::vector<Extent> excluded = {
+        {500 * kKiB, 10}, {100 * kKiB, 70 * kKiB}, {160 * kKiB, 20 * kKiB}, {kSize - 7, 100}};
+    const VolumeHash before = image.Hash(excluded);
+    EXPECT_EQ(before.covered, kSize - 80 * kKiB - 10 - 7);
+    for (const std::uint64_t at : {100 * kKiB, 180 * kKiB - 1, 500 * kKiB + 9, kSize - 7}) {
+        image.Write(at, 'x');
+        EXPECT_TRUE(image.Hash(excluded) == before) << at;
+    }
+    for (const std::uint64_t at : {100 * kKiB - 1, 180 * kKiB, 500 * kKiB - 1, 500 * kKiB + 10, kSize - 8}) {
+        image.Write(at, 'x');
+        EXPECT_FALSE(image.Hash(excluded) == before) << at;
+        image.Write(at, 0);
+    }
+}
+
+TEST(VolumeHash, CountsHolesAsZeros) {
+    Image image;
+    const VolumeHash sparse = image.Hash();
+    TestFolder::Put(image.path, 8 * kKiB + 700 * kKiB, std::vector<char>(100 * kKiB, 0));
+    EXPECT_TRUE(image.Hash() == sparse);
+    // The same bytes elsewhere are another volume.
+    image.Write(100, 0);
+    image.Write(101, 'a');
+    EXPECT_FALSE(image.Hash() == sparse);
+}
+
+TEST(SparseFile, CopiesAndExtractsTheSameBytesWithoutFillingHoles) {
+    Image image;
+    const std::string copy = image.folder.File("copy"), volume = image.folder.File("volume");
+    CopySparse(image.path, copy);
+    EXPECT_TRUE(HashVolume(copy, 8 * kKiB, kSize, {}) == image.Hash());
+    EXPECT_EQ(std::filesystem::file_size(copy), 8 * kKiB + kSize);
+    ExtractSparse(image.path, 8 * kKiB, kSize, volume);
+    EXPECT_TRUE(HashVolume(volume, 0, kSize, {}) == image.Hash());
+    EXPECT_LT(AllocatedBytes(volume), kSize);
+}
+
+}  // namespace
