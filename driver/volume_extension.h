@@ -6,8 +6,9 @@
 // the driver. It lives in the device's extension, from AddDevice until the device is deleted, which waits
 // for every request and thread that holds RemoveLock.
 //
-// Lock order, outermost first: a record's MapLoadMutex, gProvisionMutex, a record's StorageMutex,
-// gSwapFileMutex, gVolumeListLock, a record's SwapLock. A CacheLock is never held together with a SwapLock.
+// Lock order, outermost first: a record's MapLoadMutex, gProvisionMutex, a record's StorageMutex, a storage
+// object's FlushLock, gSwapFileMutex, gVolumeListLock, gConfigWriteLock, a record's SwapLock. A CacheLock is
+// taken last and never held together with a SwapLock.
 // Fields that say "atomic" are read by the request paths without a lock; each is one machine word and its own
 // message.
 #pragma once

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include "clock.h"
 #include "driver/dispatch.h"
+#include "tests/support/lock_ranks.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"
@@ -119,6 +120,9 @@ TEST_P(Overlap, EachSectorHoldsOneOfTheWritesThatCoveredIt) {
         ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
         // The map is emptied at each boot, so that first writes meet again.
         ASSERT_EQ(STATUS_SUCCESS, computer.SetConfig({.bootMode = 1, .bootAction = round == 0 ? 0 : 1}));
+        std::vector<std::uint8_t> sector(kSector);
+        ASSERT_EQ(STATUS_SUCCESS, machine.Read(kDataVolume, 0, sector.data(), kSector));
+        RankStorageLocks();  // the volume is attached to its storage now
         Crowd crowd(machine);
         crowd.Run(150);
         ASSERT_NO_FATAL_FAILURE(crowd.CheckSectors());

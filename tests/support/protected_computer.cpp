@@ -2,6 +2,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include "clock.h"
+#include "lock_ranks.h"
 #include "machine/partition_table.h"
 #include "thread.h"
 
@@ -81,10 +82,12 @@ void ProtectedComputer::Build() {
     machine.disks = {{systemDisk_}, {dataDisk_, false, options_.completion}};
     machine.driver = DriverEntry;
     machine.fileSystem = [this](const VolumeDevice& volume) {
+        RankRecordLocks(::VolumeOf(volume.Device()->AttachedDevice));
         return volume.Number() <= kDataVolume
                    ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
                    : FileSystemDriver{};
     };
+    RankGlobalLocks();
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     machine_ = std::make_unique<Machine>(std::move(machine));
     systemFiles_->FollowPower(&machine_->Power());

@@ -1,0 +1,30 @@
+#include "lock_ranks.h"
+#include "config/storage.h"
+#include "control/provision_control.h"
+#include "driver/dispatch.h"
+#include "redirect/swap_file.h"
+#include "sync.h"
+
+namespace support {
+
+void RankGlobalLocks() {
+    host::DeclareLockRank(&gProvisionMutex, 20, "gProvisionMutex");
+    host::DeclareLockRank(&gSwapFileMutex, 50, "gSwapFileMutex");
+    host::DeclareLockRank(&gVolumeListLock, 60, "gVolumeListLock");
+    host::DeclareLockRank(&gConfigWriteLock, 70, "gConfigWriteLock");
+}
+
+void RankRecordLocks(PVOLUME_EXTENSION volume) {
+    host::SetLockRank(&volume->MapLoadMutex, 10, "MapLoadMutex");
+    host::SetLockRank(&volume->StorageMutex, 30, "StorageMutex");
+    host::SetLockRank(&volume->SwapLock, 80, "SwapLock");
+}
+
+void RankStorageLocks() {
+    for (SWAP_FILE* file = gSwapFileList; file; file = file->pNext) {
+        host::SetLockRank(&file->FlushLock, 40, "FlushLock");
+        host::SetLockRank(&file->CacheLock, 80, "CacheLock");
+    }
+}
+
+}  // namespace support
