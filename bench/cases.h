@@ -4,7 +4,8 @@
 
 namespace bench {
 
-void RegisterMapCases(Computer& computer);      // the map's memory, saving and loading it
-void RegisterRequestCases(Computer& computer);  // requests through the dispatch table
+void RegisterRequestCases(Computer& computer);     // requests that leave the map as it is
+void RegisterMapCases(Computer& computer);         // the map's memory, saving and loading it
+void RegisterFirstWriteCases(Computer& computer);  // requests that make it grow
 
 }  // namespace bench

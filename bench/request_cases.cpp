@@ -97,9 +97,17 @@ void RegisterLarge(Computer& computer) {
     Compare(computer, "1 MiB overwrite, redirected, one run", 0, IRP_MJ_WRITE, kMiB, chunks, 16, 60);
 }
 
+}  // namespace
+
+void RegisterRequestCases(Computer& computer) {
+    RegisterPassThrough(computer);
+    RegisterRedirected(computer);
+    RegisterLarge(computer);
+}
+
 // Each place is written once: half of the pages between the chunks in the order of the volume, the other half
 // in any order.
-void RegisterFirstWrites(Computer& computer) {
+void RegisterFirstWriteCases(Computer& computer) {
     constexpr unsigned batch = 256;
     constexpr unsigned rounds = 200;
     const auto gaps = Places(kScatteredBegin + kPage, 2 * kPage, kScattered - 1);
@@ -108,15 +116,6 @@ void RegisterFirstWrites(Computer& computer) {
             batch, rounds);
     Compare(computer, "4 KiB first write, sequential", 5, IRP_MJ_WRITE, kPage, InOrder({middle, gaps.end()}),
             batch, rounds);
-}
-
-}  // namespace
-
-void RegisterRequestCases(Computer& computer) {
-    RegisterPassThrough(computer);
-    RegisterRedirected(computer);
-    RegisterLarge(computer);
-    RegisterFirstWrites(computer);
 }
 
 }  // namespace bench

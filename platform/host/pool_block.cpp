@@ -1,10 +1,10 @@
 #include "pool_block.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
+#include "pool_memory.h"
 #include "verifier.h"
 
 #if KVR_POOL_ASAN
@@ -14,14 +14,18 @@
 namespace host {
 namespace {
 
-constexpr ULONGLONG LiveGuard = 0x4B76725F506F6F6CULL;
-constexpr ULONGLONG FreedGuard = 0x5F66726565645F5FULL;
+constexpr ULONG LiveGuard = 0x4B76506C;
+constexpr ULONG FreedGuard = 0x46726565;
 constexpr ULONGLONG TailGuard = 0x7C7C7461696C7C7CULL;
 constexpr SIZE_T TailBytes = KVR_POOL_ASAN ? 0 : sizeof TailGuard;
 
 // Guards depend on the address, so that a copied header is not taken for a block.
 ULONGLONG Guard(ULONGLONG value, const PoolBlock* block) {
     return value ^ reinterpret_cast<ULONG_PTR>(block);
+}
+
+ULONG FrontGuard(ULONG value, const PoolBlock* block) {
+    return value ^ static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(block) / alignof(PoolBlock));
 }
 
 void SetTail(PoolBlock* block) {
@@ -37,13 +41,13 @@ bool TailIntact(PoolBlock* block) {
 }  // namespace
 
 PoolBlock* ObtainBlock(SIZE_T bytes, ULONG tag, ULONG shard) {
-    void* memory = std::malloc(sizeof(PoolBlock) + bytes + TailBytes);
+    void* memory = TakePoolMemory(sizeof(PoolBlock) + bytes + TailBytes);
     if (memory == nullptr) return nullptr;
     auto* block = new (memory) PoolBlock;
     block->bytes = bytes;
     block->tag = tag;
-    block->shard = shard;
-    block->guard = Guard(LiveGuard, block);
+    block->shard = shard & 0xFF;
+    block->guard = FrontGuard(LiveGuard, block);
     SetTail(block);
 #if KVR_POOL_ASAN
     ASAN_POISON_MEMORY_REGION(block->redZone, sizeof block->redZone);
@@ -55,14 +59,14 @@ void ReleaseBlock(PoolBlock* block) {
 #if KVR_POOL_ASAN
     ASAN_UNPOISON_MEMORY_REGION(block->redZone, sizeof block->redZone);
 #endif
-    std::free(block);
+    GivePoolMemory(block, sizeof(PoolBlock) + block->bytes + TailBytes);
 }
 
 void CheckGuards(PoolBlock* block) {
-    if (block->guard == Guard(FreedGuard, block)) {
+    if (block->guard == FrontGuard(FreedGuard, block)) {
         Violation("pool", "block %p was freed before", block->Bytes());
     }
-    if (block->guard != Guard(LiveGuard, block)) {
+    if (block->guard != FrontGuard(LiveGuard, block)) {
         Violation("pool", "%p is no pool block, or the bytes before it were overwritten", block->Bytes());
     }
     if (!TailIntact(block)) {
@@ -73,7 +77,7 @@ void CheckGuards(PoolBlock* block) {
 
 void MarkFreed(PoolBlock* block) {
     // The compiler may drop a store to memory that is about to be freed; a second free looks for this one.
-    *static_cast<volatile ULONGLONG*>(&block->guard) = Guard(FreedGuard, block);
+    *static_cast<volatile ULONG*>(&block->guard) = FrontGuard(FreedGuard, block);
 }
 
 SIZE_T FindWrite(PoolBlock& block) {

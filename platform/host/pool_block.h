@@ -25,11 +25,10 @@ inline constexpr int FreedFill = 0xDD;
 struct alignas(16) PoolBlock {
     PoolBlock* next;
     PoolBlock* previous;
-    SIZE_T bytes;
+    SIZE_T bytes : 56;
+    SIZE_T shard : 8;
     ULONG tag;
-    ULONG shard;
-    ULONGLONG spare;
-    ULONGLONG guard;
+    ULONG guard;
 #if KVR_POOL_ASAN
     UCHAR redZone[16];
 #endif
@@ -41,7 +40,7 @@ struct alignas(16) PoolBlock {
         return static_cast<PoolBlock*>(bytes) - 1;
     }
 };
-static_assert(KVR_POOL_ASAN || offsetof(PoolBlock, guard) + sizeof(ULONGLONG) == sizeof(PoolBlock));
+static_assert(KVR_POOL_ASAN || offsetof(PoolBlock, guard) + sizeof(ULONG) == sizeof(PoolBlock));
 
 // With both guards set and the fields given filled in; null when the host has no memory.
 PoolBlock* ObtainBlock(SIZE_T bytes, ULONG tag, ULONG shard);

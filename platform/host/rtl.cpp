@@ -58,6 +58,7 @@ NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING to, PCWSTR text) {
 LONG RtlCompareUnicodeString(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
     const SIZE_T common = std::min(a->Length, b->Length) / sizeof(WCHAR);
     for (SIZE_T i = 0; i < common; ++i) {
+        if (a->Buffer[i] == b->Buffer[i]) continue;
         const WCHAR x = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
         const WCHAR y = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];
         if (x != y) return static_cast<LONG>(x) - static_cast<LONG>(y);

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstring>
+#include <thread>
+
 #include "platform/host/injector.h"
 #include "platform/host/pool.h"
 
@@ -22,6 +26,35 @@ protected:
         return ExAllocatePoolWithTag(NonPagedPool, bytes, tag);
     }
 };
+
+// Each block is filled, so that two that overlapped would show; and given back by a thread that did not take
+// it, which keeps some, passes the rest on and ends.
+TEST_F(Pool, BlocksOfEverySizeLieApartWhoeverGivesThemBack) {
+    std::vector<SIZE_T> sizes = {0, 1};
+    for (SIZE_T size = 8; size <= 256 * 1024; size += size / 8)
+        for (const SIZE_T off : {-1, 0, 1}) sizes.push_back(size + off);
+    for (int round = 0; round < 3; ++round) {
+        std::vector<std::pair<UCHAR*, SIZE_T>> blocks;
+        for (SIZE_T i = 0; i < 4 * sizes.size(); ++i) {
+            const SIZE_T size = sizes[i % sizes.size()];
+            auto* block = static_cast<UCHAR*>(Allocate(size));
+            ASSERT_NE(block, nullptr);
+            ASSERT_EQ(reinterpret_cast<ULONG_PTR>(block) % 16, 0u);
+            std::memset(block, static_cast<int>(i), size);
+            blocks.emplace_back(block, size);
+        }
+        PoolCheck();
+        for (SIZE_T i = 0; i < blocks.size(); ++i) {
+            const auto [block, size] = blocks[i];
+            const auto mark = static_cast<UCHAR>(i);
+            ASSERT_TRUE(std::all_of(block, block + size, [=](UCHAR byte) { return byte == mark; })) << size;
+        }
+        std::thread([&] {
+            for (const auto& [block, size] : blocks) ExFreePoolWithTag(block, TagA);
+        }).join();
+    }
+    EXPECT_TRUE(PoolReclaimAll().empty());
+}
 
 TEST_F(Pool, BalancesEachTag) {
     ResetPoolPeaks();
