@@ -104,7 +104,8 @@ void ProtectedComputer::Build() {
     machine.disks = {{systemDisk_}, {dataDisk_, false, options_.completion}};
     machine.driver = DriverEntry;
     machine.fileSystem = [this](const VolumeDevice& volume) {
-        RankRecordLocks(::VolumeOf(volume.Device()->AttachedDevice));
+        // Without a filter when its AddDevice failed.
+        if (PDEVICE_OBJECT filter = volume.Device()->AttachedDevice) RankRecordLocks(::VolumeOf(filter));
         return volume.Number() <= kDataVolume
                    ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
                    : FileSystemDriver{};
