@@ -19,9 +19,7 @@ NTSTATUS GetConfig(PVOID output, ULONG outputLength, ULONG_PTR* information) {
 
 NTSTATUS SetConfig(PVOID input, ULONG inputLength) {
     if (!input || inputLength != KVR_CONFIG_BYTES) return STATUS_INVALID_PARAMETER;
-    NTSTATUS status = WriteConfig(input, KVR_CONFIG_BYTES);
-    if (NT_SUCCESS(status)) gConfigWrittenByTool = TRUE;
-    return status;
+    return WriteConfig(input, KVR_CONFIG_BYTES);
 }
 
 NTSTATUS GetEnabled(PVOID output, ULONG outputLength, ULONG_PTR* information) {

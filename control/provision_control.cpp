@@ -25,13 +25,7 @@ bool HoldsProtectedConfig(PVOLUME_EXTENSION volume) {
 // Is the named fixed volume itself protected now? Its storage must then stay: redirections are live in it, and
 // a volume that lost them, or was captured from anew, would take the next writes into its own fixed sectors.
 BOOLEAN IsNamedVolumeProtected(const SWAP_CONFIG_REQUEST* request) {
-    WCHAR characters[KVR_NAME_CHARS];
-    RtlCopyMemory(characters, request->VolumeName, sizeof(characters));
-    USHORT count = 0;
-    while (count < KVR_NAME_CHARS && characters[count] != 0) ++count;
-    const auto bytes = static_cast<USHORT>(count * sizeof(WCHAR));
-    UNICODE_STRING name{bytes, bytes, characters};
-    PVOLUME_EXTENSION volume = ReferenceVolumeByName(&name);
+    PVOLUME_EXTENSION volume = ReferenceRequestedVolume(request);
     if (!volume) return FALSE;
     const bool isProtected = volume->IsProtected && volume->MediaType != RemovableMedia;
     IoReleaseRemoveLock(&volume->RemoveLock, volume);

@@ -31,15 +31,7 @@ constexpr REMOVAL_MESSAGES kRemoveMessages = {
 // The volume that a request names, kept from going away meanwhile.
 class NAMED_VOLUME {
 public:
-    explicit NAMED_VOLUME(const SWAP_CONFIG_REQUEST* request) {
-        WCHAR characters[KVR_NAME_CHARS];
-        USHORT count = 0;
-        for (; count < KVR_NAME_CHARS && request->VolumeName[count] != 0; ++count)
-            characters[count] = static_cast<WCHAR>(request->VolumeName[count]);
-        const auto bytes = static_cast<USHORT>(count * sizeof(WCHAR));
-        const UNICODE_STRING name = {bytes, bytes, characters};
-        m_volume = ReferenceVolumeByName(&name);
-    }
+    explicit NAMED_VOLUME(const SWAP_CONFIG_REQUEST* request) : m_volume(ReferenceRequestedVolume(request)) {}
     ~NAMED_VOLUME() {
         if (m_volume) IoReleaseRemoveLock(&m_volume->RemoveLock, m_volume);
     }
@@ -186,6 +178,16 @@ NTSTATUS AllocateStorage(const SWAP_CONFIG_REQUEST* request) {
 }
 
 }  // namespace
+
+PVOLUME_EXTENSION ReferenceRequestedVolume(const SWAP_CONFIG_REQUEST* request) {
+    WCHAR characters[KVR_NAME_CHARS];
+    USHORT count = 0;
+    for (; count < KVR_NAME_CHARS && request->VolumeName[count] != 0; ++count)
+        characters[count] = static_cast<WCHAR>(request->VolumeName[count]);
+    const auto bytes = static_cast<USHORT>(count * sizeof(WCHAR));
+    const UNICODE_STRING name = {bytes, bytes, characters};
+    return ReferenceVolumeByName(&name);
+}
 
 void CloseHeldFiles(PVOLUME_EXTENSION volume) {
     KernelMutexLock lock(volume->StorageMutex);

@@ -3,6 +3,10 @@
 #include "control/kvr_ioctl.h"
 #include "swap/swap.h"
 
+// The record of the volume that the request names, with its RemoveLock acquired for the caller (tag: the
+// record); null when there is none. A name without a terminator ends at its 64th character.
+[[nodiscard]] PVOLUME_EXTENSION ReferenceRequestedVolume(const SWAP_CONFIG_REQUEST* request);
+
 // Thread routines. `request` is a SWAP_CONFIG_REQUEST in pool, which the thread releases. Both leave through
 // LeaveProvisioning (control/provision_control.h).
 void ConfigureSwapAllocThread(PVOID request);
