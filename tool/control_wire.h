@@ -1,0 +1,88 @@
+// How a control tool reaches the driver of a hosted machine: the bytes on the Unix stream socket
+// `control.sock` in the machine's folder. The server speaks it on behalf of a program inside the machine.
+//
+// The client sends a request and reads its response, one after the other, as often as it likes; closing the
+// connection is the close of what it opened. A connection holds at most one handle to the control device.
+// A request that breaks the layout ends the connection. All integers are little-endian.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+
+namespace tool::wire {
+
+inline constexpr char kSocketName[] = "control.sock";
+inline constexpr std::uint32_t kMagic = 0x3152564B;             // "KVR1"
+inline constexpr std::uint32_t kMaximumLength = 1024u * 1024u;  // of input, output and text, each
+
+enum class Command : std::uint32_t {
+    // `code` is the desired access (GENERIC_READ, GENERIC_WRITE or both). The status is the driver's: a second
+    // handle is refused with STATUS_DEVICE_ALREADY_ATTACHED.
+    Open = 1,
+    // `code` is the control code, `outputLength` the size of the output buffer. STATUS_INVALID_HANDLE before
+    // Open. Refused with a text where the machine itself says no (STATUS_DEVICE_BUSY: a client is connected to
+    // the volume).
+    DeviceControl = 2,
+    // Input: a VolumeName. Output: VolumeFacts, then a text that names the clients, if there are any. Needs no
+    // handle. STATUS_OBJECT_NAME_NOT_FOUND for a volume that the machine does not have.
+    Facts = 3,
+    // Input: SectorsAt. Output: the bytes as the disk below the driver holds them. Needs no handle.
+    ReadSectors = 4,
+    // Input: the registry path of a key, a zero character, the name of a value; UTF-16. Output: its data.
+    ReadRegistry = 5,
+    // Output: none; the text is one line of `key=value` pairs about the machine. Needs no handle.
+    About = 6,
+    // Shuts the machine down in order and powers it on again; connected clients wait meanwhile. The handle of
+    // every control connection is closed by it.
+    Reboot = 7,
+    // Shuts down in order, ends the server. The response is sent when the machine is off.
+    Stop = 8,
+};
+
+struct RequestHeader {
+    std::uint32_t magic;
+    Command command;
+    std::uint32_t code;
+    std::uint32_t inputLength;   // bytes that follow the header
+    std::uint32_t outputLength;  // bytes that the client has room for
+};
+static_assert(sizeof(RequestHeader) == 20);
+
+struct ResponseHeader {
+    std::uint32_t magic;
+    std::int32_t status;         // NTSTATUS
+    std::uint32_t outputLength;  // bytes of output that follow the header
+    std::uint32_t textLength;    // bytes of UTF-8 text that follow them: why the machine itself refused
+};
+static_assert(sizeof(ResponseHeader) == 16);
+
+// A volume device's object name, such as \Device\HarddiskVolume1, with a zero character behind it.
+struct VolumeName {
+    char16_t text[64];
+};
+static_assert(sizeof(VolumeName) == 128);
+
+enum class FileSystemKind : std::uint32_t { None = 0, Ntfs = 1, Ext = 2, Other = 3 };
+
+struct VolumeFacts {
+    std::uint64_t bytes;
+    std::uint64_t freeBytes;  // kUnknown while the file system is none of the machine's
+    std::uint32_t sectorBytes;
+    std::uint32_t removable;  // 0 or 1
+    FileSystemKind fileSystem;
+    std::uint32_t clients;     // connections that use the volume, through its own export or its disk's
+    std::uint32_t disk;        // number of its disk
+    std::uint32_t system;      // 1: the machine's own system volume
+    std::uint64_t diskOffset;  // bytes, of the volume's first sector
+};
+static_assert(sizeof(VolumeFacts) == 48 && offsetof(VolumeFacts, diskOffset) == 40);
+inline constexpr std::uint64_t kUnknown = ~std::uint64_t{0};
+
+struct SectorsAt {
+    VolumeName volume;
+    std::uint64_t offset;  // bytes, whole sectors
+    std::uint32_t length;  // bytes, whole sectors, kMaximumLength at most
+    std::uint32_t reserved;
+};
+static_assert(sizeof(SectorsAt) == 144 && offsetof(SectorsAt, offset) == 128);
+
+}  // namespace tool::wire
