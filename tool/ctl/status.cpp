@@ -27,6 +27,11 @@ constexpr struct {
     {kMediaWriteProtected, "STATUS_MEDIA_WRITE_PROTECTED"},
     {kDeviceNotReady, "STATUS_DEVICE_NOT_READY"},
     {kNotSupported, "STATUS_NOT_SUPPORTED"},
+    {kDiskCorruptError, "STATUS_DISK_CORRUPT_ERROR"},
+    {kObjectNameCollision, "STATUS_OBJECT_NAME_COLLISION"},
+    {kUnrecognizedVolume, "STATUS_UNRECOGNIZED_VOLUME"},
+    {kIoDeviceError, "STATUS_IO_DEVICE_ERROR"},
+    {kDevicePoweredOff, "STATUS_DEVICE_POWERED_OFF"},
     {kDeviceBusy, "STATUS_DEVICE_BUSY"},
 };
 
