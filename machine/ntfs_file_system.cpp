@@ -317,6 +317,27 @@ NTSTATUS NtfsFileSystem::End(bool orderly) {
     return orderly ? state_->files.volume.Io().Flush() : STATUS_SUCCESS;
 }
 
+// As for the end, the mount first: no file is opened or loaded anew behind it.
+void NtfsFileSystem::Suspend() {
+    std::vector<std::shared_ptr<NtfsOpenFile>> open;
+    {
+        const NtfsLockGuard guard(state_->files.volume.Lock());
+        open = state_->files.BringUpToDate();
+        state_->files.volume.Suspend();
+    }
+    for (const std::shared_ptr<NtfsOpenFile>& file : open) file->file.Suspend();
+}
+
+void NtfsFileSystem::Resume() {
+    std::vector<std::shared_ptr<NtfsOpenFile>> open;
+    {
+        const NtfsLockGuard guard(state_->files.volume.Lock());
+        state_->files.volume.Resume();
+        open = state_->files.All();
+    }
+    for (const std::shared_ptr<NtfsOpenFile>& file : open) file->file.Resume();
+}
+
 FileSystemFactory NtfsFactory() {
     return [](VolumeIo& io, NTSTATUS& status) -> std::unique_ptr<FileSystem> {
         std::unique_ptr<NtfsFileSystem> fileSystem;

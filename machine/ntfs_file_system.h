@@ -55,6 +55,8 @@ public:
     NTSTATUS Dismount() override;
     // The same without a request to the volume.
     void Abandon() override;
+    void Suspend() override;
+    void Resume() override;
 
 private:
     friend class NtfsOpen;

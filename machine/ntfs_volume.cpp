@@ -107,9 +107,15 @@ void NtfsVolume::Close() {
 
 NTSTATUS NtfsVolume::Begin() {
     if (closed_) return STATUS_DEVICE_NOT_READY;
+    if (suspended_) return STATUS_DEVICE_BUSY;
     if (volume_ == nullptr) return Mount();
     cache_.Discard();
     return STATUS_SUCCESS;
+}
+
+void NtfsVolume::Suspend() {
+    Forget();
+    suspended_ = true;
 }
 
 // The library marks the inode of its table of records dirty when the table grows, and stores it when it sees

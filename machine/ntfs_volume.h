@@ -66,6 +66,9 @@ public:
     // For good: no operation succeeds afterwards, and `io` is not touched again.
     void Close() KVR_REQUIRES(lock_);
     bool Closed() const KVR_REQUIRES(lock_) { return closed_; }
+    // Between the two every operation is STATUS_DEVICE_BUSY; the next one after them mounts anew.
+    void Suspend() KVR_REQUIRES(lock_);
+    void Resume() KVR_REQUIRES(lock_) { suspended_ = false; }
     bool ReadOnly() const KVR_REQUIRES(lock_) { return readOnly_; }
     // Who owns requests for a directory's metadata, for Change().
     PFILE_OBJECT DirectoryObject() KVR_REQUIRES(lock_) { return names_.Directory(); }
@@ -122,6 +125,7 @@ private:
     ntfs_library::_ntfs_volume* volume_ KVR_GUARDED_BY(lock_) = nullptr;  // null: mounted by the next operation
     bool readOnly_ KVR_GUARDED_BY(lock_) = false;
     bool closed_ KVR_GUARDED_BY(lock_) = true;
+    bool suspended_ KVR_GUARDED_BY(lock_) = false;
 };
 
 }  // namespace machine
