@@ -33,9 +33,10 @@ class Machine:
         return f"nbd+unix:///{export}?socket={self.folder}/nbd.sock"
 
     # ---- power -----------------------------------------------------------------------------------------
-    def serve(self):
+    def serve(self, *for_nbdkit):
         self._pidfile.unlink(missing_ok=True)
-        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
+        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile,
+            *for_nbdkit, env=self._env)
         self._server = os.pidfd_open(self.pid)
 
     @property
