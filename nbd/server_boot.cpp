@@ -1,4 +1,5 @@
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <utility>
 #include "clock.h"
@@ -9,6 +10,7 @@
 #include "nbd/errors.h"
 #include "nbd/server.h"
 #include "thread.h"
+#include "verifier.h"
 
 namespace nbd {
 namespace {
@@ -17,6 +19,15 @@ constexpr std::chrono::seconds kLongestSettling{20};
 // As often as the platform writes its registry back.
 constexpr std::chrono::seconds kRegistryPeriod{5};
 constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
+
+nbd::Log* gViolationLog = nullptr;
+
+// A driver that breaks a rule of its kernel brings the machine down, as on the platform: for the disks it is a
+// power cut.
+void LogViolation(const char* rule, const char* text) {
+    gViolationLog->Line(std::string("kernel: stops: ") + rule + ": " + text);
+    std::abort();
+}
 
 std::shared_ptr<machine::Disk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
     std::string error;
@@ -51,6 +62,7 @@ Server::Server(MachineFolder folder, FolderLock lock) : folder_(std::move(folder
 Server::~Server() {
     Stop();
     host::FollowDebug(nullptr, nullptr);
+    host::SetViolationHandler(nullptr);
     log_.Line("server: ends");
 }
 
@@ -76,6 +88,8 @@ void Server::Start() {
     host::FollowDebug(
         [](void* log, const char* line) { static_cast<nbd::Log*>(log)->Line(std::string("driver: ") + line); },
         &log_);
+    gViolationLog = &log_;
+    host::SetViolationHandler(LogViolation);
     {
         const std::lock_guard alone(boot_);
         PowerOn();
