@@ -109,15 +109,6 @@ NTSTATUS Descend(const ExtOperation& operation, const std::string& name, ExtPlac
     return status;
 }
 
-// Directories whose entries are not plain names are the guest's alone.
-NTSTATUS CheckParent(const ExtOperation& operation, std::uint32_t parent) {
-    ExtInode directory(parent);
-    const NTSTATUS status = directory.Load(operation);
-    if (!NT_SUCCESS(status)) return status;
-    return (directory->i_flags & (EXT4_ENCRYPT_FL | EXT4_CASEFOLD_FL)) == 0 ? STATUS_SUCCESS
-                                                                            : STATUS_NOT_SUPPORTED;
-}
-
 NTSTATUS AddEntry(const ExtOperation& operation, const ExtLink& link, std::uint32_t inode) {
     ext2_filsys library = operation.Library();
     long error = ext2fs_link(library, link.parent, link.name.c_str(), inode, EXT2_FT_REG_FILE);
@@ -205,13 +196,11 @@ NTSTATUS ListExtDirectory(const ExtOperation& operation, std::uint32_t inode,
 NTSTATUS CreateExtFile(const ExtOperation& operation, const ExtLink& link, ULONG attributes,
                        ExtReference& reference) {
     static thread_local std::random_device random;
-    NTSTATUS status = CheckParent(operation, link.parent);
-    if (!NT_SUCCESS(status)) return status;
     std::uint32_t inode = 0;
     const long error = TakeInode(operation, link.parent, LINUX_S_IFREG, inode);
     if (error != 0) return operation.Failed(error);
     reference = {inode, static_cast<std::uint32_t>(random())};
-    status = StoreNewFile(operation, inode, attributes, reference.generation);
+    NTSTATUS status = StoreNewFile(operation, inode, attributes, reference.generation);
     if (!NT_SUCCESS(status)) return status;
     ext2fs_inode_alloc_stats2(operation.Library(), inode, +1, 0);
     status = AddEntry(operation, link, inode);
@@ -219,8 +208,6 @@ NTSTATUS CreateExtFile(const ExtOperation& operation, const ExtLink& link, ULONG
 }
 
 NTSTATUS CreateExtDirectory(const ExtOperation& operation, const ExtLink& link) {
-    const NTSTATUS status = CheckParent(operation, link.parent);
-    if (!NT_SUCCESS(status)) return status;
     ext2_filsys library = operation.Library();
     std::uint32_t inode = 0;
     long error = TakeInode(operation, link.parent, LINUX_S_IFDIR, inode);
@@ -236,8 +223,7 @@ NTSTATUS CreateExtDirectory(const ExtOperation& operation, const ExtLink& link) 
 NTSTATUS RemoveExtFile(const ExtOperation& operation, const ExtLink& link, std::uint32_t number) {
     ext2_filsys library = operation.Library();
     ExtInode inode(number);
-    NTSTATUS status = CheckParent(operation, link.parent);
-    if (NT_SUCCESS(status)) status = inode.Load(operation);
+    NTSTATUS status = inode.Load(operation);
     if (!NT_SUCCESS(status)) return status;
     const bool last = inode->i_links_count == 1;
     long error = ext2fs_unlink(library, link.parent, link.name.c_str(), number, 0);

@@ -1,4 +1,6 @@
 #include "machine/ext_file_system.h"
+#include <algorithm>
+#include <cstddef>
 #include "machine/ext_library.h"
 #include "machine/ext_open_files.h"
 #include "platform/owners.h"
@@ -276,6 +278,19 @@ void ExtFileSystem::Resume() {
         open = state_->files.All();
     }
     for (const std::shared_ptr<ExtOpenFile>& file : open) file->file.Resume();
+}
+
+NTSTATUS LooksLikeExt(VolumeIo& io, bool& ext) {
+    const std::uint32_t sector = io.SectorSize();
+    const std::uint32_t length = std::max<std::uint32_t>(sector, SUPERBLOCK_OFFSET + SUPERBLOCK_SIZE);
+    ext = false;
+    if (io.Size() < length) return STATUS_SUCCESS;
+    std::vector<std::uint8_t> head(length);
+    const NTSTATUS status = io.Read(0, head.data(), length, nullptr);
+    if (!NT_SUCCESS(status)) return status;
+    const std::uint8_t* magic = &head[SUPERBLOCK_OFFSET + offsetof(ext2_super_block, s_magic)];
+    ext = (magic[0] | magic[1] << 8) == EXT2_SUPER_MAGIC;
+    return STATUS_SUCCESS;
 }
 
 FileSystemFactory ExtFactory() {

@@ -24,8 +24,6 @@
 
 namespace machine {
 
-inline constexpr char16_t kExtDriverName[] = u"\\FileSystem\\Ext4";
-
 class ExtFileSystem : public GuestFileSystem {
 public:
     // Mounts the volume behind `io`, which must live until Dismount(), Abandon() or the destructor.
@@ -53,6 +51,7 @@ public:
     [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) override;
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
     bool ReadOnly() const override;
+    std::u16string DriverName() const override { return u"\\FileSystem\\Ext4"; }
     // Why it is read-only, one line without a full stop; empty when it is not.
     std::string ReadOnlyReason() const;
 
@@ -75,5 +74,7 @@ private:
 
 // ext2, ext3 and ext4 for a machine to mount its volumes with.
 FileSystemFactory ExtFactory();
+// Whether a volume begins as these do.
+[[nodiscard]] NTSTATUS LooksLikeExt(VolumeIo& io, bool& ext);
 
 }  // namespace machine

@@ -4,13 +4,14 @@
 
 namespace machine {
 
+// The names by which filters know metadata are those of the platform's own file system.
 ExtNames::ExtNames(VolumeIo& io)
     : sector_(io.SectorSize()),
-      superblock_(io, u"\\$Superblock"),
+      superblock_(io, u"\\$MftMirr"),
       bitmap_(io, u"\\$BitMap"),
-      inodes_(io, u"\\$Inodes"),
+      inodes_(io, u"\\$Mft"),
       directory_(io, u"\\$Directory"),
-      extents_(io, u"\\$Extents") {}
+      extents_(io, u"\\$Mft") {}
 
 void ExtNames::AddTable(std::uint64_t block, std::uint64_t count, MetadataKind kind) {
     tables_.push_back({block, count, kind});

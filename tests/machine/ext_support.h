@@ -1,5 +1,6 @@
 // A volume in memory with an ext file system on it, and the file system's own tools to judge it by.
 #pragma once
+#include <algorithm>
 #include "machine/ext_file_system.h"
 #include "ntfs_support.h"
 
@@ -16,9 +17,18 @@ using ntfs_test::TestVolume;
 
 inline constexpr std::uint64_t kMiB = 1024 * 1024;
 
+// Leaves holes for zeros.
 inline void WriteImage(const Bytes& bytes, const std::string& path) {
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    static const Bytes zeros(65536);
+    std::ofstream file(path, std::ios::binary);
+    for (std::size_t at = 0; at < bytes.size(); at += zeros.size()) {
+        const std::size_t part = std::min(zeros.size(), bytes.size() - at);
+        if (std::memcmp(&bytes[at], zeros.data(), part) == 0) continue;
+        file.seekp(static_cast<std::streamoff>(at));
+        file.write(reinterpret_cast<const char*>(&bytes[at]), static_cast<std::streamsize>(part));
+    }
+    file.close();
+    std::filesystem::resize_file(path, bytes.size());
 }
 
 inline Bytes ReadImage(const std::string& path) {
