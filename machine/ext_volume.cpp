@@ -1,0 +1,239 @@
+#include "machine/ext_volume.h"
+#include <cstring>
+#include <vector>
+#include "machine/ext_features.h"
+#include "machine/ext_library.h"
+
+namespace machine {
+namespace {
+
+constexpr int kOpenFlags = EXT2_FLAG_64BITS | EXT2_FLAG_SKIP_MMP;
+
+NTSTATUS Translate(long error) {
+    switch (error) {
+        case EXT2_ET_FILE_NOT_FOUND:
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        case EXT2_ET_FILE_EXISTS:
+        case EXT2_ET_DIR_EXISTS:
+            return STATUS_OBJECT_NAME_COLLISION;
+        case EXT2_ET_BLOCK_ALLOC_FAIL:
+        case EXT2_ET_INODE_ALLOC_FAIL:
+        case EXT2_ET_FILE_TOO_BIG:
+        case EOVERFLOW:
+            return STATUS_DISK_FULL;
+        case EXT2_ET_NO_DIRECTORY:
+            return STATUS_NOT_A_DIRECTORY;
+        case EXT2_ET_NO_MEMORY:
+            return STATUS_INSUFFICIENT_RESOURCES;
+        case EXT2_ET_OP_NOT_SUPPORTED:
+            return STATUS_NOT_SUPPORTED;
+        default:
+            return STATUS_FILE_CORRUPT_ERROR;
+    }
+}
+
+NTSTATUS TranslateOpen(long error) {
+    switch (error) {
+        case EXT2_ET_BAD_MAGIC:
+            return STATUS_UNRECOGNIZED_VOLUME;
+        case EXT2_ET_UNSUPP_FEATURE:
+            return STATUS_NOT_SUPPORTED;
+        case EXT2_ET_NO_MEMORY:
+            return STATUS_INSUFFICIENT_RESOURCES;
+        default:
+            return STATUS_DISK_CORRUPT_ERROR;
+    }
+}
+
+ExtOperation::Touched& TouchedOf(ext2_filsys library) {
+    return *static_cast<ExtOperation::Touched*>(library->priv_data);
+}
+
+void BlocksChanged(ext2_filsys library, blk64_t first, blk_t count, int) {
+    if (count == 0) return;
+    const dgrp_t last = ext2fs_group_of_blk2(library, first + count - 1);
+    for (dgrp_t group = ext2fs_group_of_blk2(library, first); group <= last; ++group)
+        TouchedOf(library).blockGroups.insert(group);
+}
+
+void BlockChanged(ext2_filsys library, blk64_t block, int inUse) {
+    BlocksChanged(library, block, 1, inUse);
+}
+
+// The last group may be shorter than its bitmap; what is beyond it counts as used.
+void PadBlockBitmap(ext2_filsys library, dgrp_t group, std::vector<char>& bits) {
+    if (group + 1 != library->group_desc_count) return;
+    const blk64_t blocks = ext2fs_blocks_count(library->super) - library->super->s_first_data_block;
+    const auto used = static_cast<unsigned>(blocks % EXT2_BLOCKS_PER_GROUP(library->super));
+    for (unsigned bit = used; used != 0 && bit < bits.size() * 8; ++bit) ext2fs_set_bit(bit, bits.data());
+}
+
+long StoreBlockBitmap(ext2_filsys library, dgrp_t group) {
+    const unsigned count = EXT2_BLOCKS_PER_GROUP(library->super);
+    const blk64_t first = library->super->s_first_data_block + blk64_t{group} * count;
+    std::vector<char> bits(library->blocksize, static_cast<char>(0xFF));
+    const long error = ext2fs_get_block_bitmap_range2(library->block_map, first, count, bits.data());
+    if (error != 0) return error;
+    PadBlockBitmap(library, group, bits);
+    ext2fs_block_bitmap_csum_set(library, group, bits.data(), static_cast<int>(count / 8));
+    ext2fs_group_desc_csum_set(library, group);
+    return io_channel_write_blk64(library->io, ext2fs_block_bitmap_loc(library, group), 1, bits.data());
+}
+
+long StoreInodeBitmap(ext2_filsys library, dgrp_t group) {
+    const unsigned count = EXT2_INODES_PER_GROUP(library->super);
+    std::vector<char> bits(library->blocksize, static_cast<char>(0xFF));
+    const long error =
+        ext2fs_get_inode_bitmap_range2(library->inode_map, 1 + ext2_ino_t{group} * count, count, bits.data());
+    if (error != 0) return error;
+    ext2fs_inode_bitmap_csum_set(library, group, bits.data(), static_cast<int>(count / 8));
+    ext2fs_group_desc_csum_set(library, group);
+    return io_channel_write_blk64(library->io, ext2fs_inode_bitmap_loc(library, group), 1, bits.data());
+}
+
+// The library would store the bitmaps of all groups; those that nothing was taken from stay as they are.
+long StoreTables(ext2_filsys library, const ExtOperation::Touched& touched) {
+    for (const dgrp_t group : touched.blockGroups)
+        if (const long error = StoreBlockBitmap(library, group)) return error;
+    for (const dgrp_t group : touched.inodeGroups)
+        if (const long error = StoreInodeBitmap(library, group)) return error;
+    return ext2fs_flush2(library, EXT2_FLAG_FLUSH_NO_SYNC);
+}
+
+int NoteBlock(ext2_filsys, blk64_t* block, e2_blkcnt_t, blk64_t, int, void* names) {
+    static_cast<ExtNames*>(names)->AddDirectoryBlock(*block);
+    return 0;
+}
+
+}  // namespace
+
+NTSTATUS ExtOperation::Failed(long error) const {
+    const NTSTATUS status = cache_.Failure();
+    return NT_SUCCESS(status) ? Translate(error) : status;
+}
+
+void ExtOperation::InodeChanged(std::uint32_t inode) const {
+    touched_.inodeGroups.insert(ext2fs_group_of_ino(&library_, inode));
+}
+
+long ExtOperation::DirectoryChanged(std::uint32_t inode) const {
+    const long error = ext2fs_block_iterate3(&library_, inode, BLOCK_FLAG_READ_ONLY | BLOCK_FLAG_DATA_ONLY,
+                                             nullptr, NoteBlock, &names_);
+    return error == EXT2_ET_INLINE_DATA_CANT_ITERATE ? 0 : error;
+}
+
+ExtVolume::ExtVolume(VolumeIo& io) : io_(io), names_(io), cache_(io, names_), device_(io, cache_) {}
+
+ExtVolume::~ExtVolume() {
+    const VolumeLockGuard guard(lock_);
+    Close();
+}
+
+// Opened for writing where the library can write; whether anything may be written is our own decision.
+long ExtVolume::Open() {
+    readOnly_.clear();
+    long error = device_.Open(kOpenFlags | EXT2_FLAG_RW, library_);
+    if (error == EXT2_ET_RO_UNSUPP_FEATURE) {
+        readOnly_ = "it uses features that are not known here";
+        error = device_.Open(kOpenFlags, library_);
+    }
+    if (error != 0) return error;
+    library_->flags |= EXT2_FLAG_MASTER_SB_ONLY;  // the copies are e2fsck's
+    library_->priv_data = &touched_;
+    library_->umask = 022;
+    ext2fs_set_block_alloc_stats_callback(library_, BlockChanged, nullptr);
+    ext2fs_set_block_alloc_stats_range_callback(library_, BlocksChanged, nullptr);
+    if (readOnly_.empty()) readOnly_ = WhyReadOnly(library_);
+    return 0;
+}
+
+NTSTATUS ExtVolume::Mount() {
+    cache_.Discard();
+    const bool first = closed_;
+    const std::string before = readOnly_;
+    const long error = Open();
+    if (error != 0) {
+        const NTSTATUS failure = cache_.Failure();
+        cache_.Discard();
+        const NTSTATUS status = NT_SUCCESS(failure) ? TranslateOpen(error) : failure;
+        if (status != STATUS_UNRECOGNIZED_VOLUME)
+            DbgPrint("ext file system not mounted: status 0x%08x\n", status);
+        return status;
+    }
+    const std::string reason = WhyNotUsable(library_, io_);
+    if (!reason.empty()) {
+        DbgPrint("ext file system not mounted: %s\n", reason.c_str());
+        Forget();
+        return STATUS_NOT_SUPPORTED;
+    }
+    if (!readOnly_.empty() && (first || readOnly_ != before))
+        DbgPrint("ext file system is read-only: %s\n", readOnly_.c_str());
+    names_.SetLibrary(library_);
+    closed_ = false;
+    return STATUS_SUCCESS;
+}
+
+void ExtVolume::Close() {
+    Forget();
+    closed_ = true;
+}
+
+void ExtVolume::Suspend() {
+    Forget();
+    suspended_ = true;
+}
+
+NTSTATUS ExtVolume::Begin() {
+    if (closed_) return STATUS_DEVICE_NOT_READY;
+    if (suspended_) return STATUS_DEVICE_BUSY;
+    cache_.Discard();
+    return library_ == nullptr ? Mount() : STATUS_SUCCESS;
+}
+
+NTSTATUS ExtVolume::BeginChange() {
+    const NTSTATUS status = Begin();
+    if (!NT_SUCCESS(status)) return status;
+    if (!readOnly_.empty()) return STATUS_MEDIA_WRITE_PROTECTED;
+    touched_ = {};
+    const long error = library_->block_map == nullptr ? ext2fs_read_bitmaps(library_) : 0;
+    if (error == 0) return STATUS_SUCCESS;
+    const NTSTATUS failure = cache_.Failure();
+    Forget();
+    return NT_SUCCESS(failure) ? STATUS_DISK_CORRUPT_ERROR : failure;
+}
+
+void ExtVolume::EndOperation() {
+    names_.SetOther(nullptr);
+    names_.ForgetDirectories();
+    cache_.Discard();
+}
+
+NTSTATUS ExtVolume::Commit(const ExtOperation& operation, CommitOrder order) {
+    const long error = StoreTables(library_, touched_);
+    return error == 0 ? WriteThroughUnclean(order) : operation.Failed(error);
+}
+
+// The cache writes the superblock before everything else: first the one that calls the volume unclean, with the
+// rest behind it, then the final one.
+NTSTATUS ExtVolume::WriteThroughUnclean(CommitOrder order) {
+    ext2_super_block final, unclean;
+    static_assert(sizeof final == SUPERBLOCK_SIZE);
+    NTSTATUS status = cache_.Read(SUPERBLOCK_OFFSET, &final, sizeof final);
+    if (!NT_SUCCESS(status)) return status;
+    std::memcpy(&unclean, &final, sizeof final);
+    unclean.s_state = static_cast<__u16>(unclean.s_state & ~EXT2_VALID_FS);
+    if (ext2fs_superblock_csum_set(library_, &unclean) != 0) return STATUS_DISK_CORRUPT_ERROR;
+    status = cache_.Write(SUPERBLOCK_OFFSET, &unclean, sizeof unclean);
+    if (NT_SUCCESS(status)) status = cache_.Commit(order);
+    if (NT_SUCCESS(status)) status = cache_.Write(SUPERBLOCK_OFFSET, &final, sizeof final);
+    return NT_SUCCESS(status) ? cache_.Commit(order) : status;
+}
+
+void ExtVolume::Forget() {
+    names_.SetLibrary(nullptr);
+    if (library_ != nullptr) ext2fs_free(library_);  // stores nothing
+    library_ = nullptr;
+    cache_.Discard();
+}
+
+}  // namespace machine
