@@ -58,7 +58,7 @@ SwapPlan PlanSwap(const Context& context, const KnownVolume& volume, std::uint64
     const SwapPlan plan{WholeBlocks(size, kBlockSectors * sector), replaced};
     if (!facts) return plan;
     if (facts->removable) throw Failure(name + " is removable; swap storage lies on fixed volumes only");
-    if (facts->fileSystem == FileSystemKind::None || facts->fileSystem == FileSystemKind::Ext)
+    if (facts->fileSystem == FileSystemKind::None)
         throw Failure(name + " has no file system in which the machine can make the storage's files");
     const std::uint64_t room = RoomFor(plan.swapBytes, sector);
     if (facts->freeBytes && room > *facts->freeBytes + (replaced ? RoomFor(replaced, sector) : 0))
