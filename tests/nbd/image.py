@@ -47,8 +47,9 @@ def _ntfs_extents(volume, name, cluster):
 
 
 def _ext_extents(volume, name, block):
-    told = run("debugfs", "-R", f"blocks /{name}", volume).stdout
-    return [(int(number) * block, block) for number in re.findall(r"\b\d+\b", told.split("\n", 1)[1])]
+    told = run("debugfs", "-R", f"dump_extents -l /{name}", volume).stdout
+    return [(int(first) * block, int(count) * block)
+            for first, count in re.findall(r"^.*-\s*\d+\s+(\d+)\s*-\s*\d+\s+(\d+)", told, re.M)]
 
 
 def _extents_in(volume):
