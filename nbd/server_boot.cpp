@@ -1,6 +1,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
+#include <unistd.h>
 #include <utility>
 #include "clock.h"
 #include "debug_sink.h"
@@ -78,7 +79,7 @@ void Server::OpenDisks() {
 
 void Server::Start() {
     log_.Open(folder_.File(kLogFile));
-    log_.Line("server: starts in " + folder_.path);
+    log_.Line("server: starts in " + folder_.path + ", process " + std::to_string(getpid()));
     host::FollowDebug(
         [](void* log, const char* line) { static_cast<nbd::Log*>(log)->Line(std::string("driver: ") + line); },
         &log_);
