@@ -51,21 +51,13 @@ std::vector<char> Descriptors(ext2_filsys library) {
     return {first, first + std::size_t{library->desc_blocks} * library->blocksize};
 }
 
-// The last group may be shorter than its bitmap; what is beyond it counts as used.
-void PadBlockBitmap(ext2_filsys library, dgrp_t group, std::vector<char>& bits) {
-    if (group + 1 != library->group_desc_count) return;
-    const blk64_t blocks = ext2fs_blocks_count(library->super) - library->super->s_first_data_block;
-    const auto used = static_cast<unsigned>(blocks % EXT2_BLOCKS_PER_GROUP(library->super));
-    for (unsigned bit = used; used != 0 && bit < bits.size() * 8; ++bit) ext2fs_set_bit(bit, bits.data());
-}
-
+// What is beyond the end of a short last group is marked in memory as it was on the volume.
 long StoreBlockBitmap(ext2_filsys library, dgrp_t group) {
     const unsigned count = EXT2_BLOCKS_PER_GROUP(library->super);
     const blk64_t first = library->super->s_first_data_block + blk64_t{group} * count;
     std::vector<char> bits(library->blocksize, static_cast<char>(0xFF));
     const long error = ext2fs_get_block_bitmap_range2(library->block_map, first, count, bits.data());
     if (error != 0) return error;
-    PadBlockBitmap(library, group, bits);
     ext2fs_block_bitmap_csum_set(library, group, bits.data(), static_cast<int>(count / 8));
     ext2fs_group_desc_csum_set(library, group);
     return io_channel_write_blk64(library->io, ext2fs_block_bitmap_loc(library, group), 1, bits.data());

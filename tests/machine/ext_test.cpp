@@ -106,7 +106,7 @@ TEST_P(ExtStorage, DeletionGivesEverythingBack) {
 INSTANTIATE_TEST_SUITE_P(
     Kinds, ExtStorage,
     ::testing::Values(Kind{"-t ext4 -b 4096", 512, 48 * kMiB}, Kind{"-t ext4 -b 4096", 4096, 48 * kMiB},
-                      Kind{"-t ext4 -b 1024 -O ^metadata_csum,uninit_bg,^64bit", 512, 40 * kMiB},
-                      Kind{"-t ext3 -b 4096", 512, 48 * kMiB}, Kind{"-t ext2 -b 1024", 512, 40 * kMiB}));
+                      Kind{"-t ext4 -b 1024 -O ^metadata_csum,uninit_bg,^64bit", 512, 37 * kMiB},
+                      Kind{"-t ext3 -b 4096", 512, 48 * kMiB}, Kind{"-t ext2 -b 1024", 512, 37 * kMiB}));
 
 }  // namespace
