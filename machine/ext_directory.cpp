@@ -130,14 +130,6 @@ NTSTATUS ParentChanged(const ExtOperation& operation, std::uint32_t parent) {
     return error == 0 ? STATUS_SUCCESS : operation.Failed(error);
 }
 
-// Takes an inode near the directory.
-long TakeInode(const ExtOperation& operation, std::uint32_t parent, int mode, std::uint32_t& inode) {
-    ext2_filsys library = operation.Library();
-    const long error = ext2fs_new_inode(library, parent, mode, nullptr, &inode);
-    if (error == 0) operation.InodeChanged(inode);
-    return error;
-}
-
 NTSTATUS StoreNewFile(const ExtOperation& operation, std::uint32_t number, ULONG attributes,
                       std::uint32_t generation) {
     ext2_filsys library = operation.Library();
@@ -197,7 +189,7 @@ NTSTATUS CreateExtFile(const ExtOperation& operation, const ExtLink& link, ULONG
                        ExtReference& reference) {
     static thread_local std::random_device random;
     std::uint32_t inode = 0;
-    const long error = TakeInode(operation, link.parent, LINUX_S_IFREG, inode);
+    const long error = ext2fs_new_inode(operation.Library(), link.parent, LINUX_S_IFREG, nullptr, &inode);
     if (error != 0) return operation.Failed(error);
     reference = {inode, static_cast<std::uint32_t>(random())};
     NTSTATUS status = StoreNewFile(operation, inode, attributes, reference.generation);
@@ -210,7 +202,7 @@ NTSTATUS CreateExtFile(const ExtOperation& operation, const ExtLink& link, ULONG
 NTSTATUS CreateExtDirectory(const ExtOperation& operation, const ExtLink& link) {
     ext2_filsys library = operation.Library();
     std::uint32_t inode = 0;
-    long error = TakeInode(operation, link.parent, LINUX_S_IFDIR, inode);
+    long error = ext2fs_new_inode(library, link.parent, LINUX_S_IFDIR, nullptr, &inode);
     if (error == 0) error = ext2fs_mkdir(library, link.parent, inode, link.name.c_str());
     if (error == EXT2_ET_DIR_NO_SPACE) {
         error = ext2fs_expand_dir(library, link.parent);
@@ -236,7 +228,6 @@ NTSTATUS RemoveExtFile(const ExtOperation& operation, const ExtLink& link, std::
     inode.Touch();
     if (last) {
         inode->i_dtime = inode->i_ctime;
-        operation.InodeChanged(number);
         ext2fs_inode_alloc_stats2(library, number, -1, 0);
     }
     status = inode.Store(operation);

@@ -45,36 +45,19 @@ NTSTATUS TranslateOpen(long error) {
     }
 }
 
-ExtOperation::Touched& TouchedOf(ext2_filsys library) {
-    return *static_cast<ExtOperation::Touched*>(library->priv_data);
+// The groups' descriptors as they are in memory.
+std::vector<char> Descriptors(ext2_filsys library) {
+    const auto* first = reinterpret_cast<const char*>(library->group_desc);
+    return {first, first + std::size_t{library->desc_blocks} * library->blocksize};
 }
 
-void BlocksChanged(ext2_filsys library, blk64_t first, blk_t count, int) {
-    if (count == 0) return;
-    const dgrp_t last = ext2fs_group_of_blk2(library, first + count - 1);
-    for (dgrp_t group = ext2fs_group_of_blk2(library, first); group <= last; ++group)
-        TouchedOf(library).blockGroups.insert(group);
-}
-
-void BlockChanged(ext2_filsys library, blk64_t block, int inUse) {
-    BlocksChanged(library, block, 1, inUse);
-}
-
-// The last group may be shorter than its bitmap; what is beyond it counts as used.
-void PadBlockBitmap(ext2_filsys library, dgrp_t group, std::vector<char>& bits) {
-    if (group + 1 != library->group_desc_count) return;
-    const blk64_t blocks = ext2fs_blocks_count(library->super) - library->super->s_first_data_block;
-    const auto used = static_cast<unsigned>(blocks % EXT2_BLOCKS_PER_GROUP(library->super));
-    for (unsigned bit = used; used != 0 && bit < bits.size() * 8; ++bit) ext2fs_set_bit(bit, bits.data());
-}
-
+// What is beyond the end of a short last group is marked in memory as it was on the volume.
 long StoreBlockBitmap(ext2_filsys library, dgrp_t group) {
     const unsigned count = EXT2_BLOCKS_PER_GROUP(library->super);
     const blk64_t first = library->super->s_first_data_block + blk64_t{group} * count;
     std::vector<char> bits(library->blocksize, static_cast<char>(0xFF));
     const long error = ext2fs_get_block_bitmap_range2(library->block_map, first, count, bits.data());
     if (error != 0) return error;
-    PadBlockBitmap(library, group, bits);
     ext2fs_block_bitmap_csum_set(library, group, bits.data(), static_cast<int>(count / 8));
     ext2fs_group_desc_csum_set(library, group);
     return io_channel_write_blk64(library->io, ext2fs_block_bitmap_loc(library, group), 1, bits.data());
@@ -91,12 +74,21 @@ long StoreInodeBitmap(ext2_filsys library, dgrp_t group) {
     return io_channel_write_blk64(library->io, ext2fs_inode_bitmap_loc(library, group), 1, bits.data());
 }
 
-// The library would store the bitmaps of all groups; those that nothing was taken from stay as they are.
-long StoreTables(ext2_filsys library, const ExtOperation::Touched& touched) {
-    for (const dgrp_t group : touched.blockGroups)
-        if (const long error = StoreBlockBitmap(library, group)) return error;
-    for (const dgrp_t group : touched.inodeGroups)
-        if (const long error = StoreInodeBitmap(library, group)) return error;
+// The library would store the bitmaps of all groups. An operation takes blocks and inodes or gives them back,
+// never both, so that a group whose descriptor counts as before has its bitmaps as before. A group that nothing
+// was ever taken from has none on the volume.
+long StoreTables(ext2_filsys library, const std::vector<char>& before) {
+    const std::size_t size = EXT2_DESC_SIZE(library->super);
+    for (dgrp_t group = 0; group < library->group_desc_count; ++group) {
+        const void* now = ext2fs_group_desc(library, library->group_desc, group);
+        if (std::memcmp(now, &before[group * size], size) == 0) continue;
+        const bool noBlocks = ext2fs_bg_flags_test(library, group, EXT2_BG_BLOCK_UNINIT) != 0;
+        const bool noInodes = ext2fs_bg_flags_test(library, group, EXT2_BG_INODE_UNINIT) != 0;
+        long error = noBlocks ? 0 : StoreBlockBitmap(library, group);
+        if (error == 0 && !noInodes) error = StoreInodeBitmap(library, group);
+        if (error != 0) return error;
+    }
+    library->flags &= ~(EXT2_FLAG_BB_DIRTY | EXT2_FLAG_IB_DIRTY);
     return ext2fs_flush2(library, EXT2_FLAG_FLUSH_NO_SYNC);
 }
 
@@ -110,10 +102,6 @@ int NoteBlock(ext2_filsys, blk64_t* block, e2_blkcnt_t, blk64_t, int, void* name
 NTSTATUS ExtOperation::Failed(long error) const {
     const NTSTATUS status = cache_.Failure();
     return NT_SUCCESS(status) ? Translate(error) : status;
-}
-
-void ExtOperation::InodeChanged(std::uint32_t inode) const {
-    touched_.inodeGroups.insert(ext2fs_group_of_ino(&library_, inode));
 }
 
 long ExtOperation::DirectoryChanged(std::uint32_t inode) const {
@@ -139,10 +127,7 @@ long ExtVolume::Open() {
     }
     if (error != 0) return error;
     library_->flags |= EXT2_FLAG_MASTER_SB_ONLY;  // the copies are e2fsck's
-    library_->priv_data = &touched_;
     library_->umask = 022;
-    ext2fs_set_block_alloc_stats_callback(library_, BlockChanged, nullptr);
-    ext2fs_set_block_alloc_stats_range_callback(library_, BlocksChanged, nullptr);
     if (readOnly_.empty()) readOnly_ = WhyReadOnly(library_);
     return 0;
 }
@@ -194,8 +179,8 @@ NTSTATUS ExtVolume::BeginChange() {
     const NTSTATUS status = Begin();
     if (!NT_SUCCESS(status)) return status;
     if (!readOnly_.empty()) return STATUS_MEDIA_WRITE_PROTECTED;
-    touched_ = {};
     const long error = library_->block_map == nullptr ? ext2fs_read_bitmaps(library_) : 0;
+    before_ = Descriptors(library_);
     if (error == 0) return STATUS_SUCCESS;
     const NTSTATUS failure = cache_.Failure();
     Forget();
@@ -209,7 +194,7 @@ void ExtVolume::EndOperation() {
 }
 
 NTSTATUS ExtVolume::Commit(const ExtOperation& operation, CommitOrder order) {
-    const long error = StoreTables(library_, touched_);
+    const long error = StoreTables(library_, before_);
     return error == 0 ? WriteThroughUnclean(order) : operation.Failed(error);
 }
 

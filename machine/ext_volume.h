@@ -8,8 +8,8 @@
 #pragma once
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
+#include <vector>
 #include "machine/ext_device.h"
 #include "machine/ext_names.h"
 #include "machine/metadata_cache.h"
@@ -20,21 +20,14 @@ namespace machine {
 // One operation on the mounted volume, as the code within it sees it. Only valid under the volume's lock.
 class ExtOperation {
 public:
-    struct Touched {
-        std::set<std::uint32_t> blockGroups, inodeGroups;  // whose bitmaps changed
-    };
-
-    ExtOperation(struct_ext2_filsys& library, MetadataCache& cache, ExtNames& names, VolumeIo& io,
-                 Touched& touched)
-        : library_(library), cache_(cache), names_(names), io_(io), touched_(touched) {}
+    ExtOperation(struct_ext2_filsys& library, MetadataCache& cache, ExtNames& names, VolumeIo& io)
+        : library_(library), cache_(cache), names_(names), io_(io) {}
 
     struct_ext2_filsys* Library() const { return &library_; }
     VolumeIo& Io() const { return io_; }
     // What a failing call of the library means: the failing request's own status if one failed, else its error
     // translated.
     NTSTATUS Failed(long error) const;
-    // The operation has taken or freed this inode.
-    void InodeChanged(std::uint32_t inode) const;
     // The operation has changed this directory. A failure is the library's error.
     [[nodiscard]] long DirectoryChanged(std::uint32_t inode) const;
 
@@ -43,7 +36,6 @@ private:
     MetadataCache& cache_;
     ExtNames& names_;
     VolumeIo& io_;
-    Touched& touched_;
 };
 
 class ExtVolume {
@@ -74,7 +66,7 @@ public:
         NTSTATUS status = Begin();
         if (!NT_SUCCESS(status)) return status;
         names_.SetOther(other);
-        status = body(ExtOperation(*library_, cache_, names_, io_, touched_));
+        status = body(ExtOperation(*library_, cache_, names_, io_));
         EndOperation();
         return status;
     }
@@ -89,7 +81,7 @@ public:
     [[nodiscard]] NTSTATUS Change(CommitOrder order, const Body& body) KVR_REQUIRES(lock_) {
         NTSTATUS status = BeginChange();
         if (!NT_SUCCESS(status)) return status;
-        const ExtOperation operation(*library_, cache_, names_, io_, touched_);
+        const ExtOperation operation(*library_, cache_, names_, io_);
         status = body(operation);
         if (NT_SUCCESS(status)) status = Commit(operation, order);
         if (!NT_SUCCESS(status)) Forget();
@@ -111,7 +103,7 @@ private:
     ExtNames names_ KVR_GUARDED_BY(lock_);
     MetadataCache cache_ KVR_GUARDED_BY(lock_);
     ExtDevice device_ KVR_GUARDED_BY(lock_);
-    ExtOperation::Touched touched_ KVR_GUARDED_BY(lock_);
+    std::vector<char> before_ KVR_GUARDED_BY(lock_);  // the descriptors when the present change began
     struct_ext2_filsys* library_ KVR_GUARDED_BY(lock_) = nullptr;  // null: opened by the next operation
     std::string readOnly_ KVR_GUARDED_BY(lock_);
     bool closed_ KVR_GUARDED_BY(lock_) = true;

@@ -151,8 +151,8 @@ void Machine::Mount(Volume& volume) {
     const host::FaultPause pause;
     PDEVICE_OBJECT device = nullptr;
     const std::u16string ownName = volume.files->DriverName();
-    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(ownName.empty() ? driver.name : ownName), 0, nullptr,
-                                           FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
+    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(ownName.empty() ? driver.name : ownName), 0,
+                                           nullptr, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
     if (NT_SUCCESS(status)) {
         device->Flags &= ~DO_DEVICE_INITIALIZING;
         volume.device->Vpb()->DeviceObject = device;

@@ -66,7 +66,8 @@ protected:
         ASSERT_EQ(mounted.files->Delete(u"\\kvr.SWP"), STATUS_SUCCESS);
     }
 
-    static void ExpectRepairable(Bytes bytes) {
+    // Returns what the check had to say.
+    static std::string ExpectRepairable(Bytes bytes) {
         int exitCode = 0;
         std::string output = ChangeBy(bytes, "e2fsck -fp IMAGE", exitCode);
         // The exit code is in the status's second byte; from 4 on something is left.
@@ -75,11 +76,22 @@ protected:
         const auto repaired = DiskOf(bytes);
         DiskVolume volume(*repaired);
         Mounted mounted(volume);
-        ASSERT_EQ(mounted.status, STATUS_SUCCESS);
+        EXPECT_EQ(mounted.status, STATUS_SUCCESS);
+        if (mounted.files == nullptr) return output;
         EXPECT_FALSE(mounted.fileSystem->ReadOnly());
         Bytes other;
         EXPECT_EQ(mounted.files->ReadFile(u"\\other", other), STATUS_SUCCESS);
         EXPECT_TRUE(other == Pattern(100000, 7));
+        return output;
+    }
+
+    // Space that nobody uses and names that are gone, but nothing in use that counts as free and no name
+    // without its file.
+    static void ExpectAtWorstLeaks(const std::string& output) {
+        EXPECT_EQ(output.find("differences:  +"), std::string::npos) << output;
+        EXPECT_EQ(output.find(" +("), std::string::npos) << output;
+        EXPECT_EQ(output.find("unused inode"), std::string::npos) << output;
+        EXPECT_EQ(output.find("multiply"), std::string::npos) << output;
     }
 
     std::unique_ptr<machine::RecordingDisk> disk;
@@ -101,7 +113,7 @@ TEST_P(ExtCrash, AVolumeThatIsNotWholeSaysSoAndIsRepaired) {
             continue;
         }
         ++unclean;
-        ExpectRepairable(bytes);
+        ExpectAtWorstLeaks(ExpectRepairable(bytes));
     }
     EXPECT_GT(unclean, disk->Writes() / 3);
     EXPECT_TRUE(CallsItselfClean(Contents(*disk->After(disk->Writes()))));
