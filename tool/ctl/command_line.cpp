@@ -94,6 +94,12 @@ private:
                              "  kvrctl volumes\n  kvrctl volumes --names"));
         volumes->add_flag("--names", namesOnly_, "Only names, one per line");
         OnParse(volumes, [this](const Context& context) { return ShowVolumes(context, namesOnly_); });
+        CLI::App* map = WithJson(Command(
+            app_, "map", "A picture of a volume: what is redirected, where the swap lies, how full it is",
+            "  kvrctl map HarddiskVolume2\n  kvrctl map 2 --svg volume2.svg"));
+        map->add_option("VOLUME", map_.volume, "HarddiskVolume2, 2 or the full object name")->required();
+        map->add_option("--svg", map_.svg, "Write the picture into this file as well")->type_name("FILE");
+        OnParse(map, [this](const Context& context) { return ShowMap(context, map_); });
         OnParse(Command(app_, "debug", "Let the driver write its debug lines", "  kvrctl debug"), Debug);
     }
 
@@ -223,6 +229,7 @@ private:
     std::string folder_, atBoot_, until_;
     bool json_ = false, namesOnly_ = false;
     WatchOptions watch_;
+    MapOptions map_;
     EditOptions edit_;
     SetOptions set_;
     SwapMakeOptions make_;

@@ -42,7 +42,7 @@ public:
             return;
         }
         const Setting* last = LastOf(found, behind, false);
-        InsertLine(last ? last->end : found.bodyBegin, FromUtf8(KeyName(key), "a key") + u"=" + value);
+        InsertLine(last ? last->end : found.bodyBegin, FromUtf8(KeyName(key), "a key") + u" = " + value);
     }
 
     // The values are equally long: no position changes.
@@ -198,7 +198,7 @@ void SetGlobal(Draft& draft, Key key, const std::u16string& value) {
         draft.Set(IndexOf(scan, &section), key, value, {Key::Protection});
         return;
     }
-    draft.Prepend(u"[Global]\n" + FromUtf8(KeyName(key), "a key") + u"=" + value + u"\n");
+    draft.Prepend(u"[Global]\n" + FromUtf8(KeyName(key), "a key") + u" = " + value + u"\n");
 }
 
 }  // namespace
