@@ -4,7 +4,7 @@ import os
 import pathlib
 import shutil
 
-SOURCES = pathlib.Path(__file__).resolve().parents[2]
+SOURCES = pathlib.Path(__file__).resolve().parents[3]
 FIRST = ("swap", "redirect", "docs", "platform")
 SECOND = ("driver", "control", "config", "machine")
 OF_THE_SYSTEM = {"lost+found", "System Volume Information"}
