@@ -33,10 +33,9 @@ class Machine:
         return f"nbd+unix:///{export}?socket={self.folder}/nbd.sock"
 
     # ---- power -----------------------------------------------------------------------------------------
-    def serve(self, *for_nbdkit):
+    def serve(self):
         self._pidfile.unlink(missing_ok=True)
-        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile,
-            *for_nbdkit, env=self._env)
+        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
         self._server = os.pidfd_open(self.pid)
 
     @property
