@@ -14,7 +14,7 @@ import proof
 from machine import Machine
 from proof import Failed, require, run, say, wait_until
 
-BOOT_SECONDS = 240  # of a guest whose processor is emulated
+BOOT_SECONDS = 120  # of a guest whose processor is emulated
 
 INIT = """busybox mount -t devtmpfs dev /dev
 busybox mount -t proc proc /proc
@@ -60,7 +60,7 @@ class Guest:
         self._console = given.scratch / "console"
         control = given.scratch / "qmp"
         self._process = given.start(
-            "qemu-system-x86_64", "-accel", "tcg", "-machine", "pc,hpet=off", "-m", "256", "-nodefaults", "-display", "none", "-kernel", kernel,
+            "qemu-system-x86_64", "-accel", "tcg", "-m", "256", "-nodefaults", "-display", "none", "-kernel", kernel,
             "-initrd", ram_disk, "-append", initrd.COMMAND_LINE, "-serial", f"file:{self._console}",
             "-qmp", f"unix:{control},server=on,wait=off", "-drive", f"file={pc.uri()},format=raw,if=virtio",
             output=given.scratch / "qemu")
