@@ -62,9 +62,11 @@ while [ "$running" -gt 0 ]; do
     running=$((running - 1))
 done
 
+cmake/version_resource.sh kvr64.sys driver "Kvr volume filter driver" "$objects/version.o"
+
 # Not a library: a loader would call the entry of one as something else. Relocations stay, the kernel moves drivers.
 linked=("${sources[@]//\//_}")
 (cd "$objects" && "$lld" -m i386pep --subsystem native:6.1 -e DriverEntry --image-base 0x140000000 \
     --no-insert-timestamp --disable-auto-import --fatal-warnings --gc-sections -s --Xlink=-driver:wdm \
-    "-L$sysroot/lib" "${linked[@]/%/.o}" -lntoskrnl -o "$out/kvr64.sys")
-python3 cmake/check_driver_image.py --fix-checksum --forbid "$root" "$out/kvr64.sys"
+    "-L$sysroot/lib" "${linked[@]/%/.o}" version.o -lntoskrnl -o "$out/kvr64.sys")
+python3 cmake/check_driver_image.py --fix-checksum --forbid "$root" --version "$(cat VERSION)" "$out/kvr64.sys"
