@@ -3,7 +3,11 @@
 #include "tests/second_kernel/stage.h"
 
 extern const Story kControlStory;
+extern const Story kPlugAndPlayStory;
+extern const Story kProvisioningStory;
 
 inline constexpr const Story* kStories[] = {
     &kControlStory,
+    &kPlugAndPlayStory,
+    &kProvisioningStory,
 };
