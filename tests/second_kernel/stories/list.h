@@ -5,9 +5,11 @@
 extern const Story kControlStory;
 extern const Story kPlugAndPlayStory;
 extern const Story kProvisioningStory;
+extern const Story kProtectionKeepStory;
+extern const Story kProtectionDiscardStory;
+extern const Story kProtectionMergeStory;
 
 inline constexpr const Story* kStories[] = {
-    &kControlStory,
-    &kPlugAndPlayStory,
-    &kProvisioningStory,
+    &kControlStory,        &kPlugAndPlayStory,       &kProvisioningStory,
+    &kProtectionKeepStory, &kProtectionDiscardStory, &kProtectionMergeStory,
 };
