@@ -62,6 +62,9 @@ void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
         WriteOnce(shift->computer, place, length, shift->seed + round, buffer, round % 4 == 3);
         const LONGLONG other = PickRange(numbers, slice, sector, &length);
         ReadOnce(shift->computer, other, length, buffer);
+        if (round % 10 == 9)
+            stage::CheckStatus(SendSimple(TopOfData(shift->computer), IRP_MJ_FLUSH_BUFFERS).Status,
+                               STATUS_SUCCESS, "a flush");
     }
 }
 

@@ -1,6 +1,7 @@
 // Memory, requests, page locks, threads and devices that fail, one call after the other: every request ends,
 // nothing is leaked, the volume's own sectors stay as they are and what was redirected earlier can be read.
 #include <initializer_list>
+#include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/common/storage.h"
 #include "tests/second_kernel/common/work.h"
 #include "tests/second_kernel/stories/list.h"
@@ -18,8 +19,7 @@ constexpr ULONG kSector = 512;
 const WCHAR kText[] =
     W("[Global]\r\nProtection=1\r\n[FV 1]\r\nID=") DATA_VOLUME W("\r\nProtectionMode=1\r\nBootMode=1\r\n");
 
-// ---- requests
-// ----------------------------------------------------------------------------------------------------
+// ---- requests --------------------------------------------------------------------------------------------
 
 // Where the next attempt takes place: a stretch whose middle is redirected before, so that its request is cut.
 constexpr ULONG kSlot = 16 * kKiB;
@@ -36,28 +36,28 @@ LONGLONG NextSlot(Computer* computer, ULONG seed) {
 
 // What fails in an attempt: the n-th call of the driver, or the n-th transfer of the device.
 struct Trial {
-    const char* name;
-    bool isCall;
-    Fault fault;
-    UCHAR major;         // of the request that is tried
-    UCHAR failingMajor;  // of the device's transfers
-    bool unlocked;
+    const char* Name;
+    UCHAR Major;                   // of the request that is tried
+    bool IsCall = true;            // the driver's calls fail, else the device's transfers of that kind
+    Fault Kind = Fault::Allocate;  // of the driver's calls
+    bool LeavesPagesToLock = false;
+    bool Pends = false;  // lower completions pend
 };
 constexpr NTSTATUS kDeviceError = STATUS_IO_DEVICE_ERROR;
 
 void Arm(Computer* computer, const Trial& trial, ULONG n) {
-    if (trial.isCall)
-        stage::FailCall(trial.fault, n);
+    if (trial.IsCall)
+        stage::FailCall(trial.Kind, n);
     else
-        FailTransfer(computer->Data, trial.failingMajor, n, kDeviceError);
+        FailTransfer(computer->Data, trial.Major, n, kDeviceError);
 }
 
 // Whether the attempt got as far as the n-th.
 bool Disarm(Computer* computer, const Trial& trial, ULONG n) {
-    if (trial.isCall) return stage::EndFault() >= n;
+    if (trial.IsCall) return stage::EndFault() >= n;
     RamDevice* ram = RamOf(computer->Data);
-    const bool reached = (trial.failingMajor == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) == 0;
-    FailTransfer(computer->Data, trial.failingMajor, 0, kDeviceError);
+    const bool reached = (trial.Major == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) == 0;
+    FailTransfer(computer->Data, trial.Major, 0, kDeviceError);
     return reached;
 }
 
@@ -67,10 +67,10 @@ void CheckAttempt(Computer* computer, const Trial& trial, LONGLONG at, const Rep
         stage::CheckEqual(reply.Information, 0, "bytes that a failed request reports");
     else
         stage::CheckEqual(reply.Information, kStretch, "bytes that a successful request reports");
-    if (!trial.isCall && !NT_SUCCESS(reply.Status))
+    if (!trial.IsCall && !NT_SUCCESS(reply.Status))
         stage::CheckStatus(reply.Status, kDeviceError, "the device's error is the request's");
-    if (trial.major == IRP_MJ_WRITE)
-        LearnWork(computer, at, kStretch, seed, reply.Status, trial.isCall && trial.fault == Fault::Allocate);
+    if (trial.Major == IRP_MJ_WRITE)
+        LearnWork(computer, at, kStretch, seed, reply.Status, trial.IsCall && trial.Kind == Fault::Allocate);
     else if (NT_SUCCESS(reply.Status))
         stage::Check(IsSame(buffer, Model() + at, kStretch), "what was read is what is there");
 }
@@ -86,11 +86,11 @@ bool Attempt(Computer* computer, const Trial& trial, ULONG n, PUCHAR buffer, Tal
     const LONGLONG at = NextSlot(computer, seed);
     FillPattern(buffer, kStretch, static_cast<ULONGLONG>(at), seed);
     Arm(computer, trial, n);
-    const Reply reply = SendTransfer(TopOfData(computer), {.Major = trial.major,
+    const Reply reply = SendTransfer(TopOfData(computer), {.Major = trial.Major,
                                                            .Offset = at,
                                                            .Buffer = buffer,
                                                            .Length = kStretch,
-                                                           .LeaveUnlocked = trial.unlocked});
+                                                           .LeaveUnlocked = trial.LeavesPagesToLock});
     const bool reached = Disarm(computer, trial, n);
     ++tally->attempts;
     if (!NT_SUCCESS(reply.Status)) ++tally->failed;
@@ -100,32 +100,48 @@ bool Attempt(Computer* computer, const Trial& trial, ULONG n, PUCHAR buffer, Tal
 }
 
 const Trial kTrials[] = {
-    {"memory, through a redirected write", true, Fault::Allocate, IRP_MJ_WRITE, 0, false},
-    {"memory, through a read", true, Fault::Allocate, IRP_MJ_READ, 0, false},
-    {"requests, through a redirected write", true, Fault::BuildRequest, IRP_MJ_WRITE, 0, false},
-    {"requests, through a read", true, Fault::BuildRequest, IRP_MJ_READ, 0, false},
-    {"page locks, through a redirected write", true, Fault::LockPages, IRP_MJ_WRITE, 0, true},
-    {"page locks, through a read", true, Fault::LockPages, IRP_MJ_READ, 0, true},
-    {"the device's writes, through a redirected write", false, Fault::Allocate, IRP_MJ_WRITE, IRP_MJ_WRITE,
-     false},
-    {"the device's reads, through a read", false, Fault::Allocate, IRP_MJ_READ, IRP_MJ_READ, false},
+    {.Name = "memory, through a redirected write", .Major = IRP_MJ_WRITE},
+    {.Name = "memory, through a read", .Major = IRP_MJ_READ},
+    {.Name = "requests, through a redirected write", .Major = IRP_MJ_WRITE, .Kind = Fault::BuildRequest},
+    {.Name = "requests, through a read", .Major = IRP_MJ_READ, .Kind = Fault::BuildRequest},
+    {.Name = "page locks, through a redirected write",
+     .Major = IRP_MJ_WRITE,
+     .Kind = Fault::LockPages,
+     .LeavesPagesToLock = true},
+    {.Name = "page locks, through a read",
+     .Major = IRP_MJ_READ,
+     .Kind = Fault::LockPages,
+     .LeavesPagesToLock = true},
+    {.Name = "the device's writes, through a redirected write", .Major = IRP_MJ_WRITE, .IsCall = false},
+    {.Name = "the device's reads, through a read", .Major = IRP_MJ_READ, .IsCall = false},
+    {.Name = "the device's writes, later", .Major = IRP_MJ_WRITE, .IsCall = false, .Pends = true},
+    {.Name = "the device's reads, later", .Major = IRP_MJ_READ, .IsCall = false, .Pends = true},
 };
+
+// One call after the other fails, until an attempt no longer gets as far.
+void TryRequest(Computer* computer, const Trial& trial, PUCHAR buffer) {
+    stage::Step(trial.Name);
+    Tally tally = {};
+    ULONG n = 1;
+    while (n < kMostCalls && !stage::Failed() && Attempt(computer, trial, n, buffer, &tally)) ++n;
+    stage::Check(tally.failed != 0, "requests that failed", tally.failed, tally.attempts);
+    stage::Check(tally.failed < tally.attempts, "and at last one that did not", tally.attempts);
+}
 
 void TryRequests(Computer* computer) {
     const Bytes buffer(kStretch);
     if (!buffer) return;
     for (const Trial& trial : kTrials) {
-        stage::Step(trial.name);
-        Tally tally = {};
-        ULONG n = 1;
-        while (n < kMostCalls && !stage::Failed() && Attempt(computer, trial, n, buffer.Get(), &tally)) ++n;
-        stage::Check(tally.failed != 0, "requests that failed", tally.failed, tally.attempts);
-        stage::Check(tally.failed < tally.attempts, "and at last one that did not", tally.attempts);
+        if (!trial.Pends) {
+            TryRequest(computer, trial, buffer.Get());
+            continue;
+        }
+        const PendedCompletions pend;
+        TryRequest(computer, trial, buffer.Get());
     }
 }
 
-// ---- devices
-// -----------------------------------------------------------------------------------------------------
+// ---- devices ---------------------------------------------------------------------------------------------
 
 // Whatever the start could not find out, the device is there, serves and goes.
 bool TryStart(Computer* computer, PDEVICE_OBJECT device, Fault fault, ULONG n) {
@@ -160,8 +176,7 @@ void TryStarts(Computer* computer) {
     stage::Check(n > 1, "starts in which a request could not be built", n);
 }
 
-// ---- storage
-// -----------------------------------------------------------------------------------------------------
+// ---- storage ---------------------------------------------------------------------------------------------
 
 bool TryStorage(Computer* computer, Fault fault, ULONG n, ULONG* whole) {
     const LONG blocks = stage::PoolBlocks();
@@ -210,8 +225,7 @@ void FailStorageWrites(Computer* computer) {
     }
 }
 
-// ---- the boots
-// ---------------------------------------------------------------------------------------------------
+// ---- the boots -------------------------------------------------------------------------------------------
 
 void Make() {
     Computer* computer = BootComputer(kOptions);

@@ -87,8 +87,7 @@ void TryAll(PDEVICE_OBJECT device, Place place) {
     TryPassThrough(device, place);
 }
 
-// ---- writes
-// ------------------------------------------------------------------------------------------------------
+// ---- writes ----------------------------------------------------------------------------------------------
 
 // Writes one sector and tells whether the device got it.
 void TryWrite(PDEVICE_OBJECT device, LONGLONG offset, PFILE_OBJECT file, NTSTATUS expected, const char* what) {
@@ -185,8 +184,7 @@ void PassSystemFiles(Computer* computer) {
     }
 }
 
-// ---- space
-// -------------------------------------------------------------------------------------------------------
+// ---- space -----------------------------------------------------------------------------------------------
 
 void TryNamed(Computer* computer, const WCHAR* name, NTSTATUS expected) {
     const Bytes data(4096);
@@ -232,8 +230,7 @@ void RefuseStorage(Computer* computer) {
                            STATUS_INSUFFICIENT_RESOURCES, "its removal");
 }
 
-// ---- the boots
-// ---------------------------------------------------------------------------------------------------
+// ---- the boots -------------------------------------------------------------------------------------------
 
 PDEVICE_OBJECT AddPlain(Computer* computer) {
     PDEVICE_OBJECT plain =
