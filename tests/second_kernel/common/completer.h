@@ -1,5 +1,6 @@
-// Completions that pend: while one lives, the memory devices keep their transfers and flushes, and two threads
-// of its own carry them out and complete them, not always in the order in which they came. One at a time.
+// Completions that pend: while one lives, the memory devices keep their transfers, flushes and starts, and two
+// threads of its own carry them out and complete them, at DISPATCH_LEVEL as devices do and not always in the
+// order in which they came. One at a time.
 #pragma once
 #include "platform/kernel.h"
 

@@ -55,12 +55,13 @@ void CarryTransfer(PIRP irp) {
     irp->IoStatus.Information = NT_SUCCESS(status) ? location->Parameters.Read.Length : 0;
 }
 
-void CarryFlush(PIRP irp) {
+void CarrySimple(PIRP irp) {
     irp->IoStatus.Status = STATUS_SUCCESS;
     irp->IoStatus.Information = 0;
 }
 
-NTSTATUS CarryAtOnce(PIRP irp, void (*carry)(PIRP)) {
+NTSTATUS PendOrCarry(PIRP irp, void (*carry)(PIRP)) {
+    if (PendRequest(irp, carry)) return STATUS_PENDING;
     carry(irp);
     return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
 }
@@ -77,12 +78,12 @@ NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
 NTSTATUS ServeTransfer(RamDevice* ram, PIRP irp, UCHAR major) {
     ++(major == IRP_MJ_WRITE ? ram->Writes : ram->Reads);
     if (ram->Disk) return PassToDisk(ram, irp);
-    return PendRequest(irp, CarryTransfer) ? STATUS_PENDING : CarryAtOnce(irp, CarryTransfer);
+    return PendOrCarry(irp, CarryTransfer);
 }
 
 NTSTATUS ServeFlush(RamDevice* ram, PIRP irp) {
     ++ram->Flushes;
-    return PendRequest(irp, CarryFlush) ? STATUS_PENDING : CarryAtOnce(irp, CarryFlush);
+    return PendOrCarry(irp, CarrySimple);
 }
 
 NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
@@ -109,7 +110,7 @@ NTSTATUS ServePnp(RamDevice* ram, PIRP irp, UCHAR minor) {
     switch (minor) {
         case IRP_MN_START_DEVICE:
             ++ram->Starts;
-            return Complete(irp, STATUS_SUCCESS);
+            return PendOrCarry(irp, CarrySimple);
         case IRP_MN_QUERY_REMOVE_DEVICE:
             ++ram->QueryRemoves;
             return Complete(irp, STATUS_SUCCESS);

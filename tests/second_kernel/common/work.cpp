@@ -129,6 +129,7 @@ void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage) {
     stage::Step("install: the volume's own sectors, configuration, storage");
     FillPattern(computer->DataSectors, kRegion, 0, kOwnSeed);
     ForgetModel(computer);
+    const PendedCompletions pend;
     stage::CheckStatus(SetConfig(&computer->User, configuration), STATUS_SUCCESS, "the configuration");
     stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, storage), STATUS_SUCCESS,
                        "the storage's request");

@@ -1,6 +1,7 @@
 #include "tests/second_kernel/host/host_stage.h"
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -29,10 +30,10 @@ constexpr std::size_t kDiagnosticLines = 40;
 
 // What survives a boot.
 struct Lasting {
-    std::map<ULONG, std::vector<UCHAR>> media;
     support::MemoryRegistry registry;
     KernelFiles files;
     std::mutex lock;  // of what follows
+    std::map<ULONG, std::vector<UCHAR>> media;
     std::string failures;
     std::string diagnostics;
     std::string step;
@@ -107,6 +108,14 @@ host::Fault HostFault(stage::Fault kind) {
     }
 }
 
+// Called on the thread that broke the rule, while the step may be changing on another.
+void NameBrokenRule(const char*, const char*) {
+    const std::unique_lock hold(gLasting.lock, std::try_to_lock);
+    std::fprintf(stderr, "  boot %u, step \"%s\": the rule above was broken\n", gBoot.index + 1,
+                 hold.owns_lock() ? gLasting.step.c_str() : "?");
+    host::DumpDebugLines(kDiagnosticLines);
+}
+
 host::Fault gArmed = host::Fault::Allocate;
 
 // One object per thread is enough: the calls do not nest.
@@ -155,6 +164,7 @@ void NotifyShutdown() {
 void MakeDirectory(const WCHAR*) {}
 
 PUCHAR Medium(ULONG number, SIZE_T bytes) {
+    const std::lock_guard hold(gLasting.lock);
     std::vector<UCHAR>& medium = gLasting.media[number];
     if (medium.empty()) medium.resize(bytes);
     return medium.size() == bytes ? medium.data() : nullptr;
@@ -229,6 +239,7 @@ void BeginBoot(ULONG index) {
     host::PowerOn();
     host::SetRegistryStore(&gLasting.registry);
     host::ResetAssertionCount();
+    host::SetViolationHandler(NameBrokenRule);
     gBoot.index = index;
     gBoot.failed = false;
     gBoot.mark = host::DebugMark();

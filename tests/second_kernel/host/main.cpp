@@ -7,6 +7,7 @@
 namespace {
 
 bool Play(const Story& story) {
+    std::printf("story %s: ", story.name);  // stands there, whatever ends the program
     host_stage::BeginStory(story);
     for (ULONG boot = 0; boot < story.bootCount && host_stage::Failures().empty(); ++boot) {
         host_stage::BeginBoot(boot);
@@ -14,18 +15,18 @@ bool Play(const Story& story) {
         host_stage::EndBoot();
     }
     if (host_stage::Failures().empty()) {
-        std::printf("story %s: holds\n", story.name);
+        std::printf("holds\n");
         return true;
     }
-    std::printf("story %s (%s): FAILED\n%s  the driver's last diagnostics before the first failure:\n%s",
-                story.name, story.proves, host_stage::Failures().c_str(), host_stage::Diagnostics().c_str());
+    std::printf("FAILED (%s)\n%s  the driver's last diagnostics before the first failure:\n%s", story.proves,
+                host_stage::Failures().c_str(), host_stage::Diagnostics().c_str());
     return false;
 }
 
 }  // namespace
 
 int main(int count, char** arguments) {
-    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
     bool found = false;
     bool holds = true;
     for (const Story* story : kStories) {

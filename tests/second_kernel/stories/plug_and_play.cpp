@@ -1,6 +1,7 @@
 // Devices come, start, are named and go: volumes and disks, fixed and removable, with small and large sectors;
 // and the driver keeps those that it cannot do without.
 #include <initializer_list>
+#include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/common/computer.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -112,7 +113,11 @@ void AddLost(Computer* computer) {
 
 void PlayDevice(Computer* computer, PDEVICE_OBJECT device) {
     if (!device) return;
-    stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "the device starts");
+    stage::Step("a device whose start takes its time");
+    {
+        const PendedCompletions pend;
+        stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "the device starts");
+    }
     stage::CheckEqual(RamOf(device)->Starts, 1, "starts that reached the device");
     CheckFlags(device);
     PassTransfers(device);
