@@ -46,3 +46,16 @@ PDRIVER_OBJECT stage::OwnDriver() {
 NTSTATUS stage::AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
     return driver->DriverExtension->AddDevice(driver, pdo);
 }
+
+// Permanent, so that it stays when its handle is closed.
+void stage::MakeDirectory(const WCHAR* path) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, path);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_PERMANENT | OBJ_KERNEL_HANDLE,
+                               nullptr, nullptr);
+    HANDLE directory = nullptr;
+    const NTSTATUS status = ZwCreateDirectoryObject(&directory, DIRECTORY_ALL_ACCESS, &attributes);
+    if (status == STATUS_OBJECT_NAME_COLLISION) return;
+    if (CheckStatus(status, STATUS_SUCCESS, "a directory for devices' names")) (void)ZwClose(directory);
+}

@@ -32,3 +32,7 @@ ULONG stage::EndFault() {
     shim::gArmed = false;
     return shim::gCalls;
 }
+
+// The driver's calls are known by the import table that they come through.
+stage::OwnWork::OwnWork() {}
+stage::OwnWork::~OwnWork() {}

@@ -7,6 +7,8 @@
 namespace shim {
 namespace {
 
+decltype(&IoCreateDevice) gKernelCreate;
+decltype(&IoDeleteDevice) gKernelDelete;
 decltype(&IoAttachDeviceToDeviceStack) gKernelAttach;
 decltype(&IoDetachDevice) gKernelDetach;
 
@@ -46,7 +48,27 @@ Attachment* FindAttachment(PDEVICE_OBJECT upper) {
     return nullptr;
 }
 
+NTSTATUS NTAPI Create(PDRIVER_OBJECT driver, ULONG extensionBytes, PUNICODE_STRING name, DEVICE_TYPE type,
+                      ULONG characteristics, BOOLEAN exclusive, PDEVICE_OBJECT* device) {
+    RequireIrql(APC_LEVEL, "device made at too high an IRQL", SHIM_CALLER);
+    const NTSTATUS status =
+        gKernelCreate(driver, extensionBytes, name, type, characteristics, exclusive, device);
+    if (!NT_SUCCESS(status)) return status;
+    (*device)->Characteristics = characteristics;
+    (*device)->Flags |= DO_DEVICE_INITIALIZING;
+    return status;
+}
+
+void NTAPI Delete(PDEVICE_OBJECT device) {
+    RequireIrql(APC_LEVEL, "device deleted at too high an IRQL", SHIM_CALLER);
+    if (device->AttachedDevice) BrokenRule("device deleted under another", SHIM_CALLER);
+    IoUnregisterShutdownNotification(device);
+    gKernelDelete(device);
+}
+
+// Nothing attaches to a device that is not ready.
 PDEVICE_OBJECT NTAPI Attach(PDEVICE_OBJECT source, PDEVICE_OBJECT target) {
+    if (stage::TopOfStack(target)->Flags & DO_DEVICE_INITIALIZING) return nullptr;
     PDEVICE_OBJECT lower = gKernelAttach(source, target);
     if (!lower) return nullptr;
     source->SectorSize = lower->SectorSize;
@@ -136,6 +158,8 @@ void SendShutdown(PDEVICE_OBJECT device) {
 }
 
 const Replacement kReplacements[] = {
+    {"IoCreateDevice", reinterpret_cast<PVOID>(Create), reinterpret_cast<PVOID*>(&gKernelCreate)},
+    {"IoDeleteDevice", reinterpret_cast<PVOID>(Delete), reinterpret_cast<PVOID*>(&gKernelDelete)},
     {"IoAttachDeviceToDeviceStack", reinterpret_cast<PVOID>(Attach), reinterpret_cast<PVOID*>(&gKernelAttach)},
     {"IoDetachDevice", reinterpret_cast<PVOID>(Detach), reinterpret_cast<PVOID*>(&gKernelDetach)},
     {"IoGetLowerDeviceObject", reinterpret_cast<PVOID>(LowerDevice), nullptr},
