@@ -3,7 +3,13 @@
 #include "tests/second_kernel/stage.h"
 
 extern const Story kControlStory;
+extern const Story kPlugAndPlayStory;
+extern const Story kProvisioningStory;
+extern const Story kProtectionKeepStory;
+extern const Story kProtectionDiscardStory;
+extern const Story kProtectionMergeStory;
 
 inline constexpr const Story* kStories[] = {
-    &kControlStory,
+    &kControlStory,        &kPlugAndPlayStory,       &kProvisioningStory,
+    &kProtectionKeepStory, &kProtectionDiscardStory, &kProtectionMergeStory,
 };
