@@ -59,6 +59,7 @@ void NTAPI Play(PVOID) {
         *answer = {};
     } else {
         shim::BeginOutcome(story->name, wanted.Boot);
+        shim::PrepareMedia();
         story->boots[wanted.Boot]();
         shim::SaveMedia();
         bytes = Describe(*story, answer,

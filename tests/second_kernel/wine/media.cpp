@@ -11,7 +11,8 @@ struct Medium {
     PUCHAR bytes;
     SIZE_T length;
 };
-Medium gMedia[kMedia];  // the story's thread alone
+KMUTEX gLock;  // guards gMedia
+Medium gMedia[kMedia];
 
 NTSTATUS OpenFile(ULONG number, ACCESS_MASK access, ULONG disposition, HANDLE* file) {
     WCHAR text[] = L"\\??\\" STORY_FOLDER L"\\medium0";
@@ -24,6 +25,14 @@ NTSTATUS OpenFile(ULONG number, ACCESS_MASK access, ULONG disposition, HANDLE* f
     return ZwCreateFile(file, access | SYNCHRONIZE, &attributes, &iosb, nullptr, FILE_ATTRIBUTE_NORMAL, 0,
                         disposition, FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
 }
+
+class Guard {
+public:
+    Guard() { (void)KeWaitForSingleObject(&gLock, Executive, KernelMode, FALSE, nullptr); }
+    ~Guard() { (void)KeReleaseMutex(&gLock, FALSE); }
+    Guard(const Guard&) = delete;
+    Guard& operator=(const Guard&) = delete;
+};
 
 // A medium without a file is a new one.
 NTSTATUS Load(ULONG number, const Medium& medium) {
@@ -54,6 +63,7 @@ NTSTATUS Save(ULONG number, const Medium& medium) {
 }  // namespace
 
 PUCHAR stage::Medium(ULONG number, SIZE_T bytes) {
+    const Guard guard;
     ::Medium& medium = gMedia[number];
     if (medium.bytes) return medium.bytes;
     auto* block = static_cast<PUCHAR>(ExAllocatePoolWithTag(NonPagedPool, bytes, kMediumTag));
@@ -64,7 +74,12 @@ PUCHAR stage::Medium(ULONG number, SIZE_T bytes) {
     return block;
 }
 
+void shim::PrepareMedia() {
+    KeInitializeMutex(&gLock, 0);
+}
+
 void shim::SaveMedia() {
+    const Guard guard;
     for (ULONG number = 0; number < kMedia; ++number) {
         if (!gMedia[number].bytes) continue;
         (void)stage::CheckStatus(Save(number, gMedia[number]), STATUS_SUCCESS, "a medium written to its file");

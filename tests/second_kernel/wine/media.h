@@ -3,7 +3,9 @@
 
 namespace shim {
 
-// Writes every medium that the boot asked for to its file. PASSIVE_LEVEL, after the story's function.
+// Before the story's function.
+void PrepareMedia();
+// Writes every medium that the boot asked for to its file. PASSIVE_LEVEL, after it.
 void SaveMedia();
 
 }  // namespace shim
