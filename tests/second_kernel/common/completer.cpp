@@ -49,13 +49,23 @@ Next TakeKept(Kept* taken) {
     return Next::Carry;
 }
 
+void CompleteRaised(PIRP irp) {
+    KSPIN_LOCK raise;
+    KeInitializeSpinLock(&raise);
+    const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&raise);
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    KeReleaseSpinLock(&raise, irql);
+}
+
 void CarryKept(PVOID) {
     Kept taken{};
     for (Next next = TakeKept(&taken); next != Next::End; next = TakeKept(&taken)) {
-        if (next == Next::Carry)
-            taken.carry(taken.irp);
-        else
+        if (next == Next::Wait) {
             (void)KeWaitForSingleObject(&gKeeper.changed, Executive, KernelMode, FALSE, nullptr);
+            continue;
+        }
+        taken.carry(taken.irp);
+        CompleteRaised(taken.irp);
     }
     (void)PsTerminateSystemThread(STATUS_SUCCESS);
 }

@@ -16,7 +16,7 @@ private:
 };
 
 // For the devices: keeps the request, marked pending, and returns true; or returns false when it must be
-// carried out at once. `carry` carries it out and completes it.
+// carried out at once. `carry` carries it out and leaves its result for the completion.
 [[nodiscard]] bool PendRequest(PIRP irp, void (*carry)(PIRP irp));
 // How many requests were kept since the boot began.
 [[nodiscard]] ULONG PendedRequests();

@@ -3,7 +3,7 @@
 
 namespace {
 
-// ---- names and space; under Lock ---------------------------------------------------------------------------
+// ---- names and space; under Lock -------------------------------------------------------------------------
 
 PlayedFile* Find(PlayedFiles* files, PCUNICODE_STRING path) {
     for (PlayedFile& file : files->Table->Files) {
@@ -80,8 +80,7 @@ NTSTATUS Reserve(PlayedFiles* files, PlayedFile* file, LONGLONG size) {
     return STATUS_SUCCESS;
 }
 
-// ---- opens; under Lock
-// ----------------------------------------------------------------------------------------
+// ---- opens; under Lock -----------------------------------------------------------------------------------
 
 constexpr ACCESS_MASK kReads = FILE_READ_DATA | GENERIC_READ;
 
@@ -135,8 +134,7 @@ NTSTATUS OpenOrMake(PlayedFiles* files, PCUNICODE_STRING path, ACCESS_MASK acces
     return *file ? STATUS_SUCCESS : STATUS_DISK_FULL;
 }
 
-// ---- the calls
-// --------------------------------------------------------------------------------------------------
+// ---- the calls -------------------------------------------------------------------------------------------
 
 NTSTATUS CreateCall(PVOID fileSystem, PCUNICODE_STRING path, ACCESS_MASK access, ULONG share, ULONG disposition,
                     ULONG, PVOID* open, ULONG_PTR* information) {

@@ -45,21 +45,24 @@ NTSTATUS MoveSectors(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CarryTransfer(PIRP irp) {
+// Moves the data and notes the result, for the completion.
+void CarryTransfer(PIRP irp) {
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     RamDevice* ram = RamOf(location->DeviceObject);
-    const ULONG length = location->Parameters.Read.Length;
     NTSTATUS status = CheckTransfer(ram, location);
     if (NT_SUCCESS(status)) status = MoveSectors(ram, irp, location);
-    return Complete(irp, status, NT_SUCCESS(status) ? length : 0);
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = NT_SUCCESS(status) ? location->Parameters.Read.Length : 0;
 }
 
-void CarryKeptTransfer(PIRP irp) {
-    (void)CarryTransfer(irp);
+void CarryFlush(PIRP irp) {
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    irp->IoStatus.Information = 0;
 }
 
-void CarryKeptFlush(PIRP irp) {
-    (void)Complete(irp, STATUS_SUCCESS);
+NTSTATUS CarryAtOnce(PIRP irp, void (*carry)(PIRP)) {
+    carry(irp);
+    return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
 }
 
 // As a volume manager does: the same request, at its place on the disk.
@@ -74,12 +77,12 @@ NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
 NTSTATUS ServeTransfer(RamDevice* ram, PIRP irp, UCHAR major) {
     ++(major == IRP_MJ_WRITE ? ram->Writes : ram->Reads);
     if (ram->Disk) return PassToDisk(ram, irp);
-    return PendRequest(irp, CarryKeptTransfer) ? STATUS_PENDING : CarryTransfer(irp);
+    return PendRequest(irp, CarryTransfer) ? STATUS_PENDING : CarryAtOnce(irp, CarryTransfer);
 }
 
 NTSTATUS ServeFlush(RamDevice* ram, PIRP irp) {
     ++ram->Flushes;
-    return PendRequest(irp, CarryKeptFlush) ? STATUS_PENDING : Complete(irp, STATUS_SUCCESS);
+    return PendRequest(irp, CarryFlush) ? STATUS_PENDING : CarryAtOnce(irp, CarryFlush);
 }
 
 NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {

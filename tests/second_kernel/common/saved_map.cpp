@@ -74,6 +74,7 @@ void VisitMap(Computer* computer, const SavedMap& map, const Visit& visit) {
 void ReadLocation(SavedMap* map) {
     *map = {};
     map->Runs = ReadDriverValue(DATA_VOLUME, map->Location, sizeof(map->Location)) / ULONG{sizeof(SavedRun)};
+    if (!stage::Check(map->Runs <= kMostRuns, "runs of the map file", map->Runs)) map->Runs = 0;
     for (ULONG i = 0; i < map->Runs; ++i) map->LocationBytes += map->Location[i].Bytes;
 }
 
@@ -96,9 +97,10 @@ ULONG ReadDriverValue(const WCHAR* name, PVOID buffer, ULONG length) {
     status =
         ZwQueryValueKey(key, &value, KeyValuePartialInformation, information.Get(), header + length, &returned);
     (void)ZwClose(key);
-    if (!NT_SUCCESS(status) || returned <= header) return 0;
-    RtlCopyMemory(buffer, information.Get() + header, returned - header);
-    return returned - header;
+    if ((!NT_SUCCESS(status) && status != STATUS_BUFFER_OVERFLOW) || returned <= header) return 0;
+    const ULONG bytes = returned - header;
+    RtlCopyMemory(buffer, information.Get() + header, bytes < length ? bytes : length);
+    return bytes;
 }
 
 void ReadSavedMap(Computer* computer, SavedMap* map) {
@@ -112,21 +114,4 @@ void ReadSavedMap(Computer* computer, SavedMap* map) {
         stage::Check(bytes != 0 && IsInStorage(computer, ULONGLONG{entry.SwapSector} * sector, bytes),
                      "an entry's space lies in the storage files", entry.SwapSector, entry.Length);
     });
-}
-
-bool IsSavedAsRedirected(Computer* computer, LONGLONG offset, ULONG length) {
-    SavedMap map;
-    ReadLocation(&map);
-    const ULONG sector = computer->Options.DataSector;
-    const auto first = static_cast<ULONG>(offset / sector);
-    const ULONG end = first + length / sector;
-    ULONG covered = 0;
-    VisitMap(computer, map, [&](const Entry& entry) {
-        if (entry.VolumeSector == kFree) return;
-        const ULONG low = entry.VolumeSector > first ? entry.VolumeSector : first;
-        const ULONG last = entry.VolumeSector + entry.Length;
-        const ULONG high = last < end ? last : end;
-        if (low < high) covered += high - low;
-    });
-    return covered == end - first;
 }

@@ -3,7 +3,8 @@
 #pragma once
 #include "tests/second_kernel/common/computer.h"
 
-// The registry's value of that name; its bytes, 0 when there is none.
+// The registry's value of that name; how many bytes of it there are, 0 when there is none. As much as fits is
+// copied.
 [[nodiscard]] ULONG ReadDriverValue(const WCHAR* name, PVOID buffer, ULONG length);
 
 struct SavedRun {
@@ -23,5 +24,3 @@ struct SavedMap {
 };
 // A check fails for an entry with a wrong check byte, without sectors or outside the volume's storage files.
 void ReadSavedMap(Computer* computer, SavedMap* map);
-// Does the saved map redirect every byte of [offset, offset + length) of the data volume?
-[[nodiscard]] bool IsSavedAsRedirected(Computer* computer, LONGLONG offset, ULONG length);

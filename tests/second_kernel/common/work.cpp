@@ -11,14 +11,9 @@ constexpr ULONG kMostSectorsAtOnce = 96;
 constexpr ULONG kPresent = 2;
 constexpr ULONG kExplicit = 2;
 
-// A byte for each sector of the work.
-PUCHAR Redirected() {
-    return stage::Medium(3, kWorkBytes / 512);
-}
-
 void NoteRedirected(Computer* computer, LONGLONG offset, ULONG length) {
     const ULONG sector = computer->Options.DataSector;
-    RtlFillMemory(Redirected() + offset / sector, length / sector, 1);
+    RtlFillMemory(RedirectedSectors() + offset / sector, length / sector, 1);
 }
 
 struct Shift {
@@ -67,6 +62,9 @@ void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
         WriteOnce(shift->computer, place, length, shift->seed + round, buffer, round % 4 == 3);
         const LONGLONG other = PickRange(numbers, slice, sector, &length);
         ReadOnce(shift->computer, other, length, buffer);
+        if (round % 10 == 9)
+            stage::CheckStatus(SendSimple(TopOfData(shift->computer), IRP_MJ_FLUSH_BUFFERS).Status,
+                               STATUS_SUCCESS, "a flush");
     }
 }
 
@@ -123,6 +121,10 @@ PUCHAR Model() {
     return stage::Medium(2, kWorkBytes);
 }
 
+PUCHAR RedirectedSectors() {
+    return stage::Medium(3, kWorkBytes / 512);
+}
+
 void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage) {
     stage::Step("install: the volume's own sectors, configuration, storage");
     FillPattern(computer->DataSectors, kRegion, 0, kOwnSeed);
@@ -139,7 +141,7 @@ void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage) {
 
 void ForgetModel(Computer* computer) {
     RtlCopyMemory(Model(), computer->DataSectors, kWorkBytes);
-    RtlZeroMemory(Redirected(), kWorkBytes / 512);
+    RtlZeroMemory(RedirectedSectors(), kWorkBytes / 512);
 }
 
 void WorkTogether(Computer* computer, ULONG seed) {
@@ -173,7 +175,7 @@ void CheckOwnSectors(Computer* computer) {
 ULONGLONG RedirectedBytes(Computer* computer) {
     const ULONG sector = computer->Options.DataSector;
     ULONGLONG bytes = 0;
-    for (ULONG i = 0; i < kWorkBytes / sector; ++i) bytes += Redirected()[i] ? sector : 0;
+    for (ULONG i = 0; i < kWorkBytes / sector; ++i) bytes += RedirectedSectors()[i] ? sector : 0;
     return bytes;
 }
 

@@ -8,8 +8,10 @@ extern const Story kProvisioningStory;
 extern const Story kProtectionKeepStory;
 extern const Story kProtectionDiscardStory;
 extern const Story kProtectionMergeStory;
+extern const Story kRefusalsStory;
+extern const Story kFaultsStory;
 
 inline constexpr const Story* kStories[] = {
-    &kControlStory,        &kPlugAndPlayStory,       &kProvisioningStory,
-    &kProtectionKeepStory, &kProtectionDiscardStory, &kProtectionMergeStory,
+    &kControlStory,           &kPlugAndPlayStory,     &kProvisioningStory, &kProtectionKeepStory,
+    &kProtectionDiscardStory, &kProtectionMergeStory, &kRefusalsStory,     &kFaultsStory,
 };

@@ -119,7 +119,7 @@ void PlayDevice(Computer* computer, PDEVICE_OBJECT device) {
     PassOthers(device);
 }
 
-// ---- the boots ---------------------------------------------------------------------------------------------
+// ---- the boots -------------------------------------------------------------------------------------------
 
 void Unprotected() {
     Computer* computer = BootComputer({.DataBytes = 16 * kMiB, .IsDataOnDisk = true});

@@ -90,8 +90,7 @@ void Work(Computer* computer, const Plan& plan, ULONG seed) {
     CheckThroughStack(computer);
 }
 
-// ---- kept
-// --------------------------------------------------------------------------------------------------------
+// ---- kept ------------------------------------------------------------------------------------------------
 
 void KeepInstall() {
     InstallBoot(kKeepPlan, kKeep);
@@ -151,8 +150,7 @@ void KeepAgain() {
     End(computer);
 }
 
-// ---- discarded
-// ---------------------------------------------------------------------------------------------------
+// ---- discarded -------------------------------------------------------------------------------------------
 
 void DiscardInstall() {
     InstallBoot(kDiscardPlan, kDiscard);
@@ -171,11 +169,27 @@ void DiscardWork() {
     CheckOwnSectors(computer);
 }
 
-// ---- merged
-// ------------------------------------------------------------------------------------------------------
+// ---- merged ----------------------------------------------------------------------------------------------
 
 void MergeInstall() {
     InstallBoot(kMergePlan, kDiscard);
+}
+
+// The system's own hive is redirected until the next boot only.
+void WriteHive(Computer* computer) {
+    stage::Step("what is redirected until the next boot only");
+    constexpr LONGLONG place = kRegion - 64 * kKiB;
+    constexpr ULONG length = 3 * 512;
+    const Bytes data(length);
+    const Bytes back(length);
+    if (!data || !back) return;
+    FILE_OBJECT file;
+    InitializeFile(&file, computer->Data, W("\\Windows\\System32\\config\\SYSTEM"));
+    FillPattern(data.Get(), length, place, 99);
+    stage::CheckStatus(WriteAt(TopOfData(computer), place, data.Get(), length, &file), STATUS_SUCCESS,
+                       "its write");
+    stage::CheckStatus(ReadAt(TopOfData(computer), place, back.Get(), length), STATUS_SUCCESS, "its read");
+    stage::Check(IsSame(data.Get(), back.Get(), length), "this boot sees it");
 }
 
 void MergeWork() {
@@ -184,6 +198,7 @@ void MergeWork() {
     Work(computer, kMergePlan, 50);
     CheckOwnSectors(computer);
     stage::CheckStatus(SetConfig(&computer->User, kMergeOnce), STATUS_SUCCESS, "merge once");
+    WriteHive(computer);
     End(computer);
     CheckOwnSectors(computer);
 }

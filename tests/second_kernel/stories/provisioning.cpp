@@ -2,6 +2,7 @@
 #include <initializer_list>
 #include "tests/second_kernel/common/computer.h"
 #include "tests/second_kernel/common/saved_map.h"
+#include "tests/second_kernel/common/storage.h"
 #include "tests/second_kernel/common/threads.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -18,19 +19,6 @@ bool WaitFor(PRKEVENT event) {
     time.QuadPart = -30 * 10'000'000LL;
     return stage::CheckStatus(KeWaitForSingleObject(event, Executive, KernelMode, FALSE, &time), STATUS_SUCCESS,
                               "the driver's thread writes a file");
-}
-
-void CheckNothingLeft(Computer* computer, LONG blocks) {
-    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
-    stage::Check(status.SwapStatus == 0 && status.SwapTotalBytes == 0, "no storage", status.SwapStatus,
-                 static_cast<ULONGLONG>(status.SwapTotalBytes));
-    for (const PlayedFile& file : computer->DataFiles.Table->Files)
-        stage::Check(!file.Exists, "no file is left");
-    ULONG location[2];
-    stage::CheckEqual(ReadDriverValue(DATA_VOLUME, location, 0), 0, "no location in the registry");
-    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
-    stage::CheckEqual(static_cast<ULONGLONG>(stage::PoolBlocks()), static_cast<ULONGLONG>(blocks),
-                      "pool blocks");
 }
 
 // Refusals that come from the thread alone, whatever they ask for.
@@ -93,10 +81,8 @@ void Provision(Computer* computer) {
 
 void Remove(Computer* computer, LONG blocks) {
     stage::Step("remove the storage");
-    const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, 0);
-    stage::CheckStatus(Ask(&computer->User, IOCTL_KVR_REMOVE_SWAP, &request, sizeof(request.VolumeName)).Status,
-                       STATUS_SUCCESS, "the removal, whose request needs no more than the name");
-    CheckNothingLeft(computer, blocks);
+    RemoveStorage(computer);
+    CheckNoStorage(computer, blocks);
 }
 
 struct Stopper {
@@ -128,7 +114,7 @@ void StopInTheMiddle(Computer* computer, LONG blocks) {
     OpenGate(files);
     JoinThread(thread);
     stage::CheckStatus(stopper.status, STATUS_SUCCESS, "the stop");
-    CheckNothingLeft(computer, blocks);
+    CheckNoStorage(computer, blocks);
     stage::CheckStatus(Ask(&computer->User, IOCTL_KVR_STOP_SWAP_THREAD).Status, STATUS_SUCCESS,
                        "a stop of nothing");
 }
