@@ -14,13 +14,13 @@ struct Kept {
 // What is kept, and the lock over it; one set for all devices, as one boot runs at a time.
 struct Keeper {
     KSPIN_LOCK lock;
-    bool open;
+    std::atomic<bool> open;
     ULONG count;
     ULONG ever;
     Kept kept[kMostKept];
     KEVENT changed;
 };
-Keeper gKeeper;
+constinit Keeper gKeeper{};
 
 class KeeperLock {
 public:
