@@ -120,5 +120,5 @@ void DamageSavedMap(Computer* computer) {
     SavedMap map;
     ReadLocation(&map);
     if (!stage::Check(map.Runs != 0, "there is a map to damage")) return;
-    computer->DataSectors[ULONGLONG{map.Location[0].Sector} * computer->Options.DataSector + 5] ^= 0x10;
+    computer->DataSectors[ULONGLONG{map.Location[0].Sector} * computer->Options.DataSector + 3] ^= 0x10;
 }
