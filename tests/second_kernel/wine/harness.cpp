@@ -61,6 +61,9 @@ void NTAPI Play(PVOID) {
         shim::BeginOutcome(story->name, wanted.Boot);
         shim::PrepareMedia();
         story->boots[wanted.Boot]();
+        stage::Step("end of the boot");
+        (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingRequests()), 0, "requests not freed");
+        (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingMdls()), 0, "MDLs not freed");
         shim::SaveMedia();
         bytes = Describe(*story, answer,
                          IoGetCurrentIrpStackLocation(gPlaying)->Parameters.DeviceIoControl.OutputBufferLength);
