@@ -13,4 +13,4 @@ need_packages() {
 }
 
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ntfs-3g-dev ntfs-3g libgtest-dev libcli11-dev libssl-dev)
-TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 g++-mingw-w64-x86-64-win32 mingw-w64-x86-64-dev python3)
+TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 g++-mingw-w64-x86-64-win32 mingw-w64-x86-64-dev wine wine64 python3)

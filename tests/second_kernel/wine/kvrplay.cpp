@@ -21,9 +21,11 @@ constexpr wchar_t kGroup[] = L"KvrStory";  // both drivers in one process
 constexpr wchar_t kDriverKey[] = L"System\\kvr";
 constexpr DWORD kAnswerBytes = 256 << 10;
 
+int gFailure = 3;  // the exit status: from the story's begin on it is 2
+
 [[noreturn]] void Fail(const char* what) {
     std::printf("kvrplay: %s: error %lu\n", what, GetLastError());
-    std::exit(2);
+    std::exit(gFailure);
 }
 
 void RemoveFolder(const std::wstring& folder) {
@@ -80,6 +82,7 @@ const STORY_OUTCOME* Play(STORY_PLAY play, std::vector<char>& room) {
     HANDLE device =
         CreateFileW(L"\\\\.\\kvrstory", GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     if (device == INVALID_HANDLE_VALUE) Fail("the harness driver's device");
+    gFailure = 2;
     DWORD bytes = 0;
     const BOOL played = DeviceIoControl(device, IOCTL_STORY_PLAY, &play, sizeof(play), room.data(),
                                         static_cast<DWORD>(room.size()), &bytes, nullptr);
