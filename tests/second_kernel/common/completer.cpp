@@ -14,13 +14,14 @@ struct Kept {
 // What is kept, and the lock over it; one set for all devices, as one boot runs at a time.
 struct Keeper {
     KSPIN_LOCK lock;
-    bool open;
+    std::atomic<bool> open;
     ULONG count;
     ULONG ever;
+    ULONG together;  // so many are waited for
     Kept kept[kMostKept];
     KEVENT changed;
 };
-Keeper gKeeper;
+constinit Keeper gKeeper{};
 
 class KeeperLock {
 public:
@@ -38,7 +39,8 @@ enum class Next { Carry, Wait, End };
 // Takes the first and the last in turns, so that requests overtake each other.
 Next TakeKept(Kept* taken) {
     const KeeperLock lock;
-    if (gKeeper.count == 0) {
+    if (gKeeper.count >= gKeeper.together || !gKeeper.open) gKeeper.together = 0;
+    if (gKeeper.count == 0 || gKeeper.together != 0) {
         if (!gKeeper.open) return Next::End;
         KeClearEvent(&gKeeper.changed);
         return Next::Wait;
@@ -57,11 +59,20 @@ void CompleteRaised(PIRP irp) {
     KeReleaseSpinLock(&raise, irql);
 }
 
+void WaitForChange() {
+    LARGE_INTEGER time;
+    time.QuadPart = -5 * 10'000'000LL;
+    const NTSTATUS status = KeWaitForSingleObject(&gKeeper.changed, Executive, KernelMode, FALSE, &time);
+    if (status == STATUS_SUCCESS) return;
+    const KeeperLock lock;
+    gKeeper.together = 0;
+}
+
 void CarryKept(PVOID) {
     Kept taken{};
     for (Next next = TakeKept(&taken); next != Next::End; next = TakeKept(&taken)) {
         if (next == Next::Wait) {
-            (void)KeWaitForSingleObject(&gKeeper.changed, Executive, KernelMode, FALSE, nullptr);
+            WaitForChange();
             continue;
         }
         taken.carry(taken.irp);
@@ -78,11 +89,12 @@ void SetOpen(bool open) {
 
 }  // namespace
 
-PendedCompletions::PendedCompletions() {
+PendedCompletions::PendedCompletions(ULONG together) {
     KeInitializeSpinLock(&gKeeper.lock);
     KeInitializeEvent(&gKeeper.changed, NotificationEvent, FALSE);
     gKeeper.count = 0;
     gKeeper.ever = 0;
+    gKeeper.together = together;
     for (PVOID& thread : m_threads) thread = nullptr;
     SetOpen(true);
     for (PVOID& thread : m_threads) thread = StartThread(CarryKept, nullptr);

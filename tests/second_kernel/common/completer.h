@@ -6,7 +6,9 @@
 
 class PendedCompletions {
 public:
-    PendedCompletions();
+    // Nothing is completed before `together` requests are kept at once, so that they overlap in time; then, or
+    // after five seconds, all goes its way.
+    explicit PendedCompletions(ULONG together = 0);
     // From then on the devices complete at once; waits until nothing is kept any more.
     ~PendedCompletions();
     PendedCompletions(const PendedCompletions&) = delete;

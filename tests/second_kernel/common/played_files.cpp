@@ -124,7 +124,6 @@ NTSTATUS OpenOrMake(PlayedFiles* files, PCUNICODE_STRING path, ACCESS_MASK acces
                     ULONG disposition, PlayedFile** file, ULONG_PTR* information) {
     *file = Find(files, path);
     if (*file) {
-        if (files->OpenFailure != STATUS_SUCCESS) return files->OpenFailure;
         if (!MayOpen(files, *file, access, share)) return STATUS_SHARING_VIOLATION;
         return OpenExisting(files, *file, disposition, information);
     }
@@ -201,12 +200,17 @@ NTSTATUS CheckRange(const PlayedOpen* open, LONGLONG offset, ULONG length) {
                                                                       : STATUS_SUCCESS;
 }
 
+LONGLONG SizeOf(PlayedOpen* open) {
+    const FastMutexLock lock(open->Files->Lock);
+    return open->File->Size;
+}
+
 NTSTATUS ReadCall(PVOID context, LONGLONG offset, PVOID buffer, ULONG length, ULONG* done) {
     auto* open = static_cast<PlayedOpen*>(context);
     *done = 0;
     NTSTATUS status = CheckRange(open, offset, length);
     if (!NT_SUCCESS(status)) return status;
-    const LONGLONG size = open->File->Size;
+    const LONGLONG size = SizeOf(open);
     if (offset >= size) return STATUS_END_OF_FILE;
     const ULONG part = size - offset < length ? static_cast<ULONG>(size - offset) : length;
     status = TransferFile(open, IRP_MJ_READ, offset, static_cast<PUCHAR>(buffer), part);

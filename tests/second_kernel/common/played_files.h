@@ -48,10 +48,9 @@ struct PlayedFiles {
     FileTable* Table;
     LONGLONG Begin;  // the volume's bytes from here on are the files'
     ULONG Units;
-    ULONG PieceUnits;      // new space comes in pieces of at most so many units, 0: any number
-    ULONG GapUnits;        // and so many units are left free behind each
-    LONGLONG FileLimit;    // a file that would grow beyond it fails with STATUS_DISK_FULL, 0: no limit
-    NTSTATUS OpenFailure;  // opens of an existing file fail with it
+    ULONG PieceUnits;    // new space comes in pieces of at most so many units, 0: any number
+    ULONG GapUnits;      // and so many units are left free behind each
+    LONGLONG FileLimit;  // a file that would grow beyond it fails with STATUS_DISK_FULL, 0: no limit
     // The rest is its own.
     FAST_MUTEX Lock;
     PlayedOpen Opens[kMostOpens];

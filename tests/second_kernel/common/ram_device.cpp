@@ -128,8 +128,16 @@ NTSTATUS ServePower(RamDevice* ram, PIRP irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
+NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
+    const bool isPower = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
+    if (isPower) PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return isPower ? PoCallDriver(ram->Next, irp) : IoCallDriver(ram->Next, irp);
+}
+
 NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
     RamDevice* ram = RamOf(device);
+    if (ram->Next) return PassOn(ram, irp);
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
     switch (location->MajorFunction) {
         case IRP_MJ_READ:
@@ -185,7 +193,27 @@ PDEVICE_OBJECT MakeRamDevice(const RamOptions& options) {
     return device;
 }
 
+bool AddPassingFilter(PDEVICE_OBJECT device) {
+    PDEVICE_OBJECT filter = nullptr;
+    const NTSTATUS status =
+        IoCreateDevice(stage::OwnDriver(), sizeof(RamDevice), nullptr, FILE_DEVICE_DISK, 0, FALSE, &filter);
+    if (!stage::CheckStatus(status, STATUS_SUCCESS, "a filter of the story")) return false;
+    RamDevice* ram = ::new (filter->DeviceExtension) RamDevice{};
+    ram->Device = filter;
+    filter->Flags |= DO_DIRECT_IO;
+    filter->Characteristics = device->Characteristics;
+    ram->Next = IoAttachDeviceToDeviceStack(filter, device);
+    filter->SectorSize = device->SectorSize;
+    filter->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return stage::Check(ram->Next == device, "the filter is attached to the device");
+}
+
 void DeleteRamDevice(PDEVICE_OBJECT device) {
+    PDEVICE_OBJECT filter = stage::TopOfStack(device);
+    if (filter != device) {
+        IoDetachDevice(device);
+        IoDeleteDevice(filter);
+    }
     IoDeleteDevice(device);
 }
 

@@ -11,6 +11,7 @@ struct RamDevice {
     PUCHAR Sectors;       // null for a volume on a disk
     ULONGLONG Size;       // bytes
     PDEVICE_OBJECT Disk;  // the physical device of the disk under a volume
+    PDEVICE_OBJECT Next;  // of a filter that passes everything on: the device below it
     LONGLONG Start;       // where on the disk
     ULONG DiskNumber;     // what the extents tell
     // What arrived here, ever.
@@ -45,7 +46,10 @@ struct RamOptions {
 
 // Null, with a failed check, when it could not be made. It lives until DeleteRamDevice or the end of the boot.
 [[nodiscard]] PDEVICE_OBJECT MakeRamDevice(const RamOptions& options);
-// Nothing may be attached to it any more.
+// A filter without a name of its own above the device, which passes everything on and is deleted with it.
+// Whether it could be made.
+[[nodiscard]] bool AddPassingFilter(PDEVICE_OBJECT device);
+// Nothing else may be attached to it any more.
 void DeleteRamDevice(PDEVICE_OBJECT device);
 [[nodiscard]] inline RamDevice* RamOf(PDEVICE_OBJECT device) {
     return static_cast<RamDevice*>(device->DeviceExtension);

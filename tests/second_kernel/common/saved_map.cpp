@@ -115,3 +115,10 @@ void ReadSavedMap(Computer* computer, SavedMap* map) {
                      "an entry's space lies in the storage files", entry.SwapSector, entry.Length);
     });
 }
+
+void DamageSavedMap(Computer* computer) {
+    SavedMap map;
+    ReadLocation(&map);
+    if (!stage::Check(map.Runs != 0, "there is a map to damage")) return;
+    computer->DataSectors[ULONGLONG{map.Location[0].Sector} * computer->Options.DataSector + 3] ^= 0x10;
+}

@@ -24,3 +24,6 @@ struct SavedMap {
 };
 // A check fails for an entry with a wrong check byte, without sectors or outside the volume's storage files.
 void ReadSavedMap(Computer* computer, SavedMap* map);
+// Changes a bit of its first entry: it then redirects another place, which nothing but the check byte gives
+// away.
+void DamageSavedMap(Computer* computer);

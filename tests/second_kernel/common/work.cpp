@@ -84,8 +84,8 @@ void WorkShift(PVOID context, ULONG index) {
     const auto* shift = static_cast<Shift*>(context);
     const Bytes buffer(kSharedBytes > kMostSectorsAtOnce * 4096 ? kSharedBytes : kMostSectorsAtOnce * 4096);
     if (!buffer) return;
-    WorkOnSlice(shift, index, buffer.Get());
     WriteShared(shift, index, buffer.Get());
+    WorkOnSlice(shift, index, buffer.Get());
 }
 
 bool IsOneOfWriters(const Shift* shift, const UCHAR* bytes, ULONG sector, LONGLONG offset) {
@@ -148,7 +148,7 @@ void ForgetModel(Computer* computer) {
 void WorkTogether(Computer* computer, ULONG seed) {
     Shift shift = {computer, seed};
     {
-        const PendedCompletions pend;
+        const PendedCompletions pend(kSlices);  // the shared writes all take space before one of them ends
         RunTogether(kSlices, WorkShift, &shift);
     }
     stage::Check(PendedRequests() > kSlices * kRounds, "lower completions pended", PendedRequests());

@@ -11,6 +11,7 @@ namespace {
 #define LISTED_VOLUME W("\\Device\\StoryListed")
 #define HIDDEN_VOLUME W("\\Device\\StoryHidden")
 #define LARGE_VOLUME W("\\Device\\StoryLarge")
+#define FILTERED_VOLUME W("\\Device\\StoryFiltered")
 #define LOST_VOLUME W("\\Device\\StoryLost")
 
 constexpr ULONG kSmallBytes = kMiB;
@@ -26,7 +27,8 @@ PDEVICE_OBJECT MakeSmall(const WCHAR* name, bool removable = false, USHORT secto
 void Remove(PDEVICE_OBJECT device, const char* what) {
     stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, what);
     stage::CheckEqual(RamOf(device)->Removes, 1, "removals that reached the device");
-    if (stage::Check(stage::TopOfStack(device) == device, "the filter has left the stack"))
+    const PDEVICE_OBJECT top = stage::TopOfStack(device);
+    if (stage::Check(top->DriverObject == device->DriverObject, "the driver's filter has left the stack"))
         DeleteRamDevice(device);
 }
 
@@ -100,6 +102,18 @@ void AddInrush(Computer* computer) {
     Remove(device, "removal");
 }
 
+// The name is found further down the stack.
+void AddBelowFilter(Computer* computer) {
+    stage::Step("a volume below a filter without a name");
+    PDEVICE_OBJECT device = MakeSmall(FILTERED_VOLUME);
+    if (!device || !AddPassingFilter(device)) return;
+    stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "start");
+    stage::Check(stage::TopOfStack(device)->DriverObject == computer->Driver, "the driver's filter is on top");
+    stage::CheckEqual(FixedStatus(&computer->User, FILTERED_VOLUME).State, 0, "the volume is named");
+    PassTransfers(device);
+    Remove(device, "removal");
+}
+
 void AddLost(Computer* computer) {
     PDEVICE_OBJECT device = MakeRamDevice({.Name = LOST_VOLUME,
                                            .Sectors = stage::Medium(2, kSmallBytes),
@@ -140,6 +154,7 @@ void Unprotected() {
                  "the filter is removable too");
     stage::CheckEqual(RemovableStatus(&computer->User, REMOVABLE_VOLUME).AccessMode, 0, "and not protected");
     AddInrush(computer);
+    AddBelowFilter(computer);
     stage::Step("removal");
     Remove(large, "the large volume goes");
     Remove(removable, "the removable volume goes");

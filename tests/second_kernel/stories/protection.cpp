@@ -14,6 +14,8 @@ const WCHAR kDiscardOnce[] = GLOBAL_ON SECTION_HEAD W("BootMode=1\r\nBootAction=
 const WCHAR kDiscard[] = GLOBAL_ON SECTION_HEAD W("BootMode=0\r\nBootAction=0\r\n");
 const WCHAR kMergeOnce[] = GLOBAL_ON SECTION_HEAD W("BootMode=0\r\nBootAction=2\r\n");
 
+constexpr ULONG kMapBad = 3;
+
 // What the three stories differ in.
 struct Plan {
     ComputerOptions computer;
@@ -148,6 +150,37 @@ void KeepAgain() {
     CheckOwnSectors(computer);
     CheckProtected(computer, kKeepPlan.storage);
     End(computer);
+    DamageSavedMap(computer);
+}
+
+// A map of which anything is wrong protects nothing; making the storage anew repairs it.
+void KeepDamaged() {
+    Computer* computer = BootComputer(kKeepPlan.computer);
+    if (!computer) return;
+    WakeComputer(computer);
+    stage::Step("a damaged map");
+    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(status.SwapStatus, kMapBad, "the map is found bad");
+    stage::CheckEqual(status.State, 0, "the volume is not protected");
+    stage::Check(IsEnabled(&computer->User), "though protection is on");
+    ForgetModel(computer);
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    stage::Step("storage made anew");
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kKeepPlan.storage), STATUS_SUCCESS,
+                       "the request");
+    const KVR_FIXED_VOLUME_STATUS repaired = WaitForStorage(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(static_cast<ULONGLONG>(repaired.SwapTotalBytes),
+                      static_cast<ULONGLONG>(kKeepPlan.storage), "the storage");
+    EndComputer(computer);
+}
+
+void KeepRepaired() {
+    Computer* computer = Wake(kKeepPlan);
+    if (!computer) return;
+    Work(computer, kKeepPlan, 80);
+    CheckOwnSectors(computer);
+    End(computer);
 }
 
 // ---- discarded -------------------------------------------------------------------------------------------
@@ -236,13 +269,14 @@ void MergeNotAgain() {
     End(computer);
 }
 
-constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain};
+constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork,    KeepMore,    KeepDiscardedOnce,
+                                    KeepAgain,   KeepDamaged, KeepRepaired};
 constexpr void (*kDiscardBoots[])() = {DiscardInstall, DiscardWork, DiscardWork};
 constexpr void (*kMergeBoots[])() = {MergeInstall, MergeWork, MergeDone, MergeNotAgain};
 
 }  // namespace
 
-const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 5};
+const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 7};
 const Story kProtectionDiscardStory = {"protection_discard",
                                        "redirections discarded at every boot, large sectors", kDiscardBoots, 3};
 const Story kProtectionMergeStory = {"protection_merge", "redirections merged once", kMergeBoots, 4};

@@ -41,13 +41,15 @@ class Trouble(Exception):
 
 
 def story_names() -> list[str]:
-    """In the order of list.h; each story's name stands where it is defined."""
-    sources = "\n".join(path.read_text() for path in sorted(STORIES.glob("*.cpp")))
+    """In the order of declaration, the shim's own story first; each name stands where its story is defined."""
+    paths = [HERE / "rules_story.cpp", *sorted(STORIES.glob("*.cpp"))]
+    sources = "\n".join(path.read_text() for path in paths)
+    declared = (HERE / "rules_story.h").read_text() + (STORIES / "list.h").read_text()
     names = []
-    for variable in re.findall(r"extern const Story (\w+);", (STORIES / "list.h").read_text()):
+    for variable in re.findall(r"extern const Story (\w+);", declared):
         match = re.search(rf'const Story {variable}\s*=?\s*\{{\s*"(\w+)"', sources)
         if not match:
-            raise Trouble(f"{STORIES}/list.h: no source defines {variable}")
+            raise Trouble(f"no source defines the story {variable}")
         names.append(match.group(1))
     return names
 

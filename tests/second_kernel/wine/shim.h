@@ -37,6 +37,10 @@ bool IsDriverCode(const void* address);
 // Counts a broken rule of the platform and prints it with where `caller` lies.
 void BrokenRule(const char* rule, const void* caller);
 
+// Requests and MDLs that were made and are not freed.
+LONG OutstandingRequests();
+LONG OutstandingMdls();
+
 // Completes a request that Wine made for a user-mode program.
 void CompleteUserRequest(PIRP request);
 

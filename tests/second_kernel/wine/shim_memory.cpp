@@ -15,9 +15,11 @@ constexpr CSHORT kResident = MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL | MD
 
 decltype(&ExAllocatePoolWithTag) gKernelAllocate;
 decltype(&ExFreePoolWithTag) gKernelFree;
+decltype(&IoAllocateMdl) gKernelAllocateMdl;
 decltype(&IoFreeMdl) gKernelFreeMdl;
 
 std::atomic<LONG> gPoolBlocks{0};
+std::atomic<LONG> gMdls{0};
 
 PVOID NTAPI Allocate(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
     RequireIrql(type == NonPagedPool ? DISPATCH_LEVEL : APC_LEVEL, "pool asked for at too high an IRQL",
@@ -63,7 +65,14 @@ void NTAPI BuildForPool(PMDL mdl) {
     mdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
 }
 
+PMDL NTAPI AllocateMdl(PVOID address, ULONG length, BOOLEAN secondary, BOOLEAN quota, PIRP request) {
+    PMDL mdl = gKernelAllocateMdl(address, length, secondary, quota, request);
+    if (mdl) ++gMdls;
+    return mdl;
+}
+
 void NTAPI FreeMdl(PMDL mdl) {
+    --gMdls;
     if (mdl->MdlFlags & MDL_PAGES_LOCKED) BrokenRule("MDL freed with locked pages", SHIM_CALLER);
     gKernelFreeMdl(mdl);
 }
@@ -75,6 +84,7 @@ const Replacement kReplacements[] = {
     {"MmUnlockPages", reinterpret_cast<PVOID>(UnlockPages), nullptr},
     {"MmMapLockedPagesSpecifyCache", reinterpret_cast<PVOID>(MapPages), nullptr},
     {"MmBuildMdlForNonPagedPool", reinterpret_cast<PVOID>(BuildForPool), nullptr},
+    {"IoAllocateMdl", reinterpret_cast<PVOID>(AllocateMdl), reinterpret_cast<PVOID*>(&gKernelAllocateMdl)},
     {"IoFreeMdl", reinterpret_cast<PVOID>(FreeMdl), reinterpret_cast<PVOID*>(&gKernelFreeMdl)},
 };
 
@@ -82,6 +92,10 @@ const Replacement kReplacements[] = {
 
 Replacements MemoryReplacements() {
     return {kReplacements, RTL_NUMBER_OF(kReplacements)};
+}
+
+LONG OutstandingMdls() {
+    return gMdls;
 }
 
 }  // namespace shim

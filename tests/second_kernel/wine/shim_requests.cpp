@@ -1,5 +1,7 @@
 // Requests. Those that drivers have the kernel build are built here, as Wine copies no system buffers and locks
 // no pages; their way down and up is checked, and a request stays recognisable for a while after its end.
+#include <atomic>
+#include "call_frames.h"
 #include "faults.h"
 #include "irql.h"
 #include "shim.h"
@@ -7,6 +9,7 @@
 namespace shim {
 namespace {
 
+decltype(&IoAllocateIrp) gKernelAllocate;
 decltype(&IoFreeIrp) gKernelFree;
 decltype(&IofCallDriver) gKernelCall;
 decltype(&IofCompleteRequest) gKernelComplete;
@@ -30,9 +33,19 @@ KSPIN_LOCK gLock;
 PIRP gEnded[kKept];
 ULONG gNextEnded;
 
+std::atomic<LONG> gOutstanding{0};
+
+PIRP NTAPI AllocateRequest(CCHAR stackSize, BOOLEAN quota) {
+    if (ShallFail(stage::Fault::BuildRequest, SHIM_CALLER)) return nullptr;
+    PIRP request = gKernelAllocate(stackSize, quota);
+    if (request) ++gOutstanding;
+    return request;
+}
+
 void NTAPI FreeRequest(PIRP request) {
     if (request->Type != IO_TYPE_IRP) return BrokenRule("request freed twice", SHIM_CALLER);
     request->Type = 0;
+    --gOutstanding;
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&gLock);
     PIRP oldest = gEnded[gNextEnded];
     gEnded[gNextEnded] = request;
@@ -174,15 +187,27 @@ PIRP NTAPI BuildControl(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG in
 
 // ---- down and up ----
 
+bool IsSendable(PIRP request, const void* caller) {
+    RequireIrql(DISPATCH_LEVEL, "request sent at too high an IRQL", caller);
+    const char* rule = request->Type != IO_TYPE_IRP                         ? "request sent after its end"
+                       : request->CurrentLocation <= 1                      ? "no more stack locations"
+                       : request->CurrentLocation > request->StackCount + 1 ? "stack location skipped twice"
+                                                                            : nullptr;
+    if (rule) BrokenRule(rule, caller);
+    return !rule;
+}
+
 NTSTATUS FASTCALL Call(PDEVICE_OBJECT device, PIRP request) {
-    RequireIrql(DISPATCH_LEVEL, "request sent at too high an IRQL", SHIM_CALLER);
-    if (request->Type != IO_TYPE_IRP) BrokenRule("request sent after its end", SHIM_CALLER);
-    if (request->CurrentLocation <= 1) BrokenRule("no more stack locations", SHIM_CALLER);
-    if (request->CurrentLocation > request->StackCount + 1)
-        BrokenRule("stack location skipped twice", SHIM_CALLER);
+    if (!IsSendable(request, SHIM_CALLER)) return STATUS_INVALID_DEVICE_STATE;
+    const PDRIVER_DISPATCH routine =
+        device->DriverObject->MajorFunction[IoGetNextIrpStackLocation(request)->MajorFunction];
     const KIRQL before = Irql();
-    const NTSTATUS status = gKernelCall(device, request);
-    if (Irql() != before) BrokenRule("a dispatch routine changed the IRQL", SHIM_CALLER);
+    NTSTATUS status = STATUS_SUCCESS;
+    CallFrame frame;
+    EnterFrame(&frame, request);
+    TryFinally([&] { status = gKernelCall(device, request); }, [&] { LeaveFrame(&frame); });
+    if (Irql() != before) BrokenRule("a dispatch routine changed the IRQL", reinterpret_cast<PVOID>(routine));
+    if (const char* rule = BrokenByReturn(frame, status)) BrokenRule(rule, reinterpret_cast<PVOID>(routine));
     return status;
 }
 
@@ -197,6 +222,7 @@ bool PassLocation(PIRP request) {
     const UCHAR control = done->Control;
     const PIO_COMPLETION_ROUTINE routine = done->CompletionRoutine;
     PVOID context = done->Context;
+    MarkFrames(request, control);
     done->Control = 0;
     IoSkipCurrentIrpStackLocation(request);
     request->PendingReturned = (control & SL_PENDING_RETURNED) != 0;
@@ -224,6 +250,7 @@ void FASTCALL Complete(PIRP request, CCHAR) {
 }
 
 const Replacement kReplacements[] = {
+    {"IoAllocateIrp", reinterpret_cast<PVOID>(AllocateRequest), reinterpret_cast<PVOID*>(&gKernelAllocate)},
     {"IoFreeIrp", reinterpret_cast<PVOID>(FreeRequest), reinterpret_cast<PVOID*>(&gKernelFree)},
     {"IoBuildAsynchronousFsdRequest", reinterpret_cast<PVOID>(BuildTransfer), nullptr},
     {"IoBuildDeviceIoControlRequest", reinterpret_cast<PVOID>(BuildControl), nullptr},
@@ -236,6 +263,10 @@ const Replacement kReplacements[] = {
 
 Replacements RequestReplacements() {
     return {kReplacements, RTL_NUMBER_OF(kReplacements)};
+}
+
+LONG OutstandingRequests() {
+    return gOutstanding;
 }
 
 void CompleteUserRequest(PIRP request) {

@@ -1,5 +1,6 @@
 // System threads: which ones the driver started, and at which IRQL threads begin and end.
 #include <atomic>
+#include "call_frames.h"
 #include "faults.h"
 #include "irql.h"
 #include "platform/owners.h"
@@ -27,6 +28,7 @@ void NTAPI Begin(PVOID argument) {
     const Start start = *static_cast<Start*>(argument);
     ExFreePoolWithTag(argument, kStartTag);
     SetIrql(PASSIVE_LEVEL);
+    ClearFrames();
     start.routine(start.context);
     RequireIrql(PASSIVE_LEVEL, "thread ended at too high an IRQL", reinterpret_cast<PVOID>(start.routine));
 }
