@@ -175,14 +175,6 @@ void KeepDamaged() {
     EndComputer(computer);
 }
 
-void KeepRepaired() {
-    Computer* computer = Wake(kKeepPlan);
-    if (!computer) return;
-    Work(computer, kKeepPlan, 80);
-    CheckOwnSectors(computer);
-    End(computer);
-}
-
 // ---- discarded -------------------------------------------------------------------------------------------
 
 void DiscardInstall() {
@@ -269,14 +261,13 @@ void MergeNotAgain() {
     End(computer);
 }
 
-constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork,    KeepMore,    KeepDiscardedOnce,
-                                    KeepAgain,   KeepDamaged, KeepRepaired};
+constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged};
 constexpr void (*kDiscardBoots[])() = {DiscardInstall, DiscardWork, DiscardWork};
 constexpr void (*kMergeBoots[])() = {MergeInstall, MergeWork, MergeDone, MergeNotAgain};
 
 }  // namespace
 
-const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 7};
+const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 6};
 const Story kProtectionDiscardStory = {"protection_discard",
                                        "redirections discarded at every boot, large sectors", kDiscardBoots, 3};
 const Story kProtectionMergeStory = {"protection_merge", "redirections merged once", kMergeBoots, 4};
