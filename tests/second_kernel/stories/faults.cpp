@@ -13,8 +13,8 @@ using stage::Fault;
 // The storage in use comes in pieces of one unit each, so that a write soon needs several; what is made on
 // trial, once for each call that can fail, in few.
 constexpr ULONG kTrialPieceUnits = 8;
-const ComputerOptions kOptions = {.DataBytes = 56 * kMiB, .PieceUnits = 1, .GapUnits = 1};
-constexpr LONGLONG kStorage = 20 * kMiB;
+const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceUnits = 1, .GapUnits = 1};
+constexpr LONGLONG kStorage = 14 * kMiB;
 constexpr LONGLONG kTrialStorage = 2 * kMiB;
 constexpr ULONG kMostCalls = 400;
 constexpr ULONG kSector = 512;

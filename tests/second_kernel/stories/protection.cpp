@@ -21,10 +21,10 @@ struct Plan {
     ComputerOptions computer;
     LONGLONG storage;
 };
-const Plan kKeepPlan = {{.DataBytes = 40 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
-                        20 * kMiB};
-const Plan kDiscardPlan = {{.DataBytes = 64 * kMiB, .DataSector = 4096}, 24 * kMiB};
-const Plan kMergePlan = {{.PieceUnits = 16}, 60 * kMiB};  // merging wants more than 51 MiB free
+const Plan kKeepPlan = {{.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
+                        14 * kMiB};
+const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB};
+const Plan kMergePlan = {{.PieceUnits = 16}, 56 * kMiB};  // merging wants more than 51 MiB free
 
 Computer* Wake(const Plan& plan) {
     Computer* computer = BootComputer(plan.computer);
