@@ -16,7 +16,7 @@ inline constexpr ULONG kRegion = 8 * kMiB;    // of the data volume: the story's
 inline constexpr LONGLONG kDataStart = kMiB;  // of the data volume on its disk
 
 struct ComputerOptions {
-    ULONG DataBytes = 88 * kMiB;
+    ULONG DataBytes = 68 * kMiB;
     USHORT DataSector = 512;
     bool IsDataOnDisk = false;
     ULONG PieceUnits = 0;  // how the data volume's files are laid out

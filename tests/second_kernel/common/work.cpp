@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr ULONG kRounds = 40;
+constexpr ULONG kRounds = 16;
 constexpr ULONG kMostSectorsAtOnce = 96;
 constexpr ULONG kPresent = 2;
 constexpr ULONG kExplicit = 2;

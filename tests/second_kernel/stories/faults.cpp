@@ -10,9 +10,11 @@ namespace {
 
 using stage::Fault;
 
-// Pieces of one unit each: a write soon needs several.
-const ComputerOptions kOptions = {.DataBytes = 56 * kMiB, .PieceUnits = 1, .GapUnits = 1};
-constexpr LONGLONG kStorage = 20 * kMiB;
+// The storage in use comes in pieces of one unit each, so that a write soon needs several; what is made on
+// trial, once for each call that can fail, in few.
+constexpr ULONG kTrialPieceUnits = 8;
+const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceUnits = 1, .GapUnits = 1};
+constexpr LONGLONG kStorage = 14 * kMiB;
 constexpr LONGLONG kTrialStorage = 2 * kMiB;
 constexpr ULONG kMostCalls = 400;
 constexpr ULONG kSector = 512;
@@ -213,7 +215,7 @@ void TryStorages(Computer* computer) {
 void FailStorageWrites(Computer* computer) {
     stage::Step("the device's writes, while storage is made");
     const LONG blocks = stage::PoolBlocks();
-    for (const ULONG n : {1u, 7u, 33u}) {
+    for (const ULONG n : {1u, 3u, 6u}) {
         FailTransfer(computer->Data, IRP_MJ_WRITE, n, kDeviceError);
         stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kTrialStorage), STATUS_SUCCESS,
                            "the request");
@@ -231,8 +233,10 @@ void Make() {
     Computer* computer = BootComputer(kOptions);
     if (!computer) return;
     TryStarts(computer);
+    computer->DataFiles.PieceUnits = kTrialPieceUnits;
     TryStorages(computer);
     FailStorageWrites(computer);
+    computer->DataFiles.PieceUnits = kOptions.PieceUnits;
     if (stage::Failed()) return;
     Install(computer, kText, kStorage);
     EndComputer(computer);

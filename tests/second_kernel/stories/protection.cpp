@@ -21,10 +21,10 @@ struct Plan {
     ComputerOptions computer;
     LONGLONG storage;
 };
-const Plan kKeepPlan = {{.DataBytes = 40 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
-                        20 * kMiB};
-const Plan kDiscardPlan = {{.DataBytes = 64 * kMiB, .DataSector = 4096}, 24 * kMiB};
-const Plan kMergePlan = {{.PieceUnits = 16}, 60 * kMiB};  // merging wants more than 51 MiB free
+const Plan kKeepPlan = {{.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
+                        14 * kMiB};
+const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB};
+const Plan kMergePlan = {{.PieceUnits = 16}, 56 * kMiB};  // merging wants more than 51 MiB free
 
 Computer* Wake(const Plan& plan) {
     Computer* computer = BootComputer(plan.computer);
@@ -175,14 +175,6 @@ void KeepDamaged() {
     EndComputer(computer);
 }
 
-void KeepRepaired() {
-    Computer* computer = Wake(kKeepPlan);
-    if (!computer) return;
-    Work(computer, kKeepPlan, 80);
-    CheckOwnSectors(computer);
-    End(computer);
-}
-
 // ---- discarded -------------------------------------------------------------------------------------------
 
 void DiscardInstall() {
@@ -269,14 +261,13 @@ void MergeNotAgain() {
     End(computer);
 }
 
-constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork,    KeepMore,    KeepDiscardedOnce,
-                                    KeepAgain,   KeepDamaged, KeepRepaired};
+constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged};
 constexpr void (*kDiscardBoots[])() = {DiscardInstall, DiscardWork, DiscardWork};
 constexpr void (*kMergeBoots[])() = {MergeInstall, MergeWork, MergeDone, MergeNotAgain};
 
 }  // namespace
 
-const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 7};
+const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 6};
 const Story kProtectionDiscardStory = {"protection_discard",
                                        "redirections discarded at every boot, large sectors", kDiscardBoots, 3};
 const Story kProtectionMergeStory = {"protection_merge", "redirections merged once", kMergeBoots, 4};

@@ -12,7 +12,7 @@ constexpr LONGLONG kStorage = 12 * kMiB;
 constexpr ULONG kProvisioning = 1;
 constexpr ULONG kPresent = 2;
 
-const ComputerOptions kOptions = {.DataBytes = 64 * kMiB, .PieceUnits = 4, .GapUnits = 1};
+const ComputerOptions kOptions = {.DataBytes = 40 * kMiB, .PieceUnits = 4, .GapUnits = 1};
 
 bool WaitFor(PRKEVENT event) {
     LARGE_INTEGER time;
@@ -102,11 +102,11 @@ void StopInTheMiddle(Computer* computer, LONG blocks) {
     stage::Step("stop in the middle");
     PlayedFiles* files = &computer->DataFiles;
     GateWrites(files);
-    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, 3 * kStorage), STATUS_SUCCESS, "the request");
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, 2 * kStorage), STATUS_SUCCESS, "the request");
     if (!WaitFor(&files->Arrived)) return;
     Stopper stopper = {&computer->User, STATUS_PENDING, false};
     PVOID thread = StartThread(StopThread, &stopper);
-    // Block by block and slowly: of 36 blocks only the first few pass before the request has been seen.
+    // Block by block and slowly: of 24 blocks only the first few pass before the request has been seen.
     while (thread && !stopper.ended) {
         Sleep(20);
         LetOneThrough(files);

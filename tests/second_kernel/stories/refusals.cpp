@@ -10,7 +10,7 @@ namespace {
 #define REMOVABLE_VOLUME W("\\Device\\StoryRemovable")
 #define OTHER_DISK W("\\Device\\Harddisk8\\DR8")
 
-const ComputerOptions kOptions = {.DataBytes = 32 * kMiB, .IsDataOnDisk = true};
+const ComputerOptions kOptions = {.DataBytes = 20 * kMiB, .IsDataOnDisk = true};
 constexpr LONGLONG kStorage = 9 * kMiB;  // 1 MiB of it may be used, the rest is kept
 const WCHAR kText[] = W("[Global]\r\nProtection=1\r\nRVAccessMode=1\r\n[FV 1]\r\nID=")
     DATA_VOLUME W("\r\nProtectionMode=1\r\nBootMode=1\r\n");

@@ -1,5 +1,4 @@
 // The harness driver: a control device through which the runner has one boot of a story played.
-#include "lines.h"
 #include "media.h"
 #include "outcome.h"
 #include "protocol.h"
@@ -10,8 +9,6 @@
 #include "tests/second_kernel/stories/list.h"
 
 namespace {
-
-constexpr ULONG kLastLines = 30;  // of the driver's, for a boot that failed
 
 PDEVICE_OBJECT gControl;
 PIRP gPlaying;  // the request whose boot is being played; one in a process's life
@@ -41,11 +38,9 @@ ULONG Describe(const Story& story, STORY_OUTCOME* answer, ULONG room) {
     room -= sizeof(*answer);
     AppendText(answer, room, outcome.text, outcome.textBytes);
     if (outcome.failures != 0) {
-        static constexpr char title[] = "the driver's last lines:\n";
+        static constexpr char title[] = "the driver's last lines before the first of these:\n";
         AppendText(answer, room, title, sizeof(title) - 1);
-        ULONG bytes = 0;
-        const char* lines = shim::LastLines(kLastLines, &bytes);
-        AppendText(answer, room, lines, bytes);
+        AppendText(answer, room, outcome.lines, outcome.lineBytes);
     }
     return sizeof(*answer) + answer->TextLength;
 }

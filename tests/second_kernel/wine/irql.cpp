@@ -1,5 +1,6 @@
 #include "irql.h"
 #include "image.h"
+#include "lines.h"
 #include "shim.h"
 
 namespace shim {
@@ -28,10 +29,14 @@ bool DecodeCr8(const UCHAR* code, Cr8Access* access) {
 }
 
 LONG NTAPI OnException(EXCEPTION_POINTERS* exception) {
-    if (exception->ExceptionRecord->ExceptionCode != STATUS_PRIVILEGED_INSTRUCTION) return kNotMine;
+    const auto code = exception->ExceptionRecord->ExceptionCode;
     PCONTEXT context = exception->ContextRecord;
+    const auto* at = reinterpret_cast<const UCHAR*>(context->Rip);
     Cr8Access access;
-    if (!DecodeCr8(reinterpret_cast<const UCHAR*>(context->Rip), &access)) return kNotMine;
+    if (code != STATUS_PRIVILEGED_INSTRUCTION || !DecodeCr8(at, &access)) {
+        if (IsDriverCode(at)) PrintLine("exception %08x at kvr64.sys+%x\n", code, OffsetInDriver(at));
+        return kNotMine;
+    }
     ULONG64* gpr = &context->Rax + access.gpr;
     if (access.isRead) {
         *gpr = Irql();

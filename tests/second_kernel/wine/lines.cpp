@@ -80,11 +80,15 @@ void PrintLine(const char* format, ...) {
     va_end(arguments);
 }
 
-const char* LastLines(ULONG count, ULONG* bytes) {
+ULONG CopyLastLines(ULONG count, char* to, ULONG room) {
+    const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&gLock);
     ULONG start = gLength;
-    while (start > 0 && (gText[start - 1] != '\n' || start == gLength || --count > 0)) --start;
-    *bytes = gLength - start;
-    return gText + start;
+    while (start > 0 && gLength - start < room && (gText[start - 1] != '\n' || start == gLength || --count > 0))
+        --start;
+    const ULONG bytes = gLength - start;
+    RtlCopyMemory(to, gText + start, bytes);
+    KeReleaseSpinLock(&gLock, irql);
+    return bytes;
 }
 
 }  // namespace shim

@@ -8,8 +8,7 @@ namespace shim {
 //   %[flags][width][I64]type with d u x X; s for a string, wZ for a counted string of 16-bit characters, p
 void PrintLine(const char* format, ...);
 
-// The last `count` lines; `bytes` receives their length. The text moves with the next line: for the end of a
-// boot.
-const char* LastLines(ULONG count, ULONG* bytes);
+// Copies the last `count` lines, those that fit; returns their bytes.
+ULONG CopyLastLines(ULONG count, char* to, ULONG room);
 
 }  // namespace shim

@@ -20,6 +20,10 @@ KSPIN_LOCK gLock;
 char gText[kTextBytes];
 ULONG gLength;
 
+constexpr ULONG kLastLines = 30;
+char gLines[8u << 10];
+ULONG gLineBytes;
+
 void Add(const char* line, ULONG bytes) {
     const KIRQL irql = KeAcquireSpinLockRaiseToDpc(&gLock);
     if (gLength + bytes <= kTextBytes) {
@@ -48,7 +52,7 @@ void shim::BeginOutcome(const char* story, ULONG boot) {
 }
 
 shim::Outcome shim::EndOutcome() {
-    return {gChecks, gFailures, gText, gLength};
+    return {gChecks, gFailures, gText, gLength, gLines, gLineBytes};
 }
 
 void stage::Step(const char* what) {
@@ -59,7 +63,7 @@ void stage::Step(const char* what) {
 bool stage::Check(bool holds, const char* what, ULONGLONG got, ULONGLONG expected) {
     ++gChecks;
     if (holds) return true;
-    ++gFailures;
+    if (++gFailures == 1) gLineBytes = shim::CopyLastLines(kLastLines, gLines, sizeof(gLines));
     ReportFailure(what, got, expected);
     return false;
 }

@@ -9,6 +9,8 @@ struct Outcome {
     ULONG failures;
     const char* text;  // a line for each failure
     ULONG textBytes;
+    const char* lines;  // what the driver had said before the first failure
+    ULONG lineBytes;
 };
 
 // From here on checks are noted for this boot of this story. `story` is not copied.

@@ -88,6 +88,10 @@ bool IsWithin(PUCHAR module, const void* address) {
     return module && at >= module && at < module + ImageBytes(module);
 }
 
+ULONG OffsetIn(PUCHAR module, const void* address) {
+    return static_cast<ULONG>(static_cast<const UCHAR*>(address) - module);
+}
+
 std::atomic<ULONG> gBrokenRules{0};
 
 }  // namespace
@@ -105,12 +109,16 @@ bool IsDriverCode(const void* address) {
     return IsWithin(gDriver, address);
 }
 
+ULONG OffsetInDriver(const void* address) {
+    return OffsetIn(gDriver, address);
+}
+
 void BrokenRule(const char* rule, const void* caller) {
     ++gBrokenRules;
-    const bool drivers = IsDriverCode(caller);
-    PUCHAR base = drivers ? gDriver.load() : gHarness;
-    PrintLine("broken rule: %s, at %s+%x\n", rule, drivers ? "kvr64.sys" : "kvrstory.sys",
-              static_cast<ULONG>(static_cast<const UCHAR*>(caller) - base));
+    if (IsDriverCode(caller))
+        PrintLine("broken rule: %s, at kvr64.sys+%x\n", rule, OffsetInDriver(caller));
+    else
+        PrintLine("broken rule: %s, at kvrstory.sys+%x\n", rule, OffsetIn(gHarness, caller));
 }
 
 }  // namespace shim

@@ -31,8 +31,9 @@ Replacements ThreadReplacements();
 // Replaces the harness's imports, and the driver's as soon as it is mapped. Once, before any story.
 [[nodiscard]] NTSTATUS Install(PDRIVER_OBJECT harness);
 
-// Is `address` code of the driver under test?
+// Is `address` code of the driver under test? If so, how far into its image?
 bool IsDriverCode(const void* address);
+ULONG OffsetInDriver(const void* address);
 
 // Counts a broken rule of the platform and prints it with where `caller` lies.
 void BrokenRule(const char* rule, const void* caller);
