@@ -57,6 +57,14 @@ bool OpenLocked(const std::string& path, std::uint32_t sectorSize, int& file, st
         why = errno == EWOULDBLOCK ? "another program is using it" : std::strerror(errno);
         return false;
     }
+    // Virtual machine monitors ask for this kind of lock.
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (fcntl(file, F_OFD_SETLK, &whole) != 0 && (errno == EAGAIN || errno == EACCES)) {
+        why = "another program is using it";
+        return false;
+    }
     if (!SizeOf(file, size, sectorSize, why)) return false;
     if (size < sectorSize || size % sectorSize != 0) {
         why = size == 0 ? "it is empty"

@@ -12,7 +12,8 @@ Machine::Machine(MachineOptions options)
     if (options_.registry == nullptr) options_.registry = RegistryFile::InMemory();
     options_.registry->SetPower(power_);
     for (MachineDisk& disk : options_.disks) {
-        disks_.push_back({std::move(disk.medium), disk.removable, disk.completion, false, nullptr});
+        disks_.push_back(
+            {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr});
     }
 }
 

@@ -31,6 +31,9 @@ struct MachineDisk {
     std::shared_ptr<Disk> medium;
     bool removable = false;
     Completion completion = Completion::Immediate;  // Stepped counts from the end of the boot to its shutdown
+    // Number of its first volume, so that its volumes keep their names whatever the other disks hold; 0: the
+    // next number that is free. A number that another volume has makes the boot fail.
+    unsigned firstVolume = 0;
 };
 
 struct MachineOptions {
@@ -125,6 +128,9 @@ public:
     // The medium below the power switch, for checks from outside; never null for a number that was given.
     Disk& MediumOf(unsigned number) { return *disks_[number].medium; }
     RegistryFile& Registry() { return *options_.registry; }
+    // Looks again at a volume that is raw: somebody may have made a file system on it. STATUS_DEVICE_BUSY when
+    // one is mounted. The caller sees to it that the boot goes on and that nobody uses this volume's `files`.
+    [[nodiscard]] NTSTATUS MountRaw(unsigned number);
 
     // Raw transfers to the top of a volume's stack, with the file object of `fileName` unless it is empty.
     [[nodiscard]] NTSTATUS Read(unsigned volume, std::uint64_t offset, void* buffer, std::uint32_t length,
@@ -153,6 +159,7 @@ private:
         std::shared_ptr<Disk> medium;
         bool removable = false;
         Completion completion = Completion::Immediate;
+        unsigned firstVolume = 0;
         bool unplugged = false;
         std::unique_ptr<DiskDevice> device;  // null while the power is off
     };
@@ -174,7 +181,8 @@ private:
     [[nodiscard]] NTSTATUS BootDisks(bool removable);
     [[nodiscard]] NTSTATUS StartDisk(unsigned number);
     [[nodiscard]] NTSTATUS StartVolumes(DiskDevice& disk);
-    [[nodiscard]] NTSTATUS StartVolume(DiskDevice& disk, std::uint64_t offset, std::uint64_t length);
+    [[nodiscard]] NTSTATUS StartVolume(DiskDevice& disk, unsigned number, std::uint64_t offset,
+                                       std::uint64_t length);
     void MountVolumes(const std::vector<Volume*>& volumes);
     void Mount(Volume& volume);
     PDRIVER_OBJECT FileSystemDriverOf(const std::u16string& name);

@@ -103,15 +103,16 @@ NTSTATUS Machine::StartVolumes(DiskDevice& disk) {
     for (const std::string& problem : table.problems) {
         DbgPrint("Disk %d: %s\n", static_cast<int>(disk.Number()), problem.c_str());
     }
+    unsigned next = disks_[disk.Number()].firstVolume;
     for (const Partition& partition : table.partitions) {
-        const NTSTATUS status = StartVolume(disk, partition.offset, partition.length);
+        const unsigned number = next != 0 ? next++ : ++boot_->lastVolume;
+        const NTSTATUS status = StartVolume(disk, number, partition.offset, partition.length);
         if (!NT_SUCCESS(status)) return status;
     }
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Machine::StartVolume(DiskDevice& disk, std::uint64_t offset, std::uint64_t length) {
-    const unsigned number = boot_->lastVolume + 1;
+NTSTATUS Machine::StartVolume(DiskDevice& disk, unsigned number, std::uint64_t offset, std::uint64_t length) {
     auto volume = std::make_unique<Volume>();
     volume->addStatus = STATUS_SUCCESS;
     volume->mountStatus = STATUS_UNRECOGNIZED_VOLUME;
@@ -121,7 +122,6 @@ NTSTATUS Machine::StartVolume(DiskDevice& disk, std::uint64_t offset, std::uint6
             VolumeDevice::Create(boot_->volumeDriver, disk, number, offset, length, volume->device);
         if (!NT_SUCCESS(status)) return status;
     }
-    boot_->lastVolume = number;
     const PDEVICE_OBJECT device = volume->device->Device();
     if (boot_->driver != nullptr) volume->addStatus = host::AddDeviceToStack(boot_->driver, device);
     volume->startStatus = host::SendPnp(device, IRP_MN_START_DEVICE);
@@ -150,13 +150,22 @@ void Machine::Mount(Volume& volume) {
     volume.mountStatus = STATUS_SUCCESS;
     const host::FaultPause pause;
     PDEVICE_OBJECT device = nullptr;
-    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(driver.name), 0, nullptr,
-                                           FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
+    const std::u16string ownName = volume.files->DriverName();
+    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(ownName.empty() ? driver.name : ownName), 0,
+                                           nullptr, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
     if (NT_SUCCESS(status)) {
         device->Flags &= ~DO_DEVICE_INITIALIZING;
         volume.device->Vpb()->DeviceObject = device;
     }
     host::MountProvider(volume.device->Device(), volume.files.get());
+}
+
+NTSTATUS Machine::MountRaw(unsigned number) {
+    Volume* volume = VolumeOf(number);
+    if (volume == nullptr) return STATUS_NO_SUCH_DEVICE;
+    if (volume->files != nullptr) return STATUS_DEVICE_BUSY;
+    Mount(*volume);
+    return volume->mountStatus;
 }
 
 PDRIVER_OBJECT Machine::FileSystemDriverOf(const std::u16string& name) {
@@ -169,7 +178,8 @@ NTSTATUS Machine::AddDisk(MachineDisk disk, unsigned& number) {
     const std::unique_lock hold(use_);
     if (!IsOn()) return STATUS_DEVICE_POWERED_OFF;
     number = static_cast<unsigned>(disks_.size());
-    disks_.push_back({std::move(disk.medium), disk.removable, disk.completion, false, nullptr});
+    disks_.push_back(
+        {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr});
     const NTSTATUS status = StartDisk(number);
     if (NT_SUCCESS(status)) MountVolumes(VolumesOn(number));
     BeginStepping(number);

@@ -19,7 +19,7 @@ bool IsSpecial(const NtfsAttribute& data, const VolumeIo& io) {
 }
 
 // False with errno when the runs cannot be read or make no sense; a hole makes the file special.
-bool CopyRuns(const NtfsAttribute& data, NtfsRuns& runs, bool& hole) {
+bool CopyRuns(const NtfsAttribute& data, FileRuns& runs, bool& hole) {
     const ntfs_volume* volume = data->ni->vol;
     runs.Clear();
     hole = false;
@@ -132,13 +132,14 @@ NTSTATUS NtfsFile::Load() {
 }
 
 NTSTATUS NtfsFile::Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length, ULONG& done) {
-    const std::shared_lock shared(content_);
     done = 0;
-    if (disconnected_) return STATUS_DEVICE_NOT_READY;
-    if (length == 0) return STATUS_SUCCESS;
+    NTSTATUS status = Reconnect();
+    if (!NT_SUCCESS(status)) return status;
+    const std::shared_lock shared(content_);
+    status = Connected();
+    if (!NT_SUCCESS(status) || length == 0) return status;
     if (offset >= shape_.size) return STATUS_END_OF_FILE;
     length = static_cast<ULONG>(std::min<std::uint64_t>(length, shape_.size - offset));
-    NTSTATUS status = STATUS_SUCCESS;
     if (shape_.resident || shape_.special) {
         status = ReadByLibrary(file, offset, buffer, length);
     } else {
@@ -152,7 +153,7 @@ NTSTATUS NtfsFile::Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, U
 }
 
 NTSTATUS NtfsFile::ReadByLibrary(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length) {
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     return volume_.Look(file, [&](const NtfsOperation& operation) {
         NtfsInode inode;
         const NTSTATUS status = OpenNtfsInode(operation, reference_, inode);
@@ -174,16 +175,18 @@ NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* bu
     done = 0;
     if (length == 0) return STATUS_SUCCESS;
     const std::uint32_t sector = volume_.Io().SectorSize();
-    NTSTATUS status = STATUS_SUCCESS;
+    NTSTATUS status = Reconnect();
+    if (!NT_SUCCESS(status)) return status;
     bool written = false;
     if (offset % sector == 0 && length % sector == 0) {
         const std::shared_lock shared(content_);
-        written = !disconnected_ && OverwritesInPlace(offset, length);
+        written = NT_SUCCESS(Connected()) && OverwritesInPlace(offset, length);
         if (written) status = shape_.runs.Write(volume_.Io(), file, offset, buffer, length, shape_.initialized);
     }
     if (!written) {
         const std::unique_lock exclusive(content_);
-        if (disconnected_) return STATUS_DEVICE_NOT_READY;
+        status = Connected();
+        if (!NT_SUCCESS(status)) return status;
         if (OverwritesInPlace(offset, length))
             status = shape_.runs.Write(volume_.Io(), file, offset, buffer, length, shape_.initialized);
         else if (shape_.special)
@@ -198,7 +201,7 @@ NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* bu
 }
 
 NTSTATUS NtfsFile::WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     const NTSTATUS status = volume_.Change(CommitOrder::TakeFirst, file, [&](const NtfsOperation& operation) {
         NtfsInode inode;
         const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
@@ -216,7 +219,7 @@ NTSTATUS NtfsFile::WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const
 NTSTATUS NtfsFile::Extend(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
     const Growth growth{file, offset, buffer, length};
     if (offset > static_cast<std::uint64_t>(INT64_MAX) - length) return STATUS_INVALID_PARAMETER;
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     Shape shape;
     const NTSTATUS status =
         volume_.Change(CommitOrder::TakeFirst, volume_.AttributeListObject(),
@@ -268,21 +271,25 @@ NTSTATUS NtfsFile::ExtendWithin(const NtfsOperation& operation, const Growth& gr
 }
 
 NTSTATUS NtfsFile::Truncate(ULONG attributes) {
+    NTSTATUS status = Reconnect();
+    if (!NT_SUCCESS(status)) return status;
     const std::unique_lock exclusive(content_);
-    if (disconnected_) return STATUS_DEVICE_NOT_READY;
-    const NtfsLockGuard guard(volume_.Lock());
-    const NTSTATUS status = volume_.Change(
-        CommitOrder::RemoveFirst, volume_.AttributeListObject(), [&](const NtfsOperation& operation) {
-            NtfsInode inode;
-            const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
-            if (!NT_SUCCESS(opened)) return opened;
-            {
-                const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-                if (!data || ntfs_attr_truncate(data.Get(), 0) != 0) return operation.Failed(errno);
-            }
-            SetNtfsAttributes(inode, attributes);
-            return inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
-        });
+    status = Connected();
+    if (!NT_SUCCESS(status)) return status;
+    const VolumeLockGuard guard(volume_.Lock());
+    status = volume_.Change(CommitOrder::RemoveFirst, volume_.AttributeListObject(),
+                            [&](const NtfsOperation& operation) {
+                                NtfsInode inode;
+                                const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
+                                if (!NT_SUCCESS(opened)) return opened;
+                                {
+                                    const NtfsAttribute data = NtfsAttribute::OpenData(inode);
+                                    if (!data || ntfs_attr_truncate(data.Get(), 0) != 0)
+                                        return operation.Failed(errno);
+                                }
+                                SetNtfsAttributes(inode, attributes);
+                                return inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
+                            });
     if (!NT_SUCCESS(status)) return status;
     touched_.store(true, std::memory_order_relaxed);
     return volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape_); });
@@ -290,7 +297,48 @@ NTSTATUS NtfsFile::Truncate(ULONG attributes) {
 
 void NtfsFile::Disconnect() {
     const std::unique_lock exclusive(content_);
-    disconnected_ = true;
+    connection_ = Connection::Gone;
+}
+
+void NtfsFile::Suspend() {
+    const std::unique_lock exclusive(content_);
+    touched_.store(false, std::memory_order_relaxed);  // what was due was brought up to date before
+    if (connection_ != Connection::Gone) connection_ = Connection::Suspended;
+}
+
+void NtfsFile::Resume() {
+    const std::unique_lock exclusive(content_);
+    if (connection_ == Connection::Suspended) connection_ = Connection::Stale;
+}
+
+NTSTATUS NtfsFile::Connected() const {
+    switch (connection_.load(std::memory_order_relaxed)) {
+        case Connection::Connected:
+            return STATUS_SUCCESS;
+        case Connection::Gone:
+            return STATUS_DEVICE_NOT_READY;
+        default:
+            return STATUS_DEVICE_BUSY;
+    }
+}
+
+// A file whose record is another one's by now is gone for good; what else fails may work the next time.
+NTSTATUS NtfsFile::Reconnect() {
+    if (connection_.load(std::memory_order_relaxed) != Connection::Stale) return STATUS_SUCCESS;
+    const std::unique_lock exclusive(content_);
+    if (connection_ != Connection::Stale) return STATUS_SUCCESS;
+    const VolumeLockGuard guard(volume_.Lock());
+    Shape shape;
+    const NTSTATUS status =
+        volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape); });
+    if (NT_SUCCESS(status)) {
+        shape_ = shape;
+        connection_ = Connection::Connected;
+    } else if (status == STATUS_FILE_CORRUPT_ERROR) {
+        connection_ = Connection::Gone;
+        return STATUS_DEVICE_NOT_READY;
+    }
+    return status;
 }
 
 }  // namespace machine

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <shared_mutex>
-#include "machine/ntfs_runs.h"
+#include "machine/file_runs.h"
 #include "machine/ntfs_volume.h"
 
 namespace machine {
@@ -33,6 +33,10 @@ public:
     [[nodiscard]] NTSTATUS Truncate(ULONG attributes);
     // Waits for transfers under way; every later one is STATUS_DEVICE_NOT_READY.
     void Disconnect();
+    // Waits likewise; every later transfer is STATUS_DEVICE_BUSY until Resume(), after which the next one
+    // learns anew where the file lies.
+    void Suspend();
+    void Resume();
 
     // Whether the directory's copy of the sizes and the times are behind.
     bool Touched() const { return touched_.load(std::memory_order_relaxed); }
@@ -43,9 +47,18 @@ private:
         std::uint64_t size = 0, initialized = 0;  // bytes
         bool resident = false;                    // lies in the record itself
         bool special = false;                     // needs the library for its data
-        NtfsRuns runs;                            // empty if resident or special
+        FileRuns runs;                            // empty if resident or special
     };
     struct Growth;
+
+    enum class Connection {
+        Connected,
+        Suspended,
+        Stale,  // the shape is that of before a suspension
+        Gone,
+    };
+    [[nodiscard]] NTSTATUS Reconnect();
+    [[nodiscard]] NTSTATUS Connected() const;
 
     [[nodiscard]] NTSTATUS LoadShape(const NtfsOperation& operation, Shape& shape) const;
     [[nodiscard]] NTSTATUS ReadByLibrary(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length);
@@ -61,7 +74,7 @@ private:
     std::atomic<bool> touched_ = false;
     // Shared by transfers that leave the shape alone, exclusive for the others. Taken before the volume's lock.
     std::shared_mutex content_;
-    bool disconnected_ = false;
+    std::atomic<Connection> connection_ = Connection::Connected;  // changes under content_ alone
     Shape shape_;
 };
 

@@ -6,7 +6,9 @@ namespace machine {
 
 NTSTATUS NtfsOpenFiles::Find(const NtfsPlace& place, std::shared_ptr<NtfsOpenFile>& file) {
     const auto found = files_.find(RecordOf(place.reference));
-    if (found != files_.end()) {
+    if (found != files_.end() && found->second->file.Reference() != place.reference) {
+        files_.erase(found);  // its record became another file's while somebody else had the volume
+    } else if (found != files_.end()) {
         file = found->second;
         return file->removeName ? STATUS_DELETE_PENDING : STATUS_SUCCESS;
     }
@@ -39,12 +41,31 @@ NTSTATUS NtfsOpenFiles::LastClose(NtfsOpenFile& file) {
                              [&](const NtfsOperation& operation) {
                                  return RemoveNtfsEntry(operation, *file.removeName, reference);
                              });
-    if (file.file.Touched())
-        KVR_DISCARD(volume.Change(
-                        CommitOrder::TakeFirst, volume.DirectoryObject(),
-                        [&](const NtfsOperation& operation) { return RefreshNtfsEntry(operation, reference); }),
-                    "the sizes and times that the directory shows are a convenience");
+    RefreshEntry(file);
     return STATUS_SUCCESS;
+}
+
+void NtfsOpenFiles::RefreshEntry(NtfsOpenFile& file) {
+    if (!file.file.Touched()) return;
+    const std::uint64_t reference = file.file.Reference();
+    KVR_DISCARD(
+        volume.Change(CommitOrder::TakeFirst, volume.DirectoryObject(),
+                      [&](const NtfsOperation& operation) { return RefreshNtfsEntry(operation, reference); }),
+        "the sizes and times that the directory shows are a convenience");
+}
+
+std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::BringUpToDate() {
+    for (const auto& item : files_) {
+        RefreshEntry(*item.second);
+        item.second->removeName.reset();  // what the name will be then, nobody knows
+    }
+    return All();
+}
+
+std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::All() const {
+    std::vector<std::shared_ptr<NtfsOpenFile>> all;
+    for (const auto& item : files_) all.push_back(item.second);
+    return all;
 }
 
 bool NtfsOpenFiles::AnyBelow(std::uint64_t directory) const {
@@ -61,8 +82,7 @@ std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::CloseAll() {
 }
 
 std::vector<std::shared_ptr<NtfsOpenFile>> NtfsOpenFiles::ForgetAll() {
-    std::vector<std::shared_ptr<NtfsOpenFile>> all;
-    for (const auto& item : files_) all.push_back(item.second);
+    std::vector<std::shared_ptr<NtfsOpenFile>> all = All();
     files_.clear();
     return all;
 }

@@ -45,11 +45,16 @@ public:
     // Does for every file what its last close would do; their opens only let go of them afterwards. Returns
     // the files.
     std::vector<std::shared_ptr<NtfsOpenFile>> CloseAll() KVR_REQUIRES(volume.Lock());
-    // The same without changing anything on the volume.
+    // Brings to the volume what the files' last closes would; deletions that are due are called off. Returns
+    // the files, which stay open.
+    std::vector<std::shared_ptr<NtfsOpenFile>> BringUpToDate() KVR_REQUIRES(volume.Lock());
+    std::vector<std::shared_ptr<NtfsOpenFile>> All() const KVR_REQUIRES(volume.Lock());
+    // The same as CloseAll without changing anything on the volume.
     std::vector<std::shared_ptr<NtfsOpenFile>> ForgetAll() KVR_REQUIRES(volume.Lock());
 
 private:
     NTSTATUS LastClose(NtfsOpenFile& file) KVR_REQUIRES(volume.Lock());
+    void RefreshEntry(NtfsOpenFile& file) KVR_REQUIRES(volume.Lock());
 
     std::map<std::uint64_t, std::shared_ptr<NtfsOpenFile>> files_
         KVR_GUARDED_BY(volume.Lock());  // by record number

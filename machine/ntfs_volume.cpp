@@ -1,4 +1,5 @@
 #include "machine/ntfs_volume.h"
+#include <mutex>
 #include "machine/ntfs_library.h"
 #include "machine/ntfs_mirror.h"
 
@@ -69,7 +70,7 @@ NtfsVolume::NtfsVolume(VolumeIo& io) : io_(io), names_(io), cache_(io, names_), 
 }
 
 NtfsVolume::~NtfsVolume() {
-    const NtfsLockGuard guard(lock_);
+    const VolumeLockGuard guard(lock_);
     Close();
 }
 
@@ -107,9 +108,15 @@ void NtfsVolume::Close() {
 
 NTSTATUS NtfsVolume::Begin() {
     if (closed_) return STATUS_DEVICE_NOT_READY;
+    if (suspended_) return STATUS_DEVICE_BUSY;
     if (volume_ == nullptr) return Mount();
     cache_.Discard();
     return STATUS_SUCCESS;
+}
+
+void NtfsVolume::Suspend() {
+    Forget();
+    suspended_ = true;
 }
 
 // The library marks the inode of its table of records dirty when the table grows, and stores it when it sees

@@ -2,6 +2,7 @@
 #include <exception>
 #include <CLI/CLI.hpp>
 #include "tool/demo.h"
+#include "tool/serve_commands.h"
 
 namespace {
 
@@ -21,10 +22,11 @@ void AddDemo(CLI::App& app, tool::DemoOptions& options) {
 }
 
 int Run(int argc, char** argv) {
-    CLI::App app("A hosted computer for the Kvr volume filter driver.", "kvrhost");
+    CLI::App app("Hosted computers for the Kvr volume filter driver.", "kvrhost");
     app.require_subcommand(0, 1);
     tool::DemoOptions demo;
     AddDemo(app, demo);
+    tool::ServeCommands serve(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
@@ -39,7 +41,8 @@ int Run(int argc, char** argv) {
         std::fputs("kvrhost: which command? (see kvrhost --help)\n", stderr);
         return tool::kExitError;
     }
-    return tool::RunDemo(demo);
+    int exitCode = 0;
+    return serve.Run(exitCode) ? exitCode : tool::RunDemo(demo);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ DRIVER = ("swap", "redirect", "config", "driver", "control")
 DRIVER_PLATFORM = {"platform/kernel.h", "platform/owners.h", "platform/assert.h", "platform/checked_list.h"}
 FREESTANDING = {"atomic", "cstdarg", "cstddef", "cstdint", "new", "type_traits", "utility", "span", "bit", "limits"}
 PUBLIC = "control/kvr_ioctl.h"
+WIRE = "tool/control_wire.h"
 INCLUDE = re.compile(r'^\s*#\s*include\s+([<"])([^>"]+)[>"]')
 
 
@@ -22,12 +23,16 @@ def complaint(path: pathlib.PurePosixPath, bracket: str, target: str) -> str | N
         if top == "platform":
             return None if target in DRIVER_PLATFORM else "the driver sees a kernel through platform/kernel.h alone"
         return None if top in DRIVER else "the driver includes what stands above or beside it"
-    if bracket == '"' and room == "platform" and top in DRIVER + ("machine", "tool", "tests") and target != PUBLIC:
+    if bracket == '"' and room == "platform" and top in DRIVER + ("machine", "nbd", "tool", "tests") and target != PUBLIC:
         if path.name != "layout_check.cpp":
             return "platform/ includes nothing of what stands on it"
     if bracket == '"' and room == "machine" and top in DRIVER and target != PUBLIC:
         return "the machine knows the driver by its entry point and its public interface"
-    if bracket == '"' and room == "tool" and top in DRIVER and target != PUBLIC:
+    if bracket == '"' and room == "machine" and top in ("nbd", "tool"):
+        return "the machine includes nothing of what stands on it"
+    if bracket == '"' and room == "nbd" and top == "tool" and target != WIRE:
+        return "the server and the tools share the control socket's layout, nothing else"
+    if bracket == '"' and room in ("tool", "nbd") and top in DRIVER and target != PUBLIC:
         return "tools know the driver by its public interface"
     return None
 

@@ -1,0 +1,124 @@
+#include "nbd/folder_maker.h"
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include "machine/formatter.h"
+#include "machine/guest_volume.h"
+#include "machine/image_disk.h"
+#include "nbd/errors.h"
+#include "nbd/image_check.h"
+
+namespace nbd {
+namespace {
+
+constexpr std::uint64_t kSystemDiskBytes = 64 * 1024 * 1024;
+constexpr char kOwnDisk[] = "disk0.img";
+
+// Removes what was made unless it is kept.
+class Draft {
+public:
+    explicit Draft(const std::string& path) : path_(path), existed_(std::filesystem::exists(path)) {
+        std::error_code error;
+        if (existed_ &&
+            (!std::filesystem::is_directory(path, error) || !std::filesystem::is_empty(path, error)))
+            throw Error(path + " exists and is no empty folder");
+        std::filesystem::create_directories(path, error);
+        if (error) throw Error("cannot make the folder " + path + ": " + error.message());
+        if (!existed_) std::filesystem::permissions(path, std::filesystem::perms::owner_all, error);
+    }
+    ~Draft() {
+        std::error_code ignored;
+        if (path_.empty()) return;
+        for (const auto& entry : std::filesystem::directory_iterator(path_, ignored))
+            std::filesystem::remove_all(entry.path(), ignored);
+        if (!existed_) std::filesystem::remove(path_, ignored);
+    }
+    Draft(const Draft&) = delete;
+    Draft& operator=(const Draft&) = delete;
+    void Keep() { path_.clear(); }
+
+private:
+    std::string path_;
+    const bool existed_;
+};
+
+void RequireDone(NTSTATUS status, const std::string& what) {
+    if (!NT_SUCCESS(status)) throw Error(what + ": " + Hex(status));
+}
+
+void MakeSystemFolders(machine::Machine& computer) {
+    machine::NtfsFileSystem* files = machine::NtfsOn(computer, 1);
+    if (files == nullptr) throw Error("the new system disk cannot be mounted");
+    for (const char16_t* folder : {u"\\Windows", u"\\Windows\\system32", u"\\Windows\\system32\\drivers"})
+        RequireDone(files->MakeDirectory(folder), "the system disk's folders cannot be made");
+}
+
+// A boot without the driver and with nothing but that disk.
+void PrepareSystemDisk(const std::string& path) {
+    std::string error;
+    machine::MachineOptions options;
+    options.disks.push_back({.medium = machine::ImageDisk::Open(path, 512, error)});
+    if (options.disks[0].medium == nullptr) throw Error(error);
+    options.fileSystem = [](const machine::VolumeDevice&) {
+        machine::FileSystemDriver driver;
+        driver.mount = machine::NtfsFactory();
+        return driver;
+    };
+    machine::Machine computer(std::move(options));
+    RequireDone(computer.PowerOn(), "the system disk cannot be used");
+    MakeSystemFolders(computer);
+    const machine::ShutdownReport report = computer.Shutdown();
+    RequireDone(report.dismount, "the system disk cannot be written");
+}
+
+void MakeSystemDisk(const MachineFolder& folder) {
+    machine::NewDisk disk;
+    disk.path = folder.File(kSystemImage);
+    disk.size = kSystemDiskBytes;
+    disk.table = machine::TableKind::Mbr;
+    disk.volumes.push_back({.label = "KvrSystem"});
+    std::string error;
+    if (!machine::CreateDisk(disk, error)) throw Error(error);
+    PrepareSystemDisk(disk.path);
+}
+
+FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
+    if (machine.volumes == 0) throw Error("a disk needs a volume");
+    if (machine.size < kLeastDisk || machine.size % 4096 != 0)
+        throw Error("a disk of " + std::to_string(machine.size) +
+                    " bytes cannot be made; give at least 1 MiB, in whole blocks of 4096 bytes");
+    machine::NewDisk disk;
+    disk.path = folder.File(kOwnDisk);
+    disk.size = machine.size;
+    disk.table = machine.layout;
+    machine::NewVolume volume;
+    volume.format = machine.fileSystem != NewFileSystem::None;
+    if (machine.fileSystem == NewFileSystem::Ext4) volume.fileSystem = machine::VolumeFormat::Ext4;
+    disk.volumes.assign(machine.volumes, volume);
+    std::string error;
+    if (!machine::CreateDisk(disk, error)) throw Error(error);
+    return {kOwnDisk, 512};
+}
+
+}  // namespace
+
+void MakeMachine(const NewMachine& machine) {
+    MachineFolder folder;
+    for (const std::string& image : machine.images) {
+        folder.disks.push_back(CheckImage(image));
+        const auto same = [&](const FolderDisk& disk) { return disk.path == folder.disks.back().path; };
+        if (std::count_if(folder.disks.begin(), folder.disks.end(), same) != 1)
+            throw Error("disk image " + image + " is named twice");
+    }
+    if (folder.disks.size() > kMostDisks)
+        throw Error("a machine has at most " + std::to_string(kMostDisks) + " disks");
+    Draft draft(machine.path);
+    folder.path = std::filesystem::absolute(machine.path).string();
+    MakeSystemDisk(folder);
+    if (folder.disks.empty()) folder.disks.push_back(MakeOwnDisk(machine, folder));
+    folder.Write();
+    draft.Keep();
+}
+
+}  // namespace nbd

@@ -1,0 +1,75 @@
+#include "nbd/machine_folder.h"
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+namespace nbd {
+namespace {
+
+constexpr char kHead[] = "# The disks of a hosted machine: disk SECTOR-BYTES PATH";
+
+FolderDisk ParseDisk(const std::string& line, const std::string& where) {
+    std::istringstream words(line);
+    std::string kind;
+    FolderDisk disk;
+    words >> kind >> disk.sectorBytes >> std::ws;
+    std::getline(words, disk.path);
+    const bool sound =
+        kind == "disk" && !disk.path.empty() && (disk.sectorBytes == 512 || disk.sectorBytes == 4096);
+    if (!sound) throw Error(where + ": \"" + line + "\" is no line of the form \"disk SECTOR-BYTES PATH\"");
+    return disk;
+}
+
+}  // namespace
+
+MachineFolder MachineFolder::Read(const std::string& path) {
+    MachineFolder folder;
+    char* absolute = realpath(path.c_str(), nullptr);
+    if (absolute == nullptr) throw Error("there is no machine in " + path + ": " + std::strerror(errno));
+    folder.path = absolute;
+    std::free(absolute);
+    std::ifstream text(folder.File(kMachineFile));
+    if (!text) throw Error("there is no machine in " + path + ": it has no file \"" + kMachineFile + "\"");
+    std::string line;
+    for (int number = 1; std::getline(text, line); ++number) {
+        if (line.empty() || line[0] == '#') continue;
+        folder.disks.push_back(ParseDisk(line, folder.File(kMachineFile) + " line " + std::to_string(number)));
+    }
+    if (folder.disks.empty()) throw Error(folder.File(kMachineFile) + " names no disk");
+    if (folder.disks.size() > kMostDisks)
+        throw Error(folder.File(kMachineFile) + " names more than " + std::to_string(kMostDisks) + " disks");
+    return folder;
+}
+
+void MachineFolder::Write() const {
+    std::ofstream text(File(kMachineFile));
+    text << kHead << '\n';
+    for (const FolderDisk& disk : disks) text << "disk " << disk.sectorBytes << ' ' << disk.path << '\n';
+    text.close();
+    if (!text) throw Error("cannot write " + File(kMachineFile) + ": " + std::strerror(errno));
+}
+
+std::string MachineFolder::DiskPath(const FolderDisk& disk) const {
+    return disk.path.starts_with('/') ? disk.path : path + "/" + disk.path;
+}
+
+FolderLock::FolderLock(const MachineFolder& folder)
+    : file_(open(folder.File(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    if (file_ < 0) throw Error("cannot open " + folder.File(kLockFile) + ": " + std::strerror(errno));
+    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
+    const int error = errno;
+    close(file_);
+    if (error == EWOULDBLOCK) throw Error("the machine in " + folder.path + " is being served already");
+    throw Error("cannot lock " + folder.File(kLockFile) + ": " + std::strerror(error));
+}
+
+FolderLock::~FolderLock() {
+    if (file_ >= 0) close(file_);
+}
+
+}  // namespace nbd

@@ -1,0 +1,62 @@
+// The folder of a hosted machine on the host:
+//
+//   machine       its disks, a text that a person can read: one line "disk SECTOR-BYTES PATH" for each
+//   disk0.img     a disk of its own; disks that were taken in place lie elsewhere
+//   system.img    the system disk: small, holds the configuration, is served to nobody
+//   registry      the registry's flushed values
+//   log           what the server and the driver said
+//   lock          locked by the server that has the machine powered on
+//   nbd.sock, control.sock   the sockets of a running server
+#pragma once
+#include <cstdint>
+#include <string>
+#include <vector>
+#include "nbd/error.h"
+
+namespace nbd {
+
+struct FolderDisk {
+    std::string path;  // absolute, or relative to the folder
+    std::uint32_t sectorBytes = 512;
+};
+
+struct MachineFolder {
+    std::string path;
+    std::vector<FolderDisk> disks;
+
+    // Reads the folder's text; the path is made absolute. Throws Error.
+    static MachineFolder Read(const std::string& path);
+    // Writes the text of a folder that has none yet. Throws Error.
+    void Write() const;
+
+    std::string File(const char* name) const { return path + "/" + name; }
+    std::string DiskPath(const FolderDisk& disk) const;
+};
+
+inline constexpr char kMachineFile[] = "machine";
+inline constexpr char kRegistryFile[] = "registry";
+inline constexpr char kSystemImage[] = "system.img";
+inline constexpr char kLogFile[] = "log";
+inline constexpr char kLockFile[] = "lock";
+inline constexpr char kNbdSocket[] = "nbd.sock";
+inline constexpr std::size_t kMostDisks = 7;  // with as many volumes as a table holds, all have lower numbers
+inline constexpr unsigned kSystemVolume = 1000;
+
+// The right to have the machine powered on. It ends with the process at the latest, however that ends.
+class FolderLock {
+public:
+    // Throws Error when another process has it.
+    explicit FolderLock(const MachineFolder& folder);
+    // Takes over a descriptor that holds it already, from the process that started this one.
+    explicit FolderLock(int descriptor) : file_(descriptor) {}
+    ~FolderLock();
+    FolderLock(FolderLock&& other) noexcept : file_(other.file_) { other.file_ = -1; }
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+    int Descriptor() const { return file_; }
+
+private:
+    int file_;
+};
+
+}  // namespace nbd

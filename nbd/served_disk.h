@@ -1,0 +1,49 @@
+// A disk of the machine as clients see it: one range of bytes, each request cut at the volumes' boundaries and
+// its parts sent to the stacks that they belong to.
+#pragma once
+#include <memory>
+#include "machine/machine.h"
+#include "nbd/byte_access.h"
+#include "nbd/disk_map.h"
+
+namespace nbd {
+
+class ServedDisk final : private SectorTarget {
+public:
+    ServedDisk(std::shared_ptr<machine::Disk> medium, unsigned number);
+
+    // A boot begins: learns the volumes and stacks that it made. Until EndBoot() any number of threads may
+    // transfer; the machine's boot must last as long. A partition table that a client rewrites meanwhile holds
+    // from the next boot on.
+    void BeginBoot(machine::Machine& machine);
+    void EndBoot() { machine_ = nullptr; }
+
+    std::uint64_t Size() const { return medium_->Size(); }
+    std::uint32_t SectorBytes() const { return medium_->SectorSize(); }
+    const DiskMap& Map() const { return map_; }
+    const std::shared_ptr<machine::Disk>& Medium() const { return medium_; }
+
+    // Byte ranges inside the disk, of any alignment.
+    [[nodiscard]] NTSTATUS ReadBytes(std::uint64_t offset, void* buffer, std::uint64_t length);
+    [[nodiscard]] NTSTATUS WriteBytes(std::uint64_t offset, const void* buffer, std::uint64_t length);
+    [[nodiscard]] NTSTATUS ZeroBytes(std::uint64_t offset, std::uint64_t length);
+    // Every volume's stack, then the disk's: the image has what was written when it returns.
+    [[nodiscard]] NTSTATUS Flush();
+
+private:
+    NTSTATUS Read(std::uint64_t offset, void* buffer, std::uint64_t length) override;
+    NTSTATUS Write(std::uint64_t offset, const void* buffer, std::uint64_t length) override;
+    [[nodiscard]] NTSTATUS Transfer(UCHAR major, std::uint64_t offset, std::uint8_t* buffer,
+                                    std::uint64_t length);
+    [[nodiscard]] NTSTATUS SendPiece(UCHAR major, const Piece& piece, std::uint8_t* buffer);
+    [[nodiscard]] NTSTATUS SendToDisk(UCHAR major, std::uint64_t offset, void* buffer, std::uint64_t length);
+
+    const std::shared_ptr<machine::Disk> medium_;
+    const unsigned number_;
+    ByteAccess bytes_;
+    machine::Machine* machine_ = nullptr;  // null between boots
+    PDEVICE_OBJECT top_ = nullptr;         // of the disk's own stack
+    DiskMap map_;
+};
+
+}  // namespace nbd

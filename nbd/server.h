@@ -1,0 +1,134 @@
+// A powered-on machine and those who use it: network block device clients and control tools.
+//
+// A client works below the file systems that the machine itself has mounted. While one is connected to a
+// volume, through the volume's export or its disk's, the machine's own file system there stands back (nothing
+// is cached, nothing written), and what would need it is refused with a line that says who is connected.
+//
+// A reboot takes place under the clients' feet: their requests wait for its end.
+#pragma once
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+#include "machine/machine.h"
+#include "nbd/clients.h"
+#include "nbd/fair_lock.h"
+#include "nbd/log.h"
+#include "nbd/machine_folder.h"
+#include "nbd/served_disk.h"
+#include "tool/control_wire.h"
+
+namespace nbd {
+
+class Server {
+public:
+    // Opens what the folder names and changes nothing yet; the lock stays with the server. Throws Error.
+    Server(MachineFolder folder, FolderLock lock);
+    ~Server();  // stops
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // Powers on. A process that serves may fork before it but not after. Throws Error.
+    void Start();
+    // Shuts down in order; every request from then on fails. Does nothing when the machine is off.
+    void Stop();
+    // False with a sentence in `why` when the machine did not come up again; it is off then.
+    bool Reboot(std::string& why);
+
+    const MachineFolder& Folder() const { return folder_; }
+    nbd::Log& Log() { return log_; }
+
+    // ---- clients ---------------------------------------------------------------------------------------
+    struct ExportLine {
+        std::string name;
+        std::string description;
+    };
+    std::vector<ExportLine> Exports();
+    // What a client's connection stands for from Connect to Disconnect.
+    struct Connection {
+        Export target;
+        ServedDisk* disk = nullptr;
+        std::uint64_t size = 0;  // bytes, as the client was told
+        Clients::Place client;
+    };
+    // Throws Error when there is no such export or the volume cannot be had now.
+    std::unique_ptr<Connection> Connect(const Export& target, const std::string& who);
+    void Disconnect(std::unique_ptr<Connection> connection);
+
+    enum class Action { Read, Write, Zero, Flush };
+    // A byte range of the connection's export, inside the size that the client was told; a buffer for Read and
+    // Write. Any number of threads may call at once.
+    [[nodiscard]] NTSTATUS Transfer(const Connection& connection, Action action, std::uint64_t offset,
+                                    std::uint64_t length, void* buffer);
+
+    // ---- control tools ---------------------------------------------------------------------------------
+    // A handle to the driver's control device is a number; a reboot closes it. At most one is open.
+    using Handle = std::uint64_t;
+    [[nodiscard]] NTSTATUS OpenControl(ACCESS_MASK access, Handle& handle);
+    void CloseControl(Handle handle);
+    struct ControlCall {
+        std::uint32_t code;
+        std::vector<std::uint8_t> input;
+        std::vector<std::uint8_t> output;  // in: the room that there is; out: the answer
+        std::string text;                  // why the machine itself refused
+    };
+    [[nodiscard]] NTSTATUS Control(Handle handle, ControlCall& call);
+    [[nodiscard]] NTSTATUS Facts(const std::u16string& volume, tool::wire::VolumeFacts& facts,
+                                 std::string& clients);
+    // As the disk below the driver holds them.
+    [[nodiscard]] NTSTATUS ReadSectors(const std::u16string& volume, std::uint64_t offset,
+                                       std::vector<std::uint8_t>& bytes);
+    [[nodiscard]] NTSTATUS ReadRegistry(const std::u16string& key, const std::u16string& name,
+                                        std::vector<std::uint8_t>& data);
+    std::string About();
+
+private:
+    // server_boot.cpp
+    void OpenDisks();
+    void PowerOn();
+    void PowerOff();
+    void WriteBootLog();
+    void Settle();
+    void SaveRegistryNowAndThen();
+
+    // server_clients.cpp
+    ServedDisk* DiskOf(const Export& target, std::uint64_t& offset, std::uint64_t& size);
+    void LendVolumes(const Export& target);
+    void TakeBackVolumes(const Export& target);
+    std::vector<machine::Volume*> VolumesOf(const Export& target);
+    bool IsMakingStorage(const Export& target);
+
+    // server_control.cpp
+    [[nodiscard]] NTSTATUS CheckNobodyUses(const ControlCall& call, std::string& text, unsigned& volume);
+    [[nodiscard]] NTSTATUS Send(ControlCall& call);
+    void CloseHandle();
+
+    const MachineFolder folder_;
+    FolderLock lock_;
+    nbd::Log log_;
+    std::shared_ptr<machine::RegistryFile> registry_;
+    std::vector<std::unique_ptr<ServedDisk>> disks_;
+    std::unique_ptr<machine::Machine> machine_;
+    unsigned boots_ = 0;
+
+    // Shared by whoever uses the boot, alone for what begins or ends one. Before clientsLock_.
+    FairLock boot_;
+    bool on_ = false;  // guarded by boot_
+
+    std::mutex clientsLock_;  // guards what follows, and every volume's `files`
+    Clients clients_;
+    PFILE_OBJECT control_ = nullptr;  // the one handle that is open
+    Handle handle_ = 0;
+    Handle lastHandle_ = 0;
+    unsigned storageVolume_ = 0;  // where storage was last asked for in this boot
+
+    std::mutex stopLock_;  // held by whoever stops the server; before all others
+    std::mutex savingLock_;
+    std::condition_variable savingEnds_;
+    bool saving_ = false;  // guarded by savingLock_
+    std::thread saver_;
+};
+
+}  // namespace nbd

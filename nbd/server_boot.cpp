@@ -1,0 +1,189 @@
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <unistd.h>
+#include <utility>
+#include "clock.h"
+#include "debug_sink.h"
+#include "machine/any_file_system.h"
+#include "machine/guest_volume.h"
+#include "machine/image_disk.h"
+#include "nbd/errors.h"
+#include "nbd/server.h"
+#include "thread.h"
+#include "verifier.h"
+
+namespace nbd {
+namespace {
+
+constexpr std::chrono::seconds kLongestSettling{20};
+// As often as the platform writes its registry back.
+constexpr std::chrono::seconds kRegistryPeriod{5};
+constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
+
+nbd::Log* gViolationLog = nullptr;
+
+// A driver that breaks a rule of its kernel brings the machine down, as on the platform: for the disks it is a
+// power cut.
+void LogViolation(const char* rule, const char* text) {
+    gViolationLog->Line(std::string("kernel: stops: ") + rule + ": " + text);
+    std::abort();
+}
+
+std::shared_ptr<machine::Disk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
+    std::string error;
+    std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(path, sectorBytes, error);
+    if (disk == nullptr) throw Error(error);
+    return disk;
+}
+
+// The host's time zone is the machine's.
+void TakeTimeZone() {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    localtime_r(&now, &local);
+    host::SetTimeZoneBias(static_cast<LONG>(-local.tm_gmtoff / 60));
+}
+
+}  // namespace
+
+Server::Server(MachineFolder folder, FolderLock lock) : folder_(std::move(folder)), lock_(std::move(lock)) {
+    std::string error;
+    registry_ = machine::RegistryFile::Open(folder_.File(kRegistryFile), error);
+    if (registry_ == nullptr) throw Error(error);
+    OpenDisks();
+}
+
+Server::~Server() {
+    Stop();
+    host::FollowDebug(nullptr, nullptr);
+    host::SetViolationHandler(nullptr);
+    log_.Line("server: ends");
+}
+
+void Server::OpenDisks() {
+    machine::MachineOptions options;
+    options.driver = DriverEntry;
+    options.registry = registry_;
+    options.systemVolume = kSystemVolume;
+    options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
+    for (const FolderDisk& disk : folder_.disks) {
+        const auto medium = OpenImage(folder_.DiskPath(disk), disk.sectorBytes);
+        disks_.push_back(std::make_unique<ServedDisk>(medium, static_cast<unsigned>(disks_.size())));
+        options.disks.push_back({.medium = medium});
+    }
+    options.disks.push_back(
+        {.medium = OpenImage(folder_.File(kSystemImage), 512), .firstVolume = kSystemVolume});
+    machine_ = std::make_unique<machine::Machine>(std::move(options));
+}
+
+void Server::Start() {
+    log_.Open(folder_.File(kLogFile));
+    log_.Line("server: starts in " + folder_.path + ", process " + std::to_string(getpid()));
+    host::FollowDebug(
+        [](void* log, const char* line) { static_cast<nbd::Log*>(log)->Line(std::string("driver: ") + line); },
+        &log_);
+    gViolationLog = &log_;
+    host::SetViolationHandler(LogViolation);
+    {
+        const std::lock_guard alone(boot_);
+        PowerOn();
+    }
+    saving_ = true;
+    saver_ = std::thread([this] { SaveRegistryNowAndThen(); });
+}
+
+void Server::PowerOn() {
+    TakeTimeZone();
+    const NTSTATUS status = machine_->PowerOn();
+    if (!NT_SUCCESS(status) || !NT_SUCCESS(machine_->DriverStatus())) {
+        const bool driver = NT_SUCCESS(status);
+        const std::string why = driver ? "the driver does not load: " + Hex(machine_->DriverStatus())
+                                       : "the machine does not start: " + Hex(status);
+        machine_->PowerCut();
+        log_.Line("server: " + why);
+        throw Error(why);
+    }
+    WriteBootLog();
+    Settle();
+    for (const auto& disk : disks_) disk->BeginBoot(*machine_);
+    on_ = true;
+    ++boots_;
+    log_.Line("server: boot " + std::to_string(boots_) + " is up");
+}
+
+// The first write to the system volume is the driver's occasion to note in the configuration that what was
+// asked for one boot is done.
+void Server::WriteBootLog() {
+    machine::NtfsFileSystem* files = machine::NtfsOn(*machine_, kSystemVolume);
+    NTSTATUS status = STATUS_UNRECOGNIZED_VOLUME;
+    if (files != nullptr) {
+        const std::string line = "boot " + std::to_string(std::time(nullptr)) + "\r\n";
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
+        status = machine::GuestFiles(*files).WriteFile(kBootLog, {bytes, line.size()});
+    }
+    if (!NT_SUCCESS(status)) log_.Line("server: the system disk cannot be written: " + Hex(status));
+}
+
+// What the driver holds open of a volume is opened before a client may have it.
+void Server::Settle() {
+    const auto end = std::chrono::steady_clock::now() + kLongestSettling;
+    while (host::RunningSystemThreads() != 0 && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+void Server::PowerOff() {
+    on_ = false;
+    for (const auto& disk : disks_) disk->EndBoot();
+    CloseHandle();
+    const machine::ShutdownReport report = machine_->Shutdown();
+    if (!NT_SUCCESS(report.dismount))
+        log_.Line("server: a volume's last flush failed: " + Hex(report.dismount));
+    if (!NT_SUCCESS(report.registry)) log_.Line("server: the registry is not saved: " + Hex(report.registry));
+    storageVolume_ = 0;
+    log_.Line("server: boot " + std::to_string(boots_) + " has shut down");
+}
+
+void Server::Stop() {
+    const std::lock_guard stopping(stopLock_);
+    {
+        const std::lock_guard hold(savingLock_);
+        saving_ = false;
+        savingEnds_.notify_all();
+    }
+    if (saver_.joinable()) saver_.join();
+    const std::lock_guard alone(boot_);
+    if (!on_) return;
+    PowerOff();
+}
+
+bool Server::Reboot(std::string& why) {
+    const std::lock_guard alone(boot_);
+    if (!on_) {
+        why = "the machine is off";
+        return false;
+    }
+    PowerOff();
+    try {
+        PowerOn();
+    } catch (const Error& error) {
+        why = error.what();
+        return false;
+    }
+    const std::lock_guard hold(clientsLock_);
+    for (machine::Volume* volume : machine_->Volumes()) {
+        const bool used = clients_.CountOn(volume->device->Number(), volume->device->DiskNumber()) != 0;
+        if (used && volume->files != nullptr) volume->files->Suspend();
+    }
+    return true;
+}
+
+void Server::SaveRegistryNowAndThen() {
+    std::unique_lock hold(savingLock_);
+    while (!savingEnds_.wait_for(hold, kRegistryPeriod, [this] { return !saving_; })) {
+        const NTSTATUS status = registry_->Flush();
+        if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + Hex(status));
+    }
+}
+
+}  // namespace nbd

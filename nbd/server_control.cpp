@@ -1,0 +1,162 @@
+#include <algorithm>
+#include <cstring>
+#include <shared_mutex>
+#include <unistd.h>
+#include "control/kvr_ioctl.h"
+#include "machine/ext_file_system.h"
+#include "machine/names.h"
+#include "machine/ntfs_file_system.h"
+#include "nbd/server.h"
+#include "registry_store.h"
+#include "user_mode.h"
+
+namespace nbd {
+namespace {
+
+constexpr std::u16string_view kControlDevice = u"\\DosDevices\\kvr";
+
+bool NeedsTheFileSystem(std::uint32_t code) {
+    return code == IOCTL_KVR_ALLOCATE_SWAP || code == IOCTL_KVR_REMOVE_SWAP;
+}
+
+std::u16string VolumeIn(const std::vector<std::uint8_t>& input) {
+    std::u16string name(KVR_NAME_CHARS, u'\0');
+    std::memcpy(name.data(), input.data(), std::min(input.size(), name.size() * sizeof(char16_t)));
+    return name.substr(0, name.find(u'\0'));
+}
+
+std::string ShortName(const machine::Volume& volume) {
+    return "HarddiskVolume" + std::to_string(volume.device->Number());
+}
+
+tool::wire::FileSystemKind KindOf(machine::FileSystem* files) {
+    using tool::wire::FileSystemKind;
+    if (files == nullptr) return FileSystemKind::None;
+    if (dynamic_cast<machine::NtfsFileSystem*>(files) != nullptr) return FileSystemKind::Ntfs;
+    return dynamic_cast<machine::ExtFileSystem*>(files) != nullptr ? FileSystemKind::Ext
+                                                                   : FileSystemKind::Other;
+}
+
+std::uint64_t FreeBytesOf(machine::FileSystem* files) {
+    std::uint64_t bytes = 0;
+    auto* guest = dynamic_cast<machine::GuestFileSystem*>(files);
+    return guest != nullptr && NT_SUCCESS(guest->FreeSpace(bytes)) ? bytes : tool::wire::kUnknown;
+}
+
+}  // namespace
+
+NTSTATUS Server::OpenControl(ACCESS_MASK access, Handle& handle) {
+    const std::shared_lock hold(boot_);
+    if (!on_) return STATUS_DEVICE_POWERED_OFF;
+    const std::lock_guard guard(clientsLock_);
+    PFILE_OBJECT file = nullptr;
+    const NTSTATUS status = host::OpenDevice(kControlDevice, access, file);
+    if (!NT_SUCCESS(status)) return status;
+    control_ = file;
+    handle = handle_ = ++lastHandle_;
+    return STATUS_SUCCESS;
+}
+
+void Server::CloseControl(Handle handle) {
+    const std::shared_lock hold(boot_);
+    const std::lock_guard guard(clientsLock_);
+    if (handle == handle_) CloseHandle();
+}
+
+void Server::CloseHandle() {
+    if (control_ != nullptr) host::CloseDevice(control_);
+    control_ = nullptr;
+    handle_ = 0;
+}
+
+// Success with the volume's number, 0 for a request that needs no file system or a volume that is not known
+// here.
+NTSTATUS Server::CheckNobodyUses(const ControlCall& call, std::string& text, unsigned& volume) {
+    volume = 0;
+    if (!NeedsTheFileSystem(call.code)) return STATUS_SUCCESS;
+    const machine::Volume* named = machine_->VolumeNamed(VolumeIn(call.input));
+    if (named == nullptr) return STATUS_SUCCESS;
+    volume = named->device->Number();
+    const unsigned disk = named->device->DiskNumber();
+    if (clients_.CountOn(volume, disk) == 0) return STATUS_SUCCESS;
+    text = ShortName(*named) + " is in use: " + clients_.DescribeOn(volume, disk);
+    return STATUS_DEVICE_BUSY;
+}
+
+NTSTATUS Server::Send(ControlCall& call) {
+    ULONG returned = 0;
+    const auto sizeOf = [](const std::vector<std::uint8_t>& bytes) { return static_cast<ULONG>(bytes.size()); };
+    const NTSTATUS status = host::DeviceIoControl(
+        control_, call.code, call.input.empty() ? nullptr : call.input.data(), sizeOf(call.input),
+        call.output.empty() ? nullptr : call.output.data(), sizeOf(call.output), returned);
+    call.output.resize(std::min<std::size_t>(returned, call.output.size()));
+    return status;
+}
+
+// Clients come and go while a request that needs no file system is under way; one that needs it keeps them out
+// until the driver has answered, and storage that is still being made then keeps them out by itself.
+NTSTATUS Server::Control(Handle handle, ControlCall& call) {
+    const std::shared_lock hold(boot_);
+    std::unique_lock guard(clientsLock_);
+    unsigned volume = 0;
+    NTSTATUS status = STATUS_INVALID_HANDLE;
+    if (handle != 0 && handle == handle_) status = CheckNobodyUses(call, call.text, volume);
+    if (!NT_SUCCESS(status)) {
+        if (!call.text.empty()) log_.Line("control: refused: " + call.text);
+        call.output.clear();
+        return status;
+    }
+    if (call.code == IOCTL_KVR_ALLOCATE_SWAP) storageVolume_ = volume;
+    if (volume == 0) guard.unlock();
+    return Send(call);
+}
+
+NTSTATUS Server::Facts(const std::u16string& name, tool::wire::VolumeFacts& facts, std::string& clients) {
+    const std::shared_lock hold(boot_);
+    const std::lock_guard guard(clientsLock_);
+    machine::Volume* volume = on_ ? machine_->VolumeNamed(name) : nullptr;
+    if (volume == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
+    const machine::VolumeDevice& device = *volume->device;
+    facts.bytes = device.Length();
+    facts.sectorBytes = device.SectorSize();
+    facts.removable = device.Removable() ? 1 : 0;
+    facts.clients = static_cast<std::uint32_t>(clients_.CountOn(device.Number(), device.DiskNumber()));
+    facts.fileSystem = KindOf(volume->files.get());
+    facts.freeBytes = facts.clients == 0 ? FreeBytesOf(volume->files.get()) : tool::wire::kUnknown;
+    facts.disk = device.DiskNumber();
+    facts.system = device.Number() == kSystemVolume ? 1 : 0;
+    facts.diskOffset = device.Offset();
+    clients = clients_.DescribeOn(device.Number(), device.DiskNumber());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Server::ReadSectors(const std::u16string& name, std::uint64_t offset,
+                             std::vector<std::uint8_t>& bytes) {
+    const std::shared_lock hold(boot_);
+    machine::Volume* volume = on_ ? machine_->VolumeNamed(name) : nullptr;
+    if (volume == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
+    const machine::VolumeDevice& device = *volume->device;
+    const std::uint32_t sector = device.SectorSize();
+    const bool inside = offset % sector == 0 && bytes.size() % sector == 0 && offset <= device.Length() &&
+                        bytes.size() <= device.Length() - offset;
+    if (!inside) return STATUS_INVALID_PARAMETER;
+    return machine_->MediumOf(device.DiskNumber()).Read(device.Offset() + offset, bytes.data(), bytes.size());
+}
+
+NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& name,
+                              std::vector<std::uint8_t>& data) {
+    host::RegistryValue value;
+    const NTSTATUS status = registry_->Query(key, name, value);
+    if (NT_SUCCESS(status)) data.assign(value.data.begin(), value.data.end());
+    return status;
+}
+
+std::string Server::About() {
+    const std::shared_lock hold(boot_);
+    const std::lock_guard guard(clientsLock_);
+    return "on=" + std::to_string(on_ ? 1 : 0) + " pid=" + std::to_string(getpid()) +
+           " boots=" + std::to_string(boots_) + " disks=" + std::to_string(disks_.size()) +
+           " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
+}
+
+}  // namespace nbd

@@ -1,0 +1,24 @@
+// Starting and stopping the server of a machine's folder, and talking to it.
+#pragma once
+#include <string>
+#include <vector>
+
+namespace tool {
+
+struct ServeOptions {
+    std::string folder;
+    bool background = false;           // return when the server is ready
+    std::vector<std::string> further;  // arguments for nbdkit
+};
+
+// Each returns an exit code, 0 for success, and throws nbd::Error or tool::Error with a sentence for the user.
+// Serves until the server ends: nbdkit with the plugin on the folder's socket, with lines to paste once it is
+// ready.
+int Serve(const ServeOptions& options);
+int Reboot(const std::string& folder);
+// Returns when the server is gone and the machine off.
+int Stop(const std::string& folder);
+// Prints the log; `follow`: and what is added to it, until interrupted.
+int ShowLog(const std::string& folder, bool follow);
+
+}  // namespace tool
