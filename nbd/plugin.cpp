@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include "nbd/control_server.h"
+#include "nbd/end_watch.h"
 #include "nbd/errors.h"
 #include "nbd/server.h"
 
@@ -27,6 +28,7 @@ using nbd::Server;
 std::string gFolder;
 int gLock = -1;
 std::unique_ptr<Server> gServer;
+std::unique_ptr<nbd::EndWatch> gEnd;
 std::unique_ptr<nbd::ControlServer> gControl;
 
 // Runs `body`, which may throw; false with the reason told to nbdkit.
@@ -76,11 +78,29 @@ int GetReady() {
     return ready ? 0 : -1;
 }
 
+void RemoveSockets() {
+    unlink(gServer->Folder().File(tool::wire::kSocketName).c_str());
+    if (gLock >= 0) unlink(gServer->Folder().File(nbd::kNbdSocket).c_str());
+}
+
+void End() {
+    gServer->Stop();
+    nbdkit_shutdown();
+}
+
+// The machine is off; what is left is nbdkit's, which waits for a client.
+void GiveUp() {
+    gServer->Log().Line("server: ends with clients connected");
+    RemoveSockets();
+    _exit(0);
+}
+
 // The machine's kernel makes threads, which a fork would lose.
 int AfterFork() {
     const bool started = Guarded([] {
+        gEnd = std::make_unique<nbd::EndWatch>(End, GiveUp);
         gServer->Start();
-        gControl = std::make_unique<nbd::ControlServer>(*gServer, nbdkit_shutdown);
+        gControl = std::make_unique<nbd::ControlServer>(*gServer, [] { gEnd->Ask(); });
     });
     return started ? 0 : -1;
 }
@@ -88,6 +108,8 @@ int AfterFork() {
 // No connection is left when nbdkit comes here.
 void Cleanup() {
     gControl.reset();
+    if (gServer != nullptr) RemoveSockets();
+    gEnd.reset();
     gServer.reset();
 }
 
@@ -123,13 +145,16 @@ Server::Connection& ConnectionOf(void* handle) {
 
 void* Open(int) {
     std::unique_ptr<Server::Connection> connection;
-    const bool open = Guarded([&] {
+    try {
         const std::string name = nbdkit_export_name();
         const std::optional<nbd::Export> target = nbd::Export::Parse(name);
         if (!target) throw nbd::Error("there is no export '" + name + "'");
         connection = gServer->Connect(*target, Peer());
-    });
-    return open ? connection.release() : nullptr;
+    } catch (const std::exception& error) {
+        nbdkit_error("%s", error.what());
+        gServer->Log().Line(std::string("client: refused: ") + error.what());
+    }
+    return connection.release();
 }
 
 void Close(void* handle) {
@@ -156,8 +181,9 @@ std::int64_t GetSize(void* handle) {
     return static_cast<std::int64_t>(ConnectionOf(handle).size);
 }
 
-int BlockSize(void* handle, std::uint32_t* minimum, std::uint32_t* preferred, std::uint32_t* maximum) {
-    *minimum = ConnectionOf(handle).disk->SectorBytes();
+// Clients that are told of a minimum refuse whatever is smaller by themselves; here parts of sectors are served.
+int BlockSize(void*, std::uint32_t* minimum, std::uint32_t* preferred, std::uint32_t* maximum) {
+    *minimum = 1;
     *preferred = 4096;
     *maximum = 32 * 1024 * 1024;
     return 0;

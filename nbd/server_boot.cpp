@@ -1,5 +1,7 @@
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
+#include <unistd.h>
 #include <utility>
 #include "clock.h"
 #include "debug_sink.h"
@@ -9,6 +11,7 @@
 #include "nbd/errors.h"
 #include "nbd/server.h"
 #include "thread.h"
+#include "verifier.h"
 
 namespace nbd {
 namespace {
@@ -17,6 +20,15 @@ constexpr std::chrono::seconds kLongestSettling{20};
 // As often as the platform writes its registry back.
 constexpr std::chrono::seconds kRegistryPeriod{5};
 constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
+
+nbd::Log* gViolationLog = nullptr;
+
+// A driver that breaks a rule of its kernel brings the machine down, as on the platform: for the disks it is a
+// power cut.
+void LogViolation(const char* rule, const char* text) {
+    gViolationLog->Line(std::string("kernel: stops: ") + rule + ": " + text);
+    std::abort();
+}
 
 std::shared_ptr<machine::Disk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
     std::string error;
@@ -51,6 +63,7 @@ Server::Server(MachineFolder folder, FolderLock lock) : folder_(std::move(folder
 Server::~Server() {
     Stop();
     host::FollowDebug(nullptr, nullptr);
+    host::SetViolationHandler(nullptr);
     log_.Line("server: ends");
 }
 
@@ -72,10 +85,12 @@ void Server::OpenDisks() {
 
 void Server::Start() {
     log_.Open(folder_.File(kLogFile));
-    log_.Line("server: starts in " + folder_.path);
+    log_.Line("server: starts in " + folder_.path + ", process " + std::to_string(getpid()));
     host::FollowDebug(
         [](void* log, const char* line) { static_cast<nbd::Log*>(log)->Line(std::string("driver: ") + line); },
         &log_);
+    gViolationLog = &log_;
+    host::SetViolationHandler(LogViolation);
     {
         const std::lock_guard alone(boot_);
         PowerOn();

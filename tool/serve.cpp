@@ -44,10 +44,11 @@ std::string FindPlugin() {
 std::vector<std::string> NbdkitArguments(const MachineFolder& folder, const ServeOptions& options, int lock) {
     std::vector<std::string> arguments = {"nbdkit", "--unix", folder.File(nbd::kNbdSocket)};
     if (!options.background) arguments.push_back("--foreground");
-    arguments.insert(arguments.end(), options.further.begin(), options.further.end());
     arguments.push_back(FindPlugin());
     arguments.push_back("machine=" + folder.path);
     arguments.push_back("lock=" + std::to_string(lock));
+    // Behind the plugin's name: nbdkit takes its options anywhere, but a filter's KEY=VALUE only there.
+    arguments.insert(arguments.end(), options.further.begin(), options.further.end());
     return arguments;
 }
 
