@@ -51,7 +51,8 @@ TEST(ConfigEdit, BuildsACleanText) {
     until.atBoot = AtBoot::Keep;
     until.until = u"203001010000";
     std::u16string text = ProtectVolume({}, kV, {});
-    EXPECT_FALSE(ScanConfig(text).protection);
+    EXPECT_TRUE(ScanConfig(text).Find(kV)->volume.switchWasOn);
+    EXPECT_FALSE(ScanConfig(ProtectVolume(u"[Global]\nProtection=0\n", kV, {})).protection);
     text = SetRemovable(text, {}, 1);
     text = SetRemovable(text, u"\\Device\\R", 2);
     text = SetSwitch(text, true);
@@ -84,7 +85,7 @@ TEST(ConfigEdit, RefusesWhatWouldHaveNoEffect) {
     EXPECT_EQ(true, ScanConfig(SetSwitch(late, true)).Find(kV)->volume.switchWasOn);
     const std::u16string tooLate = u"[FV 1]\nID=\\Device\\V\n[FV 2]\nID=x\n[Global]\nProtection=1\n";
     EXPECT_NE(std::string::npos,
-              refusal([&] { ProtectVolume(tooLate, kV, {}); }).find("line 1: Protection=1 stands below"));
+              refusal([&] { ProtectVolume(tooLate, kV, {}); }).find("line 5: [Global] must stand before"));
     EXPECT_NE(std::string::npos, refusal([&] { MergeOnce(kOwn, kV); }).find("not protected"));
     EXPECT_NE(std::string::npos, refusal([&] { SetRemovable(kOwn, kV, 1); }).find("as a fixed volume"));
     const std::u16string full = u"; " + std::u16string(4060, u'x') + u"\n";
