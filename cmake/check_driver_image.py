@@ -1,16 +1,20 @@
 #!/usr/bin/env python3
 """Gate for the driver's image: what the Windows kernel would refuse, or load and then misuse, fails the build.
 
-usage: check_driver_image.py [--fix-checksum] [--forbid TEXT]... IMAGE
+usage: check_driver_image.py [--fix-checksum] [--forbid TEXT]... --version MAJOR.MINOR.PATCH IMAGE
 
 The linker leaves the checksum empty; --fix-checksum writes the right one first. --forbid names a text that must
-not stand in the image, such as a path of the machine that built it. Exit code 0 when nothing is wrong.
+not stand in the image, such as a path of the machine that built it. --version is the version that the image's
+resource must show. Exit code 0 when nothing is wrong.
 """
 import argparse
 import struct
 import sys
 from pathlib import Path
 
+from pe_version import BadResource, VersionResource
+
+IMAGE_NAME = "kvr64.sys"
 ALLOWED_IMPORTS = {"ntoskrnl.exe"}
 MACHINE_X64 = 0x8664
 MAGIC_PE32_PLUS = 0x20B
@@ -18,7 +22,12 @@ SUBSYSTEM_NATIVE = 1
 FILE_RELOCS_STRIPPED, FILE_DLL = 0x0001, 0x2000
 DLL_DYNAMIC_BASE, DLL_NX_COMPAT = 0x0040, 0x0100
 SECTION_EXECUTE, SECTION_WRITE = 0x20000000, 0x80000000
-EXPORTS, IMPORTS, EXCEPTIONS, RELOCATIONS, TLS, DELAY_IMPORTS = 0, 1, 3, 5, 9, 13
+EXPORTS, IMPORTS, RESOURCES, EXCEPTIONS, RELOCATIONS, TLS, IMPORT_ADDRESSES, DELAY_IMPORTS = 0, 1, 2, 3, 5, 9, 12, 13
+# What the kernel itself reads or fills in; no code may be able to change it.
+CONSTANT_TABLES = {IMPORTS: "import table", IMPORT_ADDRESSES: "import address table", EXCEPTIONS: "unwind data",
+                   RELOCATIONS: "relocations", RESOURCES: "version resource"}
+PAGE = 4096
+FILE_TYPE_DRIVER, FILE_SUBTYPE_SYSTEM = 3, 7
 # Sections in which toolchains put what only a runtime library would run.
 RUNTIME_SECTIONS = (".CRT", ".ctors", ".dtors", ".tls", ".init_array", ".fini_array")
 
@@ -57,6 +66,7 @@ class Image:
             raise BadImage("not an image for x86-64")
         self.timestamp = self.u32(coff + 4)
         self.entry = self.u32(optional + 16)
+        self.section_alignment = self.u32(optional + 32)
         self.checksum_at = optional + 64
         self.subsystem, self.dll_flags = struct.unpack_from("<HH", self.data, optional + 68)
         directories = min(self.u32(optional + 108), 16)
@@ -134,6 +144,33 @@ def section_faults(image):
             yield f"section {section.name} waits for a runtime library that is not there"
         if section.flags & SECTION_EXECUTE and section.flags & SECTION_WRITE:
             yield f"section {section.name} is both writable and executable"
+    if image.section_alignment % PAGE:
+        yield "has sections that share a page: code and data could not be protected from each other"
+    for index, table in CONSTANT_TABLES.items():
+        address, size = image.directories[index]
+        if size and any(s.holds(address) and s.flags & SECTION_WRITE for s in image.sections):
+            yield f"the {table} is writable"
+
+
+def version_faults(image, version):
+    try:
+        resource = VersionResource(image)
+    except BadResource as error:
+        yield str(error)
+        return
+    wanted = (*map(int, version.split(".")), 0)
+    if resource.file_version != wanted or resource.product_version != wanted:
+        yield f"is version {resource.file_version}, product {resource.product_version}, not {wanted}"
+    if (resource.file_type, resource.file_subtype) != (FILE_TYPE_DRIVER, FILE_SUBTYPE_SYSTEM):
+        yield "its version resource does not call it a system driver"
+    for name, text in (("FileVersion", version), ("ProductVersion", version), ("InternalName", IMAGE_NAME),
+                       ("OriginalFilename", IMAGE_NAME), ("ProductName", "Kvr")):
+        if resource.strings.get(name) != text:
+            yield f"its version resource gives {name} as {resource.strings.get(name)!r}, not {text!r}"
+    if not resource.strings.get("FileDescription"):
+        yield "its version resource has no FileDescription"
+    if any(resource.time_stamps):
+        yield "its resources carry a time stamp: the build is not reproducible"
 
 
 def import_faults(image):
@@ -150,10 +187,11 @@ def import_faults(image):
                 yield f"imports {library} {name} by ordinal"
 
 
-def faults(image, forbidden):
+def faults(image, forbidden, version):
     yield from header_faults(image)
     yield from section_faults(image)
     yield from import_faults(image)
+    yield from version_faults(image, version)
     for text in forbidden:
         if text.encode() in image.data or text.encode("utf-16-le") in image.data:
             yield f"contains the text {text!r}"
@@ -167,13 +205,14 @@ def main():
     parser.add_argument("image", type=Path)
     parser.add_argument("--fix-checksum", action="store_true", help="write the right checksum first")
     parser.add_argument("--forbid", action="append", default=[], metavar="TEXT", help="must not stand in the image")
+    parser.add_argument("--version", required=True, help="what the version resource must show")
     options = parser.parse_args()
     try:
         image = Image(bytearray(options.image.read_bytes()))
         if options.fix_checksum:
             struct.pack_into("<I", image.data, image.checksum_at, image.right_checksum())
             options.image.write_bytes(image.data)
-        found = list(faults(image, options.forbid))
+        found = list(faults(image, options.forbid, options.version))
     except (BadImage, OSError) as error:
         found = [str(error)]
     for fault in found:

@@ -12,59 +12,11 @@ if [ $# -ne 1 ]; then
     echo "usage: $0 OUTPUT_DIRECTORY" >&2
     exit 2
 fi
-root=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$1"
 out=$(cd "$1" && pwd)
-cd "$root"
+cd "$(dirname "$0")/.."
+. cmake/windows_image.sh
 
-clang=${KVR_CLANG:-clang++-14}
-lld=${KVR_LLD:-ld.lld-14}
-sysroot=/usr/x86_64-w64-mingw32
-libstdcxx=$(ls -d /usr/lib/gcc/x86_64-w64-mingw32/*-win32/include/c++ 2>/dev/null | tail -n 1)
-if ! command -v "$clang" >/dev/null || ! command -v "$lld" >/dev/null || [ -z "$libstdcxx" ]; then
-    echo "$0: needs clang-14, lld-14, g++-mingw-w64-x86-64-win32 and mingw-w64-x86-64-dev" >&2
-    exit 2
-fi
-
-# Freestanding, and nothing that wants a runtime: the kernel is all there is to link against. A dynamic
-# initialiser would never run, and a frame beyond 2 KiB is too much for a kernel stack shared by a whole device
-# stack. Without asynchronous unwind tables there is no .pdata, and an exception could not cross the code.
-flags=(
-    --target=x86_64-w64-mingw32 -std=c++20 -O2 -ffreestanding -fms-extensions
-    -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector -mno-stack-arg-probe
-    -mno-red-zone -fno-ident -fasynchronous-unwind-tables -ffunction-sections -fdata-sections
-    "-ffile-prefix-map=$root=."
-    -nostdinc -nostdinc++
-    -isystem "$libstdcxx" -isystem "$libstdcxx/x86_64-w64-mingw32"
-    -isystem "$("$clang" -print-resource-dir)/include" -isystem "$sysroot/include" -isystem "$sysroot/include/ddk"
-    -I. -Iplatform/windows
-    -DNTDDI_VERSION=0x06010000 -D_WIN32_WINNT=0x0601 -DWINVER=0x0601
-    -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset
-    -Wall -Wextra -Werror -Werror=global-constructors -Wframe-larger-than=2048
-)
-
-objects="$out/objects"
-mkdir -p "$objects"
 mapfile -t sources < <(find swap redirect config driver control platform/windows -name '*.cpp' | LC_ALL=C sort)
-
-# Waits for one compiler and gives up with it; bash reports a failed one once.
-running=0
-for source in "${sources[@]}"; do
-    if [ "$running" -ge "${KVR_JOBS:-$(nproc)}" ]; then
-        wait -n
-        running=$((running - 1))
-    fi
-    "$clang" "${flags[@]}" -c "$source" -o "$objects/${source//\//_}.o" &
-    running=$((running + 1))
-done
-while [ "$running" -gt 0 ]; do
-    wait -n
-    running=$((running - 1))
-done
-
-# Not a library: a loader would call the entry of one as something else. Relocations stay, the kernel moves drivers.
-linked=("${sources[@]//\//_}")
-(cd "$objects" && "$lld" -m i386pep --subsystem native:6.1 -e DriverEntry --image-base 0x140000000 \
-    --no-insert-timestamp --disable-auto-import --fatal-warnings --gc-sections -s --Xlink=-driver:wdm \
-    "-L$sysroot/lib" "${linked[@]/%/.o}" -lntoskrnl -o "$out/kvr64.sys")
-python3 cmake/check_driver_image.py --fix-checksum --forbid "$root" "$out/kvr64.sys"
+build_image "$out/kvr64.sys" "Kvr volume filter driver" "${sources[@]}"
+python3 cmake/check_driver_image.py --fix-checksum --forbid "$root" --version "$(cat VERSION)" "$out/kvr64.sys"

@@ -31,9 +31,8 @@ bool IsMetadataName(PCUNICODE_STRING name) {
 
 // What is left while space is low is kept for the file system's metadata, so that the volume stays usable; a
 // write without a file object may be metadata, one with a file object without a name is not known to be.
-bool MayTakeSpace(ULONG64 freeBytes, PIRP request) {
-    if (freeBytes >= kLowSpaceLimit) return true;
-    if (freeBytes < kNoSpaceLimit) return false;
+// Not under SwapLock: a file's name is pageable, and paging it in may read a volume whose lock it is.
+bool MayUseReserve(PIRP request) {
     PFILE_OBJECT file = OriginalFileOf(request);
     if (!file) return true;
     return file->FileName.Length != 0 && IsMetadataName(&file->FileName);
@@ -91,9 +90,16 @@ NTSTATUS LockFreeChunks(PVOLUME_EXTENSION volume, const LARGE_INTEGER* volumeOff
     if (*chain && (*chain)->liSwapOffset.QuadPart != 0)
         KVR_DISCARD(UnlockFreeChunks(volume, *chain), "it reports what it loses, and this attempt goes on");
     *chain = nullptr;
+    {
+        FastMutexLock lock(volume->SwapLock);
+        volume->MapDirty = TRUE;
+        if (volume->SwapFreeBytes >= kLowSpaceLimit)
+            return TakeFreeChunks(volume, volumeOffset->QuadPart, length, chain);
+    }
+    const bool mayUseReserve = MayUseReserve(request);
     FastMutexLock lock(volume->SwapLock);
-    volume->MapDirty = TRUE;
-    if (!MayTakeSpace(volume->SwapFreeBytes, request)) return STATUS_MEDIA_WRITE_PROTECTED;
+    const bool low = volume->SwapFreeBytes < kLowSpaceLimit;
+    if (low && (!mayUseReserve || volume->SwapFreeBytes < kNoSpaceLimit)) return STATUS_MEDIA_WRITE_PROTECTED;
     return TakeFreeChunks(volume, volumeOffset->QuadPart, length, chain);
 }
 

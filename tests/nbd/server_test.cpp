@@ -222,6 +222,31 @@ TEST_F(Served, NobodyElseWritesToAVolumeThatAClientHas) {
     server->Disconnect(std::move(client));
 }
 
+// What a client makes of its volume is what the machine finds afterwards, whether or not the machine booted
+// anew in between; nothing is remembered of before.
+TEST_F(Served, TheMachineLooksAgainWhenAClientIsGone) {
+    Tool tool(Folder());
+    std::vector<std::uint8_t> start(kMiB);
+    const auto rewrite = [&](Server::Action action, bool reboot) {
+        auto client = Connect("HarddiskVolume2");
+        if (start[3] == 0) {
+            ASSERT_EQ(server->Transfer(*client, Server::Action::Read, 0, kMiB, start.data()), STATUS_SUCCESS);
+        }
+        if (reboot) {
+            ASSERT_EQ(tool.Call(Command::Reboot).status, STATUS_SUCCESS);
+        }
+        ASSERT_EQ(server->Transfer(*client, action, 0, kMiB, start.data()), STATUS_SUCCESS);
+        server->Disconnect(std::move(client));
+    };
+    EXPECT_NE(tool.Facts(kSecond).freeBytes, kUnknown);
+    for (const bool reboot : {false, true}) {
+        rewrite(Server::Action::Zero, reboot);
+        EXPECT_EQ(tool.Facts(kSecond).freeBytes, kUnknown);
+        rewrite(Server::Action::Write, false);
+        EXPECT_NE(tool.Facts(kSecond).freeBytes, kUnknown);
+    }
+}
+
 std::vector<std::uint8_t> Configuration() {
     const std::u16string text =
         u"[Global]\r\nProtection = 1\r\nFVBootMode = 0\r\n"

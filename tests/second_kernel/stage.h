@@ -31,6 +31,9 @@ PDEVICE_OBJECT TopOfStack(PDEVICE_OBJECT device);  // unreferenced
 // Sends IRP_MJ_SHUTDOWN to every device that registered for it, the last registered first.
 void NotifyShutdown();
 
+// Makes an object directory for devices' names, such as \Device\Harddisk7; fine when it is there already.
+void MakeDirectory(const WCHAR* path);
+
 // ---- what survives a boot ------------------------------------------------------------------------------
 // The bytes of medium `number` (0 to 7), zero before the story's first boot. Each boot asks with the same size.
 // They are kept as they are when the boot's function returns. Null without memory.
@@ -43,7 +46,7 @@ PUCHAR Medium(ULONG number, SIZE_T bytes);
 struct FileCalls {
     // `path` is relative to the volume and begins with a backslash. `information` receives FILE_OPENED,
     // FILE_CREATED or FILE_OVERWRITTEN; `open` stands for this open from now on.
-    NTSTATUS (*Create)
+    NTSTATUS(*Create)
     (PVOID fileSystem, PCUNICODE_STRING path, ACCESS_MASK access, ULONG share, ULONG disposition, ULONG options,
      PVOID* open, ULONG_PTR* information);
     NTSTATUS (*Read)(PVOID open, LONGLONG offset, PVOID buffer, ULONG length, ULONG* done);
@@ -68,6 +71,16 @@ enum class Fault {
 void FailCall(Fault kind, ULONG n);
 // Ends the plan; how many such calls the driver made since it was armed.
 ULONG EndFault();
+// While one lives, what this thread calls is the story's own work and no call of the driver's: it neither
+// counts nor fails. For a kernel that cannot tell the callers apart; around calls of the story alone, never
+// around one that leads into the driver.
+class OwnWork {
+public:
+    OwnWork();
+    ~OwnWork();
+    OwnWork(const OwnWork&) = delete;
+    OwnWork& operator=(const OwnWork&) = delete;
+};
 
 // ---- the ledger ----------------------------------------------------------------------------------------
 // Pool blocks with the driver's tag that are outstanding.

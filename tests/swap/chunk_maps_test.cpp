@@ -1,3 +1,4 @@
+#include "tests/support/paged_out_text.h"
 #include "tests/swap/swap_volume.h"
 
 namespace support {
@@ -96,6 +97,21 @@ TEST_F(ChunkMaps, LowSpaceIsKeptForMetadata) {
     EXPECT_EQ(LockFor(W("\\$Mft")), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
     EXPECT_EQ(UnlockFreeChunks(v, held), STATUS_SUCCESS);
+}
+
+// Else the read that brings the name in would wait for the lock that its reader holds.
+TEST_F(ChunkMaps, AFileNameIsLookedAtWithoutTheLock) {
+    AddFree(100 * M, 40 * M);
+    PagedOutText name(u"\\$Mft");
+    FILE_OBJECT file{};
+    file.FileName = name.string;
+    IRP irp{};
+    irp.Tail.Overlay.OriginalFileObject = &file;
+    PENDING_CHUNK* chain = nullptr;
+    EXPECT_EQ(Lock(0, S, &chain, &irp), STATUS_SUCCESS);
+    EXPECT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
+    EXPECT_EQ(1, name.faults);
+    EXPECT_EQ(0, name.locksHeld);
 }
 
 TEST_F(ChunkMaps, CommitKeepsWhatAnotherWriteHasRedirectedMeanwhile) {

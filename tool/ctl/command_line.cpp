@@ -22,6 +22,7 @@ public:
         app_.name("kvrctl");
         app_.require_subcommand(1);
         app_.fallthrough();
+        app_.allow_windows_style_options(false);  // a path may begin with a slash there too
         app_.footer(
             "Examples:\n  kvrctl status\n  kvrctl swap make HarddiskVolume2 2G\n  kvrctl protect 2 --at-boot "
             "discard\n"
@@ -40,14 +41,19 @@ public:
         try {
             app_.parse(words);
         } catch (const CLI::ParseError& error) {
-            if (error.get_exit_code() != 0)
-                throw Failure(std::string(error.what()) + " (see kvrctl --help)", kExitUsage);
+            if (error.get_exit_code() != 0) throw Failure(Explain(error) + " (see kvrctl --help)", kExitUsage);
             return app_.exit(error, terminal_.out, terminal_.err);
         }
         return run_ ? run_() : kExitOk;
     }
 
 private:
+    // What is missing is told only when nothing is there that makes no sense.
+    std::string Explain(const CLI::ParseError& error) const {
+        const std::vector<std::string> unknown = app_.remaining(true);
+        return unknown.empty() ? error.what() : "'" + unknown[0] + "' is not understood here";
+    }
+
     CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& what,
                       const std::string& examples) {
         CLI::App* command = parent.add_subcommand(name, what);

@@ -13,24 +13,33 @@ std::u16string Number(unsigned value) {
     return std::u16string(1, static_cast<char16_t>(u'0' + value));
 }
 
-// Why an edit did not have its effect: the first error of the text, or the text's length.
-[[noreturn]] void RefuseEdit(const std::u16string& text) {
-    for (const Finding& finding : CheckConfig(text)) {
-        if (finding.severity == Severity::Error)
-            throw Failure("the change would have no effect, because of line " + std::to_string(finding.line) +
-                          ": " + finding.text);
-    }
+const Finding* FirstError(const std::vector<Finding>& findings) {
+    const auto found = std::find_if(findings.begin(), findings.end(),
+                                    [](const Finding& finding) { return finding.severity == Severity::Error; });
+    return found == findings.end() ? nullptr : &*found;
+}
+
+// Why an edit did not have its effect: the first error of the text as it was, or else as it would be.
+[[noreturn]] void RefuseEdit(const std::u16string& before, const std::u16string& after) {
+    const std::vector<Finding> old = CheckConfig(before), would = CheckConfig(after);
+    if (const Finding* error = FirstError(old))
+        throw Failure("the change would have no effect, because of line " + std::to_string(error->line) + ": " +
+                      error->text);
+    if (const Finding* error = FirstError(would))
+        throw Failure("the change would have no effect; of the text as it would be, line " +
+                      std::to_string(error->line) + ": " + error->text);
     throw Failure("the change would have no effect in this text; see 'kvrctl config check'");
 }
 
 // A text under change. Every change reads it anew: positions do not outlive one.
 class Draft {
 public:
-    explicit Draft(std::u16string text) : text_(std::move(text)), lineEnd_(u"\r\n") {
+    explicit Draft(const std::u16string& text) : original_(text), text_(text), lineEnd_(u"\r\n") {
         const std::size_t feed = text_.find(u'\n');
         if (feed != text_.npos && (feed == 0 || text_[feed - 1] != u'\r')) lineEnd_ = u"\n";
     }
     const std::u16string& Text() const { return text_; }
+    const std::u16string& Original() const { return original_; }
     ConfigScan Scan() const { return ScanConfig(text_); }
 
     // Gives the key its value in the section of that index: in the last line that has the key, or in a new line
@@ -79,7 +88,7 @@ public:
         const std::size_t begin = text_.size();
         text_ += WithLineEnds(section);
         const ConfigScan scan = Scan();
-        if (scan.sections.back().begin != begin) RefuseEdit(text_);
+        if (scan.sections.back().begin != begin) RefuseEdit(original_, text_);
         return scan.sections.size() - 1;
     }
 
@@ -113,16 +122,17 @@ private:
         return result;
     }
 
+    const std::u16string original_;
     std::u16string text_;
     std::u16string lineEnd_;
 };
 
-void RequireEffect(bool effect, const std::u16string& text) {
+void RequireEffect(bool effect, const Draft& draft) {
     constexpr std::size_t kMost = KVR_CONFIG_BYTES / 2;
-    if (text.size() > kMost)
-        throw Failure("the text would have " + std::to_string(text.size()) + " characters; the driver holds " +
-                      std::to_string(kMost));
-    if (!effect) RefuseEdit(text);
+    if (draft.Text().size() > kMost)
+        throw Failure("the text would have " + std::to_string(draft.Text().size()) +
+                      " characters; the driver holds " + std::to_string(kMost));
+    if (!effect) RefuseEdit(draft.Original(), draft.Text());
 }
 
 // The next free number for a head of the kind.
@@ -185,7 +195,7 @@ std::u16string SetAction(const std::u16string& text, const std::u16string& volum
               {Key::ID, Key::ProtectionMode, Key::BootMode, Key::NextDiscardTS});
     const ConfigScan after = draft.Scan();
     const Section* changed = after.Find(volume);
-    RequireEffect(changed && changed->volume.action == action, draft.Text());
+    RequireEffect(changed && changed->volume.action == action, draft);
     return draft.Text();
 }
 
@@ -201,10 +211,22 @@ void SetGlobal(Draft& draft, Key key, const std::u16string& value) {
     draft.Prepend(u"[Global]\n" + FromUtf8(KeyName(key), "a key") + u" = " + value + u"\n");
 }
 
+// A text that does not say whether the driver protects at all leaves it off; who wants something protected
+// wants it on. One that says 0 means it.
+void SetMissingSwitch(Draft& draft) {
+    const ConfigScan scan = draft.Scan();
+    const bool said = std::any_of(scan.sections.begin(), scan.sections.end(), [](const Section& section) {
+        return std::any_of(section.settings.begin(), section.settings.end(),
+                           [](const Setting& setting) { return setting.key == Key::Protection; });
+    });
+    if (!said) SetGlobal(draft, Key::Protection, u"1");
+}
+
 }  // namespace
 
 std::u16string ProtectVolume(const std::u16string& text, const std::u16string& volume, const Protection& how) {
     Draft draft(text);
+    SetMissingSwitch(draft);
     const std::size_t section = SectionOf(draft, volume, SectionKind::Fixed);
     draft.Set(section, Key::ProtectionMode, u"1", {Key::ID});
     SetAtBoot(draft, section, how);
@@ -212,7 +234,7 @@ std::u16string ProtectVolume(const std::u16string& text, const std::u16string& v
     const Section* found = after.Find(volume);
     const bool works = found && found->volume.isProtected && FollowsBootMode(found->volume, how) &&
                        (found->volume.switchWasOn || !after.protection);
-    RequireEffect(works, draft.Text());
+    RequireEffect(works, draft);
     return draft.Text();
 }
 
@@ -225,7 +247,7 @@ std::u16string UnprotectVolume(const std::u16string& text, const std::u16string&
     draft.Set(IndexOf(before, section), fixed ? Key::ProtectionMode : Key::AccessMode, u"0", {Key::ID});
     const ConfigScan after = draft.Scan();
     const Section* found = after.Find(volume);
-    RequireEffect(found && !found->volume.isProtected, draft.Text());
+    RequireEffect(found && !found->volume.isProtected, draft);
     return draft.Text();
 }
 
@@ -239,9 +261,10 @@ std::u16string MergeOnce(const std::u16string& text, const std::u16string& volum
 
 std::u16string SetRemovable(const std::u16string& text, const std::u16string& volume, unsigned access) {
     Draft draft(text);
+    if (access != 0) SetMissingSwitch(draft);
     if (volume.empty()) {
         SetGlobal(draft, Key::RVAccessMode, Number(access));
-        RequireEffect(draft.Scan().removableAccess == access, draft.Text());
+        RequireEffect(draft.Scan().removableAccess == access, draft);
         return draft.Text();
     }
     const std::size_t section = SectionOf(draft, volume, SectionKind::Removable);
@@ -250,7 +273,7 @@ std::u16string SetRemovable(const std::u16string& text, const std::u16string& vo
     const Section* found = after.Find(volume);
     const bool works =
         found && found->volume.accessMode == access && (found->volume.switchWasOn || !after.protection);
-    RequireEffect(works, draft.Text());
+    RequireEffect(works, draft);
     return draft.Text();
 }
 
@@ -264,7 +287,7 @@ std::u16string SetSwitch(const std::u16string& text, bool on) {
     const bool late = std::any_of(after.sections.begin(), after.sections.end(), [](const Section& section) {
         return section.volume.isListed && section.volume.isProtected && !section.volume.switchWasOn;
     });
-    RequireEffect(after.protection == on && !(on && late), draft.Text());
+    RequireEffect(after.protection == on && !(on && late), draft);
     return draft.Text();
 }
 

@@ -14,6 +14,8 @@ struct Protection {
     std::u16string until;          // a date, or empty for what stands there; needs AtBoot::Keep
 };
 
+// Also switches protection on where the text does not say Protection at all, as SetRemovable does for an access
+// other than 0.
 std::u16string ProtectVolume(const std::u16string& text, const std::u16string& volume, const Protection& how);
 std::u16string UnprotectVolume(const std::u16string& text, const std::u16string& volume);
 // For the next boot only: BootAction 1 or 2. The volume must be protected by the text.

@@ -137,7 +137,8 @@ std::string MapText(const SavedMap& map, unsigned width, bool colour) {
         text += drawn(cells[i]);
         if ((i + 1) % width == 0) text += "\n";
     }
-    for (Cell cell : kAllCells) text += drawn(cell) + " " + LookOf(cell).name + "   ";
+    for (Cell cell : kAllCells)
+        text += (cell == kAllCells[0] ? "" : "   ") + drawn(cell) + " " + LookOf(cell).name;
     text += "\nOne character is " + SizeText(map.volumeSectors * map.sectorBytes / cells.size()) + ".\n";
     return text;
 }
@@ -148,7 +149,8 @@ std::string MapSvg(const SavedMap& map, const std::string& title) {
     const std::uint64_t swap = (summary.redirectedSectors + summary.freeSectors) * map.sectorBytes;
     const std::string line = SizeText(map.volumeSectors * map.sectorBytes) + ", " +
                              SizeText(summary.redirectedSectors * map.sectorBytes) + " redirected in " +
-                             std::to_string(summary.ranges) + " ranges, swap of " + SizeText(swap);
+                             std::to_string(summary.ranges) + (summary.ranges == 1 ? " range" : " ranges") +
+                             ", swap of " + SizeText(swap);
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"" +
            Attribute("width", width) + Attribute("height", height) + " font-family=\"sans-serif\">\n<title>" +
            Escaped(title) + "</title>\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n" +

@@ -50,7 +50,7 @@ std::int64_t ParseSize(std::string_view text) {
     if (unit == 0 || (unit == 1 && !fraction.empty())) Refuse(text);
     std::int64_t number = 0;
     for (char c : text.substr(0, whole)) {
-        if (number > (kMostBytes / unit - 10) / 10) Refuse(text);
+        if (number > (kMostBytes / unit - (c - '0')) / 10) Refuse(text);
         number = number * 10 + (c - '0');
     }
     const std::int64_t bytes = number * unit + Fraction(fraction, unit);
@@ -62,7 +62,7 @@ std::string SizeText(std::uint64_t bytes) {
     static constexpr const char* kUnits[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
     double value = static_cast<double>(bytes);
     std::size_t unit = 0;
-    while (value >= 1024 && unit + 1 < std::size(kUnits)) value /= 1024, ++unit;
+    while (value >= 1023.95 && unit + 1 < std::size(kUnits)) value /= 1024, ++unit;
     char text[64];
     const bool isWhole = unit == 0 || value == static_cast<double>(static_cast<std::uint64_t>(value));
     std::snprintf(text, sizeof text, isWhole ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);

@@ -1,0 +1,200 @@
+#!/usr/bin/env python3
+"""The INF installs and uninstalls what it should, as Wine's setupapi carries it out.
+
+usage: install_test.py INF DRIVER PREFIX    PREFIX is a folder of this test's own, kept between runs
+
+One Wine session runs the whole story, so that no start of Wine finds the driver installed, and exports the registry
+after each step; the checks read the exports. The tool's file stands in for kvrctl.exe: only where it goes matters.
+
+Wine 8 shortens a list with 0x18002 rightly, but then stores only the first half of its bytes. Last in each list stands
+a long name, so that all names that matter lie in that half; a Wine that stores the whole passes as well.
+"""
+import os
+import re
+import shutil
+import subprocess
+import sys
+import unittest
+from pathlib import Path
+
+INF, DRIVER, PREFIX = (Path(argument).resolve() for argument in sys.argv[1:4])
+VOLUME, DISK = "{71A27CDD-812A-11D0-BEC7-08002BE2092F}", "{4D36E967-E325-11CE-BFC1-08002BE10318}"
+SET = r"HKLM\System\CurrentControlSet"
+CLASSES = SET + r"\Control\Class"
+OURS = "kvr"
+PADDING = "padding" * 12
+WINE = {"WINEPREFIX": str(PREFIX), "WINEARCH": "win64", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml="}
+ENVIRONMENT = {name: text for name, text in os.environ.items() if name != "DISPLAY"} | WINE
+SYSTEM = PREFIX / "drive_c/windows/system32"
+STORY = PREFIX / "drive_c/kvr-install"
+REG_SZ, REG_DWORD, REG_MULTI_SZ = 1, 4, 7
+
+
+def wine(program, *arguments, seconds):
+    return subprocess.run([program, *arguments], env=ENVIRONMENT, timeout=seconds, capture_output=True, text=True)
+
+
+def make_prefix():
+    if not Path(PREFIX, "system.reg").exists():
+        PREFIX.mkdir(parents=True, exist_ok=True)
+        wine("wineboot", "-i", seconds=180)
+        wine("wineserver", "-w", seconds=60)
+
+
+class Story:
+    """The lines of one batch file, and what the registry held where `look` stood in it."""
+
+    def __init__(self):
+        self.lines = ["@echo off"]
+
+    def run(self, *lines):
+        self.lines += lines
+
+    def filters(self, class_id, names):
+        self.run(rf'reg add "{CLASSES}\{class_id}" /v UpperFilters /t REG_MULTI_SZ /d "{names}" /f')
+
+    def inf(self, section):
+        self.run(rf"rundll32 setupapi,InstallHinfSection {section} 132 C:\kvr-install\kvr.inf")
+
+    def look(self, name):
+        self.run(*(rf'reg export "{key}" C:\kvr-install\{name}.{part}.reg /y' for part, key in (
+            ("volume", rf"{CLASSES}\{VOLUME}"), ("disk", rf"{CLASSES}\{DISK}"),
+            ("service", rf"{SET}\Services\{OURS}"), ("locations", r"HKLM\System\kvr"))))
+        self.run(rf"dir /s /b C:\windows\kvr* >C:\kvr-install\{name}.files")
+
+    def play(self):
+        Path(STORY, "story.cmd").write_text("\r\n".join(self.lines) + "\r\n")
+        try:
+            return wine("wine", "cmd", "/c", r"C:\kvr-install\story.cmd", seconds=120)
+        finally:
+            wine("wineserver", "-k", seconds=20)
+
+
+class Seen:
+    """What `look(name)` has found: the values of each key by name as (type, bytes), None for a key that is not
+    there, and the paths of the files, in lower case and below system32 relative to it."""
+
+    def __init__(self, name):
+        self.volume, self.disk, self.service, self.locations = (
+            self.values(Path(STORY, f"{name}.{part}.reg")) for part in ("volume", "disk", "service", "locations"))
+        files = Path(STORY, f"{name}.files").read_text().lower().split()
+        self.files = sorted(path.removeprefix("c:\\windows\\system32\\") for path in files)
+
+    @staticmethod
+    def values(path):
+        if not path.exists():
+            return None
+        values = {}
+        text = path.read_text("utf-16").replace("\\\n", "").replace("\\\r\n", "")
+        for name, form, data in re.findall(r'^"([^"]+)"=(?:(dword|hex(?:\(\w\))?):)?(.*?)\s*$', text, re.M):
+            if not form:
+                values[name] = (REG_SZ, data[1:-1].replace("\\\\", "\\"))
+            elif form == "dword":
+                values[name] = (REG_DWORD, int(data, 16))
+            else:
+                kind = int(form[4:-1] or "3", 16) if "(" in form else 3
+                values[name] = (kind, bytes.fromhex("".join(data.replace(",", "").split())))
+        return values
+
+
+def multi(*names):
+    return "".join(name + "\0" for name in (*names, "")).encode("utf-16-le")
+
+
+def prepare():
+    shutil.rmtree(STORY, ignore_errors=True)
+    STORY.mkdir()
+    for file in (INF, DRIVER):
+        shutil.copy(file, STORY / file.name)
+    Path(STORY, "kvrctl.exe").write_bytes(b"the tool")
+    for left in (SYSTEM / "kvrctl.exe", *(SYSTEM / "drivers").glob("kvr*")):
+        left.unlink(missing_ok=True)
+
+
+def tell():
+    """Install twice over other filters, use, let another filter come, uninstall twice; then with no lists at all."""
+    story = Story()
+    for key in (rf"{SET}\Services\{OURS}", r"HKLM\System\kvr", rf"{CLASSES}\{VOLUME}"):
+        story.run(f'reg delete "{key}" /f')
+    story.filters(VOLUME, r"volsnap\0other")
+    story.filters(DISK, "partmgr")
+    for name in ("installed", "again"):
+        story.inf("DefaultInstall")
+        story.look(name)
+    story.run(r"reg add HKLM\System\kvr /v ConfigShareRead /t REG_DWORD /d 1 /f",
+              r"echo configuration >C:\windows\system32\drivers\kvr.cfg")
+    story.inf("DefaultInstall")
+    story.look("upgraded")
+    story.filters(VOLUME, rf"volsnap\0other\0{OURS}\0later\0{PADDING}")
+    story.filters(DISK, rf"partmgr\0{OURS}\0{PADDING}")
+    for name in ("removed", "removed_again"):
+        story.inf("DefaultUninstall")
+        story.look(name)
+    for class_id in (VOLUME, DISK):
+        story.run(rf'reg delete "{CLASSES}\{class_id}" /v UpperFilters /f')
+    story.inf("DefaultInstall")
+    story.look("no_lists")
+    story.inf("DefaultUninstall")
+    story.look("end")
+    return story.play()
+
+
+class InstallTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        make_prefix()
+        prepare()
+        done = tell()
+        assert Path(STORY, "end.files").exists(), f"Wine did not play the story to its end: {done}"
+
+    def filters(self, seen, volume, disk):
+        self.assertEqual(seen.volume["UpperFilters"], (REG_MULTI_SZ, multi(*volume)))
+        self.assertEqual(seen.disk["UpperFilters"], (REG_MULTI_SZ, multi(*disk)))
+
+    def test_install_and_install_again(self):
+        for name in ("installed", "again", "upgraded"):
+            with self.subTest(name):
+                seen = Seen(name)
+                self.filters(seen, ("volsnap", "other", OURS), ("partmgr", OURS))
+                wanted = {"Type": (REG_DWORD, 1), "Start": (REG_DWORD, 0), "ErrorControl": (REG_DWORD, 1),
+                          "Group": (REG_SZ, "PnP Filter"), "DisplayName": (REG_SZ, "Kvr volume filter")}
+                self.assertEqual({key: seen.service[key] for key in wanted}, wanted)
+                image = seen.service["ImagePath"][1]
+                image = image if isinstance(image, str) else image.decode("utf-16-le").rstrip("\0")
+                self.assertEqual(image.lower(), r"c:\windows\system32\drivers\kvr64.sys")
+        self.assertEqual(Seen("again").files, [r"drivers\kvr64.sys", "kvrctl.exe"])
+        self.assertEqual(Seen("upgraded").files, [r"drivers\kvr.cfg", r"drivers\kvr64.sys", "kvrctl.exe"])
+        self.assertEqual(Seen("upgraded").locations["ConfigShareRead"], (REG_DWORD, 1))
+
+    def shortened(self, found, *names):
+        whole = multi(*names, PADDING)
+        self.assertEqual(found[0], REG_MULTI_SZ)
+        self.assertIn(found[1], (whole, whole[:len(whole) // 2]))
+        self.assertLess(len(multi(*names)), len(whole) // 2)
+
+    def test_uninstall(self):
+        seen = Seen("removed")
+        self.shortened(seen.volume["UpperFilters"], "volsnap", "other", "later")
+        self.shortened(seen.disk["UpperFilters"], "partmgr")
+        for name in ("removed", "removed_again", "end"):
+            with self.subTest(name):
+                seen = Seen(name)
+                self.assertIsNone(seen.service)
+                self.assertIsNone(seen.locations)
+                self.assertEqual(seen.files, [])
+                for values in (seen.volume, seen.disk):
+                    found = values.get("UpperFilters", (REG_MULTI_SZ, b""))[1]
+                    self.assertNotIn(OURS.encode("utf-16-le"), found)
+
+    def test_install_where_there_is_no_list(self):
+        self.filters(Seen("no_lists"), (OURS,), (OURS,))
+
+    def test_version_and_files(self):
+        text = INF.read_text("ascii")
+        version = Path(INF.parent.parent, "VERSION").read_text().strip()
+        self.assertRegex(text, rf"(?m)^DriverVer\s*=\s*\d\d/\d\d/\d{{4}},{re.escape(version)}\.0$")
+        self.assertRegex(text, r"(?m)^CatalogFile\s*=\s*kvr\.cat$")
+
+
+if __name__ == "__main__":
+    unittest.main(argv=sys.argv[:1])

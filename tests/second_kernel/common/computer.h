@@ -1,0 +1,53 @@
+// The computer of most stories: a small system volume that holds the configuration file, and a data volume, on
+// its own or on a disk, whose files are placed behind the first bytes; the driver in every stack. Media 0, 1, 6
+// and 7 are its own, the others the story's.
+#pragma once
+#include "tests/second_kernel/common/memory.h"
+#include "tests/second_kernel/common/played_files.h"
+#include "tests/second_kernel/common/ram_device.h"
+#include "tests/second_kernel/common/tool.h"
+
+#define SYSTEM_VOLUME W("\\Device\\StoryVolume1")
+#define DATA_VOLUME W("\\Device\\StoryVolume2")
+#define DATA_DISK W("\\Device\\Harddisk7\\DR7")
+
+inline constexpr ULONG kSystemBytes = 2 * kMiB;
+inline constexpr ULONG kRegion = 8 * kMiB;    // of the data volume: the story's, below its files
+inline constexpr LONGLONG kDataStart = kMiB;  // of the data volume on its disk
+
+struct ComputerOptions {
+    ULONG DataBytes = 68 * kMiB;
+    USHORT DataSector = 512;
+    bool IsDataOnDisk = false;
+    ULONG PieceUnits = 0;  // how the data volume's files are laid out
+    ULONG GapUnits = 0;
+};
+
+struct Computer {
+    ComputerOptions Options;
+    PDRIVER_OBJECT Driver;
+    PDEVICE_OBJECT Control;
+    Tool User;
+    PDEVICE_OBJECT System;  // physical devices
+    PDEVICE_OBJECT Disk;
+    PDEVICE_OBJECT Data;
+    PUCHAR SystemSectors;  // what the volumes really hold
+    PUCHAR DataSectors;
+    PlayedFiles SystemFiles;
+    PlayedFiles DataFiles;
+};
+
+// Loads the driver, makes and starts the devices, mounts the files and opens the control device. Null, with
+// failed checks, when it could not. The computer is one object, made anew in each boot.
+[[nodiscard]] Computer* BootComputer(const ComputerOptions& options = {});
+// The first reads of both volumes, as mounting them makes: they bring the driver to life.
+void WakeComputer(Computer* computer);
+// Shuts down, waits for the driver's threads and checks that no rule was broken. The tool is closed before.
+void EndComputer(Computer* computer);
+[[nodiscard]] PDEVICE_OBJECT TopOfData(Computer* computer);
+[[nodiscard]] PDEVICE_OBJECT TopOfSystem(Computer* computer);
+
+// What ends every boot that made no computer.
+void EndBoot();
+// Offers the device to the driver and starts it; the status of its start.
+[[nodiscard]] NTSTATUS AddAndStart(PDRIVER_OBJECT driver, PDEVICE_OBJECT device);

@@ -1,0 +1,224 @@
+#include "tests/second_kernel/common/ram_device.h"
+#include <new>
+#include "tests/second_kernel/common/completer.h"
+#include "tests/second_kernel/stage.h"
+
+namespace {
+
+NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0) {
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = information;
+    IoCompleteRequest(irp, IO_NO_INCREMENT);
+    return status;
+}
+
+// Is this the transfer that was chosen to fail?
+bool IsChosen(std::atomic<ULONG>& in) {
+    ULONG left = in;
+    while (left != 0 && !in.compare_exchange_weak(left, left - 1)) {
+    }
+    return left == 1;
+}
+
+NTSTATUS CheckTransfer(RamDevice* ram, PIO_STACK_LOCATION location) {
+    const bool isWrite = location->MajorFunction == IRP_MJ_WRITE;
+    if (IsChosen(isWrite ? ram->FailWriteIn : ram->FailReadIn)) return ram->FailStatus;
+    const auto& place = location->Parameters.Read;
+    const LONGLONG offset = place.ByteOffset.QuadPart;
+    const ULONG sector = ram->Device->SectorSize;
+    if (offset < 0 || offset % sector != 0 || place.Length % sector != 0) return STATUS_INVALID_PARAMETER;
+    if (static_cast<ULONGLONG>(offset) + place.Length > ram->Size) return STATUS_INVALID_PARAMETER;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS MoveSectors(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
+    const auto& place = location->Parameters.Read;
+    if (place.Length == 0) return STATUS_SUCCESS;
+    if (!irp->MdlAddress) return STATUS_INVALID_PARAMETER;
+    PVOID buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+    if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
+    PUCHAR sectors = ram->Sectors + place.ByteOffset.QuadPart;
+    if (location->MajorFunction == IRP_MJ_WRITE)
+        RtlCopyMemory(sectors, buffer, place.Length);
+    else
+        RtlCopyMemory(buffer, sectors, place.Length);
+    return STATUS_SUCCESS;
+}
+
+// Moves the data and notes the result, for the completion.
+void CarryTransfer(PIRP irp) {
+    PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    RamDevice* ram = RamOf(location->DeviceObject);
+    NTSTATUS status = CheckTransfer(ram, location);
+    if (NT_SUCCESS(status)) status = MoveSectors(ram, irp, location);
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = NT_SUCCESS(status) ? location->Parameters.Read.Length : 0;
+}
+
+void CarrySimple(PIRP irp) {
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    irp->IoStatus.Information = 0;
+}
+
+NTSTATUS PendOrCarry(PIRP irp, void (*carry)(PIRP)) {
+    if (PendRequest(irp, carry)) return STATUS_PENDING;
+    carry(irp);
+    return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
+}
+
+// As a volume manager does: the same request, at its place on the disk.
+NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
+    const NTSTATUS status = CheckTransfer(ram, IoGetCurrentIrpStackLocation(irp));
+    if (!NT_SUCCESS(status)) return Complete(irp, status);
+    IoCopyCurrentIrpStackLocationToNext(irp);
+    IoGetNextIrpStackLocation(irp)->Parameters.Read.ByteOffset.QuadPart += ram->Start;
+    return IoCallDriver(stage::TopOfStack(ram->Disk), irp);  // filters leave a disk's stack at shutdown
+}
+
+NTSTATUS ServeTransfer(RamDevice* ram, PIRP irp, UCHAR major) {
+    ++(major == IRP_MJ_WRITE ? ram->Writes : ram->Reads);
+    if (ram->Disk) return PassToDisk(ram, irp);
+    return PendOrCarry(irp, CarryTransfer);
+}
+
+NTSTATUS ServeFlush(RamDevice* ram, PIRP irp) {
+    ++ram->Flushes;
+    return PendOrCarry(irp, CarrySimple);
+}
+
+NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
+    auto* extents = static_cast<PVOLUME_DISK_EXTENTS>(irp->AssociatedIrp.SystemBuffer);
+    if (ram->NoExtents) return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
+    if (!extents || length < sizeof(VOLUME_DISK_EXTENTS)) return Complete(irp, STATUS_BUFFER_TOO_SMALL);
+    RtlZeroMemory(extents, sizeof(VOLUME_DISK_EXTENTS));
+    extents->NumberOfDiskExtents = 1;
+    extents->Extents[0].DiskNumber = ram->DiskNumber;
+    extents->Extents[0].StartingOffset.QuadPart = ram->Start;
+    extents->Extents[0].ExtentLength.QuadPart = static_cast<LONGLONG>(ram->Size);
+    return Complete(irp, STATUS_SUCCESS, sizeof(VOLUME_DISK_EXTENTS));
+}
+
+NTSTATUS ServeControl(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
+    const auto& control = location->Parameters.DeviceIoControl;
+    if (control.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
+        return TellExtents(ram, irp, control.OutputBufferLength);
+    ++ram->Controls;
+    return Complete(irp, STATUS_SUCCESS);
+}
+
+NTSTATUS ServePnp(RamDevice* ram, PIRP irp, UCHAR minor) {
+    switch (minor) {
+        case IRP_MN_START_DEVICE:
+            ++ram->Starts;
+            return PendOrCarry(irp, CarrySimple);
+        case IRP_MN_QUERY_REMOVE_DEVICE:
+            ++ram->QueryRemoves;
+            return Complete(irp, STATUS_SUCCESS);
+        case IRP_MN_REMOVE_DEVICE:
+            ++ram->Removes;
+            return Complete(irp, STATUS_SUCCESS);
+        default:
+            return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
+    }
+}
+
+NTSTATUS ServePower(RamDevice* ram, PIRP irp) {
+    ++ram->Powers;
+    PoStartNextPowerIrp(irp);
+    return Complete(irp, STATUS_SUCCESS);
+}
+
+NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
+    const bool isPower = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
+    if (isPower) PoStartNextPowerIrp(irp);
+    IoSkipCurrentIrpStackLocation(irp);
+    return isPower ? PoCallDriver(ram->Next, irp) : IoCallDriver(ram->Next, irp);
+}
+
+NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
+    RamDevice* ram = RamOf(device);
+    if (ram->Next) return PassOn(ram, irp);
+    PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    switch (location->MajorFunction) {
+        case IRP_MJ_READ:
+        case IRP_MJ_WRITE:
+            return ServeTransfer(ram, irp, location->MajorFunction);
+        case IRP_MJ_FLUSH_BUFFERS:
+            return ServeFlush(ram, irp);
+        case IRP_MJ_DEVICE_CONTROL:
+            return ServeControl(ram, irp, location);
+        case IRP_MJ_PNP:
+            return ServePnp(ram, irp, location->MinorFunction);
+        case IRP_MJ_POWER:
+            return ServePower(ram, irp);
+        case IRP_MJ_CREATE:
+            ++ram->Creates;
+            return Complete(irp, STATUS_SUCCESS);
+        default:
+            return Complete(irp, STATUS_SUCCESS);
+    }
+}
+
+void FillRamDevice(PDEVICE_OBJECT device, const RamOptions& options) {
+    RamDevice* ram = ::new (device->DeviceExtension) RamDevice{};
+    ram->Device = device;
+    ram->Sectors = options.Sectors;
+    ram->Size = options.Size;
+    ram->Start = options.Start;
+    ram->DiskNumber = options.DiskNumber;
+    ram->NoExtents = options.NoExtents;
+    ram->Disk = options.Disk;
+    if (options.Disk) device->StackSize = static_cast<CCHAR>(stage::TopOfStack(options.Disk)->StackSize + 1);
+}
+
+}  // namespace
+
+PDEVICE_OBJECT MakeRamDevice(const RamOptions& options) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, options.Name);
+    PDRIVER_OBJECT driver = stage::OwnDriver();
+    for (ULONG major = 0; major <= IRP_MJ_MAXIMUM_FUNCTION; ++major) driver->MajorFunction[major] = Serve;
+    PDEVICE_OBJECT device = nullptr;
+    const NTSTATUS status = IoCreateDevice(driver, sizeof(RamDevice), &name, FILE_DEVICE_DISK,
+                                           options.IsRemovable ? FILE_REMOVABLE_MEDIA : 0, FALSE, &device);
+    if (!stage::CheckStatus(status, STATUS_SUCCESS, "a device of the story")) return nullptr;
+    device->Flags |= DO_DIRECT_IO;
+    device->SectorSize = options.SectorSize;
+    FillRamDevice(device, options);
+    stage::SetDeviceProperty(device, DevicePropertyClassName, options.IsDisk ? W("DiskDrive") : W("Volume"));
+    stage::SetDeviceProperty(device, DevicePropertyClassGuid,
+                             options.IsDisk ? W("{4d36e967-e325-11ce-bfc1-08002be10318}")
+                                            : W("{71a27cdd-812a-11d0-bec7-08002be2092f}"));
+    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return device;
+}
+
+bool AddPassingFilter(PDEVICE_OBJECT device) {
+    PDEVICE_OBJECT filter = nullptr;
+    const NTSTATUS status =
+        IoCreateDevice(stage::OwnDriver(), sizeof(RamDevice), nullptr, FILE_DEVICE_DISK, 0, FALSE, &filter);
+    if (!stage::CheckStatus(status, STATUS_SUCCESS, "a filter of the story")) return false;
+    RamDevice* ram = ::new (filter->DeviceExtension) RamDevice{};
+    ram->Device = filter;
+    filter->Flags |= DO_DIRECT_IO;
+    filter->Characteristics = device->Characteristics;
+    ram->Next = IoAttachDeviceToDeviceStack(filter, device);
+    filter->SectorSize = device->SectorSize;
+    filter->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    return stage::Check(ram->Next == device, "the filter is attached to the device");
+}
+
+void DeleteRamDevice(PDEVICE_OBJECT device) {
+    PDEVICE_OBJECT filter = stage::TopOfStack(device);
+    if (filter != device) {
+        IoDetachDevice(device);
+        IoDeleteDevice(filter);
+    }
+    IoDeleteDevice(device);
+}
+
+void FailTransfer(PDEVICE_OBJECT device, UCHAR major, ULONG n, NTSTATUS status) {
+    RamDevice* ram = RamOf(device);
+    ram->FailStatus = status;
+    (major == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) = n;
+}

@@ -1,0 +1,58 @@
+// Disks and volumes whose sectors lie in memory. A volume has bytes of its own or lies on a disk, to the top of
+// whose stack it passes its transfers on. What a device received is counted, transfers can be made to fail, and
+// completions to pend.
+#pragma once
+#include <atomic>
+#include "platform/kernel.h"
+
+// The extension of such a device.
+struct RamDevice {
+    PDEVICE_OBJECT Device;
+    PUCHAR Sectors;       // null for a volume on a disk
+    ULONGLONG Size;       // bytes
+    PDEVICE_OBJECT Disk;  // the physical device of the disk under a volume
+    PDEVICE_OBJECT Next;  // of a filter that passes everything on: the device below it
+    LONGLONG Start;       // where on the disk
+    ULONG DiskNumber;     // what the extents tell
+    // What arrived here, ever.
+    std::atomic<ULONG> Reads;
+    std::atomic<ULONG> Writes;
+    std::atomic<ULONG> Flushes;
+    std::atomic<ULONG> Powers;
+    std::atomic<ULONG> Controls;
+    std::atomic<ULONG> Creates;
+    std::atomic<ULONG> Starts;
+    std::atomic<ULONG> QueryRemoves;
+    std::atomic<ULONG> Removes;
+    // The n-th transfer from now on ends with the status, 0: none does.
+    std::atomic<ULONG> FailReadIn;
+    std::atomic<ULONG> FailWriteIn;
+    std::atomic<NTSTATUS> FailStatus;
+    bool NoExtents;  // a volume that cannot tell where it lies
+};
+
+struct RamOptions {
+    const WCHAR* Name;
+    PUCHAR Sectors;
+    ULONGLONG Size;
+    USHORT SectorSize = 512;
+    bool IsDisk = false;
+    bool IsRemovable = false;
+    PDEVICE_OBJECT Disk = nullptr;
+    LONGLONG Start = 0;
+    ULONG DiskNumber = 7;
+    bool NoExtents = false;
+};
+
+// Null, with a failed check, when it could not be made. It lives until DeleteRamDevice or the end of the boot.
+[[nodiscard]] PDEVICE_OBJECT MakeRamDevice(const RamOptions& options);
+// A filter without a name of its own above the device, which passes everything on and is deleted with it.
+// Whether it could be made.
+[[nodiscard]] bool AddPassingFilter(PDEVICE_OBJECT device);
+// Nothing else may be attached to it any more.
+void DeleteRamDevice(PDEVICE_OBJECT device);
+[[nodiscard]] inline RamDevice* RamOf(PDEVICE_OBJECT device) {
+    return static_cast<RamDevice*>(device->DeviceExtension);
+}
+// The n-th read or write (from 1) that arrives from now on ends with `status`. 0: none.
+void FailTransfer(PDEVICE_OBJECT device, UCHAR major, ULONG n, NTSTATUS status);

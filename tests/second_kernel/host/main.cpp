@@ -1,0 +1,39 @@
+// Plays the stories on the host kernel: all of them, or the one that is named.
+#include <cstdio>
+#include <cstring>
+#include "tests/second_kernel/host/host_stage.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+bool Play(const Story& story) {
+    std::printf("story %s: ", story.name);  // stands there, whatever ends the program
+    host_stage::BeginStory(story);
+    for (ULONG boot = 0; boot < story.bootCount && host_stage::Failures().empty(); ++boot) {
+        host_stage::BeginBoot(boot);
+        story.boots[boot]();
+        host_stage::EndBoot();
+    }
+    if (host_stage::Failures().empty()) {
+        std::printf("holds\n");
+        return true;
+    }
+    std::printf("FAILED (%s)\n%s  the driver's last diagnostics before the first failure:\n%s", story.proves,
+                host_stage::Failures().c_str(), host_stage::Diagnostics().c_str());
+    return false;
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    bool found = false;
+    bool holds = true;
+    for (const Story* story : kStories) {
+        if (count > 1 && std::strcmp(arguments[1], story->name) != 0) continue;
+        found = true;
+        holds = Play(*story) && holds;
+    }
+    if (!found) std::fprintf(stderr, "test_stories: no story is called %s\n", arguments[1]);
+    return found && holds ? 0 : 1;
+}

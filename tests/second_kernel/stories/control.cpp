@@ -1,0 +1,208 @@
+// The control device: who may open it, and what each code answers to good and bad buffers. The configuration
+// goes through the kernel's real file calls.
+#include <initializer_list>
+#include "tests/second_kernel/common/computer.h"
+#include "tests/second_kernel/common/memory.h"
+#include "tests/second_kernel/common/tool.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+#define FIXED_VOLUME W("\\Device\\StoryFixed")
+#define REMOVABLE_VOLUME W("\\Device\\StoryRemovable")
+
+const WCHAR kText[] = W("[Global]\r\nProtection=0\r\nRVAccessMode=0\r\nFVBootMode=1\r\n");
+
+struct ControlBoot {
+    PDRIVER_OBJECT driver;
+    Tool tool;
+    PDEVICE_OBJECT fixed;
+    PDEVICE_OBJECT removable;
+};
+
+bool Load(ControlBoot* boot) {
+    stage::Step("load the driver");
+    stage::SetSystemRoot(nullptr);
+    if (!stage::CheckStatus(stage::LoadDriver(boot->driver), STATUS_SUCCESS, "the driver loads")) return false;
+    stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks of a driver that has just been loaded");
+    return stage::Check(boot->driver->DeviceObject != nullptr, "the control device is there");
+}
+
+void OpenTwice(ControlBoot* boot) {
+    stage::Step("open the control device once, and be refused twice");
+    PDEVICE_OBJECT control = boot->driver->DeviceObject;
+    stage::CheckStatus(OpenTool(&boot->tool, control), STATUS_SUCCESS, "the first open");
+    Tool second;
+    for (int i = 0; i < 2; ++i)
+        stage::CheckStatus(OpenTool(&second, control), STATUS_DEVICE_ALREADY_ATTACHED, "another open");
+    CloseTool(&boot->tool);
+    stage::CheckStatus(OpenTool(&boot->tool, control), STATUS_SUCCESS, "an open after the close");
+}
+
+void SendForeignRequests(ControlBoot* boot) {
+    stage::Step("requests that the control device does not take");
+    PDEVICE_OBJECT control = boot->tool.Device;
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_PNP, IRP_MJ_SHUTDOWN})
+        stage::CheckStatus(SendSimple(control, static_cast<UCHAR>(major), &boot->tool.File).Status,
+                           STATUS_INVALID_DEVICE_REQUEST, "a request that only volumes take");
+    stage::CheckStatus(Ask(&boot->tool, 0x84FFC).Status, STATUS_INVALID_PARAMETER, "an unknown code");
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_DEBUG).Status, STATUS_SUCCESS, "the debug code");
+    stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug {"), 1, "what the debug code says");
+    stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug }"), 1, "what the debug code says");
+}
+
+struct BufferCase {
+    ULONG Code;
+    ULONG InputLength;
+    ULONG OutputLength;
+    NTSTATUS Status;
+};
+constexpr NTSTATUS kBad = STATUS_INVALID_PARAMETER;
+const BufferCase kBuffers[] = {
+    {IOCTL_KVR_GET_CONFIG, 0, 0, kBad},
+    {IOCTL_KVR_GET_CONFIG, 0, KVR_CONFIG_BYTES - 1, kBad},
+    {IOCTL_KVR_GET_CONFIG, 0, KVR_CONFIG_BYTES + 1, kBad},
+    {IOCTL_KVR_SET_CONFIG, 0, 0, kBad},
+    {IOCTL_KVR_SET_CONFIG, KVR_CONFIG_BYTES - 1, 0, kBad},
+    {IOCTL_KVR_SET_CONFIG, KVR_CONFIG_BYTES + 1, 0, kBad},
+    {IOCTL_KVR_GET_ENABLED, 0, 0, kBad},
+    {IOCTL_KVR_GET_ENABLED, 0, 3, kBad},
+    {IOCTL_KVR_GET_ENABLED, 0, 8, kBad},
+    {IOCTL_KVR_GET_FIXED_VOLUMES, 0, 0, kBad},
+    {IOCTL_KVR_GET_REMOVABLE_VOLUMES, 0, 0, kBad},
+    {IOCTL_KVR_ALLOCATE_SWAP, 0, 0, kBad},
+    {IOCTL_KVR_ALLOCATE_SWAP, sizeof(SWAP_CONFIG_REQUEST) - 1, 0, kBad},
+    {IOCTL_KVR_REMOVE_SWAP, 0, 0, kBad},
+    {IOCTL_KVR_REMOVE_SWAP, sizeof(SWAP_CONFIG_REQUEST::VolumeName) - 1, 0, kBad},
+    {IOCTL_KVR_STOP_SWAP_THREAD, 0, 0, STATUS_SUCCESS},
+};
+
+void TryBuffers(ControlBoot* boot) {
+    stage::Step("truncated and oversized buffers");
+    const Bytes input(KVR_CONFIG_BYTES + 1);
+    const Bytes output(KVR_CONFIG_BYTES + 1);
+    if (!input || !output) return;
+    for (const BufferCase& test : kBuffers) {
+        const Reply reply =
+            Ask(&boot->tool, test.Code, input.Get(), test.InputLength, output.Get(), test.OutputLength);
+        stage::Check(reply.Status == test.Status, "a code with such a buffer", static_cast<ULONG>(reply.Status),
+                     test.Code);
+        stage::CheckEqual(reply.Information, 0, "bytes that a refused request reports");
+    }
+    stage::Check(!IsEnabled(&boot->tool), "protection is off");
+}
+
+void WriteConfiguration(ControlBoot* boot) {
+    stage::Step("a missing configuration file");
+    const Bytes image(KVR_CONFIG_BYTES);
+    if (!image) return;
+    const Reply missing = Ask(&boot->tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.Get(), KVR_CONFIG_BYTES);
+    stage::CheckStatus(missing.Status, STATUS_NO_SUCH_FILE, "reading a configuration that is not there");
+    stage::Step("write the configuration and read it back");
+    stage::CheckStatus(SetConfig(&boot->tool, kText), STATUS_SUCCESS, "writing the configuration");
+    stage::Check(IsConfig(&boot->tool, kText), "the configuration reads as it was written");
+}
+
+void MakeVolumes(ControlBoot* boot) {
+    stage::Step("a fixed and a removable volume");
+    PUCHAR sectors = stage::Medium(0, kMiB);
+    boot->fixed = MakeRamDevice({.Name = FIXED_VOLUME, .Sectors = sectors, .Size = kMiB});
+    boot->removable =
+        MakeRamDevice({.Name = REMOVABLE_VOLUME, .Sectors = sectors, .Size = kMiB, .IsRemovable = true});
+    if (!boot->fixed || !boot->removable) return;
+    stage::CheckStatus(AddAndStart(boot->driver, boot->fixed), STATUS_SUCCESS, "the fixed volume starts");
+    stage::CheckStatus(AddAndStart(boot->driver, boot->removable), STATUS_SUCCESS,
+                       "the removable volume starts");
+}
+
+void ReadRecords(ControlBoot* boot) {
+    stage::Step("records of the volumes, into buffers of every size");
+    constexpr ULONG fixed = sizeof(KVR_FIXED_VOLUME_STATUS);
+    constexpr ULONG removable = sizeof(KVR_REMOVABLE_VOLUME_STATUS);
+    const BufferCase sizes[] = {{IOCTL_KVR_GET_FIXED_VOLUMES, 0, fixed - 1, 0},
+                                {IOCTL_KVR_GET_FIXED_VOLUMES, fixed, fixed, 0},
+                                {IOCTL_KVR_GET_FIXED_VOLUMES, fixed, 2 * fixed + 7, 0},
+                                {IOCTL_KVR_GET_REMOVABLE_VOLUMES, 0, 1, 0},
+                                {IOCTL_KVR_GET_REMOVABLE_VOLUMES, removable, 2 * removable - 1, 0}};
+    const Bytes output(2 * fixed + 7);
+    if (!output) return;
+    for (const BufferCase& test : sizes) {
+        const Reply reply = Ask(&boot->tool, test.Code, nullptr, 0, output.Get(), test.OutputLength);
+        stage::CheckStatus(reply.Status, STATUS_SUCCESS, "the records");
+        stage::CheckEqual(reply.Information, test.InputLength, "as many whole records as fit");
+    }
+    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&boot->tool, FIXED_VOLUME);
+    stage::Check(status.State == 0 && status.SwapStatus == 0 && status.SwapTotalBytes == 0,
+                 "nothing is protected", status.State, status.SwapStatus);
+    stage::CheckEqual(RemovableStatus(&boot->tool, REMOVABLE_VOLUME).AccessMode, 0,
+                      "nor is the removable volume");
+}
+
+// The thread finds no such volume, or nothing to do, and ends by itself.
+void AskForNothing(ControlBoot* boot, const SWAP_CONFIG_REQUEST& request, const char* what) {
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request)).Status,
+                       STATUS_SUCCESS, what);
+    const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&boot->tool, FIXED_VOLUME);
+    stage::Check(status.SwapTotalBytes == 0 && status.SwapStatus == 0, "no storage was made",
+                 status.SwapStatus);
+}
+
+void TryStorageRequests(ControlBoot* boot) {
+    stage::Step("storage requests with bad names and sizes");
+    SWAP_CONFIG_REQUEST endless = StorageRequest(FIXED_VOLUME, kMiB);
+    for (std::uint16_t& character : endless.VolumeName)
+        if (character == 0) character = W('x');
+    AskForNothing(boot, endless, "a name without a terminator");
+    AskForNothing(boot, StorageRequest(W("\\Device\\NoSuchVolume"), kMiB), "a volume that is not there");
+    AskForNothing(boot, StorageRequest(FIXED_VOLUME, -1), "a negative size");
+    AskForNothing(boot, StorageRequest(REMOVABLE_VOLUME, kMiB), "a removable volume");
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_REMOVE_SWAP, &endless, sizeof(endless)).Status,
+                       STATUS_SUCCESS, "removing the storage of a name without a terminator");
+}
+
+void RemoveVolumes(ControlBoot* boot) {
+    stage::Step("remove the volumes");
+    for (PDEVICE_OBJECT device : {boot->fixed, boot->removable}) {
+        stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, "removal");
+        stage::Check(stage::TopOfStack(device) == device, "the filter has left the stack");
+        DeleteRamDevice(device);
+    }
+}
+
+void Control() {
+    ControlBoot boot{};
+    if (!Load(&boot)) return;
+    OpenTwice(&boot);
+    SendForeignRequests(&boot);
+    TryBuffers(&boot);
+    WriteConfiguration(&boot);
+    MakeVolumes(&boot);
+    if (stage::Failed()) return;
+    ReadRecords(&boot);
+    TryStorageRequests(&boot);
+    CloseTool(&boot.tool);
+    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
+    RemoveVolumes(&boot);
+    stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
+    EndBoot();
+}
+
+// What the first boot wrote is there, and can be replaced by a shorter text.
+void ControlAgain() {
+    ControlBoot boot{};
+    if (!Load(&boot)) return;
+    stage::Step("the configuration of the earlier boot");
+    if (!stage::CheckStatus(OpenTool(&boot.tool, boot.driver->DeviceObject), STATUS_SUCCESS, "open")) return;
+    stage::Check(IsConfig(&boot.tool, kText), "the configuration reads as it was written");
+    stage::CheckStatus(SetConfig(&boot.tool, W("[Global]\r\n")), STATUS_SUCCESS, "a shorter text");
+    stage::Check(IsConfig(&boot.tool, W("[Global]\r\n")), "nothing is left of the longer one");
+    CloseTool(&boot.tool);
+    stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
+    EndBoot();
+}
+
+constexpr void (*kBoots[])() = {Control, ControlAgain};
+
+}  // namespace
+
+const Story kControlStory = {"control", "the control device and the configuration file", kBoots, 2};

@@ -1,0 +1,300 @@
+// Memory, requests, page locks, threads and devices that fail, one call after the other: every request ends,
+// nothing is leaked, the volume's own sectors stay as they are and what was redirected earlier can be read.
+#include <initializer_list>
+#include "tests/second_kernel/common/completer.h"
+#include "tests/second_kernel/common/storage.h"
+#include "tests/second_kernel/common/work.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+using stage::Fault;
+
+// The storage in use comes in pieces of one unit each, so that a write soon needs several; what is made on
+// trial, once for each call that can fail, in few.
+constexpr ULONG kTrialPieceUnits = 8;
+const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceUnits = 1, .GapUnits = 1};
+constexpr LONGLONG kStorage = 14 * kMiB;
+constexpr LONGLONG kTrialStorage = 2 * kMiB;
+constexpr ULONG kMostCalls = 400;
+constexpr ULONG kSector = 512;
+const WCHAR kText[] =
+    W("[Global]\r\nProtection=1\r\n[FV 1]\r\nID=") DATA_VOLUME W("\r\nProtectionMode=1\r\nBootMode=1\r\n");
+
+// ---- requests --------------------------------------------------------------------------------------------
+
+// Where the next attempt takes place: a stretch whose middle is redirected before, so that its request is cut.
+constexpr ULONG kSlot = 16 * kKiB;
+constexpr ULONG kStretch = 24 * kSector;
+ULONG gSlot;
+
+LONGLONG NextSlot(Computer* computer, ULONG seed) {
+    const LONGLONG at = LONGLONG{gSlot++} * kSlot;
+    if (!stage::Check(at + kSlot <= kWorkBytes, "room for another attempt")) return 0;
+    WriteWork(computer, at + 5 * kSector, 2 * kSector, seed + 1000);
+    WriteWork(computer, at + 11 * kSector, 4 * kSector, seed + 2000);
+    return at;
+}
+
+// What fails in an attempt: the n-th call of the driver, or the n-th transfer of the device.
+struct Trial {
+    const char* Name;
+    UCHAR Major;                   // of the request that is tried
+    bool IsCall = true;            // the driver's calls fail, else the device's transfers of that kind
+    Fault Kind = Fault::Allocate;  // of the driver's calls
+    bool LeavesPagesToLock = false;
+    bool Pends = false;  // lower completions pend
+};
+constexpr NTSTATUS kDeviceError = STATUS_IO_DEVICE_ERROR;
+
+void Arm(Computer* computer, const Trial& trial, ULONG n) {
+    if (trial.IsCall)
+        stage::FailCall(trial.Kind, n);
+    else
+        FailTransfer(computer->Data, trial.Major, n, kDeviceError);
+}
+
+// Whether the attempt got as far as the n-th.
+bool Disarm(Computer* computer, const Trial& trial, ULONG n) {
+    if (trial.IsCall) return stage::EndFault() >= n;
+    RamDevice* ram = RamOf(computer->Data);
+    const bool reached = (trial.Major == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) == 0;
+    FailTransfer(computer->Data, trial.Major, 0, kDeviceError);
+    return reached;
+}
+
+void CheckAttempt(Computer* computer, const Trial& trial, LONGLONG at, const Reply& reply, PUCHAR buffer,
+                  ULONG seed) {
+    if (!NT_SUCCESS(reply.Status))
+        stage::CheckEqual(reply.Information, 0, "bytes that a failed request reports");
+    else
+        stage::CheckEqual(reply.Information, kStretch, "bytes that a successful request reports");
+    if (!trial.IsCall && !NT_SUCCESS(reply.Status))
+        stage::CheckStatus(reply.Status, kDeviceError, "the device's error is the request's");
+    if (trial.Major == IRP_MJ_WRITE)
+        LearnWork(computer, at, kStretch, seed, reply.Status, trial.IsCall && trial.Kind == Fault::Allocate);
+    else if (NT_SUCCESS(reply.Status))
+        stage::Check(IsSame(buffer, Model() + at, kStretch), "what was read is what is there");
+}
+
+struct Tally {
+    ULONG attempts;
+    ULONG failed;
+};
+
+// False once the attempt went through without getting as far as the n-th.
+bool Attempt(Computer* computer, const Trial& trial, ULONG n, PUCHAR buffer, Tally* tally) {
+    const ULONG seed = 300 + gSlot;
+    const LONGLONG at = NextSlot(computer, seed);
+    FillPattern(buffer, kStretch, static_cast<ULONGLONG>(at), seed);
+    Arm(computer, trial, n);
+    const Reply reply = SendTransfer(TopOfData(computer), {.Major = trial.Major,
+                                                           .Offset = at,
+                                                           .Buffer = buffer,
+                                                           .Length = kStretch,
+                                                           .LeaveUnlocked = trial.LeavesPagesToLock});
+    const bool reached = Disarm(computer, trial, n);
+    ++tally->attempts;
+    if (!NT_SUCCESS(reply.Status)) ++tally->failed;
+    if (!reached) stage::CheckStatus(reply.Status, STATUS_SUCCESS, "an attempt in which nothing failed");
+    CheckAttempt(computer, trial, at, reply, buffer, seed);
+    return reached;
+}
+
+const Trial kTrials[] = {
+    {.Name = "memory, through a redirected write", .Major = IRP_MJ_WRITE},
+    {.Name = "memory, through a read", .Major = IRP_MJ_READ},
+    {.Name = "requests, through a redirected write", .Major = IRP_MJ_WRITE, .Kind = Fault::BuildRequest},
+    {.Name = "requests, through a read", .Major = IRP_MJ_READ, .Kind = Fault::BuildRequest},
+    {.Name = "page locks, through a redirected write",
+     .Major = IRP_MJ_WRITE,
+     .Kind = Fault::LockPages,
+     .LeavesPagesToLock = true},
+    {.Name = "page locks, through a read",
+     .Major = IRP_MJ_READ,
+     .Kind = Fault::LockPages,
+     .LeavesPagesToLock = true},
+    {.Name = "the device's writes, through a redirected write", .Major = IRP_MJ_WRITE, .IsCall = false},
+    {.Name = "the device's reads, through a read", .Major = IRP_MJ_READ, .IsCall = false},
+    {.Name = "the device's writes, later", .Major = IRP_MJ_WRITE, .IsCall = false, .Pends = true},
+    {.Name = "the device's reads, later", .Major = IRP_MJ_READ, .IsCall = false, .Pends = true},
+};
+
+// One call after the other fails, until an attempt no longer gets as far.
+void TryRequest(Computer* computer, const Trial& trial, PUCHAR buffer) {
+    stage::Step(trial.Name);
+    Tally tally = {};
+    ULONG n = 1;
+    while (n < kMostCalls && !stage::Failed() && Attempt(computer, trial, n, buffer, &tally)) ++n;
+    stage::Check(tally.failed != 0, "requests that failed", tally.failed, tally.attempts);
+    stage::Check(tally.failed < tally.attempts, "and at last one that did not", tally.attempts);
+}
+
+void TryRequests(Computer* computer) {
+    const Bytes buffer(kStretch);
+    if (!buffer) return;
+    for (const Trial& trial : kTrials) {
+        if (!trial.Pends) {
+            TryRequest(computer, trial, buffer.Get());
+            continue;
+        }
+        const PendedCompletions pend;
+        TryRequest(computer, trial, buffer.Get());
+    }
+}
+
+// ---- devices ---------------------------------------------------------------------------------------------
+
+// Whatever the start could not find out, the device is there, serves and goes.
+bool TryStart(Computer* computer, PDEVICE_OBJECT device, Fault fault, ULONG n) {
+    const LONG blocks = stage::PoolBlocks();
+    stage::FailCall(fault, n);
+    const NTSTATUS status = AddAndStart(computer->Driver, device);
+    const bool reached = stage::EndFault() >= n;
+    stage::CheckStatus(status, STATUS_SUCCESS, "the start");
+    const Bytes data(kSector);
+    if (!data) return false;
+    FillPattern(data.Get(), kSector, n * 8, 9);
+    stage::CheckStatus(WriteAt(stage::TopOfStack(device), kSector, data.Get(), kSector), STATUS_SUCCESS,
+                       "a write");
+    stage::Check(IsSame(RamOf(device)->Sectors + kSector, data.Get(), kSector), "the write is on the device");
+    stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, "the removal");
+    stage::Check(stage::TopOfStack(device) == device, "the filter has left");
+    stage::CheckEqual(static_cast<ULONGLONG>(stage::PoolBlocks()), static_cast<ULONGLONG>(blocks),
+                      "pool blocks");
+    return reached && !stage::Failed();
+}
+
+void TryStarts(Computer* computer) {
+    PDEVICE_OBJECT device =
+        MakeRamDevice({.Name = W("\\Device\\StoryTrial"), .Sectors = stage::Medium(4, kMiB), .Size = kMiB});
+    if (!device) return;
+    stage::Step("memory, while a device is added and started");
+    ULONG n = 1;
+    while (TryStart(computer, device, Fault::Allocate, n)) ++n;
+    stage::Check(n > 1, "starts in which memory was short", n);
+    stage::Step("requests, while a device is started");
+    for (n = 1; TryStart(computer, device, Fault::BuildRequest, n);) ++n;
+    stage::Check(n > 1, "starts in which a request could not be built", n);
+}
+
+// ---- storage ---------------------------------------------------------------------------------------------
+
+bool TryStorage(Computer* computer, Fault fault, ULONG n, ULONG* whole) {
+    const LONG blocks = stage::PoolBlocks();
+    stage::FailCall(fault, n);
+    const NTSTATUS status = StartStorage(&computer->User, DATA_VOLUME, kTrialStorage);
+    const LONGLONG bytes = WaitForStorage(&computer->User, DATA_VOLUME).SwapTotalBytes;
+    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
+    const bool reached = stage::EndFault() >= n;
+    stage::Check(bytes <= kTrialStorage && (NT_SUCCESS(status) || bytes == 0), "the storage that was made",
+                 static_cast<ULONGLONG>(bytes), static_cast<ULONG>(status));
+    if (bytes == kTrialStorage) ++*whole;
+    if (!reached)
+        stage::CheckEqual(static_cast<ULONGLONG>(bytes), kTrialStorage, "the storage when nothing failed");
+    RemoveStorage(computer);
+    CheckNoStorage(computer, blocks);
+    return reached && !stage::Failed();
+}
+
+void TryStorages(Computer* computer) {
+    stage::Step("memory, while storage is made");
+    ULONG whole = 0;
+    ULONG n = 1;
+    while (n < kMostCalls && TryStorage(computer, Fault::Allocate, n, &whole)) ++n;
+    stage::Check(n < kMostCalls && whole < n, "storage that memory was short for", n, whole);
+    stage::Step("the thread that makes storage");
+    stage::FailCall(Fault::CreateThread, 1);
+    const NTSTATUS status = StartStorage(&computer->User, DATA_VOLUME, kTrialStorage);
+    stage::CheckEqual(stage::EndFault(), 1, "threads that were to be made");
+    stage::Check(!NT_SUCCESS(status), "the request fails", static_cast<ULONG>(status));
+    stage::CheckEqual(FixedStatus(&computer->User, DATA_VOLUME).SwapStatus, 0, "nothing runs");
+}
+
+// The device fails in the middle of a file: what was written until then is what there is.
+void FailStorageWrites(Computer* computer) {
+    stage::Step("the device's writes, while storage is made");
+    const LONG blocks = stage::PoolBlocks();
+    for (const ULONG n : {1u, 3u, 6u}) {
+        FailTransfer(computer->Data, IRP_MJ_WRITE, n, kDeviceError);
+        stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kTrialStorage), STATUS_SUCCESS,
+                           "the request");
+        const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&computer->User, DATA_VOLUME);
+        stage::Check(status.SwapTotalBytes <= kTrialStorage, "no more storage than was written");
+        FailTransfer(computer->Data, IRP_MJ_WRITE, 0, kDeviceError);
+        RemoveStorage(computer);
+        CheckNoStorage(computer, blocks);
+    }
+}
+
+// ---- the boots -------------------------------------------------------------------------------------------
+
+void Make() {
+    Computer* computer = BootComputer(kOptions);
+    if (!computer) return;
+    TryStarts(computer);
+    computer->DataFiles.PieceUnits = kTrialPieceUnits;
+    TryStorages(computer);
+    FailStorageWrites(computer);
+    computer->DataFiles.PieceUnits = kOptions.PieceUnits;
+    if (stage::Failed()) return;
+    Install(computer, kText, kStorage);
+    EndComputer(computer);
+}
+
+// The configuration cannot be read at first, and the thread that holds the files cannot be made at first.
+void WakeBadly(Computer* computer) {
+    stage::Step("the device's reads, while the configuration is loaded");
+    const Bytes first(kSector);
+    if (!first) return;
+    for (const ULONG n : {1u, 5u, 16u}) {
+        FailTransfer(computer->System, IRP_MJ_READ, n, kDeviceError);
+        stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.Get(), kSector), STATUS_SUCCESS,
+                           "the read itself");
+        stage::Check(!IsEnabled(&computer->User), "nothing is configured");
+    }
+    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "another read");
+    stage::Check(IsEnabled(&computer->User), "loads the configuration");
+    stage::Step("the thread that holds the storage files");
+    stage::FailCall(Fault::CreateThread, 1);
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "the first read");
+    stage::CheckEqual(stage::EndFault(), 1, "threads that were to be made");
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "the second read");
+    CheckHeld(computer);
+}
+
+void Use() {
+    Computer* computer = BootComputer(kOptions);
+    if (!computer) return;
+    WakeBadly(computer);
+    CheckProtected(computer, kStorage);
+    if (stage::Failed()) return;
+    gSlot = 0;
+    TryRequests(computer);
+    stage::Step("after all the faults");
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    EndComputer(computer);
+    CheckSaved(computer);
+}
+
+// The map that was saved after all that is sound.
+void UseAgain() {
+    Computer* computer = BootComputer(kOptions);
+    if (!computer) return;
+    WakeComputer(computer);
+    stage::Step("the redirections were kept");
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    WorkTogether(computer, 70);
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    EndComputer(computer);
+    CheckSaved(computer);
+}
+
+constexpr void (*kBoots[])() = {Make, Use, UseAgain};
+
+}  // namespace
+
+const Story kFaultsStory = {"faults", "what fails ends, leaks nothing and spoils nothing", kBoots, 3};

@@ -1,0 +1,227 @@
+// Devices come, start, are named and go: volumes and disks, fixed and removable, with small and large sectors;
+// and the driver keeps those that it cannot do without.
+#include <initializer_list>
+#include "tests/second_kernel/common/completer.h"
+#include "tests/second_kernel/common/computer.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+#define REMOVABLE_VOLUME W("\\Device\\StoryRemovable")
+#define LISTED_VOLUME W("\\Device\\StoryListed")
+#define HIDDEN_VOLUME W("\\Device\\StoryHidden")
+#define LARGE_VOLUME W("\\Device\\StoryLarge")
+#define FILTERED_VOLUME W("\\Device\\StoryFiltered")
+#define LOST_VOLUME W("\\Device\\StoryLost")
+
+constexpr ULONG kSmallBytes = kMiB;
+
+PDEVICE_OBJECT MakeSmall(const WCHAR* name, bool removable = false, USHORT sector = 512) {
+    return MakeRamDevice({.Name = name,
+                          .Sectors = stage::Medium(2, kSmallBytes),
+                          .Size = kSmallBytes,
+                          .SectorSize = sector,
+                          .IsRemovable = removable});
+}
+
+void Remove(PDEVICE_OBJECT device, const char* what) {
+    stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, what);
+    stage::CheckEqual(RamOf(device)->Removes, 1, "removals that reached the device");
+    const PDEVICE_OBJECT top = stage::TopOfStack(device);
+    if (stage::Check(top->DriverObject == device->DriverObject, "the driver's filter has left the stack"))
+        DeleteRamDevice(device);
+}
+
+void CheckFlags(PDEVICE_OBJECT device) {
+    stage::Step("flags of the filter");
+    PDEVICE_OBJECT filter = stage::TopOfStack(device);
+    stage::Check((filter->Flags & DO_DIRECT_IO) != 0, "direct transfers", filter->Flags);
+    stage::Check((filter->Flags & DO_DEVICE_INITIALIZING) == 0, "no longer being initialised", filter->Flags);
+    stage::Check((filter->Flags & DO_POWER_PAGABLE) != 0, "pageable power code", filter->Flags);
+    stage::CheckEqual(filter->StackSize, static_cast<ULONGLONG>(device->StackSize) + 1, "stack locations");
+    stage::CheckEqual(filter->SectorSize, device->SectorSize, "sector size");
+    stage::CheckEqual(filter->DeviceType, FILE_DEVICE_DISK, "device type");
+}
+
+// Nothing is configured: what goes in arrives as it is, and comes back.
+void PassTransfers(PDEVICE_OBJECT device) {
+    stage::Step("transfers of an unprotected volume");
+    const ULONG length = 4 * device->SectorSize;
+    const Bytes data(length);
+    const Bytes back(length);
+    if (!data || !back) return;
+    PDEVICE_OBJECT top = stage::TopOfStack(device);
+    FillPattern(data.Get(), length, 0, 11);
+    stage::CheckStatus(WriteAt(top, length, data.Get(), length), STATUS_SUCCESS, "a write");
+    stage::Check(IsSame(RamOf(device)->Sectors + length, data.Get(), length), "the write is on the device");
+    const Reply reply = SendTransfer(top, {IRP_MJ_READ, length, back.Get(), length});
+    stage::CheckStatus(reply.Status, STATUS_SUCCESS, "a read");
+    stage::CheckEqual(reply.Information, length, "bytes read");
+    stage::Check(IsSame(back.Get(), data.Get(), length), "what was read");
+    stage::CheckStatus(ReadAt(top, kSmallBytes, back.Get(), length), STATUS_INVALID_PARAMETER,
+                       "a read behind the end");
+}
+
+void PassOthers(PDEVICE_OBJECT device) {
+    stage::Step("flush, power, Plug and Play and opens of an unprotected volume");
+    PDEVICE_OBJECT top = stage::TopOfStack(device);
+    const RamDevice* ram = RamOf(device);
+    FILE_OBJECT file;
+    InitializeFile(&file, device, W(""));
+    stage::CheckStatus(SendSimple(top, IRP_MJ_CREATE, &file).Status, STATUS_SUCCESS, "an open");
+    stage::CheckEqual(ram->Creates, 0, "opens that reached the device: the filter answers for itself");
+    for (const int major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_FLUSH_BUFFERS})
+        stage::CheckStatus(SendSimple(top, static_cast<UCHAR>(major), &file).Status, STATUS_SUCCESS,
+                           "a request");
+    stage::CheckEqual(ram->Flushes, 1, "flushes that reached the device");
+    stage::CheckStatus(SendPower(top), STATUS_SUCCESS, "a power request");
+    stage::CheckEqual(ram->Powers, 1, "power requests that reached the device");
+    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_CAPABILITIES), STATUS_NOT_SUPPORTED, "what nobody touched");
+    stage::CheckStatus(SendControl(top, {IOCTL_DISK_IS_WRITABLE}).Status, STATUS_SUCCESS, "a device control");
+    stage::CheckEqual(ram->Controls, 1, "device controls that reached the device");
+    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "a query for removal");
+    stage::CheckEqual(ram->QueryRemoves, 1, "queries that reached the device");
+}
+
+void CheckExtents(Computer* computer) {
+    stage::Step("extents and names");
+    stage::CheckEqual(stage::TimesSaid("\tExtent[0]: 7 [100000-"), 1, "the data volume's extent");
+    stage::CheckEqual(stage::TimesSaid("VOLUME_DISK_EXTENTS 0x"), 1, "a volume that cannot tell its extents");
+    stage::Check(FixedStatus(&computer->User, DATA_VOLUME).State == 0, "the data volume is named");
+    stage::Check(FixedStatus(&computer->User, DATA_DISK).State == 0, "the disk is named");
+}
+
+void AddInrush(Computer* computer) {
+    stage::Step("a device that needs power at once");
+    PDEVICE_OBJECT device = MakeSmall(W("\\Device\\StoryInrush"));
+    if (!device) return;
+    device->Flags |= DO_POWER_INRUSH;
+    stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "start");
+    const ULONG flags = stage::TopOfStack(device)->Flags;
+    stage::Check((flags & DO_POWER_INRUSH) && !(flags & DO_POWER_PAGABLE), "the filter's power flags", flags);
+    Remove(device, "removal");
+}
+
+// The name is found further down the stack.
+void AddBelowFilter(Computer* computer) {
+    stage::Step("a volume below a filter without a name");
+    PDEVICE_OBJECT device = MakeSmall(FILTERED_VOLUME);
+    if (!device || !AddPassingFilter(device)) return;
+    stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "start");
+    stage::Check(stage::TopOfStack(device)->DriverObject == computer->Driver, "the driver's filter is on top");
+    stage::CheckEqual(FixedStatus(&computer->User, FILTERED_VOLUME).State, 0, "the volume is named");
+    PassTransfers(device);
+    Remove(device, "removal");
+}
+
+void AddLost(Computer* computer) {
+    PDEVICE_OBJECT device = MakeRamDevice({.Name = LOST_VOLUME,
+                                           .Sectors = stage::Medium(2, kSmallBytes),
+                                           .Size = kSmallBytes,
+                                           .NoExtents = true});
+    if (!device) return;
+    stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS,
+                       "a volume without extents starts");
+    Remove(device, "and goes");
+}
+
+void PlayDevice(Computer* computer, PDEVICE_OBJECT device) {
+    if (!device) return;
+    stage::Step("a device whose start takes its time");
+    {
+        const PendedCompletions pend;
+        stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "the device starts");
+    }
+    stage::CheckEqual(RamOf(device)->Starts, 1, "starts that reached the device");
+    CheckFlags(device);
+    PassTransfers(device);
+    PassOthers(device);
+}
+
+// ---- the boots -------------------------------------------------------------------------------------------
+
+void Unprotected() {
+    Computer* computer = BootComputer({.DataBytes = 16 * kMiB, .IsDataOnDisk = true});
+    if (!computer) return;
+    AddLost(computer);
+    CheckExtents(computer);
+    PDEVICE_OBJECT large = MakeSmall(LARGE_VOLUME, false, 4096);
+    PDEVICE_OBJECT removable = MakeSmall(REMOVABLE_VOLUME, true);
+    PlayDevice(computer, large);
+    PlayDevice(computer, removable);
+    if (stage::Failed()) return;
+    stage::Check((stage::TopOfStack(removable)->Characteristics & FILE_REMOVABLE_MEDIA) != 0,
+                 "the filter is removable too");
+    stage::CheckEqual(RemovableStatus(&computer->User, REMOVABLE_VOLUME).AccessMode, 0, "and not protected");
+    AddInrush(computer);
+    AddBelowFilter(computer);
+    stage::Step("removal");
+    Remove(large, "the large volume goes");
+    Remove(removable, "the removable volume goes");
+    stage::Step("write the configuration");
+    stage::CheckStatus(SetConfig(&computer->User, W("[Global]\r\nProtection=1\r\nRVAccessMode=1\r\n"
+                                                    "[RV 1]\r\nID=\\Device\\StoryListed\r\nAccessMode=1\r\n"
+                                                    "[RV 2]\r\nID=\\Device\\StoryHidden\r\nAccessMode=2\r\n")),
+                       STATUS_SUCCESS, "the configuration");
+    EndComputer(computer);
+    stage::Check(stage::TopOfStack(computer->Disk) == computer->Disk, "the disk's filter leaves at shutdown");
+    stage::Check(TopOfData(computer) != computer->Data, "the volume's filter stays");
+    const Bytes data(512);
+    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.Get(), 512), STATUS_SUCCESS,
+                       "a write after shutdown");
+    stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
+}
+
+void PlayProtectedRemovable(Computer* computer, const WCHAR* name, bool hidden, ULONG mode, bool readOnly) {
+    PDEVICE_OBJECT device = MakeSmall(name, true);
+    if (!device) return;
+    const NTSTATUS expected = hidden ? STATUS_ACCESS_DENIED : STATUS_SUCCESS;
+    stage::CheckStatus(AddAndStart(computer->Driver, device), expected, "the removable volume's start");
+    stage::CheckEqual(RemovableStatus(&computer->User, name).AccessMode, mode, "its access mode");
+    PDEVICE_OBJECT top = stage::TopOfStack(device);
+    stage::CheckEqual((top->Characteristics & FILE_READ_ONLY_DEVICE) != 0, readOnly, "shown as read-only");
+    const Bytes data(512);
+    if (!data) return;
+    FillPattern(data.Get(), 512, 0, mode + 50);
+    const ULONG before = RamOf(device)->Writes;
+    stage::CheckStatus(WriteAt(top, 0, data.Get(), 512), STATUS_MEDIA_WRITE_PROTECTED, "a write to it");
+    stage::CheckEqual(RamOf(device)->Writes, before, "writes that reached the device");
+    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "it may go");
+    Remove(device, "and goes");
+}
+
+void Protected() {
+    Computer* computer = BootComputer({.DataBytes = 16 * kMiB, .IsDataOnDisk = true});
+    if (!computer) return;
+    WakeComputer(computer);
+    stage::Step("protection is on");
+    if (!stage::Check(IsEnabled(&computer->User), "protection is on")) return;
+    const LONG blocks = stage::PoolBlocks();
+    stage::CheckEqual(static_cast<ULONGLONG>(blocks), 2, "pool blocks: the listed volumes");
+    stage::Step("a listed removable volume");
+    PlayProtectedRemovable(computer, LISTED_VOLUME, false, 1, true);
+    stage::Step("a hidden removable volume");
+    PlayProtectedRemovable(computer, HIDDEN_VOLUME, true, 2, true);
+    stage::Step("a removable volume by default");
+    PlayProtectedRemovable(computer, REMOVABLE_VOLUME, false, 1, false);
+    stage::Step("removal of the volume that holds the configuration is refused");
+    for (const int minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE})
+        stage::CheckStatus(SendPnp(TopOfSystem(computer), static_cast<UCHAR>(minor)),
+                           STATUS_INSUFFICIENT_RESOURCES, "a removal");
+    stage::Check(TopOfSystem(computer) != computer->System, "the filter is still there");
+    const RamDevice* system = RamOf(computer->System);
+    stage::Check(system->Removes == 0 && system->QueryRemoves == 0, "and the device has not heard of it");
+    stage::Step("the data volume may go");
+    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
+    stage::CheckStatus(SendPnp(TopOfData(computer), IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "the query");
+    Remove(computer->Data, "the removal");
+    stage::CheckEqual(static_cast<ULONGLONG>(stage::PoolBlocks()), static_cast<ULONGLONG>(blocks),
+                      "pool blocks");
+    EndComputer(computer);
+}
+
+constexpr void (*kBoots[])() = {Unprotected, Protected};
+
+}  // namespace
+
+const Story kPlugAndPlayStory = {"plug_and_play", "devices come, start and go", kBoots, 2};

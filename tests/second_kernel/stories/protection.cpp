@@ -1,0 +1,273 @@
+// A protected volume over several boots: writes are redirected while the volume's own sectors stay as they are,
+// the map is saved at shutdown, and at the next boot the redirections are kept, discarded or merged.
+#include "tests/second_kernel/common/saved_map.h"
+#include "tests/second_kernel/common/work.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+#define SECTION_HEAD W("[FV 1]\r\nID=") DATA_VOLUME W("\r\nProtectionMode=1\r\n")
+#define GLOBAL_ON W("[Global]\r\nProtection=1\r\n")
+
+const WCHAR kKeep[] = GLOBAL_ON SECTION_HEAD W("BootMode=1\r\nBootAction=0\r\n");
+const WCHAR kDiscardOnce[] = GLOBAL_ON SECTION_HEAD W("BootMode=1\r\nBootAction=1\r\n");
+const WCHAR kDiscard[] = GLOBAL_ON SECTION_HEAD W("BootMode=0\r\nBootAction=0\r\n");
+const WCHAR kMergeOnce[] = GLOBAL_ON SECTION_HEAD W("BootMode=0\r\nBootAction=2\r\n");
+
+constexpr ULONG kMapBad = 3;
+
+// What the three stories differ in.
+struct Plan {
+    ComputerOptions computer;
+    LONGLONG storage;
+};
+const Plan kKeepPlan = {{.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
+                        14 * kMiB};
+const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB};
+const Plan kMergePlan = {{.PieceUnits = 16}, 56 * kMiB};  // merging wants more than 51 MiB free
+
+Computer* Wake(const Plan& plan) {
+    Computer* computer = BootComputer(plan.computer);
+    if (!computer) return nullptr;
+    stage::Step("the first reads");
+    WakeComputer(computer);
+    CheckHeld(computer);
+    return stage::Failed() ? nullptr : computer;
+}
+
+void End(Computer* computer) {
+    stage::Step("before the shutdown");
+    CheckThroughStack(computer);
+    EndComputer(computer);
+    CheckSaved(computer);
+    CheckThroughStack(computer);  // a volume's filter serves to the very end
+}
+
+void InstallBoot(const Plan& plan, const WCHAR* configuration) {
+    Computer* computer = BootComputer(plan.computer);
+    if (!computer) return;
+    Install(computer, configuration, plan.storage);
+    stage::Step("a volume is not protected in the boot that configures it");
+    const Bytes data(plan.computer.DataSector);
+    if (!data) return;
+    RtlCopyMemory(data.Get(), computer->DataSectors, plan.computer.DataSector);
+    const ULONG before = RamOf(computer->Data)->Writes;
+    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.Get(), plan.computer.DataSector), STATUS_SUCCESS,
+                       "a write");
+    stage::CheckEqual(RamOf(computer->Data)->Writes, before + 1, "writes that reached the device");
+    EndComputer(computer);
+}
+
+// Overwrites of what is redirected, in ranges that begin and end in the middle of it and beyond it.
+void OverwriteWork(Computer* computer, ULONG seed) {
+    stage::Step("overwrites across the ends of redirected ranges");
+    const LONGLONG sector = computer->Options.DataSector;
+    const auto three = static_cast<ULONG>(3 * sector);
+    const LONGLONG at = kSliceBytes - 40 * sector;
+    WriteWork(computer, at, three, seed);
+    WriteWork(computer, at + 2 * sector, three, seed + 1);
+    WriteWork(computer, at - sector, three, seed + 2);
+    WriteWork(computer, at - 8 * sector, static_cast<ULONG>(30 * sector), seed + 3);
+    WriteWork(computer, at, three, seed + 4);
+}
+
+// What a redirected range could never be found again by is refused.
+void RefuseUnaligned(Computer* computer) {
+    stage::Step("a write that begins inside a sector");
+    const ULONG sector = computer->Options.DataSector;
+    const Bytes data(sector);
+    if (!data) return;
+    stage::CheckStatus(WriteAt(TopOfData(computer), sector / 2, data.Get(), sector), STATUS_INVALID_PARAMETER,
+                       "such a write");
+}
+
+void Work(Computer* computer, const Plan& plan, ULONG seed) {
+    CheckProtected(computer, plan.storage);
+    stage::Step("writes and reads from several threads at once");
+    WorkTogether(computer, seed);
+    OverwriteWork(computer, seed + 500);
+    RefuseUnaligned(computer);
+    stage::Step("what came of the work");
+    CheckProtected(computer, plan.storage);
+    CheckThroughStack(computer);
+}
+
+// ---- kept ------------------------------------------------------------------------------------------------
+
+void KeepInstall() {
+    InstallBoot(kKeepPlan, kKeep);
+}
+
+void KeepWork() {
+    Computer* computer = Wake(kKeepPlan);
+    if (!computer) return;
+    Work(computer, kKeepPlan, 10);
+    CheckOwnSectors(computer);
+    End(computer);
+    CheckOwnSectors(computer);
+}
+
+// Kept; more work over it; the next boot is to discard, once.
+void KeepMore() {
+    Computer* computer = Wake(kKeepPlan);
+    if (!computer) return;
+    stage::Step("the redirections were kept");
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    Work(computer, kKeepPlan, 20);
+    stage::CheckStatus(SetConfig(&computer->User, kDiscardOnce), STATUS_SUCCESS, "discard once");
+    CheckOwnSectors(computer);
+    End(computer);
+}
+
+// A write to the volume with the configuration file lets the driver reset what counts once.
+void CheckActionReset(Computer* computer, const WCHAR* text) {
+    stage::Step("what counts once is reset in the configuration");
+    const Bytes data(512);
+    if (!data) return;
+    stage::CheckStatus(WriteAt(TopOfSystem(computer), 0, data.Get(), 512), STATUS_SUCCESS, "a write");
+    stage::Check(IsConfig(&computer->User, text), "the configuration's text");
+}
+
+void KeepDiscardedOnce() {
+    Computer* computer = Wake(kKeepPlan);
+    if (!computer) return;
+    stage::Step("the redirections were discarded");
+    ForgetModel(computer);
+    CheckOwnSectors(computer);
+    CheckThroughStack(computer);
+    CheckActionReset(computer, kKeep);
+    Work(computer, kKeepPlan, 30);
+    CheckOwnSectors(computer);
+    End(computer);
+}
+
+void KeepAgain() {
+    Computer* computer = Wake(kKeepPlan);
+    if (!computer) return;
+    stage::Step("the redirections were kept again");
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    CheckProtected(computer, kKeepPlan.storage);
+    End(computer);
+    DamageSavedMap(computer);
+}
+
+// A map of which anything is wrong protects nothing; making the storage anew repairs it.
+void KeepDamaged() {
+    Computer* computer = BootComputer(kKeepPlan.computer);
+    if (!computer) return;
+    WakeComputer(computer);
+    stage::Step("a damaged map");
+    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(status.SwapStatus, kMapBad, "the map is found bad");
+    stage::CheckEqual(status.State, 0, "the volume is not protected");
+    stage::Check(IsEnabled(&computer->User), "though protection is on");
+    ForgetModel(computer);
+    CheckThroughStack(computer);
+    CheckOwnSectors(computer);
+    stage::Step("storage made anew");
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kKeepPlan.storage), STATUS_SUCCESS,
+                       "the request");
+    const KVR_FIXED_VOLUME_STATUS repaired = WaitForStorage(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(static_cast<ULONGLONG>(repaired.SwapTotalBytes),
+                      static_cast<ULONGLONG>(kKeepPlan.storage), "the storage");
+    EndComputer(computer);
+}
+
+// ---- discarded -------------------------------------------------------------------------------------------
+
+void DiscardInstall() {
+    InstallBoot(kDiscardPlan, kDiscard);
+}
+
+void DiscardWork() {
+    Computer* computer = Wake(kDiscardPlan);
+    if (!computer) return;
+    stage::Step("nothing is redirected");
+    ForgetModel(computer);
+    CheckOwnSectors(computer);
+    CheckThroughStack(computer);
+    Work(computer, kDiscardPlan, 40);
+    CheckOwnSectors(computer);
+    End(computer);
+    CheckOwnSectors(computer);
+}
+
+// ---- merged ----------------------------------------------------------------------------------------------
+
+void MergeInstall() {
+    InstallBoot(kMergePlan, kDiscard);
+}
+
+// The system's own hive is redirected until the next boot only.
+void WriteHive(Computer* computer) {
+    stage::Step("what is redirected until the next boot only");
+    constexpr LONGLONG place = kRegion - 64 * kKiB;
+    constexpr ULONG length = 3 * 512;
+    const Bytes data(length);
+    const Bytes back(length);
+    if (!data || !back) return;
+    FILE_OBJECT file;
+    InitializeFile(&file, computer->Data, W("\\Windows\\System32\\config\\SYSTEM"));
+    FillPattern(data.Get(), length, place, 99);
+    stage::CheckStatus(WriteAt(TopOfData(computer), place, data.Get(), length, &file), STATUS_SUCCESS,
+                       "its write");
+    stage::CheckStatus(ReadAt(TopOfData(computer), place, back.Get(), length), STATUS_SUCCESS, "its read");
+    stage::Check(IsSame(data.Get(), back.Get(), length), "this boot sees it");
+}
+
+void MergeWork() {
+    Computer* computer = Wake(kMergePlan);
+    if (!computer) return;
+    Work(computer, kMergePlan, 50);
+    CheckOwnSectors(computer);
+    stage::CheckStatus(SetConfig(&computer->User, kMergeOnce), STATUS_SUCCESS, "merge once");
+    WriteHive(computer);
+    End(computer);
+    CheckOwnSectors(computer);
+}
+
+bool IsMerged(Computer* computer) {
+    return stage::Check(IsSame(computer->DataSectors, stage::Medium(4, kWorkBytes), kWorkBytes),
+                        "the volume's own sectors are those of the work");
+}
+
+// What was redirected is on the volume now; new work is redirected over it.
+void MergeDone() {
+    Computer* computer = Wake(kMergePlan);
+    if (!computer) return;
+    stage::Step("the redirections were merged");
+    RtlCopyMemory(stage::Medium(4, kWorkBytes), Model(), kWorkBytes);
+    if (!IsMerged(computer)) return;
+    stage::Check(IsPattern(computer->DataSectors + kWorkBytes, kRegion - kWorkBytes, kWorkBytes, kOwnSeed),
+                 "what was not redirected is as it was");
+    ForgetModel(computer);
+    CheckThroughStack(computer);
+    CheckActionReset(computer, kDiscard);
+    Work(computer, kMergePlan, 60);
+    IsMerged(computer);
+    End(computer);
+}
+
+void MergeNotAgain() {
+    Computer* computer = Wake(kMergePlan);
+    if (!computer) return;
+    stage::Step("the later redirections were discarded, not merged");
+    IsMerged(computer);
+    ForgetModel(computer);
+    CheckThroughStack(computer);
+    CheckProtected(computer, kMergePlan.storage);
+    End(computer);
+}
+
+constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged};
+constexpr void (*kDiscardBoots[])() = {DiscardInstall, DiscardWork, DiscardWork};
+constexpr void (*kMergeBoots[])() = {MergeInstall, MergeWork, MergeDone, MergeNotAgain};
+
+}  // namespace
+
+const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 6};
+const Story kProtectionDiscardStory = {"protection_discard",
+                                       "redirections discarded at every boot, large sectors", kDiscardBoots, 3};
+const Story kProtectionMergeStory = {"protection_merge", "redirections merged once", kMergeBoots, 4};

@@ -1,0 +1,166 @@
+// Storage is made by the driver's own threads, through a file system that the story plays, and removed again.
+#include <initializer_list>
+#include "tests/second_kernel/common/computer.h"
+#include "tests/second_kernel/common/saved_map.h"
+#include "tests/second_kernel/common/storage.h"
+#include "tests/second_kernel/common/threads.h"
+#include "tests/second_kernel/stories/list.h"
+
+namespace {
+
+constexpr LONGLONG kStorage = 12 * kMiB;
+constexpr ULONG kProvisioning = 1;
+constexpr ULONG kPresent = 2;
+
+const ComputerOptions kOptions = {.DataBytes = 40 * kMiB, .PieceUnits = 4, .GapUnits = 1};
+
+bool WaitFor(PRKEVENT event) {
+    LARGE_INTEGER time;
+    time.QuadPart = -30 * 10'000'000LL;
+    return stage::CheckStatus(KeWaitForSingleObject(event, Executive, KernelMode, FALSE, &time), STATUS_SUCCESS,
+                              "the driver's thread writes a file");
+}
+
+// Refusals that come from the thread alone, whatever they ask for.
+void RefuseSecond(Computer* computer) {
+    stage::Step("a second provisioning while one runs");
+    const SWAP_CONFIG_REQUEST request = StorageRequest(SYSTEM_VOLUME, kMiB);
+    for (const ULONG code : {ULONG{IOCTL_KVR_ALLOCATE_SWAP}, ULONG{IOCTL_KVR_REMOVE_SWAP}})
+        stage::CheckStatus(Ask(&computer->User, code, &request, sizeof(request)).Status,
+                           STATUS_FILE_LOCK_CONFLICT, "a second request");
+    for (const WCHAR* volume : {SYSTEM_VOLUME, DATA_VOLUME})
+        stage::CheckEqual(FixedStatus(&computer->User, volume).SwapStatus, kProvisioning,
+                          "every volume's status");
+}
+
+void SeeProgress(Computer* computer) {
+    stage::Step("progress");
+    LONGLONG last = FixedStatus(&computer->User, DATA_VOLUME).SwapTotalBytes;
+    stage::CheckEqual(static_cast<ULONGLONG>(last), 0, "nothing is written yet");
+    for (int i = 0; i < 3; ++i) {
+        KeClearEvent(&computer->DataFiles.Arrived);
+        LetOneThrough(&computer->DataFiles);
+        if (!WaitFor(&computer->DataFiles.Arrived)) return;
+        const LONGLONG now = FixedStatus(&computer->User, DATA_VOLUME).SwapTotalBytes;
+        stage::CheckEqual(static_cast<ULONGLONG>(now - last), kMiB, "one more block");
+        last = now;
+    }
+}
+
+// What the driver knows, what the registry says and what the medium holds are the same storage.
+void CheckStorage(Computer* computer) {
+    stage::Step("the storage that was made");
+    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(status.SwapStatus, kPresent, "storage is present");
+    stage::CheckEqual(static_cast<ULONGLONG>(status.SwapTotalBytes), kStorage, "its size");
+    stage::CheckEqual(static_cast<ULONGLONG>(status.SwapUsedBytes), 0, "nothing of it is used");
+    SavedMap map;
+    ReadSavedMap(computer, &map);
+    stage::CheckEqual(map.FreeBytes, kStorage, "free space in the saved map");
+    stage::CheckEqual(map.Swapped, 0, "redirections in the saved map");
+    const PlayedFile* file = FindFile(&computer->DataFiles, W("\\kvr.MAP"));
+    if (!stage::Check(file != nullptr, "the map file")) return;
+    stage::CheckEqual(map.LocationBytes, static_cast<ULONGLONG>(file->Size),
+                      "the map file's runs in the registry");
+    stage::CheckEqual(map.Location[0].Sector, static_cast<ULONGLONG>(file->Extents[0].Offset / 512),
+                      "where the map file begins");
+    stage::Check(map.Runs > 1, "it lies in pieces", map.Runs);
+}
+
+void Provision(Computer* computer) {
+    stage::Step("make storage");
+    GateWrites(&computer->DataFiles);
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
+    if (!WaitFor(&computer->DataFiles.Arrived)) return;
+    RefuseSecond(computer);
+    SeeProgress(computer);
+    OpenGate(&computer->DataFiles);
+    (void)WaitForStorage(&computer->User, DATA_VOLUME);
+    CheckStorage(computer);
+}
+
+void Remove(Computer* computer, LONG blocks) {
+    stage::Step("remove the storage");
+    RemoveStorage(computer);
+    CheckNoStorage(computer, blocks);
+}
+
+struct Stopper {
+    Tool* tool;
+    NTSTATUS status;
+    std::atomic<bool> ended;
+};
+
+void StopThread(PVOID context) {
+    auto* stopper = static_cast<Stopper*>(context);
+    stopper->status = Ask(stopper->tool, IOCTL_KVR_STOP_SWAP_THREAD).Status;
+    stopper->ended = true;
+    (void)PsTerminateSystemThread(STATUS_SUCCESS);
+}
+
+void StopInTheMiddle(Computer* computer, LONG blocks) {
+    stage::Step("stop in the middle");
+    PlayedFiles* files = &computer->DataFiles;
+    GateWrites(files);
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, 2 * kStorage), STATUS_SUCCESS, "the request");
+    if (!WaitFor(&files->Arrived)) return;
+    Stopper stopper = {&computer->User, STATUS_PENDING, false};
+    PVOID thread = StartThread(StopThread, &stopper);
+    // Block by block and slowly: of 24 blocks only the first few pass before the request has been seen.
+    while (thread && !stopper.ended) {
+        Sleep(20);
+        LetOneThrough(files);
+    }
+    OpenGate(files);
+    JoinThread(thread);
+    stage::CheckStatus(stopper.status, STATUS_SUCCESS, "the stop");
+    CheckNoStorage(computer, blocks);
+    stage::CheckStatus(Ask(&computer->User, IOCTL_KVR_STOP_SWAP_THREAD).Status, STATUS_SUCCESS,
+                       "a stop of nothing");
+}
+
+void FillSeveralFiles(Computer* computer) {
+    stage::Step("storage in several files, where one may not grow further");
+    computer->DataFiles.FileLimit = 5 * kMiB;
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
+    (void)WaitForStorage(&computer->User, DATA_VOLUME);
+    computer->DataFiles.FileLimit = 0;
+    CheckStorage(computer);
+    const WCHAR* names[] = {W("\\kvr.SWP"), W("\\kvr.SWP.01"), W("\\kvr.SWP.02")};
+    for (const WCHAR* name : names)
+        stage::Check(FindFile(&computer->DataFiles, name) != nullptr, "a storage file");
+}
+
+void Play() {
+    Computer* computer = BootComputer(kOptions);
+    if (!computer) return;
+    const LONG blocks = stage::PoolBlocks();
+    stage::CheckEqual(static_cast<ULONGLONG>(blocks), 0, "pool blocks of an idle driver");
+    Provision(computer);
+    if (stage::Failed()) return;
+    Remove(computer, blocks);
+    StopInTheMiddle(computer, blocks);
+    FillSeveralFiles(computer);
+    EndComputer(computer);
+}
+
+// The storage of the earlier boot is found again, as it was saved, when a configuration asks for it.
+void PlayAgain() {
+    Computer* computer = BootComputer(kOptions);
+    if (!computer) return;
+    stage::Step("the storage of the earlier boot is replaced");
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
+    (void)WaitForStorage(&computer->User, DATA_VOLUME);
+    CheckStorage(computer);
+    stage::Check(FindFile(&computer->DataFiles, W("\\kvr.SWP.01")) == nullptr, "the numbered files are gone");
+    Remove(computer, 0);
+    EndComputer(computer);
+    stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
+}
+
+constexpr void (*kBoots[])() = {Play, PlayAgain};
+
+}  // namespace
+
+const Story kProvisioningStory = {"provisioning", "storage made, stopped and removed by the driver's threads",
+                                  kBoots, 2};

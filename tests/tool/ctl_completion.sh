@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# What a user gets when completing kvrctl's command line, with a kvrctl that knows two volumes.
+set -u
+completion=$1
+failures=0
+kvrctl() { [ "$*" = "${expected_call:-volumes --names}" ] && printf 'HarddiskVolume1\nHarddiskVolume12\n'; }
+. "$completion"
+
+# gives "EXPECTED WORDS" WORDS...: the completions of the last word
+gives() {
+    local expected=$1
+    shift
+    COMP_WORDS=("$@")
+    COMP_CWORD=$(($# - 1))
+    _kvrctl
+    [ "${COMPREPLY[*]}" = "$expected" ] && return
+    echo "FAILED: '$*' gave '${COMPREPLY[*]}', not '$expected'"
+    failures=$((failures + 1))
+}
+
+gives "status swap" kvrctl s
+gives "make remove stop" kvrctl swap ""
+gives "protect" kvrctl removable p
+gives "HarddiskVolume1 HarddiskVolume12" kvrctl protect Hard
+gives "HarddiskVolume12" kvrctl swap make HarddiskVolume12
+gives "" kvrctl swap make HarddiskVolume1 ""
+gives "HarddiskVolume1 HarddiskVolume12" kvrctl removable hide --dry-run ""
+gives "discard keep" kvrctl protect --at-boot ""
+gives "--at-boot" kvrctl protect HarddiskVolume1 --at
+gives "--force" kvrctl config set --f
+gives "--json" kvrctl map HarddiskVolume1 --j
+expected_call="--machine pc volumes --names"
+gives "HarddiskVolume1 HarddiskVolume12" kvrctl --machine pc merge ""
+[ "$failures" -eq 0 ]

@@ -1,0 +1,154 @@
+// The saved map: what is drawn, and that damage is told instead.
+#include <gtest/gtest.h>
+#include <cstring>
+#include "ctl_support.h"
+#include "tool/ctl/map_picture.h"
+#include "tool/ctl/saved_map.h"
+
+namespace {
+
+using namespace ctl;
+using namespace ctl_test;
+
+constexpr char16_t kVolume[] = u"\\Device\\V";
+constexpr std::uint64_t kSectors = 6400;
+
+MapEntryRecord Entry(std::uint32_t volume, std::uint32_t swap, std::uint32_t sectors) {
+    MapEntryRecord entry{volume, swap, {}, 0};
+    for (int i = 0; i < 3; ++i) entry.sectors[i] = static_cast<std::uint8_t>(sectors >> (8 * i));
+    entry.check = MapCheck(entry);
+    return entry;
+}
+
+// A volume whose map lies in two runs: 42 entries fit into the first.
+struct MapVolume {
+    Machine machine;
+    std::vector<MapRunRecord> runs = {{6000, 512}, {6100, 1024}};
+    std::vector<MapEntryRecord> entries = {Entry(128, 4096, 8),         Entry(136, 4104, 2),
+                                           Entry(138, 4200, 1),         Entry(5000, 4300, 64),
+                                           Entry(kFreeMark, 4400, 100), Entry(kFreeMark, 4500, 50)};
+
+    SavedMap Read() {
+        VolumeFacts facts;
+        facts.bytes = kSectors * 512, facts.sectorBytes = 512;
+        machine.facts[kVolume] = facts;
+        Bytes location(runs.size() * sizeof(MapRunRecord)), volume(kSectors * 512);
+        if (!runs.empty()) std::memcpy(location.data(), runs.data(), location.size());
+        location.resize(location.size() - cut);
+        std::size_t slot = 0;
+        for (const MapEntryRecord& entry : entries) {
+            const std::size_t at = slot < 42 ? 6000 * 512 + slot * 12 : 6100 * 512 + (slot - 42) * 12;
+            std::memcpy(volume.data() + at, &entry, sizeof entry);
+            ++slot;
+        }
+        machine.sectors[kVolume] = volume;
+        machine.registry[kVolume] = location;
+        MadeUpWorld world(machine);
+        return ReadSavedMap(world, kVolume);
+    }
+    std::size_t cut = 0;  // bytes missing of the registry's value
+};
+
+TEST(CtlMap, ReadsWhatTheDriverWrote) {
+    // The example of the format's description, byte by byte.
+    const MapEntryRecord example = Entry(0x80, 0x1000, 8);
+    const std::uint8_t bytes[12] = {0x80, 0, 0, 0, 0, 0x10, 0, 0, 8, 0, 0, 0x32};
+    EXPECT_EQ(0, std::memcmp(bytes, &example, sizeof bytes));
+    MapVolume volume;
+    const SavedMap map = volume.Read();
+    EXPECT_EQ((std::vector<RedirectedRange>{{128, 4096, 8}, {136, 4104, 2}, {138, 4200, 1}, {5000, 4300, 64}}),
+              map.redirected);
+    EXPECT_EQ((std::vector<SectorRange>{{4400, 100}, {4500, 50}}), map.free);
+    const MapSummary summary = Summarize(map);
+    EXPECT_EQ(75u, summary.redirectedSectors);
+    EXPECT_EQ(2u, summary.ranges);
+    EXPECT_EQ(64u, summary.largestRange);
+    EXPECT_EQ(3u, summary.pieces);
+    EXPECT_EQ(1u, summary.freeRanges);
+    EXPECT_EQ(150u, summary.largestFree);
+    // Full first run: reading goes on; an empty one ends the map.
+    volume.entries.assign(42, Entry(kFreeMark, 1, 1));
+    for (std::uint32_t i = 0; i < 42; ++i) volume.entries[i] = Entry(kFreeMark, 2 * i + 1, 1);
+    volume.entries.push_back(Entry(7, 5000, 1));
+    EXPECT_EQ(1u, volume.Read().redirected.size());
+    volume.entries.erase(volume.entries.begin(), volume.entries.begin() + 42);
+    volume.entries.insert(volume.entries.begin(), 42, MapEntryRecord{});
+    EXPECT_TRUE(volume.Read().redirected.empty());
+}
+
+TEST(CtlMap, DamageIsTold) {
+    const auto told = [](const auto& damage) -> std::string {
+        MapVolume volume;
+        damage(volume);
+        try {
+            volume.Read();
+            return "nothing";
+        } catch (const Failure& failure) {
+            return failure.what();
+        }
+    };
+    const struct {
+        const char* says;
+        std::function<void(MapVolume&)> damage;
+    } table[] = {
+        {"fails its check", [](MapVolume& v) { v.entries[1].swapSector ^= 1; }},
+        {"fails its check", [](MapVolume& v) { v.entries[5].check ^= 0x80; }},
+        {"has no sectors", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0); }},
+        {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0xFFFFFF); }},
+        {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(0xFFFFFFFE, 4104, 2); }},
+        {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(kFreeMark, 0xFFFFFFFF - 1, 8); }},
+        {"redirected twice", [](MapVolume& v) { v.entries[1] = Entry(135, 5500, 2); }},
+        {"used twice", [](MapVolume& v) { v.entries[1] = Entry(300, 4449, 2); }},
+        {"beyond the volume's end",
+         [](MapVolume& v) {
+             v.runs[1] = {6399, 1024};
+         }},
+        {"beyond the volume's end",
+         [](MapVolume& v) {
+             v.runs[1] = {0xFFFFFFFF, 0xFFFFFFFF};
+         }},
+        {"larger than the volume",
+         [](MapVolume& v) {
+             v.runs.assign(3, {1, 5000 * 512});
+         }},
+        {"length that is none", [](MapVolume& v) { v.cut = 3; }},
+        {"no saved map", [](MapVolume& v) { v.runs.clear(); }},
+        {"nothing",
+         [](MapVolume& v) {
+             v.runs[1] = {0, 512};
+         }},
+    };
+    for (const auto& row : table)
+        EXPECT_NE(std::string::npos, told(row.damage).find(row.says)) << row.says << told(row.damage);
+}
+
+TEST(CtlMap, PictureShowsEverySector) {
+    MapVolume volume;
+    const SavedMap map = volume.Read();
+    const std::vector<Cell> whole = MapCells(map, kSectors);
+    for (std::size_t i = 0; i < kSectors; ++i) {
+        const bool redirected = (i >= 128 && i < 139) || (i >= 5000 && i < 5064);
+        const bool used = (i >= 4096 && i < 4106) || i == 4200 || (i >= 4300 && i < 4364);
+        const bool free = i >= 4400 && i < 4550;
+        EXPECT_EQ(redirected ? Cell::Redirected
+                  : used     ? Cell::SwapUsed
+                  : free     ? Cell::SwapFree
+                             : Cell::Untouched,
+                  whole[i])
+            << i;
+    }
+    const std::vector<Cell> coarse = MapCells(map, 100);  // 64 sectors each
+    EXPECT_EQ(Cell::SomeRedirected, coarse[2]);
+    EXPECT_EQ(Cell::Redirected, coarse[78]);
+    EXPECT_EQ(Cell::SwapUsed, coarse[64]);
+    EXPECT_EQ(Cell::SwapFree, coarse[70]);
+    EXPECT_EQ(Cell::Untouched, coarse[0]);
+    // More cells than sectors, and a count that divides nothing.
+    EXPECT_EQ(Cell::SomeRedirected, MapCells(map, 7)[5]);
+    for (std::size_t count : {std::size_t{6401}, std::size_t{20000}})
+        EXPECT_EQ(Cell::Redirected, MapCells(map, count)[count * 5030 / kSectors]) << count;
+    EXPECT_NE(std::string::npos,
+              MapSvg(map, "<a & \"b\">").find("<title>&lt;a &amp; &quot;b&quot;&gt;</title>"));
+}
+
+}  // namespace
