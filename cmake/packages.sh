@@ -12,5 +12,5 @@ need_packages() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ntfs-3g-dev ntfs-3g libgtest-dev libcli11-dev libssl-dev nbdkit nbdkit-plugin-dev e2fsprogs)
+BUILD_PACKAGES=(g++ cmake ninja-build pkg-config ntfs-3g-dev ntfs-3g libext2fs-dev e2fsprogs libgtest-dev libcli11-dev libssl-dev nlohmann-json3-dev nbdkit nbdkit-plugin-dev)
 TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 g++-mingw-w64-x86-64-win32 mingw-w64-x86-64-dev python3 libnbd-bin libnbd-dev qemu-utils)

@@ -11,6 +11,8 @@ namespace machine {
 
 class FileSystem : public host::FileProvider {
 public:
+    // For a mount that finds out what it mounts; empty: as the FileSystemDriver says.
+    virtual std::u16string DriverName() const { return {}; }
     // Brings everything to the top of the volume's stack and ends. From then on every call, also through
     // files that are still open, fails without I/O; the open files' objects stay valid until they are closed.
     [[nodiscard]] virtual NTSTATUS Dismount() = 0;
@@ -33,7 +35,8 @@ public:
 // volume holds nothing that it knows or cannot be read.
 using FileSystemFactory = std::function<std::unique_ptr<FileSystem>(VolumeIo& io, NTSTATUS& status)>;
 
-// The name under which a file system's driver is known on the volumes that it mounts, and how it mounts.
+// The name under which a file system's driver is known on the volumes that it mounts, and how it mounts. A file
+// system that has a DriverName() of its own goes by that.
 struct FileSystemDriver {
     std::u16string name = u"\\FileSystem\\Ntfs";
     FileSystemFactory mount;

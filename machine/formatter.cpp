@@ -13,8 +13,7 @@
 namespace machine {
 namespace {
 
-constexpr char kFormatTool[] = "mkntfs";
-// Below this the format tool refuses, with a message that speaks of blocks.
+// Below this the format tools refuse, with messages that speak of blocks.
 constexpr std::uint64_t kLeastVolume = 4 * 1024 * 1024;
 
 class Descriptor {
@@ -82,6 +81,21 @@ bool CopySparse(int from, int to, std::uint64_t offset) {
     return errno == ENXIO;  // nothing but a hole is left
 }
 
+bool IsValidClusterSize(const NewVolume& volume, std::uint32_t sectorSize) {
+    const bool ext = volume.fileSystem == VolumeFormat::Ext4;
+    const std::uint32_t cluster = volume.clusterSize;
+    const std::uint32_t least = ext ? std::max<std::uint32_t>(sectorSize, 1024) : sectorSize;
+    return cluster >= least && cluster <= (ext ? 4096u : 65536u) && (cluster & (cluster - 1)) == 0;
+}
+
+std::string ClusterError(const NewVolume& volume) {
+    if (volume.fileSystem == VolumeFormat::Ext4)
+        return "block size " + std::to_string(volume.clusterSize) +
+               " is no power of two from 1024 to 4096 that holds a sector";
+    return "cluster size " + std::to_string(volume.clusterSize) +
+           " is no power of two from the sector size to 65536";
+}
+
 bool CheckRequest(const NewDisk& disk, std::string& error) {
     if (!IsValidSectorSize(disk.sectorSize)) {
         error = "sector size " + std::to_string(disk.sectorSize) + " is neither 512 nor 4096";
@@ -93,11 +107,7 @@ bool CheckRequest(const NewDisk& disk, std::string& error) {
         error = "a GPT disk has at most 128 partitions";
     }
     for (const NewVolume& volume : disk.volumes) {
-        const std::uint32_t cluster = volume.clusterSize;
-        if (cluster < disk.sectorSize || cluster > 65536 || (cluster & (cluster - 1)) != 0) {
-            error =
-                "cluster size " + std::to_string(cluster) + " is no power of two from the sector size to 65536";
-        }
+        if (!IsValidClusterSize(volume, disk.sectorSize)) error = ClusterError(volume);
         if (volume.size % disk.sectorSize != 0) {
             error = "volume size " + std::to_string(volume.size) + " is no whole number of sectors";
         }
@@ -122,28 +132,38 @@ bool WriteTable(const NewDisk& disk, int image, const std::vector<NewPartition>&
     return true;
 }
 
+struct FormatTool {
+    std::string name, package;
+    std::vector<std::string> arguments;  // but for the label and the path
+};
+
+FormatTool NtfsTool(const NewDisk& disk, const NewVolume& volume, std::uint64_t offset) {
+    return {"mkntfs",
+            "ntfs-3g",
+            {"-q", "-F", "-Q", "-p", std::to_string(offset / disk.sectorSize), "-H", "255", "-S", "63", "-s",
+             std::to_string(disk.sectorSize), "-c", std::to_string(volume.clusterSize)}};
+}
+
+// Everything is made now: tables that a guest's kernel would initialise in the background would fill the swap
+// of a protected volume anew in each boot.
+FormatTool Ext4Tool(const NewVolume& volume) {
+    return {"mke2fs",
+            "e2fsprogs",
+            {"-q", "-F", "-t", "ext4", "-b", std::to_string(volume.clusterSize), "-E",
+             "nodiscard,lazy_itable_init=0,lazy_journal_init=0"}};
+}
+
 bool RunFormat(const std::string& path, const NewDisk& disk, const NewVolume& volume, std::uint64_t offset,
                std::string& error) {
-    std::vector<std::string> arguments = {"-q",
-                                          "-F",
-                                          "-Q",
-                                          "-p",
-                                          std::to_string(offset / disk.sectorSize),
-                                          "-H",
-                                          "255",
-                                          "-S",
-                                          "63",
-                                          "-s",
-                                          std::to_string(disk.sectorSize),
-                                          "-c",
-                                          std::to_string(volume.clusterSize)};
-    if (!volume.label.empty()) arguments.insert(arguments.end(), {"-L", volume.label});
-    arguments.push_back(path);
-    const ToolResult result = RunTool(kFormatTool, arguments);
+    FormatTool tool =
+        volume.fileSystem == VolumeFormat::Ext4 ? Ext4Tool(volume) : NtfsTool(disk, volume, offset);
+    if (!volume.label.empty()) tool.arguments.insert(tool.arguments.end(), {"-L", volume.label});
+    tool.arguments.push_back(path);
+    const ToolResult result = RunTool(tool.name, tool.arguments);
     if (!result.started) {
-        error = std::string(kFormatTool) + " is missing; it comes with the package ntfs-3g";
+        error = tool.name + " is missing; it comes with the package " + tool.package;
     } else if (result.exitCode != 0) {
-        error = std::string(kFormatTool) + " failed with exit code " + std::to_string(result.exitCode) + ": " +
+        error = tool.name + " failed with exit code " + std::to_string(result.exitCode) + ": " +
                 FirstLine(result.output);
     }
     return error.empty();
@@ -153,7 +173,7 @@ bool RunFormat(const std::string& path, const NewDisk& disk, const NewVolume& vo
 bool FormatVolume(const NewDisk& disk, int image, const NewVolume& volume, const NewPartition& place,
                   std::string& error) {
     if (place.length < kLeastVolume) {
-        error = "a volume of " + std::to_string(place.length) + " bytes is too small for NTFS";
+        error = "a volume of " + std::to_string(place.length) + " bytes is too small for a file system";
         return false;
     }
     const std::string path = disk.path + ".volume";
@@ -183,6 +203,8 @@ bool CreateDisk(const NewDisk& disk, std::string& error) {
         error = "cannot open " + disk.path + ": " + std::strerror(errno);
         return false;
     }
+    for (std::size_t i = 0; i < partitions.size(); ++i)
+        partitions[i].unixData = disk.volumes[i].fileSystem == VolumeFormat::Ext4;
     if (!WriteTable(disk, image.Get(), partitions, error)) return false;
     for (std::size_t i = 0; i < partitions.size(); ++i) {
         if (disk.volumes[i].format && !FormatVolume(disk, image.Get(), disk.volumes[i], partitions[i], error)) {

@@ -1,4 +1,4 @@
-// New disks: a sparse image with a partition table and an NTFS volume in each partition.
+// New disks: a sparse image with a partition table and an NTFS or ext4 volume in each partition.
 #pragma once
 #include <cstdint>
 #include <string>
@@ -7,11 +7,15 @@
 
 namespace machine {
 
+enum class VolumeFormat { Ntfs, Ext4 };
+
 struct NewVolume {
-    std::uint64_t size = 0;            // bytes in whole sectors, 0: an equal share of what the others leave
-    std::uint32_t clusterSize = 4096;  // bytes, a power of two from the sector size to 65536
-    std::string label;                 // UTF-8, may be empty
-    bool format = true;                // false: the partition stays blank
+    std::uint64_t size = 0;  // bytes in whole sectors, 0: an equal share of what the others leave
+    VolumeFormat fileSystem = VolumeFormat::Ntfs;
+    // Bytes, a power of two from the sector size to 65536; of ext4, whose blocks these are, from 1024 to 4096.
+    std::uint32_t clusterSize = 4096;
+    std::string label;   // UTF-8, may be empty
+    bool format = true;  // false: the partition stays blank
 };
 
 struct NewDisk {

@@ -8,13 +8,13 @@
 #include <span>
 #include <string>
 #include <vector>
-#include "machine/ntfs_file_system.h"
+#include "machine/guest_file_system.h"
 
 namespace machine {
 
 class GuestFiles {
 public:
-    explicit GuestFiles(NtfsFileSystem& fileSystem) : fileSystem_(fileSystem) {}
+    explicit GuestFiles(GuestFileSystem& fileSystem) : fileSystem_(fileSystem) {}
 
     // Makes the file, or empties the one that is there, and writes `bytes`. A failure may leave a shorter file.
     [[nodiscard]] NTSTATUS WriteFile(const std::u16string& path, std::span<const std::uint8_t> bytes);
@@ -34,7 +34,7 @@ public:
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) const;
 
 private:
-    NtfsFileSystem& fileSystem_;
+    GuestFileSystem& fileSystem_;
 };
 
 }  // namespace machine

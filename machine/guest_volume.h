@@ -2,6 +2,7 @@
 #pragma once
 #include "machine/guest_files.h"
 #include "machine/machine.h"
+#include "machine/ntfs_file_system.h"
 
 namespace machine {
 

@@ -150,8 +150,9 @@ void Machine::Mount(Volume& volume) {
     volume.mountStatus = STATUS_SUCCESS;
     const host::FaultPause pause;
     PDEVICE_OBJECT device = nullptr;
-    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(driver.name), 0, nullptr,
-                                           FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
+    const std::u16string ownName = volume.files->DriverName();
+    const NTSTATUS status = IoCreateDevice(FileSystemDriverOf(ownName.empty() ? driver.name : ownName), 0,
+                                           nullptr, FILE_DEVICE_DISK_FILE_SYSTEM, 0, FALSE, &device);
     if (NT_SUCCESS(status)) {
         device->Flags &= ~DO_DEVICE_INITIALIZING;
         volume.device->Vpb()->DeviceObject = device;

@@ -2,7 +2,7 @@
 // metadata cache. The library's position-less calls are the only ones it makes; the others work all the same.
 #pragma once
 #include <cstdint>
-#include "machine/ntfs_metadata_cache.h"
+#include "machine/metadata_cache.h"
 
 namespace ntfs_library {
 struct ntfs_device;
@@ -12,7 +12,7 @@ namespace machine {
 
 class NtfsDevice {
 public:
-    NtfsDevice(VolumeIo& io, NtfsMetadataCache& cache) : io_(io), cache_(cache) {}
+    NtfsDevice(VolumeIo& io, MetadataCache& cache) : io_(io), cache_(cache) {}
 
     // A device for one mount, null without memory. The library frees it when it unmounts; after a mount that
     // failed, Free() does.
@@ -31,7 +31,7 @@ public:
 
 private:
     VolumeIo& io_;
-    NtfsMetadataCache& cache_;
+    MetadataCache& cache_;
     std::int64_t position_ = 0;
 };
 

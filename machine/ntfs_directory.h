@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-#include "machine/ntfs_entry.h"
+#include "machine/directory_entry.h"
 #include "machine/ntfs_inode.h"
 #include "machine/ntfs_volume.h"
 

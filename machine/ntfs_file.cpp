@@ -19,7 +19,7 @@ bool IsSpecial(const NtfsAttribute& data, const VolumeIo& io) {
 }
 
 // False with errno when the runs cannot be read or make no sense; a hole makes the file special.
-bool CopyRuns(const NtfsAttribute& data, NtfsRuns& runs, bool& hole) {
+bool CopyRuns(const NtfsAttribute& data, FileRuns& runs, bool& hole) {
     const ntfs_volume* volume = data->ni->vol;
     runs.Clear();
     hole = false;
@@ -153,7 +153,7 @@ NTSTATUS NtfsFile::Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, U
 }
 
 NTSTATUS NtfsFile::ReadByLibrary(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length) {
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     return volume_.Look(file, [&](const NtfsOperation& operation) {
         NtfsInode inode;
         const NTSTATUS status = OpenNtfsInode(operation, reference_, inode);
@@ -201,7 +201,7 @@ NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* bu
 }
 
 NTSTATUS NtfsFile::WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     const NTSTATUS status = volume_.Change(CommitOrder::TakeFirst, file, [&](const NtfsOperation& operation) {
         NtfsInode inode;
         const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
@@ -219,7 +219,7 @@ NTSTATUS NtfsFile::WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const
 NTSTATUS NtfsFile::Extend(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
     const Growth growth{file, offset, buffer, length};
     if (offset > static_cast<std::uint64_t>(INT64_MAX) - length) return STATUS_INVALID_PARAMETER;
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     Shape shape;
     const NTSTATUS status =
         volume_.Change(CommitOrder::TakeFirst, volume_.AttributeListObject(),
@@ -276,7 +276,7 @@ NTSTATUS NtfsFile::Truncate(ULONG attributes) {
     const std::unique_lock exclusive(content_);
     status = Connected();
     if (!NT_SUCCESS(status)) return status;
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     status = volume_.Change(CommitOrder::RemoveFirst, volume_.AttributeListObject(),
                             [&](const NtfsOperation& operation) {
                                 NtfsInode inode;
@@ -327,7 +327,7 @@ NTSTATUS NtfsFile::Reconnect() {
     if (connection_.load(std::memory_order_relaxed) != Connection::Stale) return STATUS_SUCCESS;
     const std::unique_lock exclusive(content_);
     if (connection_ != Connection::Stale) return STATUS_SUCCESS;
-    const NtfsLockGuard guard(volume_.Lock());
+    const VolumeLockGuard guard(volume_.Lock());
     Shape shape;
     const NTSTATUS status =
         volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape); });

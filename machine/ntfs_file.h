@@ -8,7 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <shared_mutex>
-#include "machine/ntfs_runs.h"
+#include "machine/file_runs.h"
 #include "machine/ntfs_volume.h"
 
 namespace machine {
@@ -47,7 +47,7 @@ private:
         std::uint64_t size = 0, initialized = 0;  // bytes
         bool resident = false;                    // lies in the record itself
         bool special = false;                     // needs the library for its data
-        NtfsRuns runs;                            // empty if resident or special
+        FileRuns runs;                            // empty if resident or special
     };
     struct Growth;
 

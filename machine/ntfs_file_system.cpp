@@ -42,18 +42,18 @@ struct NtfsFileSystem::State {
     [[nodiscard]] NTSTATUS Admit(const host::FileOpen& request, const ShareClaim& claim, NtfsPlace& place,
                                  std::shared_ptr<NtfsOpenFile>& file, ULONG_PTR& information)
         KVR_REQUIRES(files.volume.Lock());
-    std::shared_ptr<NtfsFileObject> MakeFileObject(const std::u16string& path, NtfsOpenFile& file)
+    std::shared_ptr<NamedFileObject> MakeFileObject(const std::u16string& path, NtfsOpenFile& file)
         KVR_REQUIRES(files.volume.Lock());
 
     NtfsOpenFiles files;
-    std::shared_ptr<NtfsFileObject> pagingFile KVR_GUARDED_BY(files.volume.Lock());
+    std::shared_ptr<NamedFileObject> pagingFile KVR_GUARDED_BY(files.volume.Lock());
 };
 
 // One open, as the host kernel holds it behind a handle.
 class NtfsOpen : public host::OpenFile {
 public:
     NtfsOpen(std::shared_ptr<NtfsFileSystem::State> state, std::shared_ptr<NtfsOpenFile> file,
-             std::shared_ptr<NtfsFileObject> object, const ShareClaim& claim, const host::FileOpen& request)
+             std::shared_ptr<NamedFileObject> object, const ShareClaim& claim, const host::FileOpen& request)
         : state_(std::move(state)),
           file_(std::move(file)),
           object_(std::move(object)),
@@ -63,7 +63,7 @@ public:
           sector_(state_->files.volume.Io().SectorSize()) {}
 
     ~NtfsOpen() override {
-        const NtfsLockGuard guard(state_->files.volume.Lock());
+        const VolumeLockGuard guard(state_->files.volume.Lock());
         KVR_DISCARD(state_->files.Leave(file_, claim_), "a close has nobody to report a failure to");
     }
     NtfsOpen(const NtfsOpen&) = delete;
@@ -93,7 +93,7 @@ private:
 
     const std::shared_ptr<NtfsFileSystem::State> state_;
     const std::shared_ptr<NtfsOpenFile> file_;
-    const std::shared_ptr<NtfsFileObject> object_;
+    const std::shared_ptr<NamedFileObject> object_;
     const ShareClaim claim_;
     const bool mayWrite_;  // an open that only empties the file claims writing, too, but may not write
     const bool unbuffered_;
@@ -130,11 +130,11 @@ NTSTATUS NtfsFileSystem::State::MoveName(const NtfsPlace& from, const NtfsPlace&
 
 // Filters remember the paging file by its file object and never learn that it went; the system keeps the paging
 // file open for as long as it runs, and so one object stands for it until the volume is unmounted.
-std::shared_ptr<NtfsFileObject> NtfsFileSystem::State::MakeFileObject(const std::u16string& path,
-                                                                      NtfsOpenFile& file) {
+std::shared_ptr<NamedFileObject> NtfsFileSystem::State::MakeFileObject(const std::u16string& path,
+                                                                       NtfsOpenFile& file) {
     if (!EqualIgnoringAsciiCase(path, u"\\pagefile.sys"))
-        return std::make_shared<NtfsFileObject>(files.volume.Io(), path, &file);
-    if (pagingFile == nullptr) pagingFile = std::make_shared<NtfsFileObject>(files.volume.Io(), path);
+        return std::make_shared<NamedFileObject>(files.volume.Io(), path, &file);
+    if (pagingFile == nullptr) pagingFile = std::make_shared<NamedFileObject>(files.volume.Io(), path);
     return pagingFile;
 }
 
@@ -168,7 +168,7 @@ NtfsFileSystem::~NtfsFileSystem() {
 NTSTATUS NtfsFileSystem::Mount(VolumeIo& io, std::unique_ptr<NtfsFileSystem>& fileSystem) {
     auto state = std::make_shared<State>(io);
     {
-        const NtfsLockGuard guard(state->files.volume.Lock());
+        const VolumeLockGuard guard(state->files.volume.Lock());
         const NTSTATUS status = state->files.volume.Mount();
         if (!NT_SUCCESS(status)) return status;
     }
@@ -185,7 +185,7 @@ NTSTATUS NtfsFileSystem::Open(const host::FileOpen& request, std::unique_ptr<hos
     std::unique_ptr<NtfsOpen> opened;
     std::shared_ptr<NtfsOpenFile> target;
     {
-        const NtfsLockGuard guard(state_->files.volume.Lock());
+        const VolumeLockGuard guard(state_->files.volume.Lock());
         NtfsPlace place;
         const NTSTATUS status = state_->Admit(request, claim, place, target, information);
         if (!NT_SUCCESS(status)) return status;
@@ -201,7 +201,7 @@ NTSTATUS NtfsFileSystem::Open(const host::FileOpen& request, std::unique_ptr<hos
 }
 
 NTSTATUS NtfsFileSystem::Delete(const std::u16string& path) {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -218,7 +218,7 @@ NTSTATUS NtfsFileSystem::Delete(const std::u16string& path) {
 }
 
 NTSTATUS NtfsFileSystem::Rename(const std::u16string& from, const std::u16string& to) {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     NtfsPlace source, target;
     NTSTATUS status = state_->Locate(from, source);
     if (NT_SUCCESS(status)) status = state_->Locate(to, target);
@@ -247,7 +247,7 @@ NTSTATUS NtfsFileSystem::Rename(const std::u16string& from, const std::u16string
 }
 
 NTSTATUS NtfsFileSystem::MakeDirectory(const std::u16string& path) {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -255,7 +255,7 @@ NTSTATUS NtfsFileSystem::MakeDirectory(const std::u16string& path) {
 }
 
 NTSTATUS NtfsFileSystem::List(const std::u16string& path, std::vector<DirectoryEntry>& entries) {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -265,7 +265,7 @@ NTSTATUS NtfsFileSystem::List(const std::u16string& path, std::vector<DirectoryE
 }
 
 NTSTATUS NtfsFileSystem::Query(const std::u16string& path, DirectoryEntry& entry) {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     NtfsPlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -276,7 +276,7 @@ NTSTATUS NtfsFileSystem::Query(const std::u16string& path, DirectoryEntry& entry
 
 NTSTATUS NtfsFileSystem::FreeSpace(std::uint64_t& bytes) {
     using namespace ntfs_library;
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     return state_->files.volume.Look([&](const NtfsOperation& operation) {
         ntfs_volume* volume = operation.Library();
         if (!NVolFreeSpaceKnown(volume) && ntfs_volume_get_free_space(volume) != 0)
@@ -287,12 +287,12 @@ NTSTATUS NtfsFileSystem::FreeSpace(std::uint64_t& bytes) {
 }
 
 bool NtfsFileSystem::ReadOnly() const {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     return state_->files.volume.ReadOnly();
 }
 
 NTSTATUS NtfsFileSystem::Flush() {
-    const NtfsLockGuard guard(state_->files.volume.Lock());
+    const VolumeLockGuard guard(state_->files.volume.Lock());
     return state_->files.volume.Closed() ? STATUS_DEVICE_NOT_READY : state_->files.volume.Io().Flush();
 }
 
@@ -308,7 +308,7 @@ void NtfsFileSystem::Abandon() {
 NTSTATUS NtfsFileSystem::End(bool orderly) {
     std::vector<std::shared_ptr<NtfsOpenFile>> open;
     {
-        const NtfsLockGuard guard(state_->files.volume.Lock());
+        const VolumeLockGuard guard(state_->files.volume.Lock());
         if (state_->files.volume.Closed()) return STATUS_SUCCESS;
         open = orderly ? state_->files.CloseAll() : state_->files.ForgetAll();
         state_->files.volume.Close();
@@ -321,7 +321,7 @@ NTSTATUS NtfsFileSystem::End(bool orderly) {
 void NtfsFileSystem::Suspend() {
     std::vector<std::shared_ptr<NtfsOpenFile>> open;
     {
-        const NtfsLockGuard guard(state_->files.volume.Lock());
+        const VolumeLockGuard guard(state_->files.volume.Lock());
         open = state_->files.BringUpToDate();
         state_->files.volume.Suspend();
     }
@@ -331,7 +331,7 @@ void NtfsFileSystem::Suspend() {
 void NtfsFileSystem::Resume() {
     std::vector<std::shared_ptr<NtfsOpenFile>> open;
     {
-        const NtfsLockGuard guard(state_->files.volume.Lock());
+        const VolumeLockGuard guard(state_->files.volume.Lock());
         state_->files.volume.Resume();
         open = state_->files.All();
     }

@@ -13,13 +13,12 @@
 #include <string>
 #include <vector>
 #include "platform/kernel.h"
-#include "machine/file_system.h"
-#include "machine/ntfs_entry.h"
+#include "machine/guest_file_system.h"
 #include "machine/volume_io.h"
 
 namespace machine {
 
-class NtfsFileSystem : public FileSystem {
+class NtfsFileSystem : public GuestFileSystem {
 public:
     // Mounts the volume behind `io`, which must live until Dismount(), Abandon() or the destructor.
     // STATUS_UNRECOGNIZED_VOLUME when it holds no NTFS, STATUS_DISK_CORRUPT_ERROR when its metadata is beyond
@@ -37,19 +36,14 @@ public:
     // close, and cannot be opened until then (STATUS_DELETE_PENDING).
     [[nodiscard]] NTSTATUS Delete(const std::u16string& path) override;
 
-    // Gives a file or directory another path on the same volume; an existing target is
-    // STATUS_OBJECT_NAME_COLLISION. A directory with open files below it stays (STATUS_ACCESS_DENIED).
-    [[nodiscard]] NTSTATUS Rename(const std::u16string& from, const std::u16string& to);
-    [[nodiscard]] NTSTATUS MakeDirectory(const std::u16string& path);
-    // The entries of a directory without the file system's own files, in the order of the directory's index.
-    [[nodiscard]] NTSTATUS List(const std::u16string& path, std::vector<DirectoryEntry>& entries);
-    // What stands at a path; STATUS_OBJECT_NAME_NOT_FOUND or STATUS_OBJECT_PATH_NOT_FOUND when nothing does.
-    [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry);
-    [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes);
-    bool ReadOnly() const;
+    [[nodiscard]] NTSTATUS Rename(const std::u16string& from, const std::u16string& to) override;
+    [[nodiscard]] NTSTATUS MakeDirectory(const std::u16string& path) override;
+    [[nodiscard]] NTSTATUS List(const std::u16string& path, std::vector<DirectoryEntry>& entries) override;
+    [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) override;
+    [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
+    bool ReadOnly() const override;
+    [[nodiscard]] NTSTATUS Flush() override;
 
-    // Sends a flush down the volume's stack; everything this file system knows is at the stack already.
-    [[nodiscard]] NTSTATUS Flush();
     // Ends the mount: files still open answer STATUS_DEVICE_NOT_READY from now on, and `io` is not touched
     // again. Everything is released whatever the status, which is that of the flush at the end.
     NTSTATUS Dismount() override;

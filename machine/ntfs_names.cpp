@@ -1,4 +1,5 @@
 #include "machine/ntfs_names.h"
+#include <cstring>
 #include "machine/ntfs_library.h"
 
 namespace machine {
@@ -29,6 +30,10 @@ MetadataKind NtfsNames::KindAt(std::uint64_t offset) const {
     return MetadataKind::Other;
 }
 
+bool NtfsNames::IsDirectoryData(const void* buffer, std::size_t length) const {
+    return length >= 4 && std::memcmp(buffer, "INDX", 4) == 0;
+}
+
 PFILE_OBJECT NtfsNames::ObjectOf(MetadataKind kind) {
     switch (kind) {
         case MetadataKind::ClusterBitmap:
@@ -40,6 +45,7 @@ PFILE_OBJECT NtfsNames::ObjectOf(MetadataKind kind) {
             return mirror_.Get();
         case MetadataKind::Directory:
             return directory_.Get();
+        case MetadataKind::State:
         case MetadataKind::Other:
             break;
     }

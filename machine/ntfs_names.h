@@ -1,8 +1,8 @@
-// Tells which of the file system's own files a place on the volume belongs to, and holds the file object that
-// requests for it carry. Filters ration and recognise metadata by these names.
+// The metadata of NTFS by the file system's own files, and the file objects that requests for them carry.
 #pragma once
 #include <cstdint>
-#include "machine/ntfs_file_object.h"
+#include "machine/metadata_names.h"
+#include "machine/named_file_object.h"
 
 namespace ntfs_library {
 struct _ntfs_volume;
@@ -11,9 +11,7 @@ struct _ntfs_attr;
 
 namespace machine {
 
-enum class MetadataKind { ClusterBitmap, RecordBitmap, Other, Record, RecordMirror, Directory };
-
-class NtfsNames {
+class NtfsNames final : public MetadataNames {
 public:
     explicit NtfsNames(VolumeIo& io);
 
@@ -25,17 +23,18 @@ public:
     PFILE_OBJECT AttributeList() { return attributeList_.Get(); }
     PFILE_OBJECT Mirror() { return mirror_.Get(); }
 
-    // Kind of the byte at `offset` of the volume. Directory indexes have no runs that are known here: they are
-    // reported as Other, and the caller knows them by their contents.
-    MetadataKind KindAt(std::uint64_t offset) const;
-    PFILE_OBJECT ObjectOf(MetadataKind kind);  // null: a request without a file object
+    // Directory indexes have no runs that are known here: KindAt reports them as Other, and IsDirectoryData
+    // knows them by their contents.
+    MetadataKind KindAt(std::uint64_t offset) const override;
+    bool IsDirectoryData(const void* buffer, std::size_t length) const override;
+    PFILE_OBJECT ObjectOf(MetadataKind kind) override;
 
 private:
     bool Within(const ntfs_library::_ntfs_attr* attribute, std::uint64_t offset) const;
 
     const ntfs_library::_ntfs_volume* volume_ = nullptr;
     PFILE_OBJECT other_ = nullptr;
-    NtfsFileObject records_, mirror_, bitmap_, directory_, attributeList_;
+    NamedFileObject records_, mirror_, bitmap_, directory_, attributeList_;
 };
 
 // Sets whose requests kind Other is for the length of a scope.

@@ -1,4 +1,5 @@
 #include "machine/ntfs_volume.h"
+#include <mutex>
 #include "machine/ntfs_library.h"
 #include "machine/ntfs_mirror.h"
 
@@ -69,7 +70,7 @@ NtfsVolume::NtfsVolume(VolumeIo& io) : io_(io), names_(io), cache_(io, names_), 
 }
 
 NtfsVolume::~NtfsVolume() {
-    const NtfsLockGuard guard(lock_);
+    const VolumeLockGuard guard(lock_);
     Close();
 }
 

@@ -6,37 +6,17 @@
 #pragma once
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include "machine/ntfs_device.h"
-#include "machine/ntfs_metadata_cache.h"
+#include "machine/metadata_cache.h"
 #include "machine/ntfs_names.h"
+#include "machine/volume_lock.h"
 
 namespace machine {
-
-class KVR_CAPABILITY("mutex") NtfsLock {
-public:
-    void Acquire() KVR_ACQUIRE() { mutex_.lock(); }
-    void Release() KVR_RELEASE() { mutex_.unlock(); }
-
-private:
-    std::mutex mutex_;
-};
-
-class KVR_SCOPED NtfsLockGuard {
-public:
-    explicit NtfsLockGuard(NtfsLock& lock) KVR_ACQUIRE(lock) : lock_(lock) { lock_.Acquire(); }
-    ~NtfsLockGuard() KVR_RELEASE() { lock_.Release(); }
-    NtfsLockGuard(const NtfsLockGuard&) = delete;
-    NtfsLockGuard& operator=(const NtfsLockGuard&) = delete;
-
-private:
-    NtfsLock& lock_;
-};
 
 // One operation on the mounted volume, as the code within it sees it. Only valid under the volume's lock.
 class NtfsOperation {
 public:
-    NtfsOperation(ntfs_library::_ntfs_volume& library, NtfsMetadataCache& cache, VolumeIo& io)
+    NtfsOperation(ntfs_library::_ntfs_volume& library, MetadataCache& cache, VolumeIo& io)
         : library_(library), cache_(cache), io_(io) {}
 
     ntfs_library::_ntfs_volume* Library() const { return &library_; }
@@ -47,7 +27,7 @@ public:
 
 private:
     ntfs_library::_ntfs_volume& library_;
-    NtfsMetadataCache& cache_;
+    MetadataCache& cache_;
     VolumeIo& io_;
 };
 
@@ -59,7 +39,7 @@ public:
     NtfsVolume& operator=(const NtfsVolume&) = delete;
 
     // A file's content lock, where both are needed, is taken before it.
-    NtfsLock& Lock() const KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
+    VolumeLock& Lock() const KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
     VolumeIo& Io() { return io_; }
 
     [[nodiscard]] NTSTATUS Mount() KVR_REQUIRES(lock_);
@@ -118,9 +98,9 @@ private:
     void Forget() KVR_REQUIRES(lock_);
 
     VolumeIo& io_;
-    mutable NtfsLock lock_;
+    mutable VolumeLock lock_;
     NtfsNames names_ KVR_GUARDED_BY(lock_);
-    NtfsMetadataCache cache_ KVR_GUARDED_BY(lock_);
+    MetadataCache cache_ KVR_GUARDED_BY(lock_);
     NtfsDevice device_ KVR_GUARDED_BY(lock_);
     ntfs_library::_ntfs_volume* volume_ KVR_GUARDED_BY(lock_) = nullptr;  // null: mounted by the next operation
     bool readOnly_ KVR_GUARDED_BY(lock_) = false;

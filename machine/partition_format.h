@@ -15,6 +15,7 @@ inline constexpr std::size_t kMbrEntrySectors = 12;
 inline constexpr std::size_t kBootMark = 510;
 inline constexpr std::uint16_t kBootMarkValue = 0xAA55;
 inline constexpr std::uint8_t kTypeNtfs = 0x07;
+inline constexpr std::uint8_t kTypeUnixData = 0x83;
 inline constexpr std::uint8_t kTypeExtended = 0x05;
 inline constexpr std::uint8_t kTypeExtendedLba = 0x0F;
 inline constexpr std::uint8_t kTypeExtendedOther = 0x85;

@@ -45,6 +45,7 @@ struct DiskPiece {
 struct NewPartition {
     std::uint64_t offset;
     std::uint64_t length;
+    bool unixData = false;  // its type in the table: for ext, not for NTFS
 };
 
 inline constexpr std::uint64_t kPartitionAlignment = 1024 * 1024;

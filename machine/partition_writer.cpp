@@ -9,7 +9,13 @@ using namespace table;
 
 constexpr Guid kBasicDataType = {0xA2, 0xA0, 0xD0, 0xEB, 0xE5, 0xB9, 0x33, 0x44,
                                  0x87, 0xC0, 0x68, 0xB6, 0xB7, 0x26, 0x99, 0xC7};
+constexpr Guid kUnixDataType = {0xAF, 0x3D, 0xC6, 0x0F, 0x83, 0x84, 0x72, 0x47,
+                                0x8E, 0x79, 0x3D, 0x69, 0xD8, 0x47, 0x7D, 0xE4};
 constexpr std::size_t kPrimaries = 4;
+
+std::uint8_t MbrTypeOf(const NewPartition& partition) {
+    return partition.unixData ? kTypeUnixData : kTypeNtfs;
+}
 
 std::uint64_t NextNumber(std::uint64_t& state) {
     std::uint64_t x = state += 0x9E3779B97F4A7C15ull;
@@ -54,7 +60,7 @@ void AddLogical(std::vector<DiskPiece>& pieces, std::uint32_t sectorSize,
                 (last.offset + last.length - base) / sectorSize);
     for (std::size_t i = first; i < partitions.size(); ++i) {
         DiskPiece link = BootSector(linkOf(i), sectorSize);
-        PutMbrEntry(link.bytes.data(), 0, kTypeNtfs, kPartitionAlignment / sectorSize,
+        PutMbrEntry(link.bytes.data(), 0, MbrTypeOf(partitions[i]), kPartitionAlignment / sectorSize,
                     partitions[i].length / sectorSize);
         if (i + 1 < partitions.size()) {
             const NewPartition& next = partitions[i + 1];
@@ -95,7 +101,8 @@ std::vector<std::uint8_t> GptEntries(std::uint32_t sectorSize, const std::vector
     for (std::size_t i = 0; i < partitions.size() && i < kGptDefaultEntries; ++i) {
         std::uint8_t* entry = &entries[i * kGptDefaultEntrySize];
         const Guid unique = NewGuid(state);
-        std::memcpy(entry, kBasicDataType.data(), kBasicDataType.size());
+        const Guid& type = partitions[i].unixData ? kUnixDataType : kBasicDataType;
+        std::memcpy(entry, type.data(), type.size());
         std::memcpy(entry + kGptEntryUnique, unique.data(), unique.size());
         Put<std::uint64_t>(entry + kGptEntryFirst, partitions[i].offset / sectorSize);
         Put<std::uint64_t>(entry + kGptEntryLast,
@@ -149,7 +156,7 @@ std::vector<DiskPiece> MakeMbr(std::uint64_t, std::uint32_t sectorSize,
     const bool links = partitions.size() > kPrimaries;
     const std::size_t primaries = links ? kPrimaries - 1 : partitions.size();
     for (std::size_t i = 0; i < primaries; ++i) {
-        PutMbrEntry(pieces[0].bytes.data(), i, kTypeNtfs, partitions[i].offset / sectorSize,
+        PutMbrEntry(pieces[0].bytes.data(), i, MbrTypeOf(partitions[i]), partitions[i].offset / sectorSize,
                     partitions[i].length / sectorSize);
     }
     if (links) AddLogical(pieces, sectorSize, partitions, primaries);

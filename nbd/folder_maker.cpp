@@ -6,7 +6,6 @@
 #include "machine/formatter.h"
 #include "machine/guest_volume.h"
 #include "machine/image_disk.h"
-#include "machine/subprocess.h"
 #include "nbd/errors.h"
 #include "nbd/image_check.h"
 
@@ -84,20 +83,6 @@ void MakeSystemDisk(const MachineFolder& folder) {
     PrepareSystemDisk(disk.path);
 }
 
-void FormatExt4(const std::string& image) {
-    machine::PartitionTable table;
-    std::string error;
-    if (!machine::ReadImagePartitions(image, 512, table, error)) throw Error(error);
-    for (const machine::Partition& partition : table.partitions) {
-        const machine::ToolResult result =
-            machine::RunTool("mkfs.ext4", {"-q", "-F", "-E", "offset=" + std::to_string(partition.offset),
-                                           image, std::to_string(partition.length / 1024) + "k"});
-        if (!result.started) throw Error("mkfs.ext4 is missing; it comes with the package e2fsprogs");
-        if (result.exitCode != 0)
-            throw Error("mkfs.ext4 failed: " + result.output.substr(0, result.output.find('\n')));
-    }
-}
-
 FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
     if (machine.volumes == 0) throw Error("a disk needs a volume");
     if (machine.size < kLeastDisk || machine.size % 4096 != 0)
@@ -108,11 +93,11 @@ FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
     disk.size = machine.size;
     disk.table = machine.layout;
     machine::NewVolume volume;
-    volume.format = machine.fileSystem == NewFileSystem::Ntfs;
+    volume.format = machine.fileSystem != NewFileSystem::None;
+    if (machine.fileSystem == NewFileSystem::Ext4) volume.fileSystem = machine::VolumeFormat::Ext4;
     disk.volumes.assign(machine.volumes, volume);
     std::string error;
     if (!machine::CreateDisk(disk, error)) throw Error(error);
-    if (machine.fileSystem == NewFileSystem::Ext4) FormatExt4(disk.path);
     return {kOwnDisk, 512};
 }
 

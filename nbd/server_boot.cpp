@@ -5,9 +5,9 @@
 #include <utility>
 #include "clock.h"
 #include "debug_sink.h"
+#include "machine/any_file_system.h"
 #include "machine/guest_volume.h"
 #include "machine/image_disk.h"
-#include "machine/ntfs_file_system.h"
 #include "nbd/errors.h"
 #include "nbd/server.h"
 #include "thread.h"
@@ -45,12 +45,6 @@ void TakeTimeZone() {
     host::SetTimeZoneBias(static_cast<LONG>(-local.tm_gmtoff / 60));
 }
 
-machine::FileSystemDriver MountNtfs(const machine::VolumeDevice&) {
-    machine::FileSystemDriver driver;
-    driver.mount = machine::NtfsFactory();
-    return driver;
-}
-
 }  // namespace
 
 Server::Server(MachineFolder folder, FolderLock lock) : folder_(std::move(folder)), lock_(std::move(lock)) {
@@ -72,7 +66,7 @@ void Server::OpenDisks() {
     options.driver = DriverEntry;
     options.registry = registry_;
     options.systemVolume = kSystemVolume;
-    options.fileSystem = MountNtfs;
+    options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     for (const FolderDisk& disk : folder_.disks) {
         const auto medium = OpenImage(folder_.DiskPath(disk), disk.sectorBytes);
         disks_.push_back(std::make_unique<ServedDisk>(medium, static_cast<unsigned>(disks_.size())));

@@ -3,6 +3,7 @@
 #include <shared_mutex>
 #include <unistd.h>
 #include "control/kvr_ioctl.h"
+#include "machine/ext_file_system.h"
 #include "machine/names.h"
 #include "machine/ntfs_file_system.h"
 #include "nbd/server.h"
@@ -31,14 +32,15 @@ std::string ShortName(const machine::Volume& volume) {
 tool::wire::FileSystemKind KindOf(machine::FileSystem* files) {
     using tool::wire::FileSystemKind;
     if (files == nullptr) return FileSystemKind::None;
-    return dynamic_cast<machine::NtfsFileSystem*>(files) != nullptr ? FileSystemKind::Ntfs
-                                                                    : FileSystemKind::Other;
+    if (dynamic_cast<machine::NtfsFileSystem*>(files) != nullptr) return FileSystemKind::Ntfs;
+    return dynamic_cast<machine::ExtFileSystem*>(files) != nullptr ? FileSystemKind::Ext
+                                                                   : FileSystemKind::Other;
 }
 
 std::uint64_t FreeBytesOf(machine::FileSystem* files) {
     std::uint64_t bytes = 0;
-    auto* ntfs = dynamic_cast<machine::NtfsFileSystem*>(files);
-    return ntfs != nullptr && NT_SUCCESS(ntfs->FreeSpace(bytes)) ? bytes : tool::wire::kUnknown;
+    auto* guest = dynamic_cast<machine::GuestFileSystem*>(files);
+    return guest != nullptr && NT_SUCCESS(guest->FreeSpace(bytes)) ? bytes : tool::wire::kUnknown;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <thread>
 #include <utility>
+#include "machine/any_file_system.h"
 #include "machine/image_disk.h"
 #include "platform/host/clock.h"
 #include "platform/host/thread.h"
@@ -35,11 +36,7 @@ Computer::Computer(const Place& system, const Place& data)
     options.driver = DriverEntry;
     options.disks.push_back({OpenImage(system)});
     if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
-    options.fileSystem = [](const machine::VolumeDevice&) {
-        machine::FileSystemDriver driver;
-        driver.mount = machine::NtfsFactory();
-        return driver;
-    };
+    options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     host::SetTimeZoneBias(kMinutesToUtc);
     machine_ = std::make_unique<machine::Machine>(std::move(options));
 }
@@ -117,12 +114,12 @@ std::string Computer::LocalDate() const {
     return text;
 }
 
-machine::NtfsFileSystem& Computer::MountOn(unsigned number) {
+machine::GuestFileSystem& Computer::MountOn(unsigned number) {
     const machine::Volume* volume = machine_->VolumeOf(number);
     if (volume == nullptr) throw StepFailed("there is no volume " + std::to_string(number));
     if (volume->files == nullptr)
         Require(volume->mountStatus, "volume " + std::to_string(number) + " cannot be mounted");
-    return static_cast<machine::NtfsFileSystem&>(*volume->files);  // the only one that the machine mounts
+    return static_cast<machine::GuestFileSystem&>(*volume->files);  // the only ones that the machine mounts
 }
 
 void Computer::Configure(const Configuration& configuration) {

@@ -10,7 +10,6 @@
 #include <vector>
 #include "machine/guest_files.h"
 #include "machine/machine.h"
-#include "machine/ntfs_file_system.h"
 #include "tool/config_text.h"
 #include "tool/control_client.h"
 
@@ -72,7 +71,7 @@ public:
     FixedVolume DataStatus() { return Status(dataNumber_); }
 
 private:
-    machine::NtfsFileSystem& MountOn(unsigned volume);
+    machine::GuestFileSystem& MountOn(unsigned volume);
     void FindDataVolume();
     void WriteBootLog();
     void Settle();

@@ -87,6 +87,18 @@ std::u16string ComposeConfiguration(const Configuration& configuration) {
     return text;
 }
 
+std::u16string ComposeSection(const FixedVolumeSection& section, std::size_t number) {
+    std::u16string text;
+    AppendSection(text, section, number);
+    return text;
+}
+
+std::u16string ComposeSection(const RemovableVolumeSection& section, std::size_t number) {
+    std::u16string text;
+    AppendSection(text, section, number);
+    return text;
+}
+
 std::vector<std::uint8_t> ConfigurationImage(const std::u16string& text) {
     if (text.size() * 2 > KVR_CONFIG_BYTES)
         throw std::invalid_argument("the configuration text is longer than " +
@@ -101,11 +113,9 @@ std::vector<std::uint8_t> ConfigurationImage(const std::u16string& text) {
 
 std::u16string ConfigurationText(const std::vector<std::uint8_t>& image) {
     std::u16string text;
-    for (std::size_t i = 0; i + 1 < image.size(); i += 2) {
-        const auto character = static_cast<char16_t>(image[i] | image[i + 1] << 8);
-        if (character == 0) break;
-        text += character;
-    }
+    for (std::size_t i = 0; i + 1 < image.size(); i += 2)
+        text += static_cast<char16_t>(image[i] | image[i + 1] << 8);
+    text.erase(text.find_last_not_of(u'\0') + 1);
     return text;
 }
 

@@ -42,11 +42,14 @@ struct Configuration {
 // The text, ended by CR LF lines. Throws std::invalid_argument for a name that the text cannot hold and for a
 // malformed or unreachable date.
 std::u16string ComposeConfiguration(const Configuration& configuration);
+// One section of it, with `number` in its head.
+std::u16string ComposeSection(const FixedVolumeSection& section, std::size_t number);
+std::u16string ComposeSection(const RemovableVolumeSection& section, std::size_t number);
 
 // The text as the driver takes it: exactly KVR_CONFIG_BYTES, UTF-16LE, zeros behind the text. Throws
 // std::invalid_argument when the text is too long.
 std::vector<std::uint8_t> ConfigurationImage(const std::u16string& text);
-// The reverse: up to the first zero character.
+// The reverse: without the zeros that fill the rest.
 std::u16string ConfigurationText(const std::vector<std::uint8_t>& image);
 
 // The value of `key` in the section of the volume `id` as the text has it, or empty.

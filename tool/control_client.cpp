@@ -1,7 +1,7 @@
 #include "tool/control_client.h"
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
+#include "tool/ctl/status.h"
 #include "tool/error.h"
 
 namespace tool {
@@ -108,39 +108,7 @@ NTSTATUS ControlClient::StopSwapThread() {
 }
 
 std::string StatusText(NTSTATUS status) {
-    static constexpr struct {
-        NTSTATUS status;
-        const char* name;
-    } kNames[] = {
-        {STATUS_SUCCESS, "STATUS_SUCCESS"},
-        {STATUS_UNSUCCESSFUL, "STATUS_UNSUCCESSFUL"},
-        {STATUS_INVALID_PARAMETER, "STATUS_INVALID_PARAMETER"},
-        {STATUS_NO_SUCH_DEVICE, "STATUS_NO_SUCH_DEVICE"},
-        {STATUS_NO_SUCH_FILE, "STATUS_NO_SUCH_FILE"},
-        {STATUS_INVALID_DEVICE_REQUEST, "STATUS_INVALID_DEVICE_REQUEST"},
-        {STATUS_ACCESS_DENIED, "STATUS_ACCESS_DENIED"},
-        {STATUS_DISK_CORRUPT_ERROR, "STATUS_DISK_CORRUPT_ERROR"},
-        {STATUS_OBJECT_NAME_NOT_FOUND, "STATUS_OBJECT_NAME_NOT_FOUND"},
-        {STATUS_OBJECT_NAME_COLLISION, "STATUS_OBJECT_NAME_COLLISION"},
-        {STATUS_DEVICE_ALREADY_ATTACHED, "STATUS_DEVICE_ALREADY_ATTACHED"},
-        {STATUS_OBJECT_PATH_NOT_FOUND, "STATUS_OBJECT_PATH_NOT_FOUND"},
-        {STATUS_SHARING_VIOLATION, "STATUS_SHARING_VIOLATION"},
-        {STATUS_FILE_LOCK_CONFLICT, "STATUS_FILE_LOCK_CONFLICT"},
-        {STATUS_DISK_FULL, "STATUS_DISK_FULL"},
-        {STATUS_INSUFFICIENT_RESOURCES, "STATUS_INSUFFICIENT_RESOURCES"},
-        {STATUS_MEDIA_WRITE_PROTECTED, "STATUS_MEDIA_WRITE_PROTECTED"},
-        {STATUS_DEVICE_NOT_READY, "STATUS_DEVICE_NOT_READY"},
-        {STATUS_NOT_SUPPORTED, "STATUS_NOT_SUPPORTED"},
-        {STATUS_UNRECOGNIZED_VOLUME, "STATUS_UNRECOGNIZED_VOLUME"},
-        {STATUS_IO_DEVICE_ERROR, "STATUS_IO_DEVICE_ERROR"},
-        {STATUS_DEVICE_POWERED_OFF, "STATUS_DEVICE_POWERED_OFF"},
-    };
-    char text[64];
-    std::snprintf(text, sizeof text, "0x%08X", static_cast<unsigned>(status));
-    for (const auto& known : kNames) {
-        if (known.status == status) return std::string(text) + " " + known.name;
-    }
-    return text;
+    return ctl::StatusText(status);
 }
 
 }  // namespace tool

@@ -1,4 +1,5 @@
 #include "tool/report.h"
+#include "tool/ctl/size.h"
 
 namespace tool {
 namespace {
@@ -59,14 +60,7 @@ void Report::EndProgress() {
 }
 
 std::string Bytes(std::uint64_t bytes) {
-    static constexpr const char* kUnits[] = {"bytes", "KiB", "MiB", "GiB", "TiB"};
-    double value = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    while (value >= 1024 && unit + 1 < std::size(kUnits)) value /= 1024, ++unit;
-    char text[64];
-    const bool whole = unit == 0 || value == static_cast<double>(static_cast<std::uint64_t>(value));
-    std::snprintf(text, sizeof text, whole ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
-    return text;
+    return ctl::SizeText(bytes);
 }
 
 std::string Count(std::uint64_t number, const std::string& thing) {

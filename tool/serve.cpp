@@ -4,6 +4,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>
@@ -25,18 +26,25 @@ using wire::Command;
 constexpr std::chrono::milliseconds kPollPeriod{10};
 constexpr std::chrono::seconds kLongestStop{60};
 constexpr char kPlugin[] = "nbdkit-kvr-plugin.so";
+constexpr char kSendGuard[] = "kvr-send-guard.so";
 
-// Beside the tool as it was built or installed; else a name that nbdkit looks up among its own plugins.
-std::string FindPlugin() {
+// A library beside the tool as it was built or installed; empty when there is none.
+std::string FindLibrary(const char* name) {
     std::array<char, 4096> self{};
     const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
     const std::string program(self.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
     const std::string folder = program.substr(0, program.rfind('/'));
     for (const char* place : {"/", "/../nbd/", "/../lib/kvr/"}) {
-        const std::string path = folder + place + kPlugin;
+        std::string path = folder + place + name;
         if (access(path.c_str(), R_OK) == 0) return path;
     }
-    return "kvr";
+    return {};
+}
+
+// Else a name that nbdkit looks up among its own plugins.
+std::string FindPlugin() {
+    const std::string path = FindLibrary(kPlugin);
+    return path.empty() ? "kvr" : path;
 }
 
 // ---- the child -------------------------------------------------------------------------------------------
@@ -52,10 +60,20 @@ std::vector<std::string> NbdkitArguments(const MachineFolder& folder, const Serv
     return arguments;
 }
 
+// Behind what the user loads into programs.
+void LoadSendGuard() {
+    const std::string guard = FindLibrary(kSendGuard);
+    if (guard.empty()) return;
+    const char* others = std::getenv("LD_PRELOAD");
+    const bool alone = others == nullptr || *others == 0;
+    setenv("LD_PRELOAD", alone ? guard.c_str() : (others + (":" + guard)).c_str(), 1);
+}
+
 [[noreturn]] void BecomeNbdkit(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
+    LoadSendGuard();
     execvp(argv[0], argv.data());
     std::fprintf(stderr, "kvrhost: cannot start nbdkit: %s (it comes with the package nbdkit)\n",
                  std::strerror(errno));

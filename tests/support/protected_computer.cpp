@@ -106,6 +106,11 @@ void ProtectedComputer::Build() {
     machine.fileSystem = [this](const VolumeDevice& volume) {
         // Without a filter when its AddDevice failed.
         if (PDEVICE_OBJECT filter = volume.Device()->AttachedDevice) RankRecordLocks(::VolumeOf(filter));
+        if (volume.Number() == kDataVolume && options_.dataFileSystem) {
+            FileSystemDriver driver;
+            driver.mount = options_.dataFileSystem;
+            return driver;
+        }
         return volume.Number() <= kDataVolume
                    ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
                    : FileSystemDriver{};

@@ -43,6 +43,8 @@ struct ComputerOptions {
     // large as it gets.
     std::uint64_t piece = 0;
     std::uint64_t gap = 0;
+    // Mounts on the data volume in the place of scripted files.
+    machine::FileSystemFactory dataFileSystem = {};
 };
 ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
 

@@ -10,7 +10,8 @@
 #include <cstdint>
 #include <map>
 #include <vector>
-#include "machine/ntfs_names.h"
+#include "machine/metadata_names.h"
+#include "machine/volume_io.h"
 
 namespace machine {
 
@@ -19,9 +20,9 @@ enum class CommitOrder {
     RemoveFirst,  // operations that give space back: directories, then records, then bitmaps
 };
 
-class NtfsMetadataCache {
+class MetadataCache {
 public:
-    NtfsMetadataCache(VolumeIo& io, NtfsNames& names) : io_(io), names_(names) {}
+    MetadataCache(VolumeIo& io, MetadataNames& names) : io_(io), names_(names) {}
 
     // Any byte range within the volume. The status is the failing request's; see also Failure().
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length);
@@ -50,7 +51,7 @@ private:
     [[nodiscard]] NTSTATUS WritePiece(const Piece& piece);
 
     VolumeIo& io_;
-    NtfsNames& names_;
+    MetadataNames& names_;
     std::map<std::uint64_t, Sector> sectors_;  // by sector number
     NTSTATUS failure_ = STATUS_SUCCESS;
 };

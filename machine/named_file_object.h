@@ -8,18 +8,18 @@
 namespace machine {
 
 // Stays at its address for its whole life; requests in flight and filters hold pointers to it.
-class NtfsFileObject {
+class NamedFileObject {
 public:
     // `context` is the same for all opens of one file, as the platform's file systems keep it.
-    NtfsFileObject(VolumeIo& io, std::u16string name, void* context = nullptr) : name_(std::move(name)) {
+    NamedFileObject(VolumeIo& io, std::u16string name, void* context = nullptr) : name_(std::move(name)) {
         const auto bytes = static_cast<USHORT>(name_.size() * sizeof(WCHAR));
         object_.DeviceObject = io.Device();
         object_.Vpb = io.Vpb();
         object_.FsContext = context;
         object_.FileName = {bytes, bytes, name_.data()};
     }
-    NtfsFileObject(const NtfsFileObject&) = delete;
-    NtfsFileObject& operator=(const NtfsFileObject&) = delete;
+    NamedFileObject(const NamedFileObject&) = delete;
+    NamedFileObject& operator=(const NamedFileObject&) = delete;
 
     PFILE_OBJECT Get() { return &object_; }
 

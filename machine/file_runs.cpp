@@ -1,4 +1,4 @@
-#include "machine/ntfs_runs.h"
+#include "machine/file_runs.h"
 #include <algorithm>
 #include <cstring>
 
@@ -18,7 +18,7 @@ std::uint64_t RoundUp(std::uint64_t value, std::uint64_t unit) {
 
 }  // namespace
 
-void NtfsRuns::Append(std::uint64_t volume, std::uint64_t length) {
+void FileRuns::Append(std::uint64_t volume, std::uint64_t length) {
     if (!runs_.empty() && runs_.back().volume + runs_.back().length == volume)
         runs_.back().length += length;
     else
@@ -27,10 +27,10 @@ void NtfsRuns::Append(std::uint64_t volume, std::uint64_t length) {
 
 // Calls transfer(volume offset, position within the range, length) for each part that lies in one run.
 template <class Transfer>
-NTSTATUS NtfsRuns::ForEachRun(std::uint64_t offset, std::uint64_t length, const Transfer& transfer) const {
+NTSTATUS FileRuns::ForEachRun(std::uint64_t offset, std::uint64_t length, const Transfer& transfer) const {
     if (offset > Allocated() || length > Allocated() - offset) return STATUS_FILE_CORRUPT_ERROR;
     auto run = std::upper_bound(runs_.begin(), runs_.end(), offset,
-                                [](std::uint64_t at, const NtfsRun& r) { return at < r.at; });
+                                [](std::uint64_t at, const FileRun& r) { return at < r.at; });
     if (run != runs_.begin()) --run;
     for (std::uint64_t done = 0; done < length;) {
         const std::uint64_t within = offset + done - run->at;
@@ -43,21 +43,21 @@ NTSTATUS NtfsRuns::ForEachRun(std::uint64_t offset, std::uint64_t length, const 
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NtfsRuns::ReadSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint8_t* buffer,
+NTSTATUS FileRuns::ReadSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint8_t* buffer,
                                std::uint64_t length) const {
     return ForEachRun(offset, length, [&](std::uint64_t volume, std::uint64_t done, std::uint32_t part) {
         return io.Read(volume, buffer + done, part, file);
     });
 }
 
-NTSTATUS NtfsRuns::WriteSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset,
+NTSTATUS FileRuns::WriteSectors(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset,
                                 const std::uint8_t* buffer, std::uint64_t length) const {
     return ForEachRun(offset, length, [&](std::uint64_t volume, std::uint64_t done, std::uint32_t part) {
         return io.Write(volume, buffer + done, part, file);
     });
 }
 
-NTSTATUS NtfsRuns::Read(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, void* buffer,
+NTSTATUS FileRuns::Read(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, void* buffer,
                         std::uint64_t length) const {
     const std::uint32_t sector = io.SectorSize();
     auto* out = static_cast<std::uint8_t*>(buffer);
@@ -69,13 +69,13 @@ NTSTATUS NtfsRuns::Read(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, v
     return status;
 }
 
-NTSTATUS NtfsRuns::ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt, std::uint8_t* sector,
+NTSTATUS FileRuns::ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt, std::uint8_t* sector,
                                std::uint64_t valid) const {
     if (sectorAt >= valid) return STATUS_SUCCESS;  // the caller's zeros stand
     return ReadSectors(io, file, sectorAt, sector, io.SectorSize());
 }
 
-NTSTATUS NtfsRuns::Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, const void* buffer,
+NTSTATUS FileRuns::Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, const void* buffer,
                          std::uint64_t length, std::uint64_t valid) const {
     const std::uint32_t sector = io.SectorSize();
     const auto* from = static_cast<const std::uint8_t*>(buffer);
@@ -93,7 +93,7 @@ NTSTATUS NtfsRuns::Write(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, 
     return WriteSectors(io, file, first, whole.data(), whole.size());
 }
 
-NTSTATUS NtfsRuns::WriteZeros(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint64_t end,
+NTSTATUS FileRuns::WriteZeros(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint64_t end,
                               std::uint64_t valid) const {
     if (offset >= end) return STATUS_SUCCESS;
     const std::vector<std::uint8_t> zeros(std::min(end - offset, kZeroPiece), 0);

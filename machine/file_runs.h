@@ -8,14 +8,14 @@
 namespace machine {
 
 // A contiguous part of a file; all in bytes, whole sectors.
-struct NtfsRun {
+struct FileRun {
     std::uint64_t at;      // position in the file
     std::uint64_t volume;  // position on the volume
     std::uint64_t length;
 };
 
 // The runs that cover a file's allocation, ascending and without gaps, neighbours joined.
-class NtfsRuns {
+class FileRuns {
 public:
     void Clear() { runs_.clear(); }
     // Continues the file at its present end.
@@ -43,7 +43,7 @@ private:
     [[nodiscard]] NTSTATUS ReadDefined(VolumeIo& io, PFILE_OBJECT file, std::uint64_t sectorAt,
                                        std::uint8_t* sector, std::uint64_t valid) const;
 
-    std::vector<NtfsRun> runs_;
+    std::vector<FileRun> runs_;
 };
 
 }  // namespace machine

@@ -1,4 +1,4 @@
-#include "machine/ntfs_metadata_cache.h"
+#include "machine/metadata_cache.h"
 #include <algorithm>
 #include <cstring>
 
@@ -11,6 +11,7 @@ constexpr std::uint64_t kLargestRequest = 1 << 20;  // bytes, a multiple of ever
 // are older than their files, and so a directory's own record lies before those of its files.
 int RankOf(MetadataKind kind) {
     switch (kind) {
+        case MetadataKind::State:  // not by its rank, see Commit()
         case MetadataKind::ClusterBitmap:
             return 0;
         case MetadataKind::RecordBitmap:
@@ -27,20 +28,16 @@ int RankOf(MetadataKind kind) {
     return 5;
 }
 
-bool IsIndexBlock(const void* buffer, std::size_t length) {
-    return length >= 4 && std::memcmp(buffer, "INDX", 4) == 0;
-}
-
 }  // namespace
 
 // Sectors that go to the volume in one request.
-struct NtfsMetadataCache::Piece {
+struct MetadataCache::Piece {
     std::uint64_t sector;
     std::uint64_t count;
     MetadataKind kind;
 };
 
-NTSTATUS NtfsMetadataCache::Load(std::uint64_t first, std::uint64_t end) {
+NTSTATUS MetadataCache::Load(std::uint64_t first, std::uint64_t end) {
     const std::uint32_t size = io_.SectorSize();
     for (std::uint64_t sector = first; sector < end;) {
         if (sectors_.contains(sector)) {
@@ -61,7 +58,7 @@ NTSTATUS NtfsMetadataCache::Load(std::uint64_t first, std::uint64_t end) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NtfsMetadataCache::Read(std::uint64_t offset, void* buffer, std::size_t length) {
+NTSTATUS MetadataCache::Read(std::uint64_t offset, void* buffer, std::size_t length) {
     const std::uint32_t size = io_.SectorSize();
     const NTSTATUS status = Load(offset / size, (offset + length + size - 1) / size);
     if (!NT_SUCCESS(status)) return status;
@@ -75,9 +72,9 @@ NTSTATUS NtfsMetadataCache::Read(std::uint64_t offset, void* buffer, std::size_t
     return STATUS_SUCCESS;
 }
 
-NTSTATUS NtfsMetadataCache::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
+NTSTATUS MetadataCache::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
     const std::uint32_t size = io_.SectorSize();
-    const bool directory = IsIndexBlock(buffer, length);
+    const bool directory = names_.IsDirectoryData(buffer, length);
     const auto* from = static_cast<const std::uint8_t*>(buffer);
     while (length > 0) {
         const std::size_t at = offset % size;
@@ -93,8 +90,8 @@ NTSTATUS NtfsMetadataCache::Write(std::uint64_t offset, const void* buffer, std:
 }
 
 // Bytes that are there already change nothing: the library writes whole windows of the bitmap back for one bit.
-void NtfsMetadataCache::Store(std::uint64_t sector, std::size_t at, const std::uint8_t* bytes,
-                              std::size_t length, bool directory) {
+void MetadataCache::Store(std::uint64_t sector, std::size_t at, const std::uint8_t* bytes, std::size_t length,
+                          bool directory) {
     Sector& target = sectors_[sector];
     target.directory = target.directory || directory;
     if (target.bytes.empty()) {
@@ -106,7 +103,7 @@ void NtfsMetadataCache::Store(std::uint64_t sector, std::size_t at, const std::u
     }
 }
 
-std::vector<NtfsMetadataCache::Piece> NtfsMetadataCache::ChangedPieces() const {
+std::vector<MetadataCache::Piece> MetadataCache::ChangedPieces() const {
     std::vector<Piece> pieces;
     const std::uint32_t size = io_.SectorSize();
     for (const auto& [number, sector] : sectors_) {
@@ -123,7 +120,7 @@ std::vector<NtfsMetadataCache::Piece> NtfsMetadataCache::ChangedPieces() const {
     return pieces;
 }
 
-NTSTATUS NtfsMetadataCache::WritePiece(const Piece& piece) {
+NTSTATUS MetadataCache::WritePiece(const Piece& piece) {
     const std::uint32_t size = io_.SectorSize();
     std::vector<std::uint8_t> buffer;
     buffer.reserve(piece.count * size);
@@ -135,10 +132,12 @@ NTSTATUS NtfsMetadataCache::WritePiece(const Piece& piece) {
                      names_.ObjectOf(piece.kind));
 }
 
-NTSTATUS NtfsMetadataCache::Commit(CommitOrder order) {
+NTSTATUS MetadataCache::Commit(CommitOrder order) {
     std::vector<Piece> pieces = ChangedPieces();
     const bool taking = order == CommitOrder::TakeFirst;
     std::sort(pieces.begin(), pieces.end(), [&](const Piece& a, const Piece& b) {
+        if ((a.kind == MetadataKind::State) != (b.kind == MetadataKind::State))
+            return a.kind == MetadataKind::State;
         const int left = RankOf(a.kind), right = RankOf(b.kind);
         if (left != right) return taking ? left < right : left > right;
         return taking ? a.sector > b.sector : a.sector < b.sector;
@@ -152,7 +151,7 @@ NTSTATUS NtfsMetadataCache::Commit(CommitOrder order) {
     return failure_ = NT_SUCCESS(status) ? STATUS_SUCCESS : status;
 }
 
-void NtfsMetadataCache::Discard() {
+void MetadataCache::Discard() {
     sectors_.clear();
     failure_ = STATUS_SUCCESS;
 }
