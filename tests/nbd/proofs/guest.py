@@ -14,10 +14,9 @@ import proof
 from machine import Machine
 from proof import Failed, require, run, say, wait_until
 
-BOOT_SECONDS = 300  # of a guest whose processor is emulated
+BOOT_SECONDS = 120  # of a guest whose processor is emulated
 
-INIT = """#!/bin/busybox sh
-busybox mount -t devtmpfs dev /dev
+INIT = """busybox mount -t devtmpfs dev /dev
 busybox mount -t proc proc /proc
 busybox --install -s /bin
 export PATH=/bin
@@ -62,7 +61,7 @@ class Guest:
         control = given.scratch / "qmp"
         self._process = given.start(
             "qemu-system-x86_64", "-accel", "tcg", "-m", "256", "-nodefaults", "-display", "none", "-kernel", kernel,
-            "-initrd", ram_disk, "-append", "console=ttyS0 panic=-1", "-serial", f"file:{self._console}",
+            "-initrd", ram_disk, "-append", initrd.COMMAND_LINE, "-serial", f"file:{self._console}",
             "-qmp", f"unix:{control},server=on,wait=off", "-drive", f"file={pc.uri()},format=raw,if=virtio",
             output=given.scratch / "qemu")
         wait_until(control.exists, "the guest's monitor")

@@ -216,17 +216,16 @@ def body(given):
     pc.serve()
     pc.protect("64M")
     pc.stop()
-    before = image.copy(pc.image, given.scratch / "before")
-    partition = image.partition(before)
-    allowed = image.storage(before, SWAP, given.scratch)
-    allowed.append((partition[0] - 64 * 1024, 64 * 1024))  # before the volume: nobody protects that
+    partition = image.partition(pc.image)
+    before_the_volume = (partition[0] - 64 * 1024, 64 * 1024)  # nobody protects that
+    fixed = image.Fixed(pc.image, given.scratch, image.storage(pc.image, SWAP, given.scratch) + [before_the_volume])
     pc.serve()
     misbehave(given, pc, partition)
-    image.require_same(before, pc.image, allowed, given.scratch, "the image")
+    fixed.require_same(pc.image, "the image")
     pc.reboot()
     pc.require_protected()
     run("nbdcopy", pc.uri(), given.scratch / "seen")
-    image.require_same(before, given.scratch / "seen", allowed, given.scratch, "what a client sees after a boot")
+    fixed.require_same(given.scratch / "seen", "what a client sees after a boot")
     pc.stop()
     for line in pc.log().splitlines():
         require("Sanitizer" not in line and "runtime error" not in line, line)

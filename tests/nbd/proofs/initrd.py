@@ -8,7 +8,10 @@ import subprocess
 from proof import Skipped, need_program, run
 
 KERNEL, BUSYBOX = "linux-image-cloud-amd64", "busybox-static"
-MODULES = ["virtio", "virtio_ring", "virtio_pci_legacy_dev", "virtio_pci_modern_dev", "virtio_pci", "virtio_blk"]
+SCRIPT = "script"
+# The kernel can run no scripts before its module for them is there; the shell takes it as an argument.
+COMMAND_LINE = f"console=ttyS0 rdinit=/bin/sh -- /{SCRIPT}"
+MODULES = ["virtio_ring", "virtio", "virtio_pci_legacy_dev", "virtio_pci_modern_dev", "virtio_pci", "virtio_blk"]
 
 
 def _dependency(package):
@@ -47,13 +50,14 @@ def kernel_and_initrd(cache, script, target):
     need_program("apt-get", "apt-cache", "dpkg-deb")
     cache = pathlib.Path(cache)
     linux = _unpacked(_dependency(KERNEL), cache)
-    busybox = next(path for path in _unpacked(BUSYBOX, cache).rglob("busybox") if path.is_file())
+    busybox = next(_unpacked(BUSYBOX, cache).glob("**/bin/busybox"))
     archive = b"".join(_entry(name, stat.S_IFDIR | 0o755) for name in ("bin", "dev", "proc", "sys", "mnt", "lib"))
     archive += _entry("dev/console", stat.S_IFCHR | 0o600)
     archive += _entry("bin/busybox", stat.S_IFREG | 0o755, busybox.read_bytes())
     for name in MODULES:
         archive += _entry(f"lib/{name}.ko", stat.S_IFREG | 0o644, next(linux.rglob(f"{name}.ko")).read_bytes())
-    archive += _entry("init", stat.S_IFREG | 0o755, script.encode()) + _entry("TRAILER!!!", 0)
+    archive += _entry("bin/sh", stat.S_IFLNK | 0o777, b"busybox")
+    archive += _entry(SCRIPT, stat.S_IFREG | 0o644, script.encode()) + _entry("TRAILER!!!", 0)
     target.write_bytes(gzip.compress(archive, 1))
     return next(linux.glob("boot/vmlinuz-*")), target
 

@@ -37,16 +37,16 @@ def copy_out(pc, target):
     return target
 
 
-def discarding(given, pc, before, allowed):
+def discarding(given, pc, fixed, place):
     for _ in range(ROUNDS):
         pc.serve()
         pc.require_protected()
-        kill_under_load(given, pc, image.partition(before))
-        image.require_same(before, pc.image, allowed, given.scratch, "the image after the kill")
+        kill_under_load(given, pc, place)
+        fixed.require_same(pc.image, "the image after the kill")
     pc.serve()
     pc.require_protected()
     seen = copy_out(pc, given.scratch / "seen")
-    image.require_same(before, seen, allowed, given.scratch, "what a client sees after the kills")
+    fixed.require_same(seen, "what a client sees after the kills")
 
 
 def kept_stretch(length):
@@ -66,18 +66,17 @@ def check_what_stays(pc, length):
     require("Pattern verification failed" not in told, f"what was kept is lost: {told}")
 
 
-def keeping(given, pc, before, allowed):
-    place = image.partition(before)
+def keeping(given, pc, fixed, place):
     pc.ctl("protect", VOLUME, "--at-boot", "keep")
     pc.reboot()
     write_what_stays(pc, place[1])
     for _ in range(ROUNDS):
         kill_under_load(given, pc, place)
-        image.require_same(before, pc.image, allowed, given.scratch, "the image after the kill")
+        fixed.require_same(pc.image, "the image after the kill")
         pc.serve()
         pc.require_protected()
         check_what_stays(pc, place[1])
-        image.require_same(before, pc.image, allowed, given.scratch, "the image after the boot")
+        fixed.require_same(pc.image, "the image after the boot")
 
 
 def body(given):
@@ -87,12 +86,12 @@ def body(given):
     pc.serve()
     pc.protect("224M")
     pc.stop()
-    before = image.copy(pc.image, given.scratch / "before")
-    allowed = image.storage(before, SWAP, given.scratch)
+    place = image.partition(pc.image)
+    fixed = image.Fixed(pc.image, given.scratch, image.storage(pc.image, SWAP, given.scratch))
     say("changes are dropped by a boot")
-    discarding(given, pc, before, allowed)
+    discarding(given, pc, fixed, place)
     say("changes are kept over a boot")
-    keeping(given, pc, before, allowed)
+    keeping(given, pc, fixed, place)
 
 
 proof.main(body, seconds=150)

@@ -5,7 +5,7 @@ import pathlib
 import select
 import signal
 
-from proof import Failed, require, run, say
+from proof import Failed, require, run, say, wait_until
 
 MIB = 1 << 20
 VOLUME = "HarddiskVolume1"
@@ -33,10 +33,9 @@ class Machine:
         return f"nbd+unix:///{export}?socket={self.folder}/nbd.sock"
 
     # ---- power -----------------------------------------------------------------------------------------
-    def serve(self, *for_nbdkit):
+    def serve(self):
         self._pidfile.unlink(missing_ok=True)
-        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile,
-            *for_nbdkit, env=self._env)
+        run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
         self._server = os.pidfd_open(self.pid)
 
     @property
@@ -80,11 +79,17 @@ class Machine:
 
     def protect(self, swap, at_boot="discard", volume=VOLUME):
         """Makes storage on the volume and protects it from the boot on that this ends with."""
+        wait_until(lambda: not self._in_use(volume), "the last client is gone")
         self.ctl("swap", "make", volume, swap)
         self.ctl("protect", volume, "--at-boot", at_boot)
         self.ctl("enable")
         self.reboot()
         self.require_protected(volume)
+
+    def _in_use(self, volume):
+        """A client's process may be gone a moment before the server has noticed."""
+        records = json.loads(self.ctl("volumes", "--json").stdout)
+        return any(record["inUseBy"] for record in records if record["name"].endswith("\\" + volume))
 
     def status(self, volume=VOLUME):
         """The volume's record in the driver's own report."""

@@ -6,10 +6,6 @@ import subprocess
 
 from proof import end_process, need_fuse, need_loop_devices, need_program, require, run, wait_until
 
-# nbdfuse takes a server's minimum block size for what it may ask for and refuses ntfs-3g's writes of a few bytes.
-# The server itself takes requests of any length and place.
-ANY_ALIGNMENT = ("--filter=blocksize-policy", "blocksize-minimum=1")
-
 
 def need(kind):
     need_fuse()

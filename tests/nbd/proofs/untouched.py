@@ -34,36 +34,36 @@ def body(given):
     pc.serve()
     pc.protect("128M")
     pc.stop()
-    before = image.copy(pc.image, given.scratch / "before")
-    allowed = image.storage(before, SWAP, given.scratch)
-    offset, length = image.partition(before)
+    offset, length = image.partition(pc.image)
+    allowed = image.storage(pc.image, SWAP, given.scratch)
+    fixed = image.Fixed(pc.image, given.scratch, allowed)
 
     say("protected work")
     pc.serve()
     work(pc, length)
     seen = given.scratch / "seen"
     run("nbdcopy", pc.uri(), seen)
-    image.require_different(before, seen, allowed, given.scratch, "the client does not see its own work")
+    fixed.require_different(seen, "the client does not see its own work")
     pc.stop()
-    image.require_same(before, pc.image, allowed, given.scratch, "the image after protected work")
+    fixed.require_same(pc.image, "the image after protected work")
 
     say("the boot after it")
     pc.serve()
     run("nbdcopy", pc.uri(), seen)
-    image.require_same(before, seen, allowed, given.scratch, "what a client sees after the boot")
+    fixed.require_same(seen, "what a client sees after the boot")
     pc.stop()
-    image.require_same(before, pc.image, allowed, given.scratch, "the image after the boot")
-    check_comparison(pc, before, offset, allowed, given.scratch)
+    fixed.require_same(pc.image, "the image after the boot")
+    check_comparison(pc, fixed, offset, allowed)
 
 
-def check_comparison(pc, before, offset, allowed, scratch):
+def check_comparison(pc, fixed, offset, allowed):
     """One changed bit is a difference, unless it lies in the storage."""
     with open(pc.image, "r+b") as disk:
         for place in (0, offset + 4095, allowed[0][0] - 1, allowed[0][0] + allowed[0][1]):
             byte = os.pread(disk.fileno(), 1, place)
             os.pwrite(disk.fileno(), bytes([byte[0] ^ 1]), place)
             if not any(start <= place < start + count for start, count in allowed):
-                image.require_different(before, pc.image, allowed, scratch, f"a changed bit at {place} goes unseen")
+                fixed.require_different(pc.image, f"a changed bit at {place} goes unseen")
             os.pwrite(disk.fileno(), byte, place)
 
 
