@@ -181,7 +181,8 @@ std::int64_t GetSize(void* handle) {
     return static_cast<std::int64_t>(ConnectionOf(handle).size);
 }
 
-// Clients that are told of a minimum refuse whatever is smaller by themselves; here parts of sectors are served.
+// Clients that are told of a minimum refuse whatever is smaller by themselves; here parts of sectors are
+// served.
 int BlockSize(void*, std::uint32_t* minimum, std::uint32_t* preferred, std::uint32_t* maximum) {
     *minimum = 1;
     *preferred = 4096;

@@ -85,7 +85,7 @@ TEST(ConfigEdit, RefusesWhatWouldHaveNoEffect) {
     EXPECT_EQ(true, ScanConfig(SetSwitch(late, true)).Find(kV)->volume.switchWasOn);
     const std::u16string tooLate = u"[FV 1]\nID=\\Device\\V\n[FV 2]\nID=x\n[Global]\nProtection=1\n";
     EXPECT_NE(std::string::npos,
-              refusal([&] { ProtectVolume(tooLate, kV, {}); }).find("line 5: [Global] must stand before"));
+              refusal([&] { ProtectVolume(tooLate, kV, {}); }).find("line 3: the [Global] behind"));
     EXPECT_NE(std::string::npos, refusal([&] { MergeOnce(kOwn, kV); }).find("not protected"));
     EXPECT_NE(std::string::npos, refusal([&] { SetRemovable(kOwn, kV, 1); }).find("as a fixed volume"));
     const std::u16string full = u"; " + std::u16string(4060, u'x') + u"\n";

@@ -92,23 +92,25 @@ int ConfigCheckStored(const Context& context) {
     return TellFindings(context.terminal, context.json, CheckConfig(ReadStored(context)), "stored");
 }
 
+// What the user wrote is never lost: whatever fails, a changed file stays and is named.
 int ConfigEdit(const Context& context, bool force) {
     const std::u16string before = ReadStored(context);
-    const TemporaryFile file("kvr.cfg.txt", ToUtf8(before));
-    RunEditor(file.Path());
-    const std::u16string after = ReadText(file.Path());
-    if (after == before) {
-        context.terminal.out << "Nothing was changed.\n";
-        return kExitOk;
-    }
-    file.Keep(true);
+    const std::string shown = ToUtf8(before);
+    const TemporaryFile file("kvr.cfg.txt", shown);
     try {
+        RunEditor(file.Path());
+        const std::u16string after = ReadText(file.Path());
+        if (after == before) {
+            context.terminal.out << "Nothing was changed.\n";
+            return kExitOk;
+        }
         RequireSound(context, after, "kvr.cfg", force);
         Store(context, before, after, false);
     } catch (const Failure& failure) {
+        if (ReadFile(file.Path()) == shown) throw;
+        file.Keep();
         throw Failure(std::string(failure.what()) + "; your text is in " + file.Path(), failure.ExitCode());
     }
-    file.Keep(false);
     return kExitOk;
 }
 

@@ -17,7 +17,7 @@ public:
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     const std::string& Path() const { return path_; }
-    void Keep(bool keep) const { keep_ = keep; }
+    void Keep() const { keep_ = true; }
 
 private:
     std::string folder_, path_;

@@ -36,6 +36,8 @@ constexpr Meaning kMeanings[] = {
     {0, kAccessDenied, "this needs more rights than you have; run it as an administrator", kExitDenied},
     {0, kInsufficientResources, "the machine has no memory left for it", kExitFailed},
     {0, kInvalidDeviceRequest, "the driver is loaded but stands by, and filters nothing", kExitFailed},
+    {0, kInvalidHandle, "the machine was booted anew in between; try again", kExitFailed},
+    {0, kDevicePoweredOff, "the machine is off", kExitNotRunning},
     {0, kDeviceBusy, "the volume is in use", kExitBusy},
 };
 

@@ -1,5 +1,5 @@
 // Loading the driver under test, and the driver object of the story's own devices.
-#include "protocol.h"
+#include "shim.h"
 #include "tests/second_kernel/stage.h"
 
 extern "C" {
@@ -32,6 +32,8 @@ NTSTATUS stage::LoadDriver(PDRIVER_OBJECT& driver) {
     if (!NT_SUCCESS(status)) return status;
     driver = static_cast<PDRIVER_OBJECT>(object);
     ObDereferenceObject(object);
+    (void)Check(shim::IsDriverCode(reinterpret_cast<PVOID>(driver->MajorFunction[IRP_MJ_READ])),
+                "the driver's imports were replaced");
     return status;
 }
 

@@ -1,10 +1,10 @@
 // The harness driver: a control device through which the runner has one boot of a story played.
+#include "image.h"
 #include "media.h"
 #include "outcome.h"
 #include "protocol.h"
 #include "rules_story.h"
 #include "shim.h"
-#include "image.h"
 #include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -45,8 +45,18 @@ ULONG Describe(const Story& story, STORY_OUTCOME* answer, ULONG room) {
     return sizeof(*answer) + answer->TextLength;
 }
 
+void PlayBoot(const Story& story, ULONG boot) {
+    shim::BeginOutcome(story.name, boot);
+    shim::PrepareMedia();
+    story.boots[boot]();
+    stage::Step("end of the boot");
+    (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingRequests()), 0, "requests not freed");
+    (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingMdls()), 0, "MDLs not freed");
+    shim::SaveMedia();
+}
+
 void NTAPI Play(PVOID) {
-    auto* buffer = gPlaying->AssociatedIrp.SystemBuffer;
+    PVOID buffer = gPlaying->AssociatedIrp.SystemBuffer;
     const STORY_PLAY wanted = *static_cast<STORY_PLAY*>(buffer);
     auto* answer = static_cast<STORY_OUTCOME*>(buffer);
     const Story* story = FindStory(wanted.Name);
@@ -54,13 +64,7 @@ void NTAPI Play(PVOID) {
     if (!story || wanted.Boot >= story->bootCount) {
         *answer = {};
     } else {
-        shim::BeginOutcome(story->name, wanted.Boot);
-        shim::PrepareMedia();
-        story->boots[wanted.Boot]();
-        stage::Step("end of the boot");
-        (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingRequests()), 0, "requests not freed");
-        (void)stage::CheckEqual(static_cast<ULONGLONG>(shim::OutstandingMdls()), 0, "MDLs not freed");
-        shim::SaveMedia();
+        PlayBoot(*story, wanted.Boot);
         bytes = Describe(*story, answer,
                          IoGetCurrentIrpStackLocation(gPlaying)->Parameters.DeviceIoControl.OutputBufferLength);
     }

@@ -42,7 +42,7 @@ ULONG DebugPrint(PCSTR format, ...) {
     return STATUS_SUCCESS;
 }
 
-// Wine's own stops in a debugger.
+// Printed among the lines that the driver printed.
 void NTAPI Assert(PVOID condition, PVOID file, ULONG line, PCHAR) {
     PrintLine("Assertion failed: %s, file %s, line %d\n", condition, file, line);
 }

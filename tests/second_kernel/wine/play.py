@@ -195,6 +195,8 @@ def main() -> int:
 if __name__ == "__main__":
     try:
         sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)
     except (Trouble, subprocess.CalledProcessError, subprocess.TimeoutExpired) as error:
         print(f"play.py: {error}", file=sys.stderr)
         sys.exit(2)

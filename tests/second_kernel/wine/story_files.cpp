@@ -43,7 +43,7 @@ private:
 
 // ---- handles ----
 
-// In the upper half of the low word's values a user of real handles never gets to.
+// No handle of the kernel's has such a value.
 constexpr ULONG_PTR kHandleMark = 0x53480000'00000000;
 
 HANDLE HandleOf(const StoryFile* file) {
