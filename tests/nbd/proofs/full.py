@@ -40,4 +40,4 @@ def body(given):
     fixed.require_same(pc.image, "the image after a boot")
 
 
-proof.main(body, seconds=60)
+proof.main(body, seconds=120)

@@ -93,4 +93,4 @@ def body(given):
     keeping(given, pc, fixed, place)
 
 
-proof.main(body, seconds=150)
+proof.main(body, seconds=240)

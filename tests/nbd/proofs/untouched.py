@@ -68,4 +68,4 @@ def check_comparison(pc, fixed, offset, allowed):
             os.pwrite(disk.fileno(), byte, place)
 
 
-proof.main(body, seconds=60)
+proof.main(body, seconds=120)
