@@ -66,4 +66,4 @@ def body(given):
         client.shutdown()
 
 
-proof.main(body, seconds=60)
+proof.main(body, seconds=120)

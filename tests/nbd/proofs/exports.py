@@ -66,4 +66,4 @@ def body(given):
         pc.stop()
 
 
-proof.main(body, seconds=60)
+proof.main(body, seconds=120)

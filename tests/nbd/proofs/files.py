@@ -74,4 +74,4 @@ def body(given):
     require_in_image(given, pc, second, "the image after a merge")
 
 
-proof.main(body, seconds=150)
+proof.main(body, seconds=240)

@@ -103,7 +103,7 @@ class Stretch:
     def work(self, until):
         client = connect(self.uri)
         while time.monotonic() < until:
-            action = self.dice.choices(("write", "zero", "read", "burst", "nonsense"), (6, 3, 6, 1, 1))[0]
+            action = self.dice.choices(("write", "zero", "read", "burst", "nonsense"), (6, 3, 6, 3, 1))[0]
             client = getattr(self, action)(client) or client
         client.shutdown()
 
@@ -195,6 +195,8 @@ def misbehave(given, pc, partition):
     stretches = [Stretch(by_volume, inside, STRETCH, SEED), Stretch(by_volume, inside + STRETCH, STRETCH, SEED + 1),
                  Stretch(by_disk, offset + inside + 2 * STRETCH, STRETCH, SEED + 2),
                  Stretch(by_disk, offset - 64 * 1024, 128 * 1024, SEED + 3)]
+    shared = inside + 4 * STRETCH  # two clients have a half of this sector each
+    stretches += [Stretch(by_volume, shared, 256, SEED + 5), Stretch(by_disk, offset + shared + 256, 256, SEED + 6)]
     vandal = Vandal(by_volume, pc.folder / "nbd.sock", inside + 3 * STRETCH, STRETCH, SEED + 4)
     failures = all_at_once(stretches + [vandal])
     require(pc.lives(), "the server died: " + pc.log()[-2000:])

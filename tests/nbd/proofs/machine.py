@@ -22,12 +22,10 @@ class Machine:
         self._pidfile = proof.scratch / (name + ".pid")
         self._env = env
         self._server = None  # a descriptor of the process: a process id may come to mean another one
+        # A disk of its own, unless the machine takes one in place.
+        self.image = pathlib.Path(create[1]) if create[0] == "--disk" else self.folder / "disk0.img"
         run(self.kvrhost, "create", self.folder, *create)
         proof.at_end(self._end)
-
-    @property
-    def image(self):
-        return self.folder / "disk0.img"
 
     def uri(self, export="disk0"):
         return f"nbd+unix:///{export}?socket={self.folder}/nbd.sock"

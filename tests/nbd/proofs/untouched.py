@@ -1,13 +1,13 @@
 #!/usr/bin/python3
 """qemu-img finds the same disk before and after protected work: with the work there, and after the boot that
-drops it. A raw image of the user's, taken in place, partitions and all."""
+drops it. The disk is a raw image that the machine takes in place, partitions and all."""
 import os
 import sys
 
 import image
 import proof
 from machine import MIB, VOLUME, Machine
-from proof import require, run, say
+from proof import run, say
 
 SWAP = 128 * MIB
 
@@ -24,13 +24,14 @@ def work(pc, volume_bytes):
     checks += ["-c", f"read -P 0x33 {middle + 1024} 1024"]
     run("qemu-io", "-f", "raw", *commands, "-c", f"write -z {middle} 512", "-c", f"write -f -P 7 {8 * MIB} 1M",
         "-c", "flush", pc.uri(VOLUME))
-    told = run("qemu-io", "-f", "raw", *checks, pc.uri(VOLUME)).stdout
-    require("Pattern verification failed" not in told, f"written data is not found again: {told}")
+    run("qemu-io", "-f", "raw", *checks, pc.uri(VOLUME))  # fails where a pattern is not found
 
 
 def body(given):
     proof.need_program("qemu-img", "qemu-io", "nbdcopy")
-    pc = Machine(given, sys.argv[1], "--size", "320M")
+    user = given.scratch / "user.raw"
+    Machine(given, sys.argv[1], "--size", "320M", name="maker").image.rename(user)
+    pc = Machine(given, sys.argv[1], "--disk", user)
     pc.serve()
     pc.protect("128M")
     pc.stop()
@@ -67,4 +68,4 @@ def check_comparison(pc, fixed, offset, allowed):
             os.pwrite(disk.fileno(), byte, place)
 
 
-proof.main(body, seconds=60)
+proof.main(body, seconds=120)
