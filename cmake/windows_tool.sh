@@ -31,7 +31,7 @@ ln -sfn /usr/include/nlohmann "$headers/nlohmann"
 flags=(
     -std=c++20 -O2 -Wall -Wextra -Werror -municode -ffunction-sections -fdata-sections
     "-ffile-prefix-map=$root=." "-ffile-prefix-map=$out=out"
-    -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0A00 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
+    -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0601 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
     -I. -isystem "$headers"
 )
 objects="$out/tool-objects"
@@ -53,6 +53,7 @@ while [ "$running" -gt 0 ]; do
     running=$((running - 1))
 done
 
+cmake/version_resource.sh kvrctl.exe program "Kvr control tool" "$objects/version.o"
 linked=("${sources[@]//\//_}")
-(cd "$objects" && "$compiler" -municode -static -s -Wl,--gc-sections,--no-insert-timestamp "${linked[@]/%/.o}" -lntdll \
+(cd "$objects" && "$compiler" -municode -static -s -Wl,--gc-sections,--no-insert-timestamp "${linked[@]/%/.o}" version.o -lntdll \
     -o "$out/kvrctl.exe")

@@ -1,10 +1,12 @@
 // The harness driver: a control device through which the runner has one boot of a story played.
+#include <initializer_list>
 #include "image.h"
 #include "media.h"
 #include "outcome.h"
 #include "protocol.h"
 #include "rules_story.h"
 #include "shim.h"
+#include "tool_story.h"
 #include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -16,7 +18,9 @@ PIRP gPlaying;  // the request whose boot is being played; one in a process's li
 const Story* FindStory(const char* name) {
     for (const Story* story : kStories)
         if (shim::SameText(story->name, name)) return story;
-    return shim::SameText(kRulesStory.name, name) ? &kRulesStory : nullptr;
+    for (const Story* story : {&kRulesStory, &kToolStory})
+        if (shim::SameText(story->name, name)) return story;
+    return nullptr;
 }
 
 void Complete(PIRP request, NTSTATUS status, ULONG_PTR information) {

@@ -2,6 +2,8 @@
 // the process in which the drivers live, so that the next boot finds fresh ones.
 //
 //   kvrplay FOLDER STORY BOOT    FOLDER holds the drivers; BOOT counts from 1; the first begins on empty ground
+//   kvrplay FOLDER STORY BOOT stay
+//                                leaves what the boot left in place until standard input ends
 //
 // Prints a line for each failed check. Exit status 0: every check held. 1: one failed. 2: the boot was not
 // played to its end. The last line of a boot that was is "boots N, checks N, failures N", N boots being the
@@ -94,8 +96,9 @@ const STORY_OUTCOME* Play(STORY_PLAY play, std::vector<char>& room) {
 }  // namespace
 
 int wmain(int count, wchar_t** arguments) {
-    if (count != 4) {
-        std::printf("usage: kvrplay FOLDER STORY BOOT\n");
+    const bool stay = count == 5 && std::wcscmp(arguments[4], L"stay") == 0;
+    if (count != 4 && !stay) {
+        std::printf("usage: kvrplay FOLDER STORY BOOT [stay]\n");
         return 2;
     }
     const std::wstring folder = arguments[1];
@@ -113,5 +116,9 @@ int wmain(int count, wchar_t** arguments) {
     }
     std::printf("%.*s", static_cast<int>(outcome->TextLength), reinterpret_cast<const char*>(outcome + 1));
     std::printf("boots %u, checks %u, failures %u\n", outcome->Boots, outcome->Checks, outcome->Failures);
+    if (stay) {
+        std::fflush(stdout);
+        while (std::getchar() != EOF) continue;
+    }
     return outcome->Failures == 0 && outcome->Checks != 0 ? 0 : 1;
 }
