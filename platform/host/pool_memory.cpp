@@ -42,8 +42,11 @@ constexpr SIZE_T SmallStep = 16;                  // blocks up to SmallMost come
 constexpr SIZE_T SmallMost = 1024;
 constexpr SIZE_T LargestListed = SIZE_T{64} << 10;  // blocks above that come from the allocator
 constexpr SIZE_T ListBytes = SIZE_T{64} << 10;      // what a thread's list of one size may hold
+constexpr SIZE_T LargestKept = SIZE_T{2} << 20;  // blocks above LargestListed up to that are kept for a while
+constexpr SIZE_T KeptBytes = SIZE_T{32} << 20;   // as many of them in all
 constexpr int SmallClasses = SmallMost / SmallStep;
 constexpr int Classes = SmallClasses + 24;
+constexpr int KeptClasses = 20;  // those above LargestListed
 
 struct FreeBlock {
     FreeBlock* next;
@@ -176,10 +179,59 @@ struct ThreadMemory {
 };
 thread_local ThreadMemory threadMemory;
 
+// Buffers of large transfers. The allocator would give their pages back to the host at once, and every transfer
+// would have the host clear and map them again.
+class KeptBlocks {
+public:
+    void* Take(const SizeClass& size) {
+        {
+            const std::lock_guard guard(lock_);
+            FreeBlock*& list = lists_[size.index - Classes];
+            if (FreeBlock* block = list) {
+                list = block->next;
+                bytes_ -= size.bytes;
+                return block;
+            }
+        }
+        return std::malloc(size.bytes);
+    }
+
+    void Give(const SizeClass& size, void* memory) {
+        {
+            const std::lock_guard guard(lock_);
+            if (bytes_ + size.bytes <= KeptBytes) {
+                auto* block = static_cast<FreeBlock*>(memory);
+                block->next = lists_[size.index - Classes];
+                lists_[size.index - Classes] = block;
+                bytes_ += size.bytes;
+                return;
+            }
+        }
+        std::free(memory);
+    }
+
+private:
+    std::mutex lock_;
+    FreeBlock* lists_[KeptClasses] = {};
+    SIZE_T bytes_ = 0;
+};
+KeptBlocks& TheKeptBlocks() {
+    static KeptBlocks* blocks = new KeptBlocks;  // threads may end after static objects
+    return *blocks;
+}
+
+void* TakeLarge(SIZE_T bytes) {
+    return bytes > LargestKept ? std::malloc(bytes) : TheKeptBlocks().Take(ClassOf(bytes));
+}
+
+void GiveLarge(void* memory, SIZE_T bytes) {
+    bytes > LargestKept ? std::free(memory) : TheKeptBlocks().Give(ClassOf(bytes), memory);
+}
+
 }  // namespace
 
 void* TakePoolMemory(SIZE_T bytes) {
-    if (bytes > LargestListed) return std::malloc(bytes);
+    if (bytes > LargestListed) return TakeLarge(bytes);
     const SizeClass size = ClassOf(bytes);
     ThreadMemory& own = threadMemory;
     ThreadMemory::List& list = own.lists[size.index];
@@ -193,7 +245,7 @@ void* TakePoolMemory(SIZE_T bytes) {
 }
 
 void GivePoolMemory(void* memory, SIZE_T bytes) {
-    if (bytes > LargestListed) return std::free(memory);
+    if (bytes > LargestListed) return GiveLarge(memory, bytes);
     const SizeClass size = ClassOf(bytes);
     ThreadMemory& own = threadMemory;
     own.Put(size, memory);

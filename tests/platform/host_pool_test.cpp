@@ -33,6 +33,9 @@ TEST_F(Pool, BlocksOfEverySizeLieApartWhoeverGivesThemBack) {
     std::vector<SIZE_T> sizes = {0, 1};
     for (SIZE_T size = 8; size <= 256 * 1024; size += size / 8)
         for (const SIZE_T off : {-1, 0, 1}) sizes.push_back(size + off);
+    // Around the largest that are kept, and more of them than are kept.
+    for (const SIZE_T size : {2 << 20, (2 << 20) - 64, (2 << 20) - 256, 1 << 20, 1 << 20, 1 << 20})
+        sizes.push_back(size);
     for (int round = 0; round < 3; ++round) {
         std::vector<std::pair<UCHAR*, SIZE_T>> blocks;
         for (SIZE_T i = 0; i < 4 * sizes.size(); ++i) {
