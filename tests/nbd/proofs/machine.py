@@ -17,7 +17,7 @@ class Machine:
 
     def __init__(self, proof, build, *create, name="pc", env=None):
         self.kvrhost = pathlib.Path(build) / "tool/kvrhost"
-        self.kvrctl = pathlib.Path(build) / "tool/ctl/kvrctl"
+        self.kvrctl = pathlib.Path(build) / "tool/kvrctl"
         self.folder = proof.scratch / name
         self._pidfile = proof.scratch / (name + ".pid")
         self._env = env
