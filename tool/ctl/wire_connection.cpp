@@ -53,9 +53,9 @@ Answer WireConnection::Call(tool::wire::Command command, std::uint32_t code,
                             std::span<const std::uint8_t> input, Bytes& output) {
     const RequestHeader request{tool::wire::kMagic, command, code, static_cast<std::uint32_t>(input.size()),
                                 static_cast<std::uint32_t>(output.size())};
-    Bytes message(sizeof request + input.size());
+    Bytes message(sizeof request);
     std::memcpy(message.data(), &request, sizeof request);
-    if (!input.empty()) std::memcpy(message.data() + sizeof request, input.data(), input.size());
+    message.insert(message.end(), input.begin(), input.end());
     Send(message.data(), message.size());
     ResponseHeader response{};
     Receive(&response, sizeof response);

@@ -1,0 +1,138 @@
+#!/usr/bin/env python3
+"""Kvr's server side by side with others over one image: fio on the same requests, in turns.
+
+Each round starts every server afresh and then goes through the cases; in each case all servers have their turn,
+in an order that changes. What counts is a server's ratio to the floor of the same case and round, and of these
+the median, so that other work on the computer disturbs all alike."""
+import argparse
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import cases
+import kvr
+import load
+import plot
+import report
+import servers
+
+CHUNK = 16 * load.MIB
+
+
+def arguments():
+    parser = argparse.ArgumentParser(prog="bench/nbd", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--build", type=pathlib.Path, default=pathlib.Path("build/bench"),
+                        help="build folder of kvrhost and the plugin (default %(default)s)")
+    parser.add_argument("--folder", type=pathlib.Path, default=pathlib.Path("/dev/shm"),
+                        help="where the images and the overlays lie, about 6 GiB (default %(default)s: in memory)")
+    parser.add_argument("--rounds", type=int, default=7)
+    parser.add_argument("--plot", type=pathlib.Path, help="write the ratios as an SVG file")
+    parser.add_argument("--only", help="names of the servers to measure besides the floor, with commas")
+    parser.add_argument("--no-memory", action="store_true", help="leave out the memory per GiB")
+    parser.add_argument("--quick", action="store_true", help="small and once: shows that it works and measures nothing")
+    return parser.parse_args()
+
+
+def fill(image, start, plan):
+    """Random bytes where the measured areas lie: a hole in the image would be read faster than data."""
+    with open(image, "r+b") as file:
+        for offset in range(plan.first, plan.end, CHUNK):
+            file.seek(start + offset)
+            file.write(os.urandom(min(CHUNK, plan.end - offset)))
+
+
+def prepare(options, folder, plan):
+    """The machine, and its disk once more for the others: a machine's server keeps all others from its image."""
+    machine = kvr.Machine(options.build, folder / "machine", plan)
+    fill(machine.image, machine.volume_starts[0], plan)
+    copy = folder / "disk.img"
+    subprocess.run(["cp", "--sparse=always", str(machine.image), str(copy)], check=True)
+    fill(machine.image, machine.volume_starts[1], plan)
+    machine.protect()
+    others = [kind(folder, copy) for kind in (servers.File, servers.Cow, servers.Cow4k, servers.Qcow2)]
+    for server in others:
+        server.start = machine.volume_starts[0]
+    return machine, others
+
+
+def rotated(items, by):
+    by %= len(items)
+    return items[by:] + items[:by]
+
+
+def measure(plan, all_servers, rounds, folder):
+    all_cases = cases.cases(plan)
+    result = {case.key: {server.name: [] for server in all_servers} for case in all_cases}
+    for turn in range(rounds):
+        for server in all_servers:
+            server.fresh()
+        for number, case in enumerate(all_cases):
+            for server in rotated(all_servers, turn + number):
+                result[case.key][server.name].append(load.run(case, server, folder))
+            print(f"round {turn + 1}: {case.title}", file=sys.stderr)
+        for server in all_servers:
+            server.check(plan.small + plan.large)
+    for server in all_servers:
+        server.stop()
+    return result
+
+
+def measure_memory(plan, all_servers, folder):
+    """What a server's own memory grows by, in bytes per GiB written."""
+    memory = {}
+    for server in all_servers:
+        memory[server.name] = {}
+        for key, pattern, block in (("4 KiB", "randwrite", 4 * load.KIB), ("1 MiB", "write", load.MIB)):
+            server.fresh()
+            area = load.Area(plan.first, plan.memory)
+            warm = load.Area(plan.first, plan.memory // 8)
+            # A few requests first: what serving takes at all is no memory of what was written.
+            load.run(load.Case("warm", "reads", "randread", block, 16, warm), server, folder)
+            before = server.memory()
+            load.run(load.Case("memory", f"writes of {key}", pattern, block, 16, area), server, folder)
+            memory[server.name][key] = (server.memory() - before) * load.GIB / plan.memory
+            memory[server.name]["idle"] = before
+            server.stop()
+    return memory
+
+
+def run(options, folder):
+    plan = cases.QUICK if options.quick else cases.FULL
+    machine, (floor, *others) = prepare(options, folder, plan)
+    chosen = [floor, *machine.servers(), *others]
+    if options.only:
+        chosen = [floor, *(server for server in chosen[1:] if server.name in options.only.split(","))]
+    try:
+        print(f"Load before: {os.getloadavg()[0]:.1f}")
+        result = measure(plan, chosen, options.rounds, folder)
+        print(f"Load after: {os.getloadavg()[0]:.1f}")
+        show_speed(options, cases.cases(plan), chosen, result)
+        if not options.no_memory:
+            print("\nMemory\n\n" + report.memory_table(measure_memory(plan, chosen, folder), chosen))
+    finally:
+        for server in chosen:
+            server.stop()
+
+
+def show_speed(options, all_cases, chosen, result):
+    names = {server.name for server in chosen}
+    aims = [aim for aim in cases.AIMS if {aim.of, *aim.against} <= names]
+    print("\nThroughput, multiples of the floor\n\n" + report.speed_table(result, all_cases, chosen))
+    print("\nProcessor time of the server, microseconds per request\n\n" + report.cpu_table(result, all_cases, chosen))
+    print("\nAims\n\n" + report.aim_table(result, all_cases, aims), flush=True)
+    if options.plot:
+        options.plot.write_text(plot.svg(result, all_cases, chosen))
+
+
+def main():
+    options = arguments()
+    if options.quick:
+        options.rounds = 1
+    options.build = options.build.resolve()
+    with tempfile.TemporaryDirectory(dir=options.folder, prefix="kvr-nbd-") as folder:
+        run(options, pathlib.Path(folder))
+
+
+main()
