@@ -210,7 +210,7 @@ NTSTATUS ExtFile::Truncate(ULONG attributes) {
         NTSTATUS emptied = inode.Load(operation);
         if (NT_SUCCESS(emptied)) emptied = inode.Empty(operation);
         if (!NT_SUCCESS(emptied)) return emptied;
-        inode.SetAttributes(attributes);
+        if ((attributes & FILE_ATTRIBUTE_SYSTEM) != 0) inode.SetAttributes(attributes);
         inode.Touch();
         return inode.Store(operation);
     });

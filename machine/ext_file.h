@@ -27,7 +27,8 @@ public:
                                 ULONG& done);
     [[nodiscard]] NTSTATUS Write(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length,
                                  ULONG& done);
-    // Makes the file empty and gives it `attributes`.
+    // Makes the file empty and, with FILE_ATTRIBUTE_SYSTEM in `attributes`, root's and immutable; another file
+    // keeps the mode that its owner gave it.
     [[nodiscard]] NTSTATUS Truncate(ULONG attributes);
     // Waits for transfers under way; every later one is STATUS_DEVICE_NOT_READY.
     void Disconnect();
