@@ -3,6 +3,7 @@
 #include "machine/ntfs_directory.h"
 #include "machine/ntfs_library.h"
 #include "machine/ntfs_open_files.h"
+#include "machine/open_rights.h"
 #include "platform/owners.h"
 
 namespace machine {
@@ -58,9 +59,7 @@ public:
           file_(std::move(file)),
           object_(std::move(object)),
           claim_(claim),
-          mayWrite_(MakeShareClaim(request.access, 0).write),
-          unbuffered_((request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0),
-          sector_(state_->files.volume.Io().SectorSize()) {}
+          rights_(request, state_->files.volume.Io().SectorSize()) {}
 
     ~NtfsOpen() override {
         const VolumeLockGuard guard(state_->files.volume.Lock());
@@ -71,33 +70,24 @@ public:
 
     NTSTATUS Read(LONGLONG offset, void* buffer, ULONG length, ULONG& done) override {
         done = 0;
-        const NTSTATUS status = Check(claim_.read, offset, length);
+        const NTSTATUS status = rights_.CheckRead(offset, length);
         if (!NT_SUCCESS(status)) return status;
         return file_->file.Read(object_->Get(), static_cast<std::uint64_t>(offset), buffer, length, done);
     }
 
     NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length, ULONG& done) override {
         done = 0;
-        const NTSTATUS status = Check(mayWrite_, offset, length);
+        const NTSTATUS status = rights_.CheckWrite(offset, length);
         if (!NT_SUCCESS(status)) return status;
         return file_->file.Write(object_->Get(), static_cast<std::uint64_t>(offset), buffer, length, done);
     }
 
 private:
-    // An unbuffered open moves whole sectors only.
-    NTSTATUS Check(bool granted, LONGLONG offset, ULONG length) const {
-        if (!granted) return STATUS_ACCESS_DENIED;
-        const bool aligned = offset >= 0 && offset % sector_ == 0 && length % sector_ == 0;
-        return offset < 0 || (unbuffered_ && !aligned) ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
-    }
-
     const std::shared_ptr<NtfsFileSystem::State> state_;
     const std::shared_ptr<NtfsOpenFile> file_;
     const std::shared_ptr<NamedFileObject> object_;
     const ShareClaim claim_;
-    const bool mayWrite_;  // an open that only empties the file claims writing, too, but may not write
-    const bool unbuffered_;
-    const std::uint32_t sector_;
+    const OpenRights rights_;
 };
 
 NTSTATUS NtfsFileSystem::State::Create(NtfsPlace& place, bool directory, ULONG attributes) {
