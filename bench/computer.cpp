@@ -3,11 +3,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include "device.h"
-#include "machine/fault_disk.h"
+#include "platform/host/io/device.h"
+#include "machine/disk/fault_disk.h"
 #include "platform/owners.h"
 #include "swap/swap.h"
-#include "thread.h"
+#include "platform/host/sync/thread.h"
 
 namespace bench {
 namespace {

@@ -5,12 +5,12 @@
 #include <cstdlib>
 #include <memory>
 #include <vector>
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "driver/volume_extension.h"
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
-#include "machine/scripted_file_system.h"
-#include "request.h"
+#include "machine/boot/machine.h"
+#include "tests/doubles/memory_disk.h"
+#include "tests/doubles/scripted_file_system.h"
+#include "platform/host/io/request.h"
 
 namespace bench {
 

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include "bench/cases.h"
 #include "bench/measure.h"
-#include "debug_sink.h"
+#include "platform/host/rtl/debug_sink.h"
 
 int main(int count, char** arguments) {
     benchmark::Initialize(&count, arguments);

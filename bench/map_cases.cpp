@@ -4,7 +4,7 @@
 #include "bench/cases.h"
 #include "bench/measure.h"
 #include "platform/owners.h"
-#include "pool.h"
+#include "platform/host/memory/pool.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
 #include "swap/swap.h"

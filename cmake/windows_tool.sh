@@ -37,7 +37,7 @@ flags=(
 objects="$out/tool-objects"
 mkdir -p "$objects"
 mapfile -t sources < <(
-    ls tool/ctl/*.cpp tool/config_text.cpp | grep -vE '_linux\.cpp$|/(world_hosted|wire_connection)\.cpp$' | LC_ALL=C sort)
+    ls tool/kvrctl/*.cpp | grep -vE '_linux\.cpp$|/(world_hosted|wire_connection)\.cpp$' | LC_ALL=C sort)
 
 running=0
 for source in "${sources[@]}"; do

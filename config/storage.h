@@ -1,7 +1,7 @@
 // Where the configuration text lives: the file kvr.cfg, its sixteen pieces in raw sectors, and the registry
 // value that carries their offsets from one boot to the next. IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "driver/volume_extension.h"
 
 inline constexpr ULONG kConfigPieceBytes = 512;

@@ -2,7 +2,7 @@
 // gProvisionThread, with a reference that keeps its object alive, before it can run a step, and clears itself
 // as its last act. IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "driver/volume_extension.h"
 
 extern std::atomic<PKTHREAD> gProvisionThread;  // referenced; changed under gProvisionMutex

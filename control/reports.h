@@ -1,6 +1,6 @@
 // The volume reports: as many whole records as fit, in the order in which the devices were added.
 #pragma once
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "driver/volume_extension.h"
 
 [[nodiscard]] NTSTATUS ReportRemovableVolumes(PVOID buffer, ULONG length, ULONG_PTR* written);

@@ -1,6 +1,6 @@
 // The configuration text, as a tool or a damaged disk may give it: any bytes, any length, odd ones too.
 #include "fuzz/support.h"
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "driver/globals.h"

@@ -2,17 +2,17 @@
 // volumes and disks, in any order, over reboots, with a protected volume or without one.
 #include "fuzz/support.h"
 #include <array>
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "config/parser.h"
-#include "control/kvr_ioctl.h"
-#include "device.h"
+#include "formats/kvr_ioctl.h"
+#include "platform/host/io/device.h"
 #include "driver/volume_extension.h"
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
-#include "machine/scripted_file_system.h"
-#include "request.h"
+#include "machine/boot/machine.h"
+#include "tests/doubles/memory_disk.h"
+#include "tests/doubles/scripted_file_system.h"
+#include "platform/host/io/request.h"
 #include "tests/support/map_invariants.h"
-#include "thread.h"
+#include "platform/host/sync/thread.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include "fuzz/support.h"
 #include <algorithm>
 #include <map>
-#include "machine/partition_format.h"
-#include "machine/partition_table.h"
+#include "machine/partition/partition_format.h"
+#include "machine/partition/partition_table.h"
 
 namespace {
 

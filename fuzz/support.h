@@ -11,8 +11,8 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "kernel_host.h"
-#include "pool.h"
+#include "platform/host/kernel_host.h"
+#include "platform/host/memory/pool.h"
 
 // Freed blocks are held back for a few inputs, no longer: each input is a boot of its own.
 extern "C" inline const char* __asan_default_options() __attribute__((used));

@@ -3,9 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
-#include "machine/formatter.h"
-#include "machine/guest_volume.h"
-#include "machine/image_disk.h"
+#include "machine/partition/formatter.h"
+#include "machine/boot/guest_volume.h"
+#include "machine/disk/image_disk.h"
 #include "nbd/errors.h"
 #include "nbd/image_check.h"
 

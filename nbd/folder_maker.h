@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-#include "machine/partition_table.h"
+#include "machine/partition/partition_table.h"
 #include "nbd/machine_folder.h"
 
 namespace nbd {

@@ -6,8 +6,8 @@
 #include <string_view>
 #include <fcntl.h>
 #include <unistd.h>
-#include "machine/formatter.h"
-#include "machine/image_disk.h"
+#include "machine/partition/formatter.h"
+#include "machine/disk/image_disk.h"
 
 namespace nbd {
 namespace {

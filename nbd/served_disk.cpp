@@ -1,8 +1,8 @@
 #include "nbd/served_disk.h"
 #include <algorithm>
 #include <utility>
-#include "device.h"
-#include "request.h"
+#include "platform/host/io/device.h"
+#include "platform/host/io/request.h"
 
 namespace nbd {
 namespace {

@@ -2,7 +2,7 @@
 // its parts sent to the stacks that they belong to.
 #pragma once
 #include <memory>
-#include "machine/machine.h"
+#include "machine/boot/machine.h"
 #include "nbd/byte_access.h"
 #include "nbd/disk_map.h"
 

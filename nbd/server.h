@@ -12,13 +12,13 @@
 #include <string>
 #include <thread>
 #include <vector>
-#include "machine/machine.h"
+#include "machine/boot/machine.h"
 #include "nbd/clients.h"
 #include "nbd/fair_lock.h"
 #include "nbd/log.h"
 #include "nbd/machine_folder.h"
 #include "nbd/served_disk.h"
-#include "tool/control_wire.h"
+#include "formats/control_wire.h"
 
 namespace nbd {
 

@@ -3,15 +3,15 @@
 #include <ctime>
 #include <unistd.h>
 #include <utility>
-#include "clock.h"
-#include "debug_sink.h"
-#include "machine/any_file_system.h"
-#include "machine/guest_volume.h"
-#include "machine/image_disk.h"
+#include "platform/host/sync/clock.h"
+#include "platform/host/rtl/debug_sink.h"
+#include "machine/boot/any_file_system.h"
+#include "machine/boot/guest_volume.h"
+#include "machine/disk/image_disk.h"
 #include "nbd/errors.h"
 #include "nbd/server.h"
-#include "thread.h"
-#include "verifier.h"
+#include "platform/host/sync/thread.h"
+#include "platform/host/check/verifier.h"
 
 namespace nbd {
 namespace {

@@ -3,7 +3,7 @@
 #include "nbd/errors.h"
 #include "nbd/server.h"
 #include "platform/owners.h"
-#include "thread.h"
+#include "platform/host/sync/thread.h"
 
 namespace nbd {
 

@@ -2,13 +2,13 @@
 #include <cstring>
 #include <shared_mutex>
 #include <unistd.h>
-#include "control/kvr_ioctl.h"
-#include "machine/ext_file_system.h"
+#include "formats/kvr_ioctl.h"
+#include "machine/ext/file_system.h"
 #include "machine/names.h"
-#include "machine/ntfs_file_system.h"
+#include "machine/ntfs/file_system.h"
 #include "nbd/server.h"
-#include "registry_store.h"
-#include "user_mode.h"
+#include "platform/host/object/registry_store.h"
+#include "platform/host/io/user_mode.h"
 
 namespace nbd {
 namespace {

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-#include "tool/control_wire.h"
+#include "formats/control_wire.h"
 
 namespace nbd {
 

@@ -1,6 +1,6 @@
 // Making, holding and removing the storage files. System threads; IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "swap/swap.h"
 
 // The record of the volume that the request names, with its RemoveLock acquired for the caller (tag: the

@@ -1,9 +1,9 @@
-#include "kernel_host.h"
-#include "device.h"
-#include "device_table.h"
-#include "namespace.h"
-#include "object.h"
-#include "registry_store.h"
+#include "platform/host/kernel_host.h"
+#include "platform/host/io/device.h"
+#include "platform/host/io/device_table.h"
+#include "platform/host/object/namespace.h"
+#include "platform/host/object/object.h"
+#include "platform/host/object/registry_store.h"
 
 namespace host {
 

@@ -1,6 +1,6 @@
 // Power of the host kernel: each power-on finds every table empty, as a booting kernel does.
 #pragma once
-#include "irp.h"
+#include "platform/host/io/irp.h"
 
 namespace host {
 

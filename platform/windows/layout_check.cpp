@@ -2,7 +2,7 @@
 // compiler that builds the image sees it. The other side is the kernel (requests, disk and SCSI records), the
 // tool (control records), or a later boot (what was written to a disk).
 #include "config/storage.h"
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "swap/map_format.h"
 
 #define SIZE_IS(type, bytes) static_assert(sizeof(type) == (bytes))

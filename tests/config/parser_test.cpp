@@ -7,8 +7,8 @@
 #include "config/protected_volumes.h"
 #include "config/storage.h"
 #include "driver/globals.h"
-#include "platform/host/clock.h"
-#include "platform/host/pool.h"
+#include "platform/host/sync/clock.h"
+#include "platform/host/memory/pool.h"
 
 namespace {
 

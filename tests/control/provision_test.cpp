@@ -2,8 +2,8 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "control/reports.h"
-#include "platform/host/object.h"
-#include "platform/host/thread.h"
+#include "platform/host/object/object.h"
+#include "platform/host/sync/thread.h"
 #include "tests/support/loaded_driver.h"
 
 namespace {

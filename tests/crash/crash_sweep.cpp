@@ -1,8 +1,8 @@
 #include "tests/crash/crash_sweep.h"
 #include <algorithm>
 #include <cstdlib>
-#include "thread.h"
-#include "verifier.h"
+#include "platform/host/sync/thread.h"
+#include "platform/host/check/verifier.h"
 
 namespace crash {
 

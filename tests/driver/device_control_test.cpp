@@ -1,5 +1,5 @@
 // Which device-control requests a filter refuses, and where.
-#include "platform/host/device.h"
+#include "platform/host/io/device.h"
 #include "tests/support/loaded_driver.h"
 
 namespace {

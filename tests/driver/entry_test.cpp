@@ -1,6 +1,6 @@
 // Loading, the version gate, and who may open what.
-#include "platform/host/injector.h"
-#include "platform/host/version.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/rtl/version.h"
 #include "tests/support/loaded_driver.h"
 
 namespace {

@@ -2,7 +2,7 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "driver/pnp.h"
-#include "platform/host/thread.h"
+#include "platform/host/sync/thread.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
 

@@ -3,7 +3,7 @@
 // sound.
 #include "driver/dispatch.h"
 #include "tests/exhaustion/fault_sweep.h"
-#include "thread.h"
+#include "platform/host/sync/thread.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "tests/exhaustion/fault_sweep.h"
-#include "device.h"
+#include "platform/host/io/device.h"
 #include "driver/dispatch.h"
-#include "request.h"
+#include "platform/host/io/request.h"
 #include "tests/support/driver_ledger.h"
 #include "tests/support/map_invariants.h"
-#include "thread.h"
-#include "verifier.h"
+#include "platform/host/sync/thread.h"
+#include "platform/host/check/verifier.h"
 
 namespace exhaustion {
 

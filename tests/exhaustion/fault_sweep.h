@@ -7,7 +7,7 @@
 #include <functional>
 #include <gtest/gtest.h>
 #include "driver/volume_extension.h"
-#include "platform/host/injector.h"
+#include "platform/host/check/injector.h"
 #include "platform/owners.h"
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"

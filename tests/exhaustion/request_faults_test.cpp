@@ -1,9 +1,9 @@
 // Faults within one request to a protected volume. A request that fails leaves each of its sectors old or new,
 // one that succeeds has written them all; only a redirection whose record finds no memory is lost, and its
 // range then shows the volume's own sectors. Except for want of memory no swap space is lost.
-#include "device.h"
-#include "injector.h"
-#include "request.h"
+#include "platform/host/io/device.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/io/request.h"
 #include "redirect/swap_file.h"
 #include "redirect/write_cache.h"
 #include "swap/chunk_maps.h"

@@ -1,12 +1,12 @@
 // Disks and volumes as devices: translation, bounds, buffers and faults.
 #include <gtest/gtest.h>
-#include "device.h"
-#include "injector.h"
-#include "kernel_host.h"
-#include "machine/memory_disk.h"
-#include "machine/stack_volume_io.h"
+#include "platform/host/io/device.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/kernel_host.h"
+#include "tests/doubles/memory_disk.h"
+#include "machine/files/stack_volume_io.h"
 #include "platform/owners.h"
-#include "request.h"
+#include "platform/host/io/request.h"
 
 namespace {
 

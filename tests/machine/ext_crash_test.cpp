@@ -1,6 +1,6 @@
 // The power fails while files on an ext volume are made, grown and removed.
 #include "ext_support.h"
-#include "machine/recording_disk.h"
+#include "tests/doubles/recording_disk.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Which ext volumes are changed, which are only read and which are left alone; and standing back meanwhile.
 #include <algorithm>
 #include "ext_support.h"
-#include "machine/any_file_system.h"
-#include "machine/formatter.h"
+#include "machine/boot/any_file_system.h"
+#include "machine/partition/formatter.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 // kept or merged, with a file system that is sound in the guest's view and on the medium at every step.
 #include <algorithm>
 #include "ext_support.h"
-#include "machine/any_file_system.h"
-#include "machine/guest_volume.h"
+#include "machine/boot/any_file_system.h"
+#include "machine/boot/guest_volume.h"
 #include "tests/support/protected_computer.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // A volume in memory with an ext file system on it, and the file system's own tools to judge it by.
 #pragma once
 #include <algorithm>
-#include "machine/ext_file_system.h"
+#include "machine/ext/file_system.h"
 #include "ntfs_support.h"
 
 namespace ext_test {

@@ -1,13 +1,13 @@
 // Whole boots with a stand-in for the driver: what a machine sends, in which order, and what survives.
-#include "machine/machine.h"
+#include "machine/boot/machine.h"
 #include <gtest/gtest.h>
-#include "device.h"
-#include "machine/memory_disk.h"
-#include "machine/partition_table.h"
-#include "machine/recording_disk.h"
-#include "machine/scripted_file_system.h"
+#include "platform/host/io/device.h"
+#include "tests/doubles/memory_disk.h"
+#include "machine/partition/partition_table.h"
+#include "tests/doubles/recording_disk.h"
+#include "tests/doubles/scripted_file_system.h"
 #include "platform/owners.h"
-#include "request.h"
+#include "platform/host/io/request.h"
 #include "tests/support/stand_in.h"
 
 namespace {

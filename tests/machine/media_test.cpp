@@ -1,7 +1,7 @@
 // Recorded media: every state that a cut of the power may leave.
 #include <gtest/gtest.h>
-#include "machine/memory_disk.h"
-#include "machine/recording_disk.h"
+#include "tests/doubles/memory_disk.h"
+#include "tests/doubles/recording_disk.h"
 
 namespace {
 

@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 #include <unistd.h>
-#include "machine/guest_files.h"
-#include "machine/ntfs_file_system.h"
+#include "machine/files/guest_files.h"
+#include "machine/ntfs/file_system.h"
 
 namespace ntfs_test {
 

@@ -1,6 +1,6 @@
 #include <algorithm>
 #include <set>
-#include "machine/ntfs_directory.h"
+#include "machine/ntfs/directory.h"
 #include "tests/machine/ntfs_support.h"
 
 namespace {

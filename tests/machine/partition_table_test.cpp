@@ -2,8 +2,8 @@
 // the disk or lies on another.
 #include <cstring>
 #include <gtest/gtest.h>
-#include "machine/partition_format.h"
-#include "machine/partition_table.h"
+#include "machine/partition/partition_format.h"
+#include "machine/partition/partition_table.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // The registry's file: what comes back, what is refused, and what a failing host leaves behind.
-#include "machine/registry_file.h"
+#include "machine/boot/registry_file.h"
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <vector>
-#include "machine/share_access.h"
+#include "machine/files/share_access.h"
 
 namespace {
 

@@ -4,10 +4,10 @@
 #include <cstdlib>
 #include <random>
 #include <gtest/gtest.h>
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"
-#include "verifier.h"
+#include "platform/host/check/verifier.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 #include "folder_support.h"
-#include "machine/formatter.h"
-#include "machine/image_disk.h"
+#include "machine/partition/formatter.h"
+#include "machine/disk/image_disk.h"
 #include "nbd/image_check.h"
 
 namespace {

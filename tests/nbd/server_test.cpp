@@ -4,7 +4,7 @@
 #include <cstring>
 #include <random>
 #include <thread>
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "folder_support.h"
 #include "nbd/control_server.h"
 #include "nbd/wire_channel.h"

@@ -3,9 +3,9 @@
 
 #include <thread>
 
-#include "platform/host/object.h"
-#include "platform/host/pool.h"
-#include "platform/host/thread.h"
+#include "platform/host/object/object.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/sync/thread.h"
 #include "tests/support/driver_frames.h"
 
 namespace {

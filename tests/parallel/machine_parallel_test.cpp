@@ -1,8 +1,8 @@
 // Machines whose power is cut while many threads use them.
 #include <thread>
 #include <gtest/gtest.h>
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
+#include "machine/boot/machine.h"
+#include "tests/doubles/memory_disk.h"
 #include "tests/support/stand_in.h"
 
 namespace {

@@ -7,13 +7,13 @@
 #include <random>
 #include <thread>
 #include <gtest/gtest.h>
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "driver/dispatch.h"
 #include "tests/support/lock_ranks.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"
-#include "verifier.h"
+#include "platform/host/check/verifier.h"
 
 namespace {
 

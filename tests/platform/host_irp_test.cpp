@@ -1,7 +1,7 @@
 // The way of a request through a stack of devices: who sees it, who keeps it, and what stops the machine.
 #include "host_stub.h"
 #include <thread>
-#include "platform/host/sync.h"
+#include "platform/host/sync/sync.h"
 
 namespace {
 

@@ -1,8 +1,8 @@
 // Buffers of requests: locking and mapping in their order, in balance, and failing when asked to.
 #include "host_stub.h"
-#include "platform/host/injector.h"
-#include "platform/host/mdl.h"
-#include "platform/host/sync.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/memory/mdl.h"
+#include "platform/host/sync/sync.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <functional>
 #include <thread>
 
-#include "platform/host/object.h"
-#include "platform/host/pool.h"
-#include "platform/host/pool_block.h"
-#include "platform/host/thread.h"
-#include "platform/host/verifier.h"
+#include "platform/host/object/object.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/memory/pool_block.h"
+#include "platform/host/sync/thread.h"
+#include "platform/host/check/verifier.h"
 #include "platform/kernel.h"
 
 namespace {

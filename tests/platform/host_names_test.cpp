@@ -1,7 +1,7 @@
 // What names lead to: links, named events, and the registry.
 #include "host_stub.h"
-#include "platform/host/injector.h"
-#include "platform/host/namespace.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/object/namespace.h"
 #include "tests/support/memory_registry.h"
 
 namespace {

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <thread>
 
-#include "platform/host/injector.h"
-#include "platform/host/pool.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/memory/pool.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 // The run-time library: counted strings and formats.
 #include <gtest/gtest.h>
 
-#include "platform/host/format.h"
+#include "platform/host/rtl/format.h"
 #include "platform/kernel.h"
 
 namespace {

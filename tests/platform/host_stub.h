@@ -3,10 +3,10 @@
 #include <functional>
 #include <string>
 #include <vector>
-#include "platform/host/device.h"
+#include "platform/host/io/device.h"
 #include "platform/host/kernel_host.h"
-#include "platform/host/object.h"
-#include "platform/host/request.h"
+#include "platform/host/object/object.h"
+#include "platform/host/io/request.h"
 #include "platform/kernel.h"
 
 namespace stub {

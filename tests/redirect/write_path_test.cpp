@@ -1,4 +1,4 @@
-#include "platform/host/clock.h"
+#include "platform/host/sync/clock.h"
 #include "platform/owners.h"
 #include "redirect/redirect.h"
 #include "tests/redirect/redirect_fixture.h"

@@ -4,7 +4,7 @@
 #include "control/provision_control.h"
 #include "driver/dispatch.h"
 #include "platform/host/kernel_host.h"
-#include "platform/host/pool.h"
+#include "platform/host/memory/pool.h"
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
 #include "swap/swap.h"

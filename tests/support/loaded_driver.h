@@ -8,12 +8,12 @@
 #include <thread>
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "driver/dispatch.h"
-#include "platform/host/debug_sink.h"
-#include "platform/host/pool.h"
-#include "platform/host/thread.h"
-#include "platform/host/user_mode.h"
+#include "platform/host/rtl/debug_sink.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/sync/thread.h"
+#include "platform/host/io/user_mode.h"
 #include "platform/owners.h"
 #include "tests/platform/host_stub.h"
 

@@ -3,7 +3,7 @@
 #include "control/provision_control.h"
 #include "driver/dispatch.h"
 #include "redirect/swap_file.h"
-#include "sync.h"
+#include "platform/host/sync/sync.h"
 
 namespace support {
 

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <thread>
 #include <vector>
-#include "platform/host/device.h"
-#include "platform/host/injector.h"
+#include "platform/host/io/device.h"
+#include "platform/host/check/injector.h"
 
 namespace support {
 

@@ -1,7 +1,7 @@
 // A registry in memory. It remembers whether what was set has been flushed.
 #pragma once
 #include <map>
-#include "platform/host/registry_store.h"
+#include "platform/host/object/registry_store.h"
 
 namespace support {
 

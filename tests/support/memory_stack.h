@@ -2,7 +2,7 @@
 #pragma once
 #include <cstring>
 #include "config/storage.h"
-#include "platform/host/injector.h"
+#include "platform/host/check/injector.h"
 #include "redirect/swap_file.h"
 #include "tests/support/loaded_driver.h"
 #include "tests/support/memory_registry.h"

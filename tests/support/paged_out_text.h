@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string_view>
 #include <sys/mman.h>
-#include "platform/host/current_thread.h"
+#include "platform/host/sync/current_thread.h"
 
 namespace support {
 

@@ -1,10 +1,10 @@
 #include "protected_computer.h"
 #include <cstring>
 #include <gtest/gtest.h>
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "lock_ranks.h"
-#include "machine/partition_table.h"
-#include "thread.h"
+#include "machine/partition/partition_table.h"
+#include "platform/host/sync/thread.h"
 
 namespace support {
 

@@ -5,10 +5,10 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "control/kvr_ioctl.h"
-#include "machine/machine.h"
-#include "machine/memory_disk.h"
-#include "machine/scripted_file_system.h"
+#include "formats/kvr_ioctl.h"
+#include "machine/boot/machine.h"
+#include "tests/doubles/memory_disk.h"
+#include "tests/doubles/scripted_file_system.h"
 
 namespace support {
 

@@ -1,6 +1,6 @@
 #include "tests/support/stand_in.h"
 #include <algorithm>
-#include "namespace.h"
+#include "platform/host/object/namespace.h"
 #include "platform/owners.h"
 
 namespace stand_in {

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <gtest/gtest.h>
 #include "driver/globals.h"
-#include "platform/host/pool.h"
-#include "platform/host/thread.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/sync/thread.h"
 #include "tests/support/protected_computer.h"
 
 namespace support {

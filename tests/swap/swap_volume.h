@@ -3,12 +3,12 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <numeric>
-#include "platform/host/debug_sink.h"
-#include "platform/host/injector.h"
+#include "platform/host/rtl/debug_sink.h"
+#include "platform/host/check/injector.h"
 #include "platform/host/kernel_host.h"
-#include "platform/host/pool.h"
-#include "platform/host/request.h"
-#include "platform/host/verifier.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/io/request.h"
+#include "platform/host/check/verifier.h"
 #include "driver/globals.h"
 #include "swap/sector_io.h"
 #include "tests/support/map_invariants.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 #include <map>
 #include <random>
-#include "platform/host/pool.h"
+#include "platform/host/memory/pool.h"
 #include "tests/support/map_invariants.h"
 
 namespace {

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <stdexcept>
-#include "tool/config_text.h"
+#include "tool/kvrctl/config_text.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <nlohmann/json.hpp>
 #include "ctl_support.h"
 #include "scratch_folder.h"
-#include "tool/ctl/date.h"
-#include "tool/ctl/size.h"
-#include "tool/ctl/unicode.h"
+#include "tool/kvrctl/date.h"
+#include "tool/kvrctl/size.h"
+#include "tool/kvrctl/unicode.h"
 
 namespace {
 

@@ -3,15 +3,15 @@
 #include <map>
 #include <random>
 #include <sstream>
-#include "clock.h"
+#include "platform/host/sync/clock.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
 #include "driver/globals.h"
-#include "pool.h"
-#include "tool/ctl/config_check.h"
-#include "tool/ctl/config_scan.h"
-#include "tool/ctl/unicode.h"
+#include "platform/host/memory/pool.h"
+#include "tool/kvrctl/config_check.h"
+#include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/unicode.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // Edits of the configuration text: what changes, and that everything else stays.
 #include <gtest/gtest.h>
-#include "tool/ctl/config_check.h"
-#include "tool/ctl/config_edit.h"
-#include "tool/ctl/config_scan.h"
-#include "tool/ctl/diff.h"
-#include "tool/ctl/failure.h"
-#include "tool/ctl/unicode.h"
+#include "tool/kvrctl/config_check.h"
+#include "tool/kvrctl/config_edit.h"
+#include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/diff.h"
+#include "tool/kvrctl/failure.h"
+#include "tool/kvrctl/unicode.h"
 
 namespace {
 

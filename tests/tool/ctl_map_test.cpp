@@ -2,8 +2,8 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include "ctl_support.h"
-#include "tool/ctl/map_picture.h"
-#include "tool/ctl/saved_map.h"
+#include "tool/kvrctl/map_picture.h"
+#include "tool/kvrctl/saved_map.h"
 
 namespace {
 

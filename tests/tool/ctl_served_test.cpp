@@ -8,10 +8,10 @@
 #include "nbd/control_server.h"
 #include "nbd/folder_maker.h"
 #include "scratch_folder.h"
-#include "thread.h"
-#include "tool/ctl/saved_map.h"
-#include "tool/ctl/wire_connection.h"
-#include "tool/ctl/world_hosted.h"
+#include "platform/host/sync/thread.h"
+#include "tool/kvrctl/saved_map.h"
+#include "tool/kvrctl/wire_connection.h"
+#include "tool/kvrctl/world_hosted.h"
 
 namespace {
 

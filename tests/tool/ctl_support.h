@@ -3,10 +3,10 @@
 #include <functional>
 #include <map>
 #include <sstream>
-#include "control/kvr_ioctl.h"
-#include "tool/ctl/command_line.h"
-#include "tool/ctl/failure.h"
-#include "tool/ctl/world.h"
+#include "formats/kvr_ioctl.h"
+#include "tool/kvrctl/command_line.h"
+#include "tool/kvrctl/failure.h"
+#include "tool/kvrctl/world.h"
 
 namespace ctl_test {
 

@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
-#include "machine/subprocess.h"
+#include "machine/partition/subprocess.h"
 #include "tests/tool/scratch_folder.h"
 #include "tool/error.h"
-#include "tool/image_source.h"
-#include "tool/offline_ntfs.h"
+#include "tool/demo/image_source.h"
+#include "tool/demo/offline_ntfs.h"
 
 namespace {
 

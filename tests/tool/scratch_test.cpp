@@ -5,7 +5,7 @@
 #include <sys/wait.h>
 #include "tests/tool/scratch_folder.h"
 #include "tool/error.h"
-#include "tool/scratch.h"
+#include "tool/demo/scratch.h"
 
 namespace {
 

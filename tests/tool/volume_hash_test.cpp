@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include "tests/tool/scratch_folder.h"
-#include "tool/volume_hash.h"
+#include "tool/demo/volume_hash.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The program that has the control device open, and what it asks. IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "control/kvr_ioctl.h"
+#include "formats/kvr_ioctl.h"
 #include "tests/second_kernel/common/requests.h"
 
 struct Tool {

@@ -5,8 +5,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
-#include "machine/share_access.h"
-#include "platform/host/file_provider.h"
+#include "machine/files/share_access.h"
+#include "platform/host/object/file_provider.h"
 
 class KernelFiles final : public host::FileProvider {
 public:

@@ -1,6 +1,6 @@
 // A story's file system as the host kernel mounts one.
 #pragma once
-#include "platform/host/file_provider.h"
+#include "platform/host/object/file_provider.h"
 #include "tests/second_kernel/stage.h"
 
 class PlayedProvider final : public host::FileProvider {

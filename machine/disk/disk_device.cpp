@@ -1,0 +1,255 @@
+#include "machine/disk/disk_device.h"
+#include <algorithm>
+#include "platform/host/check/injector.h"
+#include "machine/disk/device_support.h"
+#include "platform/host/sync/sync.h"
+
+namespace machine {
+namespace {
+
+constexpr unsigned kWorkers = 2;  // two, so that completions of one disk also race with each other
+
+DiskRequest Describe(PIRP irp) {
+    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
+    DiskRequest request{location.MajorFunction, 0, 0, 0, location.FileObject};
+    if (location.MajorFunction == IRP_MJ_READ || location.MajorFunction == IRP_MJ_WRITE) {
+        request.offset = static_cast<std::uint64_t>(location.Parameters.Read.ByteOffset.QuadPart);
+        request.length = location.Parameters.Read.Length;
+    } else if (location.MajorFunction != IRP_MJ_FLUSH_BUFFERS) {
+        request.control = location.Parameters.DeviceIoControl.IoControlCode;
+    }
+    return request;
+}
+
+bool IsOnDisk(const DiskRequest& request, const Disk& medium) {
+    const std::uint32_t sector = medium.SectorSize();
+    return request.offset <= medium.Size() && request.length <= medium.Size() - request.offset &&
+           request.offset % sector == 0 && request.length % sector == 0;
+}
+
+}  // namespace
+
+NTSTATUS DiskDevice::Create(PDRIVER_OBJECT driver, std::shared_ptr<Disk> medium, unsigned number,
+                            bool removable, std::unique_ptr<DiskDevice>& disk) {
+    if (!IsValidSectorSize(medium->SectorSize())) return STATUS_INVALID_PARAMETER;
+    std::unique_ptr<DiskDevice> made(new DiskDevice(std::move(medium), number, removable));
+    const std::u16string digits = Decimal(number);
+    const NTSTATUS status =
+        CreatePhysicalDevice(driver, u"\\Device\\Harddisk" + digits + u"\\DR" + digits, made.get(), removable,
+                             made->medium_->SectorSize(), true, made->device_);
+    if (NT_SUCCESS(status)) disk = std::move(made);
+    return status;
+}
+
+void DiskDevice::Fill(PDRIVER_OBJECT driver) {
+    for (UCHAR major : {IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_SHUTDOWN}) {
+        driver->MajorFunction[major] = DispatchSucceed;
+    }
+    for (UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS}) {
+        driver->MajorFunction[major] = DispatchTransfer;
+    }
+    driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = DispatchControl;
+    driver->MajorFunction[IRP_MJ_INTERNAL_DEVICE_CONTROL] = DispatchControl;
+    driver->MajorFunction[IRP_MJ_PNP] = DispatchPnp;
+    driver->MajorFunction[IRP_MJ_POWER] = DispatchPower;
+}
+
+DiskDevice::DiskDevice(std::shared_ptr<Disk> medium, unsigned number, bool removable)
+    : medium_(std::move(medium)), number_(number), removable_(removable) {}
+
+DiskDevice::~DiskDevice() {
+    Stop();
+}
+
+DiskDevice& DiskDevice::Of(PDEVICE_OBJECT device) {
+    return ExtensionOf<DiskDevice>(device);
+}
+
+// ---- requests --------------------------------------------------------------------------------------------
+
+NTSTATUS DiskDevice::DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
+    DiskDevice& disk = Of(device);
+    if (disk.mode_.load(std::memory_order_acquire) != Completion::Immediate && disk.Queue(irp)) {
+        return STATUS_PENDING;
+    }
+    ULONG_PTR information = 0;
+    const NTSTATUS status = disk.Transfer(irp, information);
+    return Complete(irp, status, information);
+}
+
+NTSTATUS DiskDevice::DispatchControl(PDEVICE_OBJECT device, PIRP irp) {
+    ULONG_PTR information = 0;
+    const NTSTATUS status = Of(device).Control(irp, information);
+    return Complete(irp, status, information);
+}
+
+NTSTATUS DiskDevice::DispatchPnp(PDEVICE_OBJECT, PIRP irp) {
+    return CompletePnp(irp);
+}
+
+NTSTATUS DiskDevice::DispatchPower(PDEVICE_OBJECT, PIRP irp) {
+    return CompletePower(irp);
+}
+
+NTSTATUS DiskDevice::DispatchSucceed(PDEVICE_OBJECT, PIRP irp) {
+    return Complete(irp, STATUS_SUCCESS);
+}
+
+NTSTATUS DiskDevice::Transfer(PIRP irp, ULONG_PTR& information) {
+    const DiskRequest request = Describe(irp);
+    if (host::InjectFault(host::Fault::LowerIo)) return STATUS_IO_DEVICE_ERROR;
+    NTSTATUS status = AskHook(request);
+    if (!NT_SUCCESS(status)) return status;
+    if (request.major == IRP_MJ_FLUSH_BUFFERS) return medium_->Flush();
+    if (!IsOnDisk(request, *medium_)) return STATUS_INVALID_PARAMETER;
+    if (request.length == 0) return STATUS_SUCCESS;
+    const bool read = request.major == IRP_MJ_READ;
+    const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
+    if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
+    status = read ? medium_->Read(request.offset, buffer.Get(), request.length)
+                  : medium_->Write(request.offset, buffer.Get(), request.length);
+    if (NT_SUCCESS(status)) information = request.length;
+    return status;
+}
+
+NTSTATUS DiskDevice::Control(PIRP irp, ULONG_PTR& information) {
+    const DiskRequest request = Describe(irp);
+    const NTSTATUS status = AskHook(request);
+    if (!NT_SUCCESS(status)) return status;
+    switch (request.control) {
+        case IOCTL_DISK_IS_WRITABLE:
+            return STATUS_SUCCESS;
+        case IOCTL_DISK_GET_LENGTH_INFO: {
+            LARGE_INTEGER size;
+            size.QuadPart = static_cast<LONGLONG>(medium_->Size());
+            return Answer(irp, &size, sizeof size, information);
+        }
+        case IOCTL_DISK_GET_DRIVE_GEOMETRY: {
+            DISK_GEOMETRY geometry{};
+            geometry.MediaType = removable_ ? RemovableMedia : FixedMedia;
+            geometry.TracksPerCylinder = 255;
+            geometry.SectorsPerTrack = 63;
+            geometry.BytesPerSector = medium_->SectorSize();
+            geometry.Cylinders.QuadPart =
+                static_cast<LONGLONG>(medium_->Size() / (255ull * 63 * medium_->SectorSize()));
+            return Answer(irp, &geometry, sizeof geometry, information);
+        }
+        default:
+            return STATUS_INVALID_DEVICE_REQUEST;
+    }
+}
+
+// ---- observers and faults --------------------------------------------------------------------------------
+
+void DiskDevice::SetHook(Hook hook) {
+    std::lock_guard hold(hookLock_);
+    hook_ = hook ? std::make_shared<const Hook>(std::move(hook)) : nullptr;
+    hooked_.store(hook_ != nullptr, std::memory_order_release);
+}
+
+NTSTATUS DiskDevice::AskHook(const DiskRequest& request) {
+    if (!hooked_.load(std::memory_order_acquire)) return STATUS_SUCCESS;
+    std::shared_ptr<const Hook> hook;
+    {
+        std::lock_guard hold(hookLock_);
+        hook = hook_;
+    }
+    return hook != nullptr ? (*hook)(request) : STATUS_SUCCESS;
+}
+
+void DiskDevice::FailRequest(UCHAR major, unsigned nth, NTSTATUS status) {
+    auto left = std::make_shared<std::atomic<unsigned>>(nth);
+    SetHook([=](const DiskRequest& request) {
+        return request.major == major && left->fetch_sub(1) == 1 ? status : STATUS_SUCCESS;
+    });
+}
+
+// ---- completion on other threads -------------------------------------------------------------------------
+
+bool DiskDevice::Queue(PIRP irp) {
+    std::lock_guard hold(lock_);
+    if (stopping_ || mode_.load(std::memory_order_relaxed) == Completion::Immediate) return false;
+    IoMarkIrpPending(irp);
+    waiting_.push_back(irp);
+    changed_.notify_all();
+    return true;
+}
+
+void DiskDevice::CarryOut(PIRP irp) {
+    ULONG_PTR information = 0;
+    const NTSTATUS status = Transfer(irp, information);
+    // As after an interrupt: whoever waits above must cope with DISPATCH_LEVEL.
+    const KIRQL before = host::SetIrql(DISPATCH_LEVEL);
+    Complete(irp, status, information);
+    host::SetIrql(before);
+}
+
+void DiskDevice::Work() {
+    std::unique_lock hold(lock_);
+    for (;;) {
+        const bool pended = mode_.load(std::memory_order_relaxed) != Completion::Stepped;
+        if (pended && !waiting_.empty()) {
+            const PIRP irp = waiting_.front();
+            waiting_.pop_front();
+            hold.unlock();
+            CarryOut(irp);
+            hold.lock();
+        } else if (stopping_) {
+            return;
+        } else {
+            changed_.wait(hold);
+        }
+    }
+}
+
+void DiskDevice::SetCompletion(Completion mode) {
+    std::lock_guard hold(lock_);
+    if (stopping_) return;
+    mode_.store(mode, std::memory_order_release);
+    // Started once a request may need them, also to release what waits when stepping ends.
+    while (mode != Completion::Immediate && workers_.size() < kWorkers)
+        workers_.emplace_back([this] { Work(); });
+    changed_.notify_all();
+}
+
+std::size_t DiskDevice::Waiting() const {
+    std::lock_guard hold(lock_);
+    return waiting_.size();
+}
+
+void DiskDevice::WaitForWaiting(std::size_t count) {
+    std::unique_lock hold(lock_);
+    changed_.wait(hold, [&] { return waiting_.size() >= count || stopping_; });
+}
+
+bool DiskDevice::Release(std::size_t index) {
+    PIRP irp = nullptr;
+    {
+        std::lock_guard hold(lock_);
+        if (index >= waiting_.size()) return false;
+        irp = waiting_[index];
+        waiting_.erase(waiting_.begin() + static_cast<std::ptrdiff_t>(index));
+    }
+    CarryOut(irp);
+    return true;
+}
+
+void DiskDevice::ReleaseAll() {
+    while (Release()) {
+    }
+}
+
+void DiskDevice::Stop() {
+    std::vector<std::thread> ended;
+    {
+        std::lock_guard hold(lock_);
+        stopping_ = true;
+        mode_.store(Completion::Immediate, std::memory_order_release);
+        ended.swap(workers_);
+        changed_.notify_all();
+    }
+    for (std::thread& worker : ended) worker.join();
+    ReleaseAll();
+}
+
+}  // namespace machine

@@ -1,0 +1,147 @@
+#include "machine/disk/image_disk.h"
+#include <cerrno>
+#include <cstring>
+#include <utility>
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace machine {
+namespace {
+
+// A host error is an error of this disk, whatever its cause: a full host disk in particular must not look
+// to the driver like a full volume.
+NTSTATUS DiskFailure() {
+    return STATUS_IO_DEVICE_ERROR;
+}
+
+bool SizeOf(int file, std::uint64_t& size, std::uint32_t sectorSize, std::string& why) {
+    struct stat info;
+    if (fstat(file, &info) != 0) {
+        why = std::strerror(errno);
+        return false;
+    }
+    if (S_ISBLK(info.st_mode)) {
+        int logical = 0;
+        if (ioctl(file, BLKGETSIZE64, &size) != 0 || ioctl(file, BLKSSZGET, &logical) != 0) {
+            why = std::strerror(errno);
+            return false;
+        }
+        if (static_cast<std::uint32_t>(logical) > sectorSize) {
+            why = "its sectors of " + std::to_string(logical) + " bytes are larger than " +
+                  std::to_string(sectorSize);
+            return false;
+        }
+        return true;
+    }
+    if (!S_ISREG(info.st_mode)) {
+        why = "it is neither a file nor a block device";
+        return false;
+    }
+    size = static_cast<std::uint64_t>(info.st_size);
+    return true;
+}
+
+// Opens, locks and measures; `why` says what is wrong.
+bool OpenLocked(const std::string& path, std::uint32_t sectorSize, int& file, std::uint64_t& size,
+                std::string& why) {
+    file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (file < 0) {
+        why = std::strerror(errno);
+        return false;
+    }
+    if (flock(file, LOCK_EX | LOCK_NB) != 0) {
+        why = errno == EWOULDBLOCK ? "another program is using it" : std::strerror(errno);
+        return false;
+    }
+    // Virtual machine monitors ask for this kind of lock.
+    struct flock whole {};
+    whole.l_type = F_WRLCK;
+    whole.l_whence = SEEK_SET;
+    if (fcntl(file, F_OFD_SETLK, &whole) != 0 && (errno == EAGAIN || errno == EACCES)) {
+        why = "another program is using it";
+        return false;
+    }
+    if (!SizeOf(file, size, sectorSize, why)) return false;
+    if (size < sectorSize || size % sectorSize != 0) {
+        why = size == 0 ? "it is empty"
+                        : "its size of " + std::to_string(size) + " bytes is no whole number of sectors of " +
+                              std::to_string(sectorSize) + " bytes";
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+std::unique_ptr<ImageDisk> ImageDisk::Open(const std::string& path, std::uint32_t sectorSize,
+                                           std::string& error) {
+    if (!IsValidSectorSize(sectorSize)) {
+        error = "sector size " + std::to_string(sectorSize) + " is neither 512 nor 4096";
+        return nullptr;
+    }
+    int file = -1;
+    std::uint64_t size = 0;
+    std::string why;
+    if (!OpenLocked(path, sectorSize, file, size, why)) {
+        if (file >= 0) close(file);
+        error = "cannot use disk image " + path + ": " + why;
+        return nullptr;
+    }
+    return std::unique_ptr<ImageDisk>(new ImageDisk(file, path, size, sectorSize));
+}
+
+bool ImageDisk::Create(const std::string& path, std::uint64_t size, std::string& error) {
+    const int file = open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (file < 0) {
+        error = "cannot create disk image " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    if (ftruncate(file, static_cast<off_t>(size)) != 0) {
+        error = "cannot make disk image " + path + " " + std::to_string(size) +
+                " bytes long: " + std::strerror(errno);
+        close(file);
+        unlink(path.c_str());
+        return false;
+    }
+    close(file);
+    return true;
+}
+
+ImageDisk::ImageDisk(int file, std::string path, std::uint64_t size, std::uint32_t sectorSize)
+    : file_(file), path_(std::move(path)), size_(size), sectorSize_(sectorSize) {}
+
+ImageDisk::~ImageDisk() {
+    close(file_);
+}
+
+NTSTATUS ImageDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
+    auto* to = static_cast<char*>(buffer);
+    while (length != 0) {
+        const ssize_t done = pread(file_, to, length, static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return DiskFailure();  // 0: somebody made the image shorter
+        to += done, offset += static_cast<std::uint64_t>(done), length -= static_cast<std::size_t>(done);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ImageDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
+    const auto* from = static_cast<const char*>(buffer);
+    while (length != 0) {
+        const ssize_t done = pwrite(file_, from, length, static_cast<off_t>(offset));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) return DiskFailure();
+        from += done, offset += static_cast<std::uint64_t>(done), length -= static_cast<std::size_t>(done);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ImageDisk::Flush() {
+    return fdatasync(file_) == 0 ? STATUS_SUCCESS : DiskFailure();
+}
+
+}  // namespace machine

@@ -1,0 +1,39 @@
+// A disk in an image file or on a block device. The file is opened once, locked against other openers, and
+// stays as sparse as the writes leave it.
+#pragma once
+#include <memory>
+#include <string>
+#include "machine/disk/disk.h"
+
+namespace machine {
+
+class ImageDisk final : public Disk {
+public:
+    // Opens `path` for reading and writing under an exclusive lock that lasts as long as the object.
+    // Null with one clear sentence in `error` when it is missing, not writable, in use, empty or not a
+    // whole number of sectors.
+    static std::unique_ptr<ImageDisk> Open(const std::string& path, std::uint32_t sectorSize,
+                                           std::string& error);
+    // Creates a sparse image of `size` bytes; fails when `path` exists.
+    static bool Create(const std::string& path, std::uint64_t size, std::string& error);
+    ~ImageDisk() override;
+    ImageDisk(const ImageDisk&) = delete;
+    ImageDisk& operator=(const ImageDisk&) = delete;
+
+    std::uint64_t Size() const override { return size_; }
+    std::uint32_t SectorSize() const override { return sectorSize_; }
+    [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS Flush() override;
+    const std::string& Path() const { return path_; }
+
+private:
+    ImageDisk(int file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
+
+    int file_;
+    std::string path_;
+    std::uint64_t size_;
+    std::uint32_t sectorSize_;
+};
+
+}  // namespace machine

@@ -1,0 +1,17 @@
+// Shared by the files that keep the tables of devices, drivers and shutdown registrations.
+#pragma once
+#include "platform/host/sync/host_lock.h"
+#include "platform/host/nt/ntio.h"
+
+namespace host {
+
+// Guards who is attached to whom, each driver's list of devices, and the shutdown list. No device is
+// dereferenced while holding it, as the last reference takes it.
+extern HostLock gDeviceLock;
+
+void DropProgramFiles();
+void DropShutdownList();
+void DropAllDevices();
+void DropAllDrivers();
+
+}  // namespace host

@@ -1,0 +1,121 @@
+#include "platform/host/io/user_mode.h"
+#include <vector>
+#include "platform/host/io/device.h"
+#include "platform/host/io/device_table.h"
+#include "platform/host/object/namespace.h"
+#include "platform/host/object/object.h"
+#include "platform/host/io/request.h"
+#include "platform/host/check/verifier.h"
+
+namespace host {
+namespace {
+
+// A program's open of a device; the platform's record comes first.
+struct ProgramFile {
+    FILE_OBJECT object;
+    ACCESS_MASK access;
+};
+
+std::vector<PFILE_OBJECT> gFiles KVR_GUARDED_BY(gDeviceLock);  // what programs have open
+
+ACCESS_MASK Granted(ACCESS_MASK wanted) {
+    constexpr ACCESS_MASK GenericWrite = 0x40000000, GenericAll = 0x10000000;
+    if ((wanted & (GENERIC_READ | GenericAll)) != 0) wanted |= FILE_READ_DATA;
+    if ((wanted & (GenericWrite | GenericAll)) != 0) wanted |= FILE_WRITE_DATA;
+    return wanted;
+}
+
+// The two access bits of a control code have the values of the rights that they ask for.
+bool MayControl(const ProgramFile& file, ULONG code) {
+    const ULONG wanted = (code >> 14) & (FILE_READ_DATA | FILE_WRITE_DATA);
+    return (file.access & wanted) == wanted;
+}
+
+NTSTATUS CountOpen(PFILE_OBJECT file) {
+    PDEVICE_OBJECT device = file->DeviceObject;
+    HostGuard guard(gDeviceLock);
+    if (device->Host->Deleted || (device->Flags & DO_DEVICE_INITIALIZING) != 0) return STATUS_NO_SUCH_DEVICE;
+    if ((device->Flags & DO_EXCLUSIVE) != 0 && device->Host->Opens != 0) return STATUS_ACCESS_DENIED;
+    ++device->Host->Opens;
+    gFiles.push_back(file);
+    return STATUS_SUCCESS;
+}
+
+void ForgetOpen(PFILE_OBJECT file) {
+    PDEVICE_OBJECT device = file->DeviceObject;
+    {
+        HostGuard guard(gDeviceLock);
+        if (std::erase(gFiles, file) != 0) --device->Host->Opens;
+    }
+    ObfDereferenceObject(file);
+    ObfDereferenceObject(device);
+}
+
+NTSTATUS SendForFile(PFILE_OBJECT file, UCHAR major) {
+    ObjectRef<DEVICE_OBJECT> top(IoGetAttachedDeviceReference(file->DeviceObject));
+    SyncRequest sync(NewIrp(top->StackSize, nullptr, nullptr));
+    sync.irp()->RequestorMode = UserMode;
+    sync.irp()->Tail.Overlay.OriginalFileObject = file;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(sync.irp());
+    next->MajorFunction = major;
+    next->FileObject = file;
+    return sync.Call(top.get()).status;
+}
+
+}  // namespace
+
+NTSTATUS OpenDevice(std::u16string_view path, ACCESS_MASK access, PFILE_OBJECT& file) {
+    RequireIrql("OpenDevice", PASSIVE_LEVEL);
+    file = nullptr;
+    ResolvedPath resolved;
+    NTSTATUS status = ResolvePath(path, resolved);
+    if (!NT_SUCCESS(status)) return status;
+    if (!resolved.rest.empty()) return STATUS_OBJECT_PATH_NOT_FOUND;
+    ObfReferenceObject(resolved.device);
+    auto* opened = MakeObject<ProgramFile>(ObjectType::File);
+    opened->access = Granted(access);
+    opened->object.DeviceObject = resolved.device;
+    status = CountOpen(&opened->object);
+    if (NT_SUCCESS(status)) status = SendForFile(&opened->object, IRP_MJ_CREATE);
+    if (!NT_SUCCESS(status)) {
+        ForgetOpen(&opened->object);
+        return status;
+    }
+    file = &opened->object;
+    return status;
+}
+
+NTSTATUS DeviceIoControl(PFILE_OBJECT file, ULONG code, const void* input, ULONG inputLength, void* output,
+                         ULONG outputLength, ULONG& returned) {
+    returned = 0;
+    if (!MayControl(*reinterpret_cast<ProgramFile*>(file), code)) return STATUS_ACCESS_DENIED;
+    ObjectRef<DEVICE_OBJECT> top(IoGetAttachedDeviceReference(file->DeviceObject));
+    const Outcome outcome = SendControl(top.get(), {.code = code,
+                                                    .input = input,
+                                                    .inputLength = inputLength,
+                                                    .output = output,
+                                                    .outputLength = outputLength,
+                                                    .file = file,
+                                                    .mode = UserMode});
+    returned = static_cast<ULONG>(outcome.information);
+    return outcome.status;
+}
+
+void CloseDevice(PFILE_OBJECT file) {
+    RequireIrql("CloseDevice", PASSIVE_LEVEL);
+    // A close cannot be refused: what the driver answers changes nothing.
+    (void)SendForFile(file, IRP_MJ_CLEANUP);
+    (void)SendForFile(file, IRP_MJ_CLOSE);
+    ForgetOpen(file);
+}
+
+void DropProgramFiles() {
+    std::vector<PFILE_OBJECT> files;
+    {
+        HostGuard guard(gDeviceLock);
+        files = gFiles;
+    }
+    for (PFILE_OBJECT file : files) ForgetOpen(file);
+}
+
+}  // namespace host

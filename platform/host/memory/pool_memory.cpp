@@ -1,0 +1,257 @@
+#include "platform/host/memory/pool_memory.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <mutex>
+#include <vector>
+
+// Sanitizers follow memory through the allocator, so there every block is one of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define KVR_POOL_PLAIN 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define KVR_POOL_PLAIN 1
+#endif
+#endif
+#ifndef KVR_POOL_PLAIN
+#define KVR_POOL_PLAIN 0
+#endif
+
+namespace host {
+
+#if KVR_POOL_PLAIN
+
+void* TakePoolMemory(SIZE_T bytes) {
+    return std::malloc(bytes);
+}
+
+void GivePoolMemory(void* memory, SIZE_T) {
+    std::free(memory);
+}
+
+#else
+
+namespace {
+
+constexpr SIZE_T LargePage = SIZE_T{2} << 20;
+constexpr SIZE_T ArenaBytes = 16 * LargePage;
+constexpr SIZE_T StripBytes = SIZE_T{256} << 10;  // what a thread takes at a time to cut blocks from
+constexpr SIZE_T SmallStep = 16;                  // blocks up to SmallMost come in steps of this
+constexpr SIZE_T SmallMost = 1024;
+constexpr SIZE_T LargestListed = SIZE_T{64} << 10;  // blocks above that come from the allocator
+constexpr SIZE_T ListBytes = SIZE_T{64} << 10;      // what a thread's list of one size may hold
+constexpr SIZE_T LargestKept = SIZE_T{2} << 20;  // blocks above LargestListed up to that are kept for a while
+constexpr SIZE_T KeptBytes = SIZE_T{32} << 20;   // as many of them in all
+constexpr int SmallClasses = SmallMost / SmallStep;
+constexpr int Classes = SmallClasses + 24;
+constexpr int KeptClasses = 20;  // those above LargestListed
+
+struct FreeBlock {
+    FreeBlock* next;
+};
+
+struct Strip {
+    char* begin;
+    char* end;
+};
+
+// Sizes above SmallMost come in four steps per doubling.
+struct SizeClass {
+    int index;
+    SIZE_T bytes;
+};
+SizeClass ClassOf(SIZE_T bytes) {
+    if (bytes <= SmallMost) {
+        const SIZE_T steps = std::max<SIZE_T>((bytes + SmallStep - 1) / SmallStep, 1);
+        return {static_cast<int>(steps) - 1, steps * SmallStep};
+    }
+    const int doublings = 63 - __builtin_clzll((bytes - 1) / SmallMost);  // of SmallMost, below `bytes`
+    const SIZE_T base = SmallMost << doublings;
+    const SIZE_T quarter = (bytes - base + base / 4 - 1) / (base / 4);
+    return {SmallClasses + doublings * 4 + static_cast<int>(quarter) - 1, base + quarter * (base / 4)};
+}
+
+// What all threads share: touched once per strip, and when a thread has far more of one size than it uses.
+struct Shared {
+    std::mutex lock;
+    Strip arena{};
+    std::vector<Strip> rests;  // strips of threads that have ended
+    FreeBlock* lists[Classes] = {};
+};
+Shared& TheShared() {
+    static Shared* shared = new Shared;  // threads may end after static objects
+    return *shared;
+}
+
+// Under the lock. Empty when the host has no memory.
+Strip NewStrip(Shared& shared) {
+    if (!shared.rests.empty()) {
+        const Strip rest = shared.rests.back();
+        shared.rests.pop_back();
+        return rest;
+    }
+    if (shared.arena.begin == shared.arena.end) {
+        void* memory = mmap(nullptr, ArenaBytes + LargePage, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (memory == MAP_FAILED) return {};
+        const auto start = reinterpret_cast<ULONG_PTR>(memory);
+        char* aligned = static_cast<char*>(memory) + (LargePage - start % LargePage) % LargePage;
+        madvise(aligned, ArenaBytes, MADV_HUGEPAGE);  // without large pages it is slower, not wrong
+        shared.arena = {aligned, aligned + ArenaBytes};
+    }
+    const Strip strip{shared.arena.begin, shared.arena.begin + StripBytes};
+    shared.arena.begin = strip.end;
+    return strip;
+}
+
+struct ThreadMemory {
+    struct List {
+        FreeBlock* first = nullptr;
+        SIZE_T bytes = 0;
+    };
+    List lists[Classes];
+    Strip strip{};
+
+    ~ThreadMemory() {
+        Shared& shared = TheShared();
+        const std::lock_guard guard(shared.lock);
+        for (int i = 0; i < Classes; ++i) {
+            while (FreeBlock* block = lists[i].first) {
+                lists[i].first = block->next;
+                block->next = shared.lists[i];
+                shared.lists[i] = block;
+            }
+        }
+        if (strip.begin != strip.end) shared.rests.push_back(strip);
+    }
+
+    void* Cut(SIZE_T bytes) {
+        if (static_cast<SIZE_T>(strip.end - strip.begin) < bytes) return nullptr;
+        void* memory = strip.begin;
+        strip.begin += bytes;
+        return memory;
+    }
+
+    // Blocks of the size that other threads gave back, or else a new strip.
+    void* TakeShared(const SizeClass& size) {
+        Shared& shared = TheShared();
+        const std::lock_guard guard(shared.lock);
+        FreeBlock*& list = shared.lists[size.index];
+        if (FreeBlock* block = list) {
+            list = block->next;
+            for (SIZE_T moved = 0; list != nullptr && moved < ListBytes / 2; moved += size.bytes) {
+                FreeBlock* more = list;
+                list = more->next;
+                Put(size, more);
+            }
+            return block;
+        }
+        // A rest may be too small for this size; it is small enough to be forgotten.
+        for (;;) {
+            strip = NewStrip(shared);
+            if (strip.begin == nullptr) return nullptr;
+            if (void* memory = Cut(size.bytes)) return memory;
+        }
+    }
+
+    void Put(const SizeClass& size, void* memory) {
+        auto* block = static_cast<FreeBlock*>(memory);
+        List& list = lists[size.index];
+        block->next = list.first;
+        list.first = block;
+        list.bytes += size.bytes;
+    }
+
+    void Shrink(const SizeClass& size) {
+        Shared& shared = TheShared();
+        List& list = lists[size.index];
+        const std::lock_guard guard(shared.lock);
+        while (list.bytes > ListBytes / 2 && list.first != nullptr) {
+            FreeBlock* block = list.first;
+            list.first = block->next;
+            list.bytes -= size.bytes;
+            block->next = shared.lists[size.index];
+            shared.lists[size.index] = block;
+        }
+    }
+};
+thread_local ThreadMemory threadMemory;
+
+// Buffers of large transfers. The allocator would give their pages back to the host at once, and every transfer
+// would have the host clear and map them again.
+class KeptBlocks {
+public:
+    void* Take(const SizeClass& size) {
+        {
+            const std::lock_guard guard(lock_);
+            FreeBlock*& list = lists_[size.index - Classes];
+            if (FreeBlock* block = list) {
+                list = block->next;
+                bytes_ -= size.bytes;
+                return block;
+            }
+        }
+        return std::malloc(size.bytes);
+    }
+
+    void Give(const SizeClass& size, void* memory) {
+        {
+            const std::lock_guard guard(lock_);
+            if (bytes_ + size.bytes <= KeptBytes) {
+                auto* block = static_cast<FreeBlock*>(memory);
+                block->next = lists_[size.index - Classes];
+                lists_[size.index - Classes] = block;
+                bytes_ += size.bytes;
+                return;
+            }
+        }
+        std::free(memory);
+    }
+
+private:
+    std::mutex lock_;
+    FreeBlock* lists_[KeptClasses] = {};
+    SIZE_T bytes_ = 0;
+};
+KeptBlocks& TheKeptBlocks() {
+    static KeptBlocks* blocks = new KeptBlocks;  // threads may end after static objects
+    return *blocks;
+}
+
+void* TakeLarge(SIZE_T bytes) {
+    return bytes > LargestKept ? std::malloc(bytes) : TheKeptBlocks().Take(ClassOf(bytes));
+}
+
+void GiveLarge(void* memory, SIZE_T bytes) {
+    bytes > LargestKept ? std::free(memory) : TheKeptBlocks().Give(ClassOf(bytes), memory);
+}
+
+}  // namespace
+
+void* TakePoolMemory(SIZE_T bytes) {
+    if (bytes > LargestListed) return TakeLarge(bytes);
+    const SizeClass size = ClassOf(bytes);
+    ThreadMemory& own = threadMemory;
+    ThreadMemory::List& list = own.lists[size.index];
+    if (FreeBlock* block = list.first) {
+        list.first = block->next;
+        list.bytes -= size.bytes;
+        return block;
+    }
+    if (void* memory = own.Cut(size.bytes)) return memory;
+    return own.TakeShared(size);
+}
+
+void GivePoolMemory(void* memory, SIZE_T bytes) {
+    if (bytes > LargestListed) return GiveLarge(memory, bytes);
+    const SizeClass size = ClassOf(bytes);
+    ThreadMemory& own = threadMemory;
+    own.Put(size, memory);
+    if (own.lists[size.index].bytes > ListBytes) own.Shrink(size);
+}
+
+#endif
+
+}  // namespace host

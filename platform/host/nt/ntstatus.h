@@ -1,0 +1,52 @@
+// Status values, the platform's.
+#pragma once
+#include "platform/host/nt/ntdef.h"
+
+inline constexpr NTSTATUS KvrStatus(ULONG value) {
+    return static_cast<NTSTATUS>(value);
+}
+
+inline constexpr NTSTATUS STATUS_SUCCESS = 0;
+inline constexpr NTSTATUS STATUS_WAIT_0 = 0;
+inline constexpr NTSTATUS STATUS_TIMEOUT = 0x102;
+inline constexpr NTSTATUS STATUS_PENDING = 0x103;
+inline constexpr NTSTATUS STATUS_BUFFER_OVERFLOW = KvrStatus(0x80000005);
+inline constexpr NTSTATUS STATUS_NO_MORE_FILES = KvrStatus(0x80000006);
+inline constexpr NTSTATUS STATUS_DEVICE_BUSY = KvrStatus(0x80000011);
+inline constexpr NTSTATUS STATUS_VERIFY_REQUIRED = KvrStatus(0x80000016);
+inline constexpr NTSTATUS STATUS_UNSUCCESSFUL = KvrStatus(0xC0000001);
+inline constexpr NTSTATUS STATUS_INFO_LENGTH_MISMATCH = KvrStatus(0xC0000004);
+inline constexpr NTSTATUS STATUS_ACCESS_VIOLATION = KvrStatus(0xC0000005);
+inline constexpr NTSTATUS STATUS_INVALID_HANDLE = KvrStatus(0xC0000008);
+inline constexpr NTSTATUS STATUS_INVALID_PARAMETER = KvrStatus(0xC000000D);
+inline constexpr NTSTATUS STATUS_NO_SUCH_DEVICE = KvrStatus(0xC000000E);
+inline constexpr NTSTATUS STATUS_NO_SUCH_FILE = KvrStatus(0xC000000F);
+inline constexpr NTSTATUS STATUS_INVALID_DEVICE_REQUEST = KvrStatus(0xC0000010);
+inline constexpr NTSTATUS STATUS_END_OF_FILE = KvrStatus(0xC0000011);
+inline constexpr NTSTATUS STATUS_MORE_PROCESSING_REQUIRED = KvrStatus(0xC0000016);
+inline constexpr NTSTATUS STATUS_ACCESS_DENIED = KvrStatus(0xC0000022);
+inline constexpr NTSTATUS STATUS_BUFFER_TOO_SMALL = KvrStatus(0xC0000023);
+inline constexpr NTSTATUS STATUS_OBJECT_TYPE_MISMATCH = KvrStatus(0xC0000024);
+inline constexpr NTSTATUS STATUS_DISK_CORRUPT_ERROR = KvrStatus(0xC0000032);
+inline constexpr NTSTATUS STATUS_OBJECT_NAME_INVALID = KvrStatus(0xC0000033);
+inline constexpr NTSTATUS STATUS_OBJECT_NAME_NOT_FOUND = KvrStatus(0xC0000034);
+inline constexpr NTSTATUS STATUS_OBJECT_NAME_COLLISION = KvrStatus(0xC0000035);
+inline constexpr NTSTATUS STATUS_DEVICE_ALREADY_ATTACHED = KvrStatus(0xC0000038);
+inline constexpr NTSTATUS STATUS_OBJECT_PATH_NOT_FOUND = KvrStatus(0xC000003A);
+inline constexpr NTSTATUS STATUS_SHARING_VIOLATION = KvrStatus(0xC0000043);
+inline constexpr NTSTATUS STATUS_FILE_LOCK_CONFLICT = KvrStatus(0xC0000054);
+inline constexpr NTSTATUS STATUS_DELETE_PENDING = KvrStatus(0xC0000056);
+inline constexpr NTSTATUS STATUS_DISK_FULL = KvrStatus(0xC000007F);
+inline constexpr NTSTATUS STATUS_INSUFFICIENT_RESOURCES = KvrStatus(0xC000009A);
+inline constexpr NTSTATUS STATUS_DEVICE_NOT_READY = KvrStatus(0xC00000A3);
+inline constexpr NTSTATUS STATUS_MEDIA_WRITE_PROTECTED = KvrStatus(0xC00000A2);
+inline constexpr NTSTATUS STATUS_FILE_IS_A_DIRECTORY = KvrStatus(0xC00000BA);
+inline constexpr NTSTATUS STATUS_NOT_SUPPORTED = KvrStatus(0xC00000BB);
+inline constexpr NTSTATUS STATUS_INTERNAL_ERROR = KvrStatus(0xC00000E5);
+inline constexpr NTSTATUS STATUS_DIRECTORY_NOT_EMPTY = KvrStatus(0xC0000101);
+inline constexpr NTSTATUS STATUS_FILE_CORRUPT_ERROR = KvrStatus(0xC0000102);
+inline constexpr NTSTATUS STATUS_NOT_A_DIRECTORY = KvrStatus(0xC0000103);
+inline constexpr NTSTATUS STATUS_UNRECOGNIZED_VOLUME = KvrStatus(0xC000014F);
+inline constexpr NTSTATUS STATUS_IO_DEVICE_ERROR = KvrStatus(0xC0000185);
+inline constexpr NTSTATUS STATUS_DEVICE_POWERED_OFF = KvrStatus(0xC000028F);
+inline constexpr NTSTATUS STATUS_CANNOT_DELETE = KvrStatus(0xC0000121);

@@ -1,0 +1,103 @@
+#include <mutex>
+#include "platform/host/check/injector.h"
+#include "platform/host/object/namespace.h"
+#include "platform/host/object/object.h"
+#include "platform/host/check/verifier.h"
+
+namespace host {
+namespace {
+
+// One open by a driver. Its transfers run one at a time, as those of a synchronous file object do.
+struct FileHandle {
+    std::unique_ptr<OpenFile> file;
+    USHORT sectorSize;  // transfers must be whole sectors when this is not 0
+    std::mutex transfer;
+
+    FileHandle(std::unique_ptr<OpenFile> opened, USHORT sectors)
+        : file(std::move(opened)), sectorSize(sectors) {}
+};
+
+NTSTATUS Resolve(POBJECT_ATTRIBUTES attributes, ResolvedPath& resolved) {
+    if (attributes->RootDirectory != nullptr || attributes->ObjectName == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    const NTSTATUS status = ResolvePath(View(attributes->ObjectName), resolved);
+    if (!NT_SUCCESS(status)) return status;
+    if (resolved.provider == nullptr) return STATUS_UNRECOGNIZED_VOLUME;
+    return resolved.rest.empty() ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}
+
+NTSTATUS Open(PHANDLE handle, FileOpen request, POBJECT_ATTRIBUTES attributes, ULONG_PTR& information) {
+    if (InjectFault(Fault::FileOpen)) return STATUS_INSUFFICIENT_RESOURCES;
+    ResolvedPath path;
+    NTSTATUS status = Resolve(attributes, path);
+    if (!NT_SUCCESS(status)) return status;
+    request.path = path.rest;
+    const bool sectors = (request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0;
+    const USHORT sectorSize = sectors ? path.device->SectorSize : USHORT{0};
+    std::unique_ptr<OpenFile> file;
+    status = path.provider->Open(request, file, information);
+    if (!NT_SUCCESS(status)) return status;
+    ObjectRef<FileHandle> object(MakeObject<FileHandle>(ObjectType::OpenFile, std::move(file), sectorSize));
+    *handle = InsertHandle(object.get());
+    return status;
+}
+
+// Checks what a transfer of either direction must satisfy, runs it, and reports it in the status block.
+template <class Run>
+NTSTATUS Transfer(const char* routine, HANDLE handle, PIO_STATUS_BLOCK iosb, PLARGE_INTEGER offset,
+                  ULONG length, const Run& run) {
+    RequireIrql(routine, PASSIVE_LEVEL);
+    ObjectRef<FileHandle> file(static_cast<FileHandle*>(LookupHandle(handle, ObjectType::OpenFile)));
+    if (!file) return STATUS_INVALID_HANDLE;
+    if (offset == nullptr || offset->QuadPart < 0) return STATUS_INVALID_PARAMETER;
+    const USHORT sector = file->sectorSize;
+    if (sector != 0 && (length % sector != 0 || offset->QuadPart % sector != 0))
+        return STATUS_INVALID_PARAMETER;
+    ULONG done = 0;
+    NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
+    if (!InjectFault(Fault::FileIo)) {
+        std::lock_guard<std::mutex> one(file->transfer);
+        status = run(*file->file, offset->QuadPart, done);
+    }
+    iosb->Status = status;
+    iosb->Information = NT_SUCCESS(status) ? done : 0;
+    return status;
+}
+
+}  // namespace
+}  // namespace host
+
+NTSTATUS ZwCreateFile(PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, PIO_STATUS_BLOCK iosb,
+                      PLARGE_INTEGER, ULONG fileAttributes, ULONG share, ULONG disposition, ULONG options,
+                      PVOID, ULONG) {
+    host::RequireIrql("ZwCreateFile", PASSIVE_LEVEL);
+    ULONG_PTR information = 0;
+    const NTSTATUS status =
+        host::Open(handle, {{}, access, share, disposition, options, fileAttributes}, attributes, information);
+    iosb->Status = status;
+    iosb->Information = NT_SUCCESS(status) ? information : 0;
+    return status;
+}
+
+NTSTATUS ZwReadFile(HANDLE file, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
+                    PLARGE_INTEGER offset, PULONG) {
+    return host::Transfer(
+        "ZwReadFile", file, iosb, offset, length,
+        [&](host::OpenFile& open, LONGLONG at, ULONG& done) { return open.Read(at, buffer, length, done); });
+}
+
+NTSTATUS ZwWriteFile(HANDLE file, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length,
+                     PLARGE_INTEGER offset, PULONG) {
+    return host::Transfer(
+        "ZwWriteFile", file, iosb, offset, length,
+        [&](host::OpenFile& open, LONGLONG at, ULONG& done) { return open.Write(at, buffer, length, done); });
+}
+
+// Deleting opens the file, so the same fault stands for it.
+NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES attributes) {
+    host::RequireIrql("ZwDeleteFile", PASSIVE_LEVEL);
+    if (host::InjectFault(host::Fault::FileOpen)) return STATUS_INSUFFICIENT_RESOURCES;
+    host::ResolvedPath path;
+    const NTSTATUS status = host::Resolve(attributes, path);
+    return NT_SUCCESS(status) ? path.provider->Delete(path.rest) : status;
+}

@@ -1,0 +1,110 @@
+#include <algorithm>
+#include "platform/host/sync/host_lock.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/object/namespace.h"
+#include "platform/host/object/object.h"
+#include "platform/host/object/registry_store.h"
+#include "platform/host/check/verifier.h"
+
+namespace host {
+namespace {
+
+// The store's calls are made one at a time.
+HostLock gLock;
+RegistryStore* gStore KVR_GUARDED_BY(gLock) = nullptr;
+
+struct KeyObject {
+    std::u16string path;
+};
+
+// Runs `call` on the store with the key's path. The store may be gone while a key is still open.
+template <class Call>
+NTSTATUS WithKey(HANDLE handle, const char* routine, const Call& call) {
+    RequireIrql(routine, PASSIVE_LEVEL);
+    ObjectRef<KeyObject> key(static_cast<KeyObject*>(LookupHandle(handle, ObjectType::Key)));
+    if (!key) return STATUS_INVALID_HANDLE;
+    if (InjectFault(Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
+    HostGuard guard(gLock);
+    return gStore == nullptr ? STATUS_OBJECT_PATH_NOT_FOUND : call(*gStore, key->path);
+}
+
+std::u16string Name(PCUNICODE_STRING name) {
+    return std::u16string(View(name));
+}
+
+// The fixed part must fit or nothing is written; of the data as much as fits is copied.
+NTSTATUS CopyPartial(const RegistryValue& value, PVOID info, ULONG length, PULONG resultLength) {
+    constexpr ULONG Fixed = offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    const auto dataLength = static_cast<ULONG>(value.data.size());
+    *resultLength = Fixed + dataLength;
+    if (length < Fixed) return STATUS_BUFFER_TOO_SMALL;
+    auto* partial = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(info);
+    partial->TitleIndex = 0;
+    partial->Type = value.type;
+    partial->DataLength = dataLength;
+    const ULONG fits = std::min(dataLength, length - Fixed);
+    if (fits != 0) RtlCopyMemory(partial->Data, value.data.data(), fits);
+    return fits < dataLength ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+}
+
+}  // namespace
+
+void SetRegistryStore(RegistryStore* store) {
+    HostGuard guard(gLock);
+    gStore = store;
+}
+
+}  // namespace host
+
+using host::HostGuard;
+using host::RegistryStore;
+using host::RegistryValue;
+
+NTSTATUS ZwCreateKey(PHANDLE handle, ACCESS_MASK, POBJECT_ATTRIBUTES attributes, ULONG, PUNICODE_STRING, ULONG,
+                     PULONG disposition) {
+    host::RequireIrql("ZwCreateKey", PASSIVE_LEVEL);
+    if (attributes->RootDirectory != nullptr || attributes->ObjectName == nullptr)
+        return STATUS_INVALID_PARAMETER;
+    if (host::InjectFault(host::Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
+    std::u16string path = host::Name(attributes->ObjectName);
+    {
+        HostGuard guard(host::gLock);
+        if (host::gStore == nullptr) return STATUS_OBJECT_PATH_NOT_FOUND;
+        const NTSTATUS status = host::gStore->CreateKey(path);
+        if (!NT_SUCCESS(status)) return status;
+    }
+    if (disposition != nullptr) *disposition = REG_OPENED_EXISTING_KEY;
+    host::ObjectRef<host::KeyObject> key(
+        host::MakeObject<host::KeyObject>(host::ObjectType::Key, std::move(path)));
+    *handle = host::InsertHandle(key.get());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS kind, PVOID info,
+                         ULONG length, PULONG resultLength) {
+    if (kind != KeyValuePartialInformation) return STATUS_INVALID_PARAMETER;
+    RegistryValue value{};
+    const NTSTATUS status =
+        host::WithKey(key, "ZwQueryValueKey", [&](RegistryStore& store, const std::u16string& path) {
+            return store.Query(path, host::Name(name), value);
+        });
+    return NT_SUCCESS(status) ? host::CopyPartial(value, info, length, resultLength) : status;
+}
+
+NTSTATUS ZwSetValueKey(HANDLE key, PUNICODE_STRING name, ULONG, ULONG type, PVOID data, ULONG length) {
+    const auto* bytes = static_cast<const UCHAR*>(data);
+    return host::WithKey(key, "ZwSetValueKey", [&](RegistryStore& store, const std::u16string& path) {
+        return store.Set(path, host::Name(name), {type, std::vector<UCHAR>(bytes, bytes + length)});
+    });
+}
+
+NTSTATUS ZwDeleteValueKey(HANDLE key, PUNICODE_STRING name) {
+    return host::WithKey(key, "ZwDeleteValueKey", [&](RegistryStore& store, const std::u16string& path) {
+        return store.Delete(path, host::Name(name));
+    });
+}
+
+NTSTATUS ZwFlushKey(HANDLE key) {
+    return host::WithKey(key, "ZwFlushKey",
+                         [](RegistryStore& store, const std::u16string&) { return store.Flush(); });
+}

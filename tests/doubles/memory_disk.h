@@ -1,0 +1,57 @@
+// A sparse disk in memory. Copies share their unchanged chunks, so a sweep that starts a thousand machines
+// from one disk copies only what each of them writes.
+#pragma once
+#include <array>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <vector>
+#include "machine/disk/disk.h"
+
+namespace machine {
+
+class MemoryDisk final : public Disk {
+public:
+    static constexpr std::size_t kChunk = 64 * 1024;  // a multiple of every sector size
+
+    // `size` must be a multiple of `sectorSize`. Unwritten sectors read as zeros.
+    MemoryDisk(std::uint64_t size, std::uint32_t sectorSize);
+    ~MemoryDisk() override;
+    MemoryDisk(const MemoryDisk&) = delete;
+    MemoryDisk& operator=(const MemoryDisk&) = delete;
+
+    std::uint64_t Size() const override { return size_; }
+    std::uint32_t SectorSize() const override { return sectorSize_; }
+    [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS Flush() override { return STATUS_SUCCESS; }
+
+    // The disk as it is now. Writes that run meanwhile are in the copy or not, sector by sector.
+    std::unique_ptr<MemoryDisk> Clone() const;
+    // Whether both hold the same bytes; shared chunks are not compared byte by byte.
+    bool SameContent(const MemoryDisk& other) const;
+    struct Range {
+        std::uint64_t begin, end;  // bytes, whole sectors
+    };
+    // Where two disks of one size differ, ascending and apart. Neither may be written meanwhile.
+    std::vector<Range> DifferencesFrom(const MemoryDisk& other) const;
+
+private:
+    struct Chunk {
+        std::atomic<std::uint32_t> references{1};  // disks that hold it; only a sole holder writes to it
+        std::uint8_t data[kChunk];
+    };
+    static constexpr std::size_t kStripes = 64;
+
+    static void Release(Chunk* chunk);
+    void CompareChunk(const MemoryDisk& other, std::size_t index, std::vector<Range>& found) const;
+    Chunk* MakeWritable(std::size_t index);  // with the stripe of `index` held
+    std::mutex& StripeOf(std::size_t index) const { return stripes_[index % kStripes]; }
+
+    std::uint64_t size_;
+    std::uint32_t sectorSize_;
+    std::vector<Chunk*> chunks_;  // null: zeros; a slot is guarded by its stripe
+    mutable std::array<std::mutex, kStripes> stripes_;
+};
+
+}  // namespace machine

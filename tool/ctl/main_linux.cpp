@@ -1,8 +1,0 @@
-#include <iostream>
-#include "tool/ctl/command_line.h"
-#include "tool/ctl/host_terminal.h"
-
-int main(int argc, char** argv) {
-    ctl::HostTerminal terminal(std::cout, std::cerr);
-    return ctl::RunCommandLine(std::vector<std::string>(argv + 1, argv + argc), terminal, ctl::MakeWorld);
-}

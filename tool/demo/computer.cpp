@@ -1,0 +1,149 @@
+#include "tool/demo/computer.h"
+#include <chrono>
+#include <cstdio>
+#include <thread>
+#include <utility>
+#include "machine/boot/any_file_system.h"
+#include "machine/disk/image_disk.h"
+#include "platform/host/sync/clock.h"
+#include "platform/host/sync/thread.h"
+#include "tool/error.h"
+
+namespace tool {
+namespace {
+
+constexpr LONG kMinutesToUtc = -60;
+constexpr std::chrono::seconds kLongestSettling{20};
+constexpr char16_t kLogFolder[] = u"\\Windows";
+constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
+
+std::shared_ptr<machine::Disk> OpenImage(const Place& place) {
+    std::string error;
+    std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(place.image, place.sectorBytes, error);
+    if (disk == nullptr) throw Error(error);
+    return disk;
+}
+
+}  // namespace
+
+void Require(NTSTATUS status, const std::string& what) {
+    if (!NT_SUCCESS(status)) throw StepFailed(what + ": " + StatusText(status));
+}
+
+Computer::Computer(const Place& system, const Place& data)
+    : data_(data), dataDisk_(system.image == data.image ? 0 : 1) {
+    machine::MachineOptions options;
+    options.driver = DriverEntry;
+    options.disks.push_back({OpenImage(system)});
+    if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
+    options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
+    host::SetTimeZoneBias(kMinutesToUtc);
+    machine_ = std::make_unique<machine::Machine>(std::move(options));
+}
+
+Computer::~Computer() {
+    if (IsOn()) PowerCut();
+}
+
+void Computer::Boot() {
+    Require(machine_->PowerOn(), "the computer does not start");
+    Require(machine_->DriverStatus(), "the driver does not load");
+    FindDataVolume();
+    MountOn(dataNumber_);
+    ++boots_;
+    WriteBootLog();
+    Settle();
+}
+
+void Computer::FindDataVolume() {
+    for (const machine::Volume* volume : machine_->Volumes()) {
+        if (volume->device->DiskNumber() != dataDisk_ || volume->device->Offset() != data_.offset) continue;
+        dataNumber_ = volume->device->Number();
+        dataName_ = volume->device->Name();
+        return;
+    }
+    throw StepFailed("the computer does not find the data volume");
+}
+
+void Computer::WriteBootLog() {
+    bool exists = false;
+    Require(System().Exists(kLogFolder, exists), "the system folder cannot be looked up");
+    if (!exists) Require(System().MakeDirectory(kLogFolder), "the system folder cannot be made");
+    const std::string line = "start " + std::to_string(boots_) + " at " + LocalDate() + "\n";
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
+    Require(System().WriteFile(kBootLog, {bytes, line.size()}), "the boot log cannot be written");
+}
+
+void Computer::Settle() {
+    const auto end = std::chrono::steady_clock::now() + kLongestSettling;
+    while (host::RunningSystemThreads() != 0) {
+        if (std::chrono::steady_clock::now() > end)
+            throw StepFailed("a thread of the driver does not end after the boot");
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+void Computer::Shutdown() {
+    const machine::ShutdownReport report = machine_->Shutdown();
+    Require(report.dismount, "a volume cannot be dismounted");
+    Require(report.registry, "the registry cannot be saved");
+}
+
+void Computer::Reboot() {
+    Shutdown();
+    Boot();
+}
+
+void Computer::PowerCut() {
+    machine_->PowerCut();
+}
+
+void Computer::SetClock(int year, int month, int day, int hour, int minute) {
+    host::SetSystemTime(host::TimeOf(year, month, day, hour, minute));
+}
+
+std::string Computer::LocalDate() const {
+    LARGE_INTEGER utc, local;
+    utc.QuadPart = host::SystemTime();
+    ExSystemTimeToLocalTime(&utc, &local);
+    TIME_FIELDS fields;
+    RtlTimeToTimeFields(&local, &fields);
+    char text[32];
+    std::snprintf(text, sizeof text, "%04d%02d%02d%02d%02d", fields.Year, fields.Month, fields.Day, fields.Hour,
+                  fields.Minute);
+    return text;
+}
+
+machine::GuestFileSystem& Computer::MountOn(unsigned number) {
+    const machine::Volume* volume = machine_->VolumeOf(number);
+    if (volume == nullptr) throw StepFailed("there is no volume " + std::to_string(number));
+    if (volume->files == nullptr)
+        Require(volume->mountStatus, "volume " + std::to_string(number) + " cannot be mounted");
+    return static_cast<machine::GuestFileSystem&>(*volume->files);  // the only ones that the machine mounts
+}
+
+void Computer::Configure(const Configuration& configuration) {
+    ControlClient client;
+    Require(client.SetConfig(ConfigurationImage(ComposeConfiguration(configuration))),
+            "the configuration cannot be written");
+}
+
+std::u16string Computer::ConfigurationInForce() {
+    std::vector<std::uint8_t> image;
+    ControlClient client;
+    Require(client.GetConfig(image), "the configuration cannot be read");
+    return ConfigurationText(image);
+}
+
+FixedVolume Computer::Status(unsigned number) {
+    const std::u16string name = machine_->VolumeOf(number)->device->Name();
+    std::vector<FixedVolume> volumes;
+    ControlClient client;
+    Require(client.FixedVolumes(volumes), "the volumes cannot be listed");
+    for (const FixedVolume& volume : volumes) {
+        if (volume.name == name) return volume;
+    }
+    throw StepFailed("the driver does not list " + Narrow(name));
+}
+
+}  // namespace tool

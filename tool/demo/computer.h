@@ -1,0 +1,88 @@
+// The hosted computer that the demonstration uses: its disks are images in the scratch folder, the first one
+// with the system volume, one of the others' volumes or the same disk's second one is the data volume that is
+// to be protected. Its operations are what a person at it would do; one that does not work out throws
+// StepFailed.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+#include "machine/files/guest_files.h"
+#include "machine/boot/machine.h"
+#include "tool/kvrctl/config_text.h"
+#include "tool/demo/control_client.h"
+
+namespace tool {
+
+// What went wrong in a step that the checks after it depend on.
+struct StepFailed : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+// Throws StepFailed with `what` and the status unless it is a success.
+void Require(NTSTATUS status, const std::string& what);
+
+// A volume in a disk image.
+struct Place {
+    std::string image;
+    std::uint64_t offset = 0;  // bytes
+    std::uint64_t length = 0;  // bytes
+    std::uint32_t sectorBytes = 512;
+};
+
+class Computer {
+public:
+    // The images of both places are disks of the machine; the system volume is the first volume of the first.
+    Computer(const Place& system, const Place& data);
+    ~Computer();
+    Computer(const Computer&) = delete;
+    Computer& operator=(const Computer&) = delete;
+
+    // ---- power -----------------------------------------------------------------------------------------
+    // Every boot ends by writing its line into the system volume's log, as operating systems do; the log is
+    // on a volume that is not protected. It is over when the driver's threads of the boot have ended, so that
+    // what they hold open is held.
+    void Boot();
+    void Shutdown();
+    void Reboot();
+    void PowerCut();
+    bool IsOn() const { return machine_->IsOn(); }
+    machine::Machine& Hardware() { return *machine_; }
+
+    // The wall clock, which stands still between calls. UTC; the computer's local time is an hour ahead.
+    void SetClock(int year, int month, int day, int hour, int minute);
+    // The clock's local time as the configuration writes dates.
+    std::string LocalDate() const;
+
+    // ---- use -------------------------------------------------------------------------------------------
+    machine::GuestFiles System() { return FilesOf(systemNumber_); }
+    machine::GuestFiles Data() { return FilesOf(dataNumber_); }
+    // Files of another volume, one that was plugged in for example.
+    machine::GuestFiles FilesOf(unsigned volume) { return machine::GuestFiles(MountOn(volume)); }
+    bool DataIsReadOnly() { return MountOn(dataNumber_).ReadOnly(); }
+    unsigned SystemNumber() const { return systemNumber_; }
+    unsigned DataNumber() const { return dataNumber_; }
+    // Of the present boot or the last one.
+    const std::u16string& DataName() const { return dataName_; }
+
+    void Configure(const Configuration& configuration);
+    std::u16string ConfigurationInForce();
+    FixedVolume Status(unsigned volume);
+    FixedVolume DataStatus() { return Status(dataNumber_); }
+
+private:
+    machine::GuestFileSystem& MountOn(unsigned volume);
+    void FindDataVolume();
+    void WriteBootLog();
+    void Settle();
+
+    Place data_;
+    unsigned dataDisk_;
+    std::unique_ptr<machine::Machine> machine_;
+    unsigned systemNumber_ = 1;
+    unsigned dataNumber_ = 0;
+    std::u16string dataName_;
+    unsigned boots_ = 0;
+};
+
+}  // namespace tool

@@ -1,0 +1,71 @@
+// The commands, one function each, behind the command line. Each returns the program's exit code and throws
+// Failure for what it cannot do.
+#pragma once
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include "tool/kvrctl/config_edit.h"
+#include "tool/kvrctl/terminal.h"
+#include "tool/kvrctl/world.h"
+
+namespace ctl {
+
+struct Context {
+    World& world;
+    Terminal& terminal;
+    bool json = false;
+};
+
+// ---- looking ----
+int ShowStatus(const Context& context);
+struct WatchOptions {
+    double seconds = 1;
+    unsigned count = 0;  // 0: until Ctrl-C
+};
+int Watch(const Context& context, const WatchOptions& options);
+// `namesOnly`: one short name per line, for scripts.
+int ShowVolumes(const Context& context, bool namesOnly);
+struct MapOptions {
+    std::string volume;
+    std::string svg;  // file, or empty
+};
+int ShowMap(const Context& context, const MapOptions& options);
+int Debug(const Context& context);
+
+// ---- the configuration ----
+struct EditOptions {
+    std::string volume;
+    bool dryRun = false;
+};
+int Protect(const Context& context, const EditOptions& options, const Protection& how);
+int Unprotect(const Context& context, const EditOptions& options);
+int DiscardChanges(const Context& context, const EditOptions& options);
+int MergeChanges(const Context& context, const EditOptions& options);
+// `access` as SetRemovable has it; without a volume, for all that have no section.
+int Removable(const Context& context, const EditOptions& options, unsigned access);
+int Switch(const Context& context, const EditOptions& options, bool on);
+
+int ConfigGet(const Context& context);
+struct SetOptions {
+    std::string file;  // "-" is the standard input
+    bool force = false;
+    bool dryRun = false;
+};
+int ConfigSet(const Context& context, const SetOptions& options);
+// The stored text if `file` is empty; `world` is asked for nothing else.
+int ConfigCheckFile(Terminal& terminal, const std::string& file, bool json);
+int ConfigCheckStored(const Context& context);
+int ConfigEdit(const Context& context, bool force);
+
+// ---- swap storage ----
+struct SwapMakeOptions {
+    std::string volume;
+    std::string size;
+    bool noWait = false;
+};
+int SwapMake(const Context& context, const SwapMakeOptions& options);
+int SwapRemove(const Context& context, const std::string& volume);
+int SwapStop(const Context& context);
+
+}  // namespace ctl

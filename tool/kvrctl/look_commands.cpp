@@ -1,0 +1,154 @@
+// status, watch, volumes, debug.
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include "tool/kvrctl/config_text.h"
+#include "tool/kvrctl/commands.h"
+#include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/date.h"
+#include "tool/kvrctl/failure.h"
+#include "tool/kvrctl/size.h"
+#include "tool/kvrctl/status_view.h"
+#include "tool/kvrctl/table.h"
+#include "tool/kvrctl/unicode.h"
+#include "tool/kvrctl/volumes.h"
+
+namespace ctl {
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::string FileSystemText(FileSystemKind kind) {
+    switch (kind) {
+        case FileSystemKind::None:
+            return "none";
+        case FileSystemKind::Ntfs:
+            return "ntfs";
+        case FileSystemKind::Ext:
+            return "ext";
+        default:
+            return "other";
+    }
+}
+
+std::string FixedPlan(const VolumeSettings& settings) {
+    std::string text = settings.action == 2   ? "protected; changes are merged once"
+                       : settings.action == 1 ? "protected; changes are dropped once"
+                       : settings.atBoot == 0 ? "protected; changes are dropped at every boot"
+                                              : "protected; changes are kept";
+    if (settings.action == 0 && settings.atBoot == 1 && !settings.date.empty())
+        text += " until " + DateText(settings.date);
+    return text;
+}
+
+// What the configuration holds for the volume at the next boot.
+std::string PlanText(const ConfigScan& scan, const KnownVolume& volume) {
+    static constexpr const char* kAccess[] = {"not protected", "protected", "protected and hidden"};
+    if (!scan.protection) return "not protected (protection is off)";
+    const Section* section = scan.Find(volume.name);
+    if (!section && volume.removable) return kAccess[scan.removableAccess];
+    if (!section || !section->volume.isProtected || !section->volume.switchWasOn) return "not protected";
+    if (section->kind == SectionKind::Removable) return kAccess[section->volume.accessMode];
+    return FixedPlan(section->volume);
+}
+
+struct VolumeRow {
+    KnownVolume volume;
+    std::optional<VolumeFacts> facts;
+    std::string plan;
+};
+
+std::vector<VolumeRow> QueryVolumes(const Context& context) {
+    Client client(context.world, context.terminal, Access::Read);
+    const ConfigScan scan = ScanConfig(tool::ConfigurationText(client.GetConfig()));
+    std::vector<VolumeRow> rows;
+    for (const KnownVolume& volume : KnownVolumes(client))
+        rows.push_back({volume, context.world.Facts(volume.name), PlanText(scan, volume)});
+    return rows;
+}
+
+std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
+    std::vector<Row> rows = {
+        {"VOLUME", "KIND", "SIZE", "FREE", "FILES", "SECTOR", "IN USE BY", "FROM THE NEXT BOOT"}};
+    for (const VolumeRow& row : volumes) {
+        Row cells = {ShortName(row.volume.name), row.volume.removable ? "removable" : "fixed"};
+        if (row.facts)
+            cells.insert(
+                cells.end(),
+                {SizeText(row.facts->bytes), row.facts->freeBytes ? SizeText(*row.facts->freeBytes) : "?",
+                 FileSystemText(row.facts->fileSystem), std::to_string(row.facts->sectorBytes),
+                 row.facts->clients.empty() ? "-" : row.facts->clients});
+        else
+            cells.insert(cells.end(), {"?", "?", "?", "?", "-"});
+        cells.push_back(row.plan);
+        rows.push_back(std::move(cells));
+    }
+    return volumes.empty() ? "There are no volumes.\n" : TableText(rows);
+}
+
+Json VolumeJson(const VolumeRow& row) {
+    Json json = {{"name", ToUtf8(row.volume.name)}, {"kind", row.volume.removable ? "removable" : "fixed"}};
+    if (row.facts) {
+        json["bytes"] = row.facts->bytes;
+        json["freeBytes"] = row.facts->freeBytes ? Json(*row.facts->freeBytes) : Json(nullptr);
+        json["sectorBytes"] = row.facts->sectorBytes;
+        json["fileSystem"] = FileSystemText(row.facts->fileSystem);
+        json["inUseBy"] = row.facts->clients;
+    }
+    json["nextBoot"] = row.plan;
+    return json;
+}
+
+void DrawStatus(const Context& context, const MachineStatus& status) {
+    std::ostream& out = context.terminal.out;
+    if (context.json)
+        out << StatusJson(status).dump() << "\n";
+    else if (context.terminal.isTerminal)
+        out << "\033[H\033[J" << StatusTable(status) << "\nCtrl-C ends.\n";
+    else
+        out << StatusTable(status) << "\n";
+    out.flush();
+}
+
+}  // namespace
+
+int ShowStatus(const Context& context) {
+    const MachineStatus status = QueryStatus(context.world, context.terminal);
+    context.terminal.out << (context.json ? StatusJson(status).dump(2) + "\n" : StatusTable(status));
+    return kExitOk;
+}
+
+int Watch(const Context& context, const WatchOptions& options) {
+    const std::chrono::milliseconds pause(static_cast<std::int64_t>(options.seconds * 1000));
+    context.terminal.CatchInterrupt();
+    for (unsigned shown = 1;; ++shown) {
+        DrawStatus(context, QueryStatus(context.world, context.terminal));
+        if (shown == options.count || !context.terminal.Pause(pause)) return kExitOk;
+    }
+}
+
+int ShowVolumes(const Context& context, bool namesOnly) {
+    if (namesOnly) {
+        Client client(context.world, context.terminal, Access::Read);
+        for (const KnownVolume& volume : KnownVolumes(client))
+            context.terminal.out << ShortName(volume.name) << "\n";
+        return kExitOk;
+    }
+    const std::vector<VolumeRow> volumes = QueryVolumes(context);
+    if (!context.json) {
+        context.terminal.out << VolumeTable(volumes);
+        return kExitOk;
+    }
+    Json json = Json::array();
+    for (const VolumeRow& row : volumes) json.push_back(VolumeJson(row));
+    context.terminal.out << json.dump(2) << "\n";
+    return kExitOk;
+}
+
+int Debug(const Context& context) {
+    Client(context.world, context.terminal, Access::Read).Debug();
+    context.terminal.out << "The driver wrote its debug lines to the kernel's debug output.\n";
+    return kExitOk;
+}
+
+}  // namespace ctl

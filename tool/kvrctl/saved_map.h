@@ -1,0 +1,67 @@
+// The saved map of a volume, read from the sectors where the registry says it lies: what was redirected, and
+// where the swap space is, when the driver saved it last. Nothing of it is taken on trust.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+#include "tool/kvrctl/world.h"
+
+namespace ctl {
+
+// As in the registry and in the map's sectors; little-endian.
+struct MapRunRecord {
+    std::uint32_t sector;  // first of the run
+    std::uint32_t length;  // bytes
+};
+static_assert(sizeof(MapRunRecord) == 8 && offsetof(MapRunRecord, length) == 4);
+
+struct MapEntryRecord {
+    std::uint32_t volumeSector;  // kFreeMark: the entry is free swap space
+    std::uint32_t swapSector;    // 0, or equal to volumeSector: an empty slot
+    std::uint8_t sectors[3];
+    std::uint8_t check;
+};
+static_assert(sizeof(MapEntryRecord) == 12 && offsetof(MapEntryRecord, swapSector) == 4 &&
+              offsetof(MapEntryRecord, check) == 11);
+inline constexpr std::uint32_t kFreeMark = 0xFFFFFFFF;
+
+// The check byte of an entry's other bytes.
+std::uint8_t MapCheck(const MapEntryRecord& entry);
+
+// In sectors.
+struct RedirectedRange {
+    std::uint64_t volume, swap, length;
+    bool operator==(const RedirectedRange&) const = default;
+};
+struct SectorRange {
+    std::uint64_t first, length;
+    bool operator==(const SectorRange&) const = default;
+};
+
+struct SavedMap {
+    std::uint32_t sectorBytes = 0;
+    std::uint64_t volumeSectors = 0;
+    std::vector<RedirectedRange> redirected;  // ascending in the volume, none overlapping
+    std::vector<SectorRange> free;            // swap space, ascending
+    std::vector<SectorRange> file;            // where the map itself lies
+    std::uint64_t slots = 0;                  // entries for which the map has room
+};
+
+// Throws Failure when there is no map or when it is damaged, with where.
+SavedMap ReadSavedMap(World& world, const std::u16string& volume);
+
+// ---- what it tells ----
+struct MapSummary {
+    std::uint64_t redirectedSectors = 0;
+    std::uint64_t freeSectors = 0;
+    std::uint64_t ranges = 0;        // redirected, adjoining ones counted as one
+    std::uint64_t largestRange = 0;  // sectors
+    std::uint64_t pieces = 0;        // ... counted as one only where their data adjoins as well
+    std::uint64_t freeRanges = 0;    // adjoining ones counted as one
+    std::uint64_t largestFree = 0;   // sectors
+    std::uint64_t entries = 0;
+};
+MapSummary Summarize(const SavedMap& map);
+
+}  // namespace ctl

@@ -1,0 +1,67 @@
+// What stands behind the tool: a machine that runs the driver, on Windows this very computer, elsewhere a
+// hosted machine. The driver is reached through its control device alone; what the driver does not tell (free
+// room, clients, sectors, the registry) the machine tells.
+#pragma once
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+#include "tool/kvrctl/status.h"
+
+namespace ctl {
+
+using Bytes = std::vector<std::uint8_t>;
+
+enum class Access { Read, ReadWrite };
+
+struct Answer {
+    Status status;
+    std::string text;  // why the machine itself refused, if it did
+};
+
+// An open handle to the control device, closed with its owner. There is one for the whole machine.
+class Driver {
+public:
+    virtual ~Driver() = default;
+    // `output` has the size of the answer's room and is cut to what was filled. Throws Failure when the machine
+    // is lost.
+    virtual Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) = 0;
+};
+
+enum class FileSystemKind { None, Ntfs, Ext, Other };
+
+struct VolumeFacts {
+    std::uint64_t bytes = 0;
+    std::optional<std::uint64_t> freeBytes;  // unknown while the file system is another's
+    std::uint32_t sectorBytes = 0;
+    bool removable = false;
+    FileSystemKind fileSystem = FileSystemKind::Other;
+    std::string clients;  // who else uses the volume, in words; empty for nobody
+};
+
+class World {
+public:
+    virtual ~World() = default;
+    // Null while another program holds the device. Throws Failure where there is no driver (kExitNotRunning) or
+    // no right to it (kExitDenied).
+    virtual std::unique_ptr<Driver> OpenDriver(Access access) = 0;
+    // `volume`: the volume device's object name. Nothing for a volume that the machine does not have or does
+    // not describe.
+    virtual std::optional<VolumeFacts> Facts(const std::u16string& volume) = 0;
+    // Whole sectors as the volume holds them. Throws Failure.
+    virtual Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) = 0;
+    // The data of a value of the driver's key; nothing when there is no such value. Throws Failure.
+    virtual std::optional<Bytes> ReadRegistry(const std::u16string& value) = 0;
+    // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
+    virtual std::string NextBoot() const = 0;
+};
+
+inline constexpr char16_t kDriverKey[] = u"\\Registry\\Machine\\System\\kvr";
+
+// The world in which this program runs. `folder`: of the hosted machine; empty where there is none to choose.
+// Reaches for nothing yet. Throws Failure for a folder that makes no sense here.
+std::unique_ptr<World> MakeWorld(const std::string& folder);
+
+}  // namespace ctl

@@ -1,0 +1,240 @@
+#include "tool/kvrhost/serve.h"
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <thread>
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include "nbd/machine_folder.h"
+#include "nbd/wire_channel.h"
+#include "tool/demo/control_client.h"
+#include "tool/error.h"
+
+namespace tool {
+namespace {
+
+using nbd::MachineFolder;
+using wire::Command;
+
+constexpr std::chrono::milliseconds kPollPeriod{10};
+constexpr std::chrono::seconds kLongestStop{60};
+constexpr char kPlugin[] = "nbdkit-kvr-plugin.so";
+constexpr char kSendGuard[] = "kvr-send-guard.so";
+
+// A library beside the tool as it was built or installed; empty when there is none.
+std::string FindLibrary(const char* name) {
+    std::array<char, 4096> self{};
+    const ssize_t length = readlink("/proc/self/exe", self.data(), self.size() - 1);
+    const std::string program(self.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    const std::string folder = program.substr(0, program.rfind('/'));
+    for (const char* place : {"/", "/../nbd/", "/../lib/kvr/"}) {
+        std::string path = folder + place + name;
+        if (access(path.c_str(), R_OK) == 0) return path;
+    }
+    return {};
+}
+
+// Else a name that nbdkit looks up among its own plugins.
+std::string FindPlugin() {
+    const std::string path = FindLibrary(kPlugin);
+    return path.empty() ? "kvr" : path;
+}
+
+// ---- the child -------------------------------------------------------------------------------------------
+
+std::vector<std::string> NbdkitArguments(const MachineFolder& folder, const ServeOptions& options, int lock) {
+    std::vector<std::string> arguments = {"nbdkit", "--unix", folder.File(nbd::kNbdSocket)};
+    if (!options.background) arguments.push_back("--foreground");
+    arguments.push_back(FindPlugin());
+    arguments.push_back("machine=" + folder.path);
+    arguments.push_back("lock=" + std::to_string(lock));
+    // Behind the plugin's name: nbdkit takes its options anywhere, but a filter's KEY=VALUE only there.
+    arguments.insert(arguments.end(), options.further.begin(), options.further.end());
+    return arguments;
+}
+
+// Behind what the user loads into programs.
+void LoadSendGuard() {
+    const std::string guard = FindLibrary(kSendGuard);
+    if (guard.empty()) return;
+    const char* others = std::getenv("LD_PRELOAD");
+    const bool alone = others == nullptr || *others == 0;
+    setenv("LD_PRELOAD", alone ? guard.c_str() : (others + (":" + guard)).c_str(), 1);
+}
+
+[[noreturn]] void BecomeNbdkit(const std::vector<std::string>& arguments) {
+    std::vector<char*> argv;
+    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
+    argv.push_back(nullptr);
+    LoadSendGuard();
+    execvp(argv[0], argv.data());
+    std::fprintf(stderr, "kvrhost: cannot start nbdkit: %s (it comes with the package nbdkit)\n",
+                 std::strerror(errno));
+    _exit(127);
+}
+
+// In the background nbdkit ends the process that is started here once it has found nothing wrong.
+pid_t StartServer(const MachineFolder& folder, const ServeOptions& options) {
+    const nbd::FolderLock lock(folder);
+    // What a server that died left behind; the lock says that none lives.
+    unlink(folder.File(nbd::kNbdSocket).c_str());
+    unlink(folder.File(wire::kSocketName).c_str());
+    const std::vector<std::string> arguments = NbdkitArguments(folder, options, lock.Descriptor());
+    const pid_t child = fork();
+    if (child < 0) throw Error(std::string("cannot start a process: ") + std::strerror(errno));
+    if (child != 0) return child;
+    fcntl(lock.Descriptor(), F_SETFD, 0);
+    BecomeNbdkit(arguments);
+}
+
+// ---- the parent ------------------------------------------------------------------------------------------
+
+volatile std::sig_atomic_t gChild = 0;
+
+void PassOn(int signal) {
+    if (gChild != 0) kill(gChild, signal);
+}
+
+void PassSignalsOn(pid_t child) {
+    gChild = child;
+    struct sigaction action {};
+    action.sa_handler = PassOn;
+    action.sa_flags = SA_RESTART;
+    for (const int signal : {SIGTERM, SIGHUP}) sigaction(signal, &action, nullptr);
+    // The terminal sends this one to the server as well.
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGINT, &action, nullptr);
+}
+
+int ExitCodeOf(int status) {
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool IsAnswering(const MachineFolder& folder) {
+    const int socket = nbd::ConnectToServer(folder.path);
+    if (socket < 0) return false;
+    close(socket);
+    return true;
+}
+
+// The last line that the server left in its log.
+std::string LastLogLine(const MachineFolder& folder) {
+    std::ifstream log(folder.File(nbd::kLogFile));
+    std::string line, last;
+    while (std::getline(log, line)) last = line;
+    return last;
+}
+
+bool IsServed(const MachineFolder& folder) {
+    try {
+        const nbd::FolderLock lock(folder);
+        return false;
+    } catch (const nbd::Error&) {
+        return true;
+    }
+}
+
+int WaitFor(pid_t child) {
+    int status = 0;
+    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    return ExitCodeOf(status);
+}
+
+// False, with the exit code, when the server ended before it was ready. It has said why.
+bool WaitUntilReady(const MachineFolder& folder, const ServeOptions& options, pid_t child, int& exitCode) {
+    if (options.background) {
+        exitCode = WaitFor(child);
+        if (exitCode != 0) return false;
+    }
+    for (;;) {
+        if (IsAnswering(folder)) return true;
+        int status = 0;
+        if (!options.background && waitpid(child, &status, WNOHANG) == child) {
+            exitCode = ExitCodeOf(status);
+            return false;
+        }
+        if (options.background && !IsServed(folder))
+            throw Error("the server ended before it was ready: " + LastLogLine(folder));
+        std::this_thread::sleep_for(kPollPeriod);
+    }
+}
+
+void PrintLinesToPaste(const MachineFolder& folder) {
+    const std::string at = "?socket=" + folder.File(nbd::kNbdSocket);
+    std::printf(
+        "The machine in %s is on. Its disk, for a virtual machine, a mount and a copy:\n"
+        "  qemu-system-x86_64 -m 2048 -drive file='nbd+unix:///disk0%s',format=raw,if=virtio\n"
+        "  nbdfuse MOUNTPOINT 'nbd+unix:///HarddiskVolume1%s'\n"
+        "  qemu-img convert -p -O qcow2 'nbd+unix:///disk0%s' COPY.qcow2\n"
+        "All exports: nbdinfo --list 'nbd+unix:///%s'\n"
+        "Stop it with: kvrhost stop %s\n",
+        folder.path.c_str(), at.c_str(), at.c_str(), at.c_str(), at.c_str(), folder.path.c_str());
+    std::fflush(stdout);
+}
+
+// ---- a running server ------------------------------------------------------------------------------------
+
+void Ask(const MachineFolder& folder, Command command) {
+    const int socket = nbd::ConnectToServer(folder.path);
+    if (socket < 0) throw Error("the machine in " + folder.path + " is not being served");
+    nbd::WireChannel channel(socket);
+    nbd::WireResponse response;
+    nbd::WireRequest request;
+    request.command = command;
+    if (!channel.Send(request) || !channel.Receive(response))
+        throw Error("the server of " + folder.path + " ended without an answer");
+    if (response.status < 0)
+        throw Error(response.text.empty() ? "the server answers " + StatusText(response.status)
+                                          : response.text);
+}
+
+}  // namespace
+
+int Serve(const ServeOptions& options) {
+    const MachineFolder folder = MachineFolder::Read(options.folder);
+    const pid_t child = StartServer(folder, options);
+    if (!options.background) PassSignalsOn(child);
+    int exitCode = 0;
+    if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
+    PrintLinesToPaste(folder);
+    return options.background ? 0 : WaitFor(child);
+}
+
+int Reboot(const std::string& path) {
+    Ask(MachineFolder::Read(path), Command::Reboot);
+    return 0;
+}
+
+int Stop(const std::string& path) {
+    const MachineFolder folder = MachineFolder::Read(path);
+    Ask(folder, Command::Stop);
+    const auto end = std::chrono::steady_clock::now() + kLongestStop;
+    while (IsServed(folder)) {
+        if (std::chrono::steady_clock::now() > end)
+            throw Error("the machine in " + folder.path + " is off, but its server does not end");
+        std::this_thread::sleep_for(kPollPeriod);
+    }
+    return 0;
+}
+
+int ShowLog(const std::string& path, bool follow) {
+    const MachineFolder folder = MachineFolder::Read(path);
+    std::ifstream log(folder.File(nbd::kLogFile));
+    if (!log) throw Error("the machine in " + folder.path + " has no log; it was never served");
+    for (;;) {
+        if (log.peek() != std::ifstream::traits_type::eof()) std::cout << log.rdbuf() << std::flush;
+        if (!follow || !std::cout) return 0;
+        log.clear();
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    }
+}
+
+}  // namespace tool
