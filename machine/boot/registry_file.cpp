@@ -3,56 +3,36 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
-#include "machine/names.h"
 #include "machine/boot/registry_text.h"
+#include "machine/names.h"
+#include "posix/file_io.h"
+#include "posix/utf.h"
 
 namespace machine {
 namespace {
 
 using namespace registry_text;
 
-constexpr std::size_t kMostText = 64 * 1024 * 1024;
+constexpr off_t kMostText = 64 * 1024 * 1024;
 
 // 0 and the text, ENOENT, or another errno.
 int ReadWhole(const std::string& path, std::string& text) {
-    const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (file < 0) return errno;
-    char part[65536];
-    int result = 0;
-    for (;;) {
-        const ssize_t done = read(file, part, sizeof part);
-        if (done < 0 && errno == EINTR) continue;
-        if (done < 0) result = errno;
-        if (done <= 0) break;
-        text.append(part, static_cast<std::size_t>(done));
-        if (text.size() > kMostText) {
-            result = EFBIG;
-            break;
-        }
-    }
-    close(file);
-    return result;
-}
-
-bool WriteWhole(int file, const std::string& text) {
-    for (std::size_t at = 0; at < text.size();) {
-        const ssize_t done = write(file, text.data() + at, text.size() - at);
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return false;
-        at += static_cast<std::size_t>(done);
-    }
-    return fsync(file) == 0;
+    const posix::File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    struct stat info;
+    if (!file.IsOpen() || fstat(file.Get(), &info) != 0) return errno;
+    if (info.st_size > kMostText) return EFBIG;
+    text.resize(static_cast<std::size_t>(info.st_size));
+    return posix::ReadAt(file.Get(), text.data(), text.size(), 0) ? 0 : errno;
 }
 
 void SyncFolderOf(const std::string& path) {
     const std::size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
-    const int file = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (file < 0) return;
+    const posix::File file(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     // Some file systems cannot sync a folder; the rename is then as durable as they make it.
-    (void)fsync(file);
-    close(file);
+    if (file.IsOpen()) (void)fsync(file.Get());
 }
 
 // Leave to change something that persists, kept while it is changed.
@@ -186,7 +166,7 @@ bool RegistryFile::ReplaceFile(const std::string& text) const {
     const std::string fresh = path_ + ".new";
     const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (file < 0) return false;
-    const bool written = WriteWhole(file, text);
+    const bool written = posix::WriteAt(file, text.data(), text.size(), 0) && fsync(file) == 0;
     if (close(file) != 0 || !written || rename(fresh.c_str(), path_.c_str()) != 0) {
         unlink(fresh.c_str());
         return false;
@@ -203,7 +183,7 @@ std::string RegistryFile::Text() const {
 std::string RegistryFile::Write(const Keys& keys) {
     std::string text = "# Registry of a hosted machine\n";
     for (const auto& [foldedKey, key] : keys) {
-        text += "\n[" + ToUtf8(key.name) + "]\n";
+        text += "\n[" + posix::ToUtf8(key.name) + "]\n";
         for (const auto& [foldedName, value] : key.values) {
             text += Quote(value.name) + "=" + WriteData(value.data.type, value.data.data) + "\n";
         }
@@ -234,7 +214,7 @@ bool RegistryFile::Parse(const std::string& text, Keys& keys, std::string& error
         if (line.empty() || line[0] == '#') continue;
         if (line[0] == '[') {
             std::u16string name;
-            if (line.size() < 3 || line.back() != ']' || !FromUtf8({&line[1], line.size() - 2}, name) ||
+            if (line.size() < 3 || line.back() != ']' || !posix::FromUtf8({&line[1], line.size() - 2}, name) ||
                 !IsPlainName(name)) {
                 return wrong("this is no key in square brackets");
             }

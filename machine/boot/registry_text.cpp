@@ -1,62 +1,11 @@
 #include "machine/boot/registry_text.h"
 #include <charconv>
 #include <cstdio>
+#include "machine/names.h"
+#include "posix/utf.h"
 
 namespace machine::registry_text {
 namespace {
-
-bool IsHigh(char16_t c) {
-    return c >= 0xD800 && c < 0xDC00;
-}
-bool IsLow(char16_t c) {
-    return c >= 0xDC00 && c < 0xE000;
-}
-
-void AppendUtf8(std::string& to, std::uint32_t c) {
-    const auto tail = [&](int shift) { to += static_cast<char>(0x80 | ((c >> shift) & 0x3F)); };
-    if (c < 0x80) {
-        to += static_cast<char>(c);
-    } else if (c < 0x800) {
-        to += static_cast<char>(0xC0 | c >> 6);
-        tail(0);
-    } else if (c < 0x10000) {
-        to += static_cast<char>(0xE0 | c >> 12);
-        tail(6), tail(0);
-    } else {
-        to += static_cast<char>(0xF0 | c >> 18);
-        tail(12), tail(6), tail(0);
-    }
-}
-
-// Decodes one character at `at`; refuses what is not the shortest form of a character.
-bool NextUtf8(std::string_view text, std::size_t& at, std::uint32_t& c) {
-    const auto first = static_cast<unsigned char>(text[at++]);
-    if (first < 0x80) {
-        c = first;
-        return true;
-    }
-    const int more = first >= 0xF0 && first < 0xF5   ? 3
-                     : first >= 0xE0 && first < 0xF0 ? 2
-                     : first >= 0xC2                 ? 1
-                                                     : 0;
-    if (more == 0 || first >= 0xF5) return false;
-    c = first & (0x3F >> more);
-    for (int i = 0; i < more; ++i, ++at) {
-        if (at >= text.size() || (text[at] & 0xC0) != 0x80) return false;
-        c = c << 6 | (text[at] & 0x3F);
-    }
-    const std::uint32_t least = more == 3 ? 0x10000 : more == 2 ? 0x800 : 0x80;
-    return c >= least && c <= 0x10FFFF && !(c >= 0xD800 && c < 0xE000);
-}
-
-void AppendUtf16(std::u16string& to, std::uint32_t c) {
-    if (c >= 0x10000) {
-        to += static_cast<char16_t>(0xD800 + ((c - 0x10000) >> 10));
-        to += static_cast<char16_t>(0xDC00 + ((c - 0x10000) & 0x3FF));
-    } else {
-        to += static_cast<char16_t>(c);
-    }
-}
 
 template <class Number>
 bool ParseHex(std::string_view text, Number& value) {
@@ -80,53 +29,21 @@ bool ReadEscape(std::string_view line, std::size_t& at, std::u16string& name) {
 
 }  // namespace
 
-bool IsPlainName(std::u16string_view name) {
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        const char16_t c = name[i];
-        if (c < 0x20 || c == 0x7F || IsLow(c)) return false;
-        if (IsHigh(c) && (++i == name.size() || !IsLow(name[i]))) return false;
-    }
-    return true;
-}
-
-std::string ToUtf8(std::u16string_view text) {
-    std::string result;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        std::uint32_t c = text[i];
-        if (IsHigh(text[i]) && i + 1 < text.size() && IsLow(text[i + 1])) {
-            c = 0x10000 + ((c - 0xD800) << 10) + (text[++i] - 0xDC00u);
-        }
-        AppendUtf8(result, c);
-    }
-    return result;
-}
-
-bool FromUtf8(std::string_view text, std::u16string& name) {
-    name.clear();
-    for (std::size_t at = 0; at < text.size();) {
-        std::uint32_t c = 0;
-        if (!NextUtf8(text, at, c)) return false;
-        AppendUtf16(name, c);
-    }
-    return true;
-}
-
 std::string Quote(std::u16string_view name) {
     std::string result = "\"";
-    for (std::size_t i = 0; i < name.size(); ++i) {
-        const char16_t c = name[i];
-        const bool pair = IsHigh(c) && i + 1 < name.size() && IsLow(name[i + 1]);
-        if (c == u'\\' || c == u'"') {
-            result += {'\\', static_cast<char>(c)};
-        } else if (pair) {
-            result += ToUtf8(name.substr(i++, 2));
-        } else if (c < 0x20 || c == 0x7F || IsHigh(c) || IsLow(c)) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
-            result += escape;
+    for (std::size_t at = 0; at < name.size();) {
+        const std::size_t length = IsPair(name, at) ? 2 : 1;
+        const std::u16string_view character = name.substr(at, length);
+        if (character == u"\\" || character == u"\"") {
+            result += {'\\', static_cast<char>(name[at])};
+        } else if (IsPlainName(character)) {
+            result += posix::ToUtf8(character);
         } else {
-            AppendUtf8(result, c);
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(name[at]));
+            result += escape;
         }
+        at += length;
     }
     return result + '"';
 }
@@ -135,20 +52,16 @@ bool Unquote(std::string_view line, std::size_t& at, std::u16string& name) {
     name.clear();
     if (at >= line.size() || line[at] != '"') return false;
     ++at;
-    while (at < line.size()) {
-        if (line[at] == '"') {
-            ++at;
-            return true;
-        }
+    while (at < line.size() && line[at] != '"') {
         if (line[at] == '\\') {
             if (!ReadEscape(line, ++at, name)) return false;
             continue;
         }
-        std::uint32_t c = 0;
-        if (!NextUtf8(line, at, c)) return false;
-        AppendUtf16(name, c);
+        const std::string_view plain = line.substr(at, line.find_first_of("\\\"", at) - at);
+        if (posix::AppendUtf8(plain, posix::Halves::Refused, name) != plain.size()) return false;
+        at += plain.size();
     }
-    return false;
+    return at++ < line.size();
 }
 
 std::string WriteData(ULONG type, const std::vector<UCHAR>& data) {

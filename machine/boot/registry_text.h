@@ -11,11 +11,6 @@ namespace machine::registry_text {
 std::string Quote(std::u16string_view name);
 bool Unquote(std::string_view line, std::size_t& at, std::u16string& name);
 
-// Names outside quotes: keys. They hold no control characters and no unpaired surrogates.
-bool IsPlainName(std::u16string_view name);
-std::string ToUtf8(std::u16string_view text);
-bool FromUtf8(std::string_view text, std::u16string& name);
-
 // "dword:0000002a", "hex:01,02" (binary) or "hex(type):01,02".
 std::string WriteData(ULONG type, const std::vector<UCHAR>& data);
 bool ReadData(std::string_view text, ULONG& type, std::vector<UCHAR>& data);

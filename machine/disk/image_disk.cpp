@@ -45,10 +45,10 @@ bool SizeOf(int file, std::uint64_t& size, std::uint32_t sectorSize, std::string
     return true;
 }
 
-// Opens, locks and measures; `why` says what is wrong.
-bool OpenLocked(const std::string& path, std::uint32_t sectorSize, int& file, std::uint64_t& size,
-                std::string& why) {
-    file = open(path.c_str(), O_RDWR | O_CLOEXEC);
+// For a file just opened, or not; `why` says what is wrong.
+bool LockAndMeasure(const posix::File& opened, std::uint32_t sectorSize, std::uint64_t& size,
+                    std::string& why) {
+    const int file = opened.Get();
     if (file < 0) {
         why = std::strerror(errno);
         return false;
@@ -83,15 +83,14 @@ std::unique_ptr<ImageDisk> ImageDisk::Open(const std::string& path, std::uint32_
         error = "sector size " + std::to_string(sectorSize) + " is neither 512 nor 4096";
         return nullptr;
     }
-    int file = -1;
+    posix::File file(open(path.c_str(), O_RDWR | O_CLOEXEC));
     std::uint64_t size = 0;
     std::string why;
-    if (!OpenLocked(path, sectorSize, file, size, why)) {
-        if (file >= 0) close(file);
+    if (!LockAndMeasure(file, sectorSize, size, why)) {
         error = "cannot use disk image " + path + ": " + why;
         return nullptr;
     }
-    return std::unique_ptr<ImageDisk>(new ImageDisk(file, path, size, sectorSize));
+    return std::unique_ptr<ImageDisk>(new ImageDisk(std::move(file), path, size, sectorSize));
 }
 
 bool ImageDisk::Create(const std::string& path, std::uint64_t size, std::string& error) {
@@ -111,37 +110,19 @@ bool ImageDisk::Create(const std::string& path, std::uint64_t size, std::string&
     return true;
 }
 
-ImageDisk::ImageDisk(int file, std::string path, std::uint64_t size, std::uint32_t sectorSize)
-    : file_(file), path_(std::move(path)), size_(size), sectorSize_(sectorSize) {}
-
-ImageDisk::~ImageDisk() {
-    close(file_);
-}
+ImageDisk::ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize)
+    : file_(std::move(file)), path_(std::move(path)), size_(size), sectorSize_(sectorSize) {}
 
 NTSTATUS ImageDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
-    auto* to = static_cast<char*>(buffer);
-    while (length != 0) {
-        const ssize_t done = pread(file_, to, length, static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return DiskFailure();  // 0: somebody made the image shorter
-        to += done, offset += static_cast<std::uint64_t>(done), length -= static_cast<std::size_t>(done);
-    }
-    return STATUS_SUCCESS;
+    return posix::ReadAt(file_.Get(), buffer, length, offset) ? STATUS_SUCCESS : DiskFailure();
 }
 
 NTSTATUS ImageDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
-    const auto* from = static_cast<const char*>(buffer);
-    while (length != 0) {
-        const ssize_t done = pwrite(file_, from, length, static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return DiskFailure();
-        from += done, offset += static_cast<std::uint64_t>(done), length -= static_cast<std::size_t>(done);
-    }
-    return STATUS_SUCCESS;
+    return posix::WriteAt(file_.Get(), buffer, length, offset) ? STATUS_SUCCESS : DiskFailure();
 }
 
 NTSTATUS ImageDisk::Flush() {
-    return fdatasync(file_) == 0 ? STATUS_SUCCESS : DiskFailure();
+    return fdatasync(file_.Get()) == 0 ? STATUS_SUCCESS : DiskFailure();
 }
 
 }  // namespace machine

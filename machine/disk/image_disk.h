@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 #include "machine/disk/disk.h"
+#include "posix/file_io.h"
 
 namespace machine {
 
@@ -16,9 +17,6 @@ public:
                                            std::string& error);
     // Creates a sparse image of `size` bytes; fails when `path` exists.
     static bool Create(const std::string& path, std::uint64_t size, std::string& error);
-    ~ImageDisk() override;
-    ImageDisk(const ImageDisk&) = delete;
-    ImageDisk& operator=(const ImageDisk&) = delete;
 
     std::uint64_t Size() const override { return size_; }
     std::uint32_t SectorSize() const override { return sectorSize_; }
@@ -28,9 +26,9 @@ public:
     const std::string& Path() const { return path_; }
 
 private:
-    ImageDisk(int file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
+    ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
 
-    int file_;
+    posix::File file_;
     std::string path_;
     std::uint64_t size_;
     std::uint32_t sectorSize_;

@@ -2,7 +2,8 @@
 #include <algorithm>
 #include <random>
 #include "machine/ext/inode.h"
-#include "machine/boot/registry_text.h"
+#include "machine/names.h"
+#include "posix/utf.h"
 
 namespace machine {
 namespace {
@@ -19,10 +20,9 @@ bool EqualIgnoringCase(const std::string& a, const std::string& b) {
 }
 
 bool ToName(const std::u16string& part, std::string& name) {
-    if (!registry_text::IsPlainName(part) || part == u"." || part == u".." ||
-        part.find(u'/') != std::u16string::npos)
+    if (!IsPlainName(part) || part == u"." || part == u".." || part.find(u'/') != std::u16string::npos)
         return false;
-    name = registry_text::ToUtf8(part);
+    name = posix::ToUtf8(part);
     return !name.empty() && name.size() <= EXT2_NAME_LEN;
 }
 
@@ -92,7 +92,7 @@ NTSTATUS DescribePlace(const ExtOperation& operation, ExtPlace& place) {
     place.kind = KindOf(inode);
     Describe(inode, place.entry);
     std::u16string name;
-    if (registry_text::FromUtf8(place.link.name, name)) place.entry.name = std::move(name);
+    if (posix::FromUtf8(place.link.name, name)) place.entry.name = std::move(name);
     return STATUS_SUCCESS;
 }
 
@@ -175,7 +175,7 @@ NTSTATUS ListExtDirectory(const ExtOperation& operation, std::uint32_t inode,
     entries.clear();
     for (const Item& item : items) {
         DirectoryEntry entry;
-        if (!registry_text::FromUtf8(item.name, entry.name)) continue;
+        if (!posix::FromUtf8(item.name, entry.name)) continue;
         ExtInode found(item.inode);
         const NTSTATUS loaded = found.Load(operation);
         if (!NT_SUCCESS(loaded)) return loaded;

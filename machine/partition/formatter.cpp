@@ -9,26 +9,13 @@
 #include <unistd.h>
 #include "machine/disk/image_disk.h"
 #include "machine/partition/subprocess.h"
+#include "posix/file_io.h"
 
 namespace machine {
 namespace {
 
 // Below this the format tools refuse, with messages that speak of blocks.
 constexpr std::uint64_t kLeastVolume = 4 * 1024 * 1024;
-
-class Descriptor {
-public:
-    explicit Descriptor(int file) : file_(file) {}
-    ~Descriptor() {
-        if (file_ >= 0) close(file_);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return file_; }
-
-private:
-    int file_;
-};
 
 // Removes a file at the end of its scope unless it is kept.
 class Scratch {
@@ -50,17 +37,6 @@ std::string FirstLine(const std::string& text) {
     return line.empty() ? "no message" : line;
 }
 
-bool WriteAt(int file, const void* data, std::size_t bytes, std::uint64_t offset) {
-    const auto* from = static_cast<const char*>(data);
-    while (bytes != 0) {
-        const ssize_t done = pwrite(file, from, bytes, static_cast<off_t>(offset));
-        if (done < 0 && errno == EINTR) continue;
-        if (done <= 0) return false;
-        from += done, offset += static_cast<std::uint64_t>(done), bytes -= static_cast<std::size_t>(done);
-    }
-    return true;
-}
-
 // Copies the allocated parts of `from` into `to` at `offset`, leaving the holes out.
 bool CopySparse(int from, int to, std::uint64_t offset) {
     std::vector<char> part(1024 * 1024);
@@ -68,14 +44,10 @@ bool CopySparse(int from, int to, std::uint64_t offset) {
         const off_t end = lseek(from, at, SEEK_HOLE);
         while (at < end) {
             const std::size_t want = static_cast<std::size_t>(std::min<off_t>(end - at, part.size()));
-            const ssize_t done = pread(from, part.data(), want, at);
-            if (done < 0 && errno == EINTR) continue;
-            if (done <= 0) return false;
-            if (!WriteAt(to, part.data(), static_cast<std::size_t>(done),
-                         offset + static_cast<std::uint64_t>(at))) {
+            if (!posix::ReadAt(from, part.data(), want, static_cast<std::uint64_t>(at)) ||
+                !posix::WriteAt(to, part.data(), want, offset + static_cast<std::uint64_t>(at)))
                 return false;
-            }
-            at += done;
+            at += static_cast<off_t>(want);
         }
     }
     return errno == ENXIO;  // nothing but a hole is left
@@ -124,7 +96,7 @@ bool WriteTable(const NewDisk& disk, int image, const std::vector<NewPartition>&
                                               ? MakeGpt(disk.size, disk.sectorSize, partitions, seed)
                                               : MakeMbr(disk.size, disk.sectorSize, partitions, seed);
     for (const DiskPiece& piece : pieces) {
-        if (!WriteAt(image, piece.bytes.data(), piece.bytes.size(), piece.offset)) {
+        if (!posix::WriteAt(image, piece.bytes.data(), piece.bytes.size(), piece.offset)) {
             error = "cannot write the partition table of " + disk.path + ": " + std::strerror(errno);
             return false;
         }
@@ -180,7 +152,7 @@ bool FormatVolume(const NewDisk& disk, int image, const NewVolume& volume, const
     if (!ImageDisk::Create(path, place.length, error)) return false;
     const Scratch scratch(path);
     if (!RunFormat(path, disk, volume, place.offset, error)) return false;
-    const Descriptor made(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::File made(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (made.Get() >= 0 && CopySparse(made.Get(), image, place.offset)) return true;
     error = "cannot copy the new volume into " + disk.path + ": " + std::strerror(errno);
     return false;
@@ -198,7 +170,7 @@ bool CreateDisk(const NewDisk& disk, std::string& error) {
         return false;
     }
     Scratch undo(disk.path);
-    const Descriptor image(open(disk.path.c_str(), O_RDWR | O_CLOEXEC));
+    const posix::File image(open(disk.path.c_str(), O_RDWR | O_CLOEXEC));
     if (image.Get() < 0) {
         error = "cannot open " + disk.path + ": " + std::strerror(errno);
         return false;
@@ -221,14 +193,14 @@ bool CreateDisk(const NewDisk& disk, std::string& error) {
 
 bool ReadImagePartitions(const std::string& path, std::uint32_t sectorSize, PartitionTable& table,
                          std::string& error) {
-    const Descriptor image(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::File image(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     const off_t size = image.Get() < 0 ? -1 : lseek(image.Get(), 0, SEEK_END);
     if (size < 0) {
         error = "cannot read disk image " + path + ": " + std::strerror(errno);
         return false;
     }
     const auto read = [&](std::uint64_t offset, void* buffer, std::uint32_t length) {
-        return pread(image.Get(), buffer, length, static_cast<off_t>(offset)) == static_cast<ssize_t>(length);
+        return posix::ReadAt(image.Get(), buffer, length, offset);
     };
     table = ReadPartitionTable(read, static_cast<std::uint64_t>(size) / sectorSize * sectorSize, sectorSize);
     return true;
