@@ -7,6 +7,7 @@
 #pragma once
 #include <cstddef>
 #include <cstdint>
+#include "formats/file_system_kind.h"
 
 namespace tool::wire {
 
@@ -61,7 +62,7 @@ struct VolumeName {
 };
 static_assert(sizeof(VolumeName) == 128);
 
-enum class FileSystemKind : std::uint32_t { None = 0, Ntfs = 1, Ext = 2, Other = 3 };
+using ::FileSystemKind;
 
 struct VolumeFacts {
     std::uint64_t bytes;

@@ -6,6 +6,7 @@
 #include "machine/partition/formatter.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/disk/image_disk.h"
+#include "machine/ntfs/format.h"
 #include "nbd/errors.h"
 #include "nbd/image_check.h"
 
@@ -48,7 +49,7 @@ void RequireDone(NTSTATUS status, const std::string& what) {
 }
 
 void MakeSystemFolders(machine::Machine& computer) {
-    machine::NtfsFileSystem* files = machine::NtfsOn(computer, 1);
+    machine::GuestFileSystem* files = machine::NtfsOn(computer, 1);
     if (files == nullptr) throw Error("the new system disk cannot be mounted");
     for (const char16_t* folder : {u"\\Windows", u"\\Windows\\system32", u"\\Windows\\system32\\drivers"})
         RequireDone(files->MakeDirectory(folder), "the system disk's folders cannot be made");
@@ -93,8 +94,7 @@ FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
     disk.size = machine.size;
     disk.table = machine.layout;
     machine::NewVolume volume;
-    volume.format = machine.fileSystem != NewFileSystem::None;
-    if (machine.fileSystem == NewFileSystem::Ext4) volume.fileSystem = machine::VolumeFormat::Ext4;
+    volume.fileSystem = machine.fileSystem;
     disk.volumes.assign(machine.volumes, volume);
     std::string error;
     if (!machine::CreateDisk(disk, error)) throw Error(error);

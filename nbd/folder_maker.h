@@ -3,12 +3,11 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "formats/file_system_kind.h"
 #include "machine/partition/partition_table.h"
 #include "nbd/machine_folder.h"
 
 namespace nbd {
-
-enum class NewFileSystem { None, Ntfs, Ext4 };
 
 struct NewMachine {
     std::string path;                 // of the folder, which must be missing or empty
@@ -16,7 +15,7 @@ struct NewMachine {
     // The disk of its own:
     std::uint64_t size = 0;  // bytes
     machine::TableKind layout = machine::TableKind::Gpt;
-    NewFileSystem fileSystem = NewFileSystem::Ntfs;
+    FileSystemKind fileSystem = FileSystemKind::Ntfs;  // Ext: ext4; None: its volumes stay raw
     unsigned volumes = 1;
 };
 

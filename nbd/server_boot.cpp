@@ -115,7 +115,7 @@ void Server::PowerOn() {
 // The first write to the system volume is the driver's occasion to note in the configuration that what was
 // asked for one boot is done.
 void Server::WriteBootLog() {
-    machine::NtfsFileSystem* files = machine::NtfsOn(*machine_, kSystemVolume);
+    machine::GuestFileSystem* files = machine::NtfsOn(*machine_, kSystemVolume);
     NTSTATUS status = STATUS_UNRECOGNIZED_VOLUME;
     if (files != nullptr) {
         const std::string line = "boot " + std::to_string(std::time(nullptr)) + "\r\n";

@@ -3,9 +3,8 @@
 #include <shared_mutex>
 #include <unistd.h>
 #include "formats/kvr_ioctl.h"
-#include "machine/ext/file_system.h"
+#include "machine/files/guest_file_system.h"
 #include "machine/names.h"
-#include "machine/ntfs/file_system.h"
 #include "nbd/server.h"
 #include "platform/host/object/registry_store.h"
 #include "platform/host/io/user_mode.h"
@@ -29,12 +28,8 @@ std::string ShortName(const machine::Volume& volume) {
     return "HarddiskVolume" + std::to_string(volume.device->Number());
 }
 
-tool::wire::FileSystemKind KindOf(machine::FileSystem* files) {
-    using tool::wire::FileSystemKind;
-    if (files == nullptr) return FileSystemKind::None;
-    if (dynamic_cast<machine::NtfsFileSystem*>(files) != nullptr) return FileSystemKind::Ntfs;
-    return dynamic_cast<machine::ExtFileSystem*>(files) != nullptr ? FileSystemKind::Ext
-                                                                   : FileSystemKind::Other;
+FileSystemKind KindOf(const machine::FileSystem* files) {
+    return files == nullptr ? FileSystemKind::None : files->Kind();
 }
 
 std::uint64_t FreeBytesOf(machine::FileSystem* files) {

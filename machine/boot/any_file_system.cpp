@@ -1,6 +1,6 @@
 #include "machine/boot/any_file_system.h"
-#include "machine/ext/file_system.h"
-#include "machine/ntfs/file_system.h"
+#include "machine/ext/format.h"
+#include "machine/ntfs/format.h"
 
 namespace machine {
 

@@ -1,6 +1,5 @@
 #include "machine/ext/device.h"
 #include <algorithm>
-#include <cstring>
 #include <vector>
 #include "machine/ext/library.h"
 
@@ -10,10 +9,10 @@ namespace {
 constexpr int kFirstBlockSize = 1024;  // until the library has read the superblock
 
 // The library opens devices by name; the one that it is to find stands here meanwhile.
-thread_local ExtDevice* opening = nullptr;
+thread_local MetadataCache* opening = nullptr;
 
-ExtDevice& DeviceOf(io_channel channel) {
-    return *static_cast<ExtDevice*>(channel->private_data);
+MetadataCache& CacheOf(io_channel channel) {
+    return *static_cast<MetadataCache*>(channel->private_data);
 }
 
 std::uint64_t OffsetOf(io_channel channel, std::uint64_t block) {
@@ -52,8 +51,23 @@ errcode_t SetBlockSize(io_channel channel, int size) {
     return 0;
 }
 
+errcode_t Read(io_channel channel, std::uint64_t offset, void* buffer, std::uint64_t length) {
+    MetadataCache& cache = CacheOf(channel);
+    const bool read = cache.Contains(offset, length) && NT_SUCCESS(cache.Read(offset, buffer, length));
+    return read ? 0 : EXT2_ET_SHORT_READ;
+}
+
+// What is there is read first: the library writes whole tables back for one changed entry, and bytes that are
+// there already are no change to the cache.
+errcode_t Write(io_channel channel, std::uint64_t offset, const void* buffer, std::uint64_t length) {
+    std::vector<std::uint8_t> old(length);
+    const bool written = Read(channel, offset, old.data(), length) == 0 &&
+                         NT_SUCCESS(CacheOf(channel).Write(offset, buffer, length));
+    return written ? 0 : EXT2_ET_SHORT_WRITE;
+}
+
 errcode_t ReadBlocks(io_channel channel, unsigned long long block, int count, void* data) {
-    return DeviceOf(channel).Read(OffsetOf(channel, block), data, LengthOf(channel, count));
+    return Read(channel, OffsetOf(channel, block), data, LengthOf(channel, count));
 }
 
 errcode_t ReadBlocks32(io_channel channel, unsigned long block, int count, void* data) {
@@ -61,7 +75,7 @@ errcode_t ReadBlocks32(io_channel channel, unsigned long block, int count, void*
 }
 
 errcode_t WriteBlocks(io_channel channel, unsigned long long block, int count, const void* data) {
-    return DeviceOf(channel).Write(OffsetOf(channel, block), data, LengthOf(channel, count));
+    return Write(channel, OffsetOf(channel, block), data, LengthOf(channel, count));
 }
 
 errcode_t WriteBlocks32(io_channel channel, unsigned long block, int count, const void* data) {
@@ -69,11 +83,19 @@ errcode_t WriteBlocks32(io_channel channel, unsigned long block, int count, cons
 }
 
 errcode_t WriteBytes(io_channel channel, unsigned long offset, int count, const void* data) {
-    return DeviceOf(channel).Write(offset, data, static_cast<std::uint64_t>(count));
+    return Write(channel, offset, data, static_cast<std::uint64_t>(count));
 }
 
 errcode_t ZeroBlocks(io_channel channel, unsigned long long block, unsigned long long count) {
-    return DeviceOf(channel).Zero(OffsetOf(channel, block), OffsetOf(channel, count));
+    constexpr std::uint64_t kPiece = 1 << 20;
+    const std::uint64_t end = OffsetOf(channel, block + count);
+    const std::vector<std::uint8_t> zeros(std::min(OffsetOf(channel, count), kPiece));
+    for (std::uint64_t at = OffsetOf(channel, block); at < end; at += zeros.size()) {
+        const errcode_t error =
+            Write(channel, at, zeros.data(), std::min<std::uint64_t>(end - at, zeros.size()));
+        if (error != 0) return error;
+    }
+    return 0;
 }
 
 // Requests reach the volume when the operation commits; there is nothing to bring forward.
@@ -102,38 +124,12 @@ struct_io_manager kManager = MakeManager();
 
 }  // namespace
 
-long ExtDevice::Open(int flags, struct_ext2_filsys*& opened) {
-    opening = this;
+long OpenExtLibrary(MetadataCache& cache, int flags, struct_ext2_filsys*& opened) {
+    opening = &cache;
     const errcode_t error = ext2fs_open2("volume", nullptr, flags, 0, 0, &kManager, &opened);
     opening = nullptr;
     if (error != 0) opened = nullptr;
     return error;
-}
-
-long ExtDevice::Read(std::uint64_t offset, void* buffer, std::uint64_t length) {
-    if (!Within(offset, length)) return EXT2_ET_SHORT_READ;
-    return NT_SUCCESS(cache_.Read(offset, buffer, length)) ? 0 : EXT2_ET_SHORT_READ;
-}
-
-// What is there is read first: the library writes whole tables back for one changed entry, and bytes that are
-// there already are no change to the cache.
-long ExtDevice::Write(std::uint64_t offset, const void* buffer, std::uint64_t length) {
-    if (!Within(offset, length)) return EXT2_ET_SHORT_WRITE;
-    std::vector<std::uint8_t> old(length);
-    NTSTATUS status = cache_.Read(offset, old.data(), length);
-    if (NT_SUCCESS(status)) status = cache_.Write(offset, buffer, length);
-    return NT_SUCCESS(status) ? 0 : EXT2_ET_SHORT_WRITE;
-}
-
-long ExtDevice::Zero(std::uint64_t offset, std::uint64_t length) {
-    const std::vector<std::uint8_t> zeros(std::min<std::uint64_t>(length, 1 << 20));
-    while (length > 0) {
-        const std::uint64_t part = std::min<std::uint64_t>(length, zeros.size());
-        const long error = Write(offset, zeros.data(), part);
-        if (error != 0) return error;
-        offset += part, length -= part;
-    }
-    return 0;
 }
 
 }  // namespace machine

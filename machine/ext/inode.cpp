@@ -10,15 +10,15 @@ constexpr __u16 kPermissions = 07777;
 
 }  // namespace
 
-NTSTATUS ExtInode::Load(const ExtOperation& operation) {
-    const long error = ext2fs_read_inode(operation.Library(), number_, &inode_);
-    if (error != 0) return operation.Failed(error);
+NTSTATUS ExtInode::Load(ExtFormat& format) {
+    const long error = ext2fs_read_inode(format.Library(), number_, &inode_);
+    if (error != 0) return format.Failed(error);
     return inode_.i_links_count != 0 ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
 }
 
-NTSTATUS ExtInode::Store(const ExtOperation& operation) {
-    const long error = ext2fs_write_inode(operation.Library(), number_, &inode_);
-    return error == 0 ? STATUS_SUCCESS : operation.Failed(error);
+NTSTATUS ExtInode::Store(ExtFormat& format) {
+    const long error = ext2fs_write_inode(format.Library(), number_, &inode_);
+    return error == 0 ? STATUS_SUCCESS : format.Failed(error);
 }
 
 bool ExtInode::IsPlainFile() const {
@@ -36,13 +36,13 @@ void ExtInode::SetAttributes(ULONG attributes) {
         system ? inode_.i_flags | EXT2_IMMUTABLE_FL : inode_.i_flags & ~unsigned{EXT2_IMMUTABLE_FL};
 }
 
-NTSTATUS ExtInode::Empty(const ExtOperation& operation) {
-    ext2_filsys library = operation.Library();
+NTSTATUS ExtInode::Empty(ExtFormat& format) {
+    ext2_filsys library = format.Library();
     long error = 0;
     if (ext2fs_inode_has_valid_blocks2(library, &inode_) != 0)
         error = ext2fs_punch(library, number_, &inode_, nullptr, 0, ~0ULL);
     if (error == 0) error = ext2fs_inode_size_set(library, &inode_, 0);
-    return error == 0 ? STATUS_SUCCESS : operation.Failed(error);
+    return error == 0 ? STATUS_SUCCESS : format.Failed(error);
 }
 
 }  // namespace machine

@@ -1,18 +1,18 @@
-// One inode in memory, for the length of an operation.
+// One inode in memory, for the length of an format.
 #pragma once
 #include <cstdint>
+#include "machine/ext/format.h"
 #include "machine/ext/library.h"
-#include "machine/ext/volume.h"
 
 namespace machine {
 
 class ExtInode {
 public:
     // A new one, not stored yet.
-    explicit ExtInode(std::uint32_t number) : number_(number) {}
+    explicit ExtInode(const FileId& id) : number_(static_cast<std::uint32_t>(id.number)) {}
     // STATUS_FILE_CORRUPT_ERROR for an inode in no use.
-    [[nodiscard]] NTSTATUS Load(const ExtOperation& operation);
-    [[nodiscard]] NTSTATUS Store(const ExtOperation& operation);
+    [[nodiscard]] NTSTATUS Load(ExtFormat& format);
+    [[nodiscard]] NTSTATUS Store(ExtFormat& format);
 
     ext2_inode* operator->() { return &inode_; }
     ext2_inode* Get() { return &inode_; }
@@ -27,7 +27,7 @@ public:
     // What FILE_ATTRIBUTE_SYSTEM stands for: root's alone, and immutable.
     void SetAttributes(ULONG attributes);
     // Gives back all of its blocks; its size is 0 then.
-    [[nodiscard]] NTSTATUS Empty(const ExtOperation& operation);
+    [[nodiscard]] NTSTATUS Empty(ExtFormat& format);
 
 private:
     const std::uint32_t number_;

@@ -34,6 +34,11 @@ void ExtNames::SetLibrary(struct_ext2_filsys* library) {
     std::sort(tables_.begin(), tables_.end(), [](const Table& a, const Table& b) { return a.block < b.block; });
 }
 
+void ExtNames::EndOperation() {
+    MetadataNames::EndOperation();
+    directoryBlocks_.clear();
+}
+
 MetadataKind ExtNames::KindAt(std::uint64_t offset) const {
     if (offset < SUPERBLOCK_OFFSET + SUPERBLOCK_SIZE && offset + sector_ > SUPERBLOCK_OFFSET)
         return MetadataKind::State;
@@ -62,7 +67,7 @@ PFILE_OBJECT ExtNames::ObjectOf(MetadataKind kind) {
         case MetadataKind::Other:
             break;
     }
-    return other_ != nullptr ? other_ : extents_.Get();
+    return Other() != nullptr ? Other() : extents_.Get();
 }
 
 }  // namespace machine

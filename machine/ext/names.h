@@ -16,14 +16,12 @@ public:
 
     // Learns where the tables of a file system lie; null forgets them.
     void SetLibrary(struct_ext2_filsys* library);
-    // Whose requests those of kind Other are: a file's own metadata, and the data of files that only the
-    // library can read.
-    void SetOther(PFILE_OBJECT other) { other_ = other; }
-    // The directory's blocks are known as such until ForgetDirectories().
+    // The directory's blocks are known as such for the rest of the operation.
     void AddDirectoryBlock(std::uint64_t block) { directoryBlocks_.insert(block); }
-    void ForgetDirectories() { directoryBlocks_.clear(); }
-    PFILE_OBJECT Extents() { return extents_.Get(); }
 
+    void EndOperation() override;
+    PFILE_OBJECT Directory() override { return extents_.Get(); }
+    PFILE_OBJECT FileMetadata() override { return extents_.Get(); }
     MetadataKind KindAt(std::uint64_t offset) const override;
     bool IsDirectoryData(const void*, std::size_t) const override { return false; }
     PFILE_OBJECT ObjectOf(MetadataKind kind) override;
@@ -39,7 +37,6 @@ private:
     std::uint64_t blockSize_ = 0;  // 0: no tables are known
     std::vector<Table> tables_;    // ascending by block
     std::set<std::uint64_t> directoryBlocks_;
-    PFILE_OBJECT other_ = nullptr;
     NamedFileObject superblock_, bitmap_, inodes_, directory_, extents_;
 };
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include "formats/file_system_kind.h"
 #include "machine/files/volume_io.h"
 #include "platform/host/object/file_provider.h"
 
@@ -11,6 +12,7 @@ namespace machine {
 
 class FileSystem : public host::FileProvider {
 public:
+    virtual FileSystemKind Kind() const { return FileSystemKind::Other; }
     // For a mount that finds out what it mounts; empty: as the FileSystemDriver says.
     virtual std::u16string DriverName() const { return {}; }
     // Brings everything to the top of the volume's stack and ends. From then on every call, also through

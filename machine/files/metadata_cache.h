@@ -24,6 +24,11 @@ class MetadataCache {
 public:
     MetadataCache(VolumeIo& io, MetadataNames& names) : io_(io), names_(names) {}
 
+    std::uint64_t Size() const { return io_.Size(); }
+    bool Contains(std::uint64_t offset, std::uint64_t length) const {
+        return offset <= Size() && length <= Size() - offset;
+    }
+
     // Any byte range within the volume. The status is the failing request's; see also Failure().
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length);
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length);

@@ -1,11 +1,8 @@
-#include "machine/ntfs/file.h"
 #include <algorithm>
 #include <cstring>
-#include <mutex>
 #include <vector>
-#include "machine/ntfs/directory.h"
+#include "machine/ntfs/format.h"
 #include "machine/ntfs/inode.h"
-#include "machine/ntfs/library.h"
 
 namespace machine {
 
@@ -102,243 +99,89 @@ bool WriteAll(const NtfsAttribute& data, std::uint64_t offset, const void* buffe
 
 }  // namespace
 
-// One write that reaches past what is initialised.
-struct NtfsFile::Growth {
-    PFILE_OBJECT file;
-    std::uint64_t offset;
-    const void* buffer;
-    ULONG length;
-};
-
-NTSTATUS NtfsFile::LoadShape(const NtfsOperation& operation, Shape& shape) const {
+NTSTATUS NtfsFormat::LoadShape(const FileId& id, FileShape& shape) {
     NtfsInode inode;
-    const NTSTATUS status = OpenNtfsInode(operation, reference_, inode);
+    const NTSTATUS status = OpenInode(id, inode);
     if (!NT_SUCCESS(status)) return status;
     const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-    if (!data) return operation.Failed(errno);
+    if (!data) return Failed(errno);
     shape.size = static_cast<std::uint64_t>(data->data_size);
     shape.initialized = static_cast<std::uint64_t>(data->initialized_size);
     shape.resident = !NAttrNonResident(data.Get());
-    shape.special = IsSpecial(data, operation.Io());
+    shape.special = IsSpecial(data, Io());
     shape.runs.Clear();
     if (shape.resident || shape.special) return STATUS_SUCCESS;
-    if (!CopyRuns(data, shape.runs, shape.special)) return operation.Failed(errno);
+    if (!CopyRuns(data, shape.runs, shape.special)) return Failed(errno);
     const bool covered = shape.special || shape.runs.Allocated() >= shape.initialized;
     return covered ? STATUS_SUCCESS : STATUS_FILE_CORRUPT_ERROR;
 }
 
-NTSTATUS NtfsFile::Load() {
-    return volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape_); });
-}
-
-NTSTATUS NtfsFile::Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length, ULONG& done) {
-    done = 0;
-    NTSTATUS status = Reconnect();
+NTSTATUS NtfsFormat::ReadByLibrary(const FileId& id, std::uint64_t offset, void* buffer, ULONG length) {
+    NtfsInode inode;
+    const NTSTATUS status = OpenInode(id, inode);
     if (!NT_SUCCESS(status)) return status;
-    const std::shared_lock shared(content_);
-    status = Connected();
-    if (!NT_SUCCESS(status) || length == 0) return status;
-    if (offset >= shape_.size) return STATUS_END_OF_FILE;
-    length = static_cast<ULONG>(std::min<std::uint64_t>(length, shape_.size - offset));
-    if (shape_.resident || shape_.special) {
-        status = ReadByLibrary(file, offset, buffer, length);
-    } else {
-        const std::uint64_t defined = offset < shape_.initialized ? shape_.initialized - offset : 0;
-        const auto stored = static_cast<ULONG>(std::min<std::uint64_t>(length, defined));
-        if (stored > 0) status = shape_.runs.Read(volume_.Io(), file, offset, buffer, stored);
-        std::memset(static_cast<std::uint8_t*>(buffer) + stored, 0, length - stored);
-    }
-    if (NT_SUCCESS(status)) done = length;
-    return status;
+    const NtfsAttribute data = NtfsAttribute::OpenData(inode);
+    if (!data) return Failed(errno);
+    const s64 read = ntfs_attr_pread(data.Get(), static_cast<s64>(offset), length, buffer);
+    return read == length ? STATUS_SUCCESS : Failed(read < 0 ? errno : EIO);
 }
 
-NTSTATUS NtfsFile::ReadByLibrary(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length) {
-    const VolumeLockGuard guard(volume_.Lock());
-    return volume_.Look(file, [&](const NtfsOperation& operation) {
-        NtfsInode inode;
-        const NTSTATUS status = OpenNtfsInode(operation, reference_, inode);
-        if (!NT_SUCCESS(status)) return status;
+NTSTATUS NtfsFormat::WriteByLibrary(const FileId& id, std::uint64_t offset, const void* buffer, ULONG length) {
+    NtfsInode inode;
+    const NTSTATUS status = OpenInode(id, inode);
+    if (!NT_SUCCESS(status)) return status;
+    {
         const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-        if (!data) return operation.Failed(errno);
-        const s64 read = ntfs_attr_pread(data.Get(), static_cast<s64>(offset), length, buffer);
-        return read == length ? STATUS_SUCCESS : operation.Failed(read < 0 ? errno : EIO);
-    });
-}
-
-bool NtfsFile::OverwritesInPlace(std::uint64_t offset, ULONG length) const {
-    return !shape_.resident && !shape_.special && offset <= shape_.initialized &&
-           length <= shape_.initialized - offset;
-}
-
-NTSTATUS NtfsFile::Write(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length,
-                         ULONG& done) {
-    done = 0;
-    if (length == 0) return STATUS_SUCCESS;
-    const std::uint32_t sector = volume_.Io().SectorSize();
-    NTSTATUS status = Reconnect();
-    if (!NT_SUCCESS(status)) return status;
-    bool written = false;
-    if (offset % sector == 0 && length % sector == 0) {
-        const std::shared_lock shared(content_);
-        written = NT_SUCCESS(Connected()) && OverwritesInPlace(offset, length);
-        if (written) status = shape_.runs.Write(volume_.Io(), file, offset, buffer, length, shape_.initialized);
+        if (!data || !WriteAll(data, offset, buffer, length)) return Failed(errno);
     }
-    if (!written) {
-        const std::unique_lock exclusive(content_);
-        status = Connected();
-        if (!NT_SUCCESS(status)) return status;
-        if (OverwritesInPlace(offset, length))
-            status = shape_.runs.Write(volume_.Io(), file, offset, buffer, length, shape_.initialized);
-        else if (shape_.special)
-            status = WriteByLibrary(file, offset, buffer, length);
-        else
-            status = Extend(file, offset, buffer, length);
-    }
-    if (!NT_SUCCESS(status)) return status;
-    touched_.store(true, std::memory_order_relaxed);
-    done = length;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS NtfsFile::WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
-    const VolumeLockGuard guard(volume_.Lock());
-    const NTSTATUS status = volume_.Change(CommitOrder::TakeFirst, file, [&](const NtfsOperation& operation) {
-        NtfsInode inode;
-        const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
-        if (!NT_SUCCESS(opened)) return opened;
-        {
-            const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-            if (!data || !WriteAll(data, offset, buffer, length)) return operation.Failed(errno);
-        }
-        return inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
-    });
-    if (!NT_SUCCESS(status)) return status;
-    return volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape_); });
-}
-
-NTSTATUS NtfsFile::Extend(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length) {
-    const Growth growth{file, offset, buffer, length};
-    if (offset > static_cast<std::uint64_t>(INT64_MAX) - length) return STATUS_INVALID_PARAMETER;
-    const VolumeLockGuard guard(volume_.Lock());
-    Shape shape;
-    const NTSTATUS status =
-        volume_.Change(CommitOrder::TakeFirst, volume_.AttributeListObject(),
-                       [&](const NtfsOperation& operation) { return ExtendWithin(operation, growth, shape); });
-    if (NT_SUCCESS(status)) shape_ = shape;
-    return status;
+    return inode.Close() ? STATUS_SUCCESS : Failed(errno);
 }
 
 // Bytes of a resident file that the write does not cover, and the gap between the initialised part and the
 // write, are written first; then all of it becomes initialised at once.
-NTSTATUS NtfsFile::ExtendWithin(const NtfsOperation& operation, const Growth& growth, Shape& shape) const {
-    VolumeIo& io = operation.Io();
+NTSTATUS NtfsFormat::Extend(const FileId& id, const FileWrite& write, FileShape& shape) {
+    if (write.offset > static_cast<std::uint64_t>(INT64_MAX) - write.length) return STATUS_INVALID_PARAMETER;
     NtfsInode inode;
-    NTSTATUS status = OpenNtfsInode(operation, reference_, inode);
+    NTSTATUS status = OpenInode(id, inode);
     if (!NT_SUCCESS(status)) return status;
     {
         const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-        if (!data) return operation.Failed(errno);
-        const std::uint64_t end = growth.offset + growth.length;
-        shape.size = std::max(end, static_cast<std::uint64_t>(data->data_size));
+        if (!data) return Failed(errno);
+        shape = {};
+        shape.size = std::max(write.End(), static_cast<std::uint64_t>(data->data_size));
         shape.initialized = static_cast<std::uint64_t>(data->initialized_size);
         std::vector<std::uint8_t> old;
         if (!NAttrNonResident(data.Get())) {
-            if (!MakeNonResident(data, old)) return operation.Failed(errno);
+            if (!MakeNonResident(data, old)) return Failed(errno);
             shape.initialized = 0;
         }
         if (!Grow(data, static_cast<s64>(shape.size)) || !CopyRuns(data, shape.runs, shape.special))
-            return operation.Failed(errno);
-        const bool covered = growth.offset == 0 && growth.length >= old.size();
+            return Failed(errno);
+        const bool covered = write.offset == 0 && write.length >= old.size();
         if (!old.empty() && !covered) {
-            status = shape.runs.Write(io, growth.file, 0, old.data(), old.size(), 0);
+            status = shape.runs.Write(Io(), write.file, 0, old.data(), old.size(), 0);
             shape.initialized = old.size();
         }
-        if (NT_SUCCESS(status))
-            status =
-                shape.runs.WriteZeros(io, growth.file, shape.initialized, growth.offset, shape.initialized);
-        shape.initialized = std::max(shape.initialized, growth.offset);
-        if (NT_SUCCESS(status))
-            status = shape.runs.Write(io, growth.file, growth.offset, growth.buffer, growth.length,
-                                      shape.initialized);
+        if (NT_SUCCESS(status)) status = shape.Fill(Io(), write);
         if (!NT_SUCCESS(status)) return status;
-        shape.initialized = std::max(shape.initialized, end);
-        if (!SetInitializedSize(data, shape.initialized)) return operation.Failed(errno);
+        if (!SetInitializedSize(data, shape.initialized)) return Failed(errno);
     }
     // The directory's copy of the sizes follows at the last close; each block of a growing file would otherwise
     // write the index once more.
     NInoFileNameClearDirty(inode.Get());
-    return inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
+    return inode.Close() ? STATUS_SUCCESS : Failed(errno);
 }
 
-NTSTATUS NtfsFile::Truncate(ULONG attributes) {
-    NTSTATUS status = Reconnect();
+NTSTATUS NtfsFormat::Empty(const FileId& id, ULONG attributes) {
+    NtfsInode inode;
+    const NTSTATUS status = OpenInode(id, inode);
     if (!NT_SUCCESS(status)) return status;
-    const std::unique_lock exclusive(content_);
-    status = Connected();
-    if (!NT_SUCCESS(status)) return status;
-    const VolumeLockGuard guard(volume_.Lock());
-    status = volume_.Change(CommitOrder::RemoveFirst, volume_.AttributeListObject(),
-                            [&](const NtfsOperation& operation) {
-                                NtfsInode inode;
-                                const NTSTATUS opened = OpenNtfsInode(operation, reference_, inode);
-                                if (!NT_SUCCESS(opened)) return opened;
-                                {
-                                    const NtfsAttribute data = NtfsAttribute::OpenData(inode);
-                                    if (!data || ntfs_attr_truncate(data.Get(), 0) != 0)
-                                        return operation.Failed(errno);
-                                }
-                                SetNtfsAttributes(inode, attributes);
-                                return inode.Close() ? STATUS_SUCCESS : operation.Failed(errno);
-                            });
-    if (!NT_SUCCESS(status)) return status;
-    touched_.store(true, std::memory_order_relaxed);
-    return volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape_); });
-}
-
-void NtfsFile::Disconnect() {
-    const std::unique_lock exclusive(content_);
-    connection_ = Connection::Gone;
-}
-
-void NtfsFile::Suspend() {
-    const std::unique_lock exclusive(content_);
-    touched_.store(false, std::memory_order_relaxed);  // what was due was brought up to date before
-    if (connection_ != Connection::Gone) connection_ = Connection::Suspended;
-}
-
-void NtfsFile::Resume() {
-    const std::unique_lock exclusive(content_);
-    if (connection_ == Connection::Suspended) connection_ = Connection::Stale;
-}
-
-NTSTATUS NtfsFile::Connected() const {
-    switch (connection_.load(std::memory_order_relaxed)) {
-        case Connection::Connected:
-            return STATUS_SUCCESS;
-        case Connection::Gone:
-            return STATUS_DEVICE_NOT_READY;
-        default:
-            return STATUS_DEVICE_BUSY;
+    {
+        const NtfsAttribute data = NtfsAttribute::OpenData(inode);
+        if (!data || ntfs_attr_truncate(data.Get(), 0) != 0) return Failed(errno);
     }
-}
-
-// A file whose record is another one's by now is gone for good; what else fails may work the next time.
-NTSTATUS NtfsFile::Reconnect() {
-    if (connection_.load(std::memory_order_relaxed) != Connection::Stale) return STATUS_SUCCESS;
-    const std::unique_lock exclusive(content_);
-    if (connection_ != Connection::Stale) return STATUS_SUCCESS;
-    const VolumeLockGuard guard(volume_.Lock());
-    Shape shape;
-    const NTSTATUS status =
-        volume_.Look([&](const NtfsOperation& operation) { return LoadShape(operation, shape); });
-    if (NT_SUCCESS(status)) {
-        shape_ = shape;
-        connection_ = Connection::Connected;
-    } else if (status == STATUS_FILE_CORRUPT_ERROR) {
-        connection_ = Connection::Gone;
-        return STATUS_DEVICE_NOT_READY;
-    }
-    return status;
+    inode.SetAttributes(attributes);
+    return inode.Close() ? STATUS_SUCCESS : Failed(errno);
 }
 
 }  // namespace machine

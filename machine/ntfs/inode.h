@@ -3,6 +3,7 @@
 #pragma once
 #include <utility>
 #include "machine/ntfs/library.h"
+#include "platform/kernel.h"
 
 namespace machine {
 
@@ -26,6 +27,9 @@ public:
         using namespace ntfs_library;
         return (inode_->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0;
     }
+
+    // Sets the attributes that a caller may choose; for an inode that is about to be closed.
+    void SetAttributes(ULONG attributes);
 
     // Stores what was changed and closes. On false (errno says why) the inode is closed too, its changes lost.
     [[nodiscard]] bool Close() {

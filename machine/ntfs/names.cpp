@@ -49,7 +49,7 @@ PFILE_OBJECT NtfsNames::ObjectOf(MetadataKind kind) {
         case MetadataKind::Other:
             break;
     }
-    return other_;
+    return Other();
 }
 
 }  // namespace machine

@@ -17,10 +17,8 @@ public:
 
     // Places are told apart by the runs of `volume`'s own files; null while none is mounted.
     void SetVolume(const ntfs_library::_ntfs_volume* volume) { volume_ = volume; }
-    // Whose requests those of kind Other are; null stands for a file system that is still being mounted.
-    void SetOther(PFILE_OBJECT other) { other_ = other; }
-    PFILE_OBJECT Directory() { return directory_.Get(); }
-    PFILE_OBJECT AttributeList() { return attributeList_.Get(); }
+    PFILE_OBJECT Directory() override { return directory_.Get(); }
+    PFILE_OBJECT FileMetadata() override { return attributeList_.Get(); }
     PFILE_OBJECT Mirror() { return mirror_.Get(); }
 
     // Directory indexes have no runs that are known here: KindAt reports them as Other, and IsDirectoryData
@@ -33,20 +31,7 @@ private:
     bool Within(const ntfs_library::_ntfs_attr* attribute, std::uint64_t offset) const;
 
     const ntfs_library::_ntfs_volume* volume_ = nullptr;
-    PFILE_OBJECT other_ = nullptr;
     NamedFileObject records_, mirror_, bitmap_, directory_, attributeList_;
-};
-
-// Sets whose requests kind Other is for the length of a scope.
-class OtherScope {
-public:
-    OtherScope(NtfsNames& names, PFILE_OBJECT other) : names_(names) { names_.SetOther(other); }
-    ~OtherScope() { names_.SetOther(nullptr); }
-    OtherScope(const OtherScope&) = delete;
-    OtherScope& operator=(const OtherScope&) = delete;
-
-private:
-    NtfsNames& names_;
 };
 
 }  // namespace machine

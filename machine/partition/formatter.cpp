@@ -54,14 +54,14 @@ bool CopySparse(int from, int to, std::uint64_t offset) {
 }
 
 bool IsValidClusterSize(const NewVolume& volume, std::uint32_t sectorSize) {
-    const bool ext = volume.fileSystem == VolumeFormat::Ext4;
+    const bool ext = volume.fileSystem == FileSystemKind::Ext;
     const std::uint32_t cluster = volume.clusterSize;
     const std::uint32_t least = ext ? std::max<std::uint32_t>(sectorSize, 1024) : sectorSize;
     return cluster >= least && cluster <= (ext ? 4096u : 65536u) && (cluster & (cluster - 1)) == 0;
 }
 
 std::string ClusterError(const NewVolume& volume) {
-    if (volume.fileSystem == VolumeFormat::Ext4)
+    if (volume.fileSystem == FileSystemKind::Ext)
         return "block size " + std::to_string(volume.clusterSize) +
                " is no power of two from 1024 to 4096 that holds a sector";
     return "cluster size " + std::to_string(volume.clusterSize) +
@@ -128,7 +128,7 @@ FormatTool Ext4Tool(const NewVolume& volume) {
 bool RunFormat(const std::string& path, const NewDisk& disk, const NewVolume& volume, std::uint64_t offset,
                std::string& error) {
     FormatTool tool =
-        volume.fileSystem == VolumeFormat::Ext4 ? Ext4Tool(volume) : NtfsTool(disk, volume, offset);
+        volume.fileSystem == FileSystemKind::Ext ? Ext4Tool(volume) : NtfsTool(disk, volume, offset);
     if (!volume.label.empty()) tool.arguments.insert(tool.arguments.end(), {"-L", volume.label});
     tool.arguments.push_back(path);
     const ToolResult result = RunTool(tool.name, tool.arguments);
@@ -176,12 +176,12 @@ bool CreateDisk(const NewDisk& disk, std::string& error) {
         return false;
     }
     for (std::size_t i = 0; i < partitions.size(); ++i)
-        partitions[i].unixData = disk.volumes[i].fileSystem == VolumeFormat::Ext4;
+        partitions[i].unixData = disk.volumes[i].fileSystem == FileSystemKind::Ext;
     if (!WriteTable(disk, image.Get(), partitions, error)) return false;
     for (std::size_t i = 0; i < partitions.size(); ++i) {
-        if (disk.volumes[i].format && !FormatVolume(disk, image.Get(), disk.volumes[i], partitions[i], error)) {
-            return false;
-        }
+        const NewVolume& volume = disk.volumes[i];
+        if (volume.fileSystem == FileSystemKind::None) continue;
+        if (!FormatVolume(disk, image.Get(), volume, partitions[i], error)) return false;
     }
     if (fsync(image.Get()) != 0) {
         error = "cannot write " + disk.path + ": " + std::strerror(errno);

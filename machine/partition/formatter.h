@@ -3,19 +3,17 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "formats/file_system_kind.h"
 #include "machine/partition/partition_table.h"
 
 namespace machine {
 
-enum class VolumeFormat { Ntfs, Ext4 };
-
 struct NewVolume {
     std::uint64_t size = 0;  // bytes in whole sectors, 0: an equal share of what the others leave
-    VolumeFormat fileSystem = VolumeFormat::Ntfs;
+    FileSystemKind fileSystem = FileSystemKind::Ntfs;  // Ext: ext4; None: the partition stays blank
     // Bytes, a power of two from the sector size to 65536; of ext4, whose blocks these are, from 1024 to 4096.
     std::uint32_t clusterSize = 4096;
-    std::string label;   // UTF-8, may be empty
-    bool format = true;  // false: the partition stays blank
+    std::string label;  // UTF-8, may be empty
 };
 
 struct NewDisk {

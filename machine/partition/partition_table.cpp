@@ -1,6 +1,7 @@
 #include "machine/partition/partition_table.h"
 #include <algorithm>
 #include <cstring>
+#include <zlib.h>
 #include <optional>
 #include "machine/partition/partition_format.h"
 
@@ -206,19 +207,7 @@ PartitionTable ReadPartitionTable(const SectorReader& read, std::uint64_t diskSi
 }
 
 std::uint32_t Crc32(const void* data, std::size_t bytes) {
-    static const auto kTable = [] {
-        std::array<std::uint32_t, 256> made{};
-        for (std::uint32_t i = 0; i < made.size(); ++i) {
-            std::uint32_t c = i;
-            for (int bit = 0; bit < 8; ++bit) c = (c & 1) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
-            made[i] = c;
-        }
-        return made;
-    }();
-    const auto* p = static_cast<const std::uint8_t*>(data);
-    std::uint32_t crc = ~0u;
-    for (std::size_t i = 0; i < bytes; ++i) crc = kTable[(crc ^ p[i]) & 0xFF] ^ (crc >> 8);
-    return ~crc;
+    return static_cast<std::uint32_t>(crc32_z(0, static_cast<const Bytef*>(data), bytes));
 }
 
 }  // namespace machine

@@ -109,8 +109,7 @@ TEST(ExtMount, ANewDiskHasItsVolumeWhereItsTableSays) {
     machine::NewDisk disk;
     disk.path = file.Path();
     disk.size = 40 * kMiB;
-    disk.volumes = {{12 * kMiB, machine::VolumeFormat::Ntfs, 4096, "N", true},
-                    {0, machine::VolumeFormat::Ext4, 1024, "E", true}};
+    disk.volumes = {{12 * kMiB, FileSystemKind::Ntfs, 4096, "N"}, {0, FileSystemKind::Ext, 1024, "E"}};
     std::string error;
     ASSERT_TRUE(machine::CreateDisk(disk, error)) << error;
     machine::PartitionTable table;

@@ -1,7 +1,7 @@
 // A volume in memory with an ext file system on it, and the file system's own tools to judge it by.
 #pragma once
 #include <algorithm>
-#include "machine/ext/file_system.h"
+#include "machine/ext/format.h"
 #include "ntfs_support.h"
 
 namespace ext_test {
@@ -85,7 +85,7 @@ inline ::testing::AssertionResult Sound(const Bytes& bytes) {
 class Mounted {
 public:
     explicit Mounted(machine::VolumeIo& volume) {
-        status = machine::ExtFileSystem::Mount(volume, fileSystem);
+        status = machine::MountedFileSystem::Mount(machine::MakeExtFormat(volume), fileSystem);
         if (fileSystem != nullptr) files = std::make_unique<machine::GuestFiles>(*fileSystem);
     }
     std::unique_ptr<host::OpenFile> Open(const host::FileOpen& request, NTSTATUS expected = STATUS_SUCCESS) {
@@ -95,7 +95,7 @@ public:
         return file;
     }
     NTSTATUS status;
-    std::unique_ptr<machine::ExtFileSystem> fileSystem;
+    std::unique_ptr<machine::MountedFileSystem> fileSystem;
     std::unique_ptr<machine::GuestFiles> files;
 };
 

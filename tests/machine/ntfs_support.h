@@ -16,7 +16,8 @@
 #include <vector>
 #include <unistd.h>
 #include "machine/files/guest_files.h"
-#include "machine/ntfs/file_system.h"
+#include "machine/files/mounted_file_system.h"
+#include "machine/ntfs/format.h"
 
 namespace ntfs_test {
 
@@ -131,11 +132,11 @@ private:
 class Mounted {
 public:
     explicit Mounted(TestVolume& volume) {
-        status = machine::NtfsFileSystem::Mount(volume, fileSystem);
+        status = machine::MountedFileSystem::Mount(machine::MakeNtfsFormat(volume), fileSystem);
         if (fileSystem != nullptr) files = std::make_unique<machine::GuestFiles>(*fileSystem);
     }
     NTSTATUS status;
-    std::unique_ptr<machine::NtfsFileSystem> fileSystem;
+    std::unique_ptr<machine::MountedFileSystem> fileSystem;
     std::unique_ptr<machine::GuestFiles> files;
 };
 
@@ -192,7 +193,7 @@ inline host::FileOpen HoldOpen(const std::u16string& path) {
     return {path, 0x100001, 0, FILE_OPEN, 0x2A, 0x86};
 }
 
-inline std::unique_ptr<host::OpenFile> OpenOrNull(machine::NtfsFileSystem& fs, const host::FileOpen& request,
+inline std::unique_ptr<host::OpenFile> OpenOrNull(machine::MountedFileSystem& fs, const host::FileOpen& request,
                                                   NTSTATUS* status = nullptr) {
     std::unique_ptr<host::OpenFile> file;
     ULONG_PTR information = 0;

@@ -1,13 +1,12 @@
 #include <algorithm>
 #include <set>
-#include "machine/ntfs/directory.h"
 #include "tests/machine/ntfs_support.h"
 
 namespace {
 
 using namespace ntfs_test;
 using machine::DirectoryEntry;
-using machine::NtfsFileSystem;
+using machine::MountedFileSystem;
 
 constexpr std::uint64_t kMiB = 1 << 20;
 
@@ -237,7 +236,7 @@ TEST(Mounting, AHibernatedVolumeIsOnlyRead) {
 }
 
 // Work that takes, changes and gives back space. Stops at the first failure and returns it.
-NTSTATUS Work(NtfsFileSystem& fs) {
+NTSTATUS Work(MountedFileSystem& fs) {
     machine::GuestFiles files(fs);
     NTSTATUS status = files.MakeDirectory(u"\\new");
     if (NT_SUCCESS(status)) status = files.WriteFile(u"\\new\\one", Pattern(100000, 1));

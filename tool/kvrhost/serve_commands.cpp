@@ -5,8 +5,8 @@
 namespace tool {
 namespace {
 
-const std::map<std::string, nbd::NewFileSystem> kFileSystems = {
-    {"ntfs", nbd::NewFileSystem::Ntfs}, {"ext4", nbd::NewFileSystem::Ext4}, {"none", nbd::NewFileSystem::None}};
+const std::map<std::string, FileSystemKind> kFileSystems = {
+    {"ntfs", FileSystemKind::Ntfs}, {"ext4", FileSystemKind::Ext}, {"none", FileSystemKind::None}};
 const std::map<std::string, machine::TableKind> kLayouts = {{"gpt", machine::TableKind::Gpt},
                                                             {"mbr", machine::TableKind::Mbr}};
 

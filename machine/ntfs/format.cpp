@@ -1,5 +1,7 @@
-#include "machine/ntfs/volume.h"
+#include "machine/ntfs/format.h"
 #include <mutex>
+#include "machine/files/mounted_file_system.h"
+#include "machine/ntfs/device.h"
 #include "machine/ntfs/library.h"
 #include "machine/ntfs/mirror.h"
 
@@ -8,6 +10,13 @@ namespace machine {
 using namespace ntfs_library;
 
 namespace {
+
+constexpr FormatTraits kTraits = {.kind = FileSystemKind::Ntfs,
+                                  .driverName = u"",
+                                  .movesNames = true,
+                                  .writesSpecial = true,
+                                  .showsSizesInFolder = true,
+                                  .emptiesFirst = false};
 
 // The library would write to stderr what every caller here learns from a status.
 void SilenceLibrary() {
@@ -60,83 +69,63 @@ NTSTATUS TranslateMount(int error) {
 
 }  // namespace
 
-NTSTATUS NtfsOperation::Failed(int error) const {
-    const NTSTATUS status = cache_.Failure();
-    return NT_SUCCESS(status) ? Translate(error) : status;
+NTSTATUS NtfsFormat::Failed(int error) const {
+    return Failure(Translate(error));
 }
 
-NtfsVolume::NtfsVolume(VolumeIo& io) : io_(io), names_(io), cache_(io, names_), device_(io, cache_) {
+NtfsFormat::NtfsFormat(VolumeIo& io) : VolumeFormat(kTraits, io, names_), names_(io) {
     SilenceLibrary();
 }
 
-NtfsVolume::~NtfsVolume() {
-    const VolumeLockGuard guard(lock_);
-    Close();
-}
-
-NTSTATUS NtfsVolume::MountOnce() {
-    ntfs_device* device = device_.Allocate();
+NTSTATUS NtfsFormat::OpenOnce() {
+    ntfs_device* device = AllocateNtfsDevice(Cache());
     if (device == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
-    ntfs_volume* volume = ntfs_device_mount(device, NTFS_MNT_MAY_RDONLY);
-    if (volume == nullptr) {
-        const int error = errno;
-        const NTSTATUS failure = cache_.Failure();
-        NtfsDevice::Free(device);
-        cache_.Discard();
-        return NT_SUCCESS(failure) ? TranslateMount(error) : failure;
+    volume_ = ntfs_device_mount(device, NTFS_MNT_MAY_RDONLY);
+    if (volume_ == nullptr) {
+        const NTSTATUS status = Failure(TranslateMount(errno));
+        ntfs_device_free(device);
+        return status;
     }
-    volume_ = volume;
-    names_.SetVolume(volume);
-    readOnly_ = NVolReadOnly(volume) != 0;
-    NTSTATUS status = ntfs_set_ignore_case(volume) == 0 ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
-    if (NT_SUCCESS(status)) status = Commit(CommitOrder::TakeFirst, nullptr);
-    if (!NT_SUCCESS(status)) Forget();
-    return status;
+    names_.SetVolume(volume_);
+    readOnly_ = NVolReadOnly(volume_) != 0 ? "it was not left clean by the system that it belongs to" : "";
+    return ntfs_set_ignore_case(volume_) == 0 ? Commit(CommitOrder::TakeFirst) : STATUS_INSUFFICIENT_RESOURCES;
 }
 
-NTSTATUS NtfsVolume::Mount() {
-    NTSTATUS status = MountOnce();
-    if (status == STATUS_DISK_CORRUPT_ERROR && NT_SUCCESS(RepairNtfsMirror(io_, names_))) status = MountOnce();
-    if (NT_SUCCESS(status)) closed_ = false;
-    return status;
-}
-
-void NtfsVolume::Close() {
-    Forget();
-    closed_ = true;
-}
-
-NTSTATUS NtfsVolume::Begin() {
-    if (closed_) return STATUS_DEVICE_NOT_READY;
-    if (suspended_) return STATUS_DEVICE_BUSY;
-    if (volume_ == nullptr) return Mount();
-    cache_.Discard();
-    return STATUS_SUCCESS;
-}
-
-void NtfsVolume::Suspend() {
-    Forget();
-    suspended_ = true;
+NTSTATUS NtfsFormat::Open() {
+    NTSTATUS status = OpenOnce();
+    if (status != STATUS_DISK_CORRUPT_ERROR) return status;
+    Drop();
+    Cache().Discard();
+    return NT_SUCCESS(RepairNtfsMirror(Io(), names_)) ? OpenOnce() : status;
 }
 
 // The library marks the inode of its table of records dirty when the table grows, and stores it when it sees
 // fit.
-NTSTATUS NtfsVolume::Commit(CommitOrder order, PFILE_OBJECT other) {
-    const OtherScope scope(names_, other);
+NTSTATUS NtfsFormat::Commit(CommitOrder order) {
     for (ntfs_inode* inode : {volume_->mft_ni, volume_->lcnbmp_ni})
-        if (NInoDirty(inode) && ntfs_inode_sync(inode) != 0) {
-            const NTSTATUS failure = cache_.Failure();
-            return NT_SUCCESS(failure) ? Translate(errno) : failure;
-        }
-    return cache_.Commit(order);
+        if (NInoDirty(inode) && ntfs_inode_sync(inode) != 0) return Failed(errno);
+    return Cache().Commit(order);
 }
 
-void NtfsVolume::Forget() {
+void NtfsFormat::Drop() {
     names_.SetVolume(nullptr);  // its runs are about to go
     if (volume_ != nullptr)
         ntfs_umount(volume_, static_cast<BOOL>(0));  // what it stores is dropped with the cache
     volume_ = nullptr;
-    cache_.Discard();
+}
+
+NTSTATUS NtfsFormat::FreeSpace(std::uint64_t& bytes) {
+    if (!NVolFreeSpaceKnown(volume_) && ntfs_volume_get_free_space(volume_) != 0) return Failed(errno);
+    bytes = static_cast<std::uint64_t>(volume_->free_clusters) << volume_->cluster_size_bits;
+    return STATUS_SUCCESS;
+}
+
+std::unique_ptr<VolumeFormat> MakeNtfsFormat(VolumeIo& io) {
+    return std::make_unique<NtfsFormat>(io);
+}
+
+FileSystemFactory NtfsFactory() {
+    return FactoryOf(MakeNtfsFormat);
 }
 
 }  // namespace machine

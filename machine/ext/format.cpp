@@ -1,12 +1,21 @@
-#include "machine/ext/volume.h"
+#include "machine/ext/format.h"
+#include <algorithm>
+#include <cstddef>
 #include <cstring>
-#include <vector>
+#include "machine/ext/device.h"
 #include "machine/ext/features.h"
 #include "machine/ext/library.h"
+#include "machine/files/mounted_file_system.h"
 
 namespace machine {
 namespace {
 
+constexpr FormatTraits kTraits = {.kind = FileSystemKind::Ext,
+                                  .driverName = u"\\FileSystem\\Ext4",
+                                  .movesNames = false,
+                                  .writesSpecial = false,
+                                  .showsSizesInFolder = false,
+                                  .emptiesFirst = true};
 constexpr int kOpenFlags = EXT2_FLAG_64BITS | EXT2_FLAG_SKIP_MMP;
 
 NTSTATUS Translate(long error) {
@@ -99,31 +108,25 @@ int NoteBlock(ext2_filsys, blk64_t* block, e2_blkcnt_t, blk64_t, int, void* name
 
 }  // namespace
 
-NTSTATUS ExtOperation::Failed(long error) const {
-    const NTSTATUS status = cache_.Failure();
-    return NT_SUCCESS(status) ? Translate(error) : status;
+ExtFormat::ExtFormat(VolumeIo& io) : VolumeFormat(kTraits, io, names_), names_(io) {}
+
+NTSTATUS ExtFormat::Failed(long error) const {
+    return Failure(Translate(error));
 }
 
-long ExtOperation::DirectoryChanged(std::uint32_t inode) const {
-    const long error = ext2fs_block_iterate3(&library_, inode, BLOCK_FLAG_READ_ONLY | BLOCK_FLAG_DATA_ONLY,
+long ExtFormat::DirectoryChanged(std::uint32_t inode) {
+    const long error = ext2fs_block_iterate3(library_, inode, BLOCK_FLAG_READ_ONLY | BLOCK_FLAG_DATA_ONLY,
                                              nullptr, NoteBlock, &names_);
     return error == EXT2_ET_INLINE_DATA_CANT_ITERATE ? 0 : error;
 }
 
-ExtVolume::ExtVolume(VolumeIo& io) : io_(io), names_(io), cache_(io, names_), device_(io, cache_) {}
-
-ExtVolume::~ExtVolume() {
-    const VolumeLockGuard guard(lock_);
-    Close();
-}
-
 // Opened for writing where the library can write; whether anything may be written is our own decision.
-long ExtVolume::Open() {
+long ExtFormat::OpenLibrary() {
     readOnly_.clear();
-    long error = device_.Open(kOpenFlags | EXT2_FLAG_RW, library_);
+    long error = OpenExtLibrary(Cache(), kOpenFlags | EXT2_FLAG_RW, library_);
     if (error == EXT2_ET_RO_UNSUPP_FEATURE) {
         readOnly_ = "it uses features that are not known here";
-        error = device_.Open(kOpenFlags, library_);
+        error = OpenExtLibrary(Cache(), kOpenFlags, library_);
     }
     if (error != 0) return error;
     library_->flags |= EXT2_FLAG_MASTER_SB_ONLY;  // the copies are e2fsck's
@@ -132,93 +135,83 @@ long ExtVolume::Open() {
     return 0;
 }
 
-NTSTATUS ExtVolume::Mount() {
-    cache_.Discard();
-    const bool first = closed_;
+NTSTATUS ExtFormat::Open() {
     const std::string before = readOnly_;
-    const long error = Open();
+    const long error = OpenLibrary();
     if (error != 0) {
-        const NTSTATUS failure = cache_.Failure();
-        cache_.Discard();
-        const NTSTATUS status = NT_SUCCESS(failure) ? TranslateOpen(error) : failure;
+        const NTSTATUS status = Failure(TranslateOpen(error));
         if (status != STATUS_UNRECOGNIZED_VOLUME)
             DbgPrint("ext file system not mounted: status 0x%08x\n", status);
         return status;
     }
-    const std::string reason = WhyNotUsable(library_, io_);
+    const std::string reason = WhyNotUsable(library_, Io());
     if (!reason.empty()) {
         DbgPrint("ext file system not mounted: %s\n", reason.c_str());
-        Forget();
         return STATUS_NOT_SUPPORTED;
     }
-    if (!readOnly_.empty() && (first || readOnly_ != before))
+    if (!readOnly_.empty() && readOnly_ != before)
         DbgPrint("ext file system is read-only: %s\n", readOnly_.c_str());
     names_.SetLibrary(library_);
-    closed_ = false;
     return STATUS_SUCCESS;
 }
 
-void ExtVolume::Close() {
-    Forget();
-    closed_ = true;
+void ExtFormat::Drop() {
+    names_.SetLibrary(nullptr);
+    if (library_ != nullptr) ext2fs_free(library_);  // stores nothing
+    library_ = nullptr;
 }
 
-void ExtVolume::Suspend() {
-    Forget();
-    suspended_ = true;
-}
-
-NTSTATUS ExtVolume::Begin() {
-    if (closed_) return STATUS_DEVICE_NOT_READY;
-    if (suspended_) return STATUS_DEVICE_BUSY;
-    cache_.Discard();
-    return library_ == nullptr ? Mount() : STATUS_SUCCESS;
-}
-
-NTSTATUS ExtVolume::BeginChange() {
-    const NTSTATUS status = Begin();
-    if (!NT_SUCCESS(status)) return status;
-    if (!readOnly_.empty()) return STATUS_MEDIA_WRITE_PROTECTED;
+NTSTATUS ExtFormat::BeginChange() {
     const long error = library_->block_map == nullptr ? ext2fs_read_bitmaps(library_) : 0;
     before_ = Descriptors(library_);
-    if (error == 0) return STATUS_SUCCESS;
-    const NTSTATUS failure = cache_.Failure();
-    Forget();
-    return NT_SUCCESS(failure) ? STATUS_DISK_CORRUPT_ERROR : failure;
+    return error == 0 ? STATUS_SUCCESS : Failure(STATUS_DISK_CORRUPT_ERROR);
 }
 
-void ExtVolume::EndOperation() {
-    names_.SetOther(nullptr);
-    names_.ForgetDirectories();
-    cache_.Discard();
-}
-
-NTSTATUS ExtVolume::Commit(const ExtOperation& operation, CommitOrder order) {
+NTSTATUS ExtFormat::Commit(CommitOrder order) {
     const long error = StoreTables(library_, before_);
-    return error == 0 ? WriteThroughUnclean(order) : operation.Failed(error);
+    return error == 0 ? WriteThroughUnclean(order) : Failed(error);
 }
 
 // The cache writes the superblock before everything else: first the one that calls the volume unclean, with the
 // rest behind it, then the final one.
-NTSTATUS ExtVolume::WriteThroughUnclean(CommitOrder order) {
+NTSTATUS ExtFormat::WriteThroughUnclean(CommitOrder order) {
     ext2_super_block final, unclean;
     static_assert(sizeof final == SUPERBLOCK_SIZE);
-    NTSTATUS status = cache_.Read(SUPERBLOCK_OFFSET, &final, sizeof final);
+    NTSTATUS status = Cache().Read(SUPERBLOCK_OFFSET, &final, sizeof final);
     if (!NT_SUCCESS(status)) return status;
     std::memcpy(&unclean, &final, sizeof final);
     unclean.s_state = static_cast<__u16>(unclean.s_state & ~EXT2_VALID_FS);
     if (ext2fs_superblock_csum_set(library_, &unclean) != 0) return STATUS_DISK_CORRUPT_ERROR;
-    status = cache_.Write(SUPERBLOCK_OFFSET, &unclean, sizeof unclean);
-    if (NT_SUCCESS(status)) status = cache_.Commit(order);
-    if (NT_SUCCESS(status)) status = cache_.Write(SUPERBLOCK_OFFSET, &final, sizeof final);
-    return NT_SUCCESS(status) ? cache_.Commit(order) : status;
+    status = Cache().Write(SUPERBLOCK_OFFSET, &unclean, sizeof unclean);
+    if (NT_SUCCESS(status)) status = Cache().Commit(order);
+    if (NT_SUCCESS(status)) status = Cache().Write(SUPERBLOCK_OFFSET, &final, sizeof final);
+    return NT_SUCCESS(status) ? Cache().Commit(order) : status;
 }
 
-void ExtVolume::Forget() {
-    names_.SetLibrary(nullptr);
-    if (library_ != nullptr) ext2fs_free(library_);  // stores nothing
-    library_ = nullptr;
-    cache_.Discard();
+NTSTATUS ExtFormat::FreeSpace(std::uint64_t& bytes) {
+    bytes = ext2fs_free_blocks_count(library_->super) * library_->blocksize;
+    return STATUS_SUCCESS;
+}
+
+std::unique_ptr<VolumeFormat> MakeExtFormat(VolumeIo& io) {
+    return std::make_unique<ExtFormat>(io);
+}
+
+FileSystemFactory ExtFactory() {
+    return FactoryOf(MakeExtFormat);
+}
+
+NTSTATUS LooksLikeExt(VolumeIo& io, bool& ext) {
+    const std::uint32_t sector = io.SectorSize();
+    const std::uint32_t length = std::max<std::uint32_t>(sector, SUPERBLOCK_OFFSET + SUPERBLOCK_SIZE);
+    ext = false;
+    if (io.Size() < length) return STATUS_SUCCESS;
+    std::vector<std::uint8_t> head(length);
+    const NTSTATUS status = io.Read(0, head.data(), length, nullptr);
+    if (!NT_SUCCESS(status)) return status;
+    const std::uint8_t* magic = &head[SUPERBLOCK_OFFSET + offsetof(ext2_super_block, s_magic)];
+    ext = (magic[0] | magic[1] << 8) == EXT2_SUPER_MAGIC;
+    return STATUS_SUCCESS;
 }
 
 }  // namespace machine

@@ -1,25 +1,22 @@
 // The contents of one file: reads, writes in place, growing and emptying.
 //
 // The data path is our own. A write inside the initialised part touches the data alone; a write that grows the
-// file takes the clusters, writes the data, and then stores bitmap and record, so that a request refused in
-// between leaves the file as it was. Compressed, sparse and encrypted files, which the driver's files never
-// are, go through the library.
+// file takes space, writes the data, and then stores what finds it, so that a block of a file never lies
+// uninitialised and a request refused in between leaves the file as it was. Files whose data only the library
+// can find, which the driver's files never are, go through it.
 #pragma once
 #include <atomic>
 #include <cstdint>
 #include <shared_mutex>
-#include "machine/files/file_runs.h"
-#include "machine/ntfs/volume.h"
+#include "machine/files/mounted_volume.h"
 
 namespace machine {
 
-class NtfsInode;
-
-class NtfsFile {
+class FileData {
 public:
-    NtfsFile(NtfsVolume& volume, std::uint64_t reference) : volume_(volume), reference_(reference) {}
+    FileData(MountedVolume& volume, const FileId& id) : volume_(volume), id_(id) {}
 
-    std::uint64_t Reference() const { return reference_; }
+    const FileId& Id() const { return id_; }
     // Learns where the file lies; before anything else, while no other thread knows of the file. The caller
     // holds the volume's lock (which the analysis cannot tell to be the one of this file's volume).
     [[nodiscard]] NTSTATUS Load() KVR_NO_ANALYSIS;
@@ -42,15 +39,6 @@ public:
     bool Touched() const { return touched_.load(std::memory_order_relaxed); }
 
 private:
-    // What the record says of the data.
-    struct Shape {
-        std::uint64_t size = 0, initialized = 0;  // bytes
-        bool resident = false;                    // lies in the record itself
-        bool special = false;                     // needs the library for its data
-        FileRuns runs;                            // empty if resident or special
-    };
-    struct Growth;
-
     enum class Connection {
         Connected,
         Suspended,
@@ -60,22 +48,19 @@ private:
     [[nodiscard]] NTSTATUS Reconnect();
     [[nodiscard]] NTSTATUS Connected() const;
 
-    [[nodiscard]] NTSTATUS LoadShape(const NtfsOperation& operation, Shape& shape) const;
-    [[nodiscard]] NTSTATUS ReadByLibrary(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length);
-    [[nodiscard]] NTSTATUS WriteByLibrary(PFILE_OBJECT file, std::uint64_t offset, const void* buffer,
-                                          ULONG length);
-    [[nodiscard]] NTSTATUS Extend(PFILE_OBJECT file, std::uint64_t offset, const void* buffer, ULONG length);
-    [[nodiscard]] NTSTATUS ExtendWithin(const NtfsOperation& operation, const Growth& growth,
-                                        Shape& shape) const;
-    bool OverwritesInPlace(std::uint64_t offset, ULONG length) const;
+    [[nodiscard]] NTSTATUS ReadRange(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length);
+    [[nodiscard]] NTSTATUS WriteInPlace(const FileWrite& write);
+    [[nodiscard]] NTSTATUS WriteAnywhere(const FileWrite& write);
+    [[nodiscard]] NTSTATUS WriteByLibrary(const FileWrite& write);
+    [[nodiscard]] NTSTATUS Extend(const FileWrite& write);
 
-    NtfsVolume& volume_;
-    const std::uint64_t reference_;
+    MountedVolume& volume_;
+    const FileId id_;
     std::atomic<bool> touched_ = false;
     // Shared by transfers that leave the shape alone, exclusive for the others. Taken before the volume's lock.
     std::shared_mutex content_;
     std::atomic<Connection> connection_ = Connection::Connected;  // changes under content_ alone
-    Shape shape_;
+    FileShape shape_;
 };
 
 }  // namespace machine
