@@ -240,7 +240,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FuzzedDataProvider input(data, size);
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     // With little pool, making storage gives up at once; what it does with enough takes its time.
-    host::SetPoolLimit(input.ConsumeIntegralInRange(0, 7) == 0 ? host::NoPoolLimit : kLittlePool);
+    host::SetPoolLimit(input.ConsumeIntegralInRange(0, 7) == 0 ? host::kNoPoolLimit : kLittlePool);
     Computer computer;
     if (input.ConsumeBool()) computer.Protect();
     for (int steps = 0; steps < 12 && input.remaining_bytes() != 0; ++steps) Step(computer, input);
@@ -251,6 +251,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     host::JoinSystemThreads();
     computer.CheckVolumes();
     computer.CheckEnd(computer.Hardware().Shutdown());
-    host::SetPoolLimit(host::NoPoolLimit);
+    host::SetPoolLimit(host::kNoPoolLimit);
     return 0;
 }

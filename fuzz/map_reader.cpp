@@ -171,7 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     KeInitializeMutex(&gSwapFileMutex, 0);
     host::SetPoolLimit(kPoolLimit);
     RunInput(data, size);
-    host::SetPoolLimit(host::NoPoolLimit);
+    host::SetPoolLimit(host::kNoPoolLimit);
     for (const host::PoolBalance& left : host::PoolUsage())
         fuzz::Require(left.blocks == 0, "every block of the input is released");
     fuzz::EndPower();

@@ -13,8 +13,8 @@
 //   KvrFastFail(code)         stops the system at once; does not return.
 //   KvrCurrentThread()        the current thread's object, unreferenced.
 //   KvrThreadObjectType()     the object type to name when a thread handle is turned into an object.
-//   KVR_CAPABILITY, KVR_SCOPED, KVR_GUARDED_BY, KVR_ACQUIRE, KVR_RELEASE, KVR_REQUIRES, KVR_EXCLUDES,
-//   KVR_NO_ANALYSIS           thread-safety annotations; they say something to the analysing compiler of
+//   KVR_CAPABILITY, KVR_SCOPED, KVR_GUARDED_BY, KVR_ACQUIRE, KVR_RELEASE, KVR_REQUIRES, KVR_NO_ANALYSIS
+//                             thread-safety annotations; they say something to the analysing compiler of
 //                             the host build and nothing elsewhere.
 //
 // Destructors do not run when a kernel exception crosses a frame of the driver (there is no unwinding of

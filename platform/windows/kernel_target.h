@@ -42,7 +42,6 @@ inline void KeQuerySystemTime(PLARGE_INTEGER time) {
 #define KVR_ACQUIRE(...)
 #define KVR_RELEASE(...)
 #define KVR_REQUIRES(...)
-#define KVR_EXCLUDES(...)
 #define KVR_NO_ANALYSIS
 
 // Structured exception handling (seh.cpp). The code that may raise stands in called functions, as the

@@ -115,7 +115,7 @@ TEST_F(SaveCrash, AtShutdown) {
 
 TEST_F(SaveCrash, WhileTheVolumeIsUsed) {
     SweepSave(
-        "periodic save", [](ProtectedComputer&) { host::AdvanceTime(40 * host::TicksPerSecond); },
+        "periodic save", [](ProtectedComputer&) { host::AdvanceTime(40 * host::kTicksPerSecond); },
         [](ProtectedComputer& computer) { WriteStamps(computer, kThird, kCount, 5000); });
 }
 

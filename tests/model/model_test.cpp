@@ -56,7 +56,7 @@ private:
         } else if (dice < 950) {
             EXPECT_EQ(STATUS_SUCCESS, computer_.Hardware().Flush(kDataVolume));
         } else if (dice < 980) {
-            host::AdvanceTime(static_cast<LONGLONG>(Pick(40)) * host::TicksPerSecond);
+            host::AdvanceTime(static_cast<LONGLONG>(Pick(40)) * host::kTicksPerSecond);
         } else {
             Restart(dice >= 993);
         }
@@ -112,7 +112,7 @@ private:
 
     // A redirected write saves the map when the last one that did lies more than 30 seconds back.
     void SaveIfDue() {
-        if (host::SystemTime() <= lastSave_ + 30 * host::TicksPerSecond) return;
+        if (host::SystemTime() <= lastSave_ + 30 * host::kTicksPerSecond) return;
         lastSave_ = host::SystemTime();
         model_.SaveMap();
     }

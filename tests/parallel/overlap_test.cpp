@@ -60,7 +60,7 @@ private:
             std::vector<std::uint8_t> data(count * kSector);
             const std::uint64_t stamp = nextStamp_.fetch_add(count);
             for (std::size_t k = 0; k < count; ++k) FillSector(&data[k * kSector], kSector, stamp + k);
-            if (random() % 64 == 0) host::AdvanceTime(31 * host::TicksPerSecond);
+            if (random() % 64 == 0) host::AdvanceTime(31 * host::kTicksPerSecond);
             const std::uint64_t began = clock_++;
             const NTSTATUS status =
                 machine_.Write(kDataVolume, kRegionBegin + first * kSector, data.data(), count * kSector);

@@ -18,7 +18,7 @@ class Pool : public testing::Test {
 protected:
     void TearDown() override {
         DisarmFaults();
-        SetPoolLimit(NoPoolLimit);
+        SetPoolLimit(kNoPoolLimit);
         SetPoolOptions({});
         PoolReclaimAll();
     }

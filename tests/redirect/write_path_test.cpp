@@ -154,7 +154,7 @@ TEST_F(WritePath, MapIsSavedAtMostEveryThirtySeconds) {
     FateOf(u"\\file");
     const LONGLONG first = volume->LastMapSaveTime;
     EXPECT_EQ(host::SystemTime(), first);
-    host::AdvanceTime(30 * host::TicksPerSecond);
+    host::AdvanceTime(30 * host::kTicksPerSecond);
     FateOf(u"\\file");
     EXPECT_EQ(first, volume->LastMapSaveTime.load());
     host::AdvanceTime(1);

@@ -44,7 +44,7 @@ private:
 
     void PageIn() {
         if (faults++ != 0) abort();  // no page of ours
-        locksHeld = host::currentThread->HeldCount;
+        locksHeld = host::gCurrentThread->HeldCount;
         mprotect(string.Buffer, kPage, PROT_READ);
     }
 

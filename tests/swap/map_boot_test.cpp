@@ -163,7 +163,7 @@ TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndOneAtTheBootSectorIsNoMap) {
     disk_->FailRange(IRP_MJ_READ, kMap + 1000 * S, kMap + 1001 * S, STATUS_IO_DEVICE_ERROR);
     host::SetPoolLimit(64 << 20);
     EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    host::SetPoolLimit(host::NoPoolLimit);
+    host::SetPoolLimit(host::kNoPoolLimit);
     EXPECT_EQ(Used(), 8 * S);
     ResetSwapMaps(filter_);
     SetLocation({{0, 4096}});

@@ -94,7 +94,7 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
         v->MapDirty = TRUE;
         host::SetPoolLimit(64 << 20);
         WriteSwapMap(filter_, FALSE);
-        host::SetPoolLimit(host::NoPoolLimit);
+        host::SetPoolLimit(host::kNoPoolLimit);
         EXPECT_TRUE(disk_->Copy() == before);
     }
     // More entries than slots: the map is cut, and a sector-0 run behind it is left alone.

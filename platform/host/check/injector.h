@@ -1,9 +1,7 @@
 // The one injector for every fault that the host kernel can make. Each call that may fail asks
 // InjectFault(kind) once, before it has any effect; a true answer means "fail now".
 //
-// A plan is armed for a set of kinds: the n-th call fails, or every call from the n-th on, or calls picked
-// by a seed. The random choice depends on nothing but the seed, the kind and the number of the call within
-// its kind, so a run replays from its seed however threads interleave between kinds.
+// A plan is armed for a set of kinds: the n-th call fails, or every call from the n-th on.
 // One plan at a time; arming starts all counts at 0. Arm and disarm from one thread.
 #pragma once
 #include <atomic>
@@ -29,7 +27,7 @@ enum class Fault : unsigned {
 const char* FaultName(Fault kind);
 
 using FaultSet = unsigned;  // bit n is kind n
-inline constexpr FaultSet AllFaults = (1u << static_cast<unsigned>(Fault::Count)) - 1;
+inline constexpr FaultSet kAllFaults = (1u << static_cast<unsigned>(Fault::Count)) - 1;
 constexpr FaultSet FaultBit(Fault kind) {
     return 1u << static_cast<unsigned>(kind);
 }
@@ -45,8 +43,6 @@ void CountFaultPoints();
 void FailCall(FaultSet set, ULONGLONG n);
 // The n-th call and every later one fail, as when memory stays short.
 void FailFromCall(FaultSet set, ULONGLONG n);
-// Each call fails with `perMillion` chances in a million. Prints the seed to the debug sink.
-void FailRandomly(FaultSet set, ULONGLONG seed, unsigned perMillion);
 void DisarmFaults();
 
 // Since the plan was armed; they keep their values after DisarmFaults.
@@ -65,12 +61,12 @@ public:
 };
 
 namespace injector {
-extern std::atomic<bool> armed;
+extern std::atomic<bool> gArmed;
 bool Decide(Fault kind);
 }  // namespace injector
 
 [[nodiscard]] inline bool InjectFault(Fault kind) {
-    return injector::armed.load(std::memory_order_relaxed) && injector::Decide(kind);
+    return injector::gArmed.load(std::memory_order_relaxed) && injector::Decide(kind);
 }
 
 }  // namespace host

@@ -11,9 +11,9 @@
 namespace host {
 namespace {
 
-constexpr SIZE_T LinesOfContext = 40;
-std::atomic<ViolationHandler> violationHandler;
-std::atomic<ULONG> assertions;
+constexpr SIZE_T kLinesOfContext = 40;
+std::atomic<ViolationHandler> gViolationHandler;
+std::atomic<ULONG> gAssertions;
 
 }  // namespace
 
@@ -24,32 +24,32 @@ void Violation(const char* rule, const char* format, ...) {
     std::vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     std::fprintf(stderr, "Kvr host kernel: %s: %s\n", rule, text);
-    const ViolationHandler handler = violationHandler.load();
+    const ViolationHandler handler = gViolationHandler.load();
     if (handler != nullptr) {
         handler(rule, text);
     } else {
-        DumpDebugLines(LinesOfContext);
+        DumpDebugLines(kLinesOfContext);
     }
     std::fflush(nullptr);
     std::abort();
 }
 
 void SetViolationHandler(ViolationHandler handler) {
-    violationHandler.store(handler);
+    gViolationHandler.store(handler);
 }
 
 ULONG AssertionCount() {
-    return assertions.load();
+    return gAssertions.load();
 }
 
 void ResetAssertionCount() {
-    assertions.store(0);
+    gAssertions.store(0);
 }
 
 }  // namespace host
 
 void RtlAssert(PVOID condition, PVOID file, ULONG line, PCHAR message) {
-    host::assertions.fetch_add(1);
+    host::gAssertions.fetch_add(1);
     DbgPrint("\n*** Assertion failed: %s%s\n***   Source File: %s, line %lu\n",
              message != nullptr ? message : "", static_cast<const char*>(condition),
              static_cast<const char*>(file), line);

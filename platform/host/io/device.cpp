@@ -14,35 +14,35 @@ namespace {
 
 std::vector<PDEVICE_OBJECT> gDevices KVR_GUARDED_BY(gDeviceLock);
 
-constexpr SIZE_T ExtensionOffset = (sizeof(DEVICE_OBJECT) + sizeof(HostDevice) + 15) / 16 * 16;
+constexpr SIZE_T kExtensionOffset = (sizeof(DEVICE_OBJECT) + sizeof(HostDevice) + 15) / 16 * 16;
 static_assert(sizeof(DEVICE_OBJECT) % alignof(HostDevice) == 0);
 
 // Runs when the last reference goes; the block is freed right after.
 void DestroyDevice(void* body) {
     auto* device = static_cast<PDEVICE_OBJECT>(body);
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         std::erase(gDevices, device);
     }
     if (!device->Host->Deleted)
         Violation("device dereferenced too often", "device %p was not deleted", static_cast<void*>(device));
     device->Host->~HostDevice();
-    RtlFillMemory(device, ExtensionOffset, 0xDD);
+    RtlFillMemory(device, kExtensionOffset, 0xDD);
 }
 
 PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT driver, ULONG extensionSize) {
     auto* device = static_cast<PDEVICE_OBJECT>(
-        AllocateObject(ObjectType::Device, ExtensionOffset + extensionSize, DestroyDevice));
+        AllocateObject(ObjectType::Device, kExtensionOffset + extensionSize, DestroyDevice));
     if (device == nullptr) return nullptr;
     device->Host = new (device + 1) HostDevice;
-    if (extensionSize != 0) device->DeviceExtension = reinterpret_cast<char*>(device) + ExtensionOffset;
+    if (extensionSize != 0) device->DeviceExtension = reinterpret_cast<char*>(device) + kExtensionOffset;
     device->DriverObject = driver;
     device->StackSize = 1;
     return device;
 }
 
 void LinkDevice(PDEVICE_OBJECT device) {
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     gDevices.push_back(device);
     device->NextDevice = device->DriverObject->DeviceObject;
     device->DriverObject->DeviceObject = device;
@@ -78,19 +78,19 @@ void StopAtDeadDevice(PDEVICE_OBJECT device, const char* caller) {
 
 PDEVICE_OBJECT TopOfStack(PDEVICE_OBJECT device) {
     CheckDevice(device, "TopOfStack");
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     return Top(device);
 }
 
 ULONG DeviceCount() {
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     return static_cast<ULONG>(gDevices.size());
 }
 
 void DropAllDevices() {
     std::vector<PDEVICE_OBJECT> devices;
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         devices = gDevices;
     }
     for (PDEVICE_OBJECT device : devices) {
@@ -134,7 +134,7 @@ void IoDeleteDevice(PDEVICE_OBJECT device) {
     CheckDevice(device, "IoDeleteDevice");
     if ((device->Flags & DO_SHUTDOWN_REGISTERED) != 0) IoUnregisterShutdownNotification(device);
     {
-        HostGuard guard(host::gDeviceLock);
+        const HostGuard guard(host::gDeviceLock);
         host::CheckDeletable(device);
         host::UnlinkDevice(device);
         device->Host->Deleted = true;
@@ -149,7 +149,7 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT source, PDEVICE_OBJECT
     CheckDevice(source, "IoAttachDeviceToDeviceStack");
     CheckDevice(target, "IoAttachDeviceToDeviceStack");
     if (host::InjectFault(host::Fault::CreateDevice)) return nullptr;
-    HostGuard guard(host::gDeviceLock);
+    const HostGuard guard(host::gDeviceLock);
     if (source->Host->Lower != nullptr)
         host::Violation("device attached twice", "device %p", static_cast<void*>(source));
     PDEVICE_OBJECT top = host::Top(target);
@@ -165,7 +165,7 @@ PDEVICE_OBJECT IoAttachDeviceToDeviceStack(PDEVICE_OBJECT source, PDEVICE_OBJECT
 void IoDetachDevice(PDEVICE_OBJECT target) {
     RequireIrql("IoDetachDevice", APC_LEVEL);
     CheckDevice(target, "IoDetachDevice");
-    HostGuard guard(host::gDeviceLock);
+    const HostGuard guard(host::gDeviceLock);
     if (target->AttachedDevice == nullptr)
         host::Violation("nothing to detach", "no device is attached to %p", static_cast<void*>(target));
     target->AttachedDevice->Host->Lower = nullptr;
@@ -174,7 +174,7 @@ void IoDetachDevice(PDEVICE_OBJECT target) {
 
 PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT device) {
     CheckDevice(device, "IoGetAttachedDeviceReference");
-    HostGuard guard(host::gDeviceLock);
+    const HostGuard guard(host::gDeviceLock);
     PDEVICE_OBJECT top = host::Top(device);
     ObfReferenceObject(top);
     return top;
@@ -182,7 +182,7 @@ PDEVICE_OBJECT IoGetAttachedDeviceReference(PDEVICE_OBJECT device) {
 
 PDEVICE_OBJECT IoGetLowerDeviceObject(PDEVICE_OBJECT device) {
     CheckDevice(device, "IoGetLowerDeviceObject");
-    HostGuard guard(host::gDeviceLock);
+    const HostGuard guard(host::gDeviceLock);
     PDEVICE_OBJECT lower = device->Host->Lower;
     if (lower == nullptr || lower->Host->Deleted) return nullptr;
     ObfReferenceObject(lower);

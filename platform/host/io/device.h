@@ -10,12 +10,12 @@
 #include "platform/host/nt/ntio.h"
 
 namespace host {
-inline constexpr ULONG DeviceMagic = 0x65447648;
+inline constexpr ULONG kDeviceMagic = 0x65447648;
 }
 
 // The host kernel's own part of a device object; it lies behind it in the same block.
 struct HostDevice {
-    ULONG Magic = host::DeviceMagic;
+    ULONG Magic = host::kDeviceMagic;
     bool Deleted = false;            // IoDeleteDevice was called; references may keep the memory
     ULONG Opens = 0;                 // file objects made by OpenDevice
     PDEVICE_OBJECT Lower = nullptr;  // the device that this one is attached to
@@ -64,7 +64,7 @@ ULONG DeviceCount();
 // Stops, naming `caller`, unless the device exists: it was not deleted, or somebody still holds a reference.
 inline void CheckDevice(PDEVICE_OBJECT device, const char* caller) {
     if (device == nullptr || device->Host != reinterpret_cast<HostDevice*>(device + 1) ||
-        device->Host->Magic != DeviceMagic)
+        device->Host->Magic != kDeviceMagic)
         StopAtDeadDevice(device, caller);
 }
 

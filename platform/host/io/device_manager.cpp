@@ -53,7 +53,7 @@ NTSTATUS SendToTop(PDEVICE_OBJECT device, UCHAR major, UCHAR minor, NTSTATUS ini
 }
 
 PDEVICE_OBJECT TakeLastRegistered() {
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     if (gShutdownList.empty()) return nullptr;
     PDEVICE_OBJECT device = gShutdownList.back();
     gShutdownList.pop_back();
@@ -69,7 +69,7 @@ PDRIVER_OBJECT CreateDriver(std::u16string_view name) {
     body->object.DriverExtension = &body->extension;
     body->object.DriverName = Counted(body->name);
     for (PDRIVER_DISPATCH& slot : body->object.MajorFunction) slot = RefuseRequest;
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     gDrivers.push_back(&body->object);
     return &body->object;
 }
@@ -88,7 +88,7 @@ NTSTATUS LoadDriver(PDRIVER_INITIALIZE entry, std::u16string_view name, PDRIVER_
     if (made->DeviceObject != nullptr)
         Violation("driver failed and left a device", "device %p", static_cast<void*>(made->DeviceObject));
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         std::erase(gDrivers, made);
     }
     ObfDereferenceObject(made);
@@ -134,7 +134,7 @@ void DropShutdownList() {
 void DropAllDrivers() {
     std::vector<PDRIVER_OBJECT> drivers;
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         drivers.swap(gDrivers);
     }
     for (PDRIVER_OBJECT driver : drivers) ObfDereferenceObject(driver);
@@ -146,7 +146,7 @@ NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device) {
     host::RequireIrql("IoRegisterShutdownNotification", PASSIVE_LEVEL);
     host::CheckDevice(device, "IoRegisterShutdownNotification");
     ObfReferenceObject(device);
-    host::HostGuard guard(host::gDeviceLock);
+    const host::HostGuard guard(host::gDeviceLock);
     host::gShutdownList.push_back(device);
     device->Flags |= DO_SHUTDOWN_REGISTERED;
     return STATUS_SUCCESS;
@@ -157,7 +157,7 @@ void IoUnregisterShutdownNotification(PDEVICE_OBJECT device) {
     host::CheckDevice(device, "IoUnregisterShutdownNotification");
     SIZE_T registrations = 0;
     {
-        host::HostGuard guard(host::gDeviceLock);
+        const host::HostGuard guard(host::gDeviceLock);
         registrations = std::erase(host::gShutdownList, device);
         device->Flags &= ~DO_SHUTDOWN_REGISTERED;
     }

@@ -6,7 +6,9 @@
 namespace host {
 
 // Guards who is attached to whom, each driver's list of devices, and the shutdown list. No device is
-// dereferenced while holding it, as the last reference takes it.
+// dereferenced while holding it, as the last reference takes it. What it guards inside the platform's own
+// records (AttachedDevice, NextDevice) carries no annotation: the routines that walk them require the lock
+// instead.
 extern HostLock gDeviceLock;
 
 void DropProgramFiles();

@@ -10,19 +10,19 @@ namespace {
 
 // Locations that lie between a request and its first one: a driver that was given the last location and
 // prepares a next one writes there, and IofCallDriver stops it, rather than over the request.
-constexpr int SpareLocations = 1;
+constexpr int kSpareLocations = 1;
 
-constexpr SIZE_T HeaderSize = (sizeof(HostIrp) + 15) / 16 * 16;
+constexpr SIZE_T kHeaderSize = (sizeof(HostIrp) + 15) / 16 * 16;
 static_assert(sizeof(IRP) % alignof(IO_STACK_LOCATION) == 0);
 
 PIRP IrpOf(HostIrp* own) {
-    return reinterpret_cast<PIRP>(reinterpret_cast<char*>(own) + HeaderSize);
+    return reinterpret_cast<PIRP>(reinterpret_cast<char*>(own) + kHeaderSize);
 }
 
 // Index into the caches of the smallest size that holds `stackSize`, or -1.
 int SizeClass(CCHAR stackSize) {
-    for (unsigned i = 0; i < sizeof(IrpSizes); ++i)
-        if (stackSize <= IrpSizes[i]) return static_cast<int>(i);
+    for (unsigned i = 0; i < sizeof(kIrpSizes); ++i)
+        if (stackSize <= kIrpSizes[i]) return static_cast<int>(i);
     return -1;
 }
 
@@ -31,9 +31,9 @@ HostIrp* Allocate(ThreadIo& io, CCHAR stackSize) {
     if (size >= 0) {
         if (HostIrp* cached = io.irps[size].Take()) return cached;
     }
-    const CCHAR capacity = size >= 0 ? IrpSizes[size] : stackSize;
+    const CCHAR capacity = size >= 0 ? kIrpSizes[size] : stackSize;
     const SIZE_T bytes =
-        HeaderSize + sizeof(IRP) + static_cast<SIZE_T>(SpareLocations + capacity) * sizeof(IO_STACK_LOCATION);
+        kHeaderSize + sizeof(IRP) + static_cast<SIZE_T>(kSpareLocations + capacity) * sizeof(IO_STACK_LOCATION);
     void* memory = std::malloc(bytes);
     if (memory == nullptr) Violation("host memory", "no memory for a request of %d stack locations", stackSize);
     auto* own = new (memory) HostIrp{};
@@ -57,7 +57,7 @@ PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context) {
     own->OwnedSystemBuffer = nullptr;
     PIRP irp = IrpOf(own);
     auto* locations = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1);
-    const int used = SpareLocations + stackSize;
+    const int used = kSpareLocations + stackSize;
     RtlZeroMemory(irp, sizeof(IRP) + static_cast<SIZE_T>(used) * sizeof(IO_STACK_LOCATION));
     irp->StackCount = stackSize;
     irp->CurrentLocation = static_cast<CCHAR>(stackSize + 1);

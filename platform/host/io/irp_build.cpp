@@ -72,7 +72,7 @@ void CopyBuffered(PIRP irp) {
 PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG inputLength, PVOID output,
                   ULONG outputLength, UCHAR major) {
     CheckDevice(device, "IoBuildDeviceIoControlRequest");
-    constexpr ULONG Neither = 3;
+    constexpr ULONG kNeither = 3;
     PIRP irp = NewIrp(device->StackSize, FinishBuilt, nullptr);
     irp->Tail.Overlay.Thread = KeGetCurrentThread();
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
@@ -82,7 +82,7 @@ PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG in
     next->Parameters.DeviceIoControl.OutputBufferLength = outputLength;
     if (MethodOf(code) == METHOD_BUFFERED) {
         GiveSystemBuffer(irp, input, inputLength, output, outputLength);
-    } else if (MethodOf(code) == Neither) {
+    } else if (MethodOf(code) == kNeither) {
         next->Parameters.DeviceIoControl.Type3InputBuffer = const_cast<PVOID>(input);
         irp->UserBuffer = output;
     } else {  // direct: the input is buffered, the other buffer is described by an MDL

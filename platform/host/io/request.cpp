@@ -6,7 +6,7 @@
 namespace host {
 namespace {
 
-constexpr UCHAR OwnLocked = 1, MasterLocked = 2;
+constexpr UCHAR kOwnLocked = 1, kMasterLocked = 2;
 
 PMDL DescribePages(const Request& request, Pages pages) {
     if (pages == Pages::None || request.length == 0) return nullptr;
@@ -33,7 +33,7 @@ bool PagesLocked(const IRP* irp) {
 
 UCHAR LockedPages(const IRP* irp) {
     const bool master = (irp->Flags & IRP_ASSOCIATED_IRP) != 0 && PagesLocked(irp->AssociatedIrp.MasterIrp);
-    return static_cast<UCHAR>((PagesLocked(irp) ? OwnLocked : 0) | (master ? MasterLocked : 0));
+    return static_cast<UCHAR>((PagesLocked(irp) ? kOwnLocked : 0) | (master ? kMasterLocked : 0));
 }
 
 PIRP Build(PDEVICE_OBJECT device, const Request& request) {

@@ -25,7 +25,7 @@ struct ThreadEnd {
         if (io == nullptr) return;
         FreeCachedIrps(*io);
         FreeCachedMdls(*io);
-        HostGuard guard(gLock);
+        const HostGuard guard(gLock);
         Add(gEnded, *io);
         std::erase(gThreads, io);
         gThreadIo = nullptr;
@@ -38,7 +38,7 @@ thread_local ThreadEnd gThreadEnd;
 
 ThreadIo& MakeThreadIo() {
     auto* io = new ThreadIo;
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     gThreads.push_back(io);
     gThreadEnd.io = io;
     gThreadIo = io;
@@ -46,7 +46,7 @@ ThreadIo& MakeThreadIo() {
 }
 
 Outstanding CountOutstanding() {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     Outstanding sum = gEnded;
     for (const ThreadIo* io : gThreads) Add(sum, *io);
     return sum;

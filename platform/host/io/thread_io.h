@@ -31,15 +31,15 @@ private:
 
 // Sanitizers follow memory through the allocator, so there nothing is cached.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-inline constexpr unsigned CacheLimit = 0;
+inline constexpr unsigned kCacheLimit = 0;
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-inline constexpr unsigned CacheLimit = 0;
+inline constexpr unsigned kCacheLimit = 0;
 #else
-inline constexpr unsigned CacheLimit = 64;
+inline constexpr unsigned kCacheLimit = 64;
 #endif
 #else
-inline constexpr unsigned CacheLimit = 64;
+inline constexpr unsigned kCacheLimit = 64;
 #endif
 
 template <class T>
@@ -56,7 +56,7 @@ struct FreeList {
         return item;
     }
     bool Put(T* item) {
-        if (count >= CacheLimit) return false;
+        if (count >= kCacheLimit) return false;
         item->NextFree = first;
         first = item;
         ++count;
@@ -64,11 +64,11 @@ struct FreeList {
     }
 };
 
-inline constexpr CCHAR IrpSizes[] = {4, 8, 16};  // stack locations of the cached sizes
+inline constexpr CCHAR kIrpSizes[] = {4, 8, 16};  // stack locations of the cached sizes
 
 struct ThreadIo {
     CallFrame* frames = nullptr;
-    FreeList<HostIrp> irps[sizeof(IrpSizes)];
+    FreeList<HostIrp> irps[sizeof(kIrpSizes)];
     FreeList<HostMdl> mdls;
     OwnCount irpCount, mdlCount, lockedCount;
 };

@@ -19,9 +19,9 @@ struct ProgramFile {
 std::vector<PFILE_OBJECT> gFiles KVR_GUARDED_BY(gDeviceLock);  // what programs have open
 
 ACCESS_MASK Granted(ACCESS_MASK wanted) {
-    constexpr ACCESS_MASK GenericWrite = 0x40000000, GenericAll = 0x10000000;
-    if ((wanted & (GENERIC_READ | GenericAll)) != 0) wanted |= FILE_READ_DATA;
-    if ((wanted & (GenericWrite | GenericAll)) != 0) wanted |= FILE_WRITE_DATA;
+    constexpr ACCESS_MASK kGenericWrite = 0x40000000, kGenericAll = 0x10000000;
+    if ((wanted & (GENERIC_READ | kGenericAll)) != 0) wanted |= FILE_READ_DATA;
+    if ((wanted & (kGenericWrite | kGenericAll)) != 0) wanted |= FILE_WRITE_DATA;
     return wanted;
 }
 
@@ -33,7 +33,7 @@ bool MayControl(const ProgramFile& file, ULONG code) {
 
 NTSTATUS CountOpen(PFILE_OBJECT file) {
     PDEVICE_OBJECT device = file->DeviceObject;
-    HostGuard guard(gDeviceLock);
+    const HostGuard guard(gDeviceLock);
     if (device->Host->Deleted || (device->Flags & DO_DEVICE_INITIALIZING) != 0) return STATUS_NO_SUCH_DEVICE;
     if ((device->Flags & DO_EXCLUSIVE) != 0 && device->Host->Opens != 0) return STATUS_ACCESS_DENIED;
     ++device->Host->Opens;
@@ -44,7 +44,7 @@ NTSTATUS CountOpen(PFILE_OBJECT file) {
 void ForgetOpen(PFILE_OBJECT file) {
     PDEVICE_OBJECT device = file->DeviceObject;
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         if (std::erase(gFiles, file) != 0) --device->Host->Opens;
     }
     ObfDereferenceObject(file);
@@ -112,7 +112,7 @@ void CloseDevice(PFILE_OBJECT file) {
 void DropProgramFiles() {
     std::vector<PFILE_OBJECT> files;
     {
-        HostGuard guard(gDeviceLock);
+        const HostGuard guard(gDeviceLock);
         files = gFiles;
     }
     for (PFILE_OBJECT file : files) ForgetOpen(file);

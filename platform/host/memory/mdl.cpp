@@ -8,7 +8,7 @@ namespace host {
 
 // The host's part of an MDL, directly before it.
 struct HostMdl {
-    static constexpr ULONG Live = 0x6c644d48, Free = 0x65657246;
+    static constexpr ULONG kLive = 0x6c644d48, kFree = 0x65657246;
     ULONG magic;
     bool bad;
     HostMdl* NextFree;
@@ -19,7 +19,7 @@ namespace {
 
 HostMdl* OwnerOf(PMDL mdl, const char* routine) {
     HostMdl* own = CONTAINING_RECORD(mdl, HostMdl, mdl);
-    if (mdl == nullptr || own->magic != HostMdl::Live)
+    if (mdl == nullptr || own->magic != HostMdl::kLive)
         Violation("MDL used after its end", "%s: MDL %p", routine, static_cast<void*>(mdl));
     return own;
 }
@@ -28,22 +28,22 @@ PVOID AddressOf(const MDL* mdl) {
     return static_cast<char*>(mdl->StartVa) + mdl->ByteOffset;
 }
 
-constexpr CSHORT Resident = MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL | MDL_PARTIAL;
+constexpr CSHORT kResident = MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL | MDL_PARTIAL;
 
 }  // namespace
 
 PMDL NewMdl(PVOID address, ULONG length) {
-    constexpr ULONG_PTR PageMask = 0xfff;
+    constexpr ULONG_PTR kPageMask = 0xfff;
     ThreadIo& io = ThisThreadIo();
     HostMdl* own = io.mdls.Take();
     if (own == nullptr) own = static_cast<HostMdl*>(std::malloc(sizeof(HostMdl)));
     if (own == nullptr) Violation("host memory", "no memory for an MDL");
     io.mdlCount.Add(1);
     const auto start = reinterpret_cast<ULONG_PTR>(address);
-    *own = {HostMdl::Live, false, nullptr, {}};
+    *own = {HostMdl::kLive, false, nullptr, {}};
     own->mdl.Size = sizeof(MDL);
-    own->mdl.StartVa = reinterpret_cast<PVOID>(start & ~PageMask);
-    own->mdl.ByteOffset = static_cast<ULONG>(start & PageMask);
+    own->mdl.StartVa = reinterpret_cast<PVOID>(start & ~kPageMask);
+    own->mdl.ByteOffset = static_cast<ULONG>(start & kPageMask);
     own->mdl.ByteCount = length;
     return &own->mdl;
 }
@@ -54,7 +54,7 @@ void MarkMdlBad(PMDL mdl) {
 
 void LockMdl(PMDL mdl) {
     OwnerOf(mdl, "MmProbeAndLockPages");
-    if ((mdl->MdlFlags & Resident) != 0)
+    if ((mdl->MdlFlags & kResident) != 0)
         Violation("pages locked twice", "MDL %p, flags 0x%x", static_cast<void*>(mdl), mdl->MdlFlags);
     mdl->MdlFlags |= MDL_PAGES_LOCKED;
     ThisThreadIo().lockedCount.Add(1);
@@ -80,7 +80,7 @@ void IoFreeMdl(PMDL mdl) {
     host::HostMdl* own = host::OwnerOf(mdl, "IoFreeMdl");
     if ((mdl->MdlFlags & MDL_PAGES_LOCKED) != 0)
         host::Violation("MDL freed with locked pages", "MDL %p", static_cast<void*>(mdl));
-    own->magic = host::HostMdl::Free;
+    own->magic = host::HostMdl::kFree;
     host::ThreadIo& io = host::ThisThreadIo();
     io.mdlCount.Add(-1);
     if (!io.mdls.Put(own)) std::free(own);
@@ -88,7 +88,7 @@ void IoFreeMdl(PMDL mdl) {
 
 void MmBuildMdlForNonPagedPool(PMDL mdl) {
     host::OwnerOf(mdl, "MmBuildMdlForNonPagedPool");
-    if ((mdl->MdlFlags & host::Resident) != 0)
+    if ((mdl->MdlFlags & host::kResident) != 0)
         host::Violation("MDL built twice", "MDL %p, flags 0x%x", static_cast<void*>(mdl), mdl->MdlFlags);
     mdl->MdlFlags |= MDL_SOURCE_IS_NONPAGED_POOL;
     mdl->MappedSystemVa = host::AddressOf(mdl);
@@ -113,7 +113,7 @@ PVOID MmGetSystemAddressForMdlSafe(PMDL mdl, ULONG) {
     host::OwnerOf(mdl, "MmGetSystemAddressForMdlSafe");
     if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0)
         return mdl->MappedSystemVa;
-    if ((mdl->MdlFlags & host::Resident) == 0)
+    if ((mdl->MdlFlags & host::kResident) == 0)
         host::Violation("pages mapped that are not locked", "MDL %p", static_cast<void*>(mdl));
     if (host::InjectFault(host::Fault::MapPages)) return nullptr;
     mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;

@@ -6,35 +6,35 @@
 #include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <mutex>
 
 #include "platform/host/check/injector.h"
 #include "platform/host/memory/pool_block.h"
 #include "platform/host/check/verifier.h"
+#include "platform/host/sync/host_lock.h"
 
 namespace host {
 namespace {
 
 // ---- balance per tag ---------------------------------------------------------------------------------
 // Blocks above, bytes below in one word, so that an allocation costs one addition.
-constexpr int ByteBits = 37;
-constexpr ULONGLONG ByteMask = (1ULL << ByteBits) - 1;
-constexpr SIZE_T LargestBlock = SIZE_T{1} << 36;
-constexpr int MaxTags = 32;
+constexpr int kByteBits = 37;
+constexpr ULONGLONG kByteMask = (1ULL << kByteBits) - 1;
+constexpr SIZE_T kLargestBlock = SIZE_T{1} << 36;
+constexpr int kMaxTags = 32;
 
 struct alignas(64) TagBalance {
     std::atomic<ULONG> tag;
     std::atomic<ULONGLONG> use;
     std::atomic<ULONGLONG> peakBytes;
 };
-TagBalance balances[MaxTags];  // filled from the front
+TagBalance gBalances[kMaxTags];  // filled from the front
 
 constexpr ULONGLONG UseOf(SIZE_T bytes) {
-    return (1ULL << ByteBits) + bytes;
+    return (1ULL << kByteBits) + bytes;
 }
 
 TagBalance* FindBalance(ULONG tag) {
-    for (TagBalance& entry : balances) {
+    for (TagBalance& entry : gBalances) {
         const ULONG seen = entry.tag.load(std::memory_order_acquire);
         if (seen == tag) return &entry;
         if (seen == 0) return nullptr;
@@ -43,43 +43,43 @@ TagBalance* FindBalance(ULONG tag) {
 }
 
 TagBalance& BalanceOf(ULONG tag) {
-    for (TagBalance& entry : balances) {
+    for (TagBalance& entry : gBalances) {
         ULONG seen = entry.tag.load(std::memory_order_acquire);
         if (seen == 0 && entry.tag.compare_exchange_strong(seen, tag)) return entry;
         if (seen == tag) return entry;
     }
-    Violation("pool", "more than %d pool tags", MaxTags);
+    Violation("pool", "more than %d pool tags", kMaxTags);
 }
 
 SIZE_T BytesInUse() {
     SIZE_T bytes = 0;
-    for (const TagBalance& entry : balances) bytes += entry.use.load(std::memory_order_relaxed) & ByteMask;
+    for (const TagBalance& entry : gBalances) bytes += entry.use.load(std::memory_order_relaxed) & kByteMask;
     return bytes;
 }
 
 void AddUse(TagBalance& balance, SIZE_T bytes) {
     const ULONGLONG use = balance.use.fetch_add(UseOf(bytes), std::memory_order_relaxed) + UseOf(bytes);
     ULONGLONG peak = balance.peakBytes.load(std::memory_order_relaxed);
-    while (peak < (use & ByteMask) &&
-           !balance.peakBytes.compare_exchange_weak(peak, use & ByteMask, std::memory_order_relaxed)) {
+    while (peak < (use & kByteMask) &&
+           !balance.peakBytes.compare_exchange_weak(peak, use & kByteMask, std::memory_order_relaxed)) {
     }
 }
 
 PoolBalance Read(const TagBalance& entry) {
     const ULONGLONG use = entry.use.load(std::memory_order_relaxed);
-    return {entry.tag.load(std::memory_order_relaxed), use >> ByteBits, use & ByteMask,
+    return {entry.tag.load(std::memory_order_relaxed), use >> kByteBits, use & kByteMask,
             entry.peakBytes.load(std::memory_order_relaxed)};
 }
 
 // ---- the blocks that are outstanding -----------------------------------------------------------------
-constexpr ULONG ShardCount = 16;
+constexpr ULONG kShardCount = 16;
 
-class ShardLock {
+class KVR_CAPABILITY("shard lock") ShardLock {
 public:
-    void lock() {
+    void lock() KVR_ACQUIRE() KVR_NO_ANALYSIS {
         while (held_.exchange(true, std::memory_order_acquire)) sched_yield();
     }
-    void unlock() { held_.store(false, std::memory_order_release); }
+    void unlock() KVR_RELEASE() KVR_NO_ANALYSIS { held_.store(false, std::memory_order_release); }
 
 private:
     std::atomic<bool> held_{false};
@@ -87,21 +87,22 @@ private:
 
 struct alignas(64) Shard {
     ShardLock lock;
-    PoolBlock* first = nullptr;
+    PoolBlock* first KVR_GUARDED_BY(lock) = nullptr;
 };
-Shard shards[ShardCount];
+Shard gShards[kShardCount];
 
-std::atomic<ULONG> nextShard;
-thread_local ULONG threadShard = ShardCount;  // none yet
+std::atomic<ULONG> gNextShard;
+thread_local ULONG gThreadShard = kShardCount;  // none yet
 
 ULONG ShardOfThread() {
-    if (threadShard == ShardCount) threadShard = nextShard.fetch_add(1, std::memory_order_relaxed) % ShardCount;
-    return threadShard;
+    if (gThreadShard == kShardCount)
+        gThreadShard = gNextShard.fetch_add(1, std::memory_order_relaxed) % kShardCount;
+    return gThreadShard;
 }
 
 void Link(PoolBlock* block) {
-    Shard& shard = shards[block->shard];
-    const std::lock_guard guard(shard.lock);
+    Shard& shard = gShards[block->shard];
+    const HostGuard guard(shard.lock);
     block->previous = nullptr;
     block->next = shard.first;
     if (shard.first != nullptr) shard.first->previous = block;
@@ -109,8 +110,8 @@ void Link(PoolBlock* block) {
 }
 
 void Unlink(PoolBlock* block) {
-    Shard& shard = shards[block->shard];
-    const std::lock_guard guard(shard.lock);
+    Shard& shard = gShards[block->shard];
+    const HostGuard guard(shard.lock);
     PoolBlock*& before = block->previous != nullptr ? block->previous->next : shard.first;
     if (before != block || (block->next != nullptr && block->next->previous != block)) {
         Violation("pool", "block %p: its header was overwritten", block->Bytes());
@@ -119,14 +120,20 @@ void Unlink(PoolBlock* block) {
     if (block->next != nullptr) block->next->previous = block->previous;
 }
 
-// ---- options -----------------------------------------------------------------------------------------
-std::atomic<bool> fill;
-std::atomic<SIZE_T> quarantineLimit;
-std::atomic<SIZE_T> poolLimit = NoPoolLimit;
+// Null when nothing of the shard is outstanding.
+PoolBlock* FirstOf(Shard& shard) {
+    const HostGuard guard(shard.lock);
+    return shard.first;
+}
 
-std::mutex quarantineLock;
-std::deque<PoolBlock*> quarantine;
-SIZE_T quarantineBytes = 0;
+// ---- options -----------------------------------------------------------------------------------------
+std::atomic<bool> gFill;
+std::atomic<SIZE_T> gQuarantineLimit;
+std::atomic<SIZE_T> gPoolLimit = kNoPoolLimit;
+
+HostLock gQuarantineLock;
+std::deque<PoolBlock*> gQuarantine KVR_GUARDED_BY(gQuarantineLock);
+SIZE_T gQuarantineBytes KVR_GUARDED_BY(gQuarantineLock) = 0;
 
 void CheckStillFreed(PoolBlock* block) {
     if (const SIZE_T at = FindWrite(*block); at < block->bytes) {
@@ -135,44 +142,44 @@ void CheckStillFreed(PoolBlock* block) {
     }
 }
 
-void ShrinkQuarantine(SIZE_T limit) {
-    while (quarantineBytes > limit) {
-        PoolBlock* block = quarantine.front();
-        quarantine.pop_front();
-        quarantineBytes -= sizeof(PoolBlock) + block->bytes;
+void ShrinkQuarantine(SIZE_T limit) KVR_REQUIRES(gQuarantineLock) {
+    while (gQuarantineBytes > limit) {
+        PoolBlock* block = gQuarantine.front();
+        gQuarantine.pop_front();
+        gQuarantineBytes -= sizeof(PoolBlock) + block->bytes;
         CheckStillFreed(block);
         ReleaseBlock(block);
     }
 }
 
 void Discard(PoolBlock* block) {
-    if (!fill.load(std::memory_order_relaxed)) return ReleaseBlock(block);
-    std::memset(block->Bytes(), FreedFill, block->bytes);
-    const std::lock_guard guard(quarantineLock);
-    quarantine.push_back(block);
-    quarantineBytes += sizeof(PoolBlock) + block->bytes;
-    ShrinkQuarantine(quarantineLimit.load(std::memory_order_relaxed));
+    if (!gFill.load(std::memory_order_relaxed)) return ReleaseBlock(block);
+    std::memset(block->Bytes(), kFreedFill, block->bytes);
+    const HostGuard guard(gQuarantineLock);
+    gQuarantine.push_back(block);
+    gQuarantineBytes += sizeof(PoolBlock) + block->bytes;
+    ShrinkQuarantine(gQuarantineLimit.load(std::memory_order_relaxed));
 }
 
 bool Refused(SIZE_T bytes) {
-    if (InjectFault(Fault::Allocate) || bytes > LargestBlock) return true;
-    const SIZE_T limit = poolLimit.load(std::memory_order_relaxed);
-    return limit != NoPoolLimit && BytesInUse() + bytes > limit;
+    if (InjectFault(Fault::Allocate) || bytes > kLargestBlock) return true;
+    const SIZE_T limit = gPoolLimit.load(std::memory_order_relaxed);
+    return limit != kNoPoolLimit && BytesInUse() + bytes > limit;
 }
 
 }  // namespace
 
 void SetPoolOptions(const PoolOptions& options) {
-    const std::lock_guard guard(quarantineLock);
-    fill.store(options.fill, std::memory_order_relaxed);
+    const HostGuard guard(gQuarantineLock);
+    gFill.store(options.fill, std::memory_order_relaxed);
     // The address sanitizer holds freed blocks back itself, and sees reads of them too.
     const bool hold = options.fill && !KVR_POOL_ASAN;
-    quarantineLimit.store(hold ? options.quarantineBytes : 0, std::memory_order_relaxed);
-    ShrinkQuarantine(quarantineLimit.load(std::memory_order_relaxed));
+    gQuarantineLimit.store(hold ? options.quarantineBytes : 0, std::memory_order_relaxed);
+    ShrinkQuarantine(gQuarantineLimit.load(std::memory_order_relaxed));
 }
 
 void SetPoolLimit(SIZE_T bytes) {
-    poolLimit.store(bytes, std::memory_order_relaxed);
+    gPoolLimit.store(bytes, std::memory_order_relaxed);
 }
 
 PoolBalance PoolUsage(ULONG tag) {
@@ -182,25 +189,25 @@ PoolBalance PoolUsage(ULONG tag) {
 
 std::vector<PoolBalance> PoolUsage() {
     std::vector<PoolBalance> all;
-    for (const TagBalance& entry : balances) {
+    for (const TagBalance& entry : gBalances) {
         if (entry.tag.load(std::memory_order_acquire) != 0) all.push_back(Read(entry));
     }
     return all;
 }
 
 void ResetPoolPeaks() {
-    for (TagBalance& entry : balances) {
-        entry.peakBytes.store(entry.use.load(std::memory_order_relaxed) & ByteMask, std::memory_order_relaxed);
+    for (TagBalance& entry : gBalances) {
+        entry.peakBytes.store(entry.use.load(std::memory_order_relaxed) & kByteMask, std::memory_order_relaxed);
     }
 }
 
 void PoolCheck() {
-    for (Shard& shard : shards) {
-        const std::lock_guard guard(shard.lock);
+    for (Shard& shard : gShards) {
+        const HostGuard guard(shard.lock);
         for (PoolBlock* block = shard.first; block != nullptr; block = block->next) CheckGuards(block);
     }
-    const std::lock_guard guard(quarantineLock);
-    for (PoolBlock* block : quarantine) CheckStillFreed(block);
+    const HostGuard guard(gQuarantineLock);
+    for (PoolBlock* block : gQuarantine) CheckStillFreed(block);
 }
 
 std::vector<PoolBalance> PoolReclaimAll() {
@@ -208,8 +215,8 @@ std::vector<PoolBalance> PoolReclaimAll() {
     for (const PoolBalance& balance : PoolUsage()) {
         if (balance.blocks != 0) outstanding.push_back(balance);
     }
-    for (Shard& shard : shards) {
-        while (shard.first != nullptr) ExFreePoolWithTag(shard.first->Bytes(), shard.first->tag);
+    for (Shard& shard : gShards) {
+        while (PoolBlock* block = FirstOf(shard)) ExFreePoolWithTag(block->Bytes(), block->tag);
     }
     return outstanding;
 }
@@ -224,7 +231,7 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
     if (Refused(bytes)) return nullptr;
     PoolBlock* block = ObtainBlock(bytes, tag, ShardOfThread());
     if (block == nullptr) return nullptr;
-    if (fill.load(std::memory_order_relaxed)) std::memset(block->Bytes(), NewFill, bytes);
+    if (gFill.load(std::memory_order_relaxed)) std::memset(block->Bytes(), kNewFill, bytes);
     AddUse(BalanceOf(tag), bytes);
     Link(block);
     return block->Bytes();

@@ -18,17 +18,17 @@ struct PoolOptions {
 void SetPoolOptions(const PoolOptions& options);
 
 // Allocations fail while they would take the requested bytes outstanding, all tags together, above `bytes`.
-inline constexpr SIZE_T NoPoolLimit = ~SIZE_T{0};
+inline constexpr SIZE_T kNoPoolLimit = ~SIZE_T{0};
 void SetPoolLimit(SIZE_T bytes);
 
-inline constexpr SIZE_T PlatformPoolHeader = 16;  // what the platform's pool adds to a block
+inline constexpr SIZE_T kPlatformPoolHeader = 16;  // what the platform's pool adds to a block
 struct PoolBalance {
     ULONG tag;
     ULONGLONG blocks;
     ULONGLONG bytes;      // as requested
     ULONGLONG peakBytes;  // highest value of `bytes` since ResetPoolPeaks
 
-    ULONGLONG PlatformBytes() const { return bytes + blocks * PlatformPoolHeader; }
+    ULONGLONG PlatformBytes() const { return bytes + blocks * kPlatformPoolHeader; }
 };
 // Exact once the threads that allocate are quiet. A tag never seen reads as zeros.
 PoolBalance PoolUsage(ULONG tag);

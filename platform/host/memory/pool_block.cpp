@@ -14,10 +14,10 @@
 namespace host {
 namespace {
 
-constexpr ULONG LiveGuard = 0x4B76506C;
-constexpr ULONG FreedGuard = 0x46726565;
-constexpr ULONGLONG TailGuard = 0x7C7C7461696C7C7CULL;
-constexpr SIZE_T TailBytes = KVR_POOL_ASAN ? 0 : sizeof TailGuard;
+constexpr ULONG kLiveGuard = 0x4B76506C;
+constexpr ULONG kFreedGuard = 0x46726565;
+constexpr ULONGLONG kTailGuard = 0x7C7C7461696C7C7CULL;
+constexpr SIZE_T kTailBytes = KVR_POOL_ASAN ? 0 : sizeof kTailGuard;
 
 // Guards depend on the address, so that a copied header is not taken for a block.
 ULONGLONG Guard(ULONGLONG value, const PoolBlock* block) {
@@ -29,25 +29,25 @@ ULONG FrontGuard(ULONG value, const PoolBlock* block) {
 }
 
 void SetTail(PoolBlock* block) {
-    const ULONGLONG tail = Guard(TailGuard, block);
-    std::memcpy(static_cast<char*>(block->Bytes()) + block->bytes, &tail, TailBytes);
+    const ULONGLONG tail = Guard(kTailGuard, block);
+    std::memcpy(static_cast<char*>(block->Bytes()) + block->bytes, &tail, kTailBytes);
 }
 
 bool TailIntact(PoolBlock* block) {
-    const ULONGLONG tail = Guard(TailGuard, block);
-    return std::memcmp(static_cast<char*>(block->Bytes()) + block->bytes, &tail, TailBytes) == 0;
+    const ULONGLONG tail = Guard(kTailGuard, block);
+    return std::memcmp(static_cast<char*>(block->Bytes()) + block->bytes, &tail, kTailBytes) == 0;
 }
 
 }  // namespace
 
 PoolBlock* ObtainBlock(SIZE_T bytes, ULONG tag, ULONG shard) {
-    void* memory = TakePoolMemory(sizeof(PoolBlock) + bytes + TailBytes);
+    void* memory = TakePoolMemory(sizeof(PoolBlock) + bytes + kTailBytes);
     if (memory == nullptr) return nullptr;
     auto* block = new (memory) PoolBlock;
     block->bytes = bytes;
     block->tag = tag;
     block->shard = shard & 0xFF;
-    block->guard = FrontGuard(LiveGuard, block);
+    block->guard = FrontGuard(kLiveGuard, block);
     SetTail(block);
 #if KVR_POOL_ASAN
     ASAN_POISON_MEMORY_REGION(block->redZone, sizeof block->redZone);
@@ -59,14 +59,14 @@ void ReleaseBlock(PoolBlock* block) {
 #if KVR_POOL_ASAN
     ASAN_UNPOISON_MEMORY_REGION(block->redZone, sizeof block->redZone);
 #endif
-    GivePoolMemory(block, sizeof(PoolBlock) + block->bytes + TailBytes);
+    GivePoolMemory(block, sizeof(PoolBlock) + block->bytes + kTailBytes);
 }
 
 void CheckGuards(PoolBlock* block) {
-    if (block->guard == FrontGuard(FreedGuard, block)) {
+    if (block->guard == FrontGuard(kFreedGuard, block)) {
         Violation("pool", "block %p was freed before", block->Bytes());
     }
-    if (block->guard != FrontGuard(LiveGuard, block)) {
+    if (block->guard != FrontGuard(kLiveGuard, block)) {
         Violation("pool", "%p is no pool block, or the bytes before it were overwritten", block->Bytes());
     }
     if (!TailIntact(block)) {
@@ -77,13 +77,13 @@ void CheckGuards(PoolBlock* block) {
 
 void MarkFreed(PoolBlock* block) {
     // The compiler may drop a store to memory that is about to be freed; a second free looks for this one.
-    *static_cast<volatile ULONG*>(&block->guard) = FrontGuard(FreedGuard, block);
+    *static_cast<volatile ULONG*>(&block->guard) = FrontGuard(kFreedGuard, block);
 }
 
 SIZE_T FindWrite(PoolBlock& block) {
     const auto* bytes = static_cast<const UCHAR*>(block.Bytes());
     SIZE_T at = 0;
-    while (at < block.bytes && bytes[at] == FreedFill) ++at;
+    while (at < block.bytes && bytes[at] == kFreedFill) ++at;
     return at;
 }
 

@@ -19,8 +19,8 @@
 
 namespace host {
 
-inline constexpr int NewFill = 0xCD;
-inline constexpr int FreedFill = 0xDD;
+inline constexpr int kNewFill = 0xCD;
+inline constexpr int kFreedFill = 0xDD;
 
 struct alignas(16) PoolBlock {
     PoolBlock* next;
@@ -50,7 +50,7 @@ void ReleaseBlock(PoolBlock* block);
 void CheckGuards(PoolBlock* block);
 // From now on CheckGuards knows the block as freed, until its memory is used again.
 void MarkFreed(PoolBlock* block);
-// The first byte of a freed block that is not FreedFill any more, or its size.
+// The first byte of a freed block that is not kFreedFill any more, or its size.
 SIZE_T FindWrite(PoolBlock& block);
 
 struct TagName {

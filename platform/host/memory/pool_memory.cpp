@@ -4,8 +4,9 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <mutex>
 #include <vector>
+
+#include "platform/host/sync/host_lock.h"
 
 // Sanitizers follow memory through the allocator, so there every block is one of its own.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -35,18 +36,18 @@ void GivePoolMemory(void* memory, SIZE_T) {
 
 namespace {
 
-constexpr SIZE_T LargePage = SIZE_T{2} << 20;
-constexpr SIZE_T ArenaBytes = 16 * LargePage;
-constexpr SIZE_T StripBytes = SIZE_T{256} << 10;  // what a thread takes at a time to cut blocks from
-constexpr SIZE_T SmallStep = 16;                  // blocks up to SmallMost come in steps of this
-constexpr SIZE_T SmallMost = 1024;
-constexpr SIZE_T LargestListed = SIZE_T{64} << 10;  // blocks above that come from the allocator
-constexpr SIZE_T ListBytes = SIZE_T{64} << 10;      // what a thread's list of one size may hold
-constexpr SIZE_T LargestKept = SIZE_T{2} << 20;  // blocks above LargestListed up to that are kept for a while
-constexpr SIZE_T KeptBytes = SIZE_T{32} << 20;   // as many of them in all
-constexpr int SmallClasses = SmallMost / SmallStep;
-constexpr int Classes = SmallClasses + 24;
-constexpr int KeptClasses = 20;  // those above LargestListed
+constexpr SIZE_T kLargePage = SIZE_T{2} << 20;
+constexpr SIZE_T kArenaBytes = 16 * kLargePage;
+constexpr SIZE_T kStripBytes = SIZE_T{256} << 10;  // what a thread takes at a time to cut blocks from
+constexpr SIZE_T kSmallStep = 16;                  // blocks up to kSmallMost come in steps of this
+constexpr SIZE_T kSmallMost = 1024;
+constexpr SIZE_T kLargestListed = SIZE_T{64} << 10;  // blocks above that come from the allocator
+constexpr SIZE_T kListBytes = SIZE_T{64} << 10;      // what a thread's list of one size may hold
+constexpr SIZE_T kLargestKept = SIZE_T{2} << 20;  // blocks above kLargestListed up to that are kept for a while
+constexpr SIZE_T kKeptBytes = SIZE_T{32} << 20;   // as many of them in all
+constexpr int kSmallClasses = kSmallMost / kSmallStep;
+constexpr int kClasses = kSmallClasses + 24;
+constexpr int kKeptClasses = 20;  // those above kLargestListed
 
 struct FreeBlock {
     FreeBlock* next;
@@ -57,51 +58,51 @@ struct Strip {
     char* end;
 };
 
-// Sizes above SmallMost come in four steps per doubling.
+// Sizes above kSmallMost come in four steps per doubling.
 struct SizeClass {
     int index;
     SIZE_T bytes;
 };
 SizeClass ClassOf(SIZE_T bytes) {
-    if (bytes <= SmallMost) {
-        const SIZE_T steps = std::max<SIZE_T>((bytes + SmallStep - 1) / SmallStep, 1);
-        return {static_cast<int>(steps) - 1, steps * SmallStep};
+    if (bytes <= kSmallMost) {
+        const SIZE_T steps = std::max<SIZE_T>((bytes + kSmallStep - 1) / kSmallStep, 1);
+        return {static_cast<int>(steps) - 1, steps * kSmallStep};
     }
-    const int doublings = 63 - __builtin_clzll((bytes - 1) / SmallMost);  // of SmallMost, below `bytes`
-    const SIZE_T base = SmallMost << doublings;
+    const int doublings = 63 - __builtin_clzll((bytes - 1) / kSmallMost);  // of kSmallMost, below `bytes`
+    const SIZE_T base = kSmallMost << doublings;
     const SIZE_T quarter = (bytes - base + base / 4 - 1) / (base / 4);
-    return {SmallClasses + doublings * 4 + static_cast<int>(quarter) - 1, base + quarter * (base / 4)};
+    return {kSmallClasses + doublings * 4 + static_cast<int>(quarter) - 1, base + quarter * (base / 4)};
 }
 
 // What all threads share: touched once per strip, and when a thread has far more of one size than it uses.
 struct Shared {
-    std::mutex lock;
-    Strip arena{};
-    std::vector<Strip> rests;  // strips of threads that have ended
-    FreeBlock* lists[Classes] = {};
+    HostLock lock;
+    Strip arena KVR_GUARDED_BY(lock){};
+    std::vector<Strip> rests KVR_GUARDED_BY(lock);  // strips of threads that have ended
+    FreeBlock* lists[kClasses] KVR_GUARDED_BY(lock) = {};
 };
 Shared& TheShared() {
     static Shared* shared = new Shared;  // threads may end after static objects
     return *shared;
 }
 
-// Under the lock. Empty when the host has no memory.
-Strip NewStrip(Shared& shared) {
+// Empty when the host has no memory.
+Strip NewStrip(Shared& shared) KVR_REQUIRES(shared.lock) {
     if (!shared.rests.empty()) {
         const Strip rest = shared.rests.back();
         shared.rests.pop_back();
         return rest;
     }
     if (shared.arena.begin == shared.arena.end) {
-        void* memory = mmap(nullptr, ArenaBytes + LargePage, PROT_READ | PROT_WRITE,
+        void* memory = mmap(nullptr, kArenaBytes + kLargePage, PROT_READ | PROT_WRITE,
                             MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
         if (memory == MAP_FAILED) return {};
         const auto start = reinterpret_cast<ULONG_PTR>(memory);
-        char* aligned = static_cast<char*>(memory) + (LargePage - start % LargePage) % LargePage;
-        madvise(aligned, ArenaBytes, MADV_HUGEPAGE);  // without large pages it is slower, not wrong
-        shared.arena = {aligned, aligned + ArenaBytes};
+        char* aligned = static_cast<char*>(memory) + (kLargePage - start % kLargePage) % kLargePage;
+        madvise(aligned, kArenaBytes, MADV_HUGEPAGE);  // without large pages it is slower, not wrong
+        shared.arena = {aligned, aligned + kArenaBytes};
     }
-    const Strip strip{shared.arena.begin, shared.arena.begin + StripBytes};
+    const Strip strip{shared.arena.begin, shared.arena.begin + kStripBytes};
     shared.arena.begin = strip.end;
     return strip;
 }
@@ -111,13 +112,13 @@ struct ThreadMemory {
         FreeBlock* first = nullptr;
         SIZE_T bytes = 0;
     };
-    List lists[Classes];
+    List lists[kClasses];
     Strip strip{};
 
     ~ThreadMemory() {
         Shared& shared = TheShared();
-        const std::lock_guard guard(shared.lock);
-        for (int i = 0; i < Classes; ++i) {
+        const HostGuard guard(shared.lock);
+        for (int i = 0; i < kClasses; ++i) {
             while (FreeBlock* block = lists[i].first) {
                 lists[i].first = block->next;
                 block->next = shared.lists[i];
@@ -137,11 +138,11 @@ struct ThreadMemory {
     // Blocks of the size that other threads gave back, or else a new strip.
     void* TakeShared(const SizeClass& size) {
         Shared& shared = TheShared();
-        const std::lock_guard guard(shared.lock);
+        const HostGuard guard(shared.lock);
         FreeBlock*& list = shared.lists[size.index];
         if (FreeBlock* block = list) {
             list = block->next;
-            for (SIZE_T moved = 0; list != nullptr && moved < ListBytes / 2; moved += size.bytes) {
+            for (SIZE_T moved = 0; list != nullptr && moved < kListBytes / 2; moved += size.bytes) {
                 FreeBlock* more = list;
                 list = more->next;
                 Put(size, more);
@@ -167,8 +168,8 @@ struct ThreadMemory {
     void Shrink(const SizeClass& size) {
         Shared& shared = TheShared();
         List& list = lists[size.index];
-        const std::lock_guard guard(shared.lock);
-        while (list.bytes > ListBytes / 2 && list.first != nullptr) {
+        const HostGuard guard(shared.lock);
+        while (list.bytes > kListBytes / 2 && list.first != nullptr) {
             FreeBlock* block = list.first;
             list.first = block->next;
             list.bytes -= size.bytes;
@@ -177,7 +178,7 @@ struct ThreadMemory {
         }
     }
 };
-thread_local ThreadMemory threadMemory;
+thread_local ThreadMemory gThreadMemory;
 
 // Buffers of large transfers. The allocator would give their pages back to the host at once, and every transfer
 // would have the host clear and map them again.
@@ -185,8 +186,8 @@ class KeptBlocks {
 public:
     void* Take(const SizeClass& size) {
         {
-            const std::lock_guard guard(lock_);
-            FreeBlock*& list = lists_[size.index - Classes];
+            const HostGuard guard(lock_);
+            FreeBlock*& list = lists_[size.index - kClasses];
             if (FreeBlock* block = list) {
                 list = block->next;
                 bytes_ -= size.bytes;
@@ -198,11 +199,11 @@ public:
 
     void Give(const SizeClass& size, void* memory) {
         {
-            const std::lock_guard guard(lock_);
-            if (bytes_ + size.bytes <= KeptBytes) {
+            const HostGuard guard(lock_);
+            if (bytes_ + size.bytes <= kKeptBytes) {
                 auto* block = static_cast<FreeBlock*>(memory);
-                block->next = lists_[size.index - Classes];
-                lists_[size.index - Classes] = block;
+                block->next = lists_[size.index - kClasses];
+                lists_[size.index - kClasses] = block;
                 bytes_ += size.bytes;
                 return;
             }
@@ -211,9 +212,9 @@ public:
     }
 
 private:
-    std::mutex lock_;
-    FreeBlock* lists_[KeptClasses] = {};
-    SIZE_T bytes_ = 0;
+    HostLock lock_;
+    FreeBlock* lists_[kKeptClasses] KVR_GUARDED_BY(lock_) = {};
+    SIZE_T bytes_ KVR_GUARDED_BY(lock_) = 0;
 };
 KeptBlocks& TheKeptBlocks() {
     static KeptBlocks* blocks = new KeptBlocks;  // threads may end after static objects
@@ -221,19 +222,19 @@ KeptBlocks& TheKeptBlocks() {
 }
 
 void* TakeLarge(SIZE_T bytes) {
-    return bytes > LargestKept ? std::malloc(bytes) : TheKeptBlocks().Take(ClassOf(bytes));
+    return bytes > kLargestKept ? std::malloc(bytes) : TheKeptBlocks().Take(ClassOf(bytes));
 }
 
 void GiveLarge(void* memory, SIZE_T bytes) {
-    bytes > LargestKept ? std::free(memory) : TheKeptBlocks().Give(ClassOf(bytes), memory);
+    bytes > kLargestKept ? std::free(memory) : TheKeptBlocks().Give(ClassOf(bytes), memory);
 }
 
 }  // namespace
 
 void* TakePoolMemory(SIZE_T bytes) {
-    if (bytes > LargestListed) return TakeLarge(bytes);
+    if (bytes > kLargestListed) return TakeLarge(bytes);
     const SizeClass size = ClassOf(bytes);
-    ThreadMemory& own = threadMemory;
+    ThreadMemory& own = gThreadMemory;
     ThreadMemory::List& list = own.lists[size.index];
     if (FreeBlock* block = list.first) {
         list.first = block->next;
@@ -245,11 +246,11 @@ void* TakePoolMemory(SIZE_T bytes) {
 }
 
 void GivePoolMemory(void* memory, SIZE_T bytes) {
-    if (bytes > LargestListed) return GiveLarge(memory, bytes);
+    if (bytes > kLargestListed) return GiveLarge(memory, bytes);
     const SizeClass size = ClassOf(bytes);
-    ThreadMemory& own = threadMemory;
+    ThreadMemory& own = gThreadMemory;
     own.Put(size, memory);
-    if (own.lists[size.index].bytes > ListBytes) own.Shrink(size);
+    if (own.lists[size.index].bytes > kListBytes) own.Shrink(size);
 }
 
 #endif

@@ -11,5 +11,4 @@
 #define KVR_ACQUIRE(...) KVR_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define KVR_RELEASE(...) KVR_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define KVR_REQUIRES(...) KVR_ATTRIBUTE(requires_capability(__VA_ARGS__))
-#define KVR_EXCLUDES(...) KVR_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define KVR_NO_ANALYSIS KVR_ATTRIBUTE(no_thread_safety_analysis)

@@ -1,9 +1,8 @@
 // The handle table. A handle's value names a slot and the slot's turn, so that a handle that was closed is
 // told from the one that took its slot.
-#include <mutex>
-
-#include "platform/host/object/object.h"
 #include "platform/host/check/verifier.h"
+#include "platform/host/object/object.h"
+#include "platform/host/sync/host_lock.h"
 
 namespace host {
 namespace {
@@ -14,35 +13,34 @@ struct Slot {
 };
 
 // Handles are multiples of 4: turn above, slot number from 1 below.
-constexpr int SlotBits = 20;
-constexpr ULONG TurnMask = 0xFFFFF;
-constexpr SIZE_T SlotLimit = (SIZE_T{1} << SlotBits) - 1;
+constexpr int kSlotBits = 20;
+constexpr ULONG kTurnMask = 0xFFFFF;
+constexpr SIZE_T kSlotLimit = (SIZE_T{1} << kSlotBits) - 1;
 
-std::mutex tableLock;
-std::vector<Slot> slots;
-std::vector<SIZE_T> freeSlots;
+HostLock gLock;
+std::vector<Slot> gSlots KVR_GUARDED_BY(gLock);
+std::vector<SIZE_T> gFreeSlots KVR_GUARDED_BY(gLock);
 
-HANDLE MakeHandle(SIZE_T slot) {
-    const ULONG_PTR value = (static_cast<ULONG_PTR>(slots[slot].turn) << SlotBits) | (slot + 1);
+HANDLE MakeHandle(SIZE_T slot) KVR_REQUIRES(gLock) {
+    const ULONG_PTR value = (static_cast<ULONG_PTR>(gSlots[slot].turn) << kSlotBits) | (slot + 1);
     return reinterpret_cast<HANDLE>(value << 2);
 }
 
-// Under tableLock.
-Slot* FindSlot(HANDLE handle) {
+Slot* FindSlot(HANDLE handle) KVR_REQUIRES(gLock) {
     const auto value = reinterpret_cast<ULONG_PTR>(handle);
-    const SIZE_T number = (value >> 2) & SlotLimit;
-    if ((value & 3) != 0 || number == 0 || number > slots.size()) return nullptr;
-    Slot& slot = slots[number - 1];
-    if (slot.body == nullptr || slot.turn != value >> (2 + SlotBits)) return nullptr;
+    const SIZE_T number = (value >> 2) & kSlotLimit;
+    if ((value & 3) != 0 || number == 0 || number > gSlots.size()) return nullptr;
+    Slot& slot = gSlots[number - 1];
+    if (slot.body == nullptr || slot.turn != value >> (2 + kSlotBits)) return nullptr;
     return &slot;
 }
 
 void* TakeSlot(HANDLE handle) {
-    const std::lock_guard guard(tableLock);
+    const HostGuard guard(gLock);
     Slot* slot = FindSlot(handle);
     if (slot == nullptr) return nullptr;
-    slot->turn = (slot->turn + 1) & TurnMask;
-    freeSlots.push_back(static_cast<SIZE_T>(slot - slots.data()));
+    slot->turn = (slot->turn + 1) & kTurnMask;
+    gFreeSlots.push_back(static_cast<SIZE_T>(slot - gSlots.data()));
     return std::exchange(slot->body, nullptr);
 }
 
@@ -50,20 +48,20 @@ void* TakeSlot(HANDLE handle) {
 
 HANDLE InsertHandle(void* body) {
     ObfReferenceObject(body);
-    const std::lock_guard guard(tableLock);
-    if (freeSlots.empty()) {
-        if (slots.size() == SlotLimit) Violation("handle", "more than %zu handles are open", SlotLimit);
-        slots.push_back({nullptr, 1});
-        freeSlots.push_back(slots.size() - 1);
+    const HostGuard guard(gLock);
+    if (gFreeSlots.empty()) {
+        if (gSlots.size() == kSlotLimit) Violation("handle", "more than %zu handles are open", kSlotLimit);
+        gSlots.push_back({nullptr, 1});
+        gFreeSlots.push_back(gSlots.size() - 1);
     }
-    const SIZE_T slot = freeSlots.back();
-    freeSlots.pop_back();
-    slots[slot].body = body;
+    const SIZE_T slot = gFreeSlots.back();
+    gFreeSlots.pop_back();
+    gSlots[slot].body = body;
     return MakeHandle(slot);
 }
 
 void* LookupHandle(HANDLE handle) {
-    const std::lock_guard guard(tableLock);
+    const HostGuard guard(gLock);
     const Slot* slot = FindSlot(handle);
     if (slot == nullptr) return nullptr;
     ObfReferenceObject(slot->body);
@@ -71,7 +69,7 @@ void* LookupHandle(HANDLE handle) {
 }
 
 void* LookupHandle(HANDLE handle, ObjectType type) {
-    const std::lock_guard guard(tableLock);
+    const HostGuard guard(gLock);
     const Slot* slot = FindSlot(handle);
     if (slot == nullptr || TypeOf(slot->body) != type) return nullptr;
     ObfReferenceObject(slot->body);
@@ -86,10 +84,10 @@ bool CloseHandle(HANDLE handle) {
 }
 
 std::vector<OpenHandle> OpenHandles() {
-    const std::lock_guard guard(tableLock);
+    const HostGuard guard(gLock);
     std::vector<OpenHandle> open;
-    for (SIZE_T i = 0; i < slots.size(); ++i) {
-        if (slots[i].body != nullptr) open.push_back({MakeHandle(i), TypeOf(slots[i].body), slots[i].body});
+    for (SIZE_T i = 0; i < gSlots.size(); ++i) {
+        if (gSlots[i].body != nullptr) open.push_back({MakeHandle(i), TypeOf(gSlots[i].body), gSlots[i].body});
     }
     return open;
 }

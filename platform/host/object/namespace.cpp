@@ -1,7 +1,5 @@
 #include "platform/host/object/namespace.h"
-#include <condition_variable>
 #include <map>
-#include <mutex>
 #include <set>
 #include "platform/host/io/device.h"
 #include "platform/host/sync/host_lock.h"
@@ -23,12 +21,12 @@ std::map<std::u16string, Node> gNames KVR_GUARDED_BY(gLock);
 std::map<PDEVICE_OBJECT, FileProvider*> gMounts KVR_GUARDED_BY(gLock);
 
 // Its lock is never held together with gLock.
-std::mutex gMountingLock;
-std::condition_variable gMountingChanged;
-std::set<PDEVICE_OBJECT> gMounting;
+HostLock gMountingLock;
+HostCondition gMountingChanged;
+std::set<PDEVICE_OBJECT> gMounting KVR_GUARDED_BY(gMountingLock);
 
-constexpr std::u16string_view LinkDirectory = u"\\??";
-constexpr std::u16string_view SystemRoot = u"\\SYSTEMROOT";
+constexpr std::u16string_view kLinkDirectory = u"\\??";
+constexpr std::u16string_view kSystemRoot = u"\\SYSTEMROOT";
 
 std::u16string Upcase(std::u16string_view text) {
     std::u16string upper(text);
@@ -43,13 +41,13 @@ std::u16string Canonical(std::u16string_view path) {
     const SIZE_T firstEnd = path.find(u'\\', 1);
     const std::u16string first = Upcase(path.substr(0, firstEnd));
     if (first != u"\\DOSDEVICES" && first != u"\\GLOBAL??") return std::u16string(path);
-    std::u16string canonical(LinkDirectory);
+    std::u16string canonical(kLinkDirectory);
     if (firstEnd != path.npos) canonical += path.substr(firstEnd);
     return canonical;
 }
 
 bool IsDirectory(std::u16string_view upcased) {
-    return upcased.empty() || upcased == u"\\DEVICE" || upcased == LinkDirectory ||
+    return upcased.empty() || upcased == u"\\DEVICE" || upcased == kLinkDirectory ||
            upcased == u"\\KERNELOBJECTS";
 }
 
@@ -84,46 +82,46 @@ const Node* FindPrefix(const std::u16string& path, SIZE_T& length) KVR_REQUIRES(
 }  // namespace
 
 void SetSystemRoot(std::u16string_view target) {
-    HostGuard guard(gLock);
-    gNames.erase(std::u16string(SystemRoot));
-    if (!target.empty()) gNames[std::u16string(SystemRoot)].target = target;
+    const HostGuard guard(gLock);
+    gNames.erase(std::u16string(kSystemRoot));
+    if (!target.empty()) gNames[std::u16string(kSystemRoot)].target = target;
 }
 
 void MountProvider(PDEVICE_OBJECT device, FileProvider* provider) {
     CheckDevice(device, "MountProvider");
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     if (!gMounts.emplace(device, provider).second)
         Violation("device mounted twice", "device %p", static_cast<void*>(device));
 }
 
 void UnmountProvider(PDEVICE_OBJECT device) {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     gMounts.erase(device);
 }
 
 MountInProgress::MountInProgress(PDEVICE_OBJECT device) : device_(device) {
-    std::lock_guard<std::mutex> guard(gMountingLock);
+    const HostGuard guard(gMountingLock);
     gMounting.insert(device);
 }
 
 MountInProgress::~MountInProgress() {
-    std::lock_guard<std::mutex> guard(gMountingLock);
+    const HostGuard guard(gMountingLock);
     gMounting.erase(device_);
-    gMountingChanged.notify_all();
+    gMountingChanged.WakeAll();
 }
 
 namespace {
 
 void WaitForMount(PDEVICE_OBJECT device) {
-    std::unique_lock<std::mutex> guard(gMountingLock);
-    gMountingChanged.wait(guard, [&] { return !gMounting.contains(device); });
+    const HostGuard guard(gMountingLock);
+    while (gMounting.contains(device)) gMountingChanged.Wait(gMountingLock);
 }
 
 NTSTATUS FollowPath(std::u16string_view path, ResolvedPath& resolved) {
-    constexpr int MaxLinks = 32;
-    HostGuard guard(gLock);
+    constexpr int kMaxLinks = 32;
+    const HostGuard guard(gLock);
     std::u16string current = Canonical(path);
-    for (int links = 0; links < MaxLinks && !current.empty(); ++links) {
+    for (int links = 0; links < kMaxLinks && !current.empty(); ++links) {
         SIZE_T length = 0;
         const Node* node = FindPrefix(current, length);
         if (node == nullptr) return NotFound(Upcase(current));
@@ -148,17 +146,17 @@ NTSTATUS ResolvePath(std::u16string_view path, ResolvedPath& resolved) {
 }
 
 NTSTATUS AddDeviceName(std::u16string_view name, PDEVICE_OBJECT device) {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     return AddName(name, {device, nullptr, {}});
 }
 
 void RemoveDeviceName(std::u16string_view name) {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     gNames.erase(Upcase(Canonical(name)));
 }
 
 PKEVENT NamedEvent(std::u16string_view name) {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     const std::u16string key = Upcase(Canonical(name));
     if (key.empty() || !MayHold(key)) return nullptr;
     Node& node = gNames[key];
@@ -173,7 +171,7 @@ PKEVENT NamedEvent(std::u16string_view name) {
 void ResetNamespace() {
     std::map<std::u16string, Node> dropped;
     {
-        HostGuard guard(gLock);
+        const HostGuard guard(gLock);
         dropped.swap(gNames);
         gMounts.clear();
     }
@@ -186,13 +184,13 @@ void ResetNamespace() {
 NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING link, PUNICODE_STRING target) {
     host::RequireIrql("IoCreateSymbolicLink", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::CreateDevice)) return STATUS_INSUFFICIENT_RESOURCES;
-    host::HostGuard guard(host::gLock);
+    const host::HostGuard guard(host::gLock);
     return host::AddName(host::View(link), {nullptr, nullptr, std::u16string(host::View(target))});
 }
 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING link) {
     host::RequireIrql("IoDeleteSymbolicLink", PASSIVE_LEVEL);
-    host::HostGuard guard(host::gLock);
+    const host::HostGuard guard(host::gLock);
     const auto found = host::gNames.find(host::Upcase(host::Canonical(host::View(link))));
     if (found == host::gNames.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     if (found->second.target.empty()) return STATUS_OBJECT_TYPE_MISMATCH;

@@ -8,8 +8,8 @@
 namespace host {
 namespace {
 
-constexpr ULONG Alive = 0x4B4F424A;
-constexpr ULONG Dead = 0xDEAD0B1E;
+constexpr ULONG kAlive = 0x4B4F424A;
+constexpr ULONG kDead = 0xDEAD0B1E;
 
 }  // namespace
 
@@ -38,13 +38,13 @@ const char* ObjectTypeName(ObjectType type) {
 void* AllocateObject(ObjectType type, SIZE_T bytes, void (*destroy)(void* body)) {
     void* memory = std::calloc(1, sizeof(HostObject) + bytes);
     if (memory == nullptr) return nullptr;
-    auto* object = new (memory) HostObject{Alive, type, {1}, destroy};
+    auto* object = new (memory) HostObject{kAlive, type, {1}, destroy};
     return object + 1;
 }
 
 HostObject* ObjectOf(const void* body) {
     auto* object = static_cast<HostObject*>(const_cast<void*>(body)) - 1;
-    if (body == nullptr || object->magic != Alive) {
+    if (body == nullptr || object->magic != kAlive) {
         Violation("object", "%p is not a living object", body);
     }
     return object;
@@ -70,6 +70,6 @@ void ObfDereferenceObject(PVOID body) {
     if (before <= 0) Violation("object", "%p (%s) released too often", body, ObjectTypeName(object->type));
     if (before > 1) return;
     if (object->destroy != nullptr) object->destroy(body);
-    object->magic = Dead;
+    object->magic = kDead;
     std::free(object);
 }

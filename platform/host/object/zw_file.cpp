@@ -1,17 +1,18 @@
-#include <mutex>
 #include "platform/host/check/injector.h"
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/check/verifier.h"
+#include "platform/host/sync/host_lock.h"
 
 namespace host {
 namespace {
 
-// One open by a driver. Its transfers run one at a time, as those of a synchronous file object do.
+// One open by a driver. Its transfers run one at a time, as those of a synchronous file object do; `transfer`
+// is held over the file system's call, and it guards the order of those calls rather than a field.
 struct FileHandle {
     std::unique_ptr<OpenFile> file;
     USHORT sectorSize;  // transfers must be whole sectors when this is not 0
-    std::mutex transfer;
+    HostLock transfer;
 
     FileHandle(std::unique_ptr<OpenFile> opened, USHORT sectors)
         : file(std::move(opened)), sectorSize(sectors) {}
@@ -56,7 +57,7 @@ NTSTATUS Transfer(const char* routine, HANDLE handle, PIO_STATUS_BLOCK iosb, PLA
     ULONG done = 0;
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
     if (!InjectFault(Fault::FileIo)) {
-        std::lock_guard<std::mutex> one(file->transfer);
+        const HostGuard one(file->transfer);
         status = run(*file->file, offset->QuadPart, done);
     }
     iosb->Status = status;

@@ -24,7 +24,7 @@ NTSTATUS WithKey(HANDLE handle, const char* routine, const Call& call) {
     ObjectRef<KeyObject> key(static_cast<KeyObject*>(LookupHandle(handle, ObjectType::Key)));
     if (!key) return STATUS_INVALID_HANDLE;
     if (InjectFault(Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     return gStore == nullptr ? STATUS_OBJECT_PATH_NOT_FOUND : call(*gStore, key->path);
 }
 
@@ -34,15 +34,15 @@ std::u16string Name(PCUNICODE_STRING name) {
 
 // The fixed part must fit or nothing is written; of the data as much as fits is copied.
 NTSTATUS CopyPartial(const RegistryValue& value, PVOID info, ULONG length, PULONG resultLength) {
-    constexpr ULONG Fixed = offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    constexpr ULONG kFixed = offsetof(KEY_VALUE_PARTIAL_INFORMATION, Data);
     const auto dataLength = static_cast<ULONG>(value.data.size());
-    *resultLength = Fixed + dataLength;
-    if (length < Fixed) return STATUS_BUFFER_TOO_SMALL;
+    *resultLength = kFixed + dataLength;
+    if (length < kFixed) return STATUS_BUFFER_TOO_SMALL;
     auto* partial = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(info);
     partial->TitleIndex = 0;
     partial->Type = value.type;
     partial->DataLength = dataLength;
-    const ULONG fits = std::min(dataLength, length - Fixed);
+    const ULONG fits = std::min(dataLength, length - kFixed);
     if (fits != 0) RtlCopyMemory(partial->Data, value.data.data(), fits);
     return fits < dataLength ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
@@ -50,7 +50,7 @@ NTSTATUS CopyPartial(const RegistryValue& value, PVOID info, ULONG length, PULON
 }  // namespace
 
 void SetRegistryStore(RegistryStore* store) {
-    HostGuard guard(gLock);
+    const HostGuard guard(gLock);
     gStore = store;
 }
 
@@ -68,7 +68,7 @@ NTSTATUS ZwCreateKey(PHANDLE handle, ACCESS_MASK, POBJECT_ATTRIBUTES attributes,
     if (host::InjectFault(host::Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
     std::u16string path = host::Name(attributes->ObjectName);
     {
-        HostGuard guard(host::gLock);
+        const HostGuard guard(host::gLock);
         if (host::gStore == nullptr) return STATUS_OBJECT_PATH_NOT_FOUND;
         const NTSTATUS status = host::gStore->CreateKey(path);
         if (!NT_SUCCESS(status)) return status;

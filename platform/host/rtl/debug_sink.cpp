@@ -5,65 +5,64 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <mutex>
 
 #include "platform/host/rtl/format.h"
+#include "platform/host/sync/host_lock.h"
 
 namespace host {
 namespace {
 
-std::mutex sinkLock;
-char ring[DebugRingLines][DebugLineLimit];
-std::atomic<ULONGLONG> lineCount;  // line n, from 0, is in ring[n % DebugRingLines]
-DebugFollower follower = nullptr;
-void* followerContext = nullptr;
+HostLock gLock;
+char gRing[kDebugRingLines][kDebugLineLimit] KVR_GUARDED_BY(gLock);
+std::atomic<ULONGLONG> gLineCount;  // line n, from 0, is in gRing[n % kDebugRingLines]
+DebugFollower gFollower KVR_GUARDED_BY(gLock) = nullptr;
+void* gFollowerContext KVR_GUARDED_BY(gLock) = nullptr;
 
-std::atomic<bool> capture = true;
-std::atomic<bool> followed = false;
+std::atomic<bool> gCapture = true;
+std::atomic<bool> gFollowed = false;
 
 bool Listening() {
-    return capture.load(std::memory_order_relaxed) || followed.load(std::memory_order_relaxed);
+    return gCapture.load(std::memory_order_relaxed) || gFollowed.load(std::memory_order_relaxed);
 }
 
-// Under sinkLock.
-void PutLine(const char* text, SIZE_T length) {
-    const ULONGLONG number = lineCount.load(std::memory_order_relaxed);
-    char* line = ring[number % DebugRingLines];
-    length = std::min(length, DebugLineLimit - 1);
+void PutLine(const char* text, SIZE_T length) KVR_REQUIRES(gLock) {
+    const ULONGLONG number = gLineCount.load(std::memory_order_relaxed);
+    char* line = gRing[number % kDebugRingLines];
+    length = std::min(length, kDebugLineLimit - 1);
     std::memcpy(line, text, length);
     line[length] = 0;
-    lineCount.store(number + 1, std::memory_order_release);
-    if (follower != nullptr) follower(followerContext, line);
+    gLineCount.store(number + 1, std::memory_order_release);
+    if (gFollower != nullptr) gFollower(gFollowerContext, line);
 }
 
 ULONGLONG OldestLine() {
-    const ULONGLONG count = lineCount.load(std::memory_order_relaxed);
-    return count > DebugRingLines ? count - DebugRingLines : 0;
+    const ULONGLONG count = gLineCount.load(std::memory_order_relaxed);
+    return count > kDebugRingLines ? count - kDebugRingLines : 0;
 }
 
 }  // namespace
 
 void FollowDebug(DebugFollower newFollower, void* context) {
-    const std::lock_guard guard(sinkLock);
-    follower = newFollower;
-    followerContext = context;
-    followed.store(newFollower != nullptr, std::memory_order_relaxed);
+    const HostGuard guard(gLock);
+    gFollower = newFollower;
+    gFollowerContext = context;
+    gFollowed.store(newFollower != nullptr, std::memory_order_relaxed);
 }
 
 void SetDebugCapture(bool on) {
-    capture.store(on, std::memory_order_relaxed);
+    gCapture.store(on, std::memory_order_relaxed);
 }
 
 ULONGLONG DebugMark() {
-    return lineCount.load(std::memory_order_acquire);
+    return gLineCount.load(std::memory_order_acquire);
 }
 
 std::vector<std::string> DebugLinesSince(ULONGLONG mark) {
-    const std::lock_guard guard(sinkLock);
+    const HostGuard guard(gLock);
     std::vector<std::string> lines;
-    const ULONGLONG count = lineCount.load(std::memory_order_relaxed);
+    const ULONGLONG count = gLineCount.load(std::memory_order_relaxed);
     for (ULONGLONG n = std::max(mark, OldestLine()); n < count; ++n) {
-        lines.emplace_back(ring[n % DebugRingLines]);
+        lines.emplace_back(gRing[n % kDebugRingLines]);
     }
     return lines;
 }
@@ -76,7 +75,7 @@ bool DebugSaid(ULONGLONG mark, const char* part) {
 
 void PutDebugLine(const char* text) {
     if (!Listening()) return;
-    const std::lock_guard guard(sinkLock);
+    const HostGuard guard(gLock);
     while (*text != 0) {
         const SIZE_T length = std::strcspn(text, "\n");
         if (length != 0) PutLine(text, length);
@@ -95,7 +94,7 @@ void DumpDebugLines(SIZE_T lines) {
 
 ULONG DbgPrint(PCSTR format, ...) {
     if (!host::Listening()) return STATUS_SUCCESS;
-    char text[host::DebugLineLimit];
+    char text[host::kDebugLineLimit];
     va_list arguments;
     va_start(arguments, format);
     host::FormatV(text, sizeof text, format, arguments);

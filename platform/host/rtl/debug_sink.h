@@ -6,8 +6,8 @@
 
 namespace host {
 
-inline constexpr SIZE_T DebugLineLimit = 512;  // bytes of one print, the rest is cut as on the platform
-inline constexpr SIZE_T DebugRingLines = 4096;
+inline constexpr SIZE_T kDebugLineLimit = 512;  // bytes of one print, the rest is cut as on the platform
+inline constexpr SIZE_T kDebugRingLines = 4096;
 
 // Called for each line, in order and one at a time, without its final newline. It must not print itself.
 using DebugFollower = void (*)(void* context, const char* line);

@@ -25,8 +25,8 @@ public:
     void PutCodePoint(char32_t c) {
         if (c < 0x80) return Put(static_cast<char>(c));
         const int more = c < 0x800 ? 1 : c < 0x10000 ? 2 : 3;
-        static constexpr unsigned char leads[] = {0, 0xC0, 0xE0, 0xF0};
-        Put(static_cast<char>(leads[more] | (c >> (6 * more))));
+        static constexpr unsigned char kLeads[] = {0, 0xC0, 0xE0, 0xF0};
+        Put(static_cast<char>(kLeads[more] | (c >> (6 * more))));
         for (int i = more - 1; i >= 0; --i) Put(static_cast<char>(0x80 | ((c >> (6 * i)) & 0x3F)));
     }
     SIZE_T Finish() {

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr SIZE_T LongestString = 0xFFFC;  // bytes, so that the terminating zero still fits the 16-bit length
+constexpr SIZE_T kLongestString = 0xFFFC;  // bytes, so that the terminating zero still fits the 16-bit length
 
 SIZE_T LengthOf(PCWSTR text) {
     SIZE_T length = 0;
@@ -22,20 +22,20 @@ void TerminateIfRoom(PUNICODE_STRING string) {
         string->Buffer[string->Length / sizeof(WCHAR)] = 0;
 }
 
-std::atomic<ULONG> osMajor = 10;
-std::atomic<ULONG> osMinor = 0;
-std::atomic<ULONG> osBuild = 19041;
-std::atomic<NTSTATUS> osFailure = STATUS_SUCCESS;
+constexpr ULONG kOsMajor = 10;
+constexpr ULONG kOsMinor = 0;
+constexpr ULONG kOsBuild = 19041;
+std::atomic<NTSTATUS> gOsFailure = STATUS_SUCCESS;
 
-constexpr ULONG PlatformNt = 2;
-constexpr UCHAR ProductWorkstation = 1;
+constexpr ULONG kPlatformNt = 2;
+constexpr UCHAR kProductWorkstation = 1;
 
 }  // namespace
 
 void RtlInitUnicodeString(PUNICODE_STRING string, PCWSTR text) {
     *string = {0, 0, const_cast<PWSTR>(text)};
     if (text == nullptr) return;
-    string->Length = static_cast<USHORT>(std::min(LengthOf(text), LongestString));
+    string->Length = static_cast<USHORT>(std::min(LengthOf(text), kLongestString));
     string->MaximumLength = static_cast<USHORT>(string->Length + sizeof(WCHAR));
 }
 
@@ -67,33 +67,27 @@ LONG RtlCompareUnicodeString(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ign
 }
 
 NTSTATUS RtlGetVersion(PRTL_OSVERSIONINFOW info) {
-    constexpr ULONG shortForm = offsetof(RTL_OSVERSIONINFOEXW, wServicePackMajor);
-    const NTSTATUS failure = osFailure.load();
+    constexpr ULONG kShortForm = offsetof(RTL_OSVERSIONINFOEXW, wServicePackMajor);
+    const NTSTATUS failure = gOsFailure.load();
     if (!NT_SUCCESS(failure)) return failure;
     const ULONG size = info->dwOSVersionInfoSize;
-    if (size != shortForm && size != sizeof(RTL_OSVERSIONINFOEXW)) return STATUS_INVALID_PARAMETER;
-    info->dwMajorVersion = osMajor.load();
-    info->dwMinorVersion = osMinor.load();
-    info->dwBuildNumber = osBuild.load();
-    info->dwPlatformId = PlatformNt;
+    if (size != kShortForm && size != sizeof(RTL_OSVERSIONINFOEXW)) return STATUS_INVALID_PARAMETER;
+    info->dwMajorVersion = kOsMajor;
+    info->dwMinorVersion = kOsMinor;
+    info->dwBuildNumber = kOsBuild;
+    info->dwPlatformId = kPlatformNt;
     std::memset(info->szCSDVersion, 0, sizeof info->szCSDVersion);
-    if (size == shortForm) return STATUS_SUCCESS;
+    if (size == kShortForm) return STATUS_SUCCESS;
     info->wServicePackMajor = info->wServicePackMinor = info->wSuiteMask = 0;
-    info->wProductType = ProductWorkstation;
+    info->wProductType = kProductWorkstation;
     info->wReserved = 0;
     return STATUS_SUCCESS;
 }
 
 namespace host {
 
-void SetOsVersion(ULONG major, ULONG minor, ULONG build) {
-    osMajor.store(major);
-    osMinor.store(minor);
-    osBuild.store(build);
-}
-
 void FailOsVersion(NTSTATUS status) {
-    osFailure.store(status);
+    gOsFailure.store(status);
 }
 
 }  // namespace host

@@ -18,7 +18,7 @@ struct Range {
     LONG delta;
 };
 
-constexpr Range ranges[] = {
+constexpr Range kRanges[] = {
     {0x00E0, 0x00F6, 1, -32},   {0x00F8, 0x00FE, 1, -32},    {0x00FF, 0x00FF, 1, 121},
     {0x0101, 0x012F, 2, -1},    {0x0133, 0x0137, 2, -1},     {0x013A, 0x0148, 2, -1},
     {0x014B, 0x0177, 2, -1},    {0x017A, 0x017E, 2, -1},     {0x0180, 0x0180, 1, 195},
@@ -80,9 +80,9 @@ constexpr Range ranges[] = {
 
 WCHAR RtlUpcaseUnicodeChar(WCHAR c) {
     if (c < 0x80) return c >= u'a' && c <= u'z' ? static_cast<WCHAR>(c - 0x20) : c;
-    const Range* range = std::upper_bound(std::begin(ranges), std::end(ranges), c,
+    const Range* range = std::upper_bound(std::begin(kRanges), std::end(kRanges), c,
                                           [](WCHAR value, const Range& r) { return value < r.first; });
-    if (range == std::begin(ranges)) return c;
+    if (range == std::begin(kRanges)) return c;
     --range;
     const bool mapped = c <= range->last && (c - range->first) % range->stride == 0;
     return mapped ? static_cast<WCHAR>(c + range->delta) : c;

@@ -6,58 +6,58 @@
 namespace host {
 namespace {
 
-constexpr LONGLONG TicksTo1970 = 134'774 * TicksPerDay;
-constexpr LONGLONG TicksPerMinute = 60 * TicksPerSecond;
+constexpr LONGLONG kTicksTo1970 = 134'774 * kTicksPerDay;
+constexpr LONGLONG kTicksPerMinute = 60 * kTicksPerSecond;
 
-std::atomic<bool> stopped;
-std::atomic<LONGLONG> stoppedAt;
-std::atomic<LONGLONG> offset;  // added to the real clock while it is followed
-std::atomic<LONG> zoneBias;
+std::atomic<bool> gStopped;
+std::atomic<LONGLONG> gStoppedAt;
+std::atomic<LONGLONG> gOffset;  // added to the real clock while it is followed
+std::atomic<LONG> gZoneBias;
 
 // The coarse clock ticks every few milliseconds, as the platform's system time does, and is cheap to read.
 LONGLONG RealTime() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME_COARSE, &now);
-    return TicksTo1970 + now.tv_sec * TicksPerSecond + now.tv_nsec / 100;
+    return kTicksTo1970 + now.tv_sec * kTicksPerSecond + now.tv_nsec / 100;
 }
 
 // Days from 1601-01-01 to a date of the proleptic Gregorian calendar. Years are counted from March, so that
 // the leap day is a year's last.
 LONGLONG DaysSince1601(int year, int month, int day) {
-    constexpr LONGLONG MarchOfYearZeroTo1601 = 584'694;
+    constexpr LONGLONG kMarchOfYearZeroTo1601 = 584'694;
     const LONGLONG y = month <= 2 ? year - 1 : year;
     const LONGLONG dayOfYear = (153 * ((month + 9) % 12) + 2) / 5 + day - 1;
-    return 365 * y + y / 4 - y / 100 + y / 400 + dayOfYear - MarchOfYearZeroTo1601;
+    return 365 * y + y / 4 - y / 100 + y / 400 + dayOfYear - kMarchOfYearZeroTo1601;
 }
 
 }  // namespace
 
 void FollowRealClock() {
-    offset.store(0);
-    stopped.store(false);
+    gOffset.store(0);
+    gStopped.store(false);
 }
 
 void SetSystemTime(LONGLONG time) {
-    stoppedAt.store(time);
-    stopped.store(true);
+    gStoppedAt.store(time);
+    gStopped.store(true);
 }
 
 void AdvanceTime(LONGLONG ticks) {
-    (stopped.load() ? stoppedAt : offset).fetch_add(ticks);
+    (gStopped.load() ? gStoppedAt : gOffset).fetch_add(ticks);
 }
 
 LONGLONG SystemTime() {
-    return stopped.load(std::memory_order_relaxed) ? stoppedAt.load(std::memory_order_relaxed)
-                                                   : RealTime() + offset.load(std::memory_order_relaxed);
+    return gStopped.load(std::memory_order_relaxed) ? gStoppedAt.load(std::memory_order_relaxed)
+                                                    : RealTime() + gOffset.load(std::memory_order_relaxed);
 }
 
 void SetTimeZoneBias(LONG minutes) {
-    zoneBias.store(minutes);
+    gZoneBias.store(minutes);
 }
 
 LONGLONG TimeOf(int year, int month, int day, int hour, int minute, int second) {
     const LONGLONG seconds = (hour * 60LL + minute) * 60 + second;
-    return DaysSince1601(year, month, day) * TicksPerDay + seconds * TicksPerSecond;
+    return DaysSince1601(year, month, day) * kTicksPerDay + seconds * kTicksPerSecond;
 }
 
 }  // namespace host
@@ -69,13 +69,13 @@ void KeQuerySystemTime(PLARGE_INTEGER time) {
 }
 
 void ExSystemTimeToLocalTime(PLARGE_INTEGER system, PLARGE_INTEGER local) {
-    local->QuadPart = system->QuadPart - zoneBias.load() * TicksPerMinute;
+    local->QuadPart = system->QuadPart - gZoneBias.load() * kTicksPerMinute;
 }
 
 void RtlTimeToTimeFields(PLARGE_INTEGER time, PTIME_FIELDS fields) {
-    const LONGLONG days = time->QuadPart / TicksPerDay;
-    const LONGLONG inDay = time->QuadPart % TicksPerDay;
-    const LONGLONG seconds = inDay / TicksPerSecond;
+    const LONGLONG days = time->QuadPart / kTicksPerDay;
+    const LONGLONG inDay = time->QuadPart % kTicksPerDay;
+    const LONGLONG seconds = inDay / kTicksPerSecond;
     int year = static_cast<int>(1601 + days * 400 / 146'097);
     while (DaysSince1601(year + 1, 1, 1) <= days) ++year;
     while (DaysSince1601(year, 1, 1) > days) --year;
@@ -87,6 +87,6 @@ void RtlTimeToTimeFields(PLARGE_INTEGER time, PTIME_FIELDS fields) {
     fields->Hour = static_cast<CSHORT>(seconds / 3600);
     fields->Minute = static_cast<CSHORT>(seconds / 60 % 60);
     fields->Second = static_cast<CSHORT>(seconds % 60);
-    fields->Milliseconds = static_cast<CSHORT>(inDay % TicksPerSecond / 10'000);
+    fields->Milliseconds = static_cast<CSHORT>(inDay % kTicksPerSecond / 10'000);
     fields->Weekday = static_cast<CSHORT>((days + 1) % 7);  // 1601-01-01 was a Monday
 }

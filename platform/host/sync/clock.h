@@ -5,8 +5,8 @@
 
 namespace host {
 
-inline constexpr LONGLONG TicksPerSecond = 10'000'000;
-inline constexpr LONGLONG TicksPerDay = 86'400 * TicksPerSecond;
+inline constexpr LONGLONG kTicksPerSecond = 10'000'000;
+inline constexpr LONGLONG kTicksPerDay = 86'400 * kTicksPerSecond;
 
 // The real clock, with the granularity of a timer tick. The state at start.
 void FollowRealClock();

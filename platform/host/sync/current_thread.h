@@ -4,12 +4,12 @@
 
 namespace host {
 
-extern constinit thread_local PKTHREAD currentThread;
+extern constinit thread_local PKTHREAD gCurrentThread;
 // Makes the object of a thread that is no system thread.
 PKTHREAD AdoptCurrentThread();
 
 inline PKTHREAD CurrentThread() {
-    return currentThread != nullptr ? currentThread : AdoptCurrentThread();
+    return gCurrentThread != nullptr ? gCurrentThread : AdoptCurrentThread();
 }
 
 }  // namespace host

@@ -11,18 +11,18 @@
 namespace host {
 namespace {
 
-constexpr LONG Signalled = 1;
-constexpr LONG Sleepers = 2;
-constexpr LONG Flags = Signalled | Sleepers;
-constexpr ULONG OneSet = 4;
+constexpr LONG kSignalled = 1;
+constexpr LONG kSleepers = 2;
+constexpr LONG kFlags = kSignalled | kSleepers;
+constexpr ULONG kOneSet = 4;
 
-constexpr LONG MutexFree = 0;
-constexpr LONG MutexHeld = 1;
-constexpr LONG MutexContended = 2;
+constexpr LONG kMutexFree = 0;
+constexpr LONG kMutexHeld = 1;
+constexpr LONG kMutexContended = 2;
 
-constexpr LONGLONG NanosecondsPerTick = 100;
-constexpr LONGLONG NanosecondsPerSecond = 1'000'000'000;
-constexpr LONGLONG LongestWaitTicks = 1000LL * 365 * TicksPerDay;
+constexpr LONGLONG kNanosecondsPerTick = 100;
+constexpr LONGLONG kNanosecondsPerSecond = 1'000'000'000;
+constexpr LONGLONG kLongestWaitTicks = 1000LL * 365 * kTicksPerDay;
 
 // The end of a wait on the monotonic clock.
 class Deadline {
@@ -30,11 +30,11 @@ public:
     explicit Deadline(const LARGE_INTEGER* timeout) : limited_(timeout != nullptr) {
         if (!limited_) return;
         LONGLONG ticks = timeout->QuadPart > 0 ? timeout->QuadPart - SystemTime() : -timeout->QuadPart;
-        ticks = std::clamp(ticks, 0LL, LongestWaitTicks);
+        ticks = std::clamp(ticks, 0LL, kLongestWaitTicks);
         clock_gettime(CLOCK_MONOTONIC, &at_);
-        const LONGLONG nanoseconds = at_.tv_nsec + ticks % TicksPerSecond * NanosecondsPerTick;
-        at_.tv_sec += ticks / TicksPerSecond + nanoseconds / NanosecondsPerSecond;
-        at_.tv_nsec = nanoseconds % NanosecondsPerSecond;
+        const LONGLONG nanoseconds = at_.tv_nsec + ticks % kTicksPerSecond * kNanosecondsPerTick;
+        at_.tv_sec += ticks / kTicksPerSecond + nanoseconds / kNanosecondsPerSecond;
+        at_.tv_nsec = nanoseconds % kNanosecondsPerSecond;
     }
     const timespec* get() const { return limited_ ? &at_ : nullptr; }
 
@@ -50,16 +50,16 @@ bool TryTakeSignal(DISPATCHER_HEADER& header, LONG start, bool slept, LONG& seen
     std::atomic<LONG>& word = header.SignalState;
     seen = word.load(std::memory_order_acquire);
     for (;;) {
-        if ((seen & Signalled) != 0) {
+        if ((seen & kSignalled) != 0) {
             if (!header.Synchronization) return true;
-            const LONG taken = (seen & ~Signalled) | (slept ? Sleepers : 0);
+            const LONG taken = (seen & ~kSignalled) | (slept ? kSleepers : 0);
             if (word.compare_exchange_weak(seen, taken, std::memory_order_acquire)) return true;
             continue;
         }
-        if (!header.Synchronization && (seen & ~Flags) != (start & ~Flags)) return true;
-        if ((seen & Sleepers) != 0) return false;
-        if (word.compare_exchange_weak(seen, seen | Sleepers, std::memory_order_acquire)) {
-            seen |= Sleepers;
+        if (!header.Synchronization && (seen & ~kFlags) != (start & ~kFlags)) return true;
+        if ((seen & kSleepers) != 0) return false;
+        if (word.compare_exchange_weak(seen, seen | kSleepers, std::memory_order_acquire)) {
+            seen |= kSleepers;
             return false;
         }
     }
@@ -78,13 +78,13 @@ NTSTATUS WaitForSignal(DISPATCHER_HEADER& header, const LARGE_INTEGER* timeout) 
 }
 
 bool AcquireMutexWord(std::atomic<LONG>& word, const LARGE_INTEGER* timeout) {
-    LONG expected = MutexFree;
-    if (word.compare_exchange_strong(expected, MutexHeld, std::memory_order_acquire)) return true;
+    LONG expected = kMutexFree;
+    if (word.compare_exchange_strong(expected, kMutexHeld, std::memory_order_acquire)) return true;
     const Deadline deadline(timeout);
     for (;;) {
-        if (word.exchange(MutexContended, std::memory_order_acquire) == MutexFree) return true;
+        if (word.exchange(kMutexContended, std::memory_order_acquire) == kMutexFree) return true;
         // Late means that no wake-up was spent on this thread: leaving strands nobody.
-        if (!futex::Wait(word, MutexContended, deadline.get())) return false;
+        if (!futex::Wait(word, kMutexContended, deadline.get())) return false;
     }
 }
 
@@ -124,11 +124,11 @@ bool SignalHeader(DISPATCHER_HEADER& header) {
     LONG seen = word->load(std::memory_order_relaxed);
     LONG set = 0;
     do {
-        set = static_cast<LONG>((static_cast<ULONG>(seen & ~Flags) + OneSet) | Signalled);
+        set = static_cast<LONG>((static_cast<ULONG>(seen & ~kFlags) + kOneSet) | kSignalled);
     } while (!word->compare_exchange_weak(seen, set, std::memory_order_release, std::memory_order_relaxed));
     // From here on the object may be gone: only its address is used.
-    if ((seen & Sleepers) != 0) one ? futex::WakeOne(word) : futex::WakeAll(word);
-    return (seen & Signalled) != 0;
+    if ((seen & kSleepers) != 0) one ? futex::WakeOne(word) : futex::WakeAll(word);
+    return (seen & kSignalled) != 0;
 }
 
 }  // namespace host
@@ -137,7 +137,7 @@ using namespace host;
 
 void KeInitializeEvent(PRKEVENT event, EVENT_TYPE type, BOOLEAN state) {
     InitializeHeader(event->Header, HostDispatcherType::Event, type == SynchronizationEvent,
-                     state ? Signalled : 0);
+                     state ? kSignalled : 0);
 }
 
 LONG KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN wait) {
@@ -148,16 +148,16 @@ LONG KeSetEvent(PRKEVENT event, KPRIORITY, BOOLEAN wait) {
 }
 
 void KeClearEvent(PRKEVENT event) {
-    EventHeader(event, "KeClearEvent").SignalState.fetch_and(~Signalled, std::memory_order_relaxed);
+    EventHeader(event, "KeClearEvent").SignalState.fetch_and(~kSignalled, std::memory_order_relaxed);
 }
 
 LONG KeReadStateEvent(PRKEVENT event) {
-    return EventHeader(event, "KeReadStateEvent").SignalState.load(std::memory_order_acquire) & Signalled;
+    return EventHeader(event, "KeReadStateEvent").SignalState.load(std::memory_order_acquire) & kSignalled;
 }
 
 void KeInitializeMutex(PRKMUTEX mutex, ULONG) {
     const LockRank rank = DeclaredRank(mutex);
-    InitializeHeader(mutex->Header, HostDispatcherType::Mutex, true, MutexFree);
+    InitializeHeader(mutex->Header, HostDispatcherType::Mutex, true, kMutexFree);
     mutex->Owner.store(nullptr, std::memory_order_relaxed);
     mutex->Recursion = 0;
     mutex->Rank = rank.rank;
@@ -179,7 +179,7 @@ LONG KeReleaseMutex(PRKMUTEX mutex, BOOLEAN wait) {
     PopLock(thread, mutex, "KeReleaseMutex");
     mutex->Owner.store(nullptr, std::memory_order_relaxed);
     std::atomic<LONG>* word = &mutex->Header.SignalState;
-    if (word->exchange(MutexFree, std::memory_order_release) == MutexContended) futex::WakeOne(word);
+    if (word->exchange(kMutexFree, std::memory_order_release) == kMutexContended) futex::WakeOne(word);
     return former;
 }
 

@@ -5,19 +5,19 @@
 namespace host {
 namespace {
 
-constexpr int MaxDeclared = 32;
+constexpr int kMaxDeclared = 32;
 struct Declaration {
     std::atomic<const void*> lock;
     std::atomic<ULONG> rank;
     std::atomic<const char*> name;
 };
-Declaration declarations[MaxDeclared];
-std::atomic<int> declarationCount;
+Declaration gDeclarations[kMaxDeclared];
+std::atomic<int> gDeclarationCount;
 
 Declaration* FindDeclaration(const void* lock) {
-    const int count = declarationCount.load(std::memory_order_acquire);
+    const int count = gDeclarationCount.load(std::memory_order_acquire);
     for (int i = 0; i < count; ++i) {
-        if (declarations[i].lock.load(std::memory_order_relaxed) == lock) return &declarations[i];
+        if (gDeclarations[i].lock.load(std::memory_order_relaxed) == lock) return &gDeclarations[i];
     }
     return nullptr;
 }
@@ -30,20 +30,16 @@ const char* NameOr(const char* name) {
 
 void DeclareLockRank(const void* lock, ULONG rank, const char* name) {
     Declaration* entry = FindDeclaration(lock);
-    const int count = declarationCount.load(std::memory_order_relaxed);
-    if (entry == nullptr && count == MaxDeclared) {
-        Violation("lock rank", "more than %d locks declared", MaxDeclared);
+    const int count = gDeclarationCount.load(std::memory_order_relaxed);
+    if (entry == nullptr && count == kMaxDeclared) {
+        Violation("lock rank", "more than %d locks declared", kMaxDeclared);
     }
-    if (entry == nullptr) entry = &declarations[count];
+    if (entry == nullptr) entry = &gDeclarations[count];
     entry->rank.store(rank, std::memory_order_relaxed);
     entry->name.store(name, std::memory_order_relaxed);
-    if (entry != &declarations[count]) return;
+    if (entry != &gDeclarations[count]) return;
     entry->lock.store(lock, std::memory_order_relaxed);
-    declarationCount.store(count + 1, std::memory_order_release);
-}
-
-void ForgetLockRanks() {
-    declarationCount.store(0, std::memory_order_release);
+    gDeclarationCount.store(count + 1, std::memory_order_release);
 }
 
 LockRank DeclaredRank(const void* lock) {
@@ -58,7 +54,7 @@ void StopLockOrder(const HeldLock& held, ULONG rank, const char* name) {
 }
 
 void StopTooManyLocks() {
-    Violation("lock count", "a thread holds more than %d locks", MaxHeldLocks);
+    Violation("lock count", "a thread holds more than %d locks", kMaxHeldLocks);
 }
 
 void PopLock(KTHREAD& thread, const void* lock, const char* routine) {

@@ -24,7 +24,7 @@ inline void CheckLockOrder(const KTHREAD& thread, ULONG rank, const char* name) 
 
 // After a lock was acquired: records it and raises the thread to `level`.
 inline void PushLock(KTHREAD& thread, const void* lock, ULONG rank, const char* name, KIRQL level) {
-    if (thread.HeldCount == MaxHeldLocks) StopTooManyLocks();
+    if (thread.HeldCount == kMaxHeldLocks) StopTooManyLocks();
     thread.Held[thread.HeldCount++] = {lock, name, rank, thread.Irql, level};
     if (thread.Irql < level) thread.Irql = level;
 }

@@ -10,26 +10,26 @@ namespace {
 
 using namespace host;
 
-constexpr LONG Free = 0;
-constexpr LONG HeldAlone = 1;
-constexpr LONG HeldContended = 2;
+constexpr LONG kFree = 0;
+constexpr LONG kHeldAlone = 1;
+constexpr LONG kHeldContended = 2;
 
 // Marks the mutex as contended on every attempt, so that whoever releases it wakes the next one.
 void AcquireContended(PFAST_MUTEX mutex) {
     for (;;) {
-        const LONG was = mutex->State.exchange(HeldContended, std::memory_order_acquire);
-        if (was == Free) return;
-        if (was != HeldAlone && was != HeldContended) {
+        const LONG was = mutex->State.exchange(kHeldContended, std::memory_order_acquire);
+        if (was == kFree) return;
+        if (was != kHeldAlone && was != kHeldContended) {
             Violation("fast mutex", "%p is not an initialised fast mutex (state %d)", static_cast<void*>(mutex),
                       was);
         }
-        futex::Wait(mutex->State, HeldContended, nullptr);
+        futex::Wait(mutex->State, kHeldContended, nullptr);
     }
 }
 
 void Acquire(PFAST_MUTEX mutex) {
-    LONG expected = Free;
-    if (!mutex->State.compare_exchange_strong(expected, HeldAlone, std::memory_order_acquire,
+    LONG expected = kFree;
+    if (!mutex->State.compare_exchange_strong(expected, kHeldAlone, std::memory_order_acquire,
                                               std::memory_order_relaxed)) {
         AcquireContended(mutex);
     }
@@ -39,7 +39,7 @@ void Acquire(PFAST_MUTEX mutex) {
 
 void ExInitializeFastMutex(PFAST_MUTEX mutex) {
     const LockRank rank = DeclaredRank(mutex);
-    mutex->State.store(Free, std::memory_order_relaxed);
+    mutex->State.store(kFree, std::memory_order_relaxed);
     mutex->Owner.store(nullptr, std::memory_order_relaxed);
     mutex->OldIrql = PASSIVE_LEVEL;
     mutex->Rank = rank.rank;
@@ -73,7 +73,7 @@ void ExReleaseFastMutex(PFAST_MUTEX mutex) KVR_NO_ANALYSIS {
     mutex->Owner.store(nullptr, std::memory_order_relaxed);
     // The address only from here on: the next owner may free the mutex.
     std::atomic<LONG>* word = &mutex->State;
-    if (word->exchange(Free, std::memory_order_release) == HeldContended) futex::WakeOne(word);
+    if (word->exchange(kFree, std::memory_order_release) == kHeldContended) futex::WakeOne(word);
 }
 
 void KeInitializeSpinLock(PKSPIN_LOCK lock) {

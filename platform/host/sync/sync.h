@@ -9,7 +9,7 @@
 
 namespace host {
 
-inline constexpr int MaxHeldLocks = 16;  // per thread
+inline constexpr int kMaxHeldLocks = 16;  // per thread
 
 // Sets the current thread's IRQL, as KeRaiseIrql and KeLowerIrql do, and returns the former one. For the
 // machine's devices and for tests; a lock that is held keeps the level from being lowered below its own.
@@ -24,7 +24,6 @@ void SetLockRank(PKMUTEX lock, ULONG rank, const char* name);
 // initialised, it gets this rank. For the driver's global locks, which every boot initialises anew.
 // At most 32 declarations; a second one of the same address replaces the first.
 void DeclareLockRank(const void* lock, ULONG rank, const char* name);
-void ForgetLockRanks();
 
 // What a thread holds, to compare before and after a call.
 struct LockState {

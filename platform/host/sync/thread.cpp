@@ -1,13 +1,13 @@
 #include "platform/host/sync/thread.h"
 
+#include <deque>
 #include <list>
-#include <mutex>
-#include <condition_variable>
 #include <system_error>
 #include <thread>
 
 #include "platform/host/sync/current_thread.h"
 #include "platform/host/sync/dispatcher.h"
+#include "platform/host/sync/host_lock.h"
 #include "platform/host/nt/exception.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/object/object.h"
@@ -15,7 +15,7 @@
 
 namespace host {
 
-constinit thread_local PKTHREAD currentThread = nullptr;
+constinit thread_local PKTHREAD gCurrentThread = nullptr;
 
 namespace {
 
@@ -24,14 +24,14 @@ struct ThreadExit {
     NTSTATUS status;
 };
 
-std::atomic<ULONG> threadCount;
+std::atomic<ULONG> gThreadCount;
 
 PKTHREAD NewThread(bool system) {
     auto* thread = MakeObject<KTHREAD>(ObjectType::Thread);
     InitializeHeader(thread->Header, HostDispatcherType::Thread, false, 0);
     thread->IsSystemThread = system;
     thread->ExitStatus.store(STATUS_PENDING, std::memory_order_relaxed);
-    thread->Number = threadCount.fetch_add(1, std::memory_order_relaxed) + 1;
+    thread->Number = gThreadCount.fetch_add(1, std::memory_order_relaxed) + 1;
     return thread;
 }
 
@@ -41,7 +41,7 @@ struct AdoptedThread {
     ~AdoptedThread() {
         if (thread == nullptr) return;
         CheckQuiescent("the end of a thread");
-        currentThread = nullptr;
+        gCurrentThread = nullptr;
         ObfDereferenceObject(thread);
     }
 };
@@ -51,8 +51,8 @@ struct SystemThread {
     PKTHREAD thread;  // referenced
     std::thread worker;
 };
-std::mutex threadsLock;
-std::list<SystemThread> systemThreads;
+HostLock gThreadsLock;
+std::list<SystemThread> gSystemThreads KVR_GUARDED_BY(gThreadsLock);
 
 bool HasEnded(const SystemThread& entry) {
     return entry.thread->ExitStatus.load(std::memory_order_acquire) != STATUS_PENDING;
@@ -69,10 +69,10 @@ void Join(std::list<SystemThread>& threads) {
 void JoinEnded() {
     std::list<SystemThread> ended;
     {
-        const std::lock_guard guard(threadsLock);
-        for (auto it = systemThreads.begin(); it != systemThreads.end();) {
+        const HostGuard guard(gThreadsLock);
+        for (auto it = gSystemThreads.begin(); it != gSystemThreads.end();) {
             const auto next = std::next(it);
-            if (HasEnded(*it)) ended.splice(ended.end(), systemThreads, it);
+            if (HasEnded(*it)) ended.splice(ended.end(), gSystemThreads, it);
             it = next;
         }
     }
@@ -80,42 +80,42 @@ void JoinEnded() {
 }
 
 // ---- the gate ----------------------------------------------------------------------------------------
-std::mutex gateLock;
-std::condition_variable gateOpened;
-bool gateClosed = false;
-std::deque<PKTHREAD> gateQueue;  // not referenced: a held thread cannot end
+HostLock gGateLock;
+HostCondition gGateOpened;
+bool gGateClosed KVR_GUARDED_BY(gGateLock) = false;
+std::deque<PKTHREAD> gGateQueue KVR_GUARDED_BY(gGateLock);  // not referenced: a held thread cannot end
 
 void EnterGate(PKTHREAD thread) {
-    const std::lock_guard guard(gateLock);
-    if (gateClosed) gateQueue.push_back(thread);
+    const HostGuard guard(gGateLock);
+    if (gGateClosed) gGateQueue.push_back(thread);
 }
 
-bool InGate(PKTHREAD thread) {
-    for (PKTHREAD held : gateQueue) {
+bool InGate(PKTHREAD thread) KVR_REQUIRES(gGateLock) {
+    for (PKTHREAD held : gGateQueue) {
         if (held == thread) return true;
     }
     return false;
 }
 
 void WaitAtGate(PKTHREAD thread) {
-    std::unique_lock lock(gateLock);
-    gateOpened.wait(lock, [thread] { return !InGate(thread); });
+    const HostGuard guard(gGateLock);
+    while (InGate(thread)) gGateOpened.Wait(gGateLock);
 }
 
 // The thread let go, referenced; null when none was held.
 PKTHREAD LeaveGate() {
-    const std::lock_guard guard(gateLock);
-    if (gateQueue.empty()) return nullptr;
-    PKTHREAD thread = gateQueue.front();
-    gateQueue.pop_front();
+    const HostGuard guard(gGateLock);
+    if (gGateQueue.empty()) return nullptr;
+    PKTHREAD thread = gGateQueue.front();
+    gGateQueue.pop_front();
     ObfReferenceObject(thread);
-    gateOpened.notify_all();
+    gGateOpened.WakeAll();
     return thread;
 }
 
 void ForgetAtGate(PKTHREAD thread) {
-    const std::lock_guard guard(gateLock);
-    std::erase(gateQueue, thread);
+    const HostGuard guard(gGateLock);
+    std::erase(gGateQueue, thread);
 }
 
 // ---- a thread's life ---------------------------------------------------------------------------------
@@ -132,22 +132,22 @@ NTSTATUS RunRoutine(PKTHREAD thread) {
 }
 
 void ThreadMain(PKTHREAD thread) {
-    currentThread = thread;
+    gCurrentThread = thread;
     WaitAtGate(thread);
     const NTSTATUS status = RunRoutine(thread);
     CheckQuiescent("the end of a system thread");
     thread->ExitStatus.store(status, std::memory_order_release);
     SignalHeader(thread->Header);
-    currentThread = nullptr;
+    gCurrentThread = nullptr;
     ObfDereferenceObject(thread);
 }
 
 // `thread` comes with two references: the running thread's and that of the list.
 bool StartThread(PKTHREAD thread) {
     EnterGate(thread);
-    const std::lock_guard guard(threadsLock);
+    const HostGuard guard(gThreadsLock);
     try {
-        systemThreads.push_back({thread, std::thread(ThreadMain, thread)});
+        gSystemThreads.push_back({thread, std::thread(ThreadMain, thread)});
         return true;
     } catch (const std::system_error&) {
         ForgetAtGate(thread);
@@ -160,12 +160,8 @@ bool StartThread(PKTHREAD thread) {
 PKTHREAD AdoptCurrentThread() {
     static thread_local AdoptedThread adopted;
     adopted.thread = NewThread(false);
-    currentThread = adopted.thread;
-    return currentThread;
-}
-
-NTSTATUS ThreadExitStatus(PKTHREAD thread) {
-    return thread->ExitStatus.load(std::memory_order_acquire);
+    gCurrentThread = adopted.thread;
+    return gCurrentThread;
 }
 
 ULONG JoinSystemThreads() {
@@ -174,12 +170,12 @@ ULONG JoinSystemThreads() {
     for (;;) {
         std::list<SystemThread> threads;
         {
-            const std::lock_guard guard(gateLock);
-            if (!gateQueue.empty()) Violation("thread", "JoinSystemThreads while a ThreadGate holds a thread");
+            const HostGuard guard(gGateLock);
+            if (!gGateQueue.empty()) Violation("thread", "JoinSystemThreads while a ThreadGate holds a thread");
         }
         {
-            const std::lock_guard guard(threadsLock);
-            threads.swap(systemThreads);
+            const HostGuard guard(gThreadsLock);
+            threads.swap(gSystemThreads);
         }
         if (threads.empty()) return count;
         count += static_cast<ULONG>(threads.size());
@@ -188,29 +184,29 @@ ULONG JoinSystemThreads() {
 }
 
 ULONG RunningSystemThreads() {
-    const std::lock_guard guard(threadsLock);
+    const HostGuard guard(gThreadsLock);
     ULONG count = 0;
-    for (const SystemThread& entry : systemThreads) count += HasEnded(entry) ? 0 : 1;
+    for (const SystemThread& entry : gSystemThreads) count += HasEnded(entry) ? 0 : 1;
     return count;
 }
 
 ThreadGate::ThreadGate() {
-    const std::lock_guard guard(gateLock);
-    if (gateClosed) Violation("thread", "a second ThreadGate");
-    gateClosed = true;
+    const HostGuard guard(gGateLock);
+    if (gGateClosed) Violation("thread", "a second ThreadGate");
+    gGateClosed = true;
 }
 
 ThreadGate::~ThreadGate() {
     {
-        const std::lock_guard guard(gateLock);
-        gateClosed = false;
+        const HostGuard guard(gGateLock);
+        gGateClosed = false;
     }
     ReleaseAll();
 }
 
 ULONG ThreadGate::Held() const {
-    const std::lock_guard guard(gateLock);
-    return static_cast<ULONG>(gateQueue.size());
+    const HostGuard guard(gGateLock);
+    return static_cast<ULONG>(gGateQueue.size());
 }
 
 bool ThreadGate::Release() {

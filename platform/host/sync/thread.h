@@ -2,7 +2,6 @@
 // its first call; PsCreateSystemThread makes threads of the driver, which are known until JoinSystemThreads
 // has seen them end.
 #pragma once
-#include <deque>
 #include "platform/host/sync/sync.h"
 #include "platform/host/nt/ntzw.h"
 
@@ -20,7 +19,7 @@ struct KTHREAD {
     KIRQL Irql;
     bool IsSystemThread;
     int HeldCount;
-    HeldLock Held[host::MaxHeldLocks];
+    HeldLock Held[host::kMaxHeldLocks];
     std::atomic<NTSTATUS> ExitStatus;  // STATUS_PENDING until the thread has ended
     ULONG Number;                      // from 1, for messages
     PKSTART_ROUTINE Routine;
@@ -28,9 +27,6 @@ struct KTHREAD {
 };
 
 namespace host {
-
-// STATUS_PENDING while it runs, then what it gave PsTerminateSystemThread.
-NTSTATUS ThreadExitStatus(PKTHREAD thread);
 
 // Waits until every system thread has ended, those that they start meanwhile included. Must not be called by
 // a system thread, nor while a ThreadGate holds one back. Returns how many it waited for.
