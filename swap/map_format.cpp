@@ -4,17 +4,6 @@
 
 namespace {
 
-constexpr ULONG kMostSectors = 0xFFFFFF;  // an entry's length has 24 bits
-
-// The check byte of the 11 bytes in front of it: every byte is weighted by its place, so that bytes that
-// changed places are found too.
-UCHAR CheckOf(const SWAP_MAP_ENTRY* entry) {
-    const auto* bytes = reinterpret_cast<const UCHAR*>(entry);
-    ULONG sum = MAP_CHECK_SEED;
-    for (ULONG i = 0; i < 11; ++i) sum += (i + 1) * bytes[i];
-    return static_cast<UCHAR>((sum & 0xFF) ^ ((sum >> 8) & 0xFF));
-}
-
 // Room for the run at MapRunIndex, zeroed. Without it nothing more is stored.
 [[nodiscard]] bool BeginRun(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     volume->MapEntryCount = 0;
@@ -107,7 +96,7 @@ void StoreEntry(PVOLUME_EXTENSION volume, ULONG64 volumeSector, ULONG64 swapSect
     auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(volume->MapBuffer) + volume->MapEntryCount;
     entry->ulVolumeSector = static_cast<ULONG>(volumeSector);
     entry->ulSwapSector = static_cast<ULONG>(swapSector);
-    entry->ulSectors = sectors & kMostSectors;
+    entry->ulSectors = sectors & kMostMapSectors;
     SealMapEntry(entry);
     ++volume->MapEntryCount;
     if ((ULONG64{volume->MapEntryCount} + 1) * sizeof(SWAP_MAP_ENTRY) > volume->MapBufferSize)
@@ -178,14 +167,6 @@ bool CanBeSaved(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
 }
 
 }  // namespace
-
-void SealMapEntry(SWAP_MAP_ENTRY* entry) {
-    entry->ucCheck = CheckOf(entry);
-}
-
-BOOLEAN VerifyMapEntry(const SWAP_MAP_ENTRY* entry) {
-    return entry->ucCheck == CheckOf(entry);
-}
 
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force) {
     PVOLUME_EXTENSION volume = VolumeOf(device);

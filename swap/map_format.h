@@ -2,20 +2,6 @@
 #pragma once
 #include "swap/swap.h"
 
-inline constexpr ULONG MAP_CHECK_SEED = 0x4B56;
-inline constexpr ULONG kFreeSpaceMark = 0xFFFFFFFF;
-
-// Little-endian on disk.
-struct SWAP_MAP_ENTRY {
-    ULONG ulVolumeSector;  // kFreeSpaceMark: the entry describes free space
-    ULONG ulSwapSector;    // 0, or equal to ulVolumeSector: an empty slot
-    ULONG ulSectors : 24;  // length
-    ULONG ucCheck : 8;     // check byte of bytes 0 to 10
-};
-static_assert(sizeof(SWAP_MAP_ENTRY) == 12);
-
-void SealMapEntry(SWAP_MAP_ENTRY* entry);
-[[nodiscard]] BOOLEAN VerifyMapEntry(const SWAP_MAP_ENTRY* entry);
 // Always STATUS_SUCCESS. Saves when the trees changed; a volume whose storage is unusable is never saved.
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);

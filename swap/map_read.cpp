@@ -13,14 +13,6 @@ struct ENTRY_RANGE {
     ULONG length;
 };
 
-bool IsEmptySlot(const SWAP_MAP_ENTRY* entry) {
-    return entry->ulSwapSector == 0 || entry->ulSwapSector == entry->ulVolumeSector;
-}
-
-bool IsFreeEntry(const SWAP_MAP_ENTRY* entry) {
-    return entry->ulVolumeSector == kFreeSpaceMark;
-}
-
 // False for a range that no volume can have.
 [[nodiscard]] bool Decode(const SWAP_MAP_ENTRY* entry, ULONG unit, ENTRY_RANGE* range) {
     const ULONG64 volumeOffset = IsFreeEntry(entry) ? 0 : ULONG64{entry->ulVolumeSector} * unit;

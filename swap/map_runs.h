@@ -16,9 +16,3 @@
 [[nodiscard]] inline LONGLONG RunOffset(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run) {
     return static_cast<LONGLONG>(run->ulSector) * volume->BytesPerSector;
 }
-
-// A run without room for an entry ends the map, for the writer as for the reader. So does, for the writer, one
-// at sector 0, where no file can lie: the volume's boot sector is not overwritten, whatever the registry says.
-[[nodiscard]] inline bool IsUsableRun(const MAP_LOCATION_ENTRY* run) {
-    return run->ulSector != 0 && run->ulLength >= sizeof(SWAP_MAP_ENTRY);
-}

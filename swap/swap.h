@@ -7,6 +7,7 @@
 // IRQL of every routine: at most APC_LEVEL. Each takes SwapLock itself unless it says otherwise.
 #pragma once
 #include "driver/volume_extension.h"
+#include "formats/saved_map.h"
 
 inline constexpr char kSwapSource[] = "swap";         // the source file that this folder's assertions name
 inline constexpr ULONG64 kLowSpaceLimit = 0x3000000;  // below it only metadata and unnamed writes get space
@@ -33,13 +34,6 @@ struct PENDING_CHUNK {
     ULONG uLength;
     PENDING_CHUNK* pNext;  // ascending volume offset
 };
-
-// A run of the map file, in the tree and, packed in arrays, in MapLocation and the registry.
-struct MAP_LOCATION_ENTRY {
-    ULONG ulSector;  // key: first sector on the volume
-    ULONG ulLength;  // bytes
-};
-static_assert(sizeof(MAP_LOCATION_ENTRY) == 8);
 
 struct SEGMENT;
 
