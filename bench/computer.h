@@ -6,7 +6,7 @@
 #include <memory>
 #include <vector>
 #include "formats/kvr_ioctl.h"
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 #include "machine/boot/machine.h"
 #include "tests/doubles/memory_disk.h"
 #include "tests/doubles/scripted_file_system.h"

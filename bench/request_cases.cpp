@@ -6,7 +6,7 @@
 #include <vector>
 #include "bench/cases.h"
 #include "bench/measure.h"
-#include "swap/segments.h"
+#include "redirect/segments.h"
 
 namespace bench {
 namespace {

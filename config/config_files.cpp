@@ -1,8 +1,7 @@
 // The configuration through the file system, for the control tool, and the files that are held open so that no
 // other software changes them.
-#include "config/registry.h"
 #include "config/storage.h"
-#include "platform/owners.h"
+#include "driver/record/registry.h"
 
 namespace {
 

@@ -1,9 +1,8 @@
 // Where the configuration's pieces lie: learned from the file system's own write of the file, kept in the
 // registry under the volume's name, loaded when the volume starts.
-#include "config/registry.h"
 #include "config/storage.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/registry.h"
+#include "driver/record/volume_list.h"
 
 namespace {
 
@@ -25,10 +24,6 @@ private:
     WCHAR m_buffer[128];
 };
 
-BOOLEAN MayHoldConfig(PVOLUME_EXTENSION volume) {
-    return !volume->IsDisk && volume->MediaType != RemovableMedia;
-}
-
 // Copies the captured offsets; FALSE while they are not complete.
 BOOLEAN CopyCaptured(PVOLUME_EXTENSION volume, LONGLONG (&location)[kConfigPieces]) {
     FastMutexLock lock(volume->SwapLock);
@@ -40,20 +35,9 @@ BOOLEAN CopyCaptured(PVOLUME_EXTENSION volume, LONGLONG (&location)[kConfigPiece
     return complete;
 }
 
-BOOLEAN IsCaptureComplete(PVOLUME_EXTENSION volume) {
+BOOLEAN HasCapturedConfig(PVOLUME_EXTENSION volume) {
     LONGLONG location[kConfigPieces];
-    return CopyCaptured(volume, location);
-}
-
-// The first record whose offsets were captured in full, referenced (tag: the record), or null.
-PVOLUME_EXTENSION ReferenceCapturedVolume() {
-    FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
-        if (!MayHoldConfig(volume) || !IsCaptureComplete(volume)) continue;
-        if (NT_SUCCESS(IoAcquireRemoveLock(&volume->RemoveLock, volume))) return volume;
-    }
-    return nullptr;
+    return MayHoldConfig(volume) && CopyCaptured(volume, location);
 }
 
 // The first slot that is still empty, kConfigPieces when none is.
@@ -73,6 +57,10 @@ void ForgetCaptured(PVOLUME_EXTENSION volume) {
 }
 
 }  // namespace
+
+BOOLEAN MayHoldConfig(PVOLUME_EXTENSION volume) {
+    return !volume->IsDisk && volume->MediaType != RemovableMedia;
+}
 
 BOOLEAN IsConfigLocationComplete(PVOLUME_EXTENSION volume) {
     for (const std::atomic<LONGLONG>& offset : volume->PreloadConfigLocation)
@@ -96,22 +84,20 @@ void SwapAddConfigLocation(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG leng
 
 void PostloadConfigPrepare() {
     FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
+    for (PVOLUME_EXTENSION volume : Volumes()) {
         if (MayHoldConfig(volume)) ForgetCaptured(volume);
     }
 }
 
 void PostloadConfig() {
-    PVOLUME_EXTENSION volume = ReferenceCapturedVolume();
-    if (!volume) return;
+    const RecordHold volume = FindVolume(HasCapturedConfig);
+    if (volume.Failed()) return;
     LONGLONG location[kConfigPieces];
-    CopyCaptured(volume, location);
+    CopyCaptured(volume.Get(), location);
     DbgPrint("Kvr!PostloadConfig: done, offset: %I64x %I64x %I64x %I64x ...\n", location[0], location[1],
              location[2], location[3]);
-    KVR_DISCARD(SaveConfigLocation(volume),
+    KVR_DISCARD(SaveConfigLocation(volume.Get()),
                 "without the value the next boot finds no configuration, as before");
-    IoReleaseRemoveLock(&volume->RemoveLock, volume);
 }
 
 NTSTATUS SaveConfigLocation(PVOLUME_EXTENSION volume) {

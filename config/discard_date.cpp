@@ -1,8 +1,8 @@
 // Discard dates: twelve digits of local time, YYYYMMDDhhmm. A date that has been reached counts once: it is
 // overwritten in the text with the value that says "no date".
-#include "config/format_string.h"
 #include "config/parser_state.h"
 #include "config/storage.h"
+#include "driver/record/format_string.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 // Does a disk hold a protected volume?
-#include "config/format_string.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/format_string.h"
+#include "driver/record/names.h"
+#include "driver/record/volume_list.h"
 
 namespace {
 
@@ -65,8 +65,7 @@ BOOLEAN IsNowProtected(PVOLUME_EXTENSION volume) {
 
 BOOLEAN HasListedExtent(PCUNICODE_STRING diskName) KVR_REQUIRES(gVolumeListLock) {
     BOOLEAN found = FALSE;
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
+    for (PVOLUME_EXTENSION volume : Volumes()) {
         if (!IsNowProtected(volume)) continue;
         DbgPrint("Kvr!HasProtectedVolume:\t is protected %wZ\n", &volume->VolumeName);
         if (!HasExtentOnDisk(volume, diskName)) continue;
@@ -78,8 +77,7 @@ BOOLEAN HasListedExtent(PCUNICODE_STRING diskName) KVR_REQUIRES(gVolumeListLock)
 
 // Protected volumes whose extents are unknown may lie on any disk that is named like them.
 BOOLEAN HasLikelyVolume(PCUNICODE_STRING diskName) KVR_REQUIRES(gVolumeListLock) {
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
+    for (PVOLUME_EXTENSION volume : Volumes()) {
         if (volume->IsDisk || volume->VolumeDiskExtents.NumberOfDiskExtents != 0) continue;
         if (IsNowProtected(volume) && SharesFirstComponent(&volume->VolumeName, diskName)) return TRUE;
     }

@@ -1,10 +1,10 @@
 // The configuration text, line by line. A line whose first token is no key is ignored; a token that is empty
 // where one is expected ends the parse.
 #include "config/parser.h"
-#include "config/literal.h"
 #include "config/parser_state.h"
 #include "config/storage.h"
 #include "config/tokenizer.h"
+#include "driver/record/literal.h"
 
 extern constinit const CONFIG_KEYWORDS ConfigKeywords = {
     .Global = Literal(W("[Global]")),

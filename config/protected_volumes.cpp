@@ -1,9 +1,13 @@
 #include "config/protected_volumes.h"
 #include "config/parser.h"
-#include "driver/dispatch.h"
 #include "platform/owners.h"
 
 namespace {
+
+// The numbers in the message about a missing entry, which name the place of the failure: the list was empty, or
+// the entry was to follow others.
+constexpr ULONG kFirstEntrySite = 527;
+constexpr ULONG kNextEntrySite = 507;
 
 // The name of an entry: what precedes the first comma or semicolon of the configured ID.
 UNICODE_STRING NameOfId(PCUNICODE_STRING id) {
@@ -77,7 +81,7 @@ NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags) {
     PROTECTED_VOLUME* entry = NewEntry(&name, flags);
     if (!entry) {
         DbgPrint("Kvr!AddProtectedVolume [%d] STATUS_INSUFFICIENT_RESOURCES\n",
-                 link == &gProtectedVolumeList ? 527 : 507);
+                 link == &gProtectedVolumeList ? kFirstEntrySite : kNextEntrySite);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     *link = entry;  // complete before a reader on another thread can reach it
@@ -94,8 +98,9 @@ ULONG GetProtectedVolumeFlags(PVOLUME_EXTENSION volume) {
 }
 
 void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {
-    if (volume->SwapState == kSwapFilesNotHeld) return;
-    if ((volume->Target->Characteristics & FILE_READ_ONLY_DEVICE) || IsStorageLost(volume)) {
+    const bool readOnly = volume->Target->Characteristics & FILE_READ_ONLY_DEVICE;
+    if (!readOnly && volume->SwapState == kSwapFilesNotHeld) return;
+    if (readOnly || IsStorageLost(volume)) {
         volume->IsProtected = FALSE;
         return;
     }
@@ -106,35 +111,4 @@ void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {
         ApplyFlags(volume, entry->Flags);
     else if (media != FixedMedia)
         ApplyRemovableDefaults(volume);
-}
-
-PVOLUME_EXTENSION FindVolumeByName(PCUNICODE_STRING name) {
-    FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
-        if (CompareNames(&volume->VolumeName, name, TRUE) == 0) return volume;
-    }
-    return nullptr;
-}
-
-PVOLUME_EXTENSION ReferenceVolumeByName(PCUNICODE_STRING name) {
-    FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
-        if (CompareNames(&volume->VolumeName, name, TRUE) != 0) continue;
-        if (NT_SUCCESS(IoAcquireRemoveLock(&volume->RemoveLock, volume))) return volume;
-    }
-    return nullptr;
-}
-
-LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
-    if (!a && !b) return 0;
-    if (!a || !b || a->Length != b->Length) return 1;
-    for (USHORT i = 0; i < a->Length / sizeof(WCHAR); ++i) {
-        if (a->Buffer[i] == b->Buffer[i]) continue;
-        const WCHAR left = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
-        const WCHAR right = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];
-        if (left != right) return static_cast<LONG>(left) - static_cast<LONG>(right);
-    }
-    return 0;
 }

@@ -1,6 +1,6 @@
 // The protected-volume list, one entry per volume section of the configuration, and how it applies to a volume.
 #pragma once
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 
 inline constexpr ULONG PV_PROTECTED = 0x001;
 inline constexpr ULONG PV_INVISIBLE = 0x002;
@@ -25,10 +25,3 @@ extern std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList;
 void UpdateVolumeProtection(PVOLUME_EXTENSION volume);
 // Does the disk under this filter hold a protected volume? Takes gVolumeListLock. IRQL: at most APC_LEVEL.
 [[nodiscard]] BOOLEAN HasProtectedVolume(PDEVICE_OBJECT device);
-// The first record of that name, unreferenced, or null. Takes gVolumeListLock.
-[[nodiscard]] PVOLUME_EXTENSION FindVolumeByName(PCUNICODE_STRING name);
-// As FindVolumeByName, with the record's RemoveLock acquired for the caller (tag: the record).
-[[nodiscard]] PVOLUME_EXTENSION ReferenceVolumeByName(PCUNICODE_STRING name);
-// 0 when equal; 1 when one is missing or the lengths differ; else the difference of the first pair that
-// differs.
-[[nodiscard]] LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase);

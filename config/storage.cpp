@@ -3,55 +3,42 @@
 // it is protected or not.
 #include "config/storage.h"
 #include "config/parser.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
-#include "swap/sector_io.h"
+#include "driver/record/sector_io.h"
+#include "driver/record/volume_list.h"
 
 namespace {
 
 // Moves piece `index` of the image. Never past the image's end, whatever the sector size.
-NTSTATUS TransferPiece(ULONG major, PVOLUME_EXTENSION volume, UCHAR* image, ULONG index,
-                       LARGE_INTEGER* offset) {
+NTSTATUS TransferPiece(ULONG major, PVOLUME_EXTENSION volume, UCHAR* image, ULONG index, LONGLONG* offset) {
     const ULONG start = index * kConfigPieceBytes;
     const ULONG sector = volume->BytesPerSector;
     const ULONG length = sector < KVR_CONFIG_BYTES - start ? sector : KVR_CONFIG_BYTES - start;
-    offset->QuadPart = volume->PreloadConfigLocation[index];
+    *offset = volume->PreloadConfigLocation[index];
     if (length == 0) return STATUS_DEVICE_NOT_READY;  // not started
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK iosb = {};
-    return TransferSectors(major, volume->Target, image + start, length, offset, &iosb, &event);
+    return TransferOnce(major, volume->Target, image + start, length, *offset);
 }
 
 NTSTATUS ReadPieces(PVOLUME_EXTENSION volume, UCHAR* image) {
     for (ULONG i = 0; i < kConfigPieces; ++i) {
-        LARGE_INTEGER offset;
+        LONGLONG offset = 0;
         if (!NT_SUCCESS(TransferPiece(IRP_MJ_READ, volume, image, i, &offset)))
             return STATUS_INSUFFICIENT_RESOURCES;
-        DbgPrint("Kvr!PreloadConfig: done, offset: %I64x\n", offset.QuadPart);
+        DbgPrint("Kvr!PreloadConfig: done, offset: %I64x\n", offset);
     }
     return STATUS_SUCCESS;
 }
 
-// The first record that holds a configuration, referenced (tag: the record), or null.
-PVOLUME_EXTENSION ReferenceConfigVolume() {
-    FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY link = gVolumeList.Flink; link != &gVolumeList; link = link->Flink) {
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(link, VOLUME_EXTENSION, ListEntry);
-        if (volume->IsDisk || volume->MediaType == RemovableMedia || !IsConfigLocationComplete(volume))
-            continue;
-        if (NT_SUCCESS(IoAcquireRemoveLock(&volume->RemoveLock, volume))) return volume;
-    }
-    return nullptr;
+BOOLEAN HoldsConfig(PVOLUME_EXTENSION volume) {
+    return MayHoldConfig(volume) && IsConfigLocationComplete(volume);
 }
 
 // Every piece is written, whatever becomes of the others; the first failure is the result.
 NTSTATUS WritePiecesDirect(PVOLUME_EXTENSION volume, UCHAR* image) KVR_REQUIRES(gConfigWriteLock) {
     NTSTATUS result = STATUS_SUCCESS;
     for (ULONG i = 0; i < kConfigPieces; ++i) {
-        LARGE_INTEGER offset;
+        LONGLONG offset = 0;
         const NTSTATUS status = TransferPiece(IRP_MJ_WRITE, volume, image, i, &offset);
-        DbgPrint("Kvr!WriteConfigDirect: done, offset: %I64x\n", offset.QuadPart);
+        DbgPrint("Kvr!WriteConfigDirect: done, offset: %I64x\n", offset);
         if (result == STATUS_SUCCESS) result = status;
     }
     return result;
@@ -91,9 +78,9 @@ NTSTATUS PreloadConfigApply(PDEVICE_OBJECT device, PVOID buffer, ULONG* length) 
     *length = KVR_CONFIG_BYTES;
     NTSTATUS result = STATUS_SUCCESS;
     for (ULONG i = 0; i < kConfigPieces; ++i) {
-        LARGE_INTEGER offset;
+        LONGLONG offset = 0;
         const NTSTATUS status = TransferPiece(IRP_MJ_WRITE, volume, static_cast<UCHAR*>(buffer), i, &offset);
-        DbgPrint("Kvr!PreloadConfigApply: done %x, offset: %I64x\n", status, offset.QuadPart);
+        DbgPrint("Kvr!PreloadConfigApply: done %x, offset: %I64x\n", status, offset);
         if (result == STATUS_SUCCESS) result = status;
     }
     return result;
@@ -112,13 +99,8 @@ void WriteBackConfig(PDEVICE_OBJECT device) {
 
 NTSTATUS WriteConfigDirect(PVOID buffer, ULONG length) {
     if (length < KVR_CONFIG_BYTES) return STATUS_INVALID_PARAMETER;
-    PVOLUME_EXTENSION volume = ReferenceConfigVolume();
-    if (!volume) return STATUS_INSUFFICIENT_RESOURCES;
-    NTSTATUS status = STATUS_SUCCESS;
-    {
-        FastMutexLock lock(gConfigWriteLock);
-        status = WritePiecesDirect(volume, static_cast<UCHAR*>(buffer));
-    }
-    IoReleaseRemoveLock(&volume->RemoveLock, volume);
-    return status;
+    const RecordHold volume = FindVolume(HoldsConfig);
+    if (volume.Failed()) return STATUS_INSUFFICIENT_RESOURCES;
+    FastMutexLock lock(gConfigWriteLock);
+    return WritePiecesDirect(volume.Get(), static_cast<UCHAR*>(buffer));
 }

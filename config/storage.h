@@ -1,8 +1,8 @@
 // Where the configuration text lives: the file kvr.cfg, its sixteen pieces in raw sectors, and the registry
 // value that carries their offsets from one boot to the next. IRQL: PASSIVE_LEVEL.
 #pragma once
+#include "driver/record/volume_extension.h"
 #include "formats/kvr_ioctl.h"
-#include "driver/volume_extension.h"
 
 inline constexpr ULONG kConfigPieceBytes = 512;
 static_assert(kConfigPieces * kConfigPieceBytes == KVR_CONFIG_BYTES);
@@ -34,5 +34,7 @@ void PostloadConfig();
 [[nodiscard]] BOOLEAN QueryConfigShareRead();
 void LockConfig();
 void LockDriverFile();
+// A file system on a fixed medium: neither a disk nor removable.
+[[nodiscard]] BOOLEAN MayHoldConfig(PVOLUME_EXTENSION volume);
 // All sixteen offsets are known (none is 0).
 [[nodiscard]] BOOLEAN IsConfigLocationComplete(PVOLUME_EXTENSION volume);

@@ -1,13 +1,15 @@
 #include "control/io.h"
-#include <cstddef>
 #include "config/parser.h"
 #include "config/storage.h"
 #include "control/provision_control.h"
 #include "control/reports.h"
 #include "platform/assert.h"
-#include "platform/owners.h"
+#include "formats/kvr_ioctl.h"
 
 namespace {
+
+// Where the assertion about the status block says that it stands: a reader of reports knows it by this line.
+constexpr ULONG kStatusBlockLine = 56;
 
 NTSTATUS GetConfig(PVOID output, ULONG outputLength, ULONG_PTR* information) {
     if (!output || outputLength != KVR_CONFIG_BYTES) return STATUS_INVALID_PARAMETER;
@@ -80,7 +82,7 @@ NTSTATUS AnswerRequest(ULONG code, PVOID input, ULONG inputLength, PVOID output,
 NTSTATUS ControlDeviceIoControl(PDEVICE_OBJECT device, PVOID input, ULONG inputLength, PVOID output,
                                 ULONG outputLength, ULONG code, PIO_STATUS_BLOCK IoStatus) {
     UNREFERENCED_PARAMETER(device);
-    KVR_ASSERT_AT(kIoSource, 56, IoStatus != NULL);
+    KVR_ASSERT_AT(kIoSource, kStatusBlockLine, IoStatus != NULL);
     IO_STATUS_BLOCK spare;
     PIO_STATUS_BLOCK result = IoStatus ? IoStatus : &spare;
     result->Information = 0;

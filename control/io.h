@@ -1,8 +1,7 @@
-// control/: the control interface of the user-mode tool, its reports, and the starting and stopping of the
-// driver's system threads. kvr_ioctl.h is what tools include. IRQL: PASSIVE_LEVEL.
+// control/: the control interface of the user-mode tool, its reports, and the starting and stopping of
+// provisioning. formats/kvr_ioctl.h is what tools include. IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "formats/kvr_ioctl.h"
-#include "driver/volume_extension.h"
+#include "platform/kernel.h"
 
 inline constexpr char kIoSource[] = "io";  // the source file that this folder's assertions name
 

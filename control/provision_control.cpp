@@ -1,22 +1,12 @@
 #include "control/provision_control.h"
 #include "config/parser.h"
-#include "config/protected_volumes.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/threads.h"
 #include "swap/provision.h"
 
 namespace {
 
 constexpr ULONG kAllocationBytes = sizeof(SWAP_CONFIG_REQUEST);
 constexpr ULONG kRemovalBytes = sizeof(SWAP_CONFIG_REQUEST::VolumeName);
-
-// Thread handles are the kernel's own. The requester is some process, a user's tool or whoever read a volume
-// first: it must not be able to reach them, and they are closed from other processes.
-NTSTATUS CreateThread(PKSTART_ROUTINE routine, PVOID context, HANDLE* handle) {
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    return PsCreateSystemThread(handle, THREAD_ALL_ACCESS, &attributes, nullptr, nullptr, routine, context);
-}
 
 bool HoldsProtectedConfig(PVOLUME_EXTENSION volume) {
     return gTesselEnabled && volume->IsVolume && volume->IsProtected && volume->PreloadConfigLocation[0] != 0;
@@ -25,11 +15,8 @@ bool HoldsProtectedConfig(PVOLUME_EXTENSION volume) {
 // Is the named fixed volume itself protected now? Its storage must then stay: redirections are live in it, and
 // a volume that lost them, or was captured from anew, would take the next writes into its own fixed sectors.
 BOOLEAN IsNamedVolumeProtected(const SWAP_CONFIG_REQUEST* request) {
-    PVOLUME_EXTENSION volume = ReferenceRequestedVolume(request);
-    if (!volume) return FALSE;
-    const bool isProtected = volume->IsProtected && volume->MediaType != RemovableMedia;
-    IoReleaseRemoveLock(&volume->RemoveLock, volume);
-    return isProtected;
+    const RecordHold volume = FindRequestedVolume(request);
+    return !volume.Failed() && volume.Get()->IsProtected && volume.Get()->MediaType != RemovableMedia;
 }
 
 // The thread's own copy, always a whole record: what the input does not bring is zero.
@@ -56,7 +43,7 @@ NTSTATUS StartThread(PKSTART_ROUTINE routine, PoolPtr<SWAP_CONFIG_REQUEST> reque
     KVR_REQUIRES(gProvisionMutex) {
     gProvisionQuit = FALSE;
     KernelHandle handle;
-    NTSTATUS status = CreateThread(routine, request.Get(), handle.Receive());
+    NTSTATUS status = CreateDriverThread(routine, request.Get(), &handle);
     if (!NT_SUCCESS(status)) return status;
     static_cast<void>(request.Release());  // the thread's now
     gProvisionThread = ReferenceThread(handle.Get());
@@ -85,14 +72,6 @@ PKTHREAD AskThreadToQuit() {
     ObReferenceObject(thread);
     gProvisionQuit = TRUE;
     return thread;
-}
-
-// Only if it still is the one published; the reference goes with it.
-void ClearProvisionThread(PKTHREAD thread) {
-    KernelMutexLock lock(gProvisionMutex);
-    if (gProvisionThread != thread) return;
-    gProvisionThread = nullptr;
-    ObDereferenceObject(thread);
 }
 
 NTSTATUS WaitForThread(PKTHREAD thread) {
@@ -131,44 +110,14 @@ NTSTATUS StopSwapThread() {
     if (!thread) return STATUS_SUCCESS;
     NTSTATUS status = WaitForThread(thread);
     if (status != STATUS_SUCCESS) DbgPrint("Kvr!Failed waiting for thread to quit: 0x%08x...\n", status);
-    if (status == STATUS_SUCCESS) ClearProvisionThread(thread);
+    if (status == STATUS_SUCCESS) RetractProvisionThread(thread);
     ObDereferenceObject(thread);
     return status;
 }
 
 BOOLEAN IsConfigVolumeProtected() {
     FastMutexLock lock(gVolumeListLock);
-    for (PLIST_ENTRY entry = gVolumeList.Flink; entry != &gVolumeList; entry = entry->Flink) {
-        if (HoldsProtectedConfig(CONTAINING_RECORD(entry, VOLUME_EXTENSION, ListEntry))) return TRUE;
-    }
+    for (PVOLUME_EXTENSION volume : Volumes())
+        if (HoldsProtectedConfig(volume)) return TRUE;
     return FALSE;
-}
-
-NTSTATUS StartArmThread(PVOLUME_EXTENSION volume) {
-    NTSTATUS status = IoAcquireRemoveLock(&volume->RemoveLock, volume);
-    if (!NT_SUCCESS(status)) return status;
-    HANDLE handle = nullptr;
-    status = CreateThread(StorageArmThread, volume, &handle);
-    if (!NT_SUCCESS(status)) {
-        IoReleaseRemoveLock(&volume->RemoveLock, volume);
-        return status;
-    }
-    // The caller holds the record too, so removal, which closes the handle, finds it here.
-    KernelHandle(volume->ArmThreadHandle.exchange(handle)).Reset();
-    return status;
-}
-
-// The mutex is held while this thread is created and published: passing it is all there is to wait for. The
-// thread publishes itself only if its starter could not name it.
-void EnterProvisioning() {
-    KernelMutexLock lock(gProvisionMutex);
-    PKTHREAD self = KvrCurrentThread();
-    if (gProvisionThread == self) return;
-    ObReferenceObject(self);
-    gProvisionThread = self;
-}
-
-void LeaveProvisioning(NTSTATUS status) {
-    ClearProvisionThread(KvrCurrentThread());
-    KVR_DISCARD(PsTerminateSystemThread(status), "a system thread always ends here");
 }

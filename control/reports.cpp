@@ -1,7 +1,7 @@
 #include "control/reports.h"
-#include "control/provision_control.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "formats/kvr_ioctl.h"
 
 namespace {
 
@@ -56,11 +56,10 @@ void FillRecord(KVR_REMOVABLE_VOLUME_STATUS& record, PVOLUME_EXTENSION volume) {
 
 // Every record is filled from zero on the stack and copied whole: no byte of it reaches the caller unset.
 template <class Record>
-ULONG_PTR FillReport(UCHAR* buffer, ULONG length, bool removable) {
+ULONG_PTR FillReport(UCHAR* buffer, ULONG length, bool removable) KVR_REQUIRES(gVolumeListLock) {
     ULONG_PTR written = 0;
-    for (PLIST_ENTRY entry = gVolumeList.Flink; entry != &gVolumeList; entry = entry->Flink) {
+    for (PVOLUME_EXTENSION volume : Volumes()) {
         if (length - written < sizeof(Record)) break;
-        PVOLUME_EXTENSION volume = CONTAINING_RECORD(entry, VOLUME_EXTENSION, ListEntry);
         if ((volume->MediaType == RemovableMedia) != removable) continue;
         Record record{};
         FillRecord(record, volume);
@@ -76,8 +75,9 @@ template <class Record>
 NTSTATUS Report(PVOID buffer, ULONG length, bool removable, ULONG_PTR* written) KVR_NO_ANALYSIS {
     ULONG_PTR filled = 0;
     ExAcquireFastMutex(&gVolumeListLock);
-    TryFinally([&] { filled = FillReport<Record>(static_cast<UCHAR*>(buffer), length, removable); },
-               []() KVR_NO_ANALYSIS { ExReleaseFastMutex(&gVolumeListLock); });
+    TryFinally(
+        [&]() KVR_NO_ANALYSIS { filled = FillReport<Record>(static_cast<UCHAR*>(buffer), length, removable); },
+        []() KVR_NO_ANALYSIS { ExReleaseFastMutex(&gVolumeListLock); });
     *written = filled;
     return STATUS_SUCCESS;
 }

@@ -1,7 +1,7 @@
 // Attachment: a filter device with its record above every volume and disk that is offered.
-#include "driver/dispatch.h"
 #include "driver/pnp.h"
-#include "platform/owners.h"
+#include "driver/record/requests.h"
+#include "driver/record/volume_list.h"
 #include "swap/swap.h"
 
 namespace {

@@ -1,5 +1,6 @@
-// Opening and closing, and what becomes of requests that no routine of their own handles.
+// Opening and closing.
 #include "driver/dispatch.h"
+#include "driver/record/requests.h"
 #include "platform/owners.h"
 
 namespace {
@@ -30,10 +31,4 @@ NTSTATUS KvrClose(PDEVICE_OBJECT device, PIRP request) {
     if (device != gControlDevice) return PassIrpDown(device, request);
     GiveControlDeviceBack();
     return CompleteRequest(request, STATUS_SUCCESS);
-}
-
-NTSTATUS KvrDefaultDispatch(PDEVICE_OBJECT device, PIRP request) {
-    if (device != gControlDevice) return PassIrpDown(device, request);
-    const bool cleanup = IoGetCurrentIrpStackLocation(request)->MajorFunction == IRP_MJ_CLEANUP;
-    return CompleteRequest(request, cleanup ? STATUS_SUCCESS : STATUS_INVALID_DEVICE_REQUEST);
 }

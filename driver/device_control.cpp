@@ -2,8 +2,8 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "control/io.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/requests.h"
+#include "driver/record/volume_list.h"
 
 namespace {
 

@@ -1,12 +1,12 @@
 #include "config/storage.h"
-#include "control/provision_control.h"
 #include "driver/device_control.h"
 #include "driver/dispatch.h"
 #include "driver/globals.h"
 #include "driver/pnp.h"
-#include "platform/owners.h"
+#include "driver/record/requests.h"
+#include "driver/record/threads.h"
 #include "redirect/redirect.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 
 namespace {
 

@@ -2,19 +2,19 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
-#include "control/provision_control.h"
 #include "driver/dispatch.h"
-#include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "driver/record/requests.h"
+#include "driver/record/threads.h"
+#include "redirect/redirect.h"
+#include "swap/swap_file.h"
 
-// driver/dispatch.h
+// driver/record/
 constinit PDEVICE_OBJECT gControlDevice = nullptr;
-constinit BOOLEAN gControlOpen = FALSE;
-constinit KSPIN_LOCK gControlLock{};
 constinit LIST_ENTRY gVolumeList{};
 constinit FAST_MUTEX gVolumeListLock{};
-constinit RTL_OSVERSIONINFOEXW gVersionInfo{};
-constinit KEVENT gBootStatusEvent{};
+constinit std::atomic<PKTHREAD> gProvisionThread{nullptr};
+constinit std::atomic<BOOLEAN> gProvisionQuit{FALSE};
+constinit KMUTEX gProvisionMutex{};
 
 // config/parser.h
 constinit std::atomic<BOOLEAN> gTesselEnabled{FALSE};
@@ -35,14 +35,17 @@ constinit std::atomic<HANDLE> gDriverFileHandle{nullptr};
 constinit FAST_MUTEX gConfigWriteLock{};
 constinit std::atomic<LONG> gConfigToolWrites{0};
 
-// control/provision_control.h
-constinit std::atomic<PKTHREAD> gProvisionThread{nullptr};
-constinit std::atomic<BOOLEAN> gProvisionQuit{FALSE};
-constinit KMUTEX gProvisionMutex{};
-
-// redirect/swap_file.h
+// swap/swap_file.h
 constinit SWAP_FILE* gSwapFileList = nullptr;
 constinit KMUTEX gSwapFileMutex{};
+
+// redirect/redirect.h
+constinit KEVENT gBootStatusEvent{};
+
+// driver/dispatch.h
+constinit BOOLEAN gControlOpen = FALSE;
+constinit KSPIN_LOCK gControlLock{};
+constinit RTL_OSVERSIONINFOEXW gVersionInfo{};
 
 namespace {
 

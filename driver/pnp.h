@@ -1,7 +1,7 @@
 // Attachment to volumes and disks, Plug and Play, power, flush and shutdown of filter devices.
 // IRQL: PASSIVE_LEVEL, but for KvrPower (at most DISPATCH_LEVEL).
 #pragma once
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 
 NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo);
 NTSTATUS KvrPnp(PDEVICE_OBJECT device, PIRP request);

@@ -1,12 +1,10 @@
 // Plug and Play beyond the start: which requests are refused, and the end of a record.
-#include "driver/dispatch.h"
 #include "driver/pnp.h"
-#include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "driver/record/requests.h"
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"
 #include "swap/provision.h"
-#include "swap/swap.h"
+#include "swap/swap_file.h"
 
 namespace {
 

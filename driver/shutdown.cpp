@@ -1,9 +1,8 @@
 // Flush, power and shutdown of filter devices: the points at which cached writes and the map reach the disk.
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "driver/dispatch.h"
 #include "driver/pnp.h"
-#include "platform/owners.h"
+#include "driver/record/requests.h"
 #include "redirect/write_cache.h"
 #include "swap/map_format.h"
 
@@ -16,7 +15,7 @@ BOOLEAN IsRedirected(PVOLUME_EXTENSION volume) {
 
 // So that the volume's changes outlive the reboot, if they are to be kept.
 void SaveVolumeState(PVOLUME_EXTENSION volume) {
-    RecordHold hold(volume, volume);
+    RecordHold hold(volume);
     if (hold.Failed() || volume->IsDisk || !gTesselEnabled || !IsVolumeInList(volume)) return;
     if (!IsRedirected(volume)) return;
     KVR_DISCARD(FlushWriteCache(volume),

@@ -2,9 +2,10 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
-#include "driver/dispatch.h"
 #include "driver/pnp.h"
-#include "platform/owners.h"
+#include "driver/record/names.h"
+#include "driver/record/requests.h"
+#include "driver/record/volume_list.h"
 
 namespace {
 
@@ -96,12 +97,7 @@ NTSTATUS QueryExtents(PVOLUME_EXTENSION volume, VOLUME_EXTENTS* extents, BOOLEAN
                                                  0, extents, sizeof(VOLUME_EXTENTS), FALSE, &done, &iosb);
     *sent = request != nullptr;
     if (!request) return STATUS_INSUFFICIENT_RESOURCES;
-    NTSTATUS status = IofCallDriver(volume->FilterDevice, request);
-    if (status == STATUS_PENDING) {
-        KVR_DISCARD(KeWaitForSingleObject(&done, Executive, KernelMode, FALSE, nullptr),
-                    "an untimed kernel-mode wait ends only with the event");
-        status = iosb.Status;
-    }
+    const NTSTATUS status = AwaitRequest(IofCallDriver(volume->FilterDevice, request), &done, &iosb);
     if (NT_SUCCESS(status)) extents->NumberOfDiskExtents = CountExtents(extents, iosb.Information);
     return status;
 }

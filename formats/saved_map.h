@@ -1,9 +1,10 @@
-// The saved map of a volume: where it lies and what its sectors hold. For the driver, which writes and reads it,
-// and for whoever looks at a medium without the driver. All integers are little-endian.
+// The saved map of a volume: where it lies and what its sectors hold. For the driver, which writes and reads
+// it, and for whoever looks at a medium without the driver. All integers are little-endian.
 //
-// The map file's runs, ascending, are the value of the volume's name in the driver's registry key. Each run holds
-// as many whole entries as fit, packed from its first byte; what is behind them is zero. There is no header and no
-// count: the map ends with the first run that holds nothing but empty slots, or with the last run.
+// The map file's runs, ascending, are the value of the volume's name in the driver's registry key. Each run
+// holds as many whole entries as fit, packed from its first byte; what is behind them is zero. There is no
+// header and no count: the map ends with the first run that holds nothing but empty slots, or with the last
+// run.
 #pragma once
 #include <cstddef>
 #include <cstdint>

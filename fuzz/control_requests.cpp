@@ -6,7 +6,7 @@
 #include "config/parser.h"
 #include "formats/kvr_ioctl.h"
 #include "platform/host/io/device.h"
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 #include "machine/boot/machine.h"
 #include "tests/doubles/memory_disk.h"
 #include "tests/doubles/scripted_file_system.h"

@@ -8,7 +8,7 @@
 #include "driver/globals.h"
 #include "machine/boot/registry_file.h"
 #include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 #include "platform/host/object/registry_store.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"

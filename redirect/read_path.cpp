@@ -2,30 +2,26 @@
 // life, since they come before any file system could be used.
 #include "config/parser.h"
 #include "config/storage.h"
-#include "driver/dispatch.h"
+#include "driver/record/requests.h"
 #include "redirect/redirect.h"
+#include "redirect/request_io.h"
 #include "redirect/request_path.h"
 #include "swap/map_boot.h"
-#include "swap/sector_io.h"
 
 namespace {
 
-void TraceFileRead(const FILE_REQUEST& read) {
-    const auto& place = IoGetCurrentIrpStackLocation(read.Request)->Parameters.Read;
-    DbgPrint("Kvr!Read(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n", read.Request,
-             read.Request->Flags, static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(read.File)), read.File->Flags,
-             place.ByteOffset.QuadPart, place.Length, &read.Volume->VolumeName, read.Name);
-}
+constexpr REQUEST_TRACE kReadTrace = {
+    "Kvr!Read(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n",
+    "Kvr!Read(%p:0x%08x): at %I64x %d bytes [%wZ]\n"};
 
 void TraceRead(const FILE_REQUEST& read) {
     const auto& place = IoGetCurrentIrpStackLocation(read.Request)->Parameters.Read;
-    DbgPrint("Kvr!Read(%p:0x%08x): at %I64x %d bytes [%wZ]\n", read.Request, read.Request->Flags,
-             place.ByteOffset.QuadPart, place.Length, &read.Volume->VolumeName);
+    TraceRequest(kReadTrace, read, place.ByteOffset, place.Length);
 }
 
 NTSTATUS ReadDisk(PDEVICE_OBJECT device, PIRP request) {
     const FILE_REQUEST read = DescribeRequest(device, request);
-    if (!read.Volume->SuppressReadTrace) read.File ? TraceFileRead(read) : TraceRead(read);
+    if (!read.Volume->SuppressReadTrace) TraceRead(read);
     return PassIrpDown(device, request);
 }
 
@@ -39,10 +35,7 @@ void LoadConfigOnce(const FILE_REQUEST& read) {
 
 void TraceProtectedRead(const FILE_REQUEST& read) {
     if (read.Volume->SuppressReadTrace || !read.Volume->IsProtected) return;
-    if (read.File)
-        TraceFileRead(read);
-    else if (gTesselEnabled)
-        TraceRead(read);
+    if (read.File || gTesselEnabled) TraceRead(read);
 }
 
 // Until the volume's own conditions for writes hold, its thread is started where no configuration lies.

@@ -2,13 +2,22 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
-#include "control/provision_control.h"
-#include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "driver/record/requests.h"
+#include "swap/provision.h"
+#include "swap/swap_file.h"
 
 FILE_REQUEST DescribeRequest(PDEVICE_OBJECT device, PIRP request) {
     PFILE_OBJECT file = FindRequestFile(request);
     return {device, request, VolumeOf(device), file, file ? &file->FileName : nullptr};
+}
+
+void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE_INTEGER offset, ULONG length) {
+    PUNICODE_STRING volume = &request.Volume->VolumeName;
+    if (request.File)
+        DbgPrint(trace.File, request.Request, request.Request->Flags, TraceAddress(request.File),
+                 request.File->Flags, offset.QuadPart, length, volume, request.Name);
+    else
+        DbgPrint(trace.NoFile, request.Request, request.Request->Flags, offset.QuadPart, length, volume);
 }
 
 BOOLEAN IsForFile(const FILE_REQUEST& request, const UNICODE_STRING& name) {

@@ -1,7 +1,7 @@
 // What the read path and the write path share.
 #pragma once
-#include "driver/volume_extension.h"
-#include "redirect/special_names.h"
+#include "driver/record/names.h"
+#include "driver/record/volume_list.h"
 
 // One request as the paths look at it.
 struct FILE_REQUEST {
@@ -12,6 +12,13 @@ struct FILE_REQUEST {
     PUNICODE_STRING Name;  // of the file; null without a file, empty for one without a name
 };
 [[nodiscard]] FILE_REQUEST DescribeRequest(PDEVICE_OBJECT device, PIRP request);
+
+// The two messages of a path about a request: formats for a request with a file and for one without.
+struct REQUEST_TRACE {
+    PCSTR File;
+    PCSTR NoFile;
+};
+void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE_INTEGER offset, ULONG length);
 
 // Is the request made for the file of that whole name?
 [[nodiscard]] BOOLEAN IsForFile(const FILE_REQUEST& request, const UNICODE_STRING& name);

@@ -1,7 +1,7 @@
 #include "redirect/write_cache.h"
+#include "driver/record/requests.h"
 #include "platform/checked_list.h"
-#include "platform/owners.h"
-#include "swap/sector_io.h"
+#include "redirect/request_io.h"
 
 namespace {
 
@@ -10,12 +10,12 @@ WRITE_CACHE_ENTRY* EntryOf(PLIST_ENTRY link) {
 }
 
 // Queues `data`, which the entry owns from then on; on failure it stays the caller's.
-NTSTATUS Enqueue(PVOLUME_EXTENSION volume, LARGE_INTEGER offset, UCHAR* data, ULONG length) {
+NTSTATUS Enqueue(PVOLUME_EXTENSION volume, LARGE_INTEGER offset, PoolPtr<UCHAR>& data, ULONG length) {
     SWAP_FILE* swapFile = volume->SwapFile;
     if (!swapFile) return STATUS_NO_SUCH_DEVICE;
     WRITE_CACHE_ENTRY* entry = NewRecord<WRITE_CACHE_ENTRY>().Release();
     if (!entry) return STATUS_INSUFFICIENT_RESOURCES;
-    entry->pBuffer = data;
+    entry->pBuffer = data.Release();
     entry->pVolume = volume;
     entry->liVolumeOffset = offset;
     entry->uLength = length;
@@ -38,11 +38,13 @@ WRITE_CACHE_ENTRY* OldestEntry(SWAP_FILE* swapFile) {
 // An entry of another volume is written under that volume's RemoveLock. While the entry is in the queue the
 // record exists, since removal drops the entries before it deletes the record; the lock is therefore taken
 // while CacheLock keeps the entry there. FALSE when that volume is being removed.
-BOOLEAN HoldEntryVolume(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY** entry, PVOLUME_EXTENSION volume) {
+BOOLEAN HoldEntryVolume(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume, WRITE_CACHE_ENTRY** entry,
+                        RecordHold* hold) {
     KernelMutexLock lock(swapFile->CacheLock);
     *entry = IsListEmpty(&swapFile->CacheList) ? nullptr : EntryOf(swapFile->CacheList.Flink);
     if (!*entry || (*entry)->pVolume == volume) return TRUE;
-    return NT_SUCCESS(IoAcquireRemoveLock(&(*entry)->pVolume->RemoveLock, *entry));
+    *hold = RecordHold((*entry)->pVolume, *entry);
+    return !hold->Failed();
 }
 
 void RemoveEntry(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY* entry) {
@@ -58,17 +60,14 @@ enum class FLUSH_STEP { Written, Empty, NoSpace, VolumeLeaves };
 // Writes the oldest entry.
 FLUSH_STEP FlushOldest(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) KVR_REQUIRES(swapFile->FlushLock) {
     WRITE_CACHE_ENTRY* entry = nullptr;
-    if (!HoldEntryVolume(swapFile, &entry, volume)) return FLUSH_STEP::VolumeLeaves;
+    RecordHold hold;
+    if (!HoldEntryVolume(swapFile, volume, &entry, &hold)) return FLUSH_STEP::VolumeLeaves;
     if (!entry) return FLUSH_STEP::Empty;
-    PVOLUME_EXTENSION target = entry->pVolume;
-    const BOOLEAN fits = entry->uLength <= swapFile->ulFreeBytes;
-    if (fits) {
-        KVR_DISCARD(WriteSectorsFromBuffer(target, entry->pBuffer, entry->uLength, &entry->liVolumeOffset),
-                    "the write was accepted long ago: there is nobody left to tell");
-        RemoveEntry(swapFile, entry);
-    }
-    if (target != volume) IoReleaseRemoveLock(&target->RemoveLock, entry);
-    return fits ? FLUSH_STEP::Written : FLUSH_STEP::NoSpace;
+    if (entry->uLength > swapFile->ulFreeBytes) return FLUSH_STEP::NoSpace;
+    KVR_DISCARD(WriteSectorsFromBuffer(entry->pVolume, entry->pBuffer, entry->uLength, &entry->liVolumeOffset),
+                "the write was accepted long ago: there is nobody left to tell");
+    RemoveEntry(swapFile, entry);
+    return FLUSH_STEP::Written;
 }
 
 // Takes the volume's entries out of one queue, one at a time.
@@ -86,26 +85,18 @@ WRITE_CACHE_ENTRY* UnlinkEntryOf(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) 
 // What CacheWriteRequest has in hand while an exception may come.
 struct CACHING {
     RequestPages Pages;
-    UCHAR* Data = nullptr;  // owned here until it is queued
+    PoolPtr<UCHAR> Data;  // until it is queued
 };
 
 NTSTATUS TakeData(PVOLUME_EXTENSION volume, PIRP request, CACHING* caching) {
     const auto& write = IoGetCurrentIrpStackLocation(request)->Parameters.Write;
-    caching->Data = NewBuffer(write.Length).Release();
+    caching->Data = NewBuffer(write.Length);
     if (!caching->Data) return STATUS_INSUFFICIENT_RESOURCES;
     caching->Pages.Lock(request);
     const PVOID mapped = caching->Pages.Map(request);
     if (!mapped) return STATUS_INSUFFICIENT_RESOURCES;
-    RtlCopyMemory(caching->Data, mapped, write.Length);
-    const NTSTATUS status = Enqueue(volume, write.ByteOffset, caching->Data, write.Length);
-    if (NT_SUCCESS(status)) caching->Data = nullptr;
-    return status;
-}
-
-void EndCaching(CACHING* caching) {
-    caching->Pages.Unlock();
-    if (caching->Data) FreePool(caching->Data);
-    caching->Data = nullptr;
+    RtlCopyMemory(caching->Data.Get(), mapped, write.Length);
+    return Enqueue(volume, write.ByteOffset, caching->Data, write.Length);
 }
 
 }  // namespace
@@ -115,17 +106,18 @@ NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request) {
     CACHING caching;
     // Page locking may raise. The exception ends here, as the request's status: whoever called holds the
     // record.
-    const NTSTATUS status = TryExcept([&] {
-        NTSTATUS result = STATUS_SUCCESS;
-        TryFinally([&] { result = length == 0 ? STATUS_SUCCESS : TakeData(volume, request, &caching); },
-                   [&] { EndCaching(&caching); });
-        return result;
-    });
-    request->IoStatus.Status = status;
-    request->IoStatus.Information = status == STATUS_SUCCESS ? length : 0;
-    if (request->UserIosb) *request->UserIosb = request->IoStatus;
-    IoCompleteRequest(request, IO_NO_INCREMENT);
-    return status;
+    const NTSTATUS status =
+        RunWithCleanup([&] { return length == 0 ? STATUS_SUCCESS : TakeData(volume, request, &caching); },
+                       [&] {
+                           caching.Pages.Unlock();
+                           caching.Data.Reset();
+                       });
+    const ULONG_PTR taken = BytesOf(status, length);
+    if (request->UserIosb) {
+        request->UserIosb->Status = status;
+        request->UserIosb->Information = taken;
+    }
+    return CompleteRequest(request, status, taken);
 }
 
 NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer, ULONG length) {
@@ -134,8 +126,7 @@ NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset,
     PoolPtr<UCHAR> data = NewBuffer(length);
     if (data) {
         RtlCopyMemory(data.Get(), buffer, length);
-        status = Enqueue(volume, *offset, data.Get(), length);
-        if (NT_SUCCESS(status)) KVR_DISCARD(data.Release(), "the entry owns it now");
+        status = Enqueue(volume, *offset, data, length);
     }
     DbgPrint("Kvr!AddBufferToCache() leave(%d)\n", KeGetCurrentIrql());
     return status;

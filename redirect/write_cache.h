@@ -3,7 +3,7 @@
 // its way. A CacheLock guards one list operation at a time, a FlushLock (taken before it) the writing of
 // entries. IRQL: PASSIVE_LEVEL.
 #pragma once
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 
 struct WRITE_CACHE_ENTRY {
     LARGE_INTEGER liVolumeOffset;

@@ -2,17 +2,19 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "driver/record/requests.h"
 #include "redirect/redirect.h"
+#include "redirect/request_io.h"
 #include "redirect/request_path.h"
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
-#include "swap/sector_io.h"
 
 namespace {
 
+constexpr REQUEST_TRACE kWriteTrace = {
+    "Kvr!Write(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n",
+    "Kvr!Write(%p:0x%08x): at %I64x %d bytes [%wZ]\n"};
 constexpr LONGLONG kMapSaveInterval = 300000000;  // 30 seconds
 
 struct WRITE_REQUEST : FILE_REQUEST {
@@ -27,14 +29,7 @@ WRITE_REQUEST DescribeWrite(PDEVICE_OBJECT device, PIRP request) {
 
 void TraceWrite(const WRITE_REQUEST& write) {
     if (write.Volume->SuppressWriteTrace) return;
-    if (write.File)
-        DbgPrint("Kvr!Write(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n",
-                 write.Request, write.Request->Flags,
-                 static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(write.File)), write.File->Flags,
-                 write.Offset.QuadPart, write.Length, &write.Volume->VolumeName, write.Name);
-    else
-        DbgPrint("Kvr!Write(%p:0x%08x): at %I64x %d bytes [%wZ]\n", write.Request, write.Request->Flags,
-                 write.Offset.QuadPart, write.Length, &write.Volume->VolumeName);
+    TraceRequest(kWriteTrace, write, write.Offset, write.Length);
 }
 
 // ---- disks -------------------------------------------------------------------------------------------------
@@ -49,12 +44,6 @@ NTSTATUS WriteDisk(PDEVICE_OBJECT device, PIRP request) {
 }
 
 // ---- captures: the write reaches the volume and shows where its file lies --------------------------------
-
-// Completes a request that was forwarded, as the lower driver left it.
-NTSTATUS CompleteForwarded(PIRP request, NTSTATUS status) {
-    IoCompleteRequest(request, IO_NO_INCREMENT);
-    return status;
-}
 
 BOOLEAN IsConfigCapture(const WRITE_REQUEST& write) {
     return !IsConfigLocationComplete(write.Volume) && IsForFileEnding(write, SpecialFileNames.ConfigFile);

@@ -1,7 +1,6 @@
-// Recording what a write put into the swap, and settling a request's list.
+// Recording what a write put into the swap.
 #include "platform/owners.h"
 #include "swap/chunk_maps.h"
-#include "swap/segments.h"
 
 namespace {
 
@@ -55,10 +54,8 @@ NTSTATUS CommitChunk(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, ULONG
         const PIECE piece = NextPiece(volume, chunk, position);
         const NTSTATUS status = piece.redirected ? RecordFreeChunk(volume, piece.swapOffset, piece.length)
                                                  : RecordSwappedChunk(volume, piece, bVolatile);
-        if (status == STATUS_INSUFFICIENT_RESOURCES)
-            DbgPrint("Kvr!CommitChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
-        else if (!NT_SUCCESS(status))
-            DbgPrint("Kvr!CommitChunks [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+        ReportLoss(status, __LINE__, "Kvr!CommitChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n",
+                   "Kvr!CommitChunks [%d] STATUS_UNSUCCESSFUL\n");
         if (!NT_SUCCESS(status)) result = status;
         position += piece.length;
     }
@@ -78,15 +75,4 @@ NTSTATUS CommitChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain, ULONG bVol
         if (!NT_SUCCESS(status)) result = status;
     }
     return result;
-}
-
-void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile) {
-    while (list) {
-        const PoolPtr<SEGMENT> segment(list);
-        list = segment->pNext;
-        if (!segment->pChunk) continue;
-        KVR_DISCARD(commit ? CommitChunks(volume, segment->pChunk, bVolatile)
-                           : UnlockFreeChunks(volume, segment->pChunk),
-                    "each chunk is settled, and what could not be recorded has been reported");
-    }
 }

@@ -1,8 +1,7 @@
 // Taking free space for a write, and giving it back.
-#include "config/protected_volumes.h"
+#include "driver/record/names.h"
 #include "platform/assert.h"
 #include "platform/owners.h"
-#include "redirect/special_names.h"
 #include "swap/chunk_maps.h"
 
 namespace {
@@ -111,12 +110,9 @@ NTSTATUS UnlockFreeChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain) {
         const PoolPtr<PENDING_CHUNK> chunk(chain);
         chain = chunk->pNext;
         const NTSTATUS status = RecordFreeChunk(volume, chunk->liSwapOffset.QuadPart, chunk->uLength);
-        if (NT_SUCCESS(status)) continue;
-        result = status;
-        if (status == STATUS_INSUFFICIENT_RESOURCES)
-            DbgPrint("Kvr!UnlockFreeChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
-        else
-            DbgPrint("Kvr!UnlockFreeChunks [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+        ReportLoss(status, __LINE__, "Kvr!UnlockFreeChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n",
+                   "Kvr!UnlockFreeChunks [%d] STATUS_UNSUCCESSFUL\n");
+        if (!NT_SUCCESS(status)) result = status;
     }
     return result;
 }

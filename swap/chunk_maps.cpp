@@ -1,6 +1,6 @@
 #include "swap/chunk_maps.h"
 #include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 
 namespace {
 
@@ -84,6 +84,12 @@ NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG le
     return STATUS_SUCCESS;
 }
 
+void ReportLoss(NTSTATUS status, ULONG line, PCSTR noRecord, PCSTR noNode) {
+    if (NT_SUCCESS(status)) return;
+    PCSTR message = status == STATUS_INSUFFICIENT_RESOURCES ? noRecord : noNode;
+    if (message) DbgPrint(message, line);
+}
+
 void EmptySwappedChunks(PVOLUME_EXTENSION volume) {
     tree_destroy(&volume->SwappedChunks);
     volume->SwapUsedBytes = 0;
@@ -96,12 +102,10 @@ void EmptyFreeChunks(PVOLUME_EXTENSION volume) {
 
 NTSTATUS AddSwapFreeChunk(PVOLUME_EXTENSION volume, const LARGE_INTEGER* swapOffset, ULONG length) {
     FastMutexLock lock(volume->SwapLock);
-    volume->MapDirty = TRUE;
     const NTSTATUS status = RecordFreeChunk(volume, swapOffset->QuadPart, length);
-    if (status == STATUS_INSUFFICIENT_RESOURCES)
-        DbgPrint("Kvr!AddSwapFreeChunk [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
-    else if (!NT_SUCCESS(status))
-        DbgPrint("Kvr!AddSwapFreeChunk [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+    if (status != STATUS_INSUFFICIENT_RESOURCES) volume->MapDirty = TRUE;
+    ReportLoss(status, __LINE__, "Kvr!AddSwapFreeChunk [%d] STATUS_INSUFFICIENT_RESOURCES\n",
+               "Kvr!AddSwapFreeChunk [%d] STATUS_UNSUCCESSFUL\n");
     return status;
 }
 
@@ -118,13 +122,21 @@ void AddSwapMapChunk(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length) {
     if (node && node->Record == record.Get()) record.Release();
 }
 
+ULONG key_in_chunk(const void* probe, const void* record) {
+    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(record);
+    LONGLONG offset = 0;
+    RtlCopyMemory(&offset, probe, sizeof(offset));
+    const LONGLONG start = chunk->liVolumeOffset.QuadPart;
+    return offset >= start && static_cast<ULONG64>(offset) - static_cast<ULONG64>(start) < chunk->uLength;
+}
+
 // The walk runs under SwapLock, which the analysis cannot see through the callback.
 ULONG free_swapped_chunks(PVOID record, PVOID context) KVR_NO_ANALYSIS {
     const auto* chunk = static_cast<const SWAPPED_CHUNK*>(record);
     if (!chunk) return 0;
     const NTSTATUS status =
         RecordFreeChunk(static_cast<PVOLUME_EXTENSION>(context), chunk->liSwapOffset.QuadPart, chunk->uLength);
-    if (status == STATUS_UNSUCCESSFUL) DbgPrint("Kvr!free_swapped_chunks [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+    ReportLoss(status, __LINE__, nullptr, "Kvr!free_swapped_chunks [%d] STATUS_UNSUCCESSFUL\n");
     return 0;
 }
 
@@ -134,10 +146,9 @@ ULONG unuse_swapped_chunks(PVOID record, PVOID context) KVR_NO_ANALYSIS {
     if (!chunk) return 0;
     const NTSTATUS status =
         RecordFreeChunk(static_cast<PVOLUME_EXTENSION>(context), chunk->liSwapOffset.QuadPart, chunk->uLength);
-    if (status == STATUS_INSUFFICIENT_RESOURCES)
-        DbgPrint("Kvr!unuse_swapped_chunks::ExAllocatePoolWithTag  STATUS_INSUFFICIENT_RESOURCES\n");
-    else if (!NT_SUCCESS(status))
-        DbgPrint("Kvr!unuse_swapped_chunks::tree_insert  STATUS_UNSUCCESSFUL\n");
+    ReportLoss(status, __LINE__,
+               "Kvr!unuse_swapped_chunks::ExAllocatePoolWithTag  STATUS_INSUFFICIENT_RESOURCES\n",
+               "Kvr!unuse_swapped_chunks::tree_insert  STATUS_UNSUCCESSFUL\n");
     return 0;
 }
 

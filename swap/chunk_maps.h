@@ -16,6 +16,10 @@ void DebitFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) KVR_REQUIRES(volume
 [[nodiscard]] NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG length)
     KVR_REQUIRES(volume->SwapLock);
 
+// Says of a chunk that could not be recorded why not, with one of two messages (formats for the line). Nothing
+// for a success; a null message is none.
+void ReportLoss(NTSTATUS status, ULONG line, PCSTR noRecord, PCSTR noNode);
+
 // Releases every record and sets the counters accordingly; the trees stay usable.
 void EmptySwappedChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);
 void EmptyFreeChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);

@@ -2,10 +2,11 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
+#include "driver/record/sector_io.h"
 #include "platform/owners.h"
 #include "swap/chunk_maps.h"
 #include "swap/map_read.h"
-#include "swap/map_runs.h"
+#include "swap/map_format.h"
 
 namespace {
 
@@ -23,16 +24,7 @@ struct MAP_LOAD {
     bool noLocation;
 };
 
-// Reads one run from the volume; its failure is the load's status and the next run is read.
-NTSTATUS ReadRunSectors(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run, PVOID buffer) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK iosb{};
-    LARGE_INTEGER offset;
-    offset.QuadPart = RunOffset(volume, run);
-    return TransferSectors(IRP_MJ_READ, volume->Target, buffer, run->ulLength, &offset, &iosb, &event);
-}
-
+// A run that cannot be read is the load's status, and the next one is read.
 void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     if (run->ulLength < sizeof(SWAP_MAP_ENTRY)) {
         load.loaded = STATUS_END_OF_FILE;  // it holds no entry, and needs no reading to know
@@ -46,10 +38,15 @@ void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     load.status = STATUS_INSUFFICIENT_RESOURCES;
     if (!buffer) return;
     RtlZeroMemory(buffer.Get(), run->ulLength);
-    load.status = ReadRunSectors(load.volume, run, buffer.Get());
+    load.status = TransferOnce(IRP_MJ_READ, load.volume->Target, buffer.Get(), run->ulLength,
+                               RunOffset(*run, load.volume->BytesPerSector));
     if (!NT_SUCCESS(load.status)) return;
-    FastMutexLock lock(load.volume->SwapLock);
-    load.loaded = ReadMapRun(load.volume, buffer.Get(), run->ulLength);
+    {
+        FastMutexLock lock(load.volume->SwapLock);
+        load.volume->MapBuffer = buffer.Get();
+        load.volume->MapBufferSize = run->ulLength;
+    }
+    load.loaded = DeserializeSwapMap(load.volume->FilterDevice);
 }
 
 // A value too short for one run is no location.
@@ -135,14 +132,11 @@ void GiveUpRedirections(PVOLUME_EXTENSION volume) {
 void CopyChunk(PVOLUME_EXTENSION volume, const SWAPPED_CHUNK* chunk) {
     const PoolPtr<UCHAR> buffer = NewBuffer(chunk->uLength);
     if (!buffer) return;
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK iosb{};
-    const NTSTATUS status = TransferSectors(IRP_MJ_READ, volume->Target, buffer.Get(), chunk->uLength,
-                                            &chunk->liSwapOffset, &iosb, &event);
+    const NTSTATUS status =
+        TransferOnce(IRP_MJ_READ, volume->Target, buffer.Get(), chunk->uLength, chunk->liSwapOffset.QuadPart);
     if (!NT_SUCCESS(status)) return;
-    KVR_DISCARD(TransferSectors(IRP_MJ_WRITE, volume->Target, buffer.Get(), chunk->uLength,
-                                &chunk->liVolumeOffset, &iosb, &event),
+    KVR_DISCARD(TransferOnce(IRP_MJ_WRITE, volume->Target, buffer.Get(), chunk->uLength,
+                             chunk->liVolumeOffset.QuadPart),
                 "the redirections are given up, merged or not");
 }
 

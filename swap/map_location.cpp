@@ -1,5 +1,5 @@
 // Where the saved map lies: the registry value named after the volume, and the copy in the record.
-#include "config/registry.h"
+#include "driver/record/registry.h"
 #include "platform/owners.h"
 #include "swap/map_boot.h"
 

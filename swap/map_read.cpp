@@ -1,6 +1,7 @@
 #include "swap/map_read.h"
 #include "platform/owners.h"
 #include "swap/chunk_maps.h"
+#include "swap/map_format.h"
 
 namespace {
 
@@ -75,9 +76,9 @@ NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry, LONGLO
     return status;
 }
 
-NTSTATUS LoadMapBuffer(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
-    const auto* entries = reinterpret_cast<const SWAP_MAP_ENTRY*>(volume->MapBuffer);
-    const ULONG64 slots = entries ? volume->MapBufferSize / sizeof(SWAP_MAP_ENTRY) : 0;
+NTSTATUS LoadRun(PVOLUME_EXTENSION volume, const UCHAR* run, ULONG64 size) KVR_REQUIRES(volume->SwapLock) {
+    const auto* entries = reinterpret_cast<const SWAP_MAP_ENTRY*>(run);
+    const ULONG64 slots = run ? size / sizeof(SWAP_MAP_ENTRY) : 0;
     LONGLONG end = EndOfRedirections(volume);
     bool found = false;
     for (ULONG64 i = 0; i < slots; ++i) {
@@ -139,16 +140,8 @@ ULONG PackRanges(PVOLUME_EXTENSION volume, ULONG64* ranges) KVR_REQUIRES(volume-
 NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
     FastMutexLock lock(volume->SwapLock);
-    return LoadMapBuffer(volume);
-}
-
-NTSTATUS ReadMapRun(PVOLUME_EXTENSION volume, UCHAR* run, ULONG size) {
-    volume->MapBuffer = run;
-    volume->MapBufferSize = size;
-    const NTSTATUS status = LoadMapBuffer(volume);
-    volume->MapBuffer = nullptr;
-    volume->MapBufferSize = 0;
-    return status;
+    const UCHAR* run = std::exchange(volume->MapBuffer, nullptr);
+    return LoadRun(volume, run, std::exchange(volume->MapBufferSize, 0));
 }
 
 NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {

@@ -1,6 +1,5 @@
 #include "swap/provision.h"
-#include "config/protected_volumes.h"
-#include "control/provision_control.h"
+#include "driver/record/threads.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
 #include "swap/provision_files.h"
@@ -27,21 +26,6 @@ constexpr REMOVAL_MESSAGES kRemoveMessages = {
     "Kvr!ConfigureSwapRemoveThread::RegDelMapLocation()\n", "Kvr!ConfigureSwapRemoveThread::Unlock()\n",
     "Kvr!ConfigureSwapRemoveThread::Delete kvr.map\n", "Kvr!ConfigureSwapRemoveThread::Delete kvr.swp\n",
     "Kvr!ConfigureSwapRemoveThread::Delete done\n"};
-
-// The volume that a request names, kept from going away meanwhile.
-class NAMED_VOLUME {
-public:
-    explicit NAMED_VOLUME(const SWAP_CONFIG_REQUEST* request) : m_volume(ReferenceRequestedVolume(request)) {}
-    ~NAMED_VOLUME() {
-        if (m_volume) IoReleaseRemoveLock(&m_volume->RemoveLock, m_volume);
-    }
-    NAMED_VOLUME(const NAMED_VOLUME&) = delete;
-    NAMED_VOLUME& operator=(const NAMED_VOLUME&) = delete;
-    [[nodiscard]] PVOLUME_EXTENSION Get() const { return m_volume; }
-
-private:
-    PVOLUME_EXTENSION m_volume;
-};
 
 void CloseHeld(HANDLE* handle) {
     KernelHandle(std::exchange(*handle, nullptr)).Reset();
@@ -167,11 +151,11 @@ NTSTATUS MakeStorage(PVOLUME_EXTENSION volume, LONGLONG size) {
 
 NTSTATUS AllocateStorage(const SWAP_CONFIG_REQUEST* request) {
     {
-        const NAMED_VOLUME named(request);
-        if (named.Get()) RemoveStorage(named.Get(), kAllocMessages);
+        const RecordHold named = FindRequestedVolume(request);
+        if (!named.Failed()) RemoveStorage(named.Get(), kAllocMessages);
     }
     if (request->SwapSize <= 0 || gProvisionQuit) return STATUS_SUCCESS;
-    const NAMED_VOLUME named(request);  // looked up again: the removal may have taken long
+    const RecordHold named = FindRequestedVolume(request);  // looked up again: the removal may have taken long
     PVOLUME_EXTENSION volume = named.Get();
     if (!volume || volume->MediaType != FixedMedia || volume->IsDisk) return STATUS_SUCCESS;
     return MakeStorage(volume, request->SwapSize);
@@ -179,14 +163,14 @@ NTSTATUS AllocateStorage(const SWAP_CONFIG_REQUEST* request) {
 
 }  // namespace
 
-PVOLUME_EXTENSION ReferenceRequestedVolume(const SWAP_CONFIG_REQUEST* request) {
+RecordHold FindRequestedVolume(const SWAP_CONFIG_REQUEST* request) {
     WCHAR characters[KVR_NAME_CHARS];
     USHORT count = 0;
     for (; count < KVR_NAME_CHARS && request->VolumeName[count] != 0; ++count)
         characters[count] = static_cast<WCHAR>(request->VolumeName[count]);
     const auto bytes = static_cast<USHORT>(count * sizeof(WCHAR));
     const UNICODE_STRING name = {bytes, bytes, characters};
-    return ReferenceVolumeByName(&name);
+    return FindVolumeByName(&name);
 }
 
 void CloseHeldFiles(PVOLUME_EXTENSION volume) {
@@ -196,20 +180,23 @@ void CloseHeldFiles(PVOLUME_EXTENSION volume) {
     for (HANDLE& handle : volume->SwapFileHandles) CloseHeld(&handle);
 }
 
-void ConfigureSwapAllocThread(PVOID request) {
+void ConfigureSwapAllocThread(PVOID context) {
     EnterProvisioning();
-    const NTSTATUS status = AllocateStorage(static_cast<const SWAP_CONFIG_REQUEST*>(request));
-    FreePool(request);
+    NTSTATUS status = STATUS_SUCCESS;
+    {
+        const PoolPtr<SWAP_CONFIG_REQUEST> request(static_cast<SWAP_CONFIG_REQUEST*>(context));
+        status = AllocateStorage(request.Get());
+    }
     LeaveProvisioning(status);
 }
 
-void ConfigureSwapRemoveThread(PVOID request) {
+void ConfigureSwapRemoveThread(PVOID context) {
     EnterProvisioning();
     {
-        const NAMED_VOLUME named(static_cast<const SWAP_CONFIG_REQUEST*>(request));
-        if (named.Get()) RemoveStorage(named.Get(), kRemoveMessages);
+        const PoolPtr<SWAP_CONFIG_REQUEST> request(static_cast<SWAP_CONFIG_REQUEST*>(context));
+        const RecordHold named = FindRequestedVolume(request.Get());
+        if (!named.Failed()) RemoveStorage(named.Get(), kRemoveMessages);
     }
-    FreePool(request);
     LeaveProvisioning(STATUS_SUCCESS);
 }
 

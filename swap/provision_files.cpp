@@ -1,5 +1,5 @@
 #include "swap/provision_files.h"
-#include "config/format_string.h"
+#include "driver/record/format_string.h"
 
 namespace {
 

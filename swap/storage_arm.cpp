@@ -1,6 +1,7 @@
 // Holding the storage files open, so that nobody reads, changes, moves or deletes them while the driver uses
 // their sectors behind the file system's back.
 #include "config/storage.h"
+#include "driver/record/threads.h"
 #include "swap/provision.h"
 #include "swap/provision_files.h"
 
@@ -52,4 +53,16 @@ void StorageArmThread(PVOID context) {
     const NTSTATUS status = volume->MapLocation ? HoldStorageFiles(volume) : STATUS_SUCCESS;
     IoReleaseRemoveLock(&volume->RemoveLock, volume);
     KVR_DISCARD(PsTerminateSystemThread(status), "a system thread always ends here");
+}
+
+NTSTATUS StartArmThread(PVOLUME_EXTENSION volume) {
+    RecordHold hold(volume);
+    if (hold.Failed()) return STATUS_DELETE_PENDING;
+    KernelHandle handle;
+    const NTSTATUS status = CreateDriverThread(StorageArmThread, volume, &handle);
+    if (!NT_SUCCESS(status)) return status;
+    hold.Detach();  // the thread's now
+    // The caller holds the record too, so removal, which closes the handle, finds it here.
+    KernelHandle(volume->ArmThreadHandle.exchange(handle.Release())).Reset();
+    return status;
 }

@@ -1,3 +1,7 @@
+// swap/: the swap space of a protected volume. The maps of redirected, free and pending space, the object that
+// stands for the storage (swap_file.h), the map's form on disk (map_format.h) and its loading at boot
+// (map_boot.h), and the threads that make, hold and remove the storage files (provision.h). Start here.
+//
 // The chunk maps of a volume: where each redirected range lives (SwappedChunks), which swap space is free
 // (FreeChunks) and which sectors hold the saved map (MapFileChunks). Space moves free -> pending -> swapped,
 // or back to free. All offsets are byte offsets on the volume's own lower device, all lengths bytes, all
@@ -6,8 +10,7 @@
 //
 // IRQL of every routine: at most APC_LEVEL. Each takes SwapLock itself unless it says otherwise.
 #pragma once
-#include "driver/volume_extension.h"
-#include "formats/saved_map.h"
+#include "driver/record/volume_extension.h"
 
 inline constexpr char kSwapSource[] = "swap";         // the source file that this folder's assertions name
 inline constexpr ULONG64 kLowSpaceLimit = 0x3000000;  // below it only metadata and unnamed writes get space
@@ -35,8 +38,6 @@ struct PENDING_CHUNK {
     PENDING_CHUNK* pNext;  // ascending volume offset
 };
 
-struct SEGMENT;
-
 void InitSwapMaps(PVOLUME_EXTENSION volume);
 // Empties the maps and begins them anew.
 void ResetSwapMaps(PDEVICE_OBJECT device);
@@ -54,8 +55,6 @@ void AddSwapMapChunk(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length);
 // Records the chain's ranges as redirected. Where another write has meanwhile redirected a part, that part
 // keeps the existing redirection and its new space becomes free again.
 [[nodiscard]] NTSTATUS CommitChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain, ULONG bVolatile);
-// Settles every pending chunk of the list (commit or give back) and releases every segment.
-void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile);
 // Gives up every redirection.
 void DiscardSwappedChunks(PVOLUME_EXTENSION volume);
 // Merges free chunks that touch, up to kSectorsPerBlock sectors each.
@@ -64,3 +63,5 @@ void AggregateFreeChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock
 // Visitors over SwappedChunks (context: the volume record; SwapLock held): the chunk's space becomes free.
 ULONG free_swapped_chunks(PVOID record, PVOID volume);
 ULONG unuse_swapped_chunks(PVOID record, PVOID volume);
+// Does the chunk hold the offset that the probe is? What SwappedChunks match by.
+ULONG key_in_chunk(const void* probe, const void* record);

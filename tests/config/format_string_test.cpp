@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include <string>
-#include "config/format_string.h"
+#include "driver/record/format_string.h"
 
 namespace {
 

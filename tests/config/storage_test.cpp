@@ -1,5 +1,5 @@
 #include "config/parser.h"
-#include "config/registry.h"
+#include "driver/record/registry.h"
 #include "config/storage.h"
 #include "tests/support/memory_stack.h"
 

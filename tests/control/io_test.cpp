@@ -5,6 +5,7 @@
 #include "control/reports.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
+#include "driver/record/threads.h"
 
 namespace {
 

@@ -5,6 +5,8 @@
 #include "platform/host/object/object.h"
 #include "platform/host/sync/thread.h"
 #include "tests/support/loaded_driver.h"
+#include "formats/kvr_ioctl.h"
+#include "driver/record/threads.h"
 
 namespace {
 

@@ -5,6 +5,9 @@
 #include "platform/host/sync/thread.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"
+#include "driver/record/names.h"
+#include "driver/record/threads.h"
+#include "swap/provision.h"
 
 namespace {
 

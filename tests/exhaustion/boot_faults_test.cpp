@@ -4,6 +4,9 @@
 #include "driver/dispatch.h"
 #include "tests/exhaustion/fault_sweep.h"
 #include "platform/host/sync/thread.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "driver/record/requests.h"
 
 namespace {
 

@@ -6,6 +6,9 @@
 #include "tests/support/map_invariants.h"
 #include "platform/host/sync/thread.h"
 #include "platform/host/check/verifier.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "driver/record/requests.h"
 
 namespace exhaustion {
 

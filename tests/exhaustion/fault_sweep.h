@@ -6,7 +6,7 @@
 #pragma once
 #include <functional>
 #include <gtest/gtest.h>
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 #include "platform/host/check/injector.h"
 #include "platform/owners.h"
 #include "tests/support/protected_computer.h"

@@ -4,7 +4,7 @@
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/io/request.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 #include "redirect/write_cache.h"
 #include "swap/chunk_maps.h"
 #include "tests/exhaustion/fault_sweep.h"

@@ -30,15 +30,15 @@ TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
 TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
     PDEVICE_OBJECT holder = AddMemory({.name = kOther}).stack.pdo.object;
     SWAP_FILE* swapFile = Get(kOther, volume);
-    SwapDevice device(volume);
-    EXPECT_EQ(holder, device.Device());
+    SwapDevice device;
+    EXPECT_EQ(holder, device.Of(volume));
     device.Release();
     EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(nullptr, swapFile->SwapVolume.load());
-    EXPECT_EQ(nullptr, SwapDevice(volume).Device());
+    EXPECT_EQ(nullptr, SwapDevice().Of(volume));
     ASSERT_EQ(STATUS_SUCCESS, host::AddDeviceToStack(kvr, holder));
-    SwapDevice again(volume);
-    EXPECT_EQ(holder, again.Device());
+    SwapDevice again;
+    EXPECT_EQ(holder, again.Of(volume));
     again.Release();
     EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
 }

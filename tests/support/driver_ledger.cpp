@@ -8,6 +8,9 @@
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
 #include "swap/swap.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "driver/record/requests.h"
 
 namespace support {
 

@@ -16,6 +16,9 @@
 #include "platform/host/io/user_mode.h"
 #include "platform/owners.h"
 #include "tests/platform/host_stub.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "driver/record/requests.h"
 
 inline UNICODE_STRING Counted(const char16_t* text) {
     UNICODE_STRING string;

@@ -2,8 +2,11 @@
 #include "config/storage.h"
 #include "control/provision_control.h"
 #include "driver/dispatch.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 #include "platform/host/sync/sync.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
+#include "driver/record/requests.h"
 
 namespace support {
 

@@ -1,7 +1,7 @@
 // The driver's lock order, told to the host kernel, which stops a thread that takes a lock out of turn. The
 // order is the one that driver/volume_extension.h gives; locks of one rank are never held together.
 #pragma once
-#include "driver/volume_extension.h"
+#include "driver/record/volume_extension.h"
 
 namespace support {
 

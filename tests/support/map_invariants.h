@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 #include "platform/owners.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 #include "swap/swap.h"
 
 namespace support {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include "config/storage.h"
 #include "platform/host/check/injector.h"
-#include "redirect/swap_file.h"
+#include "swap/swap_file.h"
 #include "tests/support/loaded_driver.h"
 #include "tests/support/memory_registry.h"
 

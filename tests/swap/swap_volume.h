@@ -10,7 +10,7 @@
 #include "platform/host/io/request.h"
 #include "platform/host/check/verifier.h"
 #include "driver/globals.h"
-#include "swap/sector_io.h"
+#include "redirect/request_io.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/memory_device.h"
 

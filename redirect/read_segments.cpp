@@ -1,11 +1,11 @@
 // Reads of a protected volume.
+#include "driver/record/requests.h"
 #include "platform/assert.h"
-#include "platform/owners.h"
-#include "swap/request_io.h"
+#include "redirect/request_io.h"
 
 namespace {
 
-// One read. Plain pointers, released by Cleanup: page locking may raise.
+// One read.
 struct READ_CALL {
     PVOLUME_EXTENSION volume;
     PIRP request;
@@ -14,7 +14,7 @@ struct READ_CALL {
     SEGMENT* list = nullptr;
     RequestPages pages{};
     UCHAR* mapped = nullptr;
-    UCHAR* bounce = nullptr;
+    PoolPtr<UCHAR> bounce{};
     RUN_TRANSFERS transfers{};
 };
 
@@ -29,7 +29,7 @@ NTSTATUS ReadRuns(READ_CALL& call, UCHAR* data) {
     ULONG filled = 0;
     for (SEGMENT* pCurrent = call.list; pCurrent; pCurrent = pCurrent->pNext) {
         KVR_ASSERT(kSwapSource, 0 != pCurrent->uLength);
-        PDEVICE_OBJECT device = pCurrent->bInSwap ? call.transfers.swap.Get(call.volume) : call.volume->Target;
+        PDEVICE_OBJECT device = pCurrent->bInSwap ? call.transfers.swap.Of(call.volume) : call.volume->Target;
         status = call.transfers.Transfer(IRP_MJ_READ, device, data + pCurrent->uOffset, pCurrent->uLength,
                                          pCurrent->bInSwap ? pCurrent->liSwapOffset : pCurrent->liVolumeOffset);
         if (!NT_SUCCESS(status)) break;
@@ -49,16 +49,14 @@ NTSTATUS ReadBody(READ_CALL& call) {
         return STATUS_INVALID_PARAMETER;
     }
     call.mapped = static_cast<UCHAR*>(pBuffer);
-    call.bounce = NewBuffer(call.length).Release();
-    return ReadRuns(call, call.bounce ? call.bounce : call.mapped);
+    call.bounce = NewBuffer(call.length);
+    return ReadRuns(call, call.bounce ? call.bounce.Get() : call.mapped);
 }
 
 void CleanUp(READ_CALL& call) {
     ReleaseSegmentChunks(call.volume, call.list, FALSE, 0);
-    if (call.bounce) {
-        RtlCopyMemory(call.mapped, call.bounce, call.length);
-        FreePool(call.bounce);
-    }
+    if (call.bounce) RtlCopyMemory(call.mapped, call.bounce.Get(), call.length);
+    call.bounce.Reset();
     call.transfers.swap.Release();
     call.pages.Unlock();
 }
@@ -73,12 +71,11 @@ NTSTATUS ReadSegments(PVOLUME_EXTENSION volume, PIRP request) {
     NTSTATUS status = BuildSegments(volume, call.length, &call.offset, &call.list);
     if (NT_SUCCESS(status) && IsAllOnVolume(call.list)) {
         ReleaseSegmentChunks(volume, call.list, FALSE, 0);
-        IoSkipCurrentIrpStackLocation(request);
-        return IofCallDriver(volume->Target, request);
+        return PassIrpDown(volume->FilterDevice, request);
     }
     if (NT_SUCCESS(status))
         status = RunWithCleanup([&] { return ReadBody(call); }, [&] { CleanUp(call); });
     else
         ReleaseSegmentChunks(volume, call.list, FALSE, 0);
-    return FinishRequest(request, status, call.transfers.transferred);
+    return CompleteRequest(request, status, BytesOf(status, call.transfers.transferred));
 }

@@ -1,6 +1,6 @@
-// driver/: the driver's frame. Entry, dispatch table and request helpers, the record of each filtered
-// volume or disk, Plug and Play, power, flush and shutdown, and the filtering of device-control requests.
-// Start here, then dispatch.h and pnp.h.
+// driver/record/: the floor that the driver's folders stand on. The record of each filtered volume or disk, the
+// list of all records and the holding of one, and what every folder needs from below: requests, raw sectors,
+// system threads, the registry key, names and counted strings. Start here, then volume_list.h and requests.h.
 //
 // VOLUME_EXTENSION is the record of one filter device, one per filtered volume or disk, and the backbone of
 // the driver. It lives in the device's extension, from AddDevice until the device is deleted, which waits
@@ -13,11 +13,11 @@
 // message.
 #pragma once
 #include <atomic>
+#include "driver/record/tree.h"
+#include "formats/saved_map.h"
 #include "platform/kernel.h"
-#include "swap/tree.h"
 
 struct SWAP_FILE;
-struct MAP_LOCATION_ENTRY;
 
 inline constexpr ULONG kConfigPieces = 16;
 inline constexpr ULONG kNumberedSwapFiles = 16;
@@ -70,7 +70,8 @@ struct VOLUME_EXTENSION {
     // Where the configuration's pieces lie; complete when no entry is 0.
     std::atomic<LONGLONG> PreloadConfigLocation[kConfigPieces];  // from the registry at start, atomic
     LONGLONG PostloadConfigLocation[kConfigPieces] KVR_GUARDED_BY(SwapLock);  // captured in this boot
-    // The saved map, while it is written or read, and where it lies.
+    // The saved map: the run that is to be read next, and where the map lies. A save counts in a cursor of its
+    // own, so MapEntryCount and MapRunIndex are 0 whenever SwapLock can be had.
     UCHAR* MapBuffer KVR_GUARDED_BY(SwapLock);
     ULONG64 MapBufferSize KVR_GUARDED_BY(SwapLock);
     ULONG MapEntryCount KVR_GUARDED_BY(SwapLock);
@@ -88,6 +89,8 @@ struct VOLUME_EXTENSION {
     HANDLE SwapFileHandles[kNumberedSwapFiles] KVR_GUARDED_BY(StorageMutex);
     std::atomic<BOOLEAN> MapDirty;          // the trees changed since the last save
     std::atomic<LONGLONG> LastMapSaveTime;  // system time, 100 ns
+    // No messages about its requests: set when the device has started. Until then the first reads of a boot are
+    // told; a debugger that wants more clears them in the record.
     std::atomic<BOOLEAN> SuppressReadTrace;
     std::atomic<BOOLEAN> SuppressWriteTrace;
     std::atomic<BOOLEAN> SuppressControlTrace;

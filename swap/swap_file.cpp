@@ -1,7 +1,5 @@
-#include "redirect/swap_file.h"
-#include "config/protected_volumes.h"
-#include "driver/dispatch.h"
-#include "platform/owners.h"
+#include "swap/swap_file.h"
+#include "driver/record/names.h"
 
 namespace {
 
@@ -18,20 +16,16 @@ void PublishAttachment(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) {
 }
 
 // Names the record that holds the storage while none is known. A volume that names itself is its own holder,
-// whatever other record bears the same name. The result is referenced (tag: the record) unless it is `volume`.
-PVOLUME_EXTENSION ResolveHolder(SWAP_FILE* swapFile, PCUNICODE_STRING name, PVOLUME_EXTENSION volume) {
+// whatever other record bears the same name; any other one is held.
+RecordHold ResolveHolder(SWAP_FILE* swapFile, PCUNICODE_STRING name, PVOLUME_EXTENSION volume) {
     if (CompareNames(name, &volume->VolumeName, TRUE) == 0 && IsVolumeInList(volume)) {
         swapFile->SwapVolume = volume;
-        return volume;
+        return {};
     }
-    PVOLUME_EXTENSION holder = ReferenceVolumeByName(name);
-    swapFile->SwapVolume = holder;
-    if (holder && holder->SwapFile == swapFile) PublishAttachment(swapFile, holder);
+    RecordHold holder = FindVolumeByName(name);
+    swapFile->SwapVolume = holder.Get();
+    if (!holder.Failed() && holder.Get()->SwapFile == swapFile) PublishAttachment(swapFile, holder.Get());
     return holder;
-}
-
-void ReleaseHolder(PVOLUME_EXTENSION holder, PVOLUME_EXTENSION volume) {
-    if (holder && holder != volume) IoReleaseRemoveLock(&holder->RemoveLock, holder);
 }
 
 void TraceGeometry(PVOLUME_EXTENSION volume) {
@@ -64,12 +58,11 @@ NTSTATUS CreateSwapFile(PCUNICODE_STRING name, PVOLUME_EXTENSION volume, SWAP_FI
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     InitializeSwapFile(swapFile, name);
-    PVOLUME_EXTENSION holder = ResolveHolder(swapFile, name, volume);
-    if (holder && holder != volume && !holder->SwapFile) {
+    const RecordHold holder = ResolveHolder(swapFile, name, volume);
+    if (!holder.Failed() && !holder.Get()->SwapFile) {
         ++swapFile->ulRefCount;
-        PublishAttachment(swapFile, holder);
+        PublishAttachment(swapFile, holder.Get());
     }
-    ReleaseHolder(holder, volume);
     DbgPrint("Kvr!CreateSwapFile: DeviceName: %wZ\n", name);
     return STATUS_SUCCESS;
 }
@@ -101,7 +94,7 @@ NTSTATUS GetSwapFile(PCUNICODE_STRING name, PVOLUME_EXTENSION volume) {
     SWAP_FILE* swapFile = FindSwapFile(name);
     if (swapFile) {
         ++swapFile->ulRefCount;
-        if (!swapFile->SwapVolume) ReleaseHolder(ResolveHolder(swapFile, name, volume), volume);
+        if (!swapFile->SwapVolume) ResolveHolder(swapFile, name, volume).Release();
     } else {
         const NTSTATUS status = CreateSwapFile(name, volume, &swapFile);
         if (!NT_SUCCESS(status)) return status;
@@ -135,7 +128,7 @@ void MirrorFreeBytes(PVOLUME_EXTENSION volume) {
     swapFile->ulFreeBytes = free < most ? static_cast<ULONG>(free) : most;
 }
 
-SwapDevice::SwapDevice(PVOLUME_EXTENSION volume) {
+void SwapDevice::Find(PVOLUME_EXTENSION volume) {
     SWAP_FILE* swapFile = volume->SwapFile;
     if (!swapFile) return;
     if (swapFile->SwapVolume == volume) {
@@ -145,20 +138,26 @@ SwapDevice::SwapDevice(PVOLUME_EXTENSION volume) {
     KernelMutexLock lock(gSwapFileMutex);
     PVOLUME_EXTENSION holder = swapFile->SwapVolume;
     if (!holder) {
-        holder = ResolveHolder(swapFile, &swapFile->DeviceName, volume);
+        m_held = ResolveHolder(swapFile, &swapFile->DeviceName, volume);
+        holder = swapFile->SwapVolume;
         if (holder == volume) PublishAttachment(swapFile, volume);
-    } else if (IsOwnStorage(swapFile, volume) ||
-               !NT_SUCCESS(IoAcquireRemoveLock(&holder->RemoveLock, holder))) {
+    } else {
         // Another record of this volume's own name is not this volume: the swap's offsets mean nothing there.
-        return;
+        if (IsOwnStorage(swapFile, volume)) return;
+        m_held = RecordHold(holder);
+        if (m_held.Failed()) return;
     }
-    if (!holder) return;
-    if (holder != volume) m_held = holder;
-    m_device = holder->Target;
+    if (holder) m_device = holder->Target;
+}
+
+PDEVICE_OBJECT SwapDevice::Of(PVOLUME_EXTENSION volume) {
+    if (!m_known) Find(volume);
+    m_known = true;
+    return m_device;
 }
 
 void SwapDevice::Release() {
-    if (m_held) IoReleaseRemoveLock(&m_held->RemoveLock, m_held);
-    m_held = nullptr;
+    m_held.Release();
     m_device = nullptr;
+    m_known = false;
 }

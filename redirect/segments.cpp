@@ -1,4 +1,4 @@
-#include "swap/segments.h"
+#include "redirect/segments.h"
 #include "platform/assert.h"
 #include "platform/owners.h"
 #include "swap/chunk_maps.h"
@@ -153,4 +153,15 @@ NTSTATUS SplitSegmentByChunks(PVOLUME_EXTENSION volume, SEGMENT* segment) {
         current->pNext = pSegment;
     }
     return STATUS_SUCCESS;
+}
+
+void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile) {
+    while (list) {
+        const PoolPtr<SEGMENT> segment(list);
+        list = segment->pNext;
+        if (!segment->pChunk) continue;
+        KVR_DISCARD(commit ? CommitChunks(volume, segment->pChunk, bVolatile)
+                           : UnlockFreeChunks(volume, segment->pChunk),
+                    "each chunk is settled, and what could not be recorded has been reported");
+    }
 }

@@ -1,4 +1,4 @@
-#include "config/registry.h"
+#include "driver/record/registry.h"
 
 namespace {
 
@@ -51,7 +51,7 @@ NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* leng
     const ULONG bytes = DataBytes(information.Get(), returned < size ? returned : size);
     if (bytes == 0) return STATUS_INVALID_PARAMETER;
     RtlMoveMemory(information.Get(), information.Get() + kDataOffset, bytes);
-    *data = static_cast<PoolPtr<UCHAR>&&>(information);
+    *data = std::move(information);
     *length = bytes;
     return STATUS_SUCCESS;
 }
@@ -63,11 +63,4 @@ NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, 
     const NTSTATUS status = ZwSetValueKey(key.Get(), name, 0, REG_BINARY, const_cast<PVOID>(data), length);
     if (flush) KVR_DISCARD(ZwFlushKey(key.Get()), "the value is set; the system's own flush follows anyway");
     return status;
-}
-
-NTSTATUS DeleteDriverValue(PUNICODE_STRING name) {
-    KernelHandle key;
-    const NTSTATUS opened = OpenDriverKey(KEY_QUERY_VALUE | KEY_SET_VALUE, &key);
-    if (!NT_SUCCESS(opened)) return opened;
-    return ZwDeleteValueKey(key.Get(), name);
 }

@@ -1,5 +1,5 @@
-#include "redirect/special_names.h"
-#include "config/literal.h"
+#include "driver/record/names.h"
+#include "driver/record/literal.h"
 
 extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
     .Mft = Literal(W("\\$Mft")),
@@ -21,6 +21,18 @@ extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
     .ConfigFile = Literal(W("\\system32\\drivers\\kvr.cfg")),
 };
 
+LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
+    if (!a && !b) return 0;
+    if (!a || !b || a->Length != b->Length) return 1;
+    for (USHORT i = 0; i < a->Length / sizeof(WCHAR); ++i) {
+        if (a->Buffer[i] == b->Buffer[i]) continue;
+        const WCHAR left = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
+        const WCHAR right = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];
+        if (left != right) return static_cast<LONG>(left) - static_cast<LONG>(right);
+    }
+    return 0;
+}
+
 LONG EndsWithName(PCUNICODE_STRING suffix, PCUNICODE_STRING name, BOOLEAN ignoreCase) {
     if (!suffix || !name || suffix->Length > name->Length) return -1;
     const USHORT skipped = static_cast<USHORT>((name->Length - suffix->Length) / sizeof(WCHAR));
@@ -35,11 +47,4 @@ BOOLEAN IsSwapFileName(PCUNICODE_STRING name) {
     if (name->Length != base.Length && name->Length != base.Length + numberBytes) return FALSE;
     const UNICODE_STRING head = {base.Length, base.Length, name->Buffer};
     return RtlCompareUnicodeString(&head, &base, TRUE) == 0;
-}
-
-PFILE_OBJECT FindRequestFile(PIRP request) {
-    if (PFILE_OBJECT file = request->Tail.Overlay.OriginalFileObject) return file;
-    if (PFILE_OBJECT file = IoGetCurrentIrpStackLocation(request)->FileObject) return file;
-    if (!(request->Flags & IRP_ASSOCIATED_IRP) || !request->AssociatedIrp.MasterIrp) return nullptr;
-    return request->AssociatedIrp.MasterIrp->Tail.Overlay.OriginalFileObject;
 }

@@ -1,8 +1,3 @@
-// swap/: the swap space of a protected volume. The ordered tree that every chunk map rests on, the maps of
-// redirected, free and pending space, the cutting of requests into runs, the sector I/O that carries runs
-// out, the map's form on disk, its loading at boot and the threads that make and remove the storage files.
-// Start with swap.h, then segments.h and sector_io.h.
-//
 // The ordered tree: a red-black tree over opaque records with one sentinel node shared by all trees. It has no
 // lock; whoever calls holds the lock that guards the tree across the call. Nothing here recurses: the
 // kernel stack is small.
@@ -63,5 +58,4 @@ ULONG key_less_i64(const void* probe, const void* record);
 ULONG key_equal_i64(const void* probe, const void* record);
 ULONG key_less_u32(const void* probe, const void* record);
 ULONG key_equal_u32(const void* probe, const void* record);
-ULONG key_in_chunk(const void* probe, const void* record);  // the record is a SWAPPED_CHUNK
-ULONG count_items(PVOID record, PVOID counter);             // adds to the 32-bit counter
+ULONG count_items(PVOID record, PVOID counter);  // adds to the 32-bit counter

@@ -1,6 +1,5 @@
-#include "swap/tree.h"
+#include "driver/record/tree.h"
 #include "platform/owners.h"
-#include "swap/swap.h"
 
 TREE_NODE TreeNil = {&TreeNil, &TreeNil, nullptr, 0, nullptr};
 
@@ -257,13 +256,6 @@ ULONG key_less_u32(const void* probe, const void* record) {
 
 ULONG key_equal_u32(const void* probe, const void* record) {
     return KeyOf<ULONG>(probe) == KeyOf<ULONG>(record);
-}
-
-ULONG key_in_chunk(const void* probe, const void* record) {
-    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(record);
-    const LONGLONG offset = KeyOf<LONGLONG>(probe);
-    const LONGLONG start = chunk->liVolumeOffset.QuadPart;
-    return offset >= start && static_cast<ULONG64>(offset) - static_cast<ULONG64>(start) < chunk->uLength;
 }
 
 ULONG count_items(PVOID record, PVOID counter) {

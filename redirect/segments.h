@@ -1,5 +1,6 @@
 // Cutting a request into runs. A SEGMENT lies either wholly on the volume or wholly inside one stretch of
-// swap space that is contiguous on the volume and in the swap. The map is looked at once per run.
+// swap space that is contiguous on the volume and in the swap. The map is looked at once per run, under
+// SwapLock, which each routine takes itself. IRQL: at most APC_LEVEL.
 #pragma once
 #include "swap/swap.h"
 
@@ -36,3 +37,6 @@ struct MAP_RUN {
 [[nodiscard]] NTSTATUS SplitSegmentBySwapRuns(PVOLUME_EXTENSION volume, SEGMENT* segment);
 // A segment whose pChunk is a chain: one segment per pending chunk.
 [[nodiscard]] NTSTATUS SplitSegmentByChunks(PVOLUME_EXTENSION volume, SEGMENT* segment);
+// Settles every pending chunk of the list (commit or give back) and releases every segment; null is an empty
+// list. `bVolatile` as for CommitChunks.
+void ReleaseSegmentChunks(PVOLUME_EXTENSION volume, SEGMENT* list, BOOLEAN commit, ULONG bVolatile);

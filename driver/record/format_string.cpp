@@ -1,4 +1,4 @@
-#include "config/format_string.h"
+#include "driver/record/format_string.h"
 #include <cstdarg>
 
 namespace {

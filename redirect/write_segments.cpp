@@ -1,18 +1,18 @@
 // Redirected writes: of requests, and of the write cache's buffers.
+#include "driver/record/requests.h"
 #include "platform/assert.h"
-#include "platform/owners.h"
-#include "swap/request_io.h"
+#include "redirect/request_io.h"
 
 namespace {
 
-// One write. Plain pointers, released by Cleanup: page locking may raise.
+// One write.
 struct WRITE_CALL {
     PVOLUME_EXTENSION volume;
     PIRP request;  // null for a buffer of the write cache
     ULONG bVolatile;
     SEGMENT* list = nullptr;
     RequestPages pages{};
-    UCHAR* copy = nullptr;
+    PoolPtr<UCHAR> copy{};
     RUN_TRANSFERS transfers{};
     NTSTATUS status = STATUS_UNSUCCESSFUL;  // commits are for STATUS_SUCCESS alone
 };
@@ -34,7 +34,7 @@ NTSTATUS PlaceSegment(WRITE_CALL& call, SEGMENT* segment) {
 
 // The status below 0 that ended the walk, or the last one.
 NTSTATUS WriteRuns(WRITE_CALL& call, UCHAR* data) {
-    PDEVICE_OBJECT device = call.list ? call.transfers.swap.Get(call.volume) : nullptr;
+    PDEVICE_OBJECT device = call.list ? call.transfers.swap.Of(call.volume) : nullptr;
     NTSTATUS status = call.list && !device ? STATUS_NO_SUCH_DEVICE : STATUS_SUCCESS;
     for (SEGMENT* pCurrent = call.list; pCurrent && NT_SUCCESS(status); pCurrent = pCurrent->pNext) {
         status = PlaceSegment(call, pCurrent);
@@ -62,17 +62,17 @@ NTSTATUS CutWrite(WRITE_CALL& call, ULONG length, const LARGE_INTEGER* offset) {
 NTSTATUS WriteBody(WRITE_CALL& call) {
     const auto& write = IoGetCurrentIrpStackLocation(call.request)->Parameters.Write;
     const NTSTATUS status = CutWrite(call, write.Length, &write.ByteOffset);
-    if (!NT_SUCCESS(status) || !call.list) return status;
+    if (!NT_SUCCESS(status) || write.Length == 0) return status;
     call.pages.Lock(call.request);
     PVOID pBuffer = call.pages.Map(call.request);
     if (!pBuffer) {
         ReportAssertion("NULL != pBuffer", kSwapSource, __LINE__);
         return STATUS_INVALID_PARAMETER;
     }
-    call.copy = NewBuffer(write.Length).Release();
+    call.copy = NewBuffer(write.Length);
     if (!call.copy) return WriteRuns(call, static_cast<UCHAR*>(pBuffer));
-    RtlCopyMemory(call.copy, pBuffer, write.Length);
-    return WriteRuns(call, call.copy);
+    RtlCopyMemory(call.copy.Get(), pBuffer, write.Length);
+    return WriteRuns(call, call.copy.Get());
 }
 
 NTSTATUS WriteBufferBody(WRITE_CALL& call, PVOID pBuffer, ULONG length, const LARGE_INTEGER* offset) {
@@ -86,7 +86,7 @@ NTSTATUS WriteBufferBody(WRITE_CALL& call, PVOID pBuffer, ULONG length, const LA
 
 void CleanUp(WRITE_CALL& call) {
     ReleaseSegmentChunks(call.volume, call.list, call.status == STATUS_SUCCESS, call.bVolatile);
-    if (call.copy) FreePool(call.copy);
+    call.copy.Reset();
     call.transfers.swap.Release();
     call.pages.Unlock();
 }
@@ -99,7 +99,7 @@ NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile) 
     request->IoStatus.Information = 0;
     const NTSTATUS status =
         RunWithCleanup([&] { return call.status = WriteBody(call); }, [&] { CleanUp(call); });
-    return FinishRequest(request, status, call.transfers.transferred);
+    return CompleteRequest(request, status, BytesOf(status, call.transfers.transferred));
 }
 
 NTSTATUS WriteSectorsFromBuffer(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length,

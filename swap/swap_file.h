@@ -1,7 +1,7 @@
 // SWAP_FILE stands for the storage on one volume: it names that volume, leads to its record, mirrors the free
 // space for the write cache and owns the queue. Objects live as long as the driver; volumes come and go.
 #pragma once
-#include "driver/volume_extension.h"
+#include "driver/record/volume_list.h"
 
 struct SWAP_FILE {
     std::atomic<ULONG> ulRefCount;  // volumes attached
@@ -26,7 +26,7 @@ extern KMUTEX gSwapFileMutex;
 [[nodiscard]] NTSTATUS GetSwapFile(PCUNICODE_STRING name, PVOLUME_EXTENSION volume);
 // Drops the volume's attachment. SwapFile becomes null only when it was the last one; whoever removes the
 // record clears it in any case.
-NTSTATUS DetachFromSwap(PVOLUME_EXTENSION volume);
+NTSTATUS DetachFromSwap(PVOLUME_EXTENSION volume);  // always STATUS_SUCCESS
 // A record that goes away: no SWAP_FILE goes on pointing to it. A later record of that name is found again.
 void ForgetSwapVolume(PVOLUME_EXTENSION volume);
 // Copies the volume's SwapFreeBytes into the ulFreeBytes of the storage that it holds, cut to 32 bits. To be
@@ -35,16 +35,19 @@ void ForgetSwapVolume(PVOLUME_EXTENSION volume);
 // good.
 void MirrorFreeBytes(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock);
 
-// The lower device of the volume that holds `volume`'s swap, for the time of one request. Device() is null when
-// there is none. The record behind it cannot go away meanwhile: it is the volume itself, whose RemoveLock the
-// request holds, or a lock of its own is held.
+// The lower device of the volume that holds a volume's swap, for the time of one request. The record behind it
+// cannot go away meanwhile: it is the volume itself, whose RemoveLock the request holds, or a hold of its own
+// is kept.
 class SwapDevice {
 public:
-    explicit SwapDevice(PVOLUME_EXTENSION volume);
+    // Null when there is none. Looked up by the first call, for the volume of that call.
+    [[nodiscard]] PDEVICE_OBJECT Of(PVOLUME_EXTENSION volume);
     void Release();  // also when the request leaves by an exception; idempotent
-    PDEVICE_OBJECT Device() const { return m_device; }
 
 private:
-    PVOLUME_EXTENSION m_held = nullptr;  // RemoveLock acquired
+    void Find(PVOLUME_EXTENSION volume);
+
+    bool m_known = false;
     PDEVICE_OBJECT m_device = nullptr;
+    RecordHold m_held;
 };

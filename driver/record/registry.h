@@ -10,4 +10,3 @@
 [[nodiscard]] NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length);
 // REG_BINARY value; with `flush` it is on disk when this returns.
 [[nodiscard]] NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush);
-[[nodiscard]] NTSTATUS DeleteDriverValue(PUNICODE_STRING name);

@@ -1,0 +1,18 @@
+// Raw sectors of a lower device: the one way in which the driver reads and writes them. The requests are built
+// here, go to the device below and come back to nobody else. IRQL: below DISPATCH_LEVEL; the caller keeps the
+// device from going away, as by a hold on the record whose Target it is.
+#pragma once
+#include "platform/kernel.h"
+
+// One synchronous transfer (IRP_MJ_READ or IRP_MJ_WRITE) of `length` bytes, whole sectors, at byte `offset` of
+// the device, to or from `buffer`, a kernel address. The status is the device's; the byte count is in `iosb`.
+// STATUS_INSUFFICIENT_RESOURCES, and no transfer, when no request can be built. `event` is a notification event
+// of the caller, reused from one transfer to the next.
+[[nodiscard]] NTSTATUS TransferSectors(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
+                                       const LARGE_INTEGER* offset, PIO_STATUS_BLOCK iosb, PKEVENT event);
+// The same for who makes one transfer and does not ask for its byte count.
+[[nodiscard]] NTSTATUS TransferOnce(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
+                                    LONGLONG offset);
+// The completion routine of these requests: releases the request; `event`, which may be null, is set.
+// IRQL: at most DISPATCH_LEVEL.
+NTSTATUS SegmentIoComplete(PDEVICE_OBJECT device, PIRP request, PVOID event);
