@@ -1,5 +1,7 @@
 // The configuration through the file system, for the control tool, and the files that are held open so that no
 // other software changes them.
+#include "config/config_files.h"
+#include "config/config_location.h"
 #include "config/storage.h"
 #include "driver/record/registry.h"
 

@@ -1,6 +1,6 @@
 // Where the configuration's pieces lie: learned from the file system's own write of the file, kept in the
 // registry under the volume's name, loaded when the volume starts.
-#include "config/storage.h"
+#include "config/config_location.h"
 #include "driver/record/registry.h"
 #include "driver/record/volume_list.h"
 

@@ -1,7 +1,7 @@
-// The configuration in raw sectors: its load at boot, the write-back of what the parser changed, and the tool's
-// direct write. All transfers go to the device below the filter, so they reach the volume's own sectors whether
+// All transfers go to the device below the filter, so they reach the volume's own sectors whether
 // it is protected or not.
 #include "config/storage.h"
+#include "config/config_location.h"
 #include "config/parser.h"
 #include "driver/record/sector_io.h"
 #include "driver/record/volume_list.h"

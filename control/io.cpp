@@ -1,6 +1,6 @@
 #include "control/io.h"
 #include "config/parser.h"
-#include "config/storage.h"
+#include "config/config_files.h"
 #include "control/provision_control.h"
 #include "control/reports.h"
 #include "platform/assert.h"

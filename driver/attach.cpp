@@ -1,5 +1,5 @@
 // Attachment: a filter device with its record above every volume and disk that is offered.
-#include "driver/pnp.h"
+#include "driver/attach.h"
 #include "driver/record/requests.h"
 #include "driver/record/volume_list.h"
 #include "swap/swap.h"

@@ -1,5 +1,5 @@
 // Opening and closing.
-#include "driver/dispatch.h"
+#include "driver/create_close.h"
 #include "driver/record/requests.h"
 #include "platform/owners.h"
 

@@ -1,8 +1,10 @@
 #include "driver/globals.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
+#include "config/config_files.h"
 #include "config/storage.h"
-#include "driver/dispatch.h"
+#include "driver/create_close.h"
+#include "driver/entry.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
 #include "redirect/redirect.h"
@@ -24,7 +26,7 @@ constinit std::atomic<BOOLEAN> gRVInvisible{FALSE};
 // config/protected_volumes.h
 constinit std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList{nullptr};
 
-// config/storage.h
+// config/storage.h, config/config_files.h
 constinit UCHAR gConfigBuffer[KVR_CONFIG_BYTES]{};
 constinit std::atomic<BOOLEAN> gConfigLoaded{FALSE};
 constinit std::atomic<BOOLEAN> gConfigDirty{FALSE};
@@ -42,7 +44,7 @@ constinit KMUTEX gSwapFileMutex{};
 // redirect/redirect.h
 constinit KEVENT gBootStatusEvent{};
 
-// driver/dispatch.h
+// driver/
 constinit BOOLEAN gControlOpen = FALSE;
 constinit KSPIN_LOCK gControlLock{};
 constinit RTL_OSVERSIONINFOEXW gVersionInfo{};

@@ -1,5 +1,6 @@
 // Plug and Play beyond the start: which requests are refused, and the end of a record.
-#include "driver/pnp.h"
+#include "driver/remove.h"
+#include "driver/start.h"
 #include "driver/record/requests.h"
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"

@@ -1,7 +1,8 @@
 // Flush, power and shutdown of filter devices: the points at which cached writes and the map reach the disk.
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "driver/pnp.h"
+#include "driver/remove.h"
+#include "driver/shutdown.h"
 #include "driver/record/requests.h"
 #include "redirect/write_cache.h"
 #include "swap/map_format.h"

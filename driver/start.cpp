@@ -1,8 +1,9 @@
 // Starting a device: what it is, where it lies, and what becomes of a removable volume.
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "config/storage.h"
-#include "driver/pnp.h"
+#include "config/config_location.h"
+#include "driver/attach.h"
+#include "driver/start.h"
 #include "driver/record/names.h"
 #include "driver/record/requests.h"
 #include "driver/record/volume_list.h"

@@ -20,21 +20,10 @@ inline void LinkBetween(PLIST_ENTRY before, PLIST_ENTRY entry, PLIST_ENTRY after
 inline void LinkAtTail(PLIST_ENTRY head, PLIST_ENTRY entry) {
     LinkBetween(head->Blink, entry, head);
 }
-inline void LinkAtHead(PLIST_ENTRY head, PLIST_ENTRY entry) {
-    LinkBetween(head, entry, head->Flink);
-}
 
 inline void Unlink(PLIST_ENTRY entry) {
     VerifyNeighbours(entry->Blink, entry);
     VerifyNeighbours(entry, entry->Flink);
     entry->Blink->Flink = entry->Flink;
     entry->Flink->Blink = entry->Blink;
-}
-
-// The former first entry, or null for an empty list.
-inline PLIST_ENTRY UnlinkHead(PLIST_ENTRY head) {
-    PLIST_ENTRY first = head->Flink;
-    if (first == head) return nullptr;
-    Unlink(first);
-    return first;
 }

@@ -20,7 +20,7 @@ inline void FreePool(PVOID block) {
     ExFreePoolWithTag(block, kPoolTag);
 }
 
-// Owns one pool block that holds a T (or, for PoolPtr<UCHAR>, plain bytes).
+// Owns one pool block that holds a T (or, for PoolPtr<UCHAR>, plain bytes). IRQL: at most DISPATCH_LEVEL.
 template <class T>
 class PoolPtr {
 public:
@@ -46,7 +46,7 @@ private:
     T* m_block = nullptr;
 };
 
-// A zeroed record in its own pool block; empty when the pool is exhausted.
+// A zeroed record in its own pool block; empty when the pool is exhausted. IRQL: at most DISPATCH_LEVEL.
 template <class T>
 [[nodiscard]] PoolPtr<T> NewRecord() {
     static_assert(std::is_trivially_destructible_v<T>, "pool records are released without a destructor");
@@ -54,7 +54,7 @@ template <class T>
     return PoolPtr<T>(block ? ::new (block) T{} : nullptr);
 }
 
-// Bytes of pool, not initialised; empty when the pool is exhausted.
+// Bytes of pool, not initialised; empty when the pool is exhausted. IRQL: at most DISPATCH_LEVEL.
 [[nodiscard]] inline PoolPtr<UCHAR> NewBuffer(SIZE_T bytes) {
     return PoolPtr<UCHAR>(static_cast<UCHAR*>(AllocatePool(bytes)));
 }
@@ -73,7 +73,7 @@ private:
     FAST_MUTEX& m_mutex;
 };
 
-// Holds a kernel mutex, waited for without limit. IRQL: below DISPATCH_LEVEL.
+// Holds a kernel mutex, waited for without limit; its owner may take it again. IRQL: PASSIVE_LEVEL.
 class KVR_SCOPED KernelMutexLock {
 public:
     explicit KernelMutexLock(KMUTEX& mutex) KVR_ACQUIRE(mutex) KVR_NO_ANALYSIS : m_mutex(mutex) {
@@ -88,7 +88,7 @@ private:
     KMUTEX& m_mutex;
 };
 
-// Holds a spin lock and DISPATCH_LEVEL.
+// Holds a spin lock, at DISPATCH_LEVEL meanwhile. IRQL: at most DISPATCH_LEVEL on entry.
 class SpinLockGuard {
 public:
     explicit SpinLockGuard(KSPIN_LOCK& lock) : m_lock(lock), m_irql(KeAcquireSpinLockRaiseToDpc(&lock)) {}

@@ -1,6 +1,7 @@
 // Reads: those of a protected volume see its redirected writes; the first ones after boot bring the driver to
 // life, since they come before any file system could be used.
 #include "config/parser.h"
+#include "config/config_location.h"
 #include "config/storage.h"
 #include "driver/record/requests.h"
 #include "redirect/redirect.h"

@@ -1,6 +1,7 @@
 // Writes: pass down, teach the driver where one of its files lies, are refused, or go into the swap.
 #include "config/parser.h"
 #include "config/protected_volumes.h"
+#include "config/config_location.h"
 #include "config/storage.h"
 #include "driver/record/requests.h"
 #include "redirect/redirect.h"

@@ -1,6 +1,6 @@
 // Holding the storage files open, so that nobody reads, changes, moves or deletes them while the driver uses
 // their sectors behind the file system's back.
-#include "config/storage.h"
+#include "config/config_files.h"
 #include "driver/record/threads.h"
 #include "swap/provision.h"
 #include "swap/provision_files.h"

@@ -38,22 +38,29 @@ struct PENDING_CHUNK {
     PENDING_CHUNK* pNext;  // ascending volume offset
 };
 
+// Makes the maps of a new record, empty.
 void InitSwapMaps(PVOLUME_EXTENSION volume);
-// Empties the maps and begins them anew.
+// Releases what the maps hold and begins them anew.
 void ResetSwapMaps(PDEVICE_OBJECT device);
+// Storage that was written joins the free space. STATUS_INSUFFICIENT_RESOURCES (no record, and the map is as it
+// was) or STATUS_UNSUCCESSFUL (no node), each with a message.
 [[nodiscard]] NTSTATUS AddSwapFreeChunk(PVOLUME_EXTENSION volume, const LARGE_INTEGER* swapOffset,
                                         ULONG length);
 // A run that cannot be recorded is not known later: the map is then shorter.
 void AddSwapMapChunk(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length);
+// A zeroed chunk from pool, the caller's; null, with a message, when there is none. Takes no lock.
 [[nodiscard]] PENDING_CHUNK* CreatePendingChunk();
 // Takes `length` bytes from the lowest free chunks for the write at `volumeOffset`. The chain holds what was
 // taken, also on failure, and is the caller's to settle. STATUS_MEDIA_WRITE_PROTECTED: space too low for this
 // request, or used up. STATUS_INSUFFICIENT_RESOURCES: no pool.
 [[nodiscard]] NTSTATUS LockFreeChunks(PVOLUME_EXTENSION volume, const LARGE_INTEGER* volumeOffset, ULONG length,
                                       PENDING_CHUNK** chain, PIRP request);
+// Gives the chain's space back and releases the chain. The last failure, each of which loses a chunk's space
+// and is reported, as for AddSwapFreeChunk.
 [[nodiscard]] NTSTATUS UnlockFreeChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain);
 // Records the chain's ranges as redirected. Where another write has meanwhile redirected a part, that part
-// keeps the existing redirection and its new space becomes free again.
+// keeps the existing redirection and its new space becomes free again. Releases the chain. The last failure,
+// each of which loses a redirection and is reported.
 [[nodiscard]] NTSTATUS CommitChunks(PVOLUME_EXTENSION volume, PENDING_CHUNK* chain, ULONG bVolatile);
 // Gives up every redirection.
 void DiscardSwappedChunks(PVOLUME_EXTENSION volume);

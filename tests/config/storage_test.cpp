@@ -1,5 +1,7 @@
 #include "config/parser.h"
 #include "driver/record/registry.h"
+#include "config/config_files.h"
+#include "config/config_location.h"
 #include "config/storage.h"
 #include "tests/support/memory_stack.h"
 

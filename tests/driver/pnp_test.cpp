@@ -1,7 +1,8 @@
 // A device's life under the filter: attached, started, refused or let go; and what waits for whom.
 #include <atomic>
 #include "control/provision_control.h"
-#include "driver/pnp.h"
+#include "driver/remove.h"
+#include "driver/shutdown.h"
 #include "platform/host/sync/thread.h"
 #include "swap/swap.h"
 #include "tests/support/loaded_driver.h"

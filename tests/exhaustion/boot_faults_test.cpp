@@ -1,7 +1,6 @@
 // Faults while a computer boots and while disks come and go. A device may be left without its filter and a
 // volume without its storage; nothing leaks, the volume's own sectors stay as they are, and the next boot is
 // sound.
-#include "driver/dispatch.h"
 #include "tests/exhaustion/fault_sweep.h"
 #include "platform/host/sync/thread.h"
 #include "driver/record/threads.h"

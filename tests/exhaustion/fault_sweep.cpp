@@ -1,6 +1,5 @@
 #include "tests/exhaustion/fault_sweep.h"
 #include "platform/host/io/device.h"
-#include "driver/dispatch.h"
 #include "platform/host/io/request.h"
 #include "tests/support/driver_ledger.h"
 #include "tests/support/map_invariants.h"

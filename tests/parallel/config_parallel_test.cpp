@@ -1,6 +1,7 @@
 // The configuration when many threads need it at once.
 #include <thread>
 #include "config/parser.h"
+#include "config/config_files.h"
 #include "config/storage.h"
 #include "redirect/write_cache.h"
 #include "tests/redirect/redirect_fixture.h"

@@ -8,7 +8,6 @@
 #include <thread>
 #include <gtest/gtest.h>
 #include "platform/host/sync/clock.h"
-#include "driver/dispatch.h"
 #include "tests/support/lock_ranks.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/protected_computer.h"

@@ -9,7 +9,7 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "formats/kvr_ioctl.h"
-#include "driver/dispatch.h"
+#include "driver/entry.h"
 #include "platform/host/rtl/debug_sink.h"
 #include "platform/host/memory/pool.h"
 #include "platform/host/sync/thread.h"

@@ -1,7 +1,6 @@
 #include "lock_ranks.h"
 #include "config/storage.h"
 #include "control/provision_control.h"
-#include "driver/dispatch.h"
 #include "swap/swap_file.h"
 #include "platform/host/sync/sync.h"
 #include "driver/record/threads.h"

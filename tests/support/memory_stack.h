@@ -1,6 +1,7 @@
 // The loaded driver above volumes and disks whose sectors are kept in memory, with a registry in memory.
 #pragma once
 #include <cstring>
+#include "config/config_files.h"
 #include "config/storage.h"
 #include "platform/host/check/injector.h"
 #include "swap/swap_file.h"

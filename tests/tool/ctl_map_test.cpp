@@ -13,30 +13,32 @@ using namespace ctl_test;
 constexpr char16_t kVolume[] = u"\\Device\\V";
 constexpr std::uint64_t kSectors = 6400;
 
-MapEntryRecord Entry(std::uint32_t volume, std::uint32_t swap, std::uint32_t sectors) {
-    MapEntryRecord entry{volume, swap, {}, 0};
-    for (int i = 0; i < 3; ++i) entry.sectors[i] = static_cast<std::uint8_t>(sectors >> (8 * i));
-    entry.check = MapCheck(entry);
+SWAP_MAP_ENTRY Entry(std::uint32_t volume, std::uint32_t swap, std::uint32_t sectors) {
+    SWAP_MAP_ENTRY entry{volume, swap, sectors, 0};
+    SealMapEntry(&entry);
     return entry;
 }
 
 // A volume whose map lies in two runs: 42 entries fit into the first.
 struct MapVolume {
     Machine machine;
-    std::vector<MapRunRecord> runs = {{6000, 512}, {6100, 1024}};
-    std::vector<MapEntryRecord> entries = {Entry(128, 4096, 8),         Entry(136, 4104, 2),
-                                           Entry(138, 4200, 1),         Entry(5000, 4300, 64),
-                                           Entry(kFreeMark, 4400, 100), Entry(kFreeMark, 4500, 50)};
+    std::vector<MAP_LOCATION_ENTRY> runs = {{6000, 512}, {6100, 1024}};
+    std::vector<SWAP_MAP_ENTRY> entries = {Entry(128, 4096, 8),
+                                           Entry(136, 4104, 2),
+                                           Entry(138, 4200, 1),
+                                           Entry(5000, 4300, 64),
+                                           Entry(kFreeSpaceMark, 4400, 100),
+                                           Entry(kFreeSpaceMark, 4500, 50)};
 
     SavedMap Read() {
         VolumeFacts facts;
         facts.bytes = kSectors * 512, facts.sectorBytes = 512;
         machine.facts[kVolume] = facts;
-        Bytes location(runs.size() * sizeof(MapRunRecord)), volume(kSectors * 512);
+        Bytes location(runs.size() * sizeof(MAP_LOCATION_ENTRY)), volume(kSectors * 512);
         if (!runs.empty()) std::memcpy(location.data(), runs.data(), location.size());
         location.resize(location.size() - cut);
         std::size_t slot = 0;
-        for (const MapEntryRecord& entry : entries) {
+        for (const SWAP_MAP_ENTRY& entry : entries) {
             const std::size_t at = slot < 42 ? 6000 * 512 + slot * 12 : 6100 * 512 + (slot - 42) * 12;
             std::memcpy(volume.data() + at, &entry, sizeof entry);
             ++slot;
@@ -51,7 +53,7 @@ struct MapVolume {
 
 TEST(CtlMap, ReadsWhatTheDriverWrote) {
     // The example of the format's description, byte by byte.
-    const MapEntryRecord example = Entry(0x80, 0x1000, 8);
+    const SWAP_MAP_ENTRY example = Entry(0x80, 0x1000, 8);
     const std::uint8_t bytes[12] = {0x80, 0, 0, 0, 0, 0x10, 0, 0, 8, 0, 0, 0x32};
     EXPECT_EQ(0, std::memcmp(bytes, &example, sizeof bytes));
     MapVolume volume;
@@ -67,12 +69,12 @@ TEST(CtlMap, ReadsWhatTheDriverWrote) {
     EXPECT_EQ(1u, summary.freeRanges);
     EXPECT_EQ(150u, summary.largestFree);
     // Full first run: reading goes on; an empty one ends the map.
-    volume.entries.assign(42, Entry(kFreeMark, 1, 1));
-    for (std::uint32_t i = 0; i < 42; ++i) volume.entries[i] = Entry(kFreeMark, 2 * i + 1, 1);
+    volume.entries.assign(42, Entry(kFreeSpaceMark, 1, 1));
+    for (std::uint32_t i = 0; i < 42; ++i) volume.entries[i] = Entry(kFreeSpaceMark, 2 * i + 1, 1);
     volume.entries.push_back(Entry(7, 5000, 1));
     EXPECT_EQ(1u, volume.Read().redirected.size());
     volume.entries.erase(volume.entries.begin(), volume.entries.begin() + 42);
-    volume.entries.insert(volume.entries.begin(), 42, MapEntryRecord{});
+    volume.entries.insert(volume.entries.begin(), 42, SWAP_MAP_ENTRY{});
     EXPECT_TRUE(volume.Read().redirected.empty());
 }
 
@@ -91,12 +93,13 @@ TEST(CtlMap, DamageIsTold) {
         const char* says;
         std::function<void(MapVolume&)> damage;
     } table[] = {
-        {"fails its check", [](MapVolume& v) { v.entries[1].swapSector ^= 1; }},
-        {"fails its check", [](MapVolume& v) { v.entries[5].check ^= 0x80; }},
+        {"fails its check", [](MapVolume& v) { v.entries[1].ulSwapSector ^= 1; }},
+        {"fails its check", [](MapVolume& v) { v.entries[5].ucCheck ^= 0x80; }},
         {"has no sectors", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0); }},
         {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0xFFFFFF); }},
         {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(0xFFFFFFFE, 4104, 2); }},
-        {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(kFreeMark, 0xFFFFFFFF - 1, 8); }},
+        {"beyond the volume's end",
+         [](MapVolume& v) { v.entries[1] = Entry(kFreeSpaceMark, 0xFFFFFFFF - 1, 8); }},
         {"redirected twice", [](MapVolume& v) { v.entries[1] = Entry(135, 5500, 2); }},
         {"used twice", [](MapVolume& v) { v.entries[1] = Entry(300, 4449, 2); }},
         {"beyond the volume's end",

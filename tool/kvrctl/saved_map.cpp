@@ -8,19 +8,10 @@
 namespace ctl {
 namespace {
 
-constexpr std::uint32_t kCheckSeed = 0x4B56;
 constexpr std::uint32_t kMostRead = 1024 * 1024;  // bytes at a time
 
 [[noreturn]] void Damaged(const std::string& what) {
     throw Failure("the saved map is damaged: " + what);
-}
-
-std::uint64_t LengthOf(const MapEntryRecord& entry) {
-    return entry.sectors[0] | std::uint64_t{entry.sectors[1]} << 8 | std::uint64_t{entry.sectors[2]} << 16;
-}
-
-bool IsEmpty(const MapEntryRecord& entry) {
-    return entry.swapSector == 0 || entry.swapSector == entry.volumeSector;
 }
 
 class MapReader {
@@ -32,7 +23,7 @@ public:
     }
 
     SavedMap Read(const Bytes& location) {
-        for (const MapRunRecord& run : RunsOf(location)) AddRun(run);
+        for (const MAP_LOCATION_ENTRY& run : RunsOf(location)) AddRun(run);
         for (const SectorRange& run : map_.file) {
             if (!ReadRun(run)) break;
         }
@@ -42,38 +33,37 @@ public:
 
 private:
     // A run without room for an entry ends the map, for the driver as well.
-    std::vector<MapRunRecord> RunsOf(const Bytes& location) const {
-        if (location.size() % sizeof(MapRunRecord) != 0)
+    std::vector<MAP_LOCATION_ENTRY> RunsOf(const Bytes& location) const {
+        if (location.size() % sizeof(MAP_LOCATION_ENTRY) != 0)
             Damaged("the registry's value has a length that is none");
-        std::vector<MapRunRecord> runs(location.size() / sizeof(MapRunRecord));
+        std::vector<MAP_LOCATION_ENTRY> runs(location.size() / sizeof(MAP_LOCATION_ENTRY));
         if (!runs.empty()) std::memcpy(runs.data(), location.data(), location.size());
-        const auto end = std::find_if(runs.begin(), runs.end(), [](const MapRunRecord& run) {
-            return run.sector == 0 || run.length < sizeof(MapEntryRecord);
-        });
+        const auto end = std::find_if(runs.begin(), runs.end(),
+                                      [](const MAP_LOCATION_ENTRY& run) { return !IsUsableRun(&run); });
         runs.erase(end, runs.end());
         return runs;
     }
 
-    void AddRun(const MapRunRecord& run) {
-        const std::uint64_t length = (std::uint64_t{run.length} + map_.sectorBytes - 1) / map_.sectorBytes;
-        RequireInside(run.sector, length, "a run of its file");
+    void AddRun(const MAP_LOCATION_ENTRY& run) {
+        const std::uint64_t length = (std::uint64_t{run.ulLength} + map_.sectorBytes - 1) / map_.sectorBytes;
+        RequireInside(run.ulSector, length, "a run of its file");
         fileSectors_ += length;
         if (fileSectors_ > map_.volumeSectors) Damaged("its file is larger than the volume");
-        map_.file.push_back({run.sector, length});
-        lengths_.push_back(run.length);
+        map_.file.push_back({run.ulSector, length});
+        lengths_.push_back(run.ulLength);
     }
 
     // False when the run holds no entry, which ends the map.
     bool ReadRun(const SectorRange& run) {
         const std::uint32_t length = lengths_[run_++];
         const Bytes bytes = ReadBytes(run, length);
-        const std::size_t slots = length / sizeof(MapEntryRecord);
+        const std::size_t slots = length / sizeof(SWAP_MAP_ENTRY);
         map_.slots += slots;
         const std::size_t before = entries_;
         for (std::size_t i = 0; i < slots; ++i) {
-            MapEntryRecord entry;
+            SWAP_MAP_ENTRY entry;
             std::memcpy(&entry, bytes.data() + i * sizeof entry, sizeof entry);
-            if (!IsEmpty(entry)) AddEntry(entry, run.first * map_.sectorBytes + i * sizeof entry);
+            if (!IsEmptySlot(&entry)) AddEntry(entry, run.first * map_.sectorBytes + i * sizeof entry);
         }
         return entries_ != before;
     }
@@ -92,19 +82,19 @@ private:
         return bytes;
     }
 
-    void AddEntry(const MapEntryRecord& entry, std::uint64_t offset) {
+    void AddEntry(const SWAP_MAP_ENTRY& entry, std::uint64_t offset) {
         const std::string where = "the entry at byte " + std::to_string(offset);
-        const std::uint64_t length = LengthOf(entry);
-        if (MapCheck(entry) != entry.check) Damaged(where + " fails its check");
+        const std::uint64_t length = entry.ulSectors;
+        if (!VerifyMapEntry(&entry)) Damaged(where + " fails its check");
         if (length == 0) Damaged(where + " has no sectors");
-        RequireInside(entry.swapSector, length, where);
+        RequireInside(entry.ulSwapSector, length, where);
         ++entries_;
-        if (entry.volumeSector == kFreeMark) {
-            map_.free.push_back({entry.swapSector, length});
+        if (IsFreeEntry(&entry)) {
+            map_.free.push_back({entry.ulSwapSector, length});
             return;
         }
-        RequireInside(entry.volumeSector, length, where);
-        map_.redirected.push_back({entry.volumeSector, entry.swapSector, length});
+        RequireInside(entry.ulVolumeSector, length, where);
+        map_.redirected.push_back({entry.ulVolumeSector, entry.ulSwapSector, length});
     }
 
     void RequireInside(std::uint64_t first, std::uint64_t length, const std::string& what) const {
@@ -156,19 +146,11 @@ void ForEachRow(const std::vector<Range>& ranges, const Adjoins& adjoins, const 
 
 }  // namespace
 
-std::uint8_t MapCheck(const MapEntryRecord& entry) {
-    std::uint8_t bytes[sizeof entry];
-    std::memcpy(bytes, &entry, sizeof entry);
-    std::uint32_t sum = kCheckSeed;
-    for (std::uint32_t i = 0; i + 1 < sizeof entry; ++i) sum += (i + 1) * bytes[i];
-    return static_cast<std::uint8_t>((sum & 0xFF) ^ ((sum >> 8) & 0xFF));
-}
-
 SavedMap ReadSavedMap(World& world, const std::u16string& volume) {
     const std::optional<VolumeFacts> facts = world.Facts(volume);
     if (!facts || facts->sectorBytes == 0 || facts->sectorBytes > kMostRead)
         throw Failure("the machine does not describe " + ToUtf8(volume));
-    if (facts->bytes / facts->sectorBytes > kFreeMark)
+    if (facts->bytes / facts->sectorBytes > kFreeSpaceMark)
         throw Failure(ToUtf8(volume) + " has more sectors than a saved map can name");
     const std::optional<Bytes> location = world.ReadRegistry(volume);
     if (!location || location->empty())

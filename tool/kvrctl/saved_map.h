@@ -1,33 +1,13 @@
 // The saved map of a volume, read from the sectors where the registry says it lies: what was redirected, and
 // where the swap space is, when the driver saved it last. Nothing of it is taken on trust.
 #pragma once
-#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "formats/saved_map.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl {
-
-// As in the registry and in the map's sectors; little-endian.
-struct MapRunRecord {
-    std::uint32_t sector;  // first of the run
-    std::uint32_t length;  // bytes
-};
-static_assert(sizeof(MapRunRecord) == 8 && offsetof(MapRunRecord, length) == 4);
-
-struct MapEntryRecord {
-    std::uint32_t volumeSector;  // kFreeMark: the entry is free swap space
-    std::uint32_t swapSector;    // 0, or equal to volumeSector: an empty slot
-    std::uint8_t sectors[3];
-    std::uint8_t check;
-};
-static_assert(sizeof(MapEntryRecord) == 12 && offsetof(MapEntryRecord, swapSector) == 4 &&
-              offsetof(MapEntryRecord, check) == 11);
-inline constexpr std::uint32_t kFreeMark = 0xFFFFFFFF;
-
-// The check byte of an entry's other bytes.
-std::uint8_t MapCheck(const MapEntryRecord& entry);
 
 // In sectors.
 struct RedirectedRange {

@@ -3,22 +3,6 @@
 
 namespace {
 
-constexpr ULONG kFree = 0xFFFFFFFF;
-
-struct Entry {
-    ULONG VolumeSector;  // kFree: free space
-    ULONG SwapSector;
-    ULONG Length;  // sectors, and the check byte on top
-};
-constexpr ULONG kMostSectors = 0xFFFFFF;
-
-// The last byte is the check of the eleven before it, each weighted by its place.
-bool IsSealed(const UCHAR* bytes) {
-    ULONG sum = 0x4B56;
-    for (ULONG i = 0; i < 11; ++i) sum += (i + 1) * bytes[i];
-    return bytes[11] == static_cast<UCHAR>((sum & 0xFF) ^ ((sum >> 8) & 0xFF));
-}
-
 bool IsInFile(const PlayedFile& file, ULONGLONG offset, ULONGLONG length) {
     for (ULONG i = 0; i < file.ExtentCount; ++i) {
         const auto start = static_cast<ULONGLONG>(file.Extents[i].Offset);
@@ -45,21 +29,20 @@ bool IsInStorage(Computer* computer, ULONGLONG offset, ULONGLONG length) {
 
 // Calls `visit` for every entry; false when a run ends the map.
 template <class Visit>
-bool VisitRun(Computer* computer, const SavedRun& run, const Visit& visit) {
-    const ULONGLONG offset = ULONGLONG{run.Sector} * computer->Options.DataSector;
-    if (offset == 0 || offset + run.Bytes > computer->Options.DataBytes) {
-        stage::Check(false, "the map's run lies on the volume", offset, run.Bytes);
+bool VisitRun(Computer* computer, const MAP_LOCATION_ENTRY& run, const Visit& visit) {
+    const ULONGLONG offset = ULONGLONG{run.ulSector} * computer->Options.DataSector;
+    if (offset == 0 || offset + run.ulLength > computer->Options.DataBytes) {
+        stage::Check(false, "the map's run lies on the volume", offset, run.ulLength);
         return false;
     }
     const UCHAR* bytes = computer->DataSectors + offset;
     bool any = false;
-    for (ULONG at = 0; at + sizeof(Entry) <= run.Bytes; at += sizeof(Entry)) {
-        Entry entry;
+    for (ULONG at = 0; at + sizeof(SWAP_MAP_ENTRY) <= run.ulLength; at += sizeof(SWAP_MAP_ENTRY)) {
+        SWAP_MAP_ENTRY entry;
         RtlCopyMemory(&entry, bytes + at, sizeof(entry));
-        if (entry.SwapSector == 0 || entry.SwapSector == entry.VolumeSector) continue;
+        if (IsEmptySlot(&entry)) continue;
         any = true;
-        stage::Check(IsSealed(bytes + at), "an entry's check byte", offset + at);
-        entry.Length &= kMostSectors;
+        stage::Check(VerifyMapEntry(&entry), "an entry's check byte", offset + at);
         visit(entry);
     }
     return any;
@@ -73,9 +56,10 @@ void VisitMap(Computer* computer, const SavedMap& map, const Visit& visit) {
 
 void ReadLocation(SavedMap* map) {
     *map = {};
-    map->Runs = ReadDriverValue(DATA_VOLUME, map->Location, sizeof(map->Location)) / ULONG{sizeof(SavedRun)};
+    map->Runs =
+        ReadDriverValue(DATA_VOLUME, map->Location, sizeof(map->Location)) / ULONG{sizeof(MAP_LOCATION_ENTRY)};
     if (!stage::Check(map->Runs <= kMostRuns, "runs of the map file", map->Runs)) map->Runs = 0;
-    for (ULONG i = 0; i < map->Runs; ++i) map->LocationBytes += map->Location[i].Bytes;
+    for (ULONG i = 0; i < map->Runs; ++i) map->LocationBytes += map->Location[i].ulLength;
 }
 
 }  // namespace
@@ -106,13 +90,13 @@ ULONG ReadDriverValue(const WCHAR* name, PVOID buffer, ULONG length) {
 void ReadSavedMap(Computer* computer, SavedMap* map) {
     ReadLocation(map);
     const ULONG sector = computer->Options.DataSector;
-    VisitMap(computer, *map, [&](const Entry& entry) {
-        const ULONGLONG bytes = ULONGLONG{entry.Length} * sector;
-        const bool isFree = entry.VolumeSector == kFree;
+    VisitMap(computer, *map, [&](const SWAP_MAP_ENTRY& entry) {
+        const ULONGLONG bytes = ULONGLONG{entry.ulSectors} * sector;
+        const bool isFree = IsFreeEntry(&entry);
         ++(isFree ? map->Free : map->Swapped);
         (isFree ? map->FreeBytes : map->SwappedBytes) += bytes;
-        stage::Check(bytes != 0 && IsInStorage(computer, ULONGLONG{entry.SwapSector} * sector, bytes),
-                     "an entry's space lies in the storage files", entry.SwapSector, entry.Length);
+        stage::Check(bytes != 0 && IsInStorage(computer, ULONGLONG{entry.ulSwapSector} * sector, bytes),
+                     "an entry's space lies in the storage files", entry.ulSwapSector, entry.ulSectors);
     });
 }
 
@@ -120,5 +104,5 @@ void DamageSavedMap(Computer* computer) {
     SavedMap map;
     ReadLocation(&map);
     if (!stage::Check(map.Runs != 0, "there is a map to damage")) return;
-    computer->DataSectors[ULONGLONG{map.Location[0].Sector} * computer->Options.DataSector + 3] ^= 0x10;
+    computer->DataSectors[ULONGLONG{map.Location[0].ulSector} * computer->Options.DataSector + 3] ^= 0x10;
 }

@@ -1,21 +1,18 @@
 // The saved map of a volume as it lies on the medium, found by the location in the registry and read without
 // the driver's help. IRQL: PASSIVE_LEVEL.
 #pragma once
+#include "formats/saved_map.h"
 #include "tests/second_kernel/common/computer.h"
 
 // The registry's value of that name; how many bytes of it there are, 0 when there is none. As much as fits is
 // copied.
 [[nodiscard]] ULONG ReadDriverValue(const WCHAR* name, PVOID buffer, ULONG length);
 
-struct SavedRun {
-    ULONG Sector;
-    ULONG Bytes;
-};
 inline constexpr ULONG kMostRuns = 128;
 
 struct SavedMap {
     ULONG Runs;
-    SavedRun Location[kMostRuns];
+    MAP_LOCATION_ENTRY Location[kMostRuns];
     ULONGLONG LocationBytes;
     ULONG Swapped;  // entries
     ULONG Free;

@@ -7,7 +7,8 @@
 #include <optional>
 #include <thread>
 #include <vector>
-#include "driver/dispatch.h"
+#include "driver/attach.h"
+#include "driver/entry.h"
 #include "platform/host/rtl/debug_sink.h"
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"

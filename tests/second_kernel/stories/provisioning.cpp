@@ -62,7 +62,7 @@ void CheckStorage(Computer* computer) {
     if (!stage::Check(file != nullptr, "the map file")) return;
     stage::CheckEqual(map.LocationBytes, static_cast<ULONGLONG>(file->Size),
                       "the map file's runs in the registry");
-    stage::CheckEqual(map.Location[0].Sector, static_cast<ULONGLONG>(file->Extents[0].Offset / 512),
+    stage::CheckEqual(map.Location[0].ulSector, static_cast<ULONGLONG>(file->Extents[0].Offset / 512),
                       "where the map file begins");
     stage::Check(map.Runs > 1, "it lies in pieces", map.Runs);
 }
