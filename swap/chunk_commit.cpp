@@ -27,22 +27,6 @@ PIECE NextPiece(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, LONGLONG p
     return {position, chunk->liSwapOffset.QuadPart + into, static_cast<ULONG>(stop - position), redirected};
 }
 
-NTSTATUS RecordSwappedChunk(PVOLUME_EXTENSION volume, const PIECE& piece, ULONG bVolatile)
-    KVR_REQUIRES(volume->SwapLock) {
-    PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
-    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
-    record->liVolumeOffset.QuadPart = piece.volumeOffset;
-    record->liSwapOffset.QuadPart = piece.swapOffset;
-    record->uLength = piece.length;
-    record->bVolatile = bVolatile;
-    TREE_NODE* node = tree_insert(&volume->SwappedChunks, record.Get());
-    if (!node) return STATUS_UNSUCCESSFUL;
-    if (node->Record != record.Get()) return STATUS_SUCCESS;
-    record.Release();
-    volume->SwapUsedBytes += piece.length;
-    return STATUS_SUCCESS;
-}
-
 // Of writes that overlapped in time the first to commit keeps a common stretch. The volume then shows that
 // write's data there, which is an outcome the writers must reckon with; the trees never overlap.
 NTSTATUS CommitChunk(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, ULONG bVolatile)
@@ -52,8 +36,10 @@ NTSTATUS CommitChunk(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, ULONG
     const LONGLONG end = position + chunk->uLength;
     while (position < end) {
         const PIECE piece = NextPiece(volume, chunk, position);
-        const NTSTATUS status = piece.redirected ? RecordFreeChunk(volume, piece.swapOffset, piece.length)
-                                                 : RecordSwappedChunk(volume, piece, bVolatile);
+        const NTSTATUS status =
+            piece.redirected
+                ? RecordFreeChunk(volume, piece.swapOffset, piece.length)
+                : RecordSwappedChunk(volume, piece.volumeOffset, piece.swapOffset, piece.length, bVolatile);
         ReportLoss(status, __LINE__, "Kvr!CommitChunks [%d] STATUS_INSUFFICIENT_RESOURCES\n",
                    "Kvr!CommitChunks [%d] STATUS_UNSUCCESSFUL\n");
         if (!NT_SUCCESS(status)) result = status;

@@ -15,21 +15,28 @@ void InitTrees(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     volume->MapDirty = TRUE;
 }
 
-// False when there is no pool for it.
-[[nodiscard]] bool InsertFreeRecord(TREE* tree, LONGLONG swapOffset, ULONG length) {
+// The tree takes the record, unless one that matches it is there: then `isNew` is false, and the record goes.
+template <class T>
+NTSTATUS StoreRecord(TREE* tree, PoolPtr<T> record, bool* isNew) {
+    TREE_NODE* node = tree_insert(tree, record.Get());
+    *isNew = node && node->Record == record.Get();
+    if (*isNew) record.Release();
+    return node ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
+NTSTATUS StoreFreeRecord(TREE* tree, LONGLONG swapOffset, ULONG length, bool* isNew) {
     PoolPtr<FREE_CHUNK> record = NewRecord<FREE_CHUNK>();
-    if (!record) return false;
+    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
     record->liSwapOffset.QuadPart = swapOffset;
     record->uLength = length;
-    TREE_NODE* node = tree_insert(tree, record.Get());
-    if (node && node->Record == record.Get()) record.Release();
-    return node != nullptr;
+    return StoreRecord(tree, std::move(record), isNew);
 }
 
 // Copies `from` into `to`, touching chunks merged up to `limit` bytes. False when there is no pool for it.
 [[nodiscard]] bool MergeInto(TREE* to, TREE* from, ULONG64 limit) {
     LONGLONG start = 0;
     ULONG length = 0;
+    bool isNew = false;
     for (TREE_NODE* node = tree_first(from, from->Root); node; node = tree_next(from, node)) {
         const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
         const bool touches = length != 0 && chunk->liSwapOffset.QuadPart - start == length;
@@ -37,11 +44,11 @@ void InitTrees(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
             length += chunk->uLength;
             continue;
         }
-        if (length != 0 && !InsertFreeRecord(to, start, length)) return false;
+        if (length != 0 && !NT_SUCCESS(StoreFreeRecord(to, start, length, &isNew))) return false;
         start = chunk->liSwapOffset.QuadPart;
         length = chunk->uLength;
     }
-    return InsertFreeRecord(to, start, length);
+    return NT_SUCCESS(StoreFreeRecord(to, start, length, &isNew));
 }
 
 }  // namespace
@@ -72,16 +79,24 @@ void DebitFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) {
 
 NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG length) {
     if (length == 0) return STATUS_SUCCESS;
-    PoolPtr<FREE_CHUNK> record = NewRecord<FREE_CHUNK>();
+    bool isNew = false;
+    const NTSTATUS status = StoreFreeRecord(&volume->FreeChunks, swapOffset, length, &isNew);
+    if (isNew) CreditFreeSpace(volume, length);
+    return status;
+}
+
+NTSTATUS RecordSwappedChunk(PVOLUME_EXTENSION volume, LONGLONG volumeOffset, LONGLONG swapOffset, ULONG length,
+                            ULONG bVolatile) {
+    PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
     if (!record) return STATUS_INSUFFICIENT_RESOURCES;
+    record->liVolumeOffset.QuadPart = volumeOffset;
     record->liSwapOffset.QuadPart = swapOffset;
     record->uLength = length;
-    TREE_NODE* node = tree_insert(&volume->FreeChunks, record.Get());
-    if (!node) return STATUS_UNSUCCESSFUL;
-    if (node->Record != record.Get()) return STATUS_SUCCESS;
-    record.Release();
-    CreditFreeSpace(volume, length);
-    return STATUS_SUCCESS;
+    record->bVolatile = bVolatile;
+    bool isNew = false;
+    const NTSTATUS status = StoreRecord(&volume->SwappedChunks, std::move(record), &isNew);
+    if (isNew) volume->SwapUsedBytes += length;
+    return status;
 }
 
 void ReportLoss(NTSTATUS status, ULONG line, PCSTR noRecord, PCSTR noNode) {
@@ -118,8 +133,8 @@ void AddSwapMapChunk(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length) {
     record->ulSector = static_cast<ULONG>(offset / unit);
     record->ulLength = length;
     FastMutexLock lock(volume->SwapLock);
-    TREE_NODE* node = tree_insert(&volume->MapFileChunks, record.Get());
-    if (node && node->Record == record.Get()) record.Release();
+    bool isNew = false;
+    KVR_DISCARD(StoreRecord(&volume->MapFileChunks, std::move(record), &isNew), "the map is then shorter");
 }
 
 ULONG key_in_chunk(const void* probe, const void* record) {

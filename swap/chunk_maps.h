@@ -16,6 +16,11 @@ void DebitFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) KVR_REQUIRES(volume
 [[nodiscard]] NTSTATUS RecordFreeChunk(PVOLUME_EXTENSION volume, LONGLONG swapOffset, ULONG length)
     KVR_REQUIRES(volume->SwapLock);
 
+// A range becomes redirected and is counted; one that begins inside a redirected range is not recorded.
+// Failures as above.
+[[nodiscard]] NTSTATUS RecordSwappedChunk(PVOLUME_EXTENSION volume, LONGLONG volumeOffset, LONGLONG swapOffset,
+                                          ULONG length, ULONG bVolatile) KVR_REQUIRES(volume->SwapLock);
+
 // Says of a chunk that could not be recorded why not, with one of two messages (formats for the line). Nothing
 // for a success; a null message is none.
 void ReportLoss(NTSTATUS status, ULONG line, PCSTR noRecord, PCSTR noNode);

@@ -45,14 +45,8 @@ bool IsRedirectedAlready(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR
 NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range, LONGLONG* end)
     KVR_REQUIRES(volume->SwapLock) {
     if (range.volumeOffset < *end && IsRedirectedAlready(volume, range)) return STATUS_INVALID_PARAMETER;
-    PoolPtr<SWAPPED_CHUNK> record = NewRecord<SWAPPED_CHUNK>();
-    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
-    record->liVolumeOffset.QuadPart = range.volumeOffset;
-    record->liSwapOffset.QuadPart = range.swapOffset;
-    record->uLength = range.length;
-    if (!tree_insert(&volume->SwappedChunks, record.Get())) return STATUS_UNSUCCESSFUL;
-    record.Release();
-    volume->SwapUsedBytes += range.length;
+    const NTSTATUS status = RecordSwappedChunk(volume, range.volumeOffset, range.swapOffset, range.length, 0);
+    if (!NT_SUCCESS(status)) return status;
     if (range.volumeOffset + range.length > *end) *end = range.volumeOffset + range.length;
     return STATUS_SUCCESS;
 }
@@ -69,10 +63,9 @@ NTSTATUS LoadEntry(PVOLUME_EXTENSION volume, const SWAP_MAP_ENTRY* entry, LONGLO
         return STATUS_INVALID_PARAMETER;
     const NTSTATUS status =
         IsFreeEntry(entry) ? LoadFreeEntry(volume, range) : LoadSwappedEntry(volume, range, end);
-    if (status == STATUS_INSUFFICIENT_RESOURCES)
-        DbgPrint("Kvr!DeserializeSwapMap [%d] STATUS_INSUFFICIENT_RESOURCES\n", __LINE__);
-    else if (status == STATUS_UNSUCCESSFUL)
-        DbgPrint("Kvr!DeserializeSwapMap [%d] STATUS_UNSUCCESSFUL\n", __LINE__);
+    if (status != STATUS_INVALID_PARAMETER)
+        ReportLoss(status, __LINE__, "Kvr!DeserializeSwapMap [%d] STATUS_INSUFFICIENT_RESOURCES\n",
+                   "Kvr!DeserializeSwapMap [%d] STATUS_UNSUCCESSFUL\n");
     return status;
 }
 

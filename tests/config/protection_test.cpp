@@ -32,7 +32,14 @@ TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
     volume->SwapState = 0;
     volume->Target->Characteristics |= FILE_READ_ONLY_DEVICE;
     EXPECT_FALSE(Updated(volume)) << "read-only";
+    volume->SwapState = 5;
+    volume->IsProtected = TRUE;
+    EXPECT_FALSE(Updated(volume)) << "read-only, whatever the storage's state";
     volume->Target->Characteristics &= ~FILE_READ_ONLY_DEVICE;
+    volume->IsProtected = TRUE;
+    EXPECT_TRUE(Updated(volume)) << "storage that is not held does not end what has begun";
+    volume->SwapState = 0;
+    volume->IsProtected = FALSE;
     volume->ProtectionDeferred = TRUE;
     EXPECT_FALSE(Updated(volume)) << "storage made or removed in this boot";
     volume->ProtectionDeferred = FALSE;

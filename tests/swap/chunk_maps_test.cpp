@@ -78,6 +78,17 @@ TEST_F(ChunkMaps, SpaceComesFromTheLowestChunksAndGoesBack) {
     EXPECT_GT(FreeList().size(), 2u) << "pieces that come back are not merged";
 }
 
+TEST_F(ChunkMaps, SpaceThatCouldNotBeRecordedLeavesNothingToSave) {
+    const LARGE_INTEGER at = Large(200 * M);
+    for (const ULONGLONG call : {1, 2}) {
+        v->MapDirty = FALSE;
+        host::FailCall(host::FaultsOf({host::Fault::Allocate}), call);
+        EXPECT_FALSE(NT_SUCCESS(AddSwapFreeChunk(v, &at, 16 * K)));
+        host::DisarmFaults();
+        EXPECT_EQ(v->MapDirty != FALSE, call == 2) << "the record, then its node";
+    }
+}
+
 TEST_F(ChunkMaps, LowSpaceIsKeptForMetadata) {
     AddFree(100 * M, 48 * M);
     EXPECT_EQ(LockFor(W("\\pagefile.sys")), STATUS_SUCCESS);  // at the limit

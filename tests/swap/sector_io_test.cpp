@@ -43,6 +43,19 @@ TEST_F(SectorIo, UnalignedAndUnstartedRequestsAreRefused) {
     v->BytesPerSector = S;
 }
 
+TEST_F(SectorIo, AWriteWithoutAWholeSectorNeedsItsBufferAllTheSame) {
+    std::uint8_t byte = 1;
+    for (const ULONG length : {0u, 1u}) {
+        host::FailCall(host::FaultsOf({host::Fault::MapPages}), 1);
+        const NTSTATUS status = Send(IRP_MJ_WRITE, 100 * S, &byte, length).status;
+        host::DisarmFaults();
+        EXPECT_EQ(status, length == 0 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(host::AssertionCount(), length);
+    }
+    host::ResetAssertionCount();
+    EXPECT_EQ(Send(IRP_MJ_WRITE, 100 * S, &byte, 1).status, STATUS_SUCCESS);
+}
+
 // Another write gets to the map between the cut of this one and its turn.
 TEST_F(SectorIo, AWriteThatIsOvertakenUsesTheOthersSpace) {
     disk_->PendAlways(true);
