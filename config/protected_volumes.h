@@ -17,11 +17,15 @@ struct PROTECTED_VOLUME {
 };
 extern std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList;
 
-// The first section of a name wins. STATUS_INSUFFICIENT_RESOURCES when no entry could be made.
+// `id`: a name, and what follows it behind a comma or semicolon; 64 characters of it count. The first section
+// of a name wins. STATUS_INSUFFICIENT_RESOURCES when no entry could be made. For the one parse only: no lock
+// guards the list.
 [[nodiscard]] NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags);
+// By the volume's name; flags 0 also when there is no entry. No locks; IRQL: PASSIVE_LEVEL.
 [[nodiscard]] BOOLEAN IsProtectedVolumeListed(PVOLUME_EXTENSION volume);
 [[nodiscard]] ULONG GetProtectedVolumeFlags(PVOLUME_EXTENSION volume);
-// Applies the list, the removable defaults and the storage's state to the volume. Takes no lock.
+// Applies the list, the removable defaults and the storage's state to the volume. Takes no lock. IRQL: at most
+// APC_LEVEL.
 void UpdateVolumeProtection(PVOLUME_EXTENSION volume);
 // Does the disk under this filter hold a protected volume? Takes gVolumeListLock. IRQL: at most APC_LEVEL.
 [[nodiscard]] BOOLEAN HasProtectedVolume(PDEVICE_OBJECT device);

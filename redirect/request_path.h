@@ -11,6 +11,8 @@ struct FILE_REQUEST {
     PFILE_OBJECT File;     // null when the request is made for no file
     PUNICODE_STRING Name;  // of the file; null without a file, empty for one without a name
 };
+// IRQL of everything here as of the dispatch routines. The caller holds the record; no routine takes a lock but
+// AttachSwapFile (gSwapFileMutex, then SwapLock).
 [[nodiscard]] FILE_REQUEST DescribeRequest(PDEVICE_OBJECT device, PIRP request);
 
 // The two messages of a path about a request: formats for a request with a file and for one without.

@@ -16,11 +16,14 @@ struct WRITE_CACHE_ENTRY {
 // Queues the request's data and completes the request. A buffer that cannot be locked fails it with the
 // exception's status, one that cannot be mapped, or no pool, with STATUS_INSUFFICIENT_RESOURCES.
 [[nodiscard]] NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request);
+// Queues a copy of `length` bytes of a kernel buffer for byte `offset` of the volume. STATUS_NO_SUCH_DEVICE for
+// a volume without storage, STATUS_INSUFFICIENT_RESOURCES without pool.
 [[nodiscard]] NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer,
                                         ULONG length);
 // Writes the queue out, entries of other volumes on the same storage included. The caller holds the volume's
 // RemoveLock. STATUS_DEVICE_BUSY when it stopped for want of swap space; the queue then keeps its order.
 [[nodiscard]] NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume);
+// True for no storage. Takes CacheLock for a moment: only who writes the queue out can rely on it.
 [[nodiscard]] BOOLEAN IsWriteCacheEmpty(SWAP_FILE* swapFile);
 // Drops the entries of a volume that is being removed: nothing can write them any more. To be called when its
 // RemoveLock has been released and waited for: a flush holds that lock while it writes the volume's entry.

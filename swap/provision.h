@@ -12,7 +12,9 @@
 // LeaveProvisioning (driver/record/threads.h).
 void ConfigureSwapAllocThread(PVOID request);
 void ConfigureSwapRemoveThread(PVOID request);
-// Writes the swap files full until `size` bytes are written; `sectors` receives the sectors written.
+// Writes the swap files full, in blocks of kSectorsPerBlock sectors, until `size` bytes are written; `sectors`
+// receives the sectors written. The status of the last create or write, STATUS_DISK_FULL when the last file is
+// full; an end for want of pool or because of gProvisionQuit is none.
 [[nodiscard]] NTSTATUS SwapStorageStartAllocation(PVOLUME_EXTENSION volume, ULONG* sectors,
                                                   const LONGLONG* size);
 // Thread routine; `volume` is the record, whose RemoveLock the starter has acquired for the thread.

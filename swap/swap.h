@@ -12,7 +12,7 @@
 #pragma once
 #include "driver/record/volume_extension.h"
 
-inline constexpr char kSwapSource[] = "swap";         // the source file that this folder's assertions name
+inline constexpr char kSwapSource[] = "swap";  // what assertions here and in redirect/ name as their file
 inline constexpr ULONG64 kLowSpaceLimit = 0x3000000;  // below it only metadata and unnamed writes get space
 inline constexpr ULONG64 kNoSpaceLimit = 0x800000;    // below it nothing does
 inline constexpr ULONG kSectorsPerBlock = 2048;       // longest free chunk, and the unit of provisioning
