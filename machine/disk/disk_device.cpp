@@ -9,22 +9,10 @@ namespace {
 
 constexpr unsigned kWorkers = 2;  // two, so that completions of one disk also race with each other
 
-DiskRequest Describe(PIRP irp) {
-    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
-    DiskRequest request{location.MajorFunction, 0, 0, 0, location.FileObject};
-    if (location.MajorFunction == IRP_MJ_READ || location.MajorFunction == IRP_MJ_WRITE) {
-        request.offset = static_cast<std::uint64_t>(location.Parameters.Read.ByteOffset.QuadPart);
-        request.length = location.Parameters.Read.Length;
-    } else if (location.MajorFunction != IRP_MJ_FLUSH_BUFFERS) {
-        request.control = location.Parameters.DeviceIoControl.IoControlCode;
-    }
-    return request;
-}
-
-bool IsOnDisk(const DiskRequest& request, const Disk& medium) {
+bool IsOnDisk(std::uint64_t offset, ULONG length, const Disk& medium) {
     const std::uint32_t sector = medium.SectorSize();
-    return request.offset <= medium.Size() && request.length <= medium.Size() - request.offset &&
-           request.offset % sector == 0 && request.length % sector == 0;
+    return offset <= medium.Size() && length <= medium.Size() - offset && offset % sector == 0 &&
+           length % sector == 0;
 }
 
 }  // namespace
@@ -96,27 +84,24 @@ NTSTATUS DiskDevice::DispatchSucceed(PDEVICE_OBJECT, PIRP irp) {
 }
 
 NTSTATUS DiskDevice::Transfer(PIRP irp, ULONG_PTR& information) {
-    const DiskRequest request = Describe(irp);
     if (host::InjectFault(host::Fault::LowerIo)) return STATUS_IO_DEVICE_ERROR;
-    NTSTATUS status = AskHook(request);
-    if (!NT_SUCCESS(status)) return status;
-    if (request.major == IRP_MJ_FLUSH_BUFFERS) return medium_->Flush();
-    if (!IsOnDisk(request, *medium_)) return STATUS_INVALID_PARAMETER;
-    if (request.length == 0) return STATUS_SUCCESS;
-    const bool read = request.major == IRP_MJ_READ;
+    const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
+    if (location.MajorFunction == IRP_MJ_FLUSH_BUFFERS) return medium_->Flush();
+    const auto offset = static_cast<std::uint64_t>(location.Parameters.Read.ByteOffset.QuadPart);
+    const ULONG length = location.Parameters.Read.Length;
+    if (!IsOnDisk(offset, length, *medium_)) return STATUS_INVALID_PARAMETER;
+    if (length == 0) return STATUS_SUCCESS;
+    const bool read = location.MajorFunction == IRP_MJ_READ;
     const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
     if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
-    status = read ? medium_->Read(request.offset, buffer.Get(), request.length)
-                  : medium_->Write(request.offset, buffer.Get(), request.length);
-    if (NT_SUCCESS(status)) information = request.length;
+    const NTSTATUS status =
+        read ? medium_->Read(offset, buffer.Get(), length) : medium_->Write(offset, buffer.Get(), length);
+    if (NT_SUCCESS(status)) information = length;
     return status;
 }
 
 NTSTATUS DiskDevice::Control(PIRP irp, ULONG_PTR& information) {
-    const DiskRequest request = Describe(irp);
-    const NTSTATUS status = AskHook(request);
-    if (!NT_SUCCESS(status)) return status;
-    switch (request.control) {
+    switch (IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl.IoControlCode) {
         case IOCTL_DISK_IS_WRITABLE:
             return STATUS_SUCCESS;
         case IOCTL_DISK_GET_LENGTH_INFO: {
@@ -137,31 +122,6 @@ NTSTATUS DiskDevice::Control(PIRP irp, ULONG_PTR& information) {
         default:
             return STATUS_INVALID_DEVICE_REQUEST;
     }
-}
-
-// ---- observers and faults --------------------------------------------------------------------------------
-
-void DiskDevice::SetHook(Hook hook) {
-    std::lock_guard hold(hookLock_);
-    hook_ = hook ? std::make_shared<const Hook>(std::move(hook)) : nullptr;
-    hooked_.store(hook_ != nullptr, std::memory_order_release);
-}
-
-NTSTATUS DiskDevice::AskHook(const DiskRequest& request) {
-    if (!hooked_.load(std::memory_order_acquire)) return STATUS_SUCCESS;
-    std::shared_ptr<const Hook> hook;
-    {
-        std::lock_guard hold(hookLock_);
-        hook = hook_;
-    }
-    return hook != nullptr ? (*hook)(request) : STATUS_SUCCESS;
-}
-
-void DiskDevice::FailRequest(UCHAR major, unsigned nth, NTSTATUS status) {
-    auto left = std::make_shared<std::atomic<unsigned>>(nth);
-    SetHook([=](const DiskRequest& request) {
-        return request.major == major && left->fetch_sub(1) == 1 ? status : STATUS_SUCCESS;
-    });
 }
 
 // ---- completion on other threads -------------------------------------------------------------------------
@@ -210,11 +170,6 @@ void DiskDevice::SetCompletion(Completion mode) {
     while (mode != Completion::Immediate && workers_.size() < kWorkers)
         workers_.emplace_back([this] { Work(); });
     changed_.notify_all();
-}
-
-std::size_t DiskDevice::Waiting() const {
-    std::lock_guard hold(lock_);
-    return waiting_.size();
 }
 
 void DiskDevice::WaitForWaiting(std::size_t count) {

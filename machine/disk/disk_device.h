@@ -5,7 +5,6 @@
 #include <atomic>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -18,15 +17,6 @@ enum class Completion {
     Immediate,  // in the dispatch routine
     Pended,     // marked pending and completed by a thread of the disk, at DISPATCH_LEVEL
     Stepped,    // marked pending and completed by Release(), in the order that the test chooses
-};
-
-// What reaches the disk, for observers and faults.
-struct DiskRequest {
-    UCHAR major;           // IRP_MJ_
-    std::uint64_t offset;  // bytes; reads and writes
-    std::uint32_t length;  // bytes; reads and writes
-    ULONG control;         // the code of a device-control request
-    PFILE_OBJECT file;     // of the stack location, may be null; not referenced
 };
 
 class DiskDevice {
@@ -49,21 +39,13 @@ public:
 
     // Requests that wait keep waiting until they are released, except that leaving Stepped releases them.
     void SetCompletion(Completion mode);
-    // The number of requests that wait for Release(), and a wait until there are at least `count`.
-    std::size_t Waiting() const;
+    // Returns when at least `count` requests wait for Release().
     void WaitForWaiting(std::size_t count);
     // Carries out and completes the request that waits at `index` (0 came first). False when there is none.
     bool Release(std::size_t index = 0);
     void ReleaseAll();
     // Completes everything that waits and from now on completes at once; its threads end.
     void Stop();
-
-    // Called for every read, write, flush and device control before it is carried out, perhaps by several
-    // threads at once; a failure status is the request's result. An empty function removes it.
-    using Hook = std::function<NTSTATUS(const DiskRequest&)>;
-    void SetHook(Hook hook);
-    // Fails the n-th request from now (1 is the next) of `major` with `status`, through the hook.
-    void FailRequest(UCHAR major, unsigned nth, NTSTATUS status);
 
 private:
     DiskDevice(std::shared_ptr<Disk> medium, unsigned number, bool removable);
@@ -79,7 +61,6 @@ private:
     void CarryOut(PIRP irp);
     NTSTATUS Transfer(PIRP irp, ULONG_PTR& information);
     NTSTATUS Control(PIRP irp, ULONG_PTR& information);
-    NTSTATUS AskHook(const DiskRequest& request);
     void Work();
 
     PDEVICE_OBJECT device_ = nullptr;
@@ -88,15 +69,11 @@ private:
     const bool removable_;
 
     std::atomic<Completion> mode_{Completion::Immediate};
-    mutable std::mutex lock_;  // guards what follows
+    std::mutex lock_;  // guards what follows
     std::condition_variable changed_;
     std::deque<PIRP> waiting_;
     std::vector<std::thread> workers_;
     bool stopping_ = false;
-
-    std::atomic<bool> hooked_{false};
-    std::mutex hookLock_;
-    std::shared_ptr<const Hook> hook_;
 };
 
 }  // namespace machine

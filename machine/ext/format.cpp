@@ -18,41 +18,19 @@ constexpr FormatTraits kTraits = {.kind = FileSystemKind::Ext,
                                   .emptiesFirst = true};
 constexpr int kOpenFlags = EXT2_FLAG_64BITS | EXT2_FLAG_SKIP_MMP;
 
-NTSTATUS Translate(long error) {
-    switch (error) {
-        case EXT2_ET_FILE_NOT_FOUND:
-            return STATUS_OBJECT_NAME_NOT_FOUND;
-        case EXT2_ET_FILE_EXISTS:
-        case EXT2_ET_DIR_EXISTS:
-            return STATUS_OBJECT_NAME_COLLISION;
-        case EXT2_ET_BLOCK_ALLOC_FAIL:
-        case EXT2_ET_INODE_ALLOC_FAIL:
-        case EXT2_ET_FILE_TOO_BIG:
-        case EOVERFLOW:
-            return STATUS_DISK_FULL;
-        case EXT2_ET_NO_DIRECTORY:
-            return STATUS_NOT_A_DIRECTORY;
-        case EXT2_ET_NO_MEMORY:
-            return STATUS_INSUFFICIENT_RESOURCES;
-        case EXT2_ET_OP_NOT_SUPPORTED:
-            return STATUS_NOT_SUPPORTED;
-        default:
-            return STATUS_FILE_CORRUPT_ERROR;
-    }
-}
-
-NTSTATUS TranslateOpen(long error) {
-    switch (error) {
-        case EXT2_ET_BAD_MAGIC:
-            return STATUS_UNRECOGNIZED_VOLUME;
-        case EXT2_ET_UNSUPP_FEATURE:
-            return STATUS_NOT_SUPPORTED;
-        case EXT2_ET_NO_MEMORY:
-            return STATUS_INSUFFICIENT_RESOURCES;
-        default:
-            return STATUS_DISK_CORRUPT_ERROR;
-    }
-}
+constexpr LibraryError kErrors[] = {{EXT2_ET_FILE_NOT_FOUND, STATUS_OBJECT_NAME_NOT_FOUND},
+                                    {EXT2_ET_FILE_EXISTS, STATUS_OBJECT_NAME_COLLISION},
+                                    {EXT2_ET_DIR_EXISTS, STATUS_OBJECT_NAME_COLLISION},
+                                    {EXT2_ET_BLOCK_ALLOC_FAIL, STATUS_DISK_FULL},
+                                    {EXT2_ET_INODE_ALLOC_FAIL, STATUS_DISK_FULL},
+                                    {EXT2_ET_FILE_TOO_BIG, STATUS_DISK_FULL},
+                                    {EOVERFLOW, STATUS_DISK_FULL},
+                                    {EXT2_ET_NO_DIRECTORY, STATUS_NOT_A_DIRECTORY},
+                                    {EXT2_ET_NO_MEMORY, STATUS_INSUFFICIENT_RESOURCES},
+                                    {EXT2_ET_OP_NOT_SUPPORTED, STATUS_NOT_SUPPORTED}};
+constexpr LibraryError kOpenErrors[] = {{EXT2_ET_BAD_MAGIC, STATUS_UNRECOGNIZED_VOLUME},
+                                        {EXT2_ET_UNSUPP_FEATURE, STATUS_NOT_SUPPORTED},
+                                        {EXT2_ET_NO_MEMORY, STATUS_INSUFFICIENT_RESOURCES}};
 
 // The groups' descriptors as they are in memory.
 std::vector<char> Descriptors(ext2_filsys library) {
@@ -111,7 +89,7 @@ int NoteBlock(ext2_filsys, blk64_t* block, e2_blkcnt_t, blk64_t, int, void* name
 ExtFormat::ExtFormat(VolumeIo& io) : VolumeFormat(kTraits, io, names_), names_(io) {}
 
 NTSTATUS ExtFormat::Failed(long error) const {
-    return Failure(Translate(error));
+    return Failure(kErrors, error, STATUS_FILE_CORRUPT_ERROR);
 }
 
 long ExtFormat::DirectoryChanged(std::uint32_t inode) {
@@ -139,7 +117,7 @@ NTSTATUS ExtFormat::Open() {
     const std::string before = readOnly_;
     const long error = OpenLibrary();
     if (error != 0) {
-        const NTSTATUS status = Failure(TranslateOpen(error));
+        const NTSTATUS status = Failure(kOpenErrors, error, STATUS_DISK_CORRUPT_ERROR);
         if (status != STATUS_UNRECOGNIZED_VOLUME)
             DbgPrint("ext file system not mounted: status 0x%08x\n", status);
         return status;
@@ -164,7 +142,7 @@ void ExtFormat::Drop() {
 NTSTATUS ExtFormat::BeginChange() {
     const long error = library_->block_map == nullptr ? ext2fs_read_bitmaps(library_) : 0;
     before_ = Descriptors(library_);
-    return error == 0 ? STATUS_SUCCESS : Failure(STATUS_DISK_CORRUPT_ERROR);
+    return error == 0 ? STATUS_SUCCESS : Failure({}, error, STATUS_DISK_CORRUPT_ERROR);
 }
 
 NTSTATUS ExtFormat::Commit(CommitOrder order) {

@@ -7,6 +7,7 @@
 #pragma once
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <vector>
 #include "formats/file_system_kind.h"
@@ -40,6 +41,12 @@ struct FormatTraits {
     // A file's space goes in an operation of its own before its name does: a machine that stops in between
     // leaves an empty file, which a check removes without asking when even its name is gone.
     bool emptiesFirst;
+};
+
+// An error of a library, and the status that stands for it.
+struct LibraryError {
+    long error;
+    NTSTATUS status;
 };
 
 class VolumeFormat {
@@ -115,10 +122,9 @@ protected:
     // `names` may be a member of the derived object: it is not used before that is whole.
     VolumeFormat(const FormatTraits& traits, VolumeIo& io, MetadataNames& names)
         : traits_(traits), io_(io), names_(names), cache_(io, names) {}
-    // What a failing call of the library means, whose own error is `translated`.
-    NTSTATUS Failure(NTSTATUS translated) const {
-        return NT_SUCCESS(cache_.Failure()) ? translated : cache_.Failure();
-    }
+    // What a failing call of the library means: the failing request's own status, else what `known` makes of
+    // the library's error, `unknown` for the others.
+    NTSTATUS Failure(std::span<const LibraryError> known, long error, NTSTATUS unknown) const;
 
     std::string readOnly_;
 

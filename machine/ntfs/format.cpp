@@ -24,53 +24,27 @@ void SilenceLibrary() {
     std::call_once(once, [] { ntfs_log_set_handler(ntfs_log_handler_null); });
 }
 
-NTSTATUS Translate(int error) {
-    switch (error) {
-        case ENOENT:
-            return STATUS_OBJECT_NAME_NOT_FOUND;
-        case EEXIST:
-            return STATUS_OBJECT_NAME_COLLISION;
-        case ENOSPC:
-        case ERANGE:
-        case EFBIG:
-            return STATUS_DISK_FULL;
-        case EROFS:
-            return STATUS_MEDIA_WRITE_PROTECTED;
-        case ENOTEMPTY:
-            return STATUS_DIRECTORY_NOT_EMPTY;
-        case ENOTDIR:
-            return STATUS_NOT_A_DIRECTORY;
-        case EISDIR:
-            return STATUS_FILE_IS_A_DIRECTORY;
-        case EINVAL:
-            return STATUS_INVALID_PARAMETER;
-        case ENOMEM:
-            return STATUS_INSUFFICIENT_RESOURCES;
-        case EACCES:
-        case EPERM:
-            return STATUS_ACCESS_DENIED;
-        case EOPNOTSUPP:
-            return STATUS_NOT_SUPPORTED;
-        default:
-            return STATUS_FILE_CORRUPT_ERROR;
-    }
-}
-
-NTSTATUS TranslateMount(int error) {
-    switch (error) {
-        case EINVAL:
-            return STATUS_UNRECOGNIZED_VOLUME;
-        case ENOMEM:
-            return STATUS_INSUFFICIENT_RESOURCES;
-        default:
-            return STATUS_DISK_CORRUPT_ERROR;
-    }
-}
+constexpr LibraryError kErrors[] = {{ENOENT, STATUS_OBJECT_NAME_NOT_FOUND},
+                                    {EEXIST, STATUS_OBJECT_NAME_COLLISION},
+                                    {ENOSPC, STATUS_DISK_FULL},
+                                    {ERANGE, STATUS_DISK_FULL},
+                                    {EFBIG, STATUS_DISK_FULL},
+                                    {EROFS, STATUS_MEDIA_WRITE_PROTECTED},
+                                    {ENOTEMPTY, STATUS_DIRECTORY_NOT_EMPTY},
+                                    {ENOTDIR, STATUS_NOT_A_DIRECTORY},
+                                    {EISDIR, STATUS_FILE_IS_A_DIRECTORY},
+                                    {EINVAL, STATUS_INVALID_PARAMETER},
+                                    {ENOMEM, STATUS_INSUFFICIENT_RESOURCES},
+                                    {EACCES, STATUS_ACCESS_DENIED},
+                                    {EPERM, STATUS_ACCESS_DENIED},
+                                    {EOPNOTSUPP, STATUS_NOT_SUPPORTED}};
+constexpr LibraryError kMountErrors[] = {{EINVAL, STATUS_UNRECOGNIZED_VOLUME},
+                                         {ENOMEM, STATUS_INSUFFICIENT_RESOURCES}};
 
 }  // namespace
 
 NTSTATUS NtfsFormat::Failed(int error) const {
-    return Failure(Translate(error));
+    return Failure(kErrors, error, STATUS_FILE_CORRUPT_ERROR);
 }
 
 NtfsFormat::NtfsFormat(VolumeIo& io) : VolumeFormat(kTraits, io, names_), names_(io) {
@@ -82,7 +56,7 @@ NTSTATUS NtfsFormat::OpenOnce() {
     if (device == nullptr) return STATUS_INSUFFICIENT_RESOURCES;
     volume_ = ntfs_device_mount(device, NTFS_MNT_MAY_RDONLY);
     if (volume_ == nullptr) {
-        const NTSTATUS status = Failure(TranslateMount(errno));
+        const NTSTATUS status = Failure(kMountErrors, errno, STATUS_DISK_CORRUPT_ERROR);
         ntfs_device_free(device);
         return status;
     }

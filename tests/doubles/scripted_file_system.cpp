@@ -109,12 +109,9 @@ private:
     NTSTATUS Transfer(bool write, std::uint64_t offset, void* buffer, std::uint64_t length) {
         auto* at = static_cast<UCHAR*>(buffer);
         for (const Extent& place : state_->volume->PlacesOf(*file_, offset, length)) {
-            NTSTATUS status = write ? state_->volume->NextWrite() : state_->volume->NextRead();
             const auto part = static_cast<std::uint32_t>(place.length);
-            if (NT_SUCCESS(status)) {
-                status = write ? state_->io.Write(place.offset, at, part, object_)
-                               : state_->io.Read(place.offset, at, part, object_);
-            }
+            const NTSTATUS status = write ? state_->io.Write(place.offset, at, part, object_)
+                                          : state_->io.Read(place.offset, at, part, object_);
             if (!NT_SUCCESS(status)) return status;
             at += part;
         }

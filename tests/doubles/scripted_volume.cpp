@@ -5,22 +5,11 @@
 namespace machine {
 
 ScriptedVolume::ScriptedVolume(std::uint64_t begin, std::uint64_t end, std::uint32_t cluster)
-    : begin_(begin), end_(end), cluster_(cluster), cursor_(begin) {
-    free_[begin_] = end_ - begin_;
+    : begin_(begin), cluster_(cluster), cursor_(begin) {
+    free_[begin] = end - begin;
 }
 
 // ---- files -----------------------------------------------------------------------------------------------
-
-void ScriptedVolume::AddFile(std::u16string_view path, std::vector<Extent> extents, std::uint64_t size,
-                             ULONG attributes) {
-    auto file = std::make_shared<File>();
-    file->path = path;
-    file->extents = std::move(extents);
-    file->size = size;
-    file->attributes = attributes;
-    std::lock_guard hold(lock_);
-    files_[FoldName(path)] = std::move(file);
-}
 
 const ScriptedVolume::File* ScriptedVolume::Find(std::u16string_view path) const {
     const auto found = files_.find(FoldName(path));
@@ -42,12 +31,6 @@ std::uint64_t ScriptedVolume::SizeOf(std::u16string_view path) const {
     std::lock_guard hold(lock_);
     const File* file = Find(path);
     return file != nullptr ? file->size : 0;
-}
-
-ULONG ScriptedVolume::AttributesOf(std::u16string_view path) const {
-    std::lock_guard hold(lock_);
-    const File* file = Find(path);
-    return file != nullptr ? file->attributes : 0;
 }
 
 std::vector<std::u16string> ScriptedVolume::Paths() const {
@@ -116,35 +99,6 @@ void ScriptedVolume::SetFileLimit(std::uint64_t bytes) {
     fileLimit_ = bytes;
 }
 
-void ScriptedVolume::FailRead(unsigned nth, NTSTATUS status) {
-    std::lock_guard hold(lock_);
-    read_ = {nth, status};
-}
-
-void ScriptedVolume::FailWrite(unsigned nth, NTSTATUS status) {
-    std::lock_guard hold(lock_);
-    write_ = {nth, status};
-}
-
-void ScriptedVolume::FailOpen(std::u16string_view path, NTSTATUS status) {
-    std::lock_guard hold(lock_);
-    failedOpens_[FoldName(path)] = status;
-}
-
-NTSTATUS ScriptedVolume::Fault::Next() {
-    return left != 0 && --left == 0 ? status : STATUS_SUCCESS;
-}
-
-NTSTATUS ScriptedVolume::NextRead() {
-    std::lock_guard hold(lock_);
-    return read_.Next();
-}
-
-NTSTATUS ScriptedVolume::NextWrite() {
-    std::lock_guard hold(lock_);
-    return write_.Next();
-}
-
 // ---- opens -----------------------------------------------------------------------------------------------
 
 NTSTATUS ScriptedVolume::Open(std::u16string_view path, ULONG disposition, ULONG attributes,
@@ -152,8 +106,6 @@ NTSTATUS ScriptedVolume::Open(std::u16string_view path, ULONG disposition, ULONG
     std::lock_guard hold(lock_);
     if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
     const std::u16string folded = FoldName(path);
-    const auto failed = failedOpens_.find(folded);
-    if (failed != failedOpens_.end() && !NT_SUCCESS(failed->second)) return failed->second;
     const auto found = files_.find(folded);
     if (found != files_.end()) {
         const NTSTATUS status = OpenExisting(*found->second, disposition, attributes, claim, information);
@@ -269,11 +221,7 @@ bool ScriptedVolume::TakePiece(std::uint64_t wanted, Extent& piece) {
 
 // Neighbours stay apart in the list of free space; what is taken from them is joined again.
 void ScriptedVolume::GiveBack(std::vector<Extent>& extents) {
-    for (const Extent& extent : extents) {
-        // Space of files that the test placed elsewhere was never free.
-        if (extent.offset < begin_ || extent.offset + extent.length > end_) continue;
-        free_[extent.offset] = extent.length;
-    }
+    for (const Extent& extent : extents) free_[extent.offset] = extent.length;
     extents.clear();
     cursor_ = begin_;
 }

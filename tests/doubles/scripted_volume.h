@@ -1,4 +1,4 @@
-// What a scripted file system keeps of its volume, and the script: where files lie and which requests fail. A
+// What a scripted file system keeps of its volume, and the script: where files lie. A
 // test owns it, so files outlive boots; nothing of it is on the volume but the files' data.
 #pragma once
 #include <cstdint>
@@ -27,13 +27,9 @@ public:
     ScriptedVolume(std::uint64_t begin, std::uint64_t end, std::uint32_t cluster = 4096);
 
     // ---- files -----------------------------------------------------------------------------------------
-    // A file where the test wants it; the extents need not lie in the free space, and none is taken.
-    void AddFile(std::u16string_view path, std::vector<Extent> extents, std::uint64_t size,
-                 ULONG attributes = FILE_ATTRIBUTE_NORMAL);
     bool Exists(std::u16string_view path) const;
     std::vector<Extent> ExtentsOf(std::u16string_view path) const;
     std::uint64_t SizeOf(std::u16string_view path) const;
-    ULONG AttributesOf(std::u16string_view path) const;
     std::vector<std::u16string> Paths() const;
     // Forgets every file and every change since, as when the volume went back to an earlier state.
     struct Snapshot;
@@ -52,13 +48,6 @@ public:
     void SetPlacement(std::uint64_t piece, std::uint64_t gap);
     // A file that would grow beyond `bytes` fails with STATUS_DISK_FULL. 0: no limit.
     void SetFileLimit(std::uint64_t bytes);
-    // The n-th request from now (1 is the next) that reads, respectively writes, file data fails with `status`
-    // before it is sent. A write over two extents is two requests.
-    void FailRead(unsigned nth, NTSTATUS status);
-    void FailWrite(unsigned nth, NTSTATUS status);
-    // Opens of this path fail with `status`; STATUS_SUCCESS lets them through again.
-    void FailOpen(std::u16string_view path, NTSTATUS status);
-
     // ---- for the file system ---------------------------------------------------------------------------
     struct File {
         std::u16string path;
@@ -67,7 +56,6 @@ public:
         ULONG attributes = 0;
         ShareAccess share;
     };
-    std::uint32_t Cluster() const { return cluster_; }
     [[nodiscard]] NTSTATUS Open(std::u16string_view path, ULONG disposition, ULONG attributes,
                                 const ShareClaim& claim, std::shared_ptr<File>& file, ULONG_PTR& information);
     void Close(File& file, const ShareClaim& claim);
@@ -78,18 +66,10 @@ public:
     std::vector<Extent> PlacesOf(const File& file, std::uint64_t offset, std::uint64_t length) const;
     std::uint64_t SizeOf(const File& file) const;
     void Grew(File& file, std::uint64_t size);  // the size is at least `size` now
-    // What the script says about the next request.
-    [[nodiscard]] NTSTATUS NextRead();
-    [[nodiscard]] NTSTATUS NextWrite();
     // After a restart nobody holds a file open.
     void ForgetOpens();
 
 private:
-    struct Fault {
-        unsigned left = 0;
-        NTSTATUS status = STATUS_SUCCESS;
-        NTSTATUS Next();
-    };
     using Files = std::map<std::u16string, std::shared_ptr<File>>;  // by folded path
 
     std::shared_ptr<const Snapshot> SaveLocked() const;
@@ -101,15 +81,13 @@ private:
     bool TakePiece(std::uint64_t wanted, Extent& piece);
     void GiveBack(std::vector<Extent>& extents);
 
-    const std::uint64_t begin_, end_;
+    const std::uint64_t begin_;
     const std::uint32_t cluster_;
     mutable std::mutex lock_;  // guards what follows
     Files files_;
     std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, without overlaps
     std::uint64_t cursor_;                         // where the search for a piece begins
     std::uint64_t piece_ = 0, gap_ = 0, fileLimit_ = 0;
-    Fault read_, write_;
-    std::map<std::u16string, NTSTATUS> failedOpens_;
     const PowerSwitch* power_ = nullptr;
     std::shared_ptr<const Snapshot> journaled_;
 };

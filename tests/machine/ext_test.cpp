@@ -1,112 +1,135 @@
-// Files on ext2, ext3 and ext4, judged by the file system's own tools.
-#include <algorithm>
-#include <set>
-#include <sstream>
-#include "ext_support.h"
+// Which ext volumes are changed, which are only read and which are left alone, and what a guest finds there.
+#include "machine/partition/formatter.h"
+#include "tests/machine/format_support.h"
 
 namespace {
 
-using namespace ext_test;
+using namespace format_test;
 
-constexpr std::uint32_t kBlock = 1024 * 1024;  // what a swap file grows by
+constexpr std::uint64_t kVolumeBytes = 16 * kMiB;
 
-struct Kind {
-    const char* options;
-    std::uint32_t sector;
-    std::uint64_t size;
+struct Refusal {
+    const char* options;  // mke2fs's
+    const char* request;  // debugfs's, that makes it so; may be empty
+    const char* reason;   // part of the line
 };
 
-class ExtStorage : public ::testing::TestWithParam<Kind> {};
-
-std::uint64_t BlockSize(const Kind& kind) {
-    const std::string options = kind.options;
-    return std::stoull(options.substr(options.find("-b ") + 3));
+Bytes Prepared(const Refusal& refusal) {
+    Bytes bytes = Format{machine::MakeExtFormat, refusal.options}.Fresh(kVolumeBytes);
+    int exitCode = 0;
+    const ScratchFile file;
+    WriteImage(Pattern(3000, 1), file.Path());
+    const std::string text = "debugfs -w -R \"write " + file.Path() + " here\" IMAGE";
+    EXPECT_NE(RunOn(bytes, text, exitCode).find("Allocated inode"), std::string::npos);
+    if (*refusal.request != 0)
+        RunOn(bytes, std::string("debugfs -w -R \"") + refusal.request + "\" IMAGE", exitCode);
+    return bytes;
 }
 
-TEST_P(ExtStorage, BlocksLieWhereTheirRequestsWentAndNeverMove) {
-    TestVolume volume(FreshExt(GetParam().size, GetParam().options), GetParam().sector);
-    const std::uint64_t blockSize = BlockSize(GetParam());
-    Bytes all;
-    std::vector<std::uint64_t> places;
-    {
-        Mounted mounted(volume);
-        ASSERT_EQ(mounted.status, STATUS_SUCCESS);
-        auto file = mounted.Open(StorageOpen(u"\\kvr.SWP"));
-        ASSERT_NE(file, nullptr);
-        for (unsigned i = 0; i < 5; ++i) {
-            volume.requests.clear();
-            const Bytes data = Pattern(kBlock, i);
-            ULONG done = 0;
-            ASSERT_EQ(file->Write(LONGLONG{i} * kBlock, data.data(), kBlock, done), STATUS_SUCCESS);
-            EXPECT_EQ(done, kBlock);
-            for (const Request& request : volume.Writes(u"\\kvr.SWP"))
-                for (std::uint64_t at = 0; at < request.length; at += blockSize)
-                    places.push_back((request.offset + at) / blockSize);
-            all.insert(all.end(), data.begin(), data.end());
-            ASSERT_TRUE(Sound(volume.bytes)) << "after " << i + 1 << " blocks, with the file still open";
-        }
-        volume.requests.clear();
-        const Bytes again = Pattern(kBlock, 99);
-        ULONG done = 0;
-        ASSERT_EQ(file->Write(kBlock, again.data(), kBlock, done), STATUS_SUCCESS);
-        EXPECT_EQ(volume.requests.size(), volume.Writes(u"\\kvr.SWP").size())
-            << "an overwrite touches the data alone";
-        std::copy(again.begin(), again.end(), all.begin() + kBlock);
-        EXPECT_EQ(file->Read(0, all.data(), 512, done), STATUS_ACCESS_DENIED);
-        EXPECT_EQ(file->Write(1, all.data(), 512, done), STATUS_INVALID_PARAMETER);
-    }
-    // The library believes the bitmaps' checksums, which e2fsck does not look at.
-    Mounted again(volume);
-    EXPECT_EQ(again.files->WriteFile(u"\\more", Pattern(100, 1)), STATUS_SUCCESS);
-    EXPECT_EQ(Debugfs(volume.bytes, "cat /kvr.SWP"), std::string(all.begin(), all.end()));
-    std::vector<std::uint64_t> stored;
-    std::istringstream blocks(Debugfs(volume.bytes, "blocks /kvr.SWP"));
-    for (std::uint64_t block = 0; blocks >> block;) stored.push_back(block);
-    for (const std::uint64_t block : places)
-        EXPECT_TRUE(std::find(stored.begin(), stored.end(), block) != stored.end()) << block;
-    EXPECT_EQ(places.size(), all.size() / blockSize) << "each block is written once";
-    const std::string status = Debugfs(volume.bytes, "stat /kvr.SWP");
-    EXPECT_NE(status.find("Mode:  0600"), std::string::npos) << status;
-    EXPECT_TRUE(status.find("Flags: 0x80010") != std::string::npos ||
-                status.find("Flags: 0x10") != std::string::npos)
-        << "not immutable: " << status;
-    EXPECT_EQ(status.find("[u]"), std::string::npos) << "an extent without data: " << status;
-}
+class ExtRefusal : public ::testing::TestWithParam<Refusal> {};
 
-TEST_P(ExtStorage, DeletionGivesEverythingBack) {
-    TestVolume volume(FreshExt(GetParam().size, GetParam().options), GetParam().sector);
-    std::uint64_t before = 0, full = 0, after = 0;
+TEST_P(ExtRefusal, ReadsButChangesNothingAndSaysWhy) {
+    TestVolume volume(Prepared(GetParam()));
+    const Bytes before = volume.bytes;
     {
-        Mounted mounted(volume);
+        const Mounted mounted(kExt4, volume);
         ASSERT_EQ(mounted.status, STATUS_SUCCESS);
-        ASSERT_EQ(mounted.fileSystem->FreeSpace(before), STATUS_SUCCESS);
-        auto file = mounted.Open(StorageOpen(u"\\kvr.SWP"));
-        ASSERT_NE(file, nullptr);
-        const Bytes data = Pattern(kBlock, 1);
-        NTSTATUS status = STATUS_SUCCESS;
-        ULONG done = 0;
-        for (LONGLONG at = 0; NT_SUCCESS(status); at += kBlock)
-            status = file->Write(at, data.data(), kBlock, done);
-        EXPECT_EQ(status, STATUS_DISK_FULL);
-        ASSERT_EQ(mounted.fileSystem->FreeSpace(full), STATUS_SUCCESS);
-        EXPECT_LT(full, 2 * kBlock);
-        EXPECT_TRUE(Sound(volume.bytes)) << "full";
-        EXPECT_EQ(mounted.files->Delete(u"\\kvr.swp"), STATUS_SHARING_VIOLATION);
-        file.reset();
-        auto holder = mounted.Open(HoldOpen(u"\\kvr.SWP"));
-        EXPECT_EQ(mounted.files->Delete(u"\\kvr.swp"), STATUS_SHARING_VIOLATION);
-        holder.reset();
-        EXPECT_EQ(mounted.files->Delete(u"\\KVR.swp"), STATUS_SUCCESS);
-        ASSERT_EQ(mounted.fileSystem->FreeSpace(after), STATUS_SUCCESS);
-        EXPECT_EQ(before, after);
+        const std::string reason = mounted.fileSystem->ReadOnlyReason();
+        EXPECT_NE(reason.find(GetParam().reason), std::string::npos) << reason;
+        EXPECT_EQ(mounted.files->WriteFile(u"\\new", Pattern(10, 1)), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_EQ(mounted.files->WriteFile(u"\\here", Pattern(10, 1)), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_EQ(mounted.files->MakeDirectory(u"\\folder"), STATUS_MEDIA_WRITE_PROTECTED);
+        EXPECT_EQ(mounted.files->Delete(u"\\here"), STATUS_MEDIA_WRITE_PROTECTED);
+        Bytes bytes;
+        EXPECT_EQ(mounted.files->ReadFile(u"\\here", bytes), STATUS_SUCCESS);
+        EXPECT_TRUE(bytes == Pattern(3000, 1));
     }
-    EXPECT_TRUE(Sound(volume.bytes));
+    EXPECT_TRUE(volume.bytes == before);
 }
 
 INSTANTIATE_TEST_SUITE_P(
-    Kinds, ExtStorage,
-    ::testing::Values(Kind{"-t ext4 -b 4096", 512, 48 * kMiB}, Kind{"-t ext4 -b 4096", 4096, 48 * kMiB},
-                      Kind{"-t ext4 -b 1024 -O ^metadata_csum,uninit_bg,^64bit", 512, 37 * kMiB},
-                      Kind{"-t ext3 -b 4096", 512, 48 * kMiB}, Kind{"-t ext2 -b 1024", 512, 37 * kMiB}));
+    Causes, ExtRefusal,
+    ::testing::Values(Refusal{"-t ext4", "feature needs_recovery", "journal needs recovery"},
+                      Refusal{"-t ext4", "ssv state 3", "has errors"},
+                      Refusal{"-t ext2", "ssv state 0", "not unmounted cleanly"},
+                      Refusal{"-t ext4", "ssv last_orphan 12", "left to be deleted"},
+                      Refusal{"-t ext4 -O bigalloc -C 16384", "", "bigalloc"},
+                      Refusal{"-t ext4 -O quota", "", "quota"}, Refusal{"-t ext4", "feature mmp", "mmp"},
+                      Refusal{"-t ext4 -O casefold", "", "casefold"},
+                      Refusal{"-t ext4 -O encrypt", "", "encrypt"},
+                      Refusal{"-t ext4", "feature FEATURE_R29", "not known"},
+                      Refusal{"-t ext4", "feature FEATURE_C29", "FEATURE_C29"}));
+
+NTSTATUS MountStatus(const Bytes& bytes, std::uint32_t sector = 512) {
+    TestVolume volume(bytes, sector);
+    const NTSTATUS status = Mounted(kExt4, volume).status;
+    EXPECT_TRUE(volume.bytes == bytes);
+    return status;
+}
+
+TEST(Ext, LeavesAloneWhatItCannotRead) {
+    EXPECT_EQ(MountStatus(Bytes(kVolumeBytes)), STATUS_UNRECOGNIZED_VOLUME);
+    EXPECT_EQ(MountStatus(Bytes(1024)), STATUS_DISK_CORRUPT_ERROR);
+    EXPECT_EQ(MountStatus(Prepared({"-t ext4", "feature FEATURE_I29", ""})), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(MountStatus(Prepared({"-t ext4 -b 1024", "", ""}), 4096), STATUS_NOT_SUPPORTED);
+    Bytes cut = kExt4.Fresh(kVolumeBytes), damaged = cut;
+    cut.resize(cut.size() - 4096);
+    EXPECT_EQ(MountStatus(cut), STATUS_NOT_SUPPORTED);
+    damaged[1024 + 100] ^= 1;
+    EXPECT_EQ(MountStatus(damaged), STATUS_DISK_CORRUPT_ERROR);
+}
+
+TEST(Ext, StorageIsRootsAndImmutableAndMadeOfInitialisedBlocks) {
+    TestVolume volume(kExt4.Fresh(kVolumeBytes));
+    {
+        const Mounted mounted(kExt4, volume);
+        ULONG done = 0;
+        EXPECT_EQ(mounted.Open(StorageOpen(u"\\kvr.SWP"))->Write(0, Pattern(100000, 1).data(), 65536, done),
+                  STATUS_SUCCESS);
+    }
+    const std::string status = Debugfs(volume.bytes, "stat /kvr.SWP");
+    for (const char* sign : {"Mode:  0600", "User:     0", "Flags: 0x80010"})
+        EXPECT_NE(status.find(sign), std::string::npos) << status;
+    EXPECT_EQ(status.find("[u]"), std::string::npos) << "an extent without data: " << status;
+}
+
+TEST(Ext, AVolumeThatChangedItsStateMeanwhileIsSeenAsItIs) {
+    TestVolume volume(Prepared({"-t ext4", "", ""}));
+    const Mounted mounted(kExt4, volume);
+    mounted.fileSystem->Suspend();
+    int exitCode = 0;
+    RunOn(volume.bytes, "debugfs -w -R \"feature needs_recovery\" IMAGE", exitCode);
+    mounted.fileSystem->Resume();
+    EXPECT_EQ(mounted.files->Delete(u"\\here"), STATUS_MEDIA_WRITE_PROTECTED);
+}
+
+TEST(NewDisks, VolumesLieWhereTheTableSays) {
+    const ScratchFile file;
+    std::filesystem::remove(file.Path());
+    machine::NewDisk disk;
+    disk.path = file.Path();
+    disk.size = 40 * kMiB;
+    disk.volumes = {{12 * kMiB, FileSystemKind::Ntfs, 4096, "N"}, {0, FileSystemKind::Ext, 1024, "E"}};
+    std::string error;
+    ASSERT_TRUE(machine::CreateDisk(disk, error)) << error;
+    machine::PartitionTable table;
+    ASSERT_TRUE(machine::ReadImagePartitions(disk.path, disk.sectorSize, table, error)) << error;
+    ASSERT_EQ(table.partitions.size(), 2u);
+    EXPECT_EQ(table.partitions[0].gptType[0], 0xA2);
+    EXPECT_EQ(table.partitions[1].gptType[0], 0xAF);
+    const Bytes image = ReadImage(disk.path);
+    for (const Format& format : {kNtfs, kExt4}) {
+        const machine::Partition& place = table.partitions[format.IsNtfs() ? 0 : 1];
+        const auto from = image.begin() + static_cast<std::ptrdiff_t>(place.offset);
+        TestVolume volume(Bytes(from, from + static_cast<std::ptrdiff_t>(place.length)));
+        EXPECT_TRUE(format.Sound(volume.bytes));
+        const Mounted mounted(format, volume);
+        ASSERT_EQ(mounted.status, STATUS_SUCCESS);
+        EXPECT_FALSE(mounted.fileSystem->ReadOnly());
+    }
+    disk.volumes[1].clusterSize = 8192;
+    EXPECT_FALSE(machine::CreateDisk(disk, error));
+    EXPECT_NE(error.find("block size 8192"), std::string::npos) << error;
+}
 
 }  // namespace

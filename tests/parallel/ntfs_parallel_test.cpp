@@ -1,21 +1,21 @@
 #include <thread>
-#include "tests/machine/ntfs_support.h"
+#include "tests/machine/format_support.h"
 
 namespace {
 
-using namespace ntfs_test;
+using namespace format_test;
 
 TEST(NtfsParallel, ThreadsShareAVolumeAndAFile) {
-    TestVolume volume(FreshNtfs(64 * (1 << 20), 512, 4096));
+    TestVolume volume(kNtfs.Fresh(64 * kMiB));
     {
-        Mounted mounted(volume);
+        const Mounted mounted(kNtfs, volume);
         ASSERT_EQ(mounted.files->WriteFile(u"\\shared", Bytes(64 * 4096, 0)), STATUS_SUCCESS);
         const auto work = [&](unsigned id) {
             machine::GuestFiles files(*mounted.fileSystem);
             const std::string number = std::to_string(id);
             const std::u16string own = u"\\own" + std::u16string(number.begin(), number.end());
             const host::FileOpen request{u"\\shared", FILE_READ_DATA | FILE_WRITE_DATA, 7, FILE_OPEN, 0, 0};
-            auto shared = OpenOrNull(*mounted.fileSystem, request);
+            auto shared = mounted.Open(request);
             ASSERT_NE(shared, nullptr);
             for (unsigned i = 0; i < 30; ++i) {
                 EXPECT_EQ(files.WriteFile(own, Pattern(i * 3000, id)), STATUS_SUCCESS);
@@ -35,7 +35,7 @@ TEST(NtfsParallel, ThreadsShareAVolumeAndAFile) {
         ASSERT_EQ(mounted.files->ReadFile(u"\\shared", read), STATUS_SUCCESS);
         for (std::size_t i = 0; i < 30 * 4000; ++i) ASSERT_EQ(read[i], i / 1000 % 4) << "byte " << i;
     }
-    EXPECT_TRUE(Sound(volume));
+    EXPECT_TRUE(kNtfs.Sound(volume.bytes));
 }
 
 }  // namespace

@@ -1,0 +1,185 @@
+// Requests that fail and a power that fails while files are made, grown, moved and removed.
+#include "tests/machine/format_support.h"
+
+namespace {
+
+using namespace format_test;
+
+constexpr std::uint64_t kVolumeBytes =
+    10 * kMiB;  // of ext with small blocks two groups: the superblock has a copy
+
+// Work that takes, changes and gives back space. Stops at the first failure and returns it.
+NTSTATUS Work(const Mounted& mounted) {
+    machine::GuestFiles& files = *mounted.files;
+    NTSTATUS status = files.MakeDirectory(u"\\new");
+    if (NT_SUCCESS(status)) status = files.WriteFile(u"\\new\\one", Pattern(600000, 1));
+    if (NT_SUCCESS(status)) status = files.WriteFile(u"\\new\\two", Pattern(3000, 2));
+    if (NT_SUCCESS(status)) status = files.WriteAt(u"\\new\\two", 50001, Pattern(3000, 3));
+    if (NT_SUCCESS(status)) status = files.Rename(u"\\new\\two", u"\\renamed");
+    if (NT_SUCCESS(status) || status == STATUS_NOT_SUPPORTED)
+        status = files.WriteFile(u"\\victim", Pattern(500, 4));
+    if (NT_SUCCESS(status)) status = files.Delete(u"\\new\\one");
+    return status;
+}
+
+class Interrupted : public ::testing::TestWithParam<Format> {
+protected:
+    Interrupted() : start(VolumeWithFiles()) {}
+
+    Bytes VolumeWithFiles() const {
+        TestVolume volume(GetParam().Fresh(kVolumeBytes));
+        {
+            const Mounted mounted(GetParam(), volume);
+            EXPECT_EQ(mounted.files->WriteFile(u"\\keep", Pattern(70000, 9)), STATUS_SUCCESS);
+            EXPECT_EQ(mounted.files->WriteFile(u"\\victim", Pattern(70000, 8)), STATUS_SUCCESS);
+        }
+        return volume.bytes;
+    }
+
+    std::vector<Request> RecordWork() const {
+        TestVolume volume(start);
+        const Mounted mounted(GetParam(), volume);
+        EXPECT_EQ(Work(mounted), STATUS_SUCCESS);
+        return volume.Writes();
+    }
+
+    static bool SaysItIsWhole(const Bytes& bytes) { return (bytes[1024 + 58] & 1) != 0; }
+
+    // Brings a volume that was left in the middle in order, as its owner would. Returns what there was to say.
+    std::string Repair(Bytes& bytes, bool mayLie = false) const {
+        int exitCode = 0;
+        if (GetParam().IsNtfs()) {
+            TestVolume volume(bytes);
+            EXPECT_EQ(Mounted(GetParam(), volume).status, STATUS_SUCCESS);  // the copy of the first records
+            bytes = volume.bytes;
+            return RunOn(bytes, "ntfsresize -i -f IMAGE", exitCode);
+        }
+        if (SaysItIsWhole(bytes) && !mayLie) {
+            EXPECT_TRUE(GetParam().Sound(bytes));
+            return {};
+        }
+        std::string output = RunOn(bytes, "e2fsck -fp IMAGE", exitCode);
+        // The exit code is in the status's second byte; from 4 on something is left.
+        if (exitCode / 256 >= 4) output += RunOn(bytes, "e2fsck -fy IMAGE", exitCode);
+        EXPECT_LT(exitCode / 256, 4) << output;
+        return output;
+    }
+
+    // Space that nobody uses and names that are gone, but nothing in use that counts as free and no name
+    // without its file.
+    static void ExpectAtWorstLeaks(const std::string& output) {
+        for (const char* worse :
+             {"missing cluster", "multiple times", "differences:  +", " +(", "unused inode", "multiply"})
+            EXPECT_EQ(output.find(worse), std::string::npos) << output;
+    }
+
+    void ExpectUsable(TestVolume& volume) const {
+        const Mounted mounted(GetParam(), volume);
+        ASSERT_EQ(mounted.status, STATUS_SUCCESS);
+        EXPECT_EQ(mounted.fileSystem->ReadOnlyReason(), "");
+        EXPECT_EQ(mounted.files->WriteFile(u"\\victim", Pattern(90000, 5)), STATUS_SUCCESS);
+        EXPECT_EQ(mounted.files->Delete(u"\\victim"), STATUS_SUCCESS);
+        Bytes read;
+        EXPECT_EQ(mounted.files->ReadFile(u"\\keep", read), STATUS_SUCCESS);
+        EXPECT_TRUE(read == Pattern(70000, 9));
+    }
+
+    static void Apply(const Request& write, Bytes& bytes) {
+        std::copy(write.data.begin(), write.data.end(),
+                  bytes.begin() + static_cast<std::ptrdiff_t>(write.offset));
+    }
+
+    const Bytes start;
+};
+class InterruptedExt : public Interrupted {};
+
+TEST_P(Interrupted, AfterEachWriteTheVolumeIsWholeOrSaysThatItIsNotAndNothingIsLost) {
+    const std::vector<Request> writes = RecordWork();
+    ASSERT_GT(writes.size(), 25u);
+    Bytes bytes = start;
+    unsigned unclean = 0;
+    for (std::size_t done = 0; !HasFailure(); ++done) {
+        SCOPED_TRACE("after " + std::to_string(done) + " writes");
+        unclean += SaysItIsWhole(bytes) ? 0 : 1;
+        TestVolume volume(bytes);
+        ExpectAtWorstLeaks(Repair(volume.bytes));
+        ExpectUsable(volume);
+        if (done == writes.size()) break;
+        Apply(writes[done], bytes);
+    }
+    if (GetParam().IsNtfs()) return;
+    EXPECT_GT(unclean, writes.size() / 3);
+    EXPECT_TRUE(SaysItIsWhole(bytes));
+}
+
+// The disk's own cache goes as well, with any part of what was written.
+TEST_P(InterruptedExt, AVolumeThatLostAnyOfItsWritesIsRepaired) {
+    const std::vector<Request> writes = RecordWork();
+    for (std::size_t seed = 1; seed <= 12 && !HasFailure(); ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const Bytes kept = Pattern(writes.size(), static_cast<unsigned>(seed));
+        Bytes bytes = start;
+        for (std::size_t i = 0; i < writes.size() * seed / 12; ++i)
+            if (kept[i] % 2 == 0) Apply(writes[i], bytes);
+        TestVolume volume(bytes);
+        Repair(volume.bytes, true);
+        ExpectUsable(volume);
+    }
+}
+
+// Everything ends with the request's status, from the very first call on, and the mount ends too.
+TEST_P(Interrupted, APowerCutAtAnyRequestReachesTheCaller) {
+    for (unsigned n = 0; !HasFailure(); n += 3) {
+        SCOPED_TRACE("request " + std::to_string(n));
+        unsigned count = 0;
+        TestVolume volume(start);
+        const Mounted mounted(GetParam(), volume);
+        const auto open = mounted.Open(HoldOpen(u"\\keep"));
+        volume.verdict = [&](bool) { return count++ < n ? STATUS_SUCCESS : STATUS_DEVICE_POWERED_OFF; };
+        const NTSTATUS status = Work(mounted);
+        if (count <= n) break;
+        EXPECT_TRUE(status == STATUS_DEVICE_POWERED_OFF || status == STATUS_SUCCESS) << std::hex << status;
+        std::vector<machine::DirectoryEntry> entries;
+        EXPECT_EQ(mounted.files->List(u"\\", entries), STATUS_DEVICE_POWERED_OFF);
+        EXPECT_EQ(mounted.fileSystem->Dismount(), STATUS_DEVICE_POWERED_OFF);
+    }
+}
+
+TEST_P(Interrupted, ARefusedWriteLeavesTheFileOrAVolumeThatAsksForItsCheck) {
+    const Bytes data = Pattern(256 * 1024, 1);
+    unsigned refused = 0, asking = 0;
+    for (unsigned nth = 0; refused == nth && !HasFailure(); ++nth) {
+        SCOPED_TRACE("write " + std::to_string(nth) + " refused");
+        TestVolume volume(start);
+        const Mounted mounted(GetParam(), volume);
+        unsigned writes = 0;
+        volume.verdict = [&](bool write) {
+            return write && writes++ == nth ? STATUS_DISK_FULL : STATUS_SUCCESS;
+        };
+        const NTSTATUS status = mounted.files->WriteAt(u"\\victim", 70000, data);
+        volume.verdict = nullptr;
+        if (NT_SUCCESS(status)) break;
+        ++refused;
+        EXPECT_EQ(status, STATUS_DISK_FULL);
+        std::uint64_t space = 0;
+        EXPECT_EQ(mounted.fileSystem->FreeSpace(space), STATUS_SUCCESS);
+        asking += mounted.fileSystem->ReadOnly() ? 1 : 0;
+        if (mounted.fileSystem->ReadOnly()) continue;
+        Bytes bytes;
+        EXPECT_EQ(mounted.files->ReadFile(u"\\victim", bytes), STATUS_SUCCESS);
+        EXPECT_TRUE(bytes == Pattern(70000, 8));
+        EXPECT_EQ(mounted.files->WriteAt(u"\\victim", 70000, data), STATUS_SUCCESS);
+        Bytes after = volume.bytes;
+        ExpectAtWorstLeaks(Repair(after));
+    }
+    EXPECT_GE(refused, GetParam().IsNtfs() ? 3u : 5u);
+    EXPECT_GE(asking, GetParam().IsNtfs() ? 0u : 2u);
+    EXPECT_GE(refused - asking, 2u);
+}
+
+const Format kSmallExt4{machine::MakeExtFormat, "-t ext4 -b 1024"},
+    kSmallExt2{machine::MakeExtFormat, "-t ext2 -b 1024"};
+INSTANTIATE_TEST_SUITE_P(Formats, Interrupted, ::testing::Values(kNtfs, kSmallExt4, kSmallExt2));
+INSTANTIATE_TEST_SUITE_P(Formats, InterruptedExt, ::testing::Values(kSmallExt4, kSmallExt2));
+
+}  // namespace
