@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 #include <algorithm>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 #include <unistd.h>
@@ -18,6 +18,7 @@
 #include "machine/files/guest_files.h"
 #include "machine/files/mounted_file_system.h"
 #include "machine/ntfs/format.h"
+#include "machine/partition/subprocess.h"
 
 namespace format_test {
 
@@ -36,19 +37,6 @@ inline Bytes Pattern(std::size_t length, unsigned seed) {
 }
 
 // ---- the file systems' own tools ---------------------------------------------------------------------------
-
-inline std::string RunTool(const std::string& command, int& exitCode) {
-    std::string output;
-    FILE* pipe = popen(("PATH=$PATH:/usr/sbin:/sbin " + command + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        exitCode = -1;
-        return output;
-    }
-    char buffer[4096];
-    for (std::size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) output.append(buffer, n);
-    exitCode = pclose(pipe);
-    return output;
-}
 
 class ScratchFile {
 public:
@@ -85,27 +73,24 @@ inline Bytes ReadImage(const std::string& path) {
     return bytes;
 }
 
-// Runs a tool on the volume's bytes, in the place of "IMAGE" in the command; they are as it left them.
-inline std::string RunOn(Bytes& bytes, std::string command, int& exitCode) {
+using Arguments = std::vector<std::string>;
+
+// Runs a tool on the volume's bytes, whose file is its last argument; they are as it left them.
+inline machine::ToolResult RunOn(Bytes& bytes, const std::string& tool, Arguments arguments) {
     const ScratchFile file;
     WriteImage(bytes, file.Path());
-    const std::string output = RunTool(command.replace(command.find("IMAGE"), 5, file.Path()), exitCode);
+    arguments.push_back(file.Path());
+    machine::ToolResult result = machine::RunTool(tool, arguments);
+    EXPECT_TRUE(result.started) << tool;
     bytes = ReadImage(file.Path());
-    return output;
+    return result;
 }
 
-// What a tool that must succeed prints.
-inline std::string Printed(Bytes bytes, const std::string& command) {
-    int exitCode = 0;
-    const std::string output = RunOn(bytes, command, exitCode);
-    EXPECT_EQ(exitCode, 0) << output;
-    return output;
-}
-
-// What a request of ext's debugger shows, without the line of its version.
-inline std::string Debugfs(const Bytes& bytes, const std::string& request) {
-    const std::string output = Printed(bytes, "debugfs -R '" + request + "' IMAGE");
-    return output.substr(output.find('\n') + 1);
+// What a request of ext's debugger says.
+inline std::string Debugfs(Bytes& bytes, const std::string& request) {
+    const machine::ToolResult result = RunOn(bytes, "debugfs", {"-w", "-R", request});
+    EXPECT_EQ(result.exitCode, 0) << result.output;
+    return result.output;
 }
 
 // ---- the kinds ---------------------------------------------------------------------------------------------
@@ -117,39 +102,37 @@ struct Format {
     std::uint32_t sector = 512;
 
     bool IsNtfs() const { return make == machine::MakeNtfsFormat; }
-    std::string Tool() const { return IsNtfs() ? "mkntfs -q -F -Q -p 0 -H 255 -S 63 " : "mke2fs -q -F "; }
 
     // A fresh volume of `size` bytes; made once and copied from then on.
     const Bytes& Fresh(std::uint64_t size) const {
         static std::mutex mutex;
         static std::map<std::string, Bytes> made;
         const std::lock_guard guard(mutex);
-        Bytes& image = made[Tool() + options + " " + std::to_string(size)];
+        Bytes& image = made[(IsNtfs() ? "n" : "e") + std::string(options) + std::to_string(size)];
         if (!image.empty()) return image;
         image.resize(size);
-        int exitCode = 0;
-        const std::string output = RunOn(image, Tool() + options + " IMAGE", exitCode);
-        EXPECT_EQ(exitCode, 0) << output;
+        Arguments arguments{"-q", "-F"};
+        if (IsNtfs()) arguments.insert(arguments.end(), {"-Q", "-p", "0", "-H", "255", "-S", "63"});
+        std::istringstream words(options);
+        for (std::string word; words >> word;) arguments.push_back(word);
+        const machine::ToolResult result = RunOn(image, IsNtfs() ? "mkntfs" : "mke2fs", std::move(arguments));
+        EXPECT_EQ(result.exitCode, 0) << result.output;
         return image;
     }
 
     // ntfsresize goes through all files and compares what they use with the bitmap, as e2fsck does.
-    ::testing::AssertionResult Sound(Bytes bytes) const {
-        int exitCode = 0;
-        const std::string output =
-            RunOn(bytes, IsNtfs() ? "ntfsresize -i -f IMAGE" : "e2fsck -fn IMAGE", exitCode);
-        return exitCode == 0 ? ::testing::AssertionSuccess() : ::testing::AssertionFailure() << output;
+    machine::ToolResult Check(Bytes& bytes) const {
+        return IsNtfs() ? RunOn(bytes, "ntfsresize", {"-i", "-f"}) : RunOn(bytes, "e2fsck", {"-fn"});
     }
-
-    Bytes ReadFromOutside(const Bytes& bytes, const std::string& path) const {
-        const std::string text =
-            IsNtfs() ? Printed(bytes, "ntfscat -f IMAGE " + path) : Debugfs(bytes, "cat " + path);
-        return Bytes(text.begin(), text.end());
+    ::testing::AssertionResult Sound(Bytes bytes) const {
+        const machine::ToolResult result = Check(bytes);
+        return result.exitCode == 0 ? ::testing::AssertionSuccess()
+                                    : ::testing::AssertionFailure() << result.output;
     }
 };
 
 inline void PrintTo(const Format& format, std::ostream* out) {
-    *out << format.Tool() << format.options << ", sectors of " << format.sector;
+    *out << format.options << ", sectors of " << format.sector;
 }
 
 inline const Format kNtfs{machine::MakeNtfsFormat, "-s 512 -c 4096"};

