@@ -17,16 +17,19 @@ out=$(cd "$1" && pwd)
 cd "$root"
 
 compiler=${KVR_MINGW:-x86_64-w64-mingw32-g++}
-if ! command -v "$compiler" >/dev/null || [ ! -d /usr/include/CLI ] || [ ! -d /usr/include/nlohmann ]; then
-    echo "$0: needs g++-mingw-w64-x86-64-win32, libcli11-dev and nlohmann-json3-dev" >&2
+if ! command -v "$compiler" >/dev/null || [ ! -d /usr/include/CLI ] || [ ! -d /usr/include/nlohmann ] ||
+    [ ! -f /usr/include/utf8.h ]; then
+    echo "$0: needs g++-mingw-w64-x86-64-win32, libcli11-dev, nlohmann-json3-dev and libutfcpp-dev" >&2
     exit 2
 fi
 
-# The two header-only libraries, and nothing else of the host's include folder.
+# The header-only libraries, and nothing else of the host's include folder.
 headers="$out/headers"
 mkdir -p "$headers"
 ln -sfn /usr/include/CLI "$headers/CLI"
 ln -sfn /usr/include/nlohmann "$headers/nlohmann"
+ln -sfn /usr/include/utf8 "$headers/utf8"
+ln -sfn /usr/include/utf8.h "$headers/utf8.h"
 
 flags=(
     -std=c++20 -O2 -Wall -Wextra -Werror -municode -ffunction-sections -fdata-sections
@@ -37,7 +40,8 @@ flags=(
 objects="$out/tool-objects"
 mkdir -p "$objects"
 mapfile -t sources < <(
-    ls tool/kvrctl/*.cpp | grep -vE '_linux\.cpp$|/(world_hosted|wire_connection)\.cpp$' | LC_ALL=C sort)
+    ls client/*.cpp posix/utf.cpp tool/*.cpp tool/kvrctl/*.cpp |
+        grep -vE '_linux\.cpp$|/(world_hosted|wire_channel)\.cpp$' | LC_ALL=C sort)
 
 running=0
 for source in "${sources[@]}"; do

@@ -2,8 +2,9 @@
 // `control.sock` in the machine's folder. The server speaks it on behalf of a program inside the machine.
 //
 // The client sends a request and reads its response, one after the other, as often as it likes; closing the
-// connection is the close of what it opened. A connection holds at most one handle to the control device.
-// A request that breaks the layout ends the connection. All integers are little-endian.
+// connection is the close of what it opened, and the server ends its side when that is closed: a client that
+// ends its own and waits for it leaves the device free. A connection holds at most one handle to the control
+// device. A request that breaks the layout ends the connection. All integers are little-endian.
 #pragma once
 #include <cstddef>
 #include <cstdint>

@@ -2,11 +2,10 @@
 #include <cerrno>
 #include <cstring>
 #include <utility>
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 namespace nbd {
@@ -14,20 +13,19 @@ namespace {
 
 using namespace tool::wire;
 
-int Listen(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
+posix::File Listen(const std::string& path) {
+    sockaddr_un address;
+    if (!MakeAddress(path, address))
         throw Error(path + " is too long a path for a socket; serve the machine from a shorter one");
-    std::memcpy(address.sun_path, path.c_str(), path.size());
     unlink(path.c_str());
-    const int file = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    posix::File file(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     const mode_t before = umask(0177);
     const bool bound =
-        file >= 0 && bind(file, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        file.IsOpen() && bind(file.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     const int error = errno;
     umask(before);
-    if (!bound || listen(file, 16) != 0) throw Error("cannot listen at " + path + ": " + std::strerror(error));
+    if (!bound || listen(file.Get(), 16) != 0)
+        throw Error("cannot listen at " + path + ": " + std::strerror(error));
     return file;
 }
 
@@ -36,12 +34,12 @@ std::u16string NameOf(const VolumeName& name) {
     return text.substr(0, text.find(u'\0'));
 }
 
-WireResponse Failed(NTSTATUS status, std::string text = {}) {
+Response Failed(NTSTATUS status, std::string text = {}) {
     return {status, {}, std::move(text)};
 }
 
 template <class Record>
-bool TakeRecord(const WireRequest& request, Record& record) {
+bool TakeRecord(const Request& request, Record& record) {
     if (request.input.size() != sizeof record) return false;
     std::memcpy(&record, request.input.data(), sizeof record);
     return true;
@@ -52,12 +50,13 @@ bool TakeRecord(const WireRequest& request, Record& record) {
 ControlServer::ControlServer(Server& server, std::function<void()> stop)
     : server_(server), stop_(std::move(stop)), path_(server.Folder().File(kSocketName)) {
     listener_ = Listen(path_);
-    if (pipe2(wake_, O_CLOEXEC) != 0) throw Error(std::string("cannot make a pipe: ") + std::strerror(errno));
+    ends_ = posix::File(eventfd(0, EFD_CLOEXEC));
+    if (!ends_.IsOpen()) throw Error(std::string("cannot make an event: ") + std::strerror(errno));
     accepter_ = std::thread([this] { Accept(); });
 }
 
 ControlServer::~ControlServer() {
-    close(wake_[1]);
+    eventfd_write(ends_.Get(), 1);
     accepter_.join();
     {
         const std::lock_guard hold(lock_);
@@ -65,29 +64,26 @@ ControlServer::~ControlServer() {
     }
     for (Connection& connection : connections_) connection.thread.join();
     unlink(path_.c_str());
-    close(listener_);
-    close(wake_[0]);
 }
 
 void ControlServer::Accept() {
-    pollfd waits[2] = {{listener_, POLLIN, 0}, {wake_[0], POLLIN, 0}};
+    pollfd waits[2] = {{listener_.Get(), POLLIN, 0}, {ends_.Get(), POLLIN, 0}};
     for (;;) {
         if (poll(waits, 2, -1) < 0 && errno != EINTR) return;
         if (waits[1].revents != 0) return;
-        const int socket = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+        posix::File socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         JoinEnded();
-        if (socket >= 0) Begin(socket);
+        if (socket.IsOpen()) Begin(std::move(socket));
     }
 }
 
-void ControlServer::Begin(int socket) {
+void ControlServer::Begin(posix::File socket) {
     const std::lock_guard hold(lock_);
     if (connections_.size() >= kMostConnections) {
-        close(socket);
         server_.Log().Line("control: too many connections at once");
         return;
     }
-    Connection& connection = connections_.emplace_back(socket);
+    Connection& connection = connections_.emplace_back(std::move(socket));
     connection.thread = std::thread([this, &connection] { Serve(connection); });
 }
 
@@ -101,9 +97,9 @@ void ControlServer::JoinEnded() {
 }
 
 void ControlServer::Serve(Connection& connection) {
-    WireRequest request;
+    Request request;
     while (connection.channel.Receive(request)) {
-        WireResponse response = Answer(connection, request);
+        Response response = Answer(connection, request);
         if (response.output.size() > request.room) response = Failed(STATUS_BUFFER_TOO_SMALL);
         if (!connection.channel.Send(response)) break;
         if (request.command == Command::Stop && NT_SUCCESS(response.status)) stop_();
@@ -114,7 +110,7 @@ void ControlServer::Serve(Connection& connection) {
     connection.ended = true;
 }
 
-WireResponse ControlServer::Answer(Connection& connection, WireRequest& request) {
+Response ControlServer::Answer(Connection& connection, Request& request) {
     switch (request.command) {
         case Command::Open:
             return AnswerOpen(connection, request);
@@ -137,25 +133,25 @@ WireResponse ControlServer::Answer(Connection& connection, WireRequest& request)
     }
 }
 
-WireResponse ControlServer::AnswerOpen(Connection& connection, const WireRequest& request) {
+Response ControlServer::AnswerOpen(Connection& connection, const Request& request) {
     Server::Handle handle = 0;
     const NTSTATUS status = server_.OpenControl(request.code, handle);
     if (NT_SUCCESS(status)) connection.handle = handle;
     return Failed(status);
 }
 
-WireResponse ControlServer::AnswerControl(const Connection& connection, WireRequest& request) {
+Response ControlServer::AnswerControl(const Connection& connection, Request& request) {
     Server::ControlCall call{request.code, std::move(request.input), {}, {}};
     call.output.resize(request.room);
     const NTSTATUS status = server_.Control(connection.handle, call);
     return {status, std::move(call.output), std::move(call.text)};
 }
 
-WireResponse ControlServer::AnswerFacts(const WireRequest& request) {
+Response ControlServer::AnswerFacts(const Request& request) {
     VolumeName name;
     if (!TakeRecord(request, name)) return Failed(STATUS_INVALID_PARAMETER);
     VolumeFacts facts{};
-    WireResponse response;
+    Response response;
     response.status = server_.Facts(NameOf(name), facts, response.text);
     if (!NT_SUCCESS(response.status)) return response;
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&facts);
@@ -163,35 +159,35 @@ WireResponse ControlServer::AnswerFacts(const WireRequest& request) {
     return response;
 }
 
-WireResponse ControlServer::AnswerSectors(const WireRequest& request) {
+Response ControlServer::AnswerSectors(const Request& request) {
     SectorsAt place;
     if (!TakeRecord(request, place) || place.length > kMaximumLength) return Failed(STATUS_INVALID_PARAMETER);
-    WireResponse response;
+    Response response;
     response.output.resize(place.length);
     response.status = server_.ReadSectors(NameOf(place.volume), place.offset, response.output);
     if (!NT_SUCCESS(response.status)) response.output.clear();
     return response;
 }
 
-WireResponse ControlServer::AnswerRegistry(const WireRequest& request) {
+Response ControlServer::AnswerRegistry(const Request& request) {
     std::u16string text(request.input.size() / sizeof(char16_t), u'\0');
     std::memcpy(text.data(), request.input.data(), text.size() * sizeof(char16_t));
     const std::size_t middle = text.find(u'\0');
     if (middle == text.npos) return Failed(STATUS_INVALID_PARAMETER);
     const std::u16string name = text.substr(middle + 1);
-    WireResponse response;
+    Response response;
     response.status =
         server_.ReadRegistry(text.substr(0, middle), name.substr(0, name.find(u'\0')), response.output);
     return response;
 }
 
-WireResponse ControlServer::AnswerReboot() {
+Response ControlServer::AnswerReboot() {
     server_.Log().Line("control: reboot");
     std::string why;
     return server_.Reboot(why) ? Failed(STATUS_SUCCESS) : Failed(STATUS_UNSUCCESSFUL, why);
 }
 
-WireResponse ControlServer::AnswerStop() {
+Response ControlServer::AnswerStop() {
     server_.Log().Line("control: stop");
     server_.Stop();
     return Failed(STATUS_SUCCESS);

@@ -1,11 +1,11 @@
-// The control socket of a served machine: a thread per connection speaks tool/control_wire.h with a tool.
+// The control socket of a served machine: a thread per connection speaks formats/control_wire.h with a tool.
 #pragma once
 #include <functional>
 #include <list>
 #include <mutex>
 #include <thread>
 #include "nbd/server.h"
-#include "nbd/wire_channel.h"
+#include "client/wire_channel.h"
 
 namespace nbd {
 
@@ -22,8 +22,8 @@ public:
 
 private:
     struct Connection {
-        explicit Connection(int socket) : channel(socket) {}
-        WireChannel channel;
+        explicit Connection(posix::File socket) : channel(std::move(socket)) {}
+        tool::wire::Channel channel;
         Server::Handle handle = 0;
         bool ended = false;  // guarded by lock_
         std::thread thread;
@@ -31,23 +31,23 @@ private:
     static constexpr std::size_t kMostConnections = 32;
 
     void Accept();
-    void Begin(int socket);
+    void Begin(posix::File socket);
     void Serve(Connection& connection);
     void JoinEnded();
-    WireResponse Answer(Connection& connection, WireRequest& request);
-    WireResponse AnswerOpen(Connection& connection, const WireRequest& request);
-    WireResponse AnswerControl(const Connection& connection, WireRequest& request);
-    WireResponse AnswerFacts(const WireRequest& request);
-    WireResponse AnswerSectors(const WireRequest& request);
-    WireResponse AnswerRegistry(const WireRequest& request);
-    WireResponse AnswerReboot();
-    WireResponse AnswerStop();
+    tool::wire::Response Answer(Connection& connection, tool::wire::Request& request);
+    tool::wire::Response AnswerOpen(Connection& connection, const tool::wire::Request& request);
+    tool::wire::Response AnswerControl(const Connection& connection, tool::wire::Request& request);
+    tool::wire::Response AnswerFacts(const tool::wire::Request& request);
+    tool::wire::Response AnswerSectors(const tool::wire::Request& request);
+    tool::wire::Response AnswerRegistry(const tool::wire::Request& request);
+    tool::wire::Response AnswerReboot();
+    tool::wire::Response AnswerStop();
 
     Server& server_;
     const std::function<void()> stop_;
     const std::string path_;
-    int listener_ = -1;
-    int wake_[2] = {-1, -1};  // a pipe; what comes out of it ends Accept()
+    posix::File listener_;
+    posix::File ends_;  // an eventfd: not 0 ends Accept()
     std::mutex lock_;
     std::list<Connection> connections_;  // guarded by lock_
     std::thread accepter_;

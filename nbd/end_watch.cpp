@@ -3,10 +3,9 @@
 #include <csignal>
 #include <cstring>
 #include <utility>
-#include <fcntl.h>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
-#include <unistd.h>
 #include "nbd/error.h"
 
 namespace nbd {
@@ -17,25 +16,25 @@ EndWatch::EndWatch(std::function<void()> end, std::function<void()> giveUp)
     sigemptyset(&ending);
     for (const int signal : {SIGTERM, SIGINT, SIGQUIT, SIGHUP}) sigaddset(&ending, signal);
     pthread_sigmask(SIG_BLOCK, &ending, nullptr);
-    signals_ = signalfd(-1, &ending, SFD_CLOEXEC);
-    if (signals_ < 0 || pipe2(asked_, O_CLOEXEC) != 0 || pipe2(destroyed_, O_CLOEXEC) != 0)
+    signals_ = posix::File(signalfd(-1, &ending, SFD_CLOEXEC));
+    asked_ = posix::File(eventfd(0, EFD_CLOEXEC));
+    destroyed_ = posix::File(eventfd(0, EFD_CLOEXEC));
+    if (!signals_.IsOpen() || !asked_.IsOpen() || !destroyed_.IsOpen())
         throw Error(std::string("cannot watch for signals: ") + std::strerror(errno));
     thread_ = std::thread([this] { Watch(); });
 }
 
 EndWatch::~EndWatch() {
-    close(destroyed_[1]);
+    eventfd_write(destroyed_.Get(), 1);
     thread_.join();
-    for (const int file : {signals_, asked_[0], asked_[1], destroyed_[0]}) close(file);
 }
 
 void EndWatch::Ask() {
-    const char question = 0;
-    (void)!write(asked_[1], &question, 1);  // a pipe with a question in it already is as good
+    eventfd_write(asked_.Get(), 1);
 }
 
 void EndWatch::Watch() {
-    pollfd waits[3] = {{destroyed_[0], POLLIN, 0}, {signals_, POLLIN, 0}, {asked_[0], POLLIN, 0}};
+    pollfd waits[3] = {{destroyed_.Get(), POLLIN, 0}, {signals_.Get(), POLLIN, 0}, {asked_.Get(), POLLIN, 0}};
     while (poll(waits, 3, -1) < 0 && errno == EINTR) {
     }
     if (waits[0].revents != 0) return;

@@ -4,6 +4,7 @@
 #pragma once
 #include <functional>
 #include <thread>
+#include "posix/file_io.h"
 
 namespace nbd {
 
@@ -26,9 +27,9 @@ private:
 
     const std::function<void()> end_;
     const std::function<void()> giveUp_;
-    int signals_ = -1;         // a signalfd
-    int asked_[2] = {-1, -1};  // pipes; a byte is a question, the end of the second one is the end of this
-    int destroyed_[2] = {-1, -1};
+    posix::File signals_;    // a signalfd
+    posix::File asked_;      // an eventfd: counts the questions
+    posix::File destroyed_;  // an eventfd: not 0 is the end of this
     std::thread thread_;
 };
 

@@ -3,11 +3,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include "client/status.h"
 #include "machine/partition/formatter.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/disk/image_disk.h"
 #include "machine/ntfs/format.h"
-#include "nbd/errors.h"
 #include "nbd/image_check.h"
 
 namespace nbd {
@@ -45,7 +45,7 @@ private:
 };
 
 void RequireDone(NTSTATUS status, const std::string& what) {
-    if (!NT_SUCCESS(status)) throw Error(what + ": " + Hex(status));
+    if (!NT_SUCCESS(status)) throw Error(what + ": " + ctl::Hex(status));
 }
 
 void MakeSystemFolders(machine::Machine& computer) {

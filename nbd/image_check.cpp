@@ -5,9 +5,9 @@
 #include <cstring>
 #include <string_view>
 #include <fcntl.h>
-#include <unistd.h>
 #include "machine/partition/formatter.h"
 #include "machine/disk/image_disk.h"
+#include "posix/file_io.h"
 
 namespace nbd {
 namespace {
@@ -41,20 +41,14 @@ constexpr struct {
 class Image {
 public:
     explicit Image(const std::string& path) : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
-    ~Image() {
-        if (file_ >= 0) close(file_);
-    }
-    Image(const Image&) = delete;
-    Image& operator=(const Image&) = delete;
 
     bool Holds(std::uint64_t offset, std::string_view mark) const {
         std::string read(mark.size(), '\0');
-        const ssize_t done = pread(file_, read.data(), read.size(), static_cast<off_t>(offset));
-        return done == static_cast<ssize_t>(mark.size()) && read == mark;
+        return posix::ReadAt(file_.Get(), read.data(), read.size(), offset) && read == mark;
     }
 
 private:
-    int file_;
+    posix::File file_;
 };
 
 std::string Absolute(const std::string& path) {

@@ -26,10 +26,6 @@ std::string TimeStamp() {
 
 }  // namespace
 
-Log::~Log() {
-    if (file_ >= 0) close(file_);
-}
-
 void Log::Open(const std::string& path) {
     const std::lock_guard hold(lock_);
     path_ = path;
@@ -37,12 +33,11 @@ void Log::Open(const std::string& path) {
 }
 
 void Log::Begin() {
-    if (file_ >= 0) close(file_);
     struct stat info;
     if (stat(path_.c_str(), &info) == 0 && static_cast<std::size_t>(info.st_size) > kMostBytes)
         (void)std::rename(path_.c_str(), (path_ + ".old").c_str());  // else it goes on growing
-    file_ = open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    bytes_ = file_ >= 0 && fstat(file_, &info) == 0 ? static_cast<std::size_t>(info.st_size) : 0;
+    file_ = posix::File(open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    bytes_ = fstat(file_.Get(), &info) == 0 ? static_cast<std::size_t>(info.st_size) : 0;
 }
 
 void Log::Line(const std::string& text) {
@@ -50,9 +45,9 @@ void Log::Line(const std::string& text) {
     std::replace(line.begin(), line.end(), '\n', ' ');
     line += '\n';
     const std::lock_guard hold(lock_);
-    if (file_ < 0) return;
+    if (!file_.IsOpen()) return;
     if (bytes_ > kMostBytes) Begin();
-    const ssize_t written = write(file_, line.data(), line.size());
+    const ssize_t written = write(file_.Get(), line.data(), line.size());
     if (written > 0) bytes_ += static_cast<std::size_t>(written);
 }
 

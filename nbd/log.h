@@ -3,17 +3,13 @@
 #include <cstddef>
 #include <mutex>
 #include <string>
+#include "posix/file_io.h"
 
 namespace nbd {
 
 // Thread-safe. A line that cannot be written is lost: the log must not stop what it tells about.
 class Log {
 public:
-    Log() = default;
-    ~Log();
-    Log(const Log&) = delete;
-    Log& operator=(const Log&) = delete;
-
     // Appends to `path`; a log of more than kMostBytes becomes `path`.old first, here and later.
     void Open(const std::string& path);
     void Line(const std::string& text);
@@ -25,7 +21,7 @@ private:
 
     std::mutex lock_;  // guards what follows
     std::string path_;
-    int file_ = -1;
+    posix::File file_;
     std::size_t bytes_ = 0;
 };
 

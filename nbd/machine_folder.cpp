@@ -6,7 +6,6 @@
 #include <sstream>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 namespace nbd {
 namespace {
@@ -60,16 +59,10 @@ std::string MachineFolder::DiskPath(const FolderDisk& disk) const {
 
 FolderLock::FolderLock(const MachineFolder& folder)
     : file_(open(folder.File(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
-    if (file_ < 0) throw Error("cannot open " + folder.File(kLockFile) + ": " + std::strerror(errno));
-    if (flock(file_, LOCK_EX | LOCK_NB) == 0) return;
-    const int error = errno;
-    close(file_);
-    if (error == EWOULDBLOCK) throw Error("the machine in " + folder.path + " is being served already");
-    throw Error("cannot lock " + folder.File(kLockFile) + ": " + std::strerror(error));
-}
-
-FolderLock::~FolderLock() {
-    if (file_ >= 0) close(file_);
+    if (!file_.IsOpen()) throw Error("cannot open " + folder.File(kLockFile) + ": " + std::strerror(errno));
+    if (flock(file_.Get(), LOCK_EX | LOCK_NB) == 0) return;
+    if (errno == EWOULDBLOCK) throw Error("the machine in " + folder.path + " is being served already");
+    throw Error("cannot lock " + folder.File(kLockFile) + ": " + std::strerror(errno));
 }
 
 }  // namespace nbd

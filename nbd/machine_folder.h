@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 #include "nbd/error.h"
+#include "posix/file_io.h"
 
 namespace nbd {
 
@@ -49,14 +50,10 @@ public:
     explicit FolderLock(const MachineFolder& folder);
     // Takes over a descriptor that holds it already, from the process that started this one.
     explicit FolderLock(int descriptor) : file_(descriptor) {}
-    ~FolderLock();
-    FolderLock(FolderLock&& other) noexcept : file_(other.file_) { other.file_ = -1; }
-    FolderLock(const FolderLock&) = delete;
-    FolderLock& operator=(const FolderLock&) = delete;
-    int Descriptor() const { return file_; }
+    int Descriptor() const { return file_.Get(); }
 
 private:
-    int file_;
+    posix::File file_;
 };
 
 }  // namespace nbd

@@ -11,9 +11,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "client/status.h"
 #include "nbd/control_server.h"
 #include "nbd/end_watch.h"
-#include "nbd/errors.h"
 #include "nbd/server.h"
 
 #define NBDKIT_API_VERSION 2
@@ -204,14 +204,36 @@ int NativeFua(void*) {
 
 // ---- requests --------------------------------------------------------------------------------------------
 
+// The errno that says most nearly what the status does; the protocol knows a handful.
+int ErrnoOf(NTSTATUS status) {
+    switch (status) {
+        case STATUS_DISK_FULL:
+            return ENOSPC;
+        case STATUS_ACCESS_DENIED:
+        case STATUS_MEDIA_WRITE_PROTECTED:
+            return EPERM;
+        case STATUS_INSUFFICIENT_RESOURCES:
+            return ENOMEM;
+        case STATUS_INVALID_PARAMETER:
+            return EINVAL;
+        case STATUS_NOT_SUPPORTED:
+        case STATUS_INVALID_DEVICE_REQUEST:
+            return ENOTSUP;
+        case STATUS_DEVICE_POWERED_OFF:
+            return ESHUTDOWN;
+        default:
+            return EIO;
+    }
+}
+
 int Finish(void* handle, const char* what, std::uint64_t offset, std::uint64_t length, NTSTATUS status) {
     if (NT_SUCCESS(status)) return 0;
     const std::string line = std::string(what) + " of " + std::to_string(length) + " bytes at " +
                              std::to_string(offset) + " of " + ConnectionOf(handle).target.Name() +
-                             " fails: " + nbd::Hex(status);
+                             " fails: " + ctl::Hex(status);
     gServer->Log().Line("client: " + line);
     nbdkit_error("%s", line.c_str());
-    nbdkit_set_error(nbd::ErrnoOf(status));
+    nbdkit_set_error(ErrnoOf(status));
     return -1;
 }
 

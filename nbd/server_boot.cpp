@@ -5,10 +5,10 @@
 #include <utility>
 #include "platform/host/sync/clock.h"
 #include "platform/host/rtl/debug_sink.h"
+#include "client/status.h"
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/disk/image_disk.h"
-#include "nbd/errors.h"
 #include "nbd/server.h"
 #include "platform/host/sync/thread.h"
 #include "platform/host/check/verifier.h"
@@ -98,8 +98,8 @@ void Server::PowerOn() {
     const NTSTATUS status = machine_->PowerOn();
     if (!NT_SUCCESS(status) || !NT_SUCCESS(machine_->DriverStatus())) {
         const bool driver = NT_SUCCESS(status);
-        const std::string why = driver ? "the driver does not load: " + Hex(machine_->DriverStatus())
-                                       : "the machine does not start: " + Hex(status);
+        const std::string why = driver ? "the driver does not load: " + ctl::Hex(machine_->DriverStatus())
+                                       : "the machine does not start: " + ctl::Hex(status);
         machine_->PowerCut();
         log_.Line("server: " + why);
         throw Error(why);
@@ -122,7 +122,7 @@ void Server::WriteBootLog() {
         const auto* bytes = reinterpret_cast<const std::uint8_t*>(line.data());
         status = machine::GuestFiles(*files).WriteFile(kBootLog, {bytes, line.size()});
     }
-    if (!NT_SUCCESS(status)) log_.Line("server: the system disk cannot be written: " + Hex(status));
+    if (!NT_SUCCESS(status)) log_.Line("server: the system disk cannot be written: " + ctl::Hex(status));
 }
 
 // What the driver holds open of a volume is opened before a client may have it.
@@ -138,8 +138,9 @@ void Server::PowerOff() {
     CloseHandle();
     const machine::ShutdownReport report = machine_->Shutdown();
     if (!NT_SUCCESS(report.dismount))
-        log_.Line("server: a volume's last flush failed: " + Hex(report.dismount));
-    if (!NT_SUCCESS(report.registry)) log_.Line("server: the registry is not saved: " + Hex(report.registry));
+        log_.Line("server: a volume's last flush failed: " + ctl::Hex(report.dismount));
+    if (!NT_SUCCESS(report.registry))
+        log_.Line("server: the registry is not saved: " + ctl::Hex(report.registry));
     storageVolume_ = 0;
     log_.Line("server: boot " + std::to_string(boots_) + " has shut down");
 }
@@ -182,7 +183,7 @@ void Server::SaveRegistryNowAndThen() {
     std::unique_lock hold(savingLock_);
     while (!savingEnds_.wait_for(hold, kRegistryPeriod, [this] { return !saving_; })) {
         const NTSTATUS status = registry_->Flush();
-        if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + Hex(status));
+        if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + ctl::Hex(status));
     }
 }
 

@@ -1,6 +1,5 @@
 #include <shared_mutex>
 #include <utility>
-#include "nbd/errors.h"
 #include "nbd/server.h"
 #include "platform/owners.h"
 #include "platform/host/sync/thread.h"

@@ -34,10 +34,10 @@ ROOMS = {room: set(below.split()) for room, below in {
     "machine/boot": "machine/ext machine/ntfs machine/files machine/partition machine/disk machine platform/host "
                     "platform formats posix",
     # Servers and tools.
-    "client": "formats posix",
+    "client": "formats platform/host posix",
     "nbd": f"client formats machine {MACHINE} platform/host platform posix",
-    "tool": "",
-    "tool/kvrctl": "client formats tool posix",
+    "tool": "client",
+    "tool/kvrctl": "client formats tool platform/host posix",
     "tool/demo": f"tool/kvrctl client tool formats machine {MACHINE} platform/host platform posix",
     "tool/kvrhost": "tool/demo tool/kvrctl client tool nbd formats posix",
 }.items()}

@@ -7,7 +7,7 @@
 #include "formats/kvr_ioctl.h"
 #include "folder_support.h"
 #include "nbd/control_server.h"
-#include "nbd/wire_channel.h"
+#include "client/wire_channel.h"
 
 namespace {
 
@@ -35,24 +35,23 @@ VolumeName NameOf(const char16_t* volume) {
 // A control tool's connection.
 class Tool {
 public:
-    explicit Tool(const std::string& folder) : channel_(nbd::ConnectToServer(folder)) {}
+    explicit Tool(const std::string& folder) : channel_(ConnectToServer(folder)) {}
 
-    nbd::WireResponse Call(Command command, std::uint32_t code = 0, std::vector<std::uint8_t> input = {},
-                           std::uint32_t room = 0) {
-        nbd::WireRequest request{command, code, std::move(input), room};
-        nbd::WireResponse response;
-        EXPECT_TRUE(channel_.Send(request) && channel_.Receive(response)) << "the connection broke";
+    Response Call(Command command, std::uint32_t code = 0, std::vector<std::uint8_t> input = {},
+                  std::uint32_t room = 0) {
+        Request request{command, code, std::move(input), room};
+        Response response;
+        EXPECT_TRUE(channel_.Call(request, response)) << "the connection broke";
         return response;
     }
-    nbd::WireResponse Swap(std::uint32_t code, const char16_t* volume, std::int64_t bytes) {
+    Response Swap(std::uint32_t code, const char16_t* volume, std::int64_t bytes) {
         SWAP_CONFIG_REQUEST request{};
         std::memcpy(request.VolumeName, NameOf(volume).text, sizeof request.VolumeName);
         request.SwapSize = bytes;
         return Call(Command::DeviceControl, code, BytesOf(request));
     }
     VolumeFacts Facts(const char16_t* volume, std::string* clients = nullptr) {
-        const nbd::WireResponse response =
-            Call(Command::Facts, 0, BytesOf(NameOf(volume)), sizeof(VolumeFacts));
+        const Response response = Call(Command::Facts, 0, BytesOf(NameOf(volume)), sizeof(VolumeFacts));
         EXPECT_EQ(response.status, STATUS_SUCCESS);
         VolumeFacts facts{};
         if (response.output.size() == sizeof facts) std::memcpy(&facts, response.output.data(), sizeof facts);
@@ -60,7 +59,7 @@ public:
         return facts;
     }
     KVR_FIXED_VOLUME_STATUS StatusOf(const char16_t* volume) {
-        const nbd::WireResponse response =
+        const Response response =
             Call(Command::DeviceControl, IOCTL_KVR_GET_FIXED_VOLUMES, {}, 64 * sizeof(KVR_FIXED_VOLUME_STATUS));
         EXPECT_EQ(response.status, STATUS_SUCCESS);
         KVR_FIXED_VOLUME_STATUS status{};
@@ -78,7 +77,7 @@ public:
     }
 
 private:
-    nbd::WireChannel channel_;
+    Channel channel_;
 };
 
 // A machine with one disk of two NTFS volumes, powered on.
@@ -180,7 +179,7 @@ TEST_F(Served, WhatNeedsTheFileSystemIsRefusedWhileAClientHasTheVolume) {
     for (const char* name : {"HarddiskVolume1", "disk0"}) {
         auto client = Connect(name);
         for (const std::uint32_t code : {IOCTL_KVR_ALLOCATE_SWAP, IOCTL_KVR_REMOVE_SWAP}) {
-            const nbd::WireResponse refused = tool.Swap(code, kFirst, 64 * static_cast<std::int64_t>(kMiB));
+            const Response refused = tool.Swap(code, kFirst, 64 * static_cast<std::int64_t>(kMiB));
             EXPECT_EQ(refused.status, STATUS_DEVICE_BUSY);
             EXPECT_NE(refused.text.find(std::string("the test's ") + name), std::string::npos) << refused.text;
         }
@@ -311,16 +310,15 @@ TEST_F(Served, TheSocketOutlivesNonsenseAndEndsWithStop) {
     SectorsAt beyond{NameOf(kFirst), tool.Facts(kFirst).bytes, 512, 0};
     EXPECT_EQ(tool.Call(Command::ReadSectors, 0, BytesOf(beyond), 512).status, STATUS_INVALID_PARAMETER);
     beyond.offset = 0;
-    const nbd::WireResponse boot = tool.Call(Command::ReadSectors, 0, BytesOf(beyond), 512);
+    const Response boot = tool.Call(Command::ReadSectors, 0, BytesOf(beyond), 512);
     ASSERT_EQ(boot.output.size(), 512u);
     EXPECT_EQ(std::memcmp(boot.output.data() + 3, "NTFS", 4), 0);
     {
-        const int raw = nbd::ConnectToServer(Folder());
+        const posix::File raw = ConnectToServer(Folder());
         const char nonsense[20] = "GET / HTTP/1.0\r\n\r\n";
-        ASSERT_EQ(write(raw, nonsense, sizeof nonsense), 20);
+        ASSERT_EQ(write(raw.Get(), nonsense, sizeof nonsense), 20);
         char answer;
-        EXPECT_EQ(read(raw, &answer, 1), 0);
-        close(raw);
+        EXPECT_EQ(read(raw.Get(), &answer, 1), 0);
     }
     EXPECT_NE(tool.Call(Command::About).text.find("on=1"), std::string::npos);
     EXPECT_EQ(tool.Call(Command::Stop).status, STATUS_SUCCESS);

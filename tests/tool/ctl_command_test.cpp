@@ -5,7 +5,7 @@
 #include "ctl_support.h"
 #include "scratch_folder.h"
 #include "tool/kvrctl/date.h"
-#include "tool/kvrctl/size.h"
+#include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace {
@@ -144,7 +144,7 @@ TEST(CtlCommands, ConfigTextInAndOut) {
     }
     put(std::string(5000, 'x'));
     EXPECT_EQ(kExitFailed, RunOn(machine, {"config", "set", file}).exitCode);
-    machine.refusals[IOCTL_KVR_GET_CONFIG] = {kNoSuchFile, {}};
+    machine.refusals[IOCTL_KVR_GET_CONFIG] = {STATUS_NO_SUCH_FILE, {}};
     EXPECT_EQ("kvrctl: there is no configuration yet\n", RunOn(machine, {"config", "get"}).err);
     EXPECT_EQ(kExitOk, RunOn(machine, {"enable"}).exitCode);
 }
@@ -189,6 +189,22 @@ TEST(CtlCommands, SwapMakeTellsHowItEnded) {
     EXPECT_EQ(std::vector<std::uint32_t>(3, IOCTL_KVR_ALLOCATE_SWAP), machine.changes);
 }
 
+// An interrupt wins, and what was begun is ended, although another program holds the device just then.
+TEST(CtlCommands, CtrlCEndsWhatWasBegun) {
+    Machine machine = Office();
+    const auto interrupted = [] { return false; };
+    machine.onChange = [&](std::uint32_t code) {
+        machine.fixed[1].SwapStatus = code == IOCTL_KVR_ALLOCATE_SWAP;
+        machine.busyOpens = 3;
+    };
+    EXPECT_EQ(kExitStopped, RunOn(machine, {"swap", "make", "1", "1M"}, interrupted).exitCode);
+    EXPECT_EQ((std::vector<std::uint32_t>{IOCTL_KVR_ALLOCATE_SWAP, IOCTL_KVR_STOP_SWAP_THREAD}),
+              machine.changes);
+    machine.busyOpens = 1000;
+    EXPECT_EQ(kExitStopped, RunOn(machine, {"status"}, interrupted).exitCode);
+    EXPECT_EQ(kExitOk, RunOn(machine, {"watch"}, interrupted).exitCode);
+}
+
 TEST(CtlCommands, FailuresAreOneLineWithAnExitCode) {
     const struct {
         std::vector<std::string> words;
@@ -199,20 +215,24 @@ TEST(CtlCommands, FailuresAreOneLineWithAnExitCode) {
     } table[] = {
         {{"swap", "make", "1", "1M"},
          IOCTL_KVR_ALLOCATE_SWAP,
-         {kInvalidParameter, {}},
+         {STATUS_INVALID_PARAMETER, {}},
          kExitFailed,
          "holds the configuration"},
-        {{"swap", "make", "1", "1M"}, IOCTL_KVR_ALLOCATE_SWAP, {kFileLockConflict, {}}, kExitBusy, "swap stop"},
+        {{"swap", "make", "1", "1M"},
+         IOCTL_KVR_ALLOCATE_SWAP,
+         {STATUS_FILE_LOCK_CONFLICT, {}},
+         kExitBusy,
+         "swap stop"},
         {{"swap", "remove", "1"},
          IOCTL_KVR_REMOVE_SWAP,
-         {kDeviceBusy, "HarddiskVolume1 is in use: x"},
+         {STATUS_DEVICE_BUSY, "HarddiskVolume1 is in use: x"},
          kExitBusy,
          "in use: x"},
-        {{"enable"}, IOCTL_KVR_SET_CONFIG, {kNoSuchFile, {}}, kExitOk, "nothing was changed"},
-        {{"disable"}, IOCTL_KVR_SET_CONFIG, {kNoSuchFile, {}}, kExitFailed, "system32\\drivers"},
-        {{"disable"}, IOCTL_KVR_SET_CONFIG, {kAccessDenied, {}}, kExitDenied, "administrator"},
-        {{"status"}, IOCTL_KVR_GET_ENABLED, {kInvalidDeviceRequest, {}}, kExitFailed, "stands by"},
-        {{"status"}, IOCTL_KVR_GET_ENABLED, {StatusOf(0xC0001234), {}}, kExitFailed, "0xC0001234"},
+        {{"enable"}, IOCTL_KVR_SET_CONFIG, {STATUS_NO_SUCH_FILE, {}}, kExitOk, "nothing was changed"},
+        {{"disable"}, IOCTL_KVR_SET_CONFIG, {STATUS_NO_SUCH_FILE, {}}, kExitFailed, "system32\\drivers"},
+        {{"disable"}, IOCTL_KVR_SET_CONFIG, {STATUS_ACCESS_DENIED, {}}, kExitDenied, "administrator"},
+        {{"status"}, IOCTL_KVR_GET_ENABLED, {STATUS_INVALID_DEVICE_REQUEST, {}}, kExitFailed, "stands by"},
+        {{"status"}, IOCTL_KVR_GET_ENABLED, {KvrStatus(0xC0001234), {}}, kExitFailed, "0xC0001234"},
     };
     for (const auto& row : table) {
         Machine machine = Office();

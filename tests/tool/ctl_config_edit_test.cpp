@@ -4,7 +4,7 @@
 #include "tool/kvrctl/config_edit.h"
 #include "tool/kvrctl/config_scan.h"
 #include "tool/kvrctl/diff.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace {

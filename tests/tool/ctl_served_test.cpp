@@ -10,7 +10,6 @@
 #include "scratch_folder.h"
 #include "platform/host/sync/thread.h"
 #include "tool/kvrctl/saved_map.h"
-#include "tool/kvrctl/wire_connection.h"
 #include "tool/kvrctl/world_hosted.h"
 
 namespace {
@@ -172,7 +171,7 @@ TEST(CtlWire, AnswersThatBreakTheLayout) {
         EXPECT_EQ(kExitNotRunning, result.exitCode);
         EXPECT_NE(std::string::npos, result.err.find("ended the connection")) << result.err;
     }
-    const Result refused = RunAgainst(folder.Path(), Header({kMagic, kAccessDenied, 0, 6}) + "not me");
+    const Result refused = RunAgainst(folder.Path(), Header({kMagic, STATUS_ACCESS_DENIED, 0, 6}) + "not me");
     EXPECT_EQ(kExitDenied, refused.exitCode);
     EXPECT_EQ("kvrctl: not me\n", refused.err);
 }

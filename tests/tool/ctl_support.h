@@ -4,8 +4,9 @@
 #include <map>
 #include <sstream>
 #include "formats/kvr_ioctl.h"
+#include "platform/host/nt/ntstatus.h"
 #include "tool/kvrctl/command_line.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl_test {
@@ -49,6 +50,7 @@ struct Machine {
     unsigned busyOpens = 0;                                  // that many find the device held
     int exitOfOpen = 0;                                      // not 0: opening fails so
     std::vector<std::uint32_t> changes;                      // codes that change something, in order
+    std::function<void(std::uint32_t code)> onChange;
 
     void AddFixed(const std::u16string& name, std::uint32_t state = 0, std::int64_t total = 0,
                   std::int64_t used = 0, std::uint32_t swap = 0) {
@@ -91,7 +93,7 @@ public:
             default:
                 Change(code, input);
         }
-        return {ctl::kSuccess, {}};
+        return {STATUS_SUCCESS, {}};
     }
 
 private:
@@ -102,6 +104,7 @@ private:
     }
     void Change(std::uint32_t code, std::span<const std::uint8_t> input) {
         machine_.changes.push_back(code);
+        if (machine_.onChange) machine_.onChange(code);
         if (code != IOCTL_KVR_SET_CONFIG) return;
         const auto* text = reinterpret_cast<const char16_t*>(input.data());
         machine_.config.assign(text, input.size() / 2);

@@ -3,8 +3,10 @@
 #include <cstdio>
 #include <thread>
 #include <utility>
+#include "client/failure.h"
 #include "machine/boot/any_file_system.h"
 #include "machine/disk/image_disk.h"
+#include "platform/host/io/user_mode.h"
 #include "platform/host/sync/clock.h"
 #include "platform/host/sync/thread.h"
 #include "tool/error.h"
@@ -22,6 +24,38 @@ std::shared_ptr<machine::Disk> OpenImage(const Place& place) {
     std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(place.image, place.sectorBytes, error);
     if (disk == nullptr) throw Error(error);
     return disk;
+}
+
+// The control device of the kernel in this process. Throws Error when it cannot be opened.
+class OwnDriver : public ctl::Driver {
+public:
+    OwnDriver() {
+        const NTSTATUS status =
+            host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA | FILE_WRITE_DATA, device_);
+        if (!NT_SUCCESS(status)) throw Error("the control device cannot be opened: " + StatusText(status));
+    }
+    ~OwnDriver() override { host::CloseDevice(device_); }
+
+    ctl::Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, ctl::Bytes& output) override {
+        ULONG returned = 0;
+        const NTSTATUS status = host::DeviceIoControl(
+            device_, code, input.data(), static_cast<ULONG>(input.size()),
+            output.empty() ? nullptr : output.data(), static_cast<ULONG>(output.size()), returned);
+        output.resize(std::min<std::size_t>(returned, output.size()));
+        return {status, {}};
+    }
+
+private:
+    PFILE_OBJECT device_ = nullptr;
+};
+
+void Ask(const std::string& what, const std::function<void(ctl::Client&)>& ask) {
+    ctl::Client client(std::make_unique<OwnDriver>());
+    try {
+        ask(client);
+    } catch (const ctl::Failure& failure) {
+        throw StepFailed(what + ": " + failure.what());
+    }
 }
 
 }  // namespace
@@ -123,23 +157,32 @@ machine::GuestFileSystem& Computer::MountOn(unsigned number) {
 }
 
 void Computer::Configure(const Configuration& configuration) {
-    ControlClient client;
-    Require(client.SetConfig(ConfigurationImage(ComposeConfiguration(configuration))),
-            "the configuration cannot be written");
+    Ask("the configuration cannot be written", [&](ctl::Client& client) {
+        client.SetConfig(ConfigurationImage(ComposeConfiguration(configuration)));
+    });
 }
 
 std::u16string Computer::ConfigurationInForce() {
-    std::vector<std::uint8_t> image;
-    ControlClient client;
-    Require(client.GetConfig(image), "the configuration cannot be read");
-    return ConfigurationText(image);
+    std::u16string text;
+    Ask("the configuration cannot be read",
+        [&](ctl::Client& client) { text = ConfigurationText(client.GetConfig()); });
+    return text;
+}
+
+bool Computer::IsProtecting() {
+    bool enabled = false;
+    Ask("the driver does not answer", [&](ctl::Client& client) { enabled = client.Enabled(); });
+    return enabled;
+}
+
+void Computer::MakeSwap(std::int64_t bytes) {
+    Ask("swap storage is refused", [&](ctl::Client& client) { client.AllocateSwap(dataName_, bytes); });
 }
 
 FixedVolume Computer::Status(unsigned number) {
     const std::u16string name = machine_->VolumeOf(number)->device->Name();
     std::vector<FixedVolume> volumes;
-    ControlClient client;
-    Require(client.FixedVolumes(volumes), "the volumes cannot be listed");
+    Ask("the volumes cannot be listed", [&](ctl::Client& client) { volumes = client.FixedVolumes(); });
     for (const FixedVolume& volume : volumes) {
         if (volume.name == name) return volume;
     }

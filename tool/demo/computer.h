@@ -10,10 +10,13 @@
 #include <vector>
 #include "machine/files/guest_files.h"
 #include "machine/boot/machine.h"
+#include "client/control_client.h"
 #include "tool/kvrctl/config_text.h"
-#include "tool/demo/control_client.h"
 
 namespace tool {
+
+using ctl::FixedVolume;
+using ctl::StatusText;
 
 // What went wrong in a step that the checks after it depend on.
 struct StepFailed : std::runtime_error {
@@ -65,8 +68,12 @@ public:
     // Of the present boot or the last one.
     const std::u16string& DataName() const { return dataName_; }
 
+    // ---- its administrator's program, which opens the driver's control device each time ----------------
     void Configure(const Configuration& configuration);
     std::u16string ConfigurationInForce();
+    bool IsProtecting();
+    // Starts the work and returns; DataStatus() tells how far it is.
+    void MakeSwap(std::int64_t bytes);
     FixedVolume Status(unsigned volume);
     FixedVolume DataStatus() { return Status(dataNumber_); }
 

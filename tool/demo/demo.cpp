@@ -98,8 +98,7 @@ void FirstBoot(Stage& stage) {
     bool exists = true;
     while (NT_SUCCESS(stage.computer.Data().Exists(folder, exists)) && exists) folder += u"+";
     Populate(stage.computer.Data(), folder, 1);
-    bool enabled = true;
-    Require(ControlClient().Enabled(enabled), "the driver does not answer");
+    const bool enabled = stage.computer.IsProtecting();
     const FixedVolume status = stage.computer.DataStatus();
     stage.report.Check("the first boot protects nothing",
                        !enabled && status.state == 0 && status.swapTotal == 0,
@@ -121,12 +120,10 @@ bool WatchProvisioning(Stage& stage, std::int64_t bytes, FixedVolume& status) {
     std::int64_t before = -1;
     for (;;) {
         status = stage.computer.DataStatus();
-        if (status.swapStatus != kSwapStatusProvisioning && (status.swapStatus != 0 || before >= 0))
-            return true;
-        stage.report.Progress("making swap storage: " + Bytes(static_cast<std::uint64_t>(status.swapTotal)) +
-                              " of " + Bytes(static_cast<std::uint64_t>(bytes)));
+        if (status.swapStatus != ctl::kSwapProvisioning && (status.swapStatus != 0 || before >= 0)) return true;
+        stage.report.Progress("making swap storage: " + Bytes(status.swapTotal) + " of " + Bytes(bytes));
         const auto now = std::chrono::steady_clock::now();
-        if (status.swapStatus == kSwapStatusProvisioning && status.swapTotal != before) {
+        if (status.swapStatus == ctl::kSwapProvisioning && status.swapTotal != before) {
             before = status.swapTotal;
             moved = now;
         }
@@ -136,14 +133,13 @@ bool WatchProvisioning(Stage& stage, std::int64_t bytes, FixedVolume& status) {
 }
 
 void MakeSwapStorage(Stage& stage, std::int64_t bytes) {
-    Require(ControlClient().AllocateSwap(stage.computer.DataName(), bytes), "swap storage is refused");
+    stage.computer.MakeSwap(bytes);
     FixedVolume status{};
     const bool ended = WatchProvisioning(stage, bytes, status);
-    const bool made = ended && status.swapStatus == kSwapStatusPresent && status.swapTotal >= bytes;
-    stage.report.Check("swap storage is made", made,
-                       Bytes(static_cast<std::uint64_t>(status.swapTotal)) + " of " +
-                           Bytes(static_cast<std::uint64_t>(bytes)) + ", status " +
-                           std::to_string(status.swapStatus));
+    const bool made = ended && status.swapStatus == ctl::kSwapPresent && status.swapTotal >= bytes;
+    stage.report.Check(
+        "swap storage is made", made,
+        Bytes(status.swapTotal) + " of " + Bytes(bytes) + ", status " + std::to_string(status.swapStatus));
     if (!made) throw StepFailed("without swap storage nothing can be shown");
     stage.computer.Shutdown();
     stage.TakeFixedState();
@@ -158,14 +154,13 @@ void MakeSwapStorage(Stage& stage, std::int64_t bytes) {
 
 void SecondBoot(Stage& stage, std::int64_t bytes) {
     stage.computer.Boot();
-    bool enabled = false;
-    Require(ControlClient().Enabled(enabled), "the driver does not answer");
+    const bool enabled = stage.computer.IsProtecting();
     const FixedVolume status = stage.computer.DataStatus();
     stage.report.Check(
         "the next boot protects the volume",
-        enabled && status.state == 2 && status.swapStatus == kSwapStatusPresent && status.swapTotal >= bytes,
+        enabled && status.state == 2 && status.swapStatus == ctl::kSwapPresent && status.swapTotal >= bytes,
         std::string("enabled ") + (enabled ? "1" : "0") + ", state " + std::to_string(status.state) + ", " +
-            Bytes(static_cast<std::uint64_t>(status.SwapFree())) + " of swap storage free");
+            Bytes(status.SwapFree()) + " of swap storage free");
 }
 
 bool Prepare(Stage& stage, std::int64_t swapBytes) {

@@ -42,10 +42,8 @@ Place FindVolume(const std::string& image) {
         if (size < sector || size % sector != 0) continue;
         if (!machine::ReadImagePartitions(image, sector, table, error)) throw Error(error);
         for (const machine::Partition& partition : table.partitions) {
-            OfflineVolume::BootSector boot;
             if (partition.length <= best.length) continue;
-            if (!OfflineVolume::ReadBootSector(image, partition.offset, boot) || boot.sectorBytes != sector)
-                continue;
+            if (OfflineVolume::SectorBytes(image, partition.offset) != sector) continue;
             best = {image, partition.offset, partition.length, sector};
         }
     }

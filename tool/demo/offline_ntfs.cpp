@@ -7,6 +7,7 @@
 #include <ctime>
 #include <map>
 #include <utility>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 extern "C" {
@@ -21,8 +22,8 @@ extern "C" {
 }
 #undef min
 #undef max
+#include "posix/file_io.h"
 #include "tool/error.h"
-#include "tool/demo/file_handle.h"
 
 namespace tool {
 namespace {
@@ -61,7 +62,7 @@ s64 ReadDevice(ntfs_device* device, void* buffer, s64 count, s64 offset) {
     }
     const auto at = static_cast<std::uint64_t>(offset);
     const std::uint64_t length = std::min(static_cast<std::uint64_t>(count), window.length - at);
-    if (!ReadWhole(window.file, buffer, static_cast<std::size_t>(length), window.offset + at)) {
+    if (!posix::ReadAt(window.file, buffer, static_cast<std::size_t>(length), window.offset + at)) {
         errno = EIO;
         return -1;
     }
@@ -126,35 +127,16 @@ ntfs_device_operations& Operations() {
     return operations;
 }
 
-class Inode {
-public:
-    explicit Inode(ntfs_inode* inode) : inode_(inode) {}
-    ~Inode() {
-        if (inode_ != nullptr) ntfs_inode_close(inode_);
-    }
-    Inode(const Inode&) = delete;
-    Inode& operator=(const Inode&) = delete;
-    ntfs_inode* Get() const { return inode_; }
-    bool IsOpen() const { return inode_ != nullptr; }
-
-private:
-    ntfs_inode* inode_;
+struct Close {
+    void operator()(ntfs_inode* inode) const { ntfs_inode_close(inode); }
+    void operator()(ntfs_attr* data) const { ntfs_attr_close(data); }
 };
+using Inode = std::unique_ptr<ntfs_inode, Close>;
+using Data = std::unique_ptr<ntfs_attr, Close>;
 
-class Data {
-public:
-    explicit Data(ntfs_inode* inode) : data_(ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0)) {}
-    ~Data() {
-        if (data_ != nullptr) ntfs_attr_close(data_);
-    }
-    Data(const Data&) = delete;
-    Data& operator=(const Data&) = delete;
-    ntfs_attr* Get() const { return data_; }
-    bool IsOpen() const { return data_ != nullptr; }
-
-private:
-    ntfs_attr* data_;
-};
+Data OpenData(ntfs_inode* inode) {
+    return Data(ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0));
+}
 
 bool ReadAll(ntfs_attr* data, std::vector<std::uint8_t>& content) {
     content.resize(static_cast<std::size_t>(data->data_size));
@@ -242,54 +224,51 @@ struct OfflineVolume::Mount {
             const std::u16string name = path + u"\\" + entry.name;
             if (search.skip(name)) continue;
             const Inode inode(ntfs_inode_open(volume, entry.record));
-            if (!inode.IsOpen()) throw Error("a file of the volume cannot be opened: its metadata is damaged");
-            OfflineFile file{.path = name,
-                             .directory = (inode.Get()->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0};
-            if (!file.directory) Describe(inode.Get(), search.budget, file);
+            if (inode == nullptr) throw Error("a file of the volume cannot be opened: its metadata is damaged");
+            OfflineFile file{.path = name, .directory = (inode->mrec->flags & MFT_RECORD_IS_DIRECTORY) != 0};
+            if (!file.directory) Describe(inode.get(), search.budget, file);
             const auto [first, isFirst] = search.byRecord.emplace(entry.record, search.files.size());
             if (!isFirst) file.plain = search.files[first->second].plain = false;
             search.files.push_back(file);
-            if (file.directory && (inode.Get()->flags & FILE_ATTR_REPARSE_POINT) == 0)
-                Walk(inode.Get(), name, search);
+            if (file.directory && (inode->flags & FILE_ATTR_REPARSE_POINT) == 0)
+                Walk(inode.get(), name, search);
         }
     }
 
     static void Describe(ntfs_inode* inode, std::uint64_t& budget, OfflineFile& file) {
-        const Data data(inode);
-        if (!data.IsOpen()) return;
-        file.size = static_cast<std::uint64_t>(data.Get()->data_size);
-        file.plain = IsPlain(inode, data.Get());
+        const Data data = OpenData(inode);
+        if (data == nullptr) return;
+        file.size = static_cast<std::uint64_t>(data->data_size);
+        file.plain = IsPlain(inode, data.get());
         std::vector<std::uint8_t> content;
-        if (NAttrEncrypted(data.Get()) || (inode->flags & FILE_ATTR_REPARSE_POINT) != 0) return;
-        if (file.size > budget || !ReadAll(data.Get(), content)) return;
+        if (NAttrEncrypted(data.get()) || (inode->flags & FILE_ATTR_REPARSE_POINT) != 0) return;
+        if (file.size > budget || !ReadAll(data.get(), content)) return;
         budget -= file.size;
         file.digest = HashBytes(content.data(), content.size());
         file.hashed = true;
     }
 
-    FileHandle file;
+    posix::File file;
     Window window{};
     ntfs_volume* volume = nullptr;
 };
 
-bool OfflineVolume::ReadBootSector(const std::string& image, std::uint64_t offset, BootSector& boot) {
-    const FileHandle file(open(image.c_str(), O_RDONLY | O_CLOEXEC));
+std::uint32_t OfflineVolume::SectorBytes(const std::string& image, std::uint64_t offset) {
+    const posix::File file(open(image.c_str(), O_RDONLY | O_CLOEXEC));
     std::uint8_t sector[512];
-    if (!file.IsOpen() || !ReadWhole(file.Get(), sector, sizeof sector, offset)) return false;
-    if (std::memcmp(sector + 3, "NTFS    ", 8) != 0) return false;
-    boot.sectorBytes = static_cast<std::uint32_t>(sector[11] | sector[12] << 8);
+    if (!file.IsOpen() || !posix::ReadAt(file.Get(), sector, sizeof sector, offset)) return 0;
     std::uint64_t sectors = 0;
     for (int i = 7; i >= 0; --i) sectors = sectors << 8 | sector[40 + i];
-    if (boot.sectorBytes < 256 || boot.sectorBytes > 4096 || sectors == 0 || sectors >> 50 != 0) return false;
-    boot.volumeBytes = (sectors + 1) * boot.sectorBytes;  // its copy of the boot sector follows the volume
-    return true;
+    const auto bytes = static_cast<std::uint32_t>(sector[11] | sector[12] << 8);
+    const bool sound = std::memcmp(sector + 3, "NTFS    ", 8) == 0 && bytes >= 256 && bytes <= 4096 &&
+                       sectors != 0 && sectors >> 50 == 0;
+    return sound ? bytes : 0;
 }
 
 OfflineVolume::OfflineVolume(const std::string& image, std::uint64_t offset, std::uint64_t length)
     : mount_(std::make_unique<Mount>(image)) {
-    BootSector boot;
     if (!mount_->file.IsOpen()) throw Error("cannot read " + image + ": " + std::strerror(errno));
-    if (!ReadBootSector(image, offset, boot)) throw Error(image + " holds no NTFS volume");
+    if (SectorBytes(image, offset) == 0) throw Error(image + " holds no NTFS volume");
     ntfs_log_set_handler(ntfs_log_handler_null);
     mount_->window = {mount_->file.Get(), offset, length, 0};
     ntfs_device* device = ntfs_device_alloc("volume", 0, &Operations(), &mount_->window);
@@ -309,20 +288,16 @@ std::uint64_t OfflineVolume::FreeBytes() const {
     return static_cast<std::uint64_t>(volume->free_clusters) * volume->cluster_size;
 }
 
-bool OfflineVolume::Dirty() const {
-    return (mount_->volume->flags & VOLUME_IS_DIRTY) != 0;
-}
-
 std::vector<Extent> OfflineVolume::Extents(const std::u16string& path) const {
     std::vector<Extent> extents;
     const Inode inode(mount_->Find(path));
-    if (!inode.IsOpen()) return extents;
-    const Data data(inode.Get());
-    if (!data.IsOpen() || !NAttrNonResident(data.Get())) return extents;
-    if (ntfs_attr_map_whole_runlist(data.Get()) != 0)
+    if (inode == nullptr) return extents;
+    const Data data = OpenData(inode.get());
+    if (data == nullptr || !NAttrNonResident(data.get())) return extents;
+    if (ntfs_attr_map_whole_runlist(data.get()) != 0)
         throw Error("cannot read where a file of the volume lies");
     const auto cluster = static_cast<std::uint64_t>(mount_->volume->cluster_size);
-    for (const runlist_element* run = data.Get()->rl; run->length != 0; ++run) {
+    for (const runlist_element* run = data->rl; run->length != 0; ++run) {
         if (run->lcn < 0) continue;
         extents.push_back({static_cast<std::uint64_t>(run->lcn) * cluster,
                            static_cast<std::uint64_t>(run->length) * cluster});
@@ -330,21 +305,12 @@ std::vector<Extent> OfflineVolume::Extents(const std::u16string& path) const {
     return extents;
 }
 
-bool OfflineVolume::Read(const std::u16string& path, std::uint64_t limit,
-                         std::vector<std::uint8_t>& content) const {
-    const Inode inode(mount_->Find(path));
-    if (!inode.IsOpen()) return false;
-    const Data data(inode.Get());
-    if (!data.IsOpen() || static_cast<std::uint64_t>(data.Get()->data_size) > limit) return false;
-    return ReadAll(data.Get(), content);
-}
-
 std::vector<OfflineFile> OfflineVolume::Files(std::uint64_t budget,
                                               const std::function<bool(const std::u16string&)>& skip) const {
     const Inode root(ntfs_inode_open(mount_->volume, FILE_root));
-    if (!root.IsOpen()) throw Error("cannot read the volume's root folder");
+    if (root == nullptr) throw Error("cannot read the volume's root folder");
     Mount::Search search{budget, skip, {}, {}};
-    mount_->Walk(root.Get(), u"", search);
+    mount_->Walk(root.get(), u"", search);
     return std::move(search.files);
 }
 

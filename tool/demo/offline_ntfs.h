@@ -31,20 +31,12 @@ public:
     OfflineVolume(const OfflineVolume&) = delete;
     OfflineVolume& operator=(const OfflineVolume&) = delete;
 
-    // Whether an NTFS boot sector stands there, and the size of its volume and sectors in bytes.
-    struct BootSector {
-        std::uint64_t volumeBytes;
-        std::uint32_t sectorBytes;
-    };
-    static bool ReadBootSector(const std::string& image, std::uint64_t offset, BootSector& boot);
+    // The size of the volume's sectors by the NTFS boot sector that stands there; 0 when none does.
+    static std::uint32_t SectorBytes(const std::string& image, std::uint64_t offset);
 
     std::uint64_t FreeBytes() const;
-    // Marked as in need of a check by the system that used it last.
-    bool Dirty() const;
     // Where a file's content lies; empty when there is no such file or its content lies in its record.
     std::vector<Extent> Extents(const std::u16string& path) const;
-    // The content of a file of at most `limit` bytes; false when it cannot be had.
-    bool Read(const std::u16string& path, std::uint64_t limit, std::vector<std::uint8_t>& content) const;
     // All files and folders but the file system's own, in the order of their paths, by which `skip` can leave
     // some out. Contents are hashed as long as they are within `budget` bytes together.
     std::vector<OfflineFile> Files(std::uint64_t budget,

@@ -1,5 +1,4 @@
 #include "tool/demo/report.h"
-#include "tool/kvrctl/size.h"
 
 namespace tool {
 namespace {
@@ -57,14 +56,6 @@ void Report::EndProgress() {
     if (!progressShown_) return;
     std::fputs("\r\033[K", out_);
     progressShown_ = false;
-}
-
-std::string Bytes(std::uint64_t bytes) {
-    return ctl::SizeText(bytes);
-}
-
-std::string Count(std::uint64_t number, const std::string& thing) {
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
 }
 
 }  // namespace tool

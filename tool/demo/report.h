@@ -5,9 +5,11 @@
 // must be; the last line counts them.
 #pragma once
 #include <chrono>
+#include <concepts>
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include "tool/text.h"
 
 namespace tool {
 
@@ -26,7 +28,6 @@ public:
     void Summary(const std::string& program);
 
     bool AllPassed() const { return checks_ != 0 && passed_ == checks_; }
-    int Checks() const { return checks_; }
 
 private:
     void EndProgress();
@@ -40,9 +41,13 @@ private:
     std::chrono::steady_clock::time_point start_;
 };
 
-// "1.5 MiB", "812 KiB", "0 bytes".
-std::string Bytes(std::uint64_t bytes);
+// "1.5 MiB", "812 KiB", "0 bytes"; what is negative is nothing.
+std::string Bytes(std::integral auto bytes) {
+    return ctl::SizeText(bytes > 0 ? static_cast<std::uint64_t>(bytes) : 0);
+}
 // "1 file", "3 files".
-std::string Count(std::uint64_t number, const std::string& thing);
+inline std::string Count(std::uint64_t number, const std::string& thing) {
+    return ctl::CountText(number, thing);
+}
 
 }  // namespace tool

@@ -11,8 +11,7 @@ void ShowDiscard(Stage& stage) {
     const FixedVolume status = stage.computer.DataStatus();
     stage.report.Check("the changes are in the swap storage",
                        status.swapUsed > 0 && static_cast<std::uint64_t>(status.swapUsed) >= work.bytes / 2,
-                       Bytes(static_cast<std::uint64_t>(status.swapUsed)) + " of " +
-                           Bytes(static_cast<std::uint64_t>(status.swapTotal)) + " used");
+                       Bytes(status.swapUsed) + " of " + Bytes(status.swapTotal) + " used");
     stage.CheckUnchanged("the volume's own sectors are untouched", "with the changes visible");
     stage.computer.Shutdown();
     stage.CheckUnchanged("they are untouched by the shutdown", "after it");
@@ -20,7 +19,7 @@ void ShowDiscard(Stage& stage) {
     stage.CheckFiles("after a reboot the old files are back", stage.fixedFiles);
     const FixedVolume after = stage.computer.DataStatus();
     stage.report.Check("the swap storage is free again", after.swapUsed < status.swapUsed / 2,
-                       Bytes(static_cast<std::uint64_t>(after.swapUsed)) + " used");
+                       Bytes(after.swapUsed) + " used");
 }
 
 }  // namespace tool

@@ -42,8 +42,7 @@ void ShowMerge(Stage& stage) {
     const FixedVolume status = stage.computer.DataStatus();
     stage.report.Check("one boot merges, nothing is redirected any more",
                        status.swapUsed == 0 && status.swapTotal > 0,
-                       Bytes(static_cast<std::uint64_t>(status.swapUsed)) + " of " +
-                           Bytes(static_cast<std::uint64_t>(status.swapTotal)) + " used");
+                       Bytes(status.swapUsed) + " of " + Bytes(status.swapTotal) + " used");
     stage.CheckFiles("the changed files are there", work.after);
     const std::string action = ActionInForce(stage);
     stage.report.Check("the order is used up", action == "0", "BootAction = " + action);

@@ -73,8 +73,8 @@ void CutAt(Stage& stage, std::uint64_t nth, std::uint32_t kept) {
     for (std::thread& writer : writers) writer.join();
     stage.computer.PowerCut();
     stage.report.Check("the power fails within disk write " + std::to_string(nth), cut,
-                       "after " + Count(written.files, "file") + " with " + Bytes(written.bytes) + " by " +
-                           Count(writers.size(), "writer"));
+                       "after " + Count(written.files, "file") + " with " + Bytes(written.bytes.load()) +
+                           " by " + Count(writers.size(), "writer"));
 }
 
 }  // namespace

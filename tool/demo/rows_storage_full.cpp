@@ -9,10 +9,6 @@ constexpr std::size_t kFileSize = 1024 * 1024;
 constexpr unsigned kMostFiles = 100'000;  // of any kind; the storage is full long before
 constexpr unsigned kFolderSize = 500;     // files in one folder
 
-std::uint64_t Positive(std::int64_t bytes) {
-    return bytes < 0 ? 0 : static_cast<std::uint64_t>(bytes);
-}
-
 // Whether the last operation that was let in is what took the free space below `limit`.
 bool IsJustBelow(const FixedVolume& status, std::int64_t limit) {
     return status.SwapFree() < limit && status.SwapFree() >= limit - 2 * static_cast<std::int64_t>(kFileSize);
@@ -85,19 +81,17 @@ void ShowStorageFull(Stage& stage) {
     stage.report.Check(
         "file data is refused when swap space runs short",
         refusal == STATUS_MEDIA_WRITE_PROTECTED && files != 0 && IsJustBelow(status, kMetadataOnlyBelow),
-        StatusText(refusal) + " after " + Count(files, "file") + ", " + Bytes(Positive(status.SwapFree())) +
-            " free");
+        StatusText(refusal) + " after " + Count(files, "file") + ", " + Bytes(status.SwapFree()) + " free");
     unsigned names = 0;
     const NTSTATUS created = FillWithNames(stage, kFolderSize - 1, names);
     status = stage.computer.DataStatus();
     stage.report.Check("metadata writes go on", NT_SUCCESS(created) && status.SwapFree() < kMetadataOnlyBelow,
-                       Count(names, "empty file") + " made, " + Bytes(Positive(status.SwapFree())) + " free");
+                       Count(names, "empty file") + " made, " + Bytes(status.SwapFree()) + " free");
     const NTSTATUS end = FillWithNames(stage, kMostFiles, names);
     status = stage.computer.DataStatus();
-    stage.report.Check("until the lower limit",
-                       end == STATUS_MEDIA_WRITE_PROTECTED && IsJustBelow(status, kNothingBelow),
-                       StatusText(end) + " after " + Count(names, "empty file") + ", " +
-                           Bytes(Positive(status.SwapFree())) + " free");
+    stage.report.Check(
+        "until the lower limit", end == STATUS_MEDIA_WRITE_PROTECTED && IsJustBelow(status, kNothingBelow),
+        StatusText(end) + " after " + Count(names, "empty file") + ", " + Bytes(status.SwapFree()) + " free");
 
     CheckReadable(stage, after);
     stage.computer.Shutdown();
@@ -105,9 +99,8 @@ void ShowStorageFull(Stage& stage) {
     stage.computer.Boot();
     stage.CheckFiles("a reboot restores everything", stage.fixedFiles);
     status = stage.computer.DataStatus();
-    stage.report.Check(
-        "and frees the storage", status.SwapFree() > status.swapTotal / 2,
-        Bytes(Positive(status.SwapFree())) + " of " + Bytes(Positive(status.swapTotal)) + " free");
+    stage.report.Check("and frees the storage", status.SwapFree() > status.swapTotal / 2,
+                       Bytes(status.SwapFree()) + " of " + Bytes(status.swapTotal) + " free");
 }
 
 }  // namespace tool

@@ -7,9 +7,9 @@
 #include <sys/prctl.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
-#include "tool/error.h"
-#include "tool/demo/file_handle.h"
+#include "posix/file_io.h"
 #include "tool/demo/report.h"
+#include "tool/error.h"
 
 namespace tool {
 namespace {

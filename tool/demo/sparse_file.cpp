@@ -2,11 +2,13 @@
 #include <algorithm>
 #include <cstring>
 #include <vector>
+#include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+#include "posix/file_io.h"
 #include "tool/error.h"
-#include "tool/demo/file_handle.h"
 
 namespace tool {
 namespace {
@@ -27,8 +29,8 @@ bool CopyData(int from, int to, std::uint64_t offset, std::uint64_t length) {
         while (at < hole) {
             const auto step = static_cast<std::size_t>(std::min<off_t>(hole - at, kCopyStep));
             const auto place = static_cast<std::uint64_t>(at);
-            if (!ReadWhole(from, part.data(), step, place)) return false;
-            if (!IsZero(part, step) && !WriteWhole(to, part.data(), step, place - offset)) return false;
+            if (!posix::ReadAt(from, part.data(), step, place)) return false;
+            if (!IsZero(part, step) && !posix::WriteAt(to, part.data(), step, place - offset)) return false;
             at += static_cast<off_t>(step);
         }
     }
@@ -38,9 +40,9 @@ bool CopyData(int from, int to, std::uint64_t offset, std::uint64_t length) {
 }  // namespace
 
 void CopySparse(const std::string& from, const std::string& to) {
-    const FileHandle source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
     if (!source.IsOpen()) throw Error("cannot read " + from + ": " + std::strerror(errno));
-    const FileHandle target(open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    const posix::File target(open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     const off_t size = lseek(source.Get(), 0, SEEK_END);
     if (!target.IsOpen() || size < 0) throw Error("cannot copy " + from + ": " + std::strerror(errno));
     if (ioctl(target.Get(), FICLONE, source.Get()) == 0) return;
@@ -50,8 +52,8 @@ void CopySparse(const std::string& from, const std::string& to) {
 }
 
 void ExtractSparse(const std::string& from, std::uint64_t offset, std::uint64_t length, const std::string& to) {
-    const FileHandle source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    const FileHandle target(open(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const posix::File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::File target(open(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
     if (!source.IsOpen() || !target.IsOpen() || ftruncate(target.Get(), static_cast<off_t>(length)) != 0 ||
         !CopyData(source.Get(), target.Get(), offset, length))
         throw Error("cannot copy a volume out of " + from + ": " + std::strerror(errno));

@@ -2,9 +2,11 @@
 #include <algorithm>
 #include <cstring>
 #include <memory>
+#include <fcntl.h>
 #include <openssl/evp.h>
+#include <unistd.h>
+#include "posix/file_io.h"
 #include "tool/error.h"
-#include "tool/demo/file_handle.h"
 
 namespace tool {
 namespace {
@@ -71,7 +73,7 @@ void AddRange(Sha256& hash, int file, std::uint64_t volume, std::uint64_t begin,
         if (at >= end || next >= end) break;
         const std::uint64_t stop = std::min((at / kPiece + 1) * kPiece, end);
         const auto length = static_cast<std::size_t>(stop - at);
-        if (!ReadWhole(file, data.data(), length, volume + at))
+        if (!posix::ReadAt(file, data.data(), length, volume + at))
             throw Error(std::string("cannot read the disk image: ") + std::strerror(errno));
         if (!IsZero(data, length)) {
             const std::uint64_t place[] = {at, length};
@@ -86,7 +88,7 @@ void AddRange(Sha256& hash, int file, std::uint64_t volume, std::uint64_t begin,
 
 VolumeHash HashVolume(const std::string& image, std::uint64_t offset, std::uint64_t length,
                       const std::vector<Extent>& excluded) {
-    const FileHandle file(open(image.c_str(), O_RDONLY | O_CLOEXEC));
+    const posix::File file(open(image.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file.IsOpen()) throw Error("cannot read " + image + ": " + std::strerror(errno));
     Sha256 hash;
     VolumeHash result;

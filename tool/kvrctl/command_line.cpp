@@ -3,7 +3,7 @@
 #include <CLI/CLI.hpp>
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/date.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 
 namespace ctl {
 namespace {

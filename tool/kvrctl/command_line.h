@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "tool/kvrctl/terminal.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl {

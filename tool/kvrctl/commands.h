@@ -6,7 +6,7 @@
 #include <optional>
 #include <string>
 #include "tool/kvrctl/config_edit.h"
-#include "tool/kvrctl/terminal.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl {
@@ -15,6 +15,11 @@ struct Context {
     World& world;
     Terminal& terminal;
     bool json = false;
+
+    // As OpenClient has it.
+    Client Open(Access access, Patience patience = Patience::UntilInterrupted) const {
+        return OpenClient(world, terminal, access, patience);
+    }
 };
 
 // ---- looking ----

@@ -7,8 +7,8 @@
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_check.h"
 #include "tool/kvrctl/config_store.h"
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/host_files.h"
+#include "client/failure.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {

@@ -3,7 +3,7 @@
 #include "tool/kvrctl/config_text.h"
 #include "tool/kvrctl/config_check.h"
 #include "tool/kvrctl/config_scan.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {

@@ -1,9 +1,9 @@
 #include "tool/kvrctl/config_store.h"
 #include "tool/kvrctl/config_text.h"
-#include "tool/kvrctl/client.h"
+#include "client/control_client.h"
 #include "tool/kvrctl/config_scan.h"
 #include "tool/kvrctl/diff.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {
@@ -26,7 +26,7 @@ void TellPendingActions(const Context& context, const std::u16string& before, co
 }  // namespace
 
 std::u16string ReadStored(const Context& context) {
-    return tool::ConfigurationText(Client(context.world, context.terminal, Access::Read).GetConfig());
+    return tool::ConfigurationText(context.Open(Access::Read).GetConfig());
 }
 
 void Store(const Context& context, const std::u16string& before, const std::u16string& after, bool dryRun) {
@@ -42,7 +42,7 @@ void Store(const Context& context, const std::u16string& before, const std::u16s
         terminal.out << "Nothing was stored (--dry-run).\n";
         return;
     }
-    Client(context.world, terminal, Access::ReadWrite).SetConfig(image);
+    context.Open(Access::ReadWrite).SetConfig(image);
     terminal.out << "Stored. It holds from " << context.world.NextBoot() << " on.\n";
     TellPendingActions(context, before, after);
 }

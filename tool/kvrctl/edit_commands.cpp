@@ -1,9 +1,9 @@
 // protect, unprotect, discard, merge, removable, enable, disable.
-#include "tool/kvrctl/client.h"
+#include "client/control_client.h"
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_scan.h"
 #include "tool/kvrctl/config_store.h"
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 #include "tool/kvrctl/config_text.h"
@@ -18,7 +18,7 @@ struct Situation {
 };
 
 Situation Query(const Context& context) {
-    Client client(context.world, context.terminal, Access::Read);
+    Client client = context.Open(Access::Read);
     return {tool::ConfigurationText(client.GetConfig()), KnownVolumes(client), client.FixedVolumes()};
 }
 

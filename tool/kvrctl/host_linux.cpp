@@ -8,9 +8,8 @@
 #include <sys/select.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/host_files.h"
-#include "tool/kvrctl/host_terminal.h"
+#include "client/failure.h"
+#include "tool/kvrctl/host.h"
 
 namespace ctl {
 namespace {

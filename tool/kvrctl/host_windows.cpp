@@ -3,9 +3,8 @@
 #include <cstdlib>
 #include <filesystem>
 #include <process.h>
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/host_files.h"
-#include "tool/kvrctl/host_terminal.h"
+#include "client/failure.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {

@@ -6,10 +6,9 @@
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_scan.h"
 #include "tool/kvrctl/date.h"
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/size.h"
+#include "client/failure.h"
+#include "tool/text.h"
 #include "tool/kvrctl/status_view.h"
-#include "tool/kvrctl/table.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 
@@ -59,7 +58,7 @@ struct VolumeRow {
 };
 
 std::vector<VolumeRow> QueryVolumes(const Context& context) {
-    Client client(context.world, context.terminal, Access::Read);
+    Client client = context.Open(Access::Read);
     const ConfigScan scan = ScanConfig(tool::ConfigurationText(client.GetConfig()));
     std::vector<VolumeRow> rows;
     for (const KnownVolume& volume : KnownVolumes(client))
@@ -113,7 +112,7 @@ void DrawStatus(const Context& context, const MachineStatus& status) {
 }  // namespace
 
 int ShowStatus(const Context& context) {
-    const MachineStatus status = QueryStatus(context.world, context.terminal);
+    const MachineStatus status = QueryStatus(context);
     context.terminal.out << (context.json ? StatusJson(status).dump(2) + "\n" : StatusTable(status));
     return kExitOk;
 }
@@ -121,15 +120,20 @@ int ShowStatus(const Context& context) {
 int Watch(const Context& context, const WatchOptions& options) {
     const std::chrono::milliseconds pause(static_cast<std::int64_t>(options.seconds * 1000));
     context.terminal.CatchInterrupt();
-    for (unsigned shown = 1;; ++shown) {
-        DrawStatus(context, QueryStatus(context.world, context.terminal));
-        if (shown == options.count || !context.terminal.Pause(pause)) return kExitOk;
+    try {
+        for (unsigned shown = 1;; ++shown) {
+            DrawStatus(context, QueryStatus(context));
+            if (shown == options.count || !context.terminal.Pause(pause)) return kExitOk;
+        }
+    } catch (const Failure& failure) {
+        if (failure.ExitCode() != kExitStopped) throw;
+        return kExitOk;  // Ctrl-C is how it ends
     }
 }
 
 int ShowVolumes(const Context& context, bool namesOnly) {
     if (namesOnly) {
-        Client client(context.world, context.terminal, Access::Read);
+        Client client = context.Open(Access::Read);
         for (const KnownVolume& volume : KnownVolumes(client))
             context.terminal.out << ShortName(volume.name) << "\n";
         return kExitOk;
@@ -146,7 +150,7 @@ int ShowVolumes(const Context& context, bool namesOnly) {
 }
 
 int Debug(const Context& context) {
-    Client(context.world, context.terminal, Access::Read).Debug();
+    context.Open(Access::Read).Debug();
     context.terminal.out << "The driver wrote its debug lines to the kernel's debug output.\n";
     return kExitOk;
 }

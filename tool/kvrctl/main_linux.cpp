@@ -1,6 +1,6 @@
 #include <iostream>
 #include "tool/kvrctl/command_line.h"
-#include "tool/kvrctl/host_terminal.h"
+#include "tool/kvrctl/host.h"
 
 int main(int argc, char** argv) {
     ctl::HostTerminal terminal(std::cout, std::cerr);

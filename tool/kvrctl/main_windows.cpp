@@ -2,7 +2,7 @@
 #include <io.h>
 #include <iostream>
 #include "tool/kvrctl/command_line.h"
-#include "tool/kvrctl/host_terminal.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/unicode.h"
 
 extern "C" int wmain(int argc, wchar_t** argv) {

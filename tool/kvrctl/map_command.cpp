@@ -1,11 +1,11 @@
 // map.
 #include <nlohmann/json.hpp>
-#include "tool/kvrctl/client.h"
+#include "client/control_client.h"
 #include "tool/kvrctl/commands.h"
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/host_files.h"
+#include "client/failure.h"
+#include "tool/kvrctl/host.h"
 #include "tool/kvrctl/map_picture.h"
-#include "tool/kvrctl/size.h"
+#include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 
@@ -13,10 +13,6 @@ namespace ctl {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-std::string CountText(std::uint64_t number, const std::string& thing) {
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
-}
 
 std::string SummaryText(const SavedMap& map, const MapSummary& summary) {
     const auto size = [&](std::uint64_t sectors) { return SizeText(sectors * map.sectorBytes); };
@@ -60,7 +56,7 @@ Json MapJson(const SavedMap& map, const MapSummary& summary, const std::u16strin
 int ShowMap(const Context& context, const MapOptions& options) {
     std::u16string volume;
     {
-        Client client(context.world, context.terminal, Access::Read);
+        Client client = context.Open(Access::Read);
         volume = FindVolume(KnownVolumes(client), options.volume).name;
     }
     const SavedMap map = ReadSavedMap(context.world, volume);

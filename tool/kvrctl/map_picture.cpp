@@ -1,7 +1,7 @@
 #include "tool/kvrctl/map_picture.h"
 #include <algorithm>
 #include <map>
-#include "tool/kvrctl/size.h"
+#include "tool/text.h"
 
 namespace ctl {
 namespace {

@@ -2,7 +2,7 @@
 #include <algorithm>
 #include <cstring>
 #include <span>
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {

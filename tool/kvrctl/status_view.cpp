@@ -1,8 +1,7 @@
 #include "tool/kvrctl/status_view.h"
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include "tool/kvrctl/size.h"
-#include "tool/kvrctl/table.h"
+#include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 
@@ -46,10 +45,12 @@ std::uint64_t Used(const FixedVolume& volume) {
 Row FixedRow(const FixedVolume& volume) {
     const std::uint64_t total = Size(volume.swapTotal), used = Used(volume);
     Row row = {ShortName(volume.name), "fixed", FixedStateText(volume.state)};
-    if (total == 0) return row.insert(row.end(), {"-", "-", "-", "", StorageText(volume.swapStatus)}), row;
-    row.insert(row.end(), {SizeText(total), SizeText(used), SizeText(total - used),
-                           "[" + Bar(used, total, kBarWidth) + "] " + PercentText(used, total),
-                           StorageText(volume.swapStatus)});
+    if (total == 0)
+        row.insert(row.end(), 3, "-"), row.emplace_back();
+    else
+        row.insert(row.end(), {SizeText(total), SizeText(used), SizeText(total - used),
+                               "[" + Bar(used, total, kBarWidth) + "] " + PercentText(used, total)});
+    row.push_back(StorageText(volume.swapStatus));
     return row;
 }
 
@@ -78,8 +79,8 @@ Json RemovableJson(const RemovableVolume& volume) {
 
 }  // namespace
 
-MachineStatus QueryStatus(World& world, Terminal& terminal) {
-    Client client(world, terminal, Access::Read);
+MachineStatus QueryStatus(const Context& context) {
+    Client client = context.Open(Access::Read);
     MachineStatus status{client.Enabled(), client.FixedVolumes(), client.RemovableVolumes()};
     std::erase_if(status.fixed, [](const FixedVolume& volume) { return IsDisk(volume.name); });
     return status;

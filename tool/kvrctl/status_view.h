@@ -2,7 +2,7 @@
 #pragma once
 #include <string>
 #include <nlohmann/json_fwd.hpp>
-#include "tool/kvrctl/client.h"
+#include "tool/kvrctl/commands.h"
 
 namespace ctl {
 
@@ -11,7 +11,7 @@ struct MachineStatus {
     std::vector<FixedVolume> fixed;  // without the disks
     std::vector<RemovableVolume> removable;
 };
-MachineStatus QueryStatus(World& world, Terminal& terminal);
+MachineStatus QueryStatus(const Context& context);
 
 std::string StatusTable(const MachineStatus& status);
 nlohmann::ordered_json StatusJson(const MachineStatus& status);

@@ -1,11 +1,10 @@
 // swap make, remove, stop.
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include "tool/kvrctl/client.h"
+#include "client/control_client.h"
 #include "tool/kvrctl/commands.h"
-#include "tool/kvrctl/failure.h"
-#include "tool/kvrctl/size.h"
-#include "tool/kvrctl/swap_plan.h"
+#include "client/failure.h"
+#include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 
@@ -15,19 +14,82 @@ namespace {
 constexpr std::chrono::milliseconds kPoll{200};
 constexpr unsigned kBarWidth = 40;
 
-FixedVolume StatusOf(Client& client, const std::u16string& name) {
-    for (const FixedVolume& volume : client.FixedVolumes())
-        if (EqualIgnoringCase(volume.name, name)) return volume;
-    throw Failure(ToUtf8(name) + " is gone", kExitFailed);
+// ---- whether it can be done, before anything starts --------------------------------------------------------
+
+struct SwapPlan {
+    std::uint64_t swapBytes;      // in whole blocks
+    std::uint64_t replacedBytes;  // of the storage that is there and goes
+};
+
+constexpr std::uint64_t kBlockSectors = 2048;  // by which the storage files grow
+constexpr std::uint64_t kMapEntryBytes = 12;   // of the map's file, for every sector of storage
+constexpr std::uint64_t kMostSectors = 0xFFFFFFFF / kMapEntryBytes;
+
+std::uint64_t WholeBlocks(std::uint64_t bytes, std::uint64_t block) {
+    return (bytes / block + (bytes % block != 0)) * block;
 }
 
-// The status, or nothing while another program holds the device.
+// The storage and its map's file.
+std::uint64_t RoomFor(std::uint64_t swapBytes, std::uint64_t sector) {
+    return swapBytes + WholeBlocks(swapBytes / sector * kMapEntryBytes, sector * kBlockSectors);
+}
+
+FixedVolume StatusOf(Client client, const std::u16string& name, const char* otherwise) {
+    for (const FixedVolume& volume : client.FixedVolumes())
+        if (EqualIgnoringCase(volume.name, name)) return volume;
+    throw Failure(ToUtf8(name) + otherwise);
+}
+
+// Throws Failure for a volume on which nothing can be made or removed now: protected, in use by a client, or
+// because a thread is at work already.
+FixedVolume RequireChangeable(const Context& context, const KnownVolume& volume) {
+    const FixedVolume status = StatusOf(context.Open(Access::Read), volume.name,
+                                        " is removable; swap storage lies on fixed volumes only");
+    const std::string name = ToUtf8(volume.name);
+    if (status.swapStatus == kSwapProvisioning)
+        throw Failure(
+            "storage is being made or removed already; wait for it, or end it with 'kvrctl swap stop'",
+            kExitBusy);
+    if (status.state != 0)
+        throw Failure(name + " is protected, its storage is in use; 'kvrctl unprotect " +
+                      ShortName(volume.name) + "', boot, and try again");
+    const auto facts = context.world.Facts(volume.name);
+    if (facts && !facts->clients.empty())
+        throw Failure(
+            name + " is in use by " + facts->clients + "; its file system is theirs until they are gone",
+            kExitBusy);
+    return status;
+}
+
+// ... nor made: removable, without a file system for it, without the room.
+SwapPlan PlanSwap(const Context& context, const KnownVolume& volume, std::uint64_t size) {
+    const FixedVolume status = RequireChangeable(context, volume);
+    const std::string name = ToUtf8(volume.name);
+    const auto facts = context.world.Facts(volume.name);
+    const std::uint64_t sector = facts && facts->sectorBytes != 0 ? facts->sectorBytes : 512;
+    const auto replaced = static_cast<std::uint64_t>(std::max<std::int64_t>(status.swapTotal, 0));
+    if (size > kMostSectors * sector - kBlockSectors * sector)
+        throw Failure("a volume's storage has at most " + SizeText(kMostSectors * sector));
+    const SwapPlan plan{WholeBlocks(size, kBlockSectors * sector), replaced};
+    if (!facts) return plan;
+    if (facts->removable) throw Failure(name + " is removable; swap storage lies on fixed volumes only");
+    if (facts->fileSystem == FileSystemKind::None)
+        throw Failure(name + " has no file system in which the machine can make the storage's files");
+    const std::uint64_t room = RoomFor(plan.swapBytes, sector);
+    if (facts->freeBytes && room > *facts->freeBytes + (replaced ? RoomFor(replaced, sector) : 0))
+        throw Failure(name + " has " + SizeText(*facts->freeBytes) + " free; the storage and its map need " +
+                      SizeText(room));
+    return plan;
+}
+
+// ---- watching it -------------------------------------------------------------------------------------------
+
+// The status, or nothing while another program holds the device or once the user asked for the end.
 std::optional<FixedVolume> Poll(const Context& context, const std::u16string& name) {
     try {
-        Client client(context.world, context.terminal, Access::Read);
-        return StatusOf(client, name);
+        return StatusOf(context.Open(Access::Read), name, " is gone");
     } catch (const Failure& failure) {
-        if (failure.ExitCode() != kExitBusy) throw;
+        if (failure.ExitCode() != kExitBusy && failure.ExitCode() != kExitStopped) throw;
         return std::nullopt;
     }
 }
@@ -110,16 +172,16 @@ int EndMade(const Context& context, const std::u16string& name, const FixedVolum
 
 // The driver removes what a stopped thread made; one that had just finished leaves whole storage.
 int EndStopped(const Context& context, const std::u16string& name) {
-    Client client(context.world, context.terminal, Access::ReadWrite);
+    Client client = context.Open(Access::ReadWrite, Patience::Insistent);
     client.StopSwap();
-    const Outcome outcome = OutcomeOf(context, name, StatusOf(client, name));
+    const Outcome outcome = OutcomeOf(context, name, StatusOf(std::move(client), name, " is gone"));
     context.terminal.err << (outcome.complete ? "kvrctl: it was finished already; the storage stays\n"
                                               : "kvrctl: stopped; what was made is removed again\n");
     return kExitStopped;
 }
 
 KnownVolume Resolve(const Context& context, const std::string& words) {
-    Client client(context.world, context.terminal, Access::Read);
+    Client client = context.Open(Access::Read);
     return FindVolume(KnownVolumes(client), words);
 }
 
@@ -130,8 +192,7 @@ int SwapMake(const Context& context, const SwapMakeOptions& options) {
     const KnownVolume volume = Resolve(context, options.volume);
     const SwapPlan plan = PlanSwap(context, volume, size);
     if (!options.noWait) context.terminal.CatchInterrupt();
-    Client(context.world, context.terminal, Access::ReadWrite)
-        .AllocateSwap(volume.name, static_cast<std::int64_t>(size));
+    context.Open(Access::ReadWrite).AllocateSwap(volume.name, static_cast<std::int64_t>(size));
     if (!context.json)
         context.terminal.out << "Making " << SizeText(plan.swapBytes) << " of swap storage on "
                              << ShortName(volume.name)
@@ -146,7 +207,7 @@ int SwapMake(const Context& context, const SwapMakeOptions& options) {
 int SwapRemove(const Context& context, const std::string& words) {
     const KnownVolume volume = Resolve(context, words);
     RequireChangeable(context, volume);
-    Client client(context.world, context.terminal, Access::ReadWrite);
+    Client client = context.Open(Access::ReadWrite);
     client.RemoveSwap(volume.name);
     if (context.world.ReadRegistry(volume.name))
         throw Failure("the storage of " + ToUtf8(volume.name) + " was not removed");
@@ -156,7 +217,7 @@ int SwapRemove(const Context& context, const std::string& words) {
 }
 
 int SwapStop(const Context& context) {
-    Client client(context.world, context.terminal, Access::ReadWrite);
+    Client client = context.Open(Access::ReadWrite);
     const std::vector<FixedVolume> volumes = client.FixedVolumes();
     const bool runs = std::any_of(volumes.begin(), volumes.end(),
                                   [](const FixedVolume& v) { return v.swapStatus == kSwapProvisioning; });

@@ -2,12 +2,13 @@
 #pragma once
 #include <string>
 #include <string_view>
+#include "posix/utf.h"
 
 namespace ctl {
 
-// Without loss: half of a surrogate pair becomes three bytes, as if it were a character of its own.
-std::string ToUtf8(std::u16string_view text);
-// The reverse. Throws Failure for bytes that are no UTF-8; `what` names the text in it.
+using posix::ToUtf8;
+// The reverse, halves of surrogate pairs kept. Throws Failure for bytes that are no UTF-8; `what` names the
+// text in it.
 std::u16string FromUtf8(std::string_view bytes, const std::string& what);
 
 // The ASCII letters in lower case; other characters stay.

@@ -1,6 +1,6 @@
 #include "tool/kvrctl/volumes.h"
 #include <algorithm>
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {
@@ -35,6 +35,14 @@ std::vector<KnownVolume> Select(const std::vector<KnownVolume>& volumes, const M
 }
 
 }  // namespace
+
+bool IsDisk(const std::u16string& name) {
+    static constexpr std::u16string_view kPrefix = u"\\device\\harddisk";
+    if (name.size() <= kPrefix.size() || !EqualIgnoringCase(name.substr(0, kPrefix.size()), kPrefix))
+        return false;
+    const std::size_t end = name.find_first_not_of(kDigits, kPrefix.size());
+    return end != kPrefix.size() && end != name.npos && name[end] == u'\\';
+}
 
 std::vector<KnownVolume> KnownVolumes(Client& client) {
     std::vector<KnownVolume> volumes;

@@ -2,9 +2,12 @@
 #pragma once
 #include <string>
 #include <vector>
-#include "tool/kvrctl/client.h"
+#include "client/control_client.h"
 
 namespace ctl {
+
+// A whole disk's own device stands among the fixed volumes; nothing is done to it.
+bool IsDisk(const std::u16string& name);
 
 struct KnownVolume {
     std::u16string name;

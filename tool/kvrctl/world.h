@@ -2,35 +2,12 @@
 // hosted machine. The driver is reached through its control device alone; what the driver does not tell (free
 // room, clients, sectors, the registry) the machine tells.
 #pragma once
-#include <cstdint>
-#include <memory>
 #include <optional>
-#include <span>
-#include <string>
-#include <vector>
-#include "tool/kvrctl/status.h"
+#include "client/control_client.h"
+#include "formats/file_system_kind.h"
+#include "tool/kvrctl/host.h"
 
 namespace ctl {
-
-using Bytes = std::vector<std::uint8_t>;
-
-enum class Access { Read, ReadWrite };
-
-struct Answer {
-    Status status;
-    std::string text;  // why the machine itself refused, if it did
-};
-
-// An open handle to the control device, closed with its owner. There is one for the whole machine.
-class Driver {
-public:
-    virtual ~Driver() = default;
-    // `output` has the size of the answer's room and is cut to what was filled. Throws Failure when the machine
-    // is lost.
-    virtual Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) = 0;
-};
-
-enum class FileSystemKind { None, Ntfs, Ext, Other };
 
 struct VolumeFacts {
     std::uint64_t bytes = 0;
@@ -40,6 +17,8 @@ struct VolumeFacts {
     FileSystemKind fileSystem = FileSystemKind::Other;
     std::string clients;  // who else uses the volume, in words; empty for nobody
 };
+
+enum class Access { Read, ReadWrite };
 
 class World {
 public:
@@ -57,6 +36,15 @@ public:
     // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
     virtual std::string NextBoot() const = 0;
 };
+
+// How long a device that another program holds is waited for.
+enum class Patience {
+    UntilInterrupted,  // about two seconds
+    Insistent,         // half a minute, whatever the user does: what was begun has to be ended
+};
+// Throws Failure as World::OpenDriver does, and when the device stays held (kExitBusy) or the user asks for the
+// end (kExitStopped).
+Client OpenClient(World& world, Terminal& terminal, Access access, Patience = Patience::UntilInterrupted);
 
 inline constexpr char16_t kDriverKey[] = u"\\Registry\\Machine\\System\\kvr";
 

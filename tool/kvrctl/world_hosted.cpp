@@ -1,7 +1,11 @@
 #include "tool/kvrctl/world_hosted.h"
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include "tool/kvrctl/failure.h"
+#include <unistd.h>
+#include "client/failure.h"
+#include "client/wire_channel.h"
+#include "platform/host/nt/ntstatus.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {
@@ -12,17 +16,24 @@ namespace wire = tool::wire;
 constexpr std::uint32_t kGenericRead = 0x80000000;
 constexpr std::uint32_t kGenericWrite = 0x40000000;
 
-// The connection is the handle: closing it closes the device.
-class HostedDriver : public Driver {
-public:
-    explicit HostedDriver(std::unique_ptr<WireConnection> connection) : connection_(std::move(connection)) {}
-    Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) override {
-        return connection_->Call(wire::Command::DeviceControl, code, input, output);
-    }
+[[noreturn]] void NoConnection(const std::string& folder, int error) {
+    if (error == ENAMETOOLONG)
+        throw Failure("the path '" + folder + "/" + wire::kSocketName +
+                          "' is too long for a socket; use a shorter or relative one",
+                      kExitUsage);
+    if (error == EACCES || error == EPERM)
+        throw Failure("the machine '" + folder + "' belongs to another user", kExitDenied);
+    if (access(folder.c_str(), F_OK) != 0)
+        throw Failure("there is no machine '" + folder + "'", kExitNotRunning);
+    throw Failure("the machine '" + folder + "' is not running (kvrhost serve " + folder + ")",
+                  kExitNotRunning);
+}
 
-private:
-    std::unique_ptr<WireConnection> connection_;
-};
+posix::File Connect(const std::string& folder) {
+    posix::File socket = wire::ConnectToServer(folder);
+    if (!socket.IsOpen()) NoConnection(folder, errno);
+    return socket;
+}
 
 wire::VolumeName WireName(const std::u16string& volume) {
     wire::VolumeName name{};
@@ -36,19 +47,6 @@ std::span<const std::uint8_t> BytesOf(const Record& record) {
     return {reinterpret_cast<const std::uint8_t*>(&record), sizeof record};
 }
 
-FileSystemKind KindOf(wire::FileSystemKind kind) {
-    switch (kind) {
-        case wire::FileSystemKind::None:
-            return FileSystemKind::None;
-        case wire::FileSystemKind::Ntfs:
-            return FileSystemKind::Ntfs;
-        case wire::FileSystemKind::Ext:
-            return FileSystemKind::Ext;
-        default:
-            return FileSystemKind::Other;
-    }
-}
-
 std::string ClientText(std::uint32_t clients, const std::string& names) {
     if (clients == 0) return {};
     return names.empty() ? std::to_string(clients) + (clients == 1 ? " client" : " clients") : names;
@@ -60,24 +58,62 @@ std::string TextOr(const Answer& answer, const std::string& otherwise) {
 
 }  // namespace
 
+// A connection to the control socket. It is the handle as well: its end closes the device.
+class HostedWorld::Connection : public Driver {
+public:
+    // Throws Failure: kExitNotRunning where nobody answers, kExitDenied.
+    explicit Connection(const std::string& folder) : folder_(folder), channel_(Connect(folder)) {}
+    ~Connection() override { channel_.Finish(); }
+
+    Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) override {
+        return Call(wire::Command::DeviceControl, code, input, output);
+    }
+
+    // One request and its response, as Driver::Control has it. Throws Failure when the connection breaks or the
+    // response breaks the layout.
+    Answer Call(wire::Command command, std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) {
+        wire::Response response;
+        const wire::Request request{command, code, Bytes(input.begin(), input.end()),
+                                    static_cast<std::uint32_t>(output.size())};
+        if (!channel_.Call(request, response)) Lost(errno);
+        output = std::move(response.output);
+        return {response.status, std::move(response.text)};
+    }
+
+private:
+    [[noreturn]] void Lost(int error) const {
+        if (error == EPROTO)
+            throw Failure("the machine '" + folder_ + "' answers with something else than it should");
+        throw Failure("the machine '" + folder_ + "' ended the connection; it was stopped or is booting anew",
+                      kExitNotRunning);
+    }
+
+    std::string folder_;
+    wire::Channel channel_;
+};
+
+HostedWorld::HostedWorld(std::string folder) : folder_(std::move(folder)) {}
+
+HostedWorld::~HostedWorld() = default;
+
 std::unique_ptr<Driver> HostedWorld::OpenDriver(Access access) {
-    auto connection = std::make_unique<WireConnection>(folder_);
+    auto connection = std::make_unique<Connection>(folder_);
     Bytes nothing;
     const std::uint32_t wanted = access == Access::Read ? kGenericRead : kGenericRead | kGenericWrite;
     const Answer answer = connection->Call(wire::Command::Open, wanted, {}, nothing);
-    if (answer.status == kDeviceAlreadyAttached) return nullptr;
-    if (answer.status == kAccessDenied)
+    if (answer.status == STATUS_DEVICE_ALREADY_ATTACHED) return nullptr;
+    if (answer.status == STATUS_ACCESS_DENIED)
         throw Failure(TextOr(answer, "the control device may not be opened"), kExitDenied);
     if (!IsSuccess(answer.status))
         throw Failure(TextOr(answer, "the driver's control device cannot be opened"), kExitNotRunning);
-    return std::make_unique<HostedDriver>(std::move(connection));
+    return connection;
 }
 
 std::optional<VolumeFacts> HostedWorld::Facts(const std::u16string& volume) {
     Bytes output(sizeof(wire::VolumeFacts));
     const wire::VolumeName name = WireName(volume);
-    const Answer answer = Connection().Call(wire::Command::Facts, 0, BytesOf(name), output);
-    if (answer.status == kObjectNameNotFound) return std::nullopt;
+    const Answer answer = Ask(wire::Command::Facts, BytesOf(name), output);
+    if (answer.status == STATUS_OBJECT_NAME_NOT_FOUND) return std::nullopt;
     if (!IsSuccess(answer.status) || output.size() != sizeof(wire::VolumeFacts))
         throw Failure(TextOr(answer, "the machine does not describe " + ToUtf8(volume)));
     wire::VolumeFacts told;
@@ -87,7 +123,7 @@ std::optional<VolumeFacts> HostedWorld::Facts(const std::u16string& volume) {
     if (told.freeBytes != wire::kUnknown) facts.freeBytes = told.freeBytes;
     facts.sectorBytes = told.sectorBytes;
     facts.removable = told.removable != 0;
-    facts.fileSystem = KindOf(told.fileSystem);
+    facts.fileSystem = told.fileSystem;
     facts.clients = ClientText(told.clients, answer.text);
     return facts;
 }
@@ -95,7 +131,7 @@ std::optional<VolumeFacts> HostedWorld::Facts(const std::u16string& volume) {
 Bytes HostedWorld::ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) {
     const wire::SectorsAt place{WireName(volume), offset, length, 0};
     Bytes output(length);
-    const Answer answer = Connection().Call(wire::Command::ReadSectors, 0, BytesOf(place), output);
+    const Answer answer = Ask(wire::Command::ReadSectors, BytesOf(place), output);
     if (!IsSuccess(answer.status) || output.size() != length)
         throw Failure(TextOr(answer, "sectors of " + ToUtf8(volume) + " cannot be read"));
     return output;
@@ -107,8 +143,8 @@ std::optional<Bytes> HostedWorld::ReadRegistry(const std::u16string& value) {
     path += value;
     Bytes output(wire::kMaximumLength);
     const std::span input(reinterpret_cast<const std::uint8_t*>(path.data()), path.size() * sizeof(char16_t));
-    const Answer answer = Connection().Call(wire::Command::ReadRegistry, 0, input, output);
-    if (answer.status == kObjectNameNotFound) return std::nullopt;
+    const Answer answer = Ask(wire::Command::ReadRegistry, input, output);
+    if (answer.status == STATUS_OBJECT_NAME_NOT_FOUND) return std::nullopt;
     if (!IsSuccess(answer.status)) throw Failure(TextOr(answer, "the machine's registry cannot be read"));
     return output;
 }
@@ -117,9 +153,9 @@ std::string HostedWorld::NextBoot() const {
     return "the next boot (kvrhost reboot " + folder_ + ")";
 }
 
-WireConnection& HostedWorld::Connection() {
-    if (!connection_) connection_ = std::make_unique<WireConnection>(folder_);
-    return *connection_;
+Answer HostedWorld::Ask(wire::Command command, std::span<const std::uint8_t> input, Bytes& output) {
+    if (!connection_) connection_ = std::make_unique<Connection>(folder_);
+    return connection_->Call(command, 0, input, output);
 }
 
 std::unique_ptr<World> MakeWorld(const std::string& folder) {

@@ -1,14 +1,15 @@
 // The world of a hosted machine, behind its control socket.
 #pragma once
 #include <string>
-#include "tool/kvrctl/wire_connection.h"
+#include "formats/control_wire.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl {
 
 class HostedWorld : public World {
 public:
-    explicit HostedWorld(std::string folder) : folder_(std::move(folder)) {}
+    explicit HostedWorld(std::string folder);
+    ~HostedWorld() override;
 
     std::unique_ptr<Driver> OpenDriver(Access access) override;
     std::optional<VolumeFacts> Facts(const std::u16string& volume) override;
@@ -17,11 +18,13 @@ public:
     std::string NextBoot() const override;
 
 private:
-    // The connection for the machine's own facts, apart from the handles' ones.
-    WireConnection& Connection();
+    class Connection;
+
+    // For the machine's own facts, apart from the handles' connections.
+    Answer Ask(tool::wire::Command command, std::span<const std::uint8_t> input, Bytes& output);
 
     std::string folder_;
-    std::unique_ptr<WireConnection> connection_;
+    std::unique_ptr<Connection> connection_;
 };
 
 }  // namespace ctl

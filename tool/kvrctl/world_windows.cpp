@@ -1,8 +1,11 @@
 // The world of this very computer: the device \\.\kvr, its volumes and its registry.
+#define WIN32_NO_STATUS  // all of the statuses come from their own header
 #include <windows.h>
+#undef WIN32_NO_STATUS
+#include <ntstatus.h>
 #include <winioctl.h>
 #include <winternl.h>
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/world.h"
 
@@ -58,8 +61,8 @@ NTSTATUS OpenDevice(Access access, HANDLE& device) {
 }
 
 bool IsMissing(Status status) {
-    return status == kObjectNameNotFound || status == kObjectPathNotFound || status == kNoSuchDevice ||
-           status == kNoSuchFile;
+    return status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND ||
+           status == STATUS_NO_SUCH_DEVICE || status == STATUS_NO_SUCH_FILE;
 }
 
 std::wstring Wide(const std::u16string& text) {
@@ -107,10 +110,10 @@ public:
         HANDLE device = nullptr;
         const Status status = OpenDevice(access, device);
         if (IsSuccess(status)) return std::make_unique<WindowsDriver>(device);
-        if (status == kDeviceAlreadyAttached) return nullptr;
+        if (status == STATUS_DEVICE_ALREADY_ATTACHED) return nullptr;
         if (IsMissing(status))
             throw Failure("the driver is not loaded (there is no device \\\\.\\kvr)", kExitNotRunning);
-        if (status == kAccessDenied)
+        if (status == STATUS_ACCESS_DENIED)
             throw Failure("the driver's control device may not be opened; run this as an administrator",
                           kExitDenied);
         throw Failure("the driver's control device cannot be opened: " + StatusText(status), kExitNotRunning);
@@ -138,7 +141,7 @@ public:
         Bytes bytes(length);
         DWORD done = 0;
         const bool read = handle.IsOpen() && SetFilePointerEx(handle.Get(), place, nullptr, FILE_BEGIN) &&
-                          ReadFile(handle.Get(), bytes.data(), length, &done, nullptr);
+                          ::ReadFile(handle.Get(), bytes.data(), length, &done, nullptr);
         if (!read)
             throw Failure("sectors of " + ToUtf8(volume) + " cannot be read: " + SystemText(GetLastError()));
         if (done != length) throw Failure("sectors of " + ToUtf8(volume) + " lie beyond its end");

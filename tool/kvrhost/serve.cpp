@@ -12,9 +12,9 @@
 #include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include "client/status.h"
+#include "client/wire_channel.h"
 #include "nbd/machine_folder.h"
-#include "nbd/wire_channel.h"
-#include "tool/demo/control_client.h"
 #include "tool/error.h"
 
 namespace tool {
@@ -118,10 +118,7 @@ int ExitCodeOf(int status) {
 }
 
 bool IsAnswering(const MachineFolder& folder) {
-    const int socket = nbd::ConnectToServer(folder.path);
-    if (socket < 0) return false;
-    close(socket);
-    return true;
+    return wire::ConnectToServer(folder.path).IsOpen();
 }
 
 // The last line that the server left in its log.
@@ -183,16 +180,13 @@ void PrintLinesToPaste(const MachineFolder& folder) {
 // ---- a running server ------------------------------------------------------------------------------------
 
 void Ask(const MachineFolder& folder, Command command) {
-    const int socket = nbd::ConnectToServer(folder.path);
-    if (socket < 0) throw Error("the machine in " + folder.path + " is not being served");
-    nbd::WireChannel channel(socket);
-    nbd::WireResponse response;
-    nbd::WireRequest request;
-    request.command = command;
-    if (!channel.Send(request) || !channel.Receive(response))
+    posix::File socket = wire::ConnectToServer(folder.path);
+    if (!socket.IsOpen()) throw Error("the machine in " + folder.path + " is not being served");
+    wire::Response response;
+    if (!wire::Channel(std::move(socket)).Call({command, 0, {}, 0}, response))
         throw Error("the server of " + folder.path + " ended without an answer");
-    if (response.status < 0)
-        throw Error(response.text.empty() ? "the server answers " + StatusText(response.status)
+    if (!ctl::IsSuccess(response.status))
+        throw Error(response.text.empty() ? "the server answers " + ctl::StatusText(response.status)
                                           : response.text);
 }
 

@@ -1,11 +1,11 @@
-#include "tool/kvrctl/host_files.h"
+#include "tool/kvrctl/host.h"
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 
 namespace ctl {
 namespace {

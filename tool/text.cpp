@@ -1,8 +1,8 @@
-#include "tool/kvrctl/size.h"
+#include "tool/text.h"
 #include <algorithm>
 #include <cstdio>
 #include <iterator>
-#include "tool/kvrctl/failure.h"
+#include "client/failure.h"
 
 namespace ctl {
 namespace {
@@ -82,6 +82,29 @@ std::string PercentText(std::uint64_t part, std::uint64_t whole) {
     if (whole == 0 || part == 0) return "0 %";
     const auto percent = static_cast<unsigned>(static_cast<long double>(std::min(part, whole)) * 100 / whole);
     return percent == 0 ? "<1 %" : std::to_string(percent) + " %";
+}
+
+std::string CountText(std::uint64_t number, const std::string& thing) {
+    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
+}
+
+std::string TableText(const std::vector<Row>& rows) {
+    std::vector<std::size_t> widths;
+    for (const Row& row : rows) {
+        widths.resize(std::max(widths.size(), row.size()));
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        std::string line;
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            line += row[i];
+            line.append(widths[i] - row[i].size() + 2, ' ');
+        }
+        line.erase(line.find_last_not_of(' ') + 1);
+        text += line + "\n";
+    }
+    return text;
 }
 
 }  // namespace ctl

@@ -1,13 +1,31 @@
-// What the tool asks of the driver: one function per control code, over an open control device.
+// What a program asks of the driver: one function per control code, over an open control device, wherever that
+// is (behind a hosted machine's control socket, in a kernel inside this process, \\.\kvr).
 #pragma once
 #include <cstdint>
+#include <memory>
+#include <span>
 #include <string>
 #include <vector>
+#include "client/status.h"
 #include "formats/kvr_ioctl.h"
-#include "tool/kvrctl/terminal.h"
-#include "tool/kvrctl/world.h"
 
 namespace ctl {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct Answer {
+    Status status;
+    std::string text;  // why the machine itself refused, if it did
+};
+
+// An open handle to the control device, closed with its owner. There is one for the whole machine.
+class Driver {
+public:
+    virtual ~Driver() = default;
+    // `output` has the size of the answer's room and is cut to what was filled. Throws Failure when the machine
+    // is lost.
+    virtual Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) = 0;
+};
 
 struct FixedVolume {
     std::u16string name;
@@ -15,6 +33,7 @@ struct FixedVolume {
     std::int64_t swapTotal;
     std::int64_t swapUsed;
     std::uint32_t swapStatus;
+    std::int64_t SwapFree() const { return swapTotal - swapUsed; }
     bool operator==(const FixedVolume&) const = default;
 };
 
@@ -31,21 +50,16 @@ inline constexpr std::uint32_t kSwapMapBad = 3;
 inline constexpr std::uint32_t kSwapNoLocation = 4;
 inline constexpr std::uint32_t kSwapNotHeld = 5;
 
-// A whole disk's own device stands among the fixed volumes; nothing is done to it.
-bool IsDisk(const std::u16string& name);
-
 class Client {
 public:
-    // Another program may hold the device for a moment: it is tried again for about two seconds. Throws
-    // Failure.
-    Client(World& world, Terminal& terminal, Access access);
+    explicit Client(std::unique_ptr<Driver> driver) : driver_(std::move(driver)) {}
 
     // Each throws Failure with what the driver's refusal means.
     bool Enabled();
     // KVR_CONFIG_BYTES at most, fewer when the file is shorter; empty when there is no configuration yet.
     Bytes GetConfig();
     void SetConfig(const Bytes& image);
-    // In the order in which the machine found the devices.
+    // In the order in which the machine found the devices; whole disks are among the fixed ones.
     std::vector<FixedVolume> FixedVolumes();
     std::vector<RemovableVolume> RemovableVolumes();
     // Starts the work and returns; FixedVolumes tells how far it is.

@@ -1,8 +1,9 @@
-// Sizes as people write and read them.
+// What people write and read: sizes, counts, bars, tables.
 #pragma once
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace ctl {
 
@@ -15,5 +16,12 @@ std::string SizeText(std::uint64_t bytes);
 std::string Bar(std::uint64_t part, std::uint64_t whole, unsigned width);
 // "37 %", rounded down, so that 100 % is all of it; "<1 %" for what is not nothing.
 std::string PercentText(std::uint64_t part, std::uint64_t whole);
+
+// "1 file", "3 files".
+std::string CountText(std::uint64_t number, const std::string& thing);
+
+using Row = std::vector<std::string>;
+// Columns as wide as their widest cell. Every line ended; no blanks at the end of one.
+std::string TableText(const std::vector<Row>& rows);
 
 }  // namespace ctl
