@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # What a user gets when completing kvrctl's command line, with a kvrctl that knows two volumes.
 set -u
-completion=$1
+completion=$("$1" completion)
 failures=0
 kvrctl() { [ "$*" = "${expected_call:-volumes --names}" ] && printf 'HarddiskVolume1\nHarddiskVolume12\n'; }
-. "$completion"
+eval "$completion"
 
 # gives "EXPECTED WORDS" WORDS...: the completions of the last word
 gives() {
@@ -29,6 +29,9 @@ gives "discard keep" kvrctl protect --at-boot ""
 gives "--at-boot" kvrctl protect HarddiskVolume1 --at
 gives "--force" kvrctl config set --f
 gives "--json" kvrctl map HarddiskVolume1 --j
+gives "ctl_completion.sh" kvrctl map 1 --svg ctl_compl
+gives "ctl_completion.sh" kvrctl config check ctl_compl
+gives "" kvrctl --machine ctl_compl
 expected_call="--machine pc volumes --names"
 gives "HarddiskVolume1 HarddiskVolume12" kvrctl --machine pc merge ""
 [ "$failures" -eq 0 ]

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <CLI/CLI.hpp>
 #include "tool/kvrctl/commands.h"
+#include "tool/kvrctl/completion.h"
 #include "tool/kvrctl/date.h"
 #include "client/failure.h"
 
@@ -34,6 +35,14 @@ public:
         AddEdits();
         AddConfig();
         AddSwap();
+        app_.add_subcommand("completion", "A script for bash that completes kvrctl's command line")
+            ->group("")
+            ->final_callback([this] {
+                run_ = [this] {
+                    terminal_.out << CompletionScript(app_);
+                    return kExitOk;
+                };
+            });
     }
 
     int Parse(std::vector<std::string> words) {
