@@ -88,31 +88,6 @@ TEST(ByteAccess, AnyRangeIsWrittenAndReadAsInAModel) {
     EXPECT_EQ(target.Bytes(), model);
 }
 
-// Threads that own interleaved bytes of the same sectors, and one that writes other whole sectors beside them:
-// no write takes another's back.
-TEST(ByteAccess, WritesToPartsOfOneSectorDoNotUndoEachOther) {
-    constexpr unsigned kThreads = 4, kRounds = 300;
-    MemoryTarget target(8 * kSector);
-    nbd::ByteAccess access(kSector);
-    std::vector<std::thread> threads;
-    for (unsigned thread = 0; thread < kThreads; ++thread) {
-        threads.emplace_back([&, thread] {
-            const std::size_t share = kSector / kThreads;
-            for (unsigned round = 1; round <= kRounds; ++round) {
-                const std::vector<std::uint8_t> data(share, static_cast<std::uint8_t>(round));
-                const std::uint64_t sector = round % 4 * 2;
-                EXPECT_EQ(access.Write(target, sector * kSector + thread * share, data.data(), share),
-                          STATUS_SUCCESS);
-                std::vector<std::uint8_t> read(share);
-                EXPECT_EQ(access.Read(target, sector * kSector + thread * share, read.data(), share),
-                          STATUS_SUCCESS);
-                EXPECT_EQ(read, data) << "thread " << thread << " round " << round;
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-}
-
 // A whole sector that is written between the two halves of a change would be lost with it.
 TEST(ByteAccess, AChangeOfAPartDoesNotTakeBackAWholeSector) {
     MemoryTarget target(kSector);

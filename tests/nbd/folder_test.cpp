@@ -4,15 +4,13 @@
 #include <fstream>
 #include <string>
 #include <vector>
-#include "folder_support.h"
 #include "machine/partition/formatter.h"
 #include "machine/disk/image_disk.h"
+#include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
+#include "tests/support/scratch_folder.h"
 
 namespace {
-
-using nbd_test::Complaint;
-using nbd_test::ScratchFolder;
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
@@ -29,29 +27,29 @@ std::string MakeImage(const std::string& path, machine::TableKind table, std::ui
 }
 
 // The image stays as it is, and the machine's folder does not come to be.
-std::string RefusalOf(const ScratchFolder& scratch, const std::string& image) {
+std::string RefusalOf(const TestFolder& scratch, const std::string& image) {
     nbd::NewMachine machine;
-    machine.path = scratch.Path("refused");
+    machine.path = scratch.File("refused");
     machine.images = {image};
-    const std::string before = nbd_test::Contents(image);
+    const std::vector<char> before = TestFolder::Bytes(image);
     const std::string complaint = Complaint([&] { nbd::MakeMachine(machine); });
     EXPECT_FALSE(std::filesystem::exists(machine.path));
-    EXPECT_TRUE(nbd_test::Contents(image) == before);
+    EXPECT_TRUE(TestFolder::Bytes(image) == before);
     return complaint;
 }
 
 TEST(Images, WhatCannotBeADiskIsRefusedWithItsReason) {
-    const ScratchFolder scratch;
+    const TestFolder scratch;
     const auto file = [&](const char* name, const std::string& bytes) {
-        std::ofstream(scratch.Path(name), std::ios::binary) << bytes;
-        return scratch.Path(name);
+        std::ofstream(scratch.File(name), std::ios::binary) << bytes;
+        return scratch.File(name);
     };
     const std::string rest(2 * kMiB, '\0');
     const struct {
         std::string image;
         const char* reason;
     } cases[] = {
-        {scratch.Path("missing"), "No such file"},
+        {scratch.File("missing"), "No such file"},
         {file("qcow2", "QFI\xfb" + rest), "no raw image but qcow2"},
         {file("vmdk", "KDMV" + rest), "no raw image but vmdk"},
         {file("vhdx", "vhdxfile" + rest), "no raw image but vhdx"},
@@ -65,8 +63,8 @@ TEST(Images, WhatCannotBeADiskIsRefusedWithItsReason) {
 }
 
 TEST(Images, OneThatIsInUseOrWriteProtectedIsRefused) {
-    const ScratchFolder scratch;
-    const std::string image = MakeImage(scratch.Path("image"), machine::TableKind::Gpt);
+    const TestFolder scratch;
+    const std::string image = MakeImage(scratch.File("image"), machine::TableKind::Gpt);
     {
         std::string error;
         const auto user = machine::ImageDisk::Open(image, 512, error);
@@ -78,31 +76,22 @@ TEST(Images, OneThatIsInUseOrWriteProtectedIsRefused) {
     EXPECT_NE(RefusalOf(scratch, image).find("Permission denied"), std::string::npos);
 }
 
-TEST(Images, SectorsAreAsTheTableSays) {
-    const ScratchFolder scratch;
-    for (const std::uint32_t sector : {512u, 4096u}) {
-        const std::string image =
-            MakeImage(scratch.Path(std::to_string(sector)), machine::TableKind::Gpt, sector);
-        const nbd::FolderDisk disk = nbd::CheckImage(image);
-        EXPECT_EQ(disk.sectorBytes, sector);
-        EXPECT_EQ(disk.path, std::filesystem::canonical(image).string());
-    }
-}
-
 TEST(Folders, AreReadAsTheyWereWritten) {
-    const ScratchFolder scratch;
+    const TestFolder scratch;
     nbd::NewMachine machine;
-    machine.path = scratch.Path("pc");
-    machine.images = {MakeImage(scratch.Path("a b"), machine::TableKind::Mbr),
-                      MakeImage(scratch.Path("c"), machine::TableKind::Gpt)};
+    machine.path = scratch.File("pc");
+    machine.images = {MakeImage(scratch.File("a b"), machine::TableKind::Mbr),
+                      MakeImage(scratch.File("c"), machine::TableKind::Gpt)};
     nbd::MakeMachine(machine);
+    EXPECT_EQ(nbd::CheckImage(MakeImage(scratch.File("large"), machine::TableKind::Gpt, 4096)).sectorBytes,
+              4096u);
     const nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
     ASSERT_EQ(folder.disks.size(), 2u);
-    EXPECT_EQ(folder.DiskPath(folder.disks[0]), scratch.Path("a b"));
+    EXPECT_EQ(folder.DiskPath(folder.disks[0]), scratch.File("a b"));
 
     EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("no empty folder"), std::string::npos);
     EXPECT_EQ(nbd::MachineFolder::Read(machine.path).disks.size(), 2u) << "what is there stays";
-    machine.path = scratch.Path("twice");
+    machine.path = scratch.File("twice");
     machine.images[1] = machine.images[0];
     EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("named twice"), std::string::npos);
 

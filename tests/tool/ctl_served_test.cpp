@@ -1,44 +1,25 @@
 // The command line against the real driver of a served machine, through its control socket.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <thread>
 #include <unistd.h>
 #include "ctl_support.h"
-#include "nbd/control_server.h"
-#include "nbd/folder_maker.h"
-#include "scratch_folder.h"
+#include "client/wire_channel.h"
+#include "tests/nbd/served.h"
 #include "platform/host/sync/thread.h"
 #include "tool/kvrctl/saved_map.h"
-#include "tool/kvrctl/world_hosted.h"
 
 namespace {
 
 using namespace ctl;
 using namespace ctl_test;
 
-constexpr std::uint64_t kMiB = 1024 * 1024;
+using nbd_test::kMiB;
 
-class CtlServed : public testing::Test {
+class CtlServed : public nbd_test::Served {
 protected:
-    void SetUp() override {
-        nbd::NewMachine machine;
-        machine.path = folder_.File("pc");
-        machine.size = 130 * kMiB;
-        machine.volumes = 2;
-        nbd::MakeMachine(machine);
-        nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
-        nbd::FolderLock lock(folder);
-        server_ = std::make_unique<nbd::Server>(std::move(folder), std::move(lock));
-        server_->Start();
-        control_ = std::make_unique<nbd::ControlServer>(*server_, [] {});
-    }
-    void TearDown() override {
-        control_.reset();
-        server_.reset();
-    }
     Result Run(std::vector<std::string> words, const std::function<bool()>& onPause = {}) {
-        words.insert(words.begin(), {"--machine", folder_.File("pc")});
+        words.insert(words.begin(), {"--machine", Folder()});
         return RunWith(MakeWorld, words, onPause);
     }
     // The commands all succeed.
@@ -52,23 +33,9 @@ protected:
         host::JoinSystemThreads();
         return true;
     }
-    void Reboot() {
-        std::string why;
-        ASSERT_TRUE(server_->Reboot(why)) << why;
-    }
-    void Write(std::uint64_t offset, std::uint64_t length) {
-        auto client = server_->Connect({false, 2}, "a test");
-        std::vector<char> bytes(length, 'w');
-        EXPECT_EQ(STATUS_SUCCESS,
-                  server_->Transfer(*client, nbd::Server::Action::Write, offset, length, bytes.data()));
-        server_->Disconnect(std::move(client));
-    }
-
-    const TestFolder folder_;
-    std::unique_ptr<nbd::Server> server_;
-    std::unique_ptr<nbd::ControlServer> control_;
 };
 
+// With a client that goes on reading while the machine boots under it.
 TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     EXPECT_TRUE(Run({"status"}).out.starts_with("Protection is off"));
     EXPECT_EQ("kvrctl: there is no configuration yet\n", Run({"config", "get"}).err);
@@ -78,14 +45,24 @@ TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
         {"config", "check"},
         {"debug"}});
     Reboot();
-    Write(40 * kMiB, 3 * kMiB);
+    auto client = Connect("HarddiskVolume2");
+    std::vector<std::uint8_t> bytes(3 * kMiB, 'w'), first(4096);
+    ASSERT_EQ(STATUS_SUCCESS, Transfer(client, nbd::Server::Action::Write, 40 * kMiB, bytes));
     const std::string status = Run({"status"}).out;
     EXPECT_NE(std::string::npos, status.find("HarddiskVolume2     fixed  protected      16 MiB  3 MiB  13 MiB"))
         << status;
     EXPECT_NE(std::string::npos, Run({"swap", "make", "2", "1M"}).err.find("is protected"));
+    std::atomic<bool> ends{false};
+    std::atomic<unsigned> reads{0};
+    std::thread busy([&] {
+        for (; !ends; ++reads) EXPECT_EQ(STATUS_SUCCESS, Transfer(client, nbd::Server::Action::Read, 0, first));
+    });
     Reboot();
-    HostedWorld world(folder_.File("pc"));
-    const MapSummary summary = Summarize(ReadSavedMap(world, u"\\Device\\HarddiskVolume2"));
+    for (const unsigned then = reads; reads == then;) std::this_thread::yield();
+    ends = true;
+    busy.join();
+    server->Disconnect(std::move(client));
+    const MapSummary summary = Summarize(ReadSavedMap(world, nbd_test::kSecond));
     EXPECT_EQ(3 * kMiB / 512, summary.redirectedSectors);
     EXPECT_EQ(13 * kMiB / 512, summary.freeSectors);
     EXPECT_EQ(1u, summary.ranges);
@@ -112,44 +89,37 @@ TEST_F(CtlServed, CtrlCStopsTheDriverAndItCleansUp) {
 
 TEST_F(CtlServed, OthersInTheWay) {
     {
-        auto client = server_->Connect({false, 2}, "a client (pid 7)");
-        const Result result = Run({"swap", "make", "2", "1M"});
-        EXPECT_EQ(kExitBusy, result.exitCode);
-        EXPECT_NE(std::string::npos, result.err.find("a client (pid 7)")) << result.err;
-        server_->Disconnect(std::move(client));
+        auto client = Connect("HarddiskVolume2");
+        EXPECT_EQ(kExitBusy, Run({"swap", "make", "2", "1M"}).exitCode);
+        server->Disconnect(std::move(client));
     }
     {
-        HostedWorld other(folder_.File("pc"));
-        const auto driver = other.OpenDriver(Access::Read);
+        const auto driver = world.OpenDriver(Access::Read);
         EXPECT_EQ(kExitBusy, Run({"status"}).exitCode);
     }
     EXPECT_EQ(kExitOk, Run({"status"}).exitCode);
-    control_.reset();
+    control.reset();
     EXPECT_EQ(kExitNotRunning, Run({"status"}).exitCode);
-    EXPECT_EQ(kExitNotRunning, RunWith(MakeWorld, {"--machine", folder_.File("none"), "status"}).exitCode);
+    EXPECT_EQ(kExitNotRunning, RunWith(MakeWorld, {"--machine", scratch.File("none"), "status"}).exitCode);
     EXPECT_EQ(kExitUsage, RunWith(MakeWorld, {"--machine", std::string(200, 'x'), "status"}).exitCode);
 }
 
 // A server that answers each request with the same bytes and then ends the connection.
 Result RunAgainst(const std::string& folder, const std::string& answer) {
-    const int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
     const std::string path = folder + "/" + tool::wire::kSocketName;
-    std::copy(path.begin(), path.end(), address.sun_path);
-    EXPECT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address));
-    EXPECT_EQ(0, listen(listener, 1));
+    sockaddr_un address;
+    EXPECT_TRUE(tool::wire::MakeAddress(path, address));
+    const posix::File listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(0, bind(listener.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address));
+    EXPECT_EQ(0, listen(listener.Get(), 1));
     std::thread server([&] {
-        const int client = accept(listener, nullptr, nullptr);
+        const posix::File client(accept(listener.Get(), nullptr, nullptr));
         tool::wire::RequestHeader request;
-        EXPECT_EQ(static_cast<ssize_t>(sizeof request), recv(client, &request, sizeof request, MSG_WAITALL));
-        EXPECT_EQ(static_cast<ssize_t>(answer.size()),
-                  send(client, answer.data(), answer.size(), MSG_NOSIGNAL));
-        close(client);
+        EXPECT_TRUE(posix::ReceiveAll(client.Get(), &request, sizeof request));
+        EXPECT_TRUE(posix::SendAll(client.Get(), answer.data(), answer.size()));
     });
     const Result result = RunWith(MakeWorld, {"--machine", folder, "status"});
     server.join();
-    close(listener);
     unlink(path.c_str());
     return result;
 }
@@ -161,11 +131,9 @@ std::string Header(const tool::wire::ResponseHeader& header) {
 TEST(CtlWire, AnswersThatBreakTheLayout) {
     const TestFolder folder;
     using tool::wire::kMagic;
-    const std::string strange = "answers with something else";
-    EXPECT_NE(std::string::npos, RunAgainst(folder.Path(), Header({1, 0, 0, 0})).err.find(strange));
-    EXPECT_NE(std::string::npos, RunAgainst(folder.Path(), Header({kMagic, 0, 1, 0})).err.find(strange));
-    EXPECT_NE(std::string::npos,
-              RunAgainst(folder.Path(), Header({kMagic, 0, 0, 0xFFFFFFFF})).err.find(strange));
+    for (const auto& header :
+         {Header({1, 0, 0, 0}), Header({kMagic, 0, 1, 0}), Header({kMagic, 0, 0, 0xFFFFFFFF})})
+        EXPECT_NE(std::string::npos, RunAgainst(folder.Path(), header).err.find("answers with something else"));
     for (const std::string& cut : {std::string(), Header({kMagic, 0, 0, 4}), std::string("KVR")}) {
         const Result result = RunAgainst(folder.Path(), cut);
         EXPECT_EQ(kExitNotRunning, result.exitCode);

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 #include "machine/partition/subprocess.h"
-#include "tests/tool/scratch_folder.h"
+#include "tests/support/scratch_folder.h"
 #include "tool/error.h"
 #include "tool/demo/image_source.h"
 #include "tool/demo/offline_ntfs.h"
@@ -12,28 +12,15 @@ using namespace tool;
 constexpr std::uint64_t kVolume = 24 * 1024 * 1024;
 constexpr std::uint64_t kStart = 1024 * 1024;
 
-// A formatted volume with some files, made by the NTFS tools, behind the first megabyte of an image.
-struct Image {
-    TestFolder folder;
-    std::string volume = folder.Sparse("volume", kVolume);
-    std::string image = folder.Sparse("image", kStart + kVolume);
-
-    Image() { Tool("mkntfs", {"-q", "-F", "-Q", "-p", "2048", "-H", "255", "-S", "63", "-s", "512", volume}); }
-    static void Tool(const std::string& name, const std::vector<std::string>& arguments) {
-        const machine::ToolResult result = machine::RunTool(name, arguments);
-        ASSERT_TRUE(result.started && result.exitCode == 0) << name << ": " << result.output;
-    }
-    std::vector<char> VolumeBytes() const {
-        std::ifstream stream(volume, std::ios::binary);
-        return {std::istreambuf_iterator<char>(stream), {}};
-    }
-    void Finish() { TestFolder::Put(image, kStart, VolumeBytes()); }
-};
-
 TEST(FindVolume, TakesTheNtfsVolumeOfAnImageOrSaysWhyNot) {
-    Image made;
-    made.Finish();
-    EXPECT_EQ(FindVolume(made.volume).length, kVolume);
+    const TestFolder folder;
+    const std::string volume = folder.Sparse("volume", kVolume),
+                      image = folder.Sparse("image", kStart + kVolume);
+    const machine::ToolResult result = machine::RunTool(
+        "mkntfs", {"-q", "-F", "-Q", "-p", "2048", "-H", "255", "-S", "63", "-s", "512", volume});
+    ASSERT_TRUE(result.started && result.exitCode == 0) << result.output;
+    TestFolder::Put(image, kStart, TestFolder::Bytes(volume));
+    EXPECT_EQ(FindVolume(volume).length, kVolume);
     // One MBR entry for the volume, one for something else.
     std::vector<char> table(66, 0);
     const auto entry = [&](std::size_t at, char type, std::uint32_t start, std::uint32_t sectors) {
@@ -46,17 +33,17 @@ TEST(FindVolume, TakesTheNtfsVolumeOfAnImageOrSaysWhyNot) {
     entry(0, 7, kStart / 512, kVolume / 512);
     entry(16, char(0x83), 100, 200);
     table[64] = 0x55, table[65] = char(0xAA);
-    TestFolder::Put(made.image, 446, table);
-    const Place place = FindVolume(made.image);
+    TestFolder::Put(image, 446, table);
+    const Place place = FindVolume(image);
     EXPECT_EQ(place.offset, kStart);
     EXPECT_EQ(place.length, kVolume);
     EXPECT_EQ(place.sectorBytes, 512u);
 
-    TestFolder::Put(made.image, kStart, std::vector<char>(512, 0));
-    EXPECT_THROW(FindVolume(made.image), Error);
-    EXPECT_THROW(FindVolume(made.folder.File("missing")), Error);
-    EXPECT_THROW(FindVolume(made.folder.Path()), Error);
-    EXPECT_THROW(FindVolume(made.folder.Sparse("empty", 0)), Error);
+    TestFolder::Put(image, kStart, std::vector<char>(512, 0));
+    EXPECT_THROW(FindVolume(image), Error);
+    EXPECT_THROW(FindVolume(folder.File("missing")), Error);
+    EXPECT_THROW(FindVolume(folder.Path()), Error);
+    EXPECT_THROW(FindVolume(folder.Sparse("empty", 0)), Error);
 }
 
 TEST(PlanSwap, FitsTheVolumeOrRefuses) {

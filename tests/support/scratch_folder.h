@@ -1,4 +1,4 @@
-// A folder for one test's files, and files in it.
+// A folder for one test's files, and files in it. Its path is short, as sockets want it.
 #pragma once
 #include <cstdint>
 #include <cstdlib>
@@ -7,10 +7,21 @@
 #include <string>
 #include <vector>
 
+// What `body` throws, or nothing.
+template <class Body>
+std::string Complaint(const Body& body) {
+    try {
+        body();
+        return {};
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+}
+
 class TestFolder {
 public:
     TestFolder() {
-        std::string name = (std::filesystem::temp_directory_path() / "kvr-test.XXXXXX").string();
+        std::string name = "/tmp/kvr-test.XXXXXX";
         if (mkdtemp(name.data()) == nullptr) std::abort();
         path_ = name;
     }
@@ -24,6 +35,13 @@ public:
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
     bool Empty() const { return std::filesystem::is_empty(path_); }
+
+    // What a file holds; nothing for what is none.
+    static std::vector<char> Bytes(const std::string& file) {
+        std::vector<char> bytes(std::filesystem::is_regular_file(file) ? std::filesystem::file_size(file) : 0);
+        std::ifstream(file, std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+        return bytes;
+    }
 
     // A sparse file of `size` bytes.
     std::string Sparse(const std::string& name, std::uint64_t size) const {
