@@ -3,7 +3,7 @@
 #include "tool/kvrctl/config_check.h"
 #include "tool/kvrctl/config_edit.h"
 #include "tool/kvrctl/config_scan.h"
-#include "tool/kvrctl/diff.h"
+#include "tool/kvrctl/config_store.h"
 #include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 

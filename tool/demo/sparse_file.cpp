@@ -13,50 +13,67 @@
 namespace tool {
 namespace {
 
-constexpr std::size_t kCopyStep = 1024 * 1024;
+constexpr std::uint64_t kPiece = 64 * 1024;
 
-bool IsZero(const std::vector<char>& data, std::size_t length) {
-    return data[0] == 0 && std::memcmp(data.data(), data.data() + 1, length - 1) == 0;
+// The first byte of [at, end) that is no hole, or `end`.
+std::uint64_t SkipHole(int file, std::uint64_t at, std::uint64_t end) {
+    const off_t data = lseek(file, static_cast<off_t>(at), SEEK_DATA);
+    if (data < 0) return errno == ENXIO ? end : at;  // a device that knows no holes
+    return std::min(static_cast<std::uint64_t>(data), end);
 }
 
-// Copies the data of [offset, offset + length) of `from` to the start of `to`, which is as long already.
-bool CopyData(int from, int to, std::uint64_t offset, std::uint64_t length) {
-    std::vector<char> part(kCopyStep);
-    const auto end = static_cast<off_t>(offset + length);
-    off_t at = lseek(from, static_cast<off_t>(offset), SEEK_DATA);
-    for (; at >= 0 && at < end; at = lseek(from, at, SEEK_DATA)) {
-        const off_t hole = std::min(lseek(from, at, SEEK_HOLE), end);
-        while (at < hole) {
-            const auto step = static_cast<std::size_t>(std::min<off_t>(hole - at, kCopyStep));
-            const auto place = static_cast<std::uint64_t>(at);
-            if (!posix::ReadAt(from, part.data(), step, place)) return false;
-            if (!IsZero(part, step) && !posix::WriteAt(to, part.data(), step, place - offset)) return false;
-            at += static_cast<off_t>(step);
-        }
-    }
-    return at >= end || errno == ENXIO;  // ENXIO: nothing but a hole is left
+bool IsZero(std::span<const char> data) {
+    return data[0] == 0 && std::memcmp(data.data(), data.data() + 1, data.size() - 1) == 0;
+}
+
+// Copies the range to the start of `to`, which is new.
+void CopyData(const posix::File& from, const posix::File& to, std::uint64_t offset, std::uint64_t length,
+              const std::string& what) {
+    if (!to.IsOpen() || ftruncate(to.Get(), static_cast<off_t>(length)) != 0)
+        throw Error(what + ": " + std::strerror(errno));
+    ForEachPiece(from.Get(), offset, offset, offset + length,
+                 [&](std::uint64_t at, std::span<const char> piece) {
+                     if (!posix::WriteAt(to.Get(), piece.data(), piece.size(), at - offset))
+                         throw Error(what + ": " + std::strerror(errno));
+                 });
+}
+
+posix::File OpenToRead(const std::string& path) {
+    posix::File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!file.IsOpen()) throw Error("cannot read " + path + ": " + std::strerror(errno));
+    return file;
 }
 
 }  // namespace
 
+void ForEachPiece(int file, std::uint64_t origin, std::uint64_t begin, std::uint64_t end,
+                  const std::function<void(std::uint64_t at, std::span<const char> piece)>& use) {
+    std::vector<char> data(kPiece);
+    for (std::uint64_t at = begin; at < end;) {
+        const std::uint64_t next = SkipHole(file, at, end);
+        if (next >= end) return;
+        at = std::max(origin + (next - origin) / kPiece * kPiece, at);
+        const std::uint64_t stop = std::min(origin + ((at - origin) / kPiece + 1) * kPiece, end);
+        const std::span piece(data.data(), static_cast<std::size_t>(stop - at));
+        if (!posix::ReadAt(file, piece.data(), piece.size(), at))
+            throw Error(std::string("cannot read the disk image: ") + std::strerror(errno));
+        if (!IsZero(piece)) use(at, piece);
+        at = stop;
+    }
+}
+
 void CopySparse(const std::string& from, const std::string& to) {
-    const posix::File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!source.IsOpen()) throw Error("cannot read " + from + ": " + std::strerror(errno));
+    const posix::File source = OpenToRead(from);
     const posix::File target(open(to.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (target.IsOpen() && ioctl(target.Get(), FICLONE, source.Get()) == 0) return;
     const off_t size = lseek(source.Get(), 0, SEEK_END);
-    if (!target.IsOpen() || size < 0) throw Error("cannot copy " + from + ": " + std::strerror(errno));
-    if (ioctl(target.Get(), FICLONE, source.Get()) == 0) return;
-    if (ftruncate(target.Get(), size) != 0 ||
-        !CopyData(source.Get(), target.Get(), 0, static_cast<std::uint64_t>(size)))
-        throw Error("cannot copy " + from + ": " + std::strerror(errno));
+    if (size < 0) throw Error("cannot copy " + from + ": " + std::strerror(errno));
+    CopyData(source, target, 0, static_cast<std::uint64_t>(size), "cannot copy " + from);
 }
 
 void ExtractSparse(const std::string& from, std::uint64_t offset, std::uint64_t length, const std::string& to) {
-    const posix::File source(open(from.c_str(), O_RDONLY | O_CLOEXEC));
     const posix::File target(open(to.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!source.IsOpen() || !target.IsOpen() || ftruncate(target.Get(), static_cast<off_t>(length)) != 0 ||
-        !CopyData(source.Get(), target.Get(), offset, length))
-        throw Error("cannot copy a volume out of " + from + ": " + std::strerror(errno));
+    CopyData(OpenToRead(from), target, offset, length, "cannot copy a volume out of " + from);
 }
 
 std::uint64_t AllocatedBytes(const std::string& path) {

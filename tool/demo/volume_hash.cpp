@@ -6,12 +6,11 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 #include "posix/file_io.h"
+#include "tool/demo/sparse_file.h"
 #include "tool/error.h"
 
 namespace tool {
 namespace {
-
-constexpr std::uint64_t kPiece = 64 * 1024;
 
 class Sha256 {
 public:
@@ -50,40 +49,6 @@ std::vector<Extent> Normalise(std::vector<Extent> extents, std::uint64_t length)
     return result;
 }
 
-// The first byte of [at, end) that is no hole, or `end`.
-std::uint64_t SkipHole(int file, std::uint64_t at, std::uint64_t end) {
-    const off_t data = lseek(file, static_cast<off_t>(at), SEEK_DATA);
-    if (data < 0) return errno == ENXIO ? end : at;  // a device that knows no holes
-    return std::min(static_cast<std::uint64_t>(data), end);
-}
-
-bool IsZero(const std::vector<char>& data, std::size_t length) {
-    return data[0] == 0 && std::memcmp(data.data(), data.data() + 1, length - 1) == 0;
-}
-
-// Hashes the range's content: each piece that is not all zeros, behind its place. Pieces are cut at multiples
-// of kPiece on the volume and at the range's ends, so the same content gives the same pieces however it is
-// stored.
-void AddRange(Sha256& hash, int file, std::uint64_t volume, std::uint64_t begin, std::uint64_t end) {
-    std::vector<char> data(kPiece);
-    std::uint64_t at = begin;
-    while (at < end) {
-        const std::uint64_t next = SkipHole(file, volume + at, volume + end) - volume;
-        if (next > at) at = std::max(next / kPiece * kPiece, at);
-        if (at >= end || next >= end) break;
-        const std::uint64_t stop = std::min((at / kPiece + 1) * kPiece, end);
-        const auto length = static_cast<std::size_t>(stop - at);
-        if (!posix::ReadAt(file, data.data(), length, volume + at))
-            throw Error(std::string("cannot read the disk image: ") + std::strerror(errno));
-        if (!IsZero(data, length)) {
-            const std::uint64_t place[] = {at, length};
-            hash.Add(place, sizeof place);
-            hash.Add(data.data(), length);
-        }
-        at = stop;
-    }
-}
-
 }  // namespace
 
 VolumeHash HashVolume(const std::string& image, std::uint64_t offset, std::uint64_t length,
@@ -96,7 +61,13 @@ VolumeHash HashVolume(const std::string& image, std::uint64_t offset, std::uint6
     std::vector<Extent> gaps = Normalise(excluded, length);
     gaps.push_back({length, 0});
     for (const Extent& gap : gaps) {
-        AddRange(hash, file.Get(), offset, at, gap.offset);
+        // Each piece behind its place on the volume.
+        ForEachPiece(file.Get(), offset, offset + at, offset + gap.offset,
+                     [&](std::uint64_t where, std::span<const char> piece) {
+                         const std::uint64_t place[] = {where - offset, piece.size()};
+                         hash.Add(place, sizeof place);
+                         hash.Add(piece.data(), piece.size());
+                     });
         result.covered += gap.offset - at;
         at = gap.offset + gap.length;
     }
