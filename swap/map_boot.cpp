@@ -25,6 +25,13 @@ struct MAP_LOAD {
 };
 
 // A run that cannot be read is the load's status, and the next one is read.
+// For DeserializeSwapMap, and out of its reach again.
+void OfferRun(PVOLUME_EXTENSION volume, UCHAR* buffer, ULONG length) {
+    FastMutexLock lock(volume->SwapLock);
+    volume->MapBuffer = buffer;
+    volume->MapBufferSize = length;
+}
+
 void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     if (run->ulLength < sizeof(SWAP_MAP_ENTRY)) {
         load.loaded = STATUS_END_OF_FILE;  // it holds no entry, and needs no reading to know
@@ -41,12 +48,9 @@ void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     load.status = TransferOnce(IRP_MJ_READ, load.volume->Target, buffer.Get(), run->ulLength,
                                RunOffset(*run, load.volume->BytesPerSector));
     if (!NT_SUCCESS(load.status)) return;
-    {
-        FastMutexLock lock(load.volume->SwapLock);
-        load.volume->MapBuffer = buffer.Get();
-        load.volume->MapBufferSize = run->ulLength;
-    }
+    OfferRun(load.volume, buffer.Get(), run->ulLength);
     load.loaded = DeserializeSwapMap(load.volume->FilterDevice);
+    OfferRun(load.volume, nullptr, 0);
 }
 
 // A value too short for one run is no location.

@@ -14,9 +14,9 @@
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
 // The save itself, with none of these questions but whether the trees changed. Always STATUS_SUCCESS.
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);
-// Reads the run in MapBuffer, MapBufferSize bytes, into the trees; afterwards the record has none. Trusts
-// nothing: an entry with a bad check byte, without sectors, beyond the range of offsets, redirecting a range
-// twice or freeing a space twice is STATUS_INVALID_PARAMETER. (Whether other spaces of the swap overlap is
-// looked at once, when the whole map is there.) STATUS_END_OF_FILE when the run holds no entry;
+// Reads the run in MapBuffer, MapBufferSize bytes, which stays the caller's, into the trees. Trusts nothing: an
+// entry with a bad check byte, without sectors, beyond the range of offsets, redirecting a range twice or
+// freeing a space twice is STATUS_INVALID_PARAMETER. (Whether other spaces of the swap overlap is looked at
+// once, when the whole map is there.) STATUS_END_OF_FILE when the run holds no entry;
 // STATUS_INSUFFICIENT_RESOURCES or STATUS_UNSUCCESSFUL when a chunk could not be stored.
 [[nodiscard]] NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device);

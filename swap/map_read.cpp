@@ -133,8 +133,7 @@ ULONG PackRanges(PVOLUME_EXTENSION volume, ULONG64* ranges) KVR_REQUIRES(volume-
 NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
     FastMutexLock lock(volume->SwapLock);
-    const UCHAR* run = std::exchange(volume->MapBuffer, nullptr);
-    return LoadRun(volume, run, std::exchange(volume->MapBufferSize, 0));
+    return LoadRun(volume, volume->MapBuffer, volume->MapBufferSize);
 }
 
 NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {

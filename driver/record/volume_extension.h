@@ -70,7 +70,7 @@ struct VOLUME_EXTENSION {
     // Where the configuration's pieces lie; complete when no entry is 0.
     std::atomic<LONGLONG> PreloadConfigLocation[kConfigPieces];  // from the registry at start, atomic
     LONGLONG PostloadConfigLocation[kConfigPieces] KVR_GUARDED_BY(SwapLock);  // captured in this boot
-    // The saved map: the run that is to be read next, and where the map lies. A save counts in a cursor of its
+    // The saved map: the run that is being read, and where the map lies. A save counts in a cursor of its
     // own, so MapEntryCount and MapRunIndex are 0 whenever SwapLock can be had.
     UCHAR* MapBuffer KVR_GUARDED_BY(SwapLock);
     ULONG64 MapBufferSize KVR_GUARDED_BY(SwapLock);
