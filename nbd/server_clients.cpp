@@ -104,6 +104,7 @@ NTSTATUS Server::Transfer(const Connection& connection, Action action, std::uint
     std::uint64_t start = 0;
     std::uint64_t size = connection.size;
     // A boot may have found other volumes than the one before.
+    if (connection.disk == nullptr) return STATUS_DEVICE_POWERED_OFF;
     if (!connection.target.wholeDisk && DiskOf(connection.target, start, size) != connection.disk)
         return on_ ? STATUS_NO_SUCH_DEVICE : STATUS_DEVICE_POWERED_OFF;
     if (offset > size || length > size - offset) return STATUS_INVALID_PARAMETER;

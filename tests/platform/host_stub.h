@@ -1,5 +1,6 @@
 // A stack of stand-in devices for the host kernel's tests: each device answers its requests as its script says.
 #pragma once
+#include <gtest/gtest.h>
 #include <functional>
 #include <string>
 #include <vector>

@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"

@@ -62,11 +62,11 @@ NTSTATUS NotFound(std::u16string_view upcased) {
                                                                 : STATUS_OBJECT_PATH_NOT_FOUND;
 }
 
-NTSTATUS AddName(std::u16string_view name, Node node) KVR_REQUIRES(gLock) {
+NTSTATUS AddName(std::u16string_view name, const Node& node) KVR_REQUIRES(gLock) {
     const std::u16string key = Upcase(Canonical(name));
     if (key.empty()) return STATUS_OBJECT_NAME_INVALID;
     if (!MayHold(key)) return STATUS_OBJECT_PATH_NOT_FOUND;
-    return gNames.try_emplace(key, std::move(node)).second ? STATUS_SUCCESS : STATUS_OBJECT_NAME_COLLISION;
+    return gNames.try_emplace(key, node).second ? STATUS_SUCCESS : STATUS_OBJECT_NAME_COLLISION;
 }
 
 // The object with the longest name that `path` begins with, whole components only.
