@@ -5,15 +5,11 @@
 #
 # Compiles every source of the driver with clang against the mingw-w64 DDK headers, links kvr64.sys with lld and
 # passes it through check_driver_image.py. The same sources give the same bytes wherever they are built: no time
-# stamp and no path of the machine gets into the image. KVR_JOBS sets how many compilers run at once.
+# stamp and no path of the machine gets into the image.
 set -euo pipefail
 
-if [ $# -ne 1 ]; then
-    echo "usage: $0 OUTPUT_DIRECTORY" >&2
-    exit 2
-fi
-mkdir -p "$1"
-out=$(cd "$1" && pwd)
+. "$(dirname "$0")/compile.sh"
+output_folder "$@"
 cd "$(dirname "$0")/.."
 . cmake/windows_image.sh
 

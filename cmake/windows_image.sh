@@ -1,5 +1,5 @@
 # Compiles and links images for the Windows kernel with clang, lld and the mingw-w64 DDK headers. Sourced by
-# whoever builds one, from the project's root; KVR_JOBS sets how many compilers run at once.
+# whoever builds one, after compile.sh and from the project's root.
 root=$PWD
 clang=${KVR_CLANG:-clang++-14}
 lld=${KVR_LLD:-ld.lld-14}
@@ -28,30 +28,16 @@ flags=(
 )
 
 # build_image IMAGE DESCRIPTION SOURCE...
-# Objects go into the folder `objects` beside the image. Waits for one compiler and gives up with it; bash reports
-# a failed one once. The image is no library: a loader would call the entry of one as something else. Relocations
+# Objects go into the folder `objects` beside the image. The image is no library: a loader would call the entry of one as something else. Relocations
 # stay, the kernel moves drivers.
 build_image() {
-    local image=$1 description=$2 source running=0
+    local image=$1 description=$2 objects
     shift 2
-    local objects sources=("$@")
     objects=$(dirname "$image")/objects
-    mkdir -p "$objects"
-    for source in "${sources[@]}"; do
-        if [ "$running" -ge "${KVR_JOBS:-$(nproc)}" ]; then
-            wait -n
-            running=$((running - 1))
-        fi
-        "$clang" "${flags[@]}" -c "$source" -o "$objects/${source//\//_}.o" &
-        running=$((running + 1))
-    done
-    while [ "$running" -gt 0 ]; do
-        wait -n
-        running=$((running - 1))
-    done
+    compiler=("$clang" "${flags[@]}")
+    compile_all "$objects" "$@"
     cmake/version_resource.sh "$(basename "$image")" driver "$description" "$objects/version.o"
-    local linked=("${sources[@]//\//_}")
     (cd "$objects" && "$lld" -m i386pep --subsystem native:6.1 -e DriverEntry --image-base 0x140000000 \
         --no-insert-timestamp --disable-auto-import --fatal-warnings --gc-sections -s --Xlink=-driver:wdm \
-        "-L$sysroot/lib" "${linked[@]/%/.o}" version.o -lntoskrnl -o "$image")
+        "-L$sysroot/lib" "${compiled[@]}" version.o -lntoskrnl -o "$image")
 }

@@ -5,12 +5,8 @@
 #
 # kvrstory.sys, the harness driver with every story in it, and kvrplay.exe, which has a boot of a story played.
 set -euo pipefail
-if [ $# -ne 1 ]; then
-    echo "usage: $0 OUTPUT_DIRECTORY" >&2
-    exit 2
-fi
-mkdir -p "$1"
-out=$(cd "$1" && pwd)
+. "$(dirname "$0")/../../../cmake/compile.sh"
+output_folder "$@"
 cd "$(dirname "$0")/../../.."
 . cmake/windows_image.sh
 
