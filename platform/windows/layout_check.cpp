@@ -1,6 +1,7 @@
-// Compiled into nothing: what crosses the driver's boundary lies where the other side expects it, as the
-// compiler that builds the image sees it. The other side is the kernel (requests, disk and SCSI records), the
-// tool (control records), or a later boot (what was written to a disk).
+// Compiled into nothing: what crosses the driver's boundary lies where the other side expects it. The other
+// side is the kernel (requests, disk and SCSI records), the tool (control records), or a later boot (what was
+// written to a disk). Both builds compile it, against the platform's headers and against the host kernel's, so
+// that the host kernel serves the image as well.
 #include "config/storage.h"
 #include "formats/kvr_ioctl.h"
 #include "swap/map_format.h"
@@ -52,13 +53,22 @@ LIES_AT(IRP, MdlAddress, 0x08);
 LIES_AT(IRP, Flags, 0x10);
 LIES_AT(IRP, AssociatedIrp, 0x18);
 LIES_AT(IRP, IoStatus, 0x30);
+LIES_AT(IRP, RequestorMode, 0x40);
+LIES_AT(IRP, PendingReturned, 0x41);
+LIES_AT(IRP, StackCount, 0x42);
 LIES_AT(IRP, CurrentLocation, 0x43);
+LIES_AT(IRP, Cancel, 0x44);
+LIES_AT(IRP, UserIosb, 0x48);
+LIES_AT(IRP, UserEvent, 0x50);
 LIES_AT(IRP, UserBuffer, 0x70);
+LIES_AT(IRP, Tail.Overlay.Thread, 0x98);
+LIES_AT(IRP, Tail.Overlay.ListEntry, 0xA8);
 LIES_AT(IRP, Tail.Overlay.CurrentStackLocation, 0xB8);
 LIES_AT(IRP, Tail.Overlay.OriginalFileObject, 0xC0);
 SIZE_IS(IO_STACK_LOCATION, 0x48);
 LIES_AT(IO_STACK_LOCATION, MajorFunction, 0x00);
 LIES_AT(IO_STACK_LOCATION, MinorFunction, 0x01);
+LIES_AT(IO_STACK_LOCATION, Control, 0x03);
 LIES_AT(IO_STACK_LOCATION, Parameters.Read.Length, 0x08);
 LIES_AT(IO_STACK_LOCATION, Parameters.Read.ByteOffset, 0x18);
 LIES_AT(IO_STACK_LOCATION, Parameters.Write.Length, 0x08);
@@ -68,19 +78,56 @@ LIES_AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.InputBufferLength, 0x10);
 LIES_AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode, 0x18);
 LIES_AT(IO_STACK_LOCATION, Parameters.Power.Type, 0x10);
 LIES_AT(IO_STACK_LOCATION, Parameters.Power.State, 0x18);
+LIES_AT(IO_STACK_LOCATION, DeviceObject, 0x28);
 LIES_AT(IO_STACK_LOCATION, FileObject, 0x30);
 LIES_AT(IO_STACK_LOCATION, CompletionRoutine, 0x38);
+LIES_AT(IO_STACK_LOCATION, Context, 0x40);
+LIES_AT(DEVICE_OBJECT, DriverObject, 0x08);
+LIES_AT(DEVICE_OBJECT, NextDevice, 0x10);
+LIES_AT(DEVICE_OBJECT, AttachedDevice, 0x18);
 LIES_AT(DEVICE_OBJECT, Flags, 0x30);
 LIES_AT(DEVICE_OBJECT, Characteristics, 0x34);
+LIES_AT(DEVICE_OBJECT, Vpb, 0x38);
 LIES_AT(DEVICE_OBJECT, DeviceExtension, 0x40);
 LIES_AT(DEVICE_OBJECT, DeviceType, 0x48);
+LIES_AT(DEVICE_OBJECT, StackSize, 0x4C);
+LIES_AT(DEVICE_OBJECT, AlignmentRequirement, 0x98);
 LIES_AT(DEVICE_OBJECT, SectorSize, 0x130);
+LIES_AT(DRIVER_OBJECT, DeviceObject, 0x08);
 LIES_AT(DRIVER_OBJECT, DriverExtension, 0x30);
+LIES_AT(DRIVER_OBJECT, DriverName, 0x38);
+LIES_AT(DRIVER_OBJECT, DriverUnload, 0x68);
 LIES_AT(DRIVER_OBJECT, MajorFunction, 0x70);
+LIES_AT(DRIVER_EXTENSION, AddDevice, 0x08);
+LIES_AT(FILE_OBJECT, DeviceObject, 0x08);
+LIES_AT(FILE_OBJECT, Vpb, 0x10);
+LIES_AT(FILE_OBJECT, FsContext, 0x18);
 LIES_AT(FILE_OBJECT, Flags, 0x50);
 LIES_AT(FILE_OBJECT, FileName, 0x58);
+LIES_AT(VPB, DeviceObject, 0x08);
+LIES_AT(VPB, RealDevice, 0x10);
 SIZE_IS(MDL, 0x30);
+LIES_AT(MDL, MdlFlags, 0x0A);
+LIES_AT(MDL, MappedSystemVa, 0x18);
+LIES_AT(MDL, StartVa, 0x20);
+LIES_AT(MDL, ByteCount, 0x28);
+LIES_AT(MDL, ByteOffset, 0x2C);
 SIZE_IS(IO_STATUS_BLOCK, 0x10);
+LIES_AT(IO_STATUS_BLOCK, Information, 0x08);
+SIZE_IS(OBJECT_ATTRIBUTES, 0x30);
+LIES_AT(OBJECT_ATTRIBUTES, ObjectName, 0x10);
+LIES_AT(OBJECT_ATTRIBUTES, Attributes, 0x18);
+SIZE_IS(OBJECT_NAME_INFORMATION, 0x10);
+LIES_AT(KEY_VALUE_PARTIAL_INFORMATION, Data, 0x0C);
+SIZE_IS(TIME_FIELDS, 0x10);
+
+// What the driver keeps in its own memory and the kernel works on.
+SIZE_IS(KEVENT, 0x18);
+SIZE_IS(KMUTEX, 0x38);
+SIZE_IS(KSPIN_LOCK, 0x08);
+SIZE_IS(FAST_MUTEX, 0x38);
+LIES_AT(FAST_MUTEX, Owner, 0x08);
+LIES_AT(FAST_MUTEX, OldIrql, 0x30);
 SIZE_IS(IO_REMOVE_LOCK, 0x20);
 SIZE_IS(RTL_OSVERSIONINFOEXW, 284);
 static_assert(IRP_MJ_MAXIMUM_FUNCTION == 27);

@@ -124,7 +124,8 @@ TEST_F(WritePath, RefusesEverythingOnAProtectedRemovableVolume) {
     ntfs.DriverName = Counted(u"\\FileSystem\\NTFS");
     fat.DriverName = Counted(u"\\FileSystem\\fastfat");
     DEVICE_OBJECT mounted{};
-    VPB vpb = {&mounted, nullptr};
+    VPB vpb{};
+    vpb.DeviceObject = &mounted;
     TestFile file(u"\\pagefile.sys");
     const std::vector<UCHAR> data(512);
     EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(stick, kAt, data).status);

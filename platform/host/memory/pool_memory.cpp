@@ -1,14 +1,13 @@
 #include "platform/host/memory/pool_memory.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <vector>
 
 #include "platform/host/sync/host_lock.h"
 
-// Sanitizers follow memory through the allocator, so there every block is one of its own.
+// Sanitizers follow memory through the allocator, so there every block is one of its own; a build may ask for
+// the same with KVR_POOL_PLAIN.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #define KVR_POOL_PLAIN 1
 #elif defined(__has_feature)
@@ -18,6 +17,9 @@
 #endif
 #ifndef KVR_POOL_PLAIN
 #define KVR_POOL_PLAIN 0
+#endif
+#if !KVR_POOL_PLAIN
+#include <sys/mman.h>
 #endif
 
 namespace host {

@@ -6,11 +6,13 @@ enum POOL_TYPE { NonPagedPool = 0, PagedPool = 1 };
 
 // Not recursive; holding one raises the thread to APC_LEVEL.
 struct KVR_CAPABILITY("fast mutex") FAST_MUTEX {
-    std::atomic<LONG> State;  // 0 free, 1 held, 2 held with waiters
+    std::atomic<LONG> State;  // 1 free, 0 held, -1 held with waiters
     std::atomic<void*> Owner;
+    ULONG Rank;        // place in the lock order, 0 when it has none; see sync.h
+    UCHAR Room18[8];   // images built with the platform's headers initialise an event here
+    const char* Name;  // with a rank only
+    UCHAR Room28[8];
     KIRQL OldIrql;
-    ULONG Rank;  // place in the lock order, 0 when it has none; see sync.h
-    const char* Name;
 };
 using PFAST_MUTEX = FAST_MUTEX*;
 

@@ -1,5 +1,7 @@
 // I/O manager: devices, requests, memory descriptor lists. Field names and flag values are the
-// platform's; what the driver and the machine's devices do not use is left out.
+// platform's, and so is where the fields lie: an image built with the platform's own headers works on these
+// records too (platform/windows/layout_check.cpp). Room without a name is the platform's fields that neither
+// the driver nor the machine's devices use.
 #pragma once
 #include "platform/host/nt/ntex.h"
 #include "platform/host/nt/ntrtl.h"
@@ -85,6 +87,7 @@ struct MDL {
     MDL* Next;
     CSHORT Size;
     CSHORT MdlFlags;
+    PVOID Process;
     PVOID MappedSystemVa;
     PVOID StartVa;
     ULONG ByteCount;
@@ -92,15 +95,18 @@ struct MDL {
 };
 
 struct VPB {
+    UCHAR Room[8];
     PDEVICE_OBJECT DeviceObject;  // the mounted file system's device, null while none is mounted
     PDEVICE_OBJECT RealDevice;
 };
 using PVPB = VPB*;
 
 struct FILE_OBJECT {
+    UCHAR Room0[8];
     PDEVICE_OBJECT DeviceObject;
     PVPB Vpb;
     PVOID FsContext;
+    UCHAR Room20[0x30];
     ULONG Flags;
     UNICODE_STRING FileName;
 };
@@ -108,16 +114,20 @@ struct FILE_OBJECT {
 struct HostDevice;  // the host kernel's own part of a device object
 
 struct DEVICE_OBJECT {
+    UCHAR Room0[8];
     PDRIVER_OBJECT DriverObject;
     PDEVICE_OBJECT NextDevice;
     PDEVICE_OBJECT AttachedDevice;  // the device directly above
+    UCHAR Room20[0x10];
     ULONG Flags;
     ULONG Characteristics;
     PVPB Vpb;
     PVOID DeviceExtension;
     DEVICE_TYPE DeviceType;
     CCHAR StackSize;
+    UCHAR Room4D[0x4B];
     ULONG AlignmentRequirement;
+    UCHAR Room9C[0x94];
     USHORT SectorSize;
     HostDevice* Host;
 };
@@ -134,9 +144,12 @@ struct DRIVER_EXTENSION {
 };
 
 struct DRIVER_OBJECT {
+    UCHAR Room0[8];
     PDEVICE_OBJECT DeviceObject;  // first of the driver's devices, linked by NextDevice
+    UCHAR Room10[0x20];
     DRIVER_EXTENSION* DriverExtension;
     UNICODE_STRING DriverName;
+    UCHAR Room48[0x20];
     PDRIVER_UNLOAD DriverUnload;
     PDRIVER_DISPATCH MajorFunction[IRP_MJ_MAXIMUM_FUNCTION + 1];
 };
@@ -157,24 +170,24 @@ struct IO_STACK_LOCATION {
     union {
         struct {
             ULONG Length;
-            ULONG Key;
+            alignas(8) ULONG Key;
             LARGE_INTEGER ByteOffset;
         } Read;
         struct {
             ULONG Length;
-            ULONG Key;
+            alignas(8) ULONG Key;
             LARGE_INTEGER ByteOffset;
         } Write;
         struct {
             ULONG OutputBufferLength;
-            ULONG InputBufferLength;
-            ULONG IoControlCode;
+            alignas(8) ULONG InputBufferLength;
+            alignas(8) ULONG IoControlCode;
             PVOID Type3InputBuffer;
         } DeviceIoControl;
         struct {
             ULONG SystemContext;
-            POWER_STATE_TYPE Type;
-            POWER_STATE State;
+            alignas(8) POWER_STATE_TYPE Type;
+            alignas(8) POWER_STATE State;
         } Power;
         struct {
             PVOID Argument1, Argument2, Argument3, Argument4;
@@ -190,12 +203,15 @@ using PIO_STACK_LOCATION = IO_STACK_LOCATION*;
 struct HostIrp;  // the host kernel's own part of a request
 
 struct IRP {
+    UCHAR Room0[8];
     PMDL MdlAddress;
     ULONG Flags;
     union {
         IRP* MasterIrp;
         PVOID SystemBuffer;
     } AssociatedIrp;
+    HostIrp* Host;  // the platform's own part as well
+    UCHAR Room28[8];
     IO_STATUS_BLOCK IoStatus;
     KPROCESSOR_MODE RequestorMode;
     BOOLEAN PendingReturned;
@@ -204,16 +220,19 @@ struct IRP {
     BOOLEAN Cancel;
     PIO_STATUS_BLOCK UserIosb;
     PKEVENT UserEvent;
+    UCHAR Room58[0x18];
     PVOID UserBuffer;
     struct {
         struct {
+            UCHAR Room78[0x20];
             PETHREAD Thread;
+            UCHAR RoomA0[8];
             LIST_ENTRY ListEntry;
             PIO_STACK_LOCATION CurrentStackLocation;
             PFILE_OBJECT OriginalFileObject;
+            UCHAR RoomC8[8];
         } Overlay;
     } Tail;
-    HostIrp* Host;
 };
 
 // ---- devices -----------------------------------------------------------------------------------------

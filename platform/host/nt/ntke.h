@@ -21,6 +21,7 @@ struct DISPATCHER_HEADER {
     HostDispatcherType Type;
     UCHAR Synchronization;  // events: 1 resets the event when a wait is satisfied
     std::atomic<LONG> SignalState;
+    LIST_ENTRY Room8;
 };
 
 struct KEVENT {
@@ -36,6 +37,7 @@ struct KVR_CAPABILITY("kernel mutex") KMUTEX {
     LONG Recursion;
     ULONG Rank;  // place in the lock order, 0 when it has none; see sync.h
     const char* Name;
+    UCHAR Room30[8];
 };
 using PKMUTEX = KMUTEX*;
 using PRKMUTEX = KMUTEX*;

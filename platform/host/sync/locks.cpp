@@ -10,9 +10,10 @@ namespace {
 
 using namespace host;
 
-constexpr LONG kFree = 0;
-constexpr LONG kHeldAlone = 1;
-constexpr LONG kHeldContended = 2;
+// The platform's values: an image built with its headers initialises fast mutexes itself.
+constexpr LONG kFree = 1;
+constexpr LONG kHeldAlone = 0;
+constexpr LONG kHeldContended = -1;
 
 // Marks the mutex as contended on every attempt, so that whoever releases it wakes the next one.
 void AcquireContended(PFAST_MUTEX mutex) {

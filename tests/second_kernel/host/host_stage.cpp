@@ -7,8 +7,6 @@
 #include <optional>
 #include <thread>
 #include <vector>
-#include "driver/attach.h"
-#include "driver/entry.h"
 #include "platform/host/rtl/debug_sink.h"
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
@@ -130,7 +128,7 @@ thread_local std::optional<host::FaultPause> gPause;
 namespace stage {
 
 NTSTATUS LoadDriver(PDRIVER_OBJECT& driver) {
-    return host::LoadDriver(DriverEntry, u"\\Driver\\kvr", driver);
+    return host::LoadDriver(host_stage::DriverToLoad(), u"\\Driver\\kvr", driver);
 }
 
 ULONG WaitForDriverThreads() {

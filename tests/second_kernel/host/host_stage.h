@@ -5,6 +5,9 @@
 
 namespace host_stage {
 
+// The entry of the driver under test, every global of which has its load value. Null when there is none.
+[[nodiscard]] PDRIVER_INITIALIZE DriverToLoad();
+
 // Everything before the story's first boot: media and registry empty, no kernel files.
 void BeginStory(const Story& story);
 // A kernel that is on, without the driver.

@@ -1,17 +1,40 @@
 #!/usr/bin/env bash
-# Builds what plays stories on Wine's kernel.
+# Builds kvrstories.exe, the host kernel and the stories as a program for Windows, which loads kvr64.sys; and of the
+# same parts kvrgate.sys, through which other programs reach the driver on the host kernel.
 #
 #   tests/second_kernel/wine/build.sh OUTPUT_DIRECTORY
 #
-# kvrstory.sys, the harness driver with every story in it, and kvrplay.exe, which has a boot of a story played.
+# With clang, which keeps a thread's variables in the system's own thread-local storage, until their destructors
+# have run.
 set -euo pipefail
 . "$(dirname "$0")/../../../cmake/compile.sh"
 output_folder "$@"
 cd "$(dirname "$0")/../../.."
-. cmake/windows_image.sh
+libstdcxx=$(ls -d /usr/lib/gcc/x86_64-w64-mingw32/*-posix/include/c++ 2>/dev/null | tail -n 1)
+if [ -z "$libstdcxx" ]; then
+    echo "$0: needs g++-mingw-w64-x86-64-posix" >&2
+    exit 2
+fi
+library=${libstdcxx%/include/c++}
+clang=("${KVR_CLANG:-clang++-14}" --target=x86_64-w64-mingw32)
+compiler=(
+    ${CMAKE_CXX_COMPILER_LAUNCHER:-} "${clang[@]}" -std=c++20 -O1 -Wall -Wextra -Werror -I. -Iplatform/host -DKVR_POOL_PLAIN=1
+    -nostdinc++ -isystem "$libstdcxx" -isystem "$libstdcxx/x86_64-w64-mingw32"
+    -isystem /usr/x86_64-w64-mingw32/include/ddk -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet
+    -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset -D_WIN32_WINNT=0x0602 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
+)
 
-mapfile -t sources < <(find tests/second_kernel/{common,stories,wine} -name '*.cpp' ! -name kvrplay.cpp |
-    LC_ALL=C sort)
-build_image "$out/kvrstory.sys" "Kvr stories on a second kernel" "${sources[@]}" platform/windows/seh.cpp
-x86_64-w64-mingw32-g++-win32 -std=c++20 -O2 -Wall -Wextra -Werror -municode -static -I. \
-    tests/second_kernel/wine/kvrplay.cpp -o "$out/kvrplay.exe"
+mapfile -t sources < <(find platform/host tests/second_kernel machine/files/share_access.cpp \
+    platform/windows/layout_check.cpp -name '*.cpp' ! -path '*/os/linux/*' ! -name linked_driver.cpp)
+compile_all "$out/story-objects" "${sources[@]}"
+# Links what is not called that.
+link_without() {
+    local object linked=() unwanted=$1
+    shift
+    for object in "${compiled[@]}"; do
+        [[ $object =~ $unwanted ]] || linked+=("$out/story-objects/$object")
+    done
+    "${clang[@]}" -fuse-ld=lld-14 -static "-L$library" "${linked[@]}" -lsynchronization -lwinpthread "$@"
+}
+link_without '_(gate|gate_host|tool_story)\.cpp\.o$' -o "$out/kvrstories.exe"
+link_without '_host_main\.cpp\.o$' -lntoskrnl -shared -Wl,--entry=GateEntry,--subsystem=native -o "$out/kvrgate.sys"

@@ -1,80 +1,153 @@
-#include "image.h"
-extern "C" {
-#include <ntimage.h>
-}
+#include "tests/second_kernel/wine/image.h"
+#include <windows.h>
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <vector>
+#include "tests/second_kernel/wine/traps.h"
 
-namespace shim {
+namespace image {
 namespace {
 
-// The loader's record of a module, as far as it is read here: a member of the list in load order.
-struct LOADED_MODULE {
-    LIST_ENTRY InLoadOrder;
-    LIST_ENTRY InMemoryOrder;
-    LIST_ENTRY InInitOrder;
-    PVOID Base;
-    PVOID EntryPoint;
-    ULONG ImageBytes;
-    UNICODE_STRING FullName;
-    UNICODE_STRING BaseName;
-};
-static_assert(FIELD_OFFSET(LOADED_MODULE, Base) == 0x30);
-static_assert(FIELD_OFFSET(LOADED_MODULE, BaseName) == 0x58);
-
-const IMAGE_OPTIONAL_HEADER64& HeaderOf(PUCHAR module) {
-    const auto* dos = reinterpret_cast<const IMAGE_DOS_HEADER*>(module);
-    return reinterpret_cast<const IMAGE_NT_HEADERS64*>(module + dos->e_lfanew)->OptionalHeader;
-}
+unsigned char* gImage;  // what is mapped
+RUNTIME_FUNCTION* gUnwind;
 
 template <class T>
-T* At(PUCHAR module, ULONG64 offset) {
-    return reinterpret_cast<T*>(module + offset);
+T* At(DWORD offset) {
+    return reinterpret_cast<T*>(gImage + offset);
+}
+
+const IMAGE_NT_HEADERS64& HeadersOf(const unsigned char* file) {
+    return *reinterpret_cast<const IMAGE_NT_HEADERS64*>(
+        file + reinterpret_cast<const IMAGE_DOS_HEADER*>(file)->e_lfanew);
+}
+
+const IMAGE_NT_HEADERS64& Headers() {
+    return HeadersOf(gImage);
+}
+
+const IMAGE_DATA_DIRECTORY& Directory(int number) {
+    return Headers().OptionalHeader.DataDirectory[number];
+}
+
+void Unmap() {
+    if (gUnwind != nullptr) RtlDeleteFunctionTable(gUnwind);
+    if (gImage != nullptr) VirtualFree(gImage, 0, MEM_RELEASE);
+    gUnwind = nullptr;
+    gImage = nullptr;
+}
+
+// Where the program or the library lies that this is part of.
+std::string Folder() {
+    HMODULE self = nullptr;
+    GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
+                       reinterpret_cast<LPCSTR>(&gImage), &self);
+    char path[MAX_PATH];
+    const std::string text(path, GetModuleFileNameA(self, path, sizeof path));
+    return text.substr(0, text.rfind('\\') + 1);
+}
+
+bool IsDriver(const std::vector<char>& file) {
+    if (file.size() < sizeof(IMAGE_DOS_HEADER) || std::memcmp(file.data(), "MZ", 2) != 0) return false;
+    const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
+    return headers.Signature == IMAGE_NT_SIGNATURE && headers.FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64 &&
+           headers.OptionalHeader.Subsystem == IMAGE_SUBSYSTEM_NATIVE;
+}
+
+// False when the memory at the preferred address is all there is.
+bool MapSections(const std::vector<char>& file) {
+    const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
+    gImage = static_cast<unsigned char*>(
+        VirtualAlloc(nullptr, headers.OptionalHeader.SizeOfImage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
+    if (gImage == nullptr || gImage == reinterpret_cast<void*>(headers.OptionalHeader.ImageBase)) return false;
+    std::memcpy(gImage, file.data(), headers.OptionalHeader.SizeOfHeaders);
+    const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&headers);
+    for (int i = 0; i < headers.FileHeader.NumberOfSections; ++i, ++section)
+        std::memcpy(gImage + section->VirtualAddress, file.data() + section->PointerToRawData,
+                    std::min(section->SizeOfRawData, section->Misc.VirtualSize));
+    return true;
+}
+
+// Whether every relocation is of the one kind that such images have.
+bool Relocate() {
+    const ULONGLONG moved = reinterpret_cast<ULONGLONG>(gImage) - Headers().OptionalHeader.ImageBase;
+    const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC);
+    DWORD at = directory.VirtualAddress;
+    while (at < directory.VirtualAddress + directory.Size) {
+        const auto* block = At<IMAGE_BASE_RELOCATION>(at);
+        const auto* entry = reinterpret_cast<const WORD*>(block + 1);
+        const auto* end = At<WORD>(at + block->SizeOfBlock);
+        for (; entry < end; ++entry) {
+            if (*entry >> 12 == IMAGE_REL_BASED_ABSOLUTE) continue;
+            if (*entry >> 12 != IMAGE_REL_BASED_DIR64) return false;
+            *At<ULONGLONG>(block->VirtualAddress + (*entry & 0xFFF)) += moved;
+        }
+        at += block->SizeOfBlock;
+    }
+    return directory.Size != 0;
+}
+
+// What the image's compiler asks for is the system's; nothing else is.
+void* FindSystemRoutine(const std::string& name) {
+    for (const char* known : {"__C_specific_handler", "memcpy", "memmove", "memset"})
+        if (name == known)
+            return reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"ntdll.dll"), known));
+    return nullptr;
+}
+
+bool Import(const Kernel& kernel, std::string& trouble) {
+    const auto* from = At<IMAGE_IMPORT_DESCRIPTOR>(Directory(IMAGE_DIRECTORY_ENTRY_IMPORT).VirtualAddress);
+    for (; from->Name != 0; ++from) {
+        const auto* names = At<ULONGLONG>(from->OriginalFirstThunk);
+        for (auto* slot = At<void*>(from->FirstThunk); *names != 0; ++names, ++slot) {
+            const char* name = At<IMAGE_IMPORT_BY_NAME>(static_cast<DWORD>(*names))->Name;
+            *slot = kernel.find(name);
+            if (*slot == nullptr) *slot = FindSystemRoutine(name);
+            if (*slot == nullptr) trouble += std::string("the kernel has no ") + name + "\n";
+        }
+    }
+    return trouble.empty();
+}
+
+bool AddUnwindTables() {
+    const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_EXCEPTION);
+    gUnwind = At<RUNTIME_FUNCTION>(directory.VirtualAddress);
+    return directory.Size != 0 && RtlAddFunctionTable(gUnwind, directory.Size / sizeof(RUNTIME_FUNCTION),
+                                                      reinterpret_cast<DWORD64>(gImage));
+}
+
+bool Protect() {
+    DWORD before = 0;
+    bool done = VirtualProtect(gImage, Headers().OptionalHeader.SizeOfHeaders, PAGE_READONLY, &before);
+    const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&Headers());
+    for (int i = 0; i < Headers().FileHeader.NumberOfSections; ++i, ++section) {
+        const DWORD rights = section->Characteristics;
+        const DWORD wanted = rights & IMAGE_SCN_MEM_EXECUTE ? PAGE_EXECUTE_READ
+                             : rights & IMAGE_SCN_MEM_WRITE ? PAGE_READWRITE
+                                                            : PAGE_READONLY;
+        done = VirtualProtect(gImage + section->VirtualAddress, section->Misc.VirtualSize, wanted, &before) &&
+               done;
+    }
+    return done;
 }
 
 }  // namespace
 
-bool SameText(const char* a, const char* b) {
-    while (*a != 0 && *a == *b) ++a, ++b;
-    return *a == *b;
-}
-
-// The list's head is met as a module without a name.
-PUCHAR FindModule(PDRIVER_OBJECT driver, const WCHAR* name) {
-    UNICODE_STRING wanted;
-    RtlInitUnicodeString(&wanted, name);
-    auto* start = static_cast<PLIST_ENTRY>(driver->DriverSection);
-    for (PLIST_ENTRY link = start->Flink; link != start; link = link->Flink) {
-        const auto* module = CONTAINING_RECORD(link, LOADED_MODULE, InLoadOrder);
-        if (module->BaseName.Length != wanted.Length || !module->BaseName.Buffer) continue;
-        if (RtlEqualUnicodeString(&module->BaseName, &wanted, TRUE)) return static_cast<PUCHAR>(module->Base);
+void* Load(const std::string& name, const Kernel& kernel, std::string& trouble) {
+    Unmap();
+    std::ifstream stream(Folder() + name, std::ios::binary);
+    const std::vector<char> file{std::istreambuf_iterator<char>(stream), {}};
+    if (!IsDriver(file)) {
+        trouble = name + " is no driver\n";
+    } else if (!MapSections(file) || !Relocate()) {
+        trouble = "the image cannot be moved\n";
+    } else if (Import(kernel, trouble) && (!AddUnwindTables() || !Protect())) {
+        trouble = "the image's unwind tables or sections are not as they should be\n";
     }
-    return nullptr;
+    if (!trouble.empty()) return nullptr;
+    traps::Watch(gImage, Headers().OptionalHeader.SizeOfImage, kernel);
+    return gImage + Headers().OptionalHeader.AddressOfEntryPoint;
 }
 
-PVOID FindExport(PUCHAR module, const char* name) {
-    if (!module) return nullptr;
-    const auto* exports = At<IMAGE_EXPORT_DIRECTORY>(
-        module, HeaderOf(module).DataDirectory[IMAGE_DIRECTORY_ENTRY_EXPORT].VirtualAddress);
-    const auto* names = At<ULONG>(module, exports->AddressOfNames);
-    const auto* ordinals = At<USHORT>(module, exports->AddressOfNameOrdinals);
-    const auto* functions = At<ULONG>(module, exports->AddressOfFunctions);
-    for (ULONG i = 0; i < exports->NumberOfNames; ++i)
-        if (SameText(At<char>(module, names[i]), name)) return module + functions[ordinals[i]];
-    return nullptr;
-}
-
-ULONG ImageBytes(PUCHAR module) {
-    return HeaderOf(module).SizeOfImage;
-}
-
-void ForEachImport(PUCHAR module, ImportVisitor visit) {
-    const IMAGE_DATA_DIRECTORY& directory = HeaderOf(module).DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
-    if (directory.VirtualAddress == 0) return;
-    for (auto* from = At<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress); from->Name != 0; ++from) {
-        const auto* names = At<ULONG64>(module, from->OriginalFirstThunk);
-        PVOID* slots = At<PVOID>(module, from->FirstThunk);
-        for (; *names != 0; ++names, ++slots)
-            if (!(*names & IMAGE_ORDINAL_FLAG64)) visit(At<char>(module, *names + sizeof(USHORT)), slots);
-    }
-}
-
-}  // namespace shim
+}  // namespace image

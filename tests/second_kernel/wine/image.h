@@ -1,20 +1,19 @@
-// Looking into images that the kernel has mapped.
+// An image for the kernel, mapped into this program as a kernel maps a driver.
 #pragma once
-#include "platform/kernel.h"
+#include <string>
 
-namespace shim {
+namespace image {
 
-// The base of the module with this file name; null when there is none. `driver` is any loaded driver.
-PUCHAR FindModule(PDRIVER_OBJECT driver, const WCHAR* name);
-// Null for no module or no such export.
-PVOID FindExport(PUCHAR module, const char* name);
-ULONG ImageBytes(PUCHAR module);
+// The kernel that serves it.
+struct Kernel {
+    void* (*find)(const char* name);  // what an image may import by that name; null: nothing
+    unsigned char (*irql)();          // of the calling thread
+    long long (*systemTime)();
+};
 
-// Calls visit(name, slot) for each import by name; the slot is read-only memory.
-using ImportVisitor = void (*)(const char* name, PVOID* slot);
-void ForEachImport(PUCHAR module, ImportVisitor visit);
+// Maps the file, which lies beside this program, away from the address that it prefers, with its sections,
+// relocations, imports, unwind tables and the protection that each section asks for. What an earlier call
+// mapped is gone. Returns the image's entry, or null and why in `trouble`.
+[[nodiscard]] void* Load(const std::string& name, const Kernel& kernel, std::string& trouble);
 
-// Both end at the zero.
-bool SameText(const char* a, const char* b);
-
-}  // namespace shim
+}  // namespace image

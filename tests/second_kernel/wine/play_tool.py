@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Runs kvrctl.exe on Wine's kernel: on a computer without the driver, then against the loaded driver.
+"""Runs kvrctl.exe on Wine: on a computer without the driver, against kvr64.sys on the host kernel behind
+kvrgate.sys, and against kvr64.sys as a driver of Wine's own kernel, which has no volumes to offer it.
 
   play_tool.py KVRCTL      KVRCTL is the program; drivers and prefix are those that play.py prepared
 
@@ -23,7 +24,7 @@ WITHOUT_DRIVER = [
     (2, ["--machine is for hosted machines"], ["--machine", "x", "status"]),
     (1, [":3: error: '[FV1]' is no section head"], ["config", "check", "{wrong}"]),
 ]
-WITH_DRIVER = [
+WITH_VOLUMES = [
     (0, ["HarddiskVolume71", "HarddiskVolume72", "removable"], ["status"]),
     (0, ['HarddiskVolume71"', '"kind": "removable"'], ["volumes", "--json"]),
     (0, [], ["config", "get"]),
@@ -37,37 +38,39 @@ WITH_DRIVER = [
     (0, [], ["swap", "stop"]),
     (0, [], ["debug"]),
 ]
+WITHOUT_VOLUMES = [
+    (0, ["There are no volumes."], ["status"]),
+    (0, ["no configuration yet"], ["config", "get"]),
+    (2, ["there are none"], ["protect", "HarddiskVolume9"]),
+    (0, [], ["swap", "stop"]),
+    (0, [], ["debug"]),
+]
 
 
 class Session:
-    """The driver, loaded, until the block ends."""
+    """The driver of that file, started, until the block ends: drivers end with the last program."""
 
-    def __init__(self, wine: play.Wine):
-        self.wine = wine
-        self.log = (wine.logs / "tool.log").open("wb")
+    def __init__(self, wine: play.Wine, driver: str):
+        self.wine, self.driver = wine, driver
 
-    def __enter__(self) -> "Session":
-        folder = "Z:" + str(self.wine.drivers).replace("/", "\\")
-        self.runner = subprocess.Popen(
-            ["wine", str(self.wine.drivers / "kvrplay.exe"), folder, "tool", "1", "stay"], env=self.wine.environment,
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=self.log, text=True)
-        said = ""
-        for line in self.runner.stdout:
-            said += line
-            if play.OUTCOME.search(line.rstrip("\r\n")):
-                break
-        if "failures 0" not in said:
-            raise play.Trouble(f"the driver is not ready: {said}")
-        return self
+    def control(self, *arguments: str) -> str:
+        return self.wine.run(["wine", "sc", *arguments], COMMAND_SECONDS)[1]
+
+    def __enter__(self) -> None:
+        self.program = subprocess.Popen(["wine", "cmd"], env=self.wine.environment, stdin=subprocess.PIPE,
+                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        path = "Z:" + str(self.wine.drivers / self.driver).replace("/", "\\")
+        self.control("delete", "kvr")
+        self.control("create", "kvr", "type=", "kernel", "binPath=", path)
+        said = self.control("start", "kvr")
+        if "RUNNING" not in said:
+            raise play.Trouble(f"{self.driver} does not start: {said}")
 
     def __exit__(self, *_) -> None:
-        self.runner.stdin.close()
-        try:
-            self.runner.wait(COMMAND_SECONDS)
-        finally:
-            self.runner.kill()
-            self.wine.end_session()
-            self.log.close()
+        self.control("delete", "kvr")
+        self.program.stdin.close()
+        self.program.wait(COMMAND_SECONDS)
+        self.wine.end_session()
 
 
 class Tool:
@@ -82,18 +85,10 @@ class Tool:
             self.files[word] = "Z:" + str(path)
         self.ran = self.failed = 0
 
-    def run(self, arguments: list[str]) -> tuple[int, str]:
-        done = subprocess.run(["wine", str(self.program), *arguments], env=self.wine.environment,
-                              timeout=COMMAND_SECONDS, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, check=False)
-        # Diagnostics of the kernel come the same way.
-        lines = done.stdout.decode(errors="replace").replace("\r\n", "\n").splitlines()
-        return done.returncode, "\n".join(line for line in lines if not play.PRINTED.match(line))
-
     def expect(self, cases: list[tuple[int, list[str], list[str]]]) -> None:
         for status, words, arguments in cases:
             arguments = [self.files.get(word, word) for word in arguments]
-            got, said = self.run(arguments)
+            got, said = self.wine.run(["wine", str(self.program), *arguments], COMMAND_SECONDS)
             missing = [word for word in words if word not in said]
             self.ran += 1
             if got != status or missing:
@@ -106,9 +101,10 @@ def main() -> int:
     tool = Tool(wine, pathlib.Path(sys.argv[1]).resolve())
     wine.end_session()
     tool.expect(WITHOUT_DRIVER)
-    wine.end_session()
-    with Session(wine):
-        tool.expect(WITH_DRIVER)
+    with Session(wine, "kvrgate.sys"):
+        tool.expect(WITH_VOLUMES)
+    with Session(wine, "kvr64.sys"):
+        tool.expect(WITHOUT_VOLUMES)
     print(f"kvrctl.exe: {tool.ran - tool.failed} of {tool.ran} commands as expected")
     return 1 if tool.failed else 0
 
