@@ -1,6 +1,6 @@
 // What a story needs of the kernel that it plays on, beyond the kernel's own interfaces: how the driver gets
 // loaded, what a Plug and Play manager and a file system would do, what survives a boot, and who counts what
-// went wrong. One header, two kernels: wine/ implements it over an import shim, host/ over the host kernel.
+// went wrong. host/ implements it over the host kernel.
 //
 // A story is written against platform/kernel.h and this header alone and runs as kernel code at PASSIVE_LEVEL.
 // It is a list of boots; each boot finds a kernel without the driver, and every call here belongs to the
@@ -30,9 +30,6 @@ void SetDeviceProperty(PDEVICE_OBJECT pdo, DEVICE_REGISTRY_PROPERTY property, co
 PDEVICE_OBJECT TopOfStack(PDEVICE_OBJECT device);  // unreferenced
 // Sends IRP_MJ_SHUTDOWN to every device that registered for it, the last registered first.
 void NotifyShutdown();
-
-// Makes an object directory for devices' names, such as \Device\Harddisk7; fine when it is there already.
-void MakeDirectory(const WCHAR* path);
 
 // ---- what survives a boot ------------------------------------------------------------------------------
 // The bytes of medium `number` (0 to 7), zero before the story's first boot. Each boot asks with the same size.
@@ -72,7 +69,7 @@ void FailCall(Fault kind, ULONG n);
 // Ends the plan; how many such calls the driver made since it was armed.
 ULONG EndFault();
 // While one lives, what this thread calls is the story's own work and no call of the driver's: it neither
-// counts nor fails. For a kernel that cannot tell the callers apart; around calls of the story alone, never
+// counts nor fails, since the kernel cannot tell the callers apart. Around calls of the story alone, never
 // around one that leads into the driver.
 class OwnWork {
 public:
@@ -85,9 +82,8 @@ public:
 // ---- the ledger ----------------------------------------------------------------------------------------
 // Pool blocks with the driver's tag that are outstanding.
 LONG PoolBlocks();
-// Requests completed twice, stack locations exhausted, waits and locks at too high an IRQL, locked pages not
-// unlocked, unbalanced MDLs: broken rules of the platform since this boot began. Each was logged when it
-// happened. A kernel that stops at a broken rule answers 0.
+// What the driver's own assertions reported since this boot began. A broken rule of the platform stops the
+// program where it was broken.
 ULONG BrokenRules();
 
 // ---- the outcome ---------------------------------------------------------------------------------------

@@ -19,7 +19,6 @@ bool MakeVolumes(Computer* computer) {
                          .Size = options.DataBytes,
                          .SectorSize = options.DataSector};
     if (options.IsDataOnDisk) {
-        stage::MakeDirectory(W("\\Device\\Harddisk7"));
         computer->Disk = MakeRamDevice({.Name = DATA_DISK,
                                         .Sectors = data,
                                         .Size = options.DataBytes + static_cast<ULONGLONG>(kDataStart),

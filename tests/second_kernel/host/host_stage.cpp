@@ -162,9 +162,6 @@ void NotifyShutdown() {
     host::NotifyShutdown();
 }
 
-// The host kernel's directories are there with the names in them.
-void MakeDirectory(const WCHAR*) {}
-
 PUCHAR Medium(ULONG number, SIZE_T bytes) {
     const std::lock_guard hold(gLasting.lock);
     std::vector<UCHAR>& medium = gLasting.media[number];
@@ -203,7 +200,6 @@ LONG PoolBlocks() {
     return static_cast<LONG>(host::PoolUsage(kPoolTag).blocks);
 }
 
-// A broken rule stops the host kernel; what the driver's own assertions report is counted.
 ULONG BrokenRules() {
     return host::AssertionCount();
 }

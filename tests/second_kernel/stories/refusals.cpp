@@ -112,7 +112,6 @@ void TryDisks(Computer* computer) {
     TryWrite(computer->Disk, 0, nullptr, kProtected, "a write to the first sector");
     TryWrite(computer->Disk, 512, nullptr, kPasses, "a write to the second sector");
     stage::Step("the first sector of another disk");
-    stage::MakeDirectory(W("\\Device\\Harddisk8"));
     PDEVICE_OBJECT other =
         MakeRamDevice({.Name = OTHER_DISK, .Sectors = stage::Medium(4, kMiB), .Size = kMiB, .IsDisk = true});
     if (!other || !NT_SUCCESS(AddAndStart(computer->Driver, other))) return;
