@@ -19,9 +19,6 @@
 #include "tests/second_kernel/host/kernel_files.h"
 #include "tests/second_kernel/host/played_provider.h"
 #include "tests/support/memory_registry.h"
-#include "driver/record/threads.h"
-#include "driver/record/volume_list.h"
-#include "driver/record/requests.h"
 
 namespace {
 

@@ -17,9 +17,9 @@ bool Boot() {
 }
 
 int Open(void*& file) {
-    constexpr ACCESS_MASK GenericWrite = 0x40000000;
+    constexpr ACCESS_MASK kGenericWrite = 0x40000000;
     PFILE_OBJECT opened = nullptr;
-    const NTSTATUS status = host::OpenDevice(u"\\??\\kvr", GENERIC_READ | GenericWrite, opened);
+    const NTSTATUS status = host::OpenDevice(u"\\??\\kvr", GENERIC_READ | kGenericWrite, opened);
     file = opened;
     return status;
 }

@@ -14,8 +14,8 @@ __declspec(dllimport) void WakeByAddressAll(void* address);
 namespace host::futex {
 namespace {
 
-constexpr long long ForEver = 0xFFFFFFFF;
-constexpr long long LongestWait = 1 << 30;  // the caller sleeps again
+constexpr long long kForEver = 0xFFFFFFFF;
+constexpr long long kLongestWait = 1 << 30;  // the caller sleeps again
 
 long long MillisecondsUntil(const timespec& deadline) {
     timespec now{};
@@ -28,7 +28,7 @@ long long MillisecondsUntil(const timespec& deadline) {
 
 bool Wait(std::atomic<LONG>& word, LONG expected, const timespec* deadline) {
     const auto longest =
-        deadline != nullptr ? std::clamp(MillisecondsUntil(*deadline), 0LL, LongestWait) : ForEver;
+        deadline != nullptr ? std::clamp(MillisecondsUntil(*deadline), 0LL, kLongestWait) : kForEver;
     if (WaitOnAddress(&word, &expected, sizeof word, static_cast<unsigned long>(longest)) != 0) return true;
     // A wake-up may have been spent on this sleeper as its time ran out: it is passed on.
     WakeOne(&word);

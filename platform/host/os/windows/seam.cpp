@@ -7,7 +7,7 @@ extern "C" __declspec(dllimport) void RaiseException(unsigned long code, unsigne
                                                      unsigned long count, const ULONG_PTR* arguments);
 
 void ExRaiseStatus(NTSTATUS status) {
-    constexpr unsigned long NotContinuable = 1;
-    RaiseException(static_cast<unsigned long>(status), NotContinuable, 0, nullptr);
+    constexpr unsigned long kNotContinuable = 1;
+    RaiseException(static_cast<unsigned long>(status), kNotContinuable, 0, nullptr);
     __builtin_unreachable();
 }
