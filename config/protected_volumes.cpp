@@ -1,5 +1,6 @@
 #include "config/protected_volumes.h"
 #include "config/parser.h"
+#include "formats/config_grammar.h"
 #include "platform/owners.h"
 
 namespace {
@@ -13,11 +14,8 @@ constexpr ULONG kNextEntrySite = 507;
 UNICODE_STRING NameOfId(PCUNICODE_STRING id) {
     UNICODE_STRING name = *id;
     const USHORT bytes = id->Length < id->MaximumLength ? id->Length : id->MaximumLength;
-    for (USHORT i = 0; i < bytes / sizeof(WCHAR); ++i) {
-        if (id->Buffer[i] != W(',') && id->Buffer[i] != W(';')) continue;
-        name.Length = static_cast<USHORT>(i * sizeof(WCHAR));
-        break;
-    }
+    const ULONG length = config::NameLength(id->Buffer, bytes / sizeof(WCHAR)) * sizeof(WCHAR);
+    if (length < bytes) name.Length = static_cast<USHORT>(length);
     return name;
 }
 

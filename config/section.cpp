@@ -1,79 +1,66 @@
-// A volume section: its initial state and what becomes of it.
+// What becomes of a volume section.
 #include "config/parser_state.h"
 #include "config/protected_volumes.h"
 #include "platform/owners.h"
 
 namespace {
 
-constexpr ULONG kActionDiscard = 1;
-constexpr ULONG kActionMerge = 2;
-
 void AddEntry(PCUNICODE_STRING id, ULONG flags) {
     KVR_DISCARD(AddProtectedVolume(id, flags), "a volume for which there is no memory has no entry");
 }
 
 // What happens to the volume's kept changes at this boot.
-ULONG ResolveAction(const VOLUME_SECTION* section) {
-    if (section->Action == kActionMerge) return kActionMerge;
-    return section->BootMode == 0 || section->DiscardDue ? kActionDiscard : section->Action;
+ULONG ResolveAction(const config::Settings& settings) {
+    const config::VolumeSection& section = settings.Section;
+    if (section.Action == config::kActionMerge) return config::kActionMerge;
+    return config::AtBoot(settings) == config::kBootModeDiscard || section.DiscardDue ? config::kActionDiscard
+                                                                                      : section.Action;
 }
 
 ULONG ActionFlag(ULONG action) {
     switch (action) {
-        case kActionDiscard:
+        case config::kActionDiscard:
             return PV_ACTION_DISCARD;
-        case kActionMerge:
+        case config::kActionMerge:
             return PV_ACTION_MERGE;
         default:
             return 0;
     }
 }
 
-void SaveFixedVolume(CONFIG_PARSER* parser) {
-    VOLUME_SECTION* section = &parser->Section;
-    if (section->VOLUME_Mode != 1) {
-        DbgPrint("Kvr!AddProtectedVolume: %wZ\n", &section->ID);
-        AddEntry(&section->ID, 0);
-        return;
+// The flags of an entry while the master switch is on.
+ULONG FixedVolumeFlags(const config::Settings& settings, PCUNICODE_STRING id) {
+    if (settings.Section.VOLUME_Mode != 1) {
+        DbgPrint("Kvr!AddProtectedVolume: %wZ\n", id);
+        return 0;
     }
-    section->Action = ResolveAction(section);
-    DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED, Action: %d)\n", &section->ID, section->Action);
-    const ULONG flags = PV_PROTECTED | PV_EXPLICIT | ActionFlag(section->Action);
-    AddEntry(&section->ID, parser->TesselEnabled ? flags : 0);
+    const ULONG action = ResolveAction(settings);
+    DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED, Action: %d)\n", id, action);
+    return PV_PROTECTED | PV_EXPLICIT | ActionFlag(action);
 }
 
-void SaveRemovableVolume(CONFIG_PARSER* parser) {
-    VOLUME_SECTION* section = &parser->Section;
-    ULONG flags = 0;
-    switch (section->RVOLUME_AccessMode) {
+ULONG RemovableVolumeFlags(const config::Settings& settings, PCUNICODE_STRING id) {
+    switch (settings.Section.RVOLUME_AccessMode) {
         case 2:
-            DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED|INVISIBLE)\n", &section->ID);
-            flags = PV_PROTECTED | PV_INVISIBLE;
-            break;
+            DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED|INVISIBLE)\n", id);
+            return PV_PROTECTED | PV_INVISIBLE;
         case 1:
-            DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED)\n", &section->ID);
-            flags = PV_PROTECTED | PV_EXPLICIT;
-            break;
+            DbgPrint("Kvr!AddProtectedVolume: %wZ (Mode: PROTECTED)\n", id);
+            return PV_PROTECTED | PV_EXPLICIT;
         default:
-            DbgPrint("Kvr!AddProtectedVolume: %wZ\n", &section->ID);
-            break;
+            DbgPrint("Kvr!AddProtectedVolume: %wZ\n", id);
+            return 0;
     }
-    AddEntry(&section->ID, parser->TesselEnabled ? flags : 0);
 }
 
 }  // namespace
 
-void ResetSection(VOLUME_SECTION* section) {
-    *section = {};
-    section->ID = {0, sizeof(section->IDBuffer), section->IDBuffer};
-    section->BootMode = kBootModeDefault;
-}
-
-void SaveSection(CONFIG_PARSER* parser) {
-    VOLUME_SECTION* section = &parser->Section;
-    if (!section->HasSettings) return;
+void SaveSection(const CONFIG_PARSER* parser) {
+    const config::Settings& settings = parser->Settings;
+    if (!settings.Section.HasSettings) return;
     DbgPrint("Kvr!Save previous section...\n");
-    if (section->BootMode == kBootModeDefault) section->BootMode = parser->FVBootMode;
-    if (parser->Kind == CONFIG_SECTION::FixedVolume) SaveFixedVolume(parser);
-    if (parser->Kind == CONFIG_SECTION::RemovableVolume) SaveRemovableVolume(parser);
+    const UNICODE_STRING id = TextOf(parser, settings.Section.ID);
+    const ULONG flags = settings.Kind == config::SectionKind::FixedVolume ? FixedVolumeFlags(settings, &id)
+                                                                          : RemovableVolumeFlags(settings, &id);
+    AddEntry(&id, settings.TesselEnabled ? flags : 0);
 }
