@@ -4,6 +4,7 @@
 #include <array>
 #include "platform/host/sync/clock.h"
 #include "config/parser.h"
+#include "tool/kvrctl/config_writer.h"
 #include "formats/kvr_ioctl.h"
 #include "platform/host/io/device.h"
 #include "driver/record/volume_extension.h"
@@ -124,13 +125,11 @@ Bytes TakeBuffer(FuzzedDataProvider& input, ULONG length) {
 // The records of the requests, well-formed, so that what is behind the checks of lengths is reached.
 Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
     if (code == IOCTL_KVR_SET_CONFIG) {
-        std::u16string text = u"[Global]\r\nProtection=1\r\nRVAccessMode=" +
-                              std::u16string(1, input.PickValueInArray({u'0', u'1', u'2'}));
-        text += u"\r\n[FV d]\r\nID=\\Device\\HarddiskVolume2\r\nProtectionMode=1\r\nBootMode=";
-        text += input.PickValueInArray({u'0', u'1', u'2'});
-        text += u"\r\nBootAction=";
-        text += input.PickValueInArray({u'0', u'1', u'2'});
-        Bytes bytes = OfText(text);
+        const std::u16string global = config::GlobalSection(true, input.PickValueInArray({0u, 1u, 2u}));
+        config::FixedVolumeText volume = {u"\\Device\\HarddiskVolume2"};
+        volume.bootMode = input.PickValueInArray({0u, 1u, 2u});
+        volume.action = input.PickValueInArray({0u, 1u, 2u});
+        Bytes bytes = OfText(global + config::FixedSection(volume, 1));
         const Bytes tail = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint8_t>());
         bytes.insert(bytes.end(), tail.begin(), tail.end());
         bytes.resize(KVR_CONFIG_BYTES);

@@ -120,6 +120,14 @@ TEST_F(Parser, TakesATextAsItSays) {
     EXPECT_EQ("V:111 on", Parse(kOn + kVolume, 1)) << "half a character";
 }
 
+TEST_F(Parser, SwitchesStandUntilALineSetsThem) {
+    InitializeGlobals();
+    gTesselEnabled = gRVProtect = gRVInvisible = TRUE;
+    Text text = u"Protection=0\nRVAccessMode=7\n";
+    ParseConfig(text.data(), static_cast<ULONG>(text.size() * 2));
+    EXPECT_TRUE(gTesselEnabled && gRVProtect && gRVInvisible);
+}
+
 TEST_F(Parser, SaysWhatItDoes) {
     const Text text =
         u"[Global]\nProtection\nProtection=1\nRVAccessMode=9\nRVAccessMode=2\nFVBootMode=1\nFVNextDiscardTS="

@@ -2,6 +2,7 @@
 #include <cstring>
 #include <gtest/gtest.h>
 #include "platform/host/sync/clock.h"
+#include "tool/kvrctl/config_writer.h"
 #include "lock_ranks.h"
 #include "machine/partition/partition_table.h"
 #include "platform/host/sync/thread.h"
@@ -26,10 +27,6 @@ std::uint64_t VolumeOffset(std::uint64_t bytes) {
     return OnePartition(bytes).at(0).offset;
 }
 
-std::u16string Number(int value) {
-    return std::u16string(1, static_cast<char16_t>(u'0' + value));
-}
-
 }  // namespace
 
 std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sector, std::uint64_t& offset) {
@@ -42,11 +39,11 @@ std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sec
 }
 
 std::u16string Configuration::Text() const {
-    std::u16string text = u"[Global]\r\nProtection=" + Number(protection) + u"\r\n\r\n[FV data]\r\nID=";
-    text += kDataName;
-    text += u"\r\nProtectionMode=" + Number(protectData) + u"\r\nBootMode=" + Number(bootMode) + u"\r\n";
-    if (!discardDate.empty()) text += u"NextDiscardTS=" + discardDate + u"\r\n";
-    return text + u"BootAction=" + Number(bootAction) + u"\r\n" + extra;
+    config::FixedVolumeText section = {kDataName, protectData};
+    section.bootMode = static_cast<std::uint32_t>(bootMode);
+    section.action = static_cast<std::uint32_t>(bootAction);
+    section.date = discardDate;
+    return config::GlobalSection(protection, 0) + config::FixedSection(section, 1) + extra;
 }
 
 ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {

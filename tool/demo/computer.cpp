@@ -156,10 +156,9 @@ machine::GuestFileSystem& Computer::MountOn(unsigned number) {
     return static_cast<machine::GuestFileSystem&>(*volume->files);  // the only ones that the machine mounts
 }
 
-void Computer::Configure(const Configuration& configuration) {
-    Ask("the configuration cannot be written", [&](ctl::Client& client) {
-        client.SetConfig(ConfigurationImage(ComposeConfiguration(configuration)));
-    });
+void Computer::Configure(const std::u16string& configuration) {
+    Ask("the configuration cannot be written",
+        [&](ctl::Client& client) { client.SetConfig(ConfigurationImage(configuration)); });
 }
 
 std::u16string Computer::ConfigurationInForce() {

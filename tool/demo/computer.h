@@ -69,7 +69,7 @@ public:
     const std::u16string& DataName() const { return dataName_; }
 
     // ---- its administrator's program, which opens the driver's control device each time ----------------
-    void Configure(const Configuration& configuration);
+    void Configure(const std::u16string& configuration);
     std::u16string ConfigurationInForce();
     bool IsProtecting();
     // Starts the work and returns; DataStatus() tells how far it is.

@@ -107,10 +107,10 @@ void FirstBoot(Stage& stage) {
 }
 
 void WriteConfiguration(Stage& stage) {
-    const Configuration configuration = stage.Protecting(BootMode::Discard);
+    const std::u16string configuration = stage.Protecting(config::kBootModeDiscard);
     stage.computer.Configure(configuration);
     const std::u16string text = stage.computer.ConfigurationInForce();
-    stage.report.Check("the configuration is written", text == ComposeConfiguration(configuration),
+    stage.report.Check("the configuration is written", text == configuration,
                        Count(text.size(), "character") + " through the control device, read back the same");
 }
 

@@ -6,7 +6,7 @@ namespace {
 constexpr char kDiscardDate[] = "203105100900";  // local time
 
 std::string DateInForce(Stage& stage) {
-    return VolumeSetting(stage.computer.ConfigurationInForce(), stage.computer.DataName(), "NextDiscardTS");
+    return stage.SettingInForce(config::Key::NextDiscardTS);
 }
 
 void CheckDate(Stage& stage, const std::string& name, const std::string& expected) {
@@ -18,7 +18,7 @@ void CheckDate(Stage& stage, const std::string& name, const std::string& expecte
 
 void ShowKeep(Stage& stage) {
     stage.computer.SetClock(2031, 5, 6, 8, 0);
-    stage.BootWith(stage.Protecting(BootMode::Keep, kDiscardDate));
+    stage.BootWith(stage.Protecting(config::kBootModeKeep, Widen(kDiscardDate)));
     const Work work = DoWork(stage.computer.Data(), stage.fixedFiles, 202);
     stage.report.Note(work.Text() + ", to be kept until " + kDiscardDate);
 
@@ -34,7 +34,7 @@ void ShowKeep(Stage& stage) {
     stage.computer.SetClock(2031, 5, 10, 8, 0);
     stage.computer.Reboot();
     stage.CheckFiles("the first boot at the date throws the changes away", stage.fixedFiles);
-    CheckDate(stage, "the date is used up", kNoDate);
+    CheckDate(stage, "the date is used up", config::kNoDate);
     stage.computer.Shutdown();
     stage.CheckUnchanged("the volume's own sectors are untouched", "after the discard");
 

@@ -6,7 +6,7 @@ namespace tool {
 namespace {
 
 std::string ActionInForce(Stage& stage) {
-    return VolumeSetting(stage.computer.ConfigurationInForce(), stage.computer.DataName(), "BootAction");
+    return stage.SettingInForce(config::Key::BootAction);
 }
 
 std::string LastLine(std::string text) {
@@ -30,11 +30,11 @@ void CheckSound(Stage& stage) {
 }  // namespace
 
 void ShowMerge(Stage& stage) {
-    stage.BootWith(stage.Protecting(BootMode::Discard));  // whatever was kept is gone
-    stage.BootWith(stage.Protecting(BootMode::Keep));
+    stage.BootWith(stage.Protecting(config::kBootModeDiscard));  // whatever was kept is gone
+    stage.BootWith(stage.Protecting(config::kBootModeKeep));
     const Work work = DoWork(stage.computer.Data(), stage.fixedFiles, 303);
     stage.report.Note(work.Text());
-    stage.computer.Configure(stage.Protecting(BootMode::Keep, "", BootAction::Merge));
+    stage.computer.Configure(stage.Protecting(config::kBootModeKeep, u"", config::kActionMerge));
     stage.computer.Shutdown();
     stage.CheckUnchanged("before the merge the volume is untouched", "with the merge ordered");
 

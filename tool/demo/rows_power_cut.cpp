@@ -80,7 +80,7 @@ void CutAt(Stage& stage, std::uint64_t nth, std::uint32_t kept) {
 }  // namespace
 
 void ShowPowerCut(Stage& stage) {
-    stage.BootWith(stage.Protecting(BootMode::Discard));
+    stage.BootWith(stage.Protecting(config::kBootModeDiscard));
     const struct {
         std::uint64_t write;
         std::uint32_t sectors;

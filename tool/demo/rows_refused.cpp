@@ -155,7 +155,7 @@ void CheckRemoval(Stage& stage) {
 }  // namespace
 
 void ShowRefused(Stage& stage) {
-    stage.BootWith(stage.Protecting(BootMode::Discard));
+    stage.BootWith(stage.Protecting(config::kBootModeDiscard));
     CheckDisk(stage);
     CheckVolume(stage);
     CheckHeldFiles(stage);

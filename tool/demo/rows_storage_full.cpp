@@ -73,7 +73,7 @@ void CheckReadable(Stage& stage, const FileTable& written) {
 }  // namespace
 
 void ShowStorageFull(Stage& stage) {
-    stage.BootWith(stage.Protecting(BootMode::Discard));
+    stage.BootWith(stage.Protecting(config::kBootModeDiscard));
     FileTable after = stage.fixedFiles;
     unsigned files = 0;
     const NTSTATUS refusal = FillWithFiles(stage, after, files);

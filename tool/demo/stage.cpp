@@ -1,4 +1,5 @@
 #include "tool/demo/stage.h"
+#include "tool/kvrctl/config_scan.h"
 
 namespace tool {
 
@@ -28,19 +29,16 @@ bool Stage::CheckFiles(const std::string& name, const FileTable& expected) {
                         found.difference.empty() ? compared + ", all as expected" : found.difference);
 }
 
-Configuration Stage::Protecting(BootMode mode, const std::string& date, BootAction action) {
-    Configuration configuration;
-    configuration.removable = RemovableAccess::Protected;
-    FixedVolumeSection section;
-    section.id = computer.DataName();
-    section.mode = mode;
-    section.discardDate = date;
-    section.action = action;
-    configuration.fixed.push_back(section);
-    return configuration;
+std::u16string Stage::Protecting(std::uint32_t bootMode, const std::u16string& date, std::uint32_t action) {
+    return config::GlobalSection(true, 1) +
+           config::FixedSection({computer.DataName(), true, bootMode, action, date}, 1);
 }
 
-void Stage::BootWith(const Configuration& configuration) {
+std::string Stage::SettingInForce(config::Key key) {
+    return Narrow(ctl::ScanConfig(computer.ConfigurationInForce()).ValueOf(computer.DataName(), key));
+}
+
+void Stage::BootWith(const std::u16string& configuration) {
     BootIfOff();
     computer.Configure(configuration);
     computer.Reboot();

@@ -31,9 +31,12 @@ struct Stage {
 
     // The configuration in which all rows but the merge start: the data volume protected, removable volumes
     // too.
-    Configuration Protecting(BootMode mode, const std::string& date = "", BootAction action = BootAction::None);
+    std::u16string Protecting(std::uint32_t bootMode, const std::u16string& date = {},
+                              std::uint32_t action = 0);
+    // Of the data volume, as the driver would read it now; empty without.
+    std::string SettingInForce(config::Key key);
     // Writes the configuration and boots so that it takes effect; also boots when the power is off.
-    void BootWith(const Configuration& configuration);
+    void BootWith(const std::u16string& configuration);
     void BootIfOff();
 };
 

@@ -30,7 +30,7 @@ public:
 
     std::vector<Finding> Run() {
         CheckText();
-        for (const IgnoredLine& line : scan_.ignored) CheckIgnored(line);
+        for (const TextLine& line : scan_.ignored) CheckIgnored(line);
         for (std::size_t i = 0; i < scan_.sections.size(); ++i) CheckSection(i);
         CheckDefaultDate();
         std::stable_sort(findings_.begin(), findings_.end(),
@@ -46,6 +46,9 @@ private:
         findings_.push_back({line, Severity::Warning, text});
     }
     std::size_t Line(std::size_t position) const { return LineAt(text_, position); }
+    std::u16string_view Between(std::size_t begin, std::size_t end) const {
+        return std::u16string_view(text_).substr(begin, end - begin);
+    }
 
     // ---- the text as a whole ----
 
@@ -77,24 +80,22 @@ private:
 
     // ---- lines ----
 
-    void CheckIgnored(const IgnoredLine& line) {
-        if (IsComment(line.token)) return;
-        const std::u16string_view rest =
-            Trim(std::u16string_view(text_).substr(line.begin, line.end - line.begin));
-        if (rest.starts_with(u"["))
+    void CheckIgnored(const TextLine& line) {
+        const std::u16string_view token = Between(line.token.begin, line.token.end);
+        if (IsComment(token)) return;
+        if (token.starts_with(u"["))
             Error(line.line,
-                  Quoted(rest.substr(0, rest.find(u'\n'))) +
+                  Quoted(Trim(Between(line.token.begin, line.end))) +
                       " is no section head; write [Global], [FV 1] or [RV 1], with a blank before the number");
         else
-            Error(line.line,
-                  Quoted(line.token) + " is no key; the line is ignored (a comment begins with ';')");
+            Error(line.line, Quoted(token) + " is no key; the line is ignored (a comment begins with ';')");
     }
 
     // What stands between `from` and the end of its line; the driver skips it.
     void CheckRest(std::size_t from, std::size_t line, const std::string& behind, bool matters) {
         const std::size_t end = std::min(text_.find(u'\n', from), text_.size());
         if (from >= end) return;
-        const std::u16string_view rest = Trim(std::u16string_view(text_).substr(from, end - from));
+        const std::u16string_view rest = Trim(Between(from, end));
         if (rest.empty() || IsComment(rest)) return;
         const std::string text = Quoted(rest) + " behind " + behind + " is ignored";
         if (matters || rest[0] == u':' || rest[0] == u'=')
@@ -108,9 +109,11 @@ private:
     void CheckSection(std::size_t index) {
         const Section& section = scan_.sections[index];
         if (section.line != 0) CheckHead(index);
-        for (const Setting& setting : section.settings) CheckSetting(section, setting);
-        CheckRepeated(section);
-        if (section.kind != SectionKind::Global) CheckVolume(section);
+        for (const Setting& setting : section.settings) {
+            CheckSetting(section, setting);
+            CheckRepeated(section, setting);
+        }
+        if (!IsGlobal(section)) CheckVolume(section);
     }
 
     void CheckHead(std::size_t index) {
@@ -120,18 +123,19 @@ private:
         else if (!section.oneLine)
             Error(section.line, "the head has no ']' on its line; it swallows the lines up to the next one");
         CheckRest(section.bracket, section.line, "the head", true);
-        if (section.kind == SectionKind::Global) CheckGlobalHead(index);
+        if (IsGlobal(section)) CheckGlobalHead(index);
     }
 
     void CheckGlobalHead(std::size_t index) {
-        const auto before = scan_.sections.begin() + static_cast<std::ptrdiff_t>(index);
-        const auto isVolume = [](const Section& other) { return other.kind != SectionKind::Global; };
-        const std::size_t line = scan_.sections[index].line;
-        if (std::any_of(scan_.sections.begin(), before, isVolume))
-            Error(line, "[Global] must stand before the volumes; what it says comes too late for those above");
-        else if (std::any_of(scan_.sections.begin(), before,
-                             [](const Section& other) { return other.line != 0; }))
-            Warn(line, "a second [Global]");
+        const Section& section = scan_.sections[index];
+        bool volumes = false, globals = false;
+        for (std::size_t i = 0; i < index; ++i)
+            (IsGlobal(scan_.sections[i]) ? globals : volumes) |= scan_.sections[i].line != 0;
+        if (volumes)
+            Error(section.line,
+                  "[Global] must stand before the volumes; what it says comes too late for those above");
+        else if (globals)
+            Warn(section.line, "a second [Global]");
         if (scan_.sections[index - 1].dropped)
             Error(scan_.sections[index - 1].line,
                   "the [Global] behind this section makes the driver forget it");
@@ -148,96 +152,87 @@ private:
             Error(section.line, "a section for " + Quoted(volume.id) + " stands above; this one is ignored");
         if (volume.isProtected && !volume.switchWasOn && scan_.protection)
             Error(section.line, "Protection=1 stands below this section, too late for it");
-        if (section.kind == SectionKind::Fixed && !volume.isProtected) CheckIdle(section);
+        if (section.kind == SectionKind::FixedVolume && !volume.isProtected) CheckIdle(section);
     }
 
     // Settings of a volume that is not protected.
     void CheckIdle(const Section& section) {
         for (const Setting& setting : section.settings) {
             const bool action = setting.key == Key::BootAction && section.volume.action != 0;
-            const bool date = setting.key == Key::NextDiscardTS && setting.taken && setting.value != kNoDate;
-            if (action || date)
-                Warn(setting.line, std::string(KeyName(setting.key)) +
-                                       " does nothing: the section does not say ProtectionMode=1");
+            if (action || IsDateOf(setting, Key::NextDiscardTS))
+                Warn(setting.line, Name(setting) + " does nothing: the section does not say ProtectionMode=1");
         }
     }
 
-    void CheckRepeated(const Section& section) {
-        for (std::size_t i = 0; i < section.settings.size(); ++i) {
-            const Setting& setting = section.settings[i];
-            const auto end = section.settings.begin() + static_cast<std::ptrdiff_t>(i);
-            const auto first = std::find_if(section.settings.begin(), end,
-                                            [&](const Setting& other) { return other.key == setting.key; });
-            if (first == end) continue;
-            Error(setting.line, std::string(KeyName(setting.key)) + " stands on line " +
-                                    std::to_string(first->line) + " as well; say it once");
-        }
-        if (section.line != 0 && section.kind == SectionKind::Global) CheckRepeatedGlobals(section);
-    }
-
-    // The same key in two [Global] sections.
-    void CheckRepeatedGlobals(const Section& section) {
+    // A key says something once: in its section, or in all [Global] sections together.
+    void CheckRepeated(const Section& section, const Setting& setting) {
         for (const Section& other : scan_.sections) {
-            if (&other == &section) return;
-            if (other.kind != SectionKind::Global) continue;
-            for (const Setting& a : other.settings)
-                for (const Setting& b : section.settings)
-                    if (a.key == b.key)
-                        Error(b.line, std::string(KeyName(b.key)) + " stands on line " +
-                                          std::to_string(a.line) + " as well; say it once");
+            const bool bothGlobal = IsGlobal(other) && IsGlobal(section);
+            if (&other != &section && !bothGlobal) continue;
+            for (const Setting& earlier : other.settings) {
+                if (&earlier == &setting) return;
+                if (earlier.key != setting.key) continue;
+                Error(setting.line, Name(setting) + " stands on line " + std::to_string(earlier.line) +
+                                        " as well; say it once");
+                return;
+            }
         }
     }
 
     // ---- settings ----
 
     void CheckSetting(const Section& section, const Setting& setting) {
-        const std::string name = KeyName(setting.key);
-        if (!Counts(setting.key, section.kind)) {
+        const std::string name = Name(setting);
+        if (!config::Counts(setting.key, section.kind)) {
             Error(setting.line, name + " counts only in " + Place(setting.key) + "; the line is ignored");
             return;
         }
-        if (setting.value.empty()) {
-            Error(setting.line, setting.hasEquals ? name + " has no value; the line is ignored"
-                                                  : name + " is not followed by '='; the line is ignored");
+        if (setting.text.empty()) {
+            Error(setting.line, name + (setting.hasEquals ? " has no value" : " is not followed by '='") +
+                                    "; the line is ignored");
             return;
         }
-        CheckRest(setting.valueEnd, setting.line, "the value " + Quoted(setting.value), setting.key == Key::ID);
+        CheckRest(setting.value.end, setting.line, "the value " + Quoted(setting.text), setting.key == Key::ID);
         if (setting.key == Key::ID)
             CheckId(setting);
-        else if (setting.key == Key::NextDiscardTS || setting.key == Key::FVNextDiscardTS)
+        else if (config::RuleOf(setting.key).values == 0)
             CheckDate(section, setting);
         else if (!setting.taken)
-            Error(setting.line, Quoted(setting.value) + " is no value of " + name + "; " + Values(setting.key));
+            Error(setting.line, Quoted(setting.text) + " is no value of " + name + "; " + Values(setting.key));
+    }
+
+    static std::string Name(const Setting& setting) { return config::RuleOf(setting.key).name; }
+    static bool IsGlobal(const Section& section) { return section.kind == SectionKind::Global; }
+    // A date that is heeded.
+    static bool IsDateOf(const Setting& setting, Key key) {
+        return setting.key == key && setting.taken && !setting.isNoDate;
     }
 
     static std::string Place(Key key) {
-        if (Counts(key, SectionKind::Global)) return "[Global]";
-        if (!Counts(key, SectionKind::Removable)) return "an [FV section";
-        return Counts(key, SectionKind::Fixed) ? "a volume's section" : "an [RV section";
+        const config::KeyRule& rule = config::RuleOf(key);
+        return rule.inGlobal                      ? "[Global]"
+               : rule.inFixed && rule.inRemovable ? "a volume's section"
+               : rule.inFixed                     ? "an [FV section"
+                                                  : "an [RV section";
     }
 
     static std::string Values(Key key) {
-        switch (key) {
-            case Key::RVAccessMode:
-            case Key::BootMode:
-            case Key::BootAction:
-                return "it takes 0, 1 or 2";
-            case Key::AccessMode:
-                return "it takes 0, 1, 2 or 3";
-            default:
-                return "it takes 0 or 1";
-        }
+        const unsigned last = config::RuleOf(key).values - 1;
+        std::string text = "it takes 0";
+        for (unsigned value = 1; value < last; ++value) text += ", " + std::to_string(value);
+        return text + " or " + std::to_string(last);
     }
 
     void CheckId(const Setting& setting) {
-        const std::u16string& id = setting.value;
-        if (text_.substr(setting.valueEnd, 1) == u":" || text_.substr(setting.valueEnd, 1) == u"=")
+        const std::u16string& id = setting.text;
+        const std::u16string_view behind = Between(setting.value.end, setting.value.end + 1);
+        if (behind == u":" || behind == u"=")
             Error(setting.line, "a name ends at ':' and '='; the driver takes it for " + Quoted(id));
-        if (const std::size_t cut = id.find_first_of(u",;"); cut != id.npos)
+        if (const std::size_t cut = config::NameLength(id.data(), setting.value.Length()); cut != id.size())
             Error(setting.line,
                   "a name ends at ',' and ';'; the driver takes it for " + Quoted(id.substr(0, cut)));
-        if (id.size() > KVR_NAME_CHARS)
-            Error(setting.line, "the name is longer than " + std::to_string(KVR_NAME_CHARS) +
+        if (id.size() > config::kMostIdUnits)
+            Error(setting.line, "the name is longer than " + std::to_string(config::kMostIdUnits) +
                                     " characters; the driver cuts it");
         const bool ascii = std::all_of(id.begin(), id.end(), [](char16_t c) { return c < 0x80; });
         if (!ascii || !EqualIgnoringCase(id.substr(0, 8), u"\\Device\\"))
@@ -246,14 +241,14 @@ private:
     }
 
     void CheckDate(const Section& section, const Setting& setting) {
-        if (setting.value == kNoDate) return;
+        if (setting.isNoDate) return;
         const bool global = setting.key == Key::FVNextDiscardTS;
         const std::string gate = global ? "FVBootMode=1" : "BootMode=1";
-        if (!IsDate(setting.value))
-            Error(setting.line, Quoted(setting.value) + " is no date (YYYYMMDDhhmm); it never comes");
+        if (!IsDate(setting.text))
+            Error(setting.line, Quoted(setting.text) + " is no date (YYYYMMDDhhmm); it never comes");
         else if (!setting.taken)
             Error(setting.line, "the date counts only behind " + gate + " in its section; it is ignored");
-        else if (!global && section.volume.bootMode != 1)
+        else if (!global && section.volume.bootMode != config::kBootModeKeep)
             Warn(setting.line, "the date has no use: the section's boot mode is not 1");
     }
 
@@ -263,9 +258,9 @@ private:
         bool used = false;
         for (const Section& section : scan_.sections) {
             for (const Setting& setting : section.settings) {
-                if (setting.key == Key::FVNextDiscardTS && setting.taken && setting.value != kNoDate)
-                    date = &setting;
-                used |= date && setting.key == Key::BootMode && setting.value == u"2" && setting.taken;
+                if (IsDateOf(setting, Key::FVNextDiscardTS)) date = &setting;
+                used |= date && setting.key == Key::BootMode && setting.taken &&
+                        setting.number == config::kBootModeDefault;
             }
             if (date && NeedsBootMode(section))
                 Warn(section.line,
@@ -275,7 +270,7 @@ private:
     }
 
     static bool NeedsBootMode(const Section& section) {
-        if (section.kind != SectionKind::Fixed || !section.volume.hasSettings) return false;
+        if (section.kind != SectionKind::FixedVolume || !section.volume.hasSettings) return false;
         return std::none_of(section.settings.begin(), section.settings.end(),
                             [](const Setting& s) { return s.key == Key::BootMode && s.taken; });
     }

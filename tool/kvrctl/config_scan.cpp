@@ -1,283 +1,129 @@
 #include "tool/kvrctl/config_scan.h"
 #include <algorithm>
-#include <iterator>
+#include <chrono>
 #include "formats/kvr_ioctl.h"
 #include "tool/kvrctl/unicode.h"
 
 namespace ctl {
 namespace {
 
-constexpr std::size_t kMostCharacters = KVR_CONFIG_BYTES / 2;
-constexpr std::size_t kMostIdCharacters = KVR_NAME_CHARS;
+static_assert(config::kMostIdUnits == KVR_NAME_CHARS);
 
-struct KeyRow {
-    Key key;
-    const char* name;
-    bool global, fixed, removable;
-    char16_t lastValue;  // values are the digits from 0 to this; 0: free text
-};
-constexpr KeyRow kKeys[] = {
-    {Key::Protection, "Protection", true, false, false, u'1'},
-    {Key::RVAccessMode, "RVAccessMode", true, false, false, u'2'},
-    {Key::FVBootMode, "FVBootMode", true, false, false, u'1'},
-    {Key::FVNextDiscardTS, "FVNextDiscardTS", true, false, false, 0},
-    {Key::ID, "ID", false, true, true, 0},
-    {Key::ProtectionMode, "ProtectionMode", false, true, false, u'1'},
-    {Key::BootMode, "BootMode", false, true, false, u'2'},
-    {Key::NextDiscardTS, "NextDiscardTS", false, true, false, 0},
-    {Key::BootAction, "BootAction", false, true, false, u'2'},
-    {Key::AccessMode, "AccessMode", false, false, true, u'3'},
-};
-
-const KeyRow& RowOf(Key key) {
-    return *std::find_if(std::begin(kKeys), std::end(kKeys), [&](const KeyRow& row) { return row.key == key; });
+// The driver's whole buffer: the text with the zeros behind it.
+std::u16string Image(std::u16string text) {
+    text.resize(KVR_CONFIG_BYTES / 2, u'\0');
+    return text;
 }
 
-bool EqualsAscii(const std::u16string& token, const char* name) {
-    return EqualIgnoringCase(token, FromUtf8(name, "a key"));
-}
-
-const KeyRow* FindKey(const std::u16string& token) {
-    for (const KeyRow& row : kKeys) {
-        if (EqualsAscii(token, row.name)) return &row;
-    }
-    return nullptr;
-}
-
-bool IsBlank(char16_t c) {
-    return c == u' ' || c == u'\t';
-}
-bool IsLineEnd(char16_t c) {
-    return c == u'\r' || c == u'\n';
-}
-bool EndsToken(char16_t c) {
-    return IsBlank(c) || IsLineEnd(c) || c == u'=' || c == u':' || c == 0;
-}
-
-// The driver's cursor over its whole buffer, the zeros behind the text included.
-class Cursor {
+class Reading {
 public:
-    explicit Cursor(const std::u16string& text) : text_(text.substr(0, kMostCharacters)) {
-        text_.resize(kMostCharacters, 0);
-    }
-    bool AtEnd() const { return at_ == text_.size(); }
-    std::size_t At() const { return at_; }
-    char16_t Character() const { return text_[at_]; }
-    void Step(std::size_t characters) { at_ += characters; }
-    void SkipBlanks() {
-        while (!AtEnd() && IsBlank(text_[at_])) ++at_;
-    }
-    void SkipWhiteSpace() {
-        while (!AtEnd() && (IsBlank(text_[at_]) || IsLineEnd(text_[at_]))) ++at_;
-    }
-    // Past the next `last`, or to the end; false when there is none.
-    bool SkipPast(char16_t last) {
-        const std::size_t found = text_.find(last, at_);
-        at_ = found == text_.npos ? text_.size() : found + 1;
-        return found != text_.npos;
-    }
-    std::u16string Token() const {
-        std::size_t end = at_;
-        while (end < text_.size() && !EndsToken(text_[end])) ++end;
-        return text_.substr(at_, end - at_);
-    }
-    bool HasLineFeed(std::size_t from, std::size_t to) const {
-        return text_.substr(from, to - from).find(u'\n') != text_.npos;
-    }
-
-private:
-    std::u16string text_;
-    std::size_t at_ = 0;
-};
-
-class Scanner {
-public:
-    explicit Scanner(const std::u16string& text) : text_(text), cursor_(text) {
+    explicit Reading(const std::u16string& text)
+        : text_(text), image_(Image(text)), scanner_(image_.data(), KVR_CONFIG_BYTES / 2) {
         scan_.sections.emplace_back();
-        Current().volume = {};
     }
 
     ConfigScan Run() {
-        while (ReadLine()) {
-        }
-        EndSection(std::min(cursor_.At(), text_.size()));
-        Save();
+        config::Line line;
+        while (scanner_.ReadLine(&line)) Read(line);
+        EndSection(false);
+        if (scanner_.At() < std::min(text_.size(), image_.size())) scan_.stop = scanner_.At();
+        scan_.protection = settings_.TesselEnabled;
+        scan_.removableAccess = config::RemovableAccess(settings_);
         return std::move(scan_);
     }
 
 private:
-    Section& Current() { return scan_.sections.back(); }
-    std::size_t Line(std::size_t position) const { return LineAt(text_, position); }
-
-    bool ReadLine() {
-        cursor_.SkipWhiteSpace();
-        if (cursor_.AtEnd()) return false;
-        const std::size_t begin = cursor_.At();
-        const std::u16string token = cursor_.Token();
-        if (token.empty()) {
-            if (begin < text_.size()) scan_.stop = begin;
-            return false;
-        }
-        if (EqualsAscii(token, "[Global]")) return ReadGlobalHead(begin, token.size());
-        if (EqualsAscii(token, "[FV")) return ReadVolumeHead(begin, SectionKind::Fixed);
-        if (EqualsAscii(token, "[RV")) return ReadVolumeHead(begin, SectionKind::Removable);
-        if (const KeyRow* row = FindKey(token)) return ReadSetting(begin, *row, token.size());
-        cursor_.SkipPast(u'\n');
-        scan_.ignored.push_back({Line(begin), begin, cursor_.At(), token});
-        return true;
+    void Read(config::Line line) {
+        const std::size_t number = LineAt(text_, line.token.begin);
+        line.end = static_cast<std::uint32_t>(std::min<std::size_t>(line.end, text_.size()));
+        if (line.kind == config::LineKind::Ignored)
+            scan_.ignored.push_back({line, number});
+        else if (line.kind == config::LineKind::Setting)
+            ReadSetting({{line, number}, Text(line.value)});
+        else
+            OpenSection(line, number);
     }
 
-    // A volume section that is still open is dropped, unless the buffer ends here.
-    bool ReadGlobalHead(std::size_t begin, std::size_t length) {
-        cursor_.Step(length);
-        const std::size_t bracket = cursor_.At();
-        cursor_.SkipBlanks();
-        if (cursor_.AtEnd()) return false;
-        EndSection(begin);
-        Current().dropped = Current().volume.hasSettings;
-        Open(SectionKind::Global, begin, bracket);
-        return true;
-    }
-
-    bool ReadVolumeHead(std::size_t begin, SectionKind kind) {
-        cursor_.Step(3);
-        const bool closed = cursor_.SkipPast(u']');
-        const std::size_t bracket = cursor_.At();
-        EndSection(begin);
-        Save();
-        Open(kind, begin, bracket);
-        Current().closed = closed;
-        Current().oneLine = !cursor_.HasLineFeed(begin, bracket);
-        return true;
-    }
-
-    void Open(SectionKind kind, std::size_t begin, std::size_t bracket) {
-        cursor_.SkipPast(u'\n');
+    void OpenSection(const config::Line& line, std::size_t number) {
+        const bool global = line.kind == config::LineKind::GlobalHead;
+        EndSection(global);
+        config::OpenSection(&settings_, line.section);
         Section section;
-        section.kind = kind;
-        section.line = Line(begin);
-        section.begin = begin;
-        section.bracket = bracket;
-        section.bodyBegin = std::min(cursor_.At(), text_.size());
+        section.kind = line.section;
+        section.line = number;
+        section.begin = line.token.begin;
+        section.bodyBegin = line.end;
+        section.bracket = line.behindHead;
+        section.closed = global || line.closed;
+        section.oneLine = Text({line.token.begin, line.behindHead}).find(u'\n') == std::u16string::npos;
         scan_.sections.push_back(std::move(section));
+        date_.clear();
     }
 
-    bool ReadSetting(std::size_t begin, const KeyRow& row, std::size_t length) {
-        cursor_.Step(length);
-        cursor_.SkipBlanks();
-        if (cursor_.AtEnd()) return false;
-        Setting setting{row.key, Line(begin), begin, 0, 0, 0, cursor_.Character() == u'=', {}};
-        if (setting.hasEquals) {
-            cursor_.Step(1);
-            cursor_.SkipBlanks();
-            if (cursor_.AtEnd()) return false;
-            setting.value = cursor_.Token();
+    void ReadSetting(Setting setting) {
+        const config::Effect effect = config::Apply(&settings_, setting);
+        if (config::Counts(setting.key, settings_.Kind)) {
+            setting.taken = effect == config::Effect::Set || effect == config::Effect::NoDate;
+            if (effect == config::Effect::DateOpen && IsDate(setting.text)) {
+                setting.taken = true;
+                (setting.key == Key::NextDiscardTS ? date_ : fixedDate_) = setting.text;
+            }
+            if (setting.key == Key::BootMode && setting.number == config::kBootModeDefault) date_ = fixedDate_;
         }
-        setting.valueBegin = cursor_.At();
-        setting.valueEnd = cursor_.At() + setting.value.size();
-        cursor_.SkipPast(u'\n');
-        setting.end = std::min(cursor_.At(), text_.size());
-        if (!setting.value.empty() && Counts(row.key, Current().kind)) Apply(setting, row);
-        Current().settings.push_back(std::move(setting));
-        return true;
+        scan_.sections.back().settings.push_back(std::move(setting));
     }
 
-    // ---- what the driver makes of a value ----
-
-    void Apply(Setting& setting, const KeyRow& row) {
-        VolumeSettings& volume = Current().volume;
-        if (row.lastValue == 0) {
-            ApplyText(setting);
-        } else {
-            const bool listed =
-                setting.value.size() == 1 && setting.value[0] >= u'0' && setting.value[0] <= row.lastValue;
-            if (listed) ApplyNumber(row.key, setting.value[0] - u'0');
-            // What the driver does not know it takes for none of the actions.
-            if (!listed && row.key == Key::BootAction) volume.action = 0;
-            setting.taken = listed;
-        }
-        if (row.fixed || row.removable) volume.hasSettings |= row.key != Key::NextDiscardTS;
-    }
-
-    void ApplyNumber(Key key, unsigned value) {
-        VolumeSettings& volume = Current().volume;
-        switch (key) {
-            case Key::Protection:
-                scan_.protection |= value == 1;
-                return;
-            case Key::RVAccessMode:
-                scan_.removableAccess = value;
-                return;
-            case Key::FVBootMode:
-                scan_.fixedBootMode = value;
-                return;
-            case Key::ProtectionMode:
-                volume.isProtected = value == 1;
-                return;
-            case Key::BootMode:
-                volume.bootMode = value;
-                if (value == 2) volume.date = scan_.fixedDate;
-                return;
-            case Key::BootAction:
-                volume.action = value;
-                return;
-            default:
-                volume.accessMode = value == 3 ? scan_.removableAccess : value;
-        }
-    }
-
-    void ApplyText(Setting& setting) {
-        VolumeSettings& volume = Current().volume;
-        if (setting.key == Key::ID) {
-            volume.id = setting.value.substr(0, kMostIdCharacters);
-            setting.taken = true;
-            return;
-        }
-        const bool global = setting.key == Key::FVNextDiscardTS;
-        std::u16string& date = global ? scan_.fixedDate : volume.date;
-        const bool open = (global ? scan_.fixedBootMode : volume.bootMode) == 1;
-        setting.taken = setting.value == kNoDate || (open && IsDate(setting.value));
-        if (setting.value != kNoDate && setting.taken) date = setting.value;
-    }
-
-    void EndSection(std::size_t end) { Current().end = end; }
-
-    void Save() {
-        Section& section = Current();
+    void EndSection(bool dropped) {
+        const config::VolumeSection& read = settings_.Section;
+        Section& section = scan_.sections.back();
+        if (!read.HasSettings) return;
+        section.dropped = dropped;
         VolumeSettings& volume = section.volume;
-        if (section.kind == SectionKind::Global || !volume.hasSettings) return;
-        volume.id = volume.id.substr(0, volume.id.find_first_of(u",;"));
-        volume.atBoot = volume.bootMode == 2 ? scan_.fixedBootMode : volume.bootMode;
-        volume.isProtected |= section.kind == SectionKind::Removable && volume.accessMode != 0;
-        volume.switchWasOn = scan_.protection;
+        volume.id = Text(read.ID);
+        volume.isProtected = read.VOLUME_Mode == 1;
+        volume.bootMode = read.BootMode;
+        volume.atBoot = config::AtBoot(settings_);
+        volume.date = date_;
+        volume.action = read.Action;
+        volume.accessMode = read.RVOLUME_AccessMode;
+        volume.hasSettings = true;
+        if (dropped) return;
+        volume.id.resize(config::NameLength(volume.id.data(), read.ID.Length()));
+        volume.isProtected |= volume.accessMode != 0;
+        volume.switchWasOn = settings_.TesselEnabled;
         volume.isListed = scan_.Find(volume.id) == nullptr;
     }
 
+    std::u16string Text(const config::Span& span) const { return image_.substr(span.begin, span.Length()); }
+
     const std::u16string& text_;
-    Cursor cursor_;
+    const std::u16string image_;
+    config::Scanner<char16_t> scanner_;
+    config::Settings settings_;
+    std::u16string date_, fixedDate_;  // the section's and FVNextDiscardTS, as far as they count
     ConfigScan scan_;
 };
 
 }  // namespace
 
-const char* KeyName(Key key) {
-    return RowOf(key).name;
-}
-
-bool Counts(Key key, SectionKind kind) {
-    const KeyRow& row = RowOf(key);
-    return kind == SectionKind::Global ? row.global : kind == SectionKind::Fixed ? row.fixed : row.removable;
-}
-
 const Section* ConfigScan::Find(const std::u16string& volume) const {
-    for (const Section& section : sections) {
-        if (section.volume.isListed && EqualIgnoringCase(section.volume.id, volume)) return &section;
-    }
-    return nullptr;
+    const auto isIts = [&](const Section& section) {
+        return section.volume.isListed && EqualIgnoringCase(section.volume.id, volume);
+    };
+    const auto found = std::find_if(sections.begin(), sections.end(), isIts);
+    return found == sections.end() ? nullptr : &*found;
+}
+
+std::u16string ConfigScan::ValueOf(const std::u16string& volume, Key key) const {
+    std::u16string value;
+    if (const Section* section = Find(volume))
+        for (const Setting& setting : section->settings)
+            if (setting.key == key) value = setting.text;
+    return value;
 }
 
 ConfigScan ScanConfig(const std::u16string& text) {
-    return Scanner(text).Run();
+    return Reading(text).Run();
 }
 
 std::size_t LineAt(const std::u16string& text, std::size_t position) {
@@ -286,20 +132,14 @@ std::size_t LineAt(const std::u16string& text, std::size_t position) {
 }
 
 bool IsDate(const std::u16string& value) {
-    if (value.size() != 12) return false;
-    if (!std::all_of(value.begin(), value.end(), [](char16_t c) { return c >= u'0' && c <= u'9'; }))
-        return false;
+    const auto isDigit = [](char16_t c) { return c >= u'0' && c <= u'9'; };
+    if (value.size() != config::kDateUnits || !std::all_of(value.begin(), value.end(), isDigit)) return false;
     const auto number = [&](std::size_t at, std::size_t digits) {
-        unsigned result = 0;
-        for (char16_t c : value.substr(at, digits)) result = result * 10 + (c - u'0');
-        return result;
+        return static_cast<unsigned>(std::stoul(ToUtf8(value.substr(at, digits))));
     };
-    const unsigned year = number(0, 4), month = number(4, 2), day = number(6, 2);
-    const bool leap = year % 4 == 0 && (year % 100 != 0 || year % 400 == 0);
-    static constexpr unsigned kDays[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    if (month < 1 || month > 12 || day < 1) return false;
-    const unsigned days = month == 2 && leap ? 29 : kDays[month - 1];
-    return day <= days && number(8, 2) <= 23 && number(10, 2) <= 59;
+    const std::chrono::year_month_day day(std::chrono::year(static_cast<int>(number(0, 4))),
+                                          std::chrono::month(number(4, 2)), std::chrono::day(number(6, 2)));
+    return day.ok() && number(8, 2) <= 23 && number(10, 2) <= 59;
 }
 
 }  // namespace ctl

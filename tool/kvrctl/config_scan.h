@@ -1,50 +1,25 @@
-// Reads the configuration text as the driver does, character by character, and remembers where everything
-// stood: what `config check` tells and what the edits change rests on it.
+// Reads the configuration text with the driver's own scanner and rules, and remembers where everything stood:
+// what `config check` tells and what the edits change rests on it.
 #pragma once
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
+#include "formats/config_settings.h"
 
 namespace ctl {
 
-enum class SectionKind { Global, Fixed, Removable };
-
-enum class Key {
-    Protection,
-    RVAccessMode,
-    FVBootMode,
-    FVNextDiscardTS,  // [Global]
-    ID,
-    ProtectionMode,
-    BootMode,
-    NextDiscardTS,
-    BootAction,  // [FV; ID in [RV as well
-    AccessMode,  // [RV
-};
-const char* KeyName(Key key);
-// Does the driver do anything with the key in such a section?
-bool Counts(Key key, SectionKind kind);
-
-inline constexpr char16_t kNoDate[] = u"000000000000";
+using config::Key;
+using config::SectionKind;
 
 // Positions are in characters from the text's first, lines count from 1.
-struct Setting {
-    Key key;
+struct TextLine : config::Line {
     std::size_t line;
-    std::size_t begin, end;            // of the key's line, from the key to behind the line feed
-    std::size_t valueBegin, valueEnd;  // equal: no value, and the driver ignores the line
-    bool hasEquals;
-    std::u16string value;
-    bool taken = false;  // the driver acts on it
 };
 
-// A line that means nothing to the driver.
-struct IgnoredLine {
-    std::size_t line;
-    std::size_t begin, end;
-    std::u16string token;
+struct Setting : TextLine {
+    std::u16string text;  // of the value
+    bool taken = false;   // the driver acts on it
 };
 
 // What the driver makes of a volume section.
@@ -65,7 +40,6 @@ struct Section {
     SectionKind kind = SectionKind::Global;
     std::size_t line = 0;                  // of its head; 0 for what stands before any head
     std::size_t begin = 0, bodyBegin = 0;  // of the head and of what follows its line
-    std::size_t end = 0;                   // where the next head's line begins, or the reading ended
     std::size_t bracket = 0;               // behind the head's ']'
     bool closed = true;                    // there is a ']'
     bool oneLine = true;                   // ... on the head's own line
@@ -76,16 +50,16 @@ struct Section {
 
 struct ConfigScan {
     std::vector<Section> sections;  // the first is what stands before any head
-    std::vector<IgnoredLine> ignored;
+    std::vector<TextLine> ignored;  // lines that mean nothing to the driver
     // Where the driver stops for good although text follows.
     std::optional<std::size_t> stop;
     bool protection = false;
     unsigned removableAccess = 0;  // as RVAccessMode
-    unsigned fixedBootMode = 0;
-    std::u16string fixedDate;  // FVNextDiscardTS as far as it counts
 
     // The section that counts for the volume, or null.
     const Section* Find(const std::u16string& volume) const;
+    // What its last line of that key says in that section; empty without.
+    std::u16string ValueOf(const std::u16string& volume, Key key) const;
 };
 
 // `text` is what the driver gets, without the zeros that fill its buffer; only the first KVR_CONFIG_BYTES of it
@@ -94,6 +68,7 @@ ConfigScan ScanConfig(const std::u16string& text);
 
 // The number of the line on which the character stands.
 std::size_t LineAt(const std::u16string& text, std::size_t position);
+// Is it a minute of the calendar, as YYYYMMDDhhmm?
 bool IsDate(const std::u16string& value);
 
 }  // namespace ctl

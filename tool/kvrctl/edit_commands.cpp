@@ -30,7 +30,7 @@ KnownVolume Resolve(const Situation& situation, const std::string& words) {
         if (!settings.isListed || settings.id.empty()) continue;
         const auto same = [&](const KnownVolume& known) { return EqualIgnoringCase(known.name, settings.id); };
         if (std::none_of(volumes.begin(), volumes.end(), same))
-            volumes.push_back({settings.id, section.kind == SectionKind::Removable});
+            volumes.push_back({settings.id, section.kind == SectionKind::RemovableVolume});
     }
     return FindVolume(volumes, words);
 }

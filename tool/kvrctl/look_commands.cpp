@@ -169,7 +169,7 @@ std::string PlanText(const ConfigScan& scan, const KnownVolume& volume) {
     const Section* section = scan.Find(volume.name);
     if (!section && volume.removable) return kAccess[scan.removableAccess];
     if (!section || !section->volume.isProtected || !section->volume.switchWasOn) return "not protected";
-    if (section->kind == SectionKind::Removable) return kAccess[section->volume.accessMode];
+    if (section->kind == SectionKind::RemovableVolume) return kAccess[section->volume.accessMode];
     return FixedPlan(section->volume);
 }
 
