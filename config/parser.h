@@ -1,5 +1,5 @@
 // config/: the configuration. Its text's grammar and parser, the list of protected volumes and how it applies
-// to a volume, the ways in which the text is stored and reached, and formatting into counted strings.
+// to a volume, and the ways in which the text is stored and reached.
 //
 // ParseConfig reads the text once per boot. It sets the global switches, fills the protected-volume list and
 // resets one-shot fields inside the text.

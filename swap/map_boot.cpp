@@ -24,14 +24,14 @@ struct MAP_LOAD {
     bool noLocation;
 };
 
-// A run that cannot be read is the load's status, and the next one is read.
-// For DeserializeSwapMap, and out of its reach again.
+// Puts the run where DeserializeSwapMap finds it; null takes it away again.
 void OfferRun(PVOLUME_EXTENSION volume, UCHAR* buffer, ULONG length) {
     FastMutexLock lock(volume->SwapLock);
     volume->MapBuffer = buffer;
     volume->MapBufferSize = length;
 }
 
+// A run that cannot be read is the load's status, and the next one is read.
 void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     if (run->ulLength < sizeof(SWAP_MAP_ENTRY)) {
         load.loaded = STATUS_END_OF_FILE;  // it holds no entry, and needs no reading to know
