@@ -25,7 +25,7 @@ NTSTATUS FileData::Read(PFILE_OBJECT file, std::uint64_t offset, void* buffer, U
 
 NTSTATUS FileData::ReadRange(PFILE_OBJECT file, std::uint64_t offset, void* buffer, ULONG length) {
     if (shape_.resident || shape_.special) {
-        const VolumeLockGuard guard(volume_.Lock());
+        const host::HostGuard guard(volume_.Lock());
         return volume_.Look(
             file, [&](VolumeFormat& format) { return format.ReadByLibrary(id_, offset, buffer, length); });
     }
@@ -71,7 +71,7 @@ NTSTATUS FileData::WriteAnywhere(const FileWrite& write) {
 
 NTSTATUS FileData::WriteByLibrary(const FileWrite& write) {
     if (!volume_.Traits().writesSpecial) return STATUS_NOT_SUPPORTED;
-    const VolumeLockGuard guard(volume_.Lock());
+    const host::HostGuard guard(volume_.Lock());
     const NTSTATUS status = volume_.Change(CommitOrder::TakeFirst, write.file, [&](VolumeFormat& format) {
         return format.WriteByLibrary(id_, write.offset, write.buffer, write.length);
     });
@@ -81,7 +81,7 @@ NTSTATUS FileData::WriteByLibrary(const FileWrite& write) {
 
 NTSTATUS FileData::Extend(const FileWrite& write) {
     FileShape shape = shape_;
-    const VolumeLockGuard guard(volume_.Lock());
+    const host::HostGuard guard(volume_.Lock());
     const NTSTATUS status =
         volume_.Change(CommitOrder::TakeFirst, MountedVolume::Owner::FileMetadata,
                        [&](VolumeFormat& format) { return format.Extend(id_, write, shape); });
@@ -96,7 +96,7 @@ NTSTATUS FileData::Truncate(ULONG attributes) {
     status = Connected();
     if (!NT_SUCCESS(status)) return status;
     FileShape shape;
-    const VolumeLockGuard guard(volume_.Lock());
+    const host::HostGuard guard(volume_.Lock());
     status =
         volume_.Change(CommitOrder::RemoveFirst, MountedVolume::Owner::FileMetadata, [&](VolumeFormat& format) {
             const NTSTATUS emptied = format.Empty(id_, attributes);
@@ -140,7 +140,7 @@ NTSTATUS FileData::Reconnect() {
     if (connection_.load(std::memory_order_relaxed) != Connection::Stale) return STATUS_SUCCESS;
     const std::unique_lock exclusive(content_);
     if (connection_ != Connection::Stale) return STATUS_SUCCESS;
-    const VolumeLockGuard guard(volume_.Lock());
+    const host::HostGuard guard(volume_.Lock());
     FileShape shape;
     const NTSTATUS status = volume_.Look([&](VolumeFormat& format) { return format.LoadShape(id_, shape); });
     if (NT_SUCCESS(status)) {

@@ -69,7 +69,7 @@ public:
           rights_(request, state_->files.volume.Io().SectorSize()) {}
 
     ~MountedOpen() override {
-        const VolumeLockGuard guard(state_->files.volume.Lock());
+        const host::HostGuard guard(state_->files.volume.Lock());
         KVR_DISCARD(state_->files.Leave(file_, claim_), "a close has nobody to report a failure to");
     }
     MountedOpen(const MountedOpen&) = delete;
@@ -178,7 +178,7 @@ NTSTATUS MountedFileSystem::Mount(std::unique_ptr<VolumeFormat> format,
                                   std::unique_ptr<MountedFileSystem>& fileSystem) {
     auto state = std::make_shared<State>(std::move(format));
     {
-        const VolumeLockGuard guard(state->files.volume.Lock());
+        const host::HostGuard guard(state->files.volume.Lock());
         const NTSTATUS status = state->files.volume.Mount();
         if (!NT_SUCCESS(status)) return status;
     }
@@ -195,7 +195,7 @@ NTSTATUS MountedFileSystem::Open(const host::FileOpen& request, std::unique_ptr<
     std::unique_ptr<MountedOpen> opened;
     std::shared_ptr<SharedFile> target;
     {
-        const VolumeLockGuard guard(state_->files.volume.Lock());
+        const host::HostGuard guard(state_->files.volume.Lock());
         FilePlace place;
         NTSTATUS status = state_->Locate(request.path, place);
         if (NT_SUCCESS(status)) status = state_->Admit(request, claim, place, target, information);
@@ -212,7 +212,7 @@ NTSTATUS MountedFileSystem::Open(const host::FileOpen& request, std::unique_ptr<
 }
 
 NTSTATUS MountedFileSystem::Delete(const std::u16string& path) {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     FilePlace place;
     NTSTATUS status = state_->LocateExisting(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -227,7 +227,7 @@ NTSTATUS MountedFileSystem::Delete(const std::u16string& path) {
 
 NTSTATUS MountedFileSystem::Rename(const std::u16string& from, const std::u16string& to) {
     if (!state_->files.volume.Traits().movesNames) return STATUS_NOT_SUPPORTED;
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     FilePlace source, target;
     NTSTATUS status = state_->Locate(from, source);
     if (NT_SUCCESS(status)) status = state_->Locate(to, target);
@@ -253,7 +253,7 @@ NTSTATUS MountedFileSystem::Rename(const std::u16string& from, const std::u16str
 }
 
 NTSTATUS MountedFileSystem::MakeDirectory(const std::u16string& path) {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     FilePlace place;
     const NTSTATUS status = state_->Locate(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -261,7 +261,7 @@ NTSTATUS MountedFileSystem::MakeDirectory(const std::u16string& path) {
 }
 
 NTSTATUS MountedFileSystem::List(const std::u16string& path, std::vector<DirectoryEntry>& entries) {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     FilePlace place;
     const NTSTATUS status = state_->LocateExisting(path, place);
     if (!NT_SUCCESS(status)) return status;
@@ -271,7 +271,7 @@ NTSTATUS MountedFileSystem::List(const std::u16string& path, std::vector<Directo
 }
 
 NTSTATUS MountedFileSystem::Query(const std::u16string& path, DirectoryEntry& entry) {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     FilePlace place;
     const NTSTATUS status = state_->LocateExisting(path, place);
     if (NT_SUCCESS(status)) entry = place.entry;
@@ -279,12 +279,12 @@ NTSTATUS MountedFileSystem::Query(const std::u16string& path, DirectoryEntry& en
 }
 
 NTSTATUS MountedFileSystem::FreeSpace(std::uint64_t& bytes) {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     return state_->files.volume.Look([&](VolumeFormat& format) { return format.FreeSpace(bytes); });
 }
 
 std::string MountedFileSystem::ReadOnlyReason() const {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     return state_->files.volume.ReadOnlyReason();
 }
 
@@ -297,7 +297,7 @@ std::u16string MountedFileSystem::DriverName() const {
 }
 
 NTSTATUS MountedFileSystem::Flush() {
-    const VolumeLockGuard guard(state_->files.volume.Lock());
+    const host::HostGuard guard(state_->files.volume.Lock());
     return state_->files.volume.Closed() ? STATUS_DEVICE_NOT_READY : state_->files.volume.Io().Flush();
 }
 
@@ -313,7 +313,7 @@ void MountedFileSystem::Abandon() {
 NTSTATUS MountedFileSystem::End(bool orderly) {
     SharedFiles open;
     {
-        const VolumeLockGuard guard(state_->files.volume.Lock());
+        const host::HostGuard guard(state_->files.volume.Lock());
         if (state_->files.volume.Closed()) return STATUS_SUCCESS;
         open = state_->files.ForgetAll(orderly);
         state_->files.volume.Close();
@@ -326,7 +326,7 @@ NTSTATUS MountedFileSystem::End(bool orderly) {
 void MountedFileSystem::Suspend() {
     SharedFiles open;
     {
-        const VolumeLockGuard guard(state_->files.volume.Lock());
+        const host::HostGuard guard(state_->files.volume.Lock());
         open = state_->files.BringUpToDate();
         state_->files.volume.Suspend();
     }
@@ -336,7 +336,7 @@ void MountedFileSystem::Suspend() {
 void MountedFileSystem::Resume() {
     SharedFiles open;
     {
-        const VolumeLockGuard guard(state_->files.volume.Lock());
+        const host::HostGuard guard(state_->files.volume.Lock());
         state_->files.volume.Resume();
         open = state_->files.All();
     }

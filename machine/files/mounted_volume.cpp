@@ -3,7 +3,7 @@
 namespace machine {
 
 MountedVolume::~MountedVolume() {
-    const VolumeLockGuard guard(lock_);
+    const host::HostGuard guard(lock_);
     Close();
 }
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 #include "machine/files/volume_format.h"
-#include "machine/files/volume_lock.h"
+#include "platform/host/sync/host_lock.h"
 
 namespace machine {
 
@@ -21,7 +21,7 @@ public:
     MountedVolume& operator=(const MountedVolume&) = delete;
 
     // A file's content lock, where both are needed, is taken before it.
-    VolumeLock& Lock() const KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
+    host::HostLock& Lock() const KVR_ATTRIBUTE(lock_returned(lock_)) { return lock_; }
     VolumeIo& Io() const { return io_; }
     const FormatTraits& Traits() const { return traits_; }
 
@@ -60,7 +60,7 @@ private:
 
     VolumeIo& io_;
     const FormatTraits& traits_;
-    mutable VolumeLock lock_;
+    mutable host::HostLock lock_;  // requests go down the volume's stack under it
     const std::unique_ptr<VolumeFormat> format_ KVR_GUARDED_BY(lock_);
     bool closed_ KVR_GUARDED_BY(lock_) = true;
     bool suspended_ KVR_GUARDED_BY(lock_) = false;
