@@ -25,7 +25,7 @@ compiler=(
 )
 
 mapfile -t sources < <(find platform/host tests/second_kernel machine/files/share_access.cpp \
-    platform/windows/layout_check.cpp -name '*.cpp' ! -path '*/os/linux/*' ! -name linked_driver.cpp)
+    platform/windows/layout_check.cpp -name '*.cpp' ! -path '*/host/os/*' ! -name linked_driver.cpp)
 compile_all "$out/story-objects" "${sources[@]}"
 # Links what is not called that.
 link_without() {

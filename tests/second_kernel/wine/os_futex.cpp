@@ -1,3 +1,4 @@
+// Sleeping on a word of memory, for platform/host/os.
 #include "platform/host/sync/futex.h"
 
 #include <algorithm>

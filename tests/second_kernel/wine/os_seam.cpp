@@ -1,5 +1,5 @@
-// Kernel exceptions are structured ones here, as the driver's image expects them. Whoever catches them is that
-// image alone, so the host's own TryFinally and TryExcept are not there.
+// For platform/host/os. Kernel exceptions are structured ones here, as the driver's image expects them. Whoever
+// catches them is that image alone, so the host's own TryFinally and TryExcept are not there.
 #include "platform/host/nt/ntex.h"
 
 // The system's own header has other types under the kernel's names.
