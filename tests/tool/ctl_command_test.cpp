@@ -1,6 +1,8 @@
 // The command line on a made-up machine: what it prints, refuses and asks of the driver.
 #include <gtest/gtest.h>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <nlohmann/json.hpp>
 #include "ctl_support.h"
 #include "tests/support/scratch_folder.h"
@@ -36,6 +38,12 @@ Machine Office() {
     return machine;
 }
 
+// Cut at the blanks.
+std::vector<std::string> Words(const std::string& text) {
+    std::istringstream stream(text);
+    return {std::istream_iterator<std::string>(stream), {}};
+}
+
 TEST(CtlCommands, StatusInWords) {
     Machine machine = Office();
     EXPECT_EQ(
@@ -68,90 +76,74 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
     const auto refused = [](std::uint32_t code, Status status, const char* text = "") -> Given {
         return [=](Machine& machine) { machine.refusals[code] = {status, text}; };
     };
-    const auto made = [](std::int64_t bytes, bool whole) -> Given {
+    const auto whole = [](std::int64_t bytes) -> Given {
         return [=](Machine& machine) {
             machine.fixed[1].SwapTotalBytes = bytes;
-            if (whole) machine.registry[kSystem] = Bytes(8);
+            machine.registry[kSystem] = Bytes(8);
         };
     };
     const struct {
-        std::vector<std::string> words;
+        std::string words;
         int exitCode;
         const char* says;
         Given given = [](Machine&) {};
     } table[] = {
-        {{"protect", "2", "--dry-run"}, kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
-        {{"protect", "harddiskvolume2", "--dry-run"}, kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
-        {{"protect", "\\device\\HarddiskVolume2", "--dry-run"}, kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
-        {{"protect", "7"},
-         kExitUsage,
+        {"protect 2 --dry-run", kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
+        {"protect harddiskvolume2 --dry-run", kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
+        {"protect \\device\\HarddiskVolume2 --dry-run", kExitOk, "+ ID = \\Device\\HarddiskVolume2"},
+        {"protect 7", kExitUsage,
          "no volume '7'; the volumes are: \\Device\\HarddiskVolume1, \\Device\\HarddiskVolume2, "
          "\\Device\\HarddiskVolume3, \\Device\\HarddiskVolume13\n"},
-        {{"protect", "2"},
-         kExitUsage,
-         "can mean several volumes",
+        {"protect 2", kExitUsage, "can mean several volumes",
          [](Machine& m) { m.AddFixed(u"\\Device\\Other2"); }},
-        {{"protect", "13"}, kExitFailed, "is removable"},
-        {{"removable", "hide", "2"}, kExitFailed, "is a fixed volume"},
-        {{"volumes"},
-         kExitOk,
-         "protected; changes are kept until 2030-01-01 18:00",
+        {"protect 13", kExitFailed, "is removable"},
+        {"removable hide 2", kExitFailed, "is a fixed volume"},
+        {"volumes", kExitOk, "protected; changes are kept until 2030-01-01 18:00",
          [](Machine& m) {
              m.config =
                  u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\nBootMode=1\n"
                  u"NextDiscardTS=203001011800\n";
          }},
-        {{"volumes"}, kExitOk, "protected and hidden", [](Machine& m) { m.config += u"RVAccessMode=2\n"; }},
+        {"volumes", kExitOk, "protected and hidden", [](Machine& m) { m.config += u"RVAccessMode=2\n"; }},
         // Swap storage: what is known before the driver is asked,
-        {{"swap", "make", "1", "698M"}, kExitFailed, "has 700 MiB free; the storage and its map need 715 MiB"},
-        {{"swap", "make", "2", "1M"}, kExitFailed, "is protected"},
-        {{"swap", "remove", "2"}, kExitFailed, "is protected"},
-        {{"swap", "make", "13", "1M"}, kExitFailed, "removable"},
-        {{"swap", "make", "1", "200000G"}, kExitFailed, "at most"},
-        {{"swap", "make", "1", "1M"},
-         kExitBusy,
-         "in use by nbdcopy (pid 1)",
+        {"swap make 1 698M", kExitFailed, "has 700 MiB free; the storage and its map need 715 MiB"},
+        {"swap make 2 1M", kExitFailed, "is protected"},
+        {"swap remove 2", kExitFailed, "is protected"},
+        {"swap make 13 1M", kExitFailed, "removable"},
+        {"swap make 1 200000G", kExitFailed, "at most"},
+        {"swap make 1 1M", kExitBusy, "in use by nbdcopy (pid 1)",
          [](Machine& m) { m.facts[kSystem].clients = "nbdcopy (pid 1)"; }},
-        {{"swap", "make", "1", "1M"},
-         kExitFailed,
-         "no file system",
+        {"swap make 1 1M", kExitFailed, "no file system",
          [](Machine& m) { m.facts[kSystem].fileSystem = FileSystemKind::None; }},
-        {{"swap", "make", "1", "1M"}, kExitBusy, "already", [](Machine& m) { m.fixed[1].SwapStatus = 1; }},
+        {"swap make 1 1M", kExitBusy, "already", [](Machine& m) { m.fixed[1].SwapStatus = 1; }},
         // what it answers, and what came of it.
-        {{"swap", "make", "1", "1M"},
-         kExitFailed,
-         "holds the configuration",
+        {"swap make 1 1M", kExitFailed, "holds the configuration",
          refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_INVALID_PARAMETER)},
-        {{"swap", "make", "1", "1M"},
-         kExitBusy,
-         "swap stop",
-         refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_FILE_LOCK_CONFLICT)},
-        {{"swap", "remove", "1"},
-         kExitBusy,
-         "in use: x",
+        {"swap make 1 1M", kExitBusy, "swap stop", refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_FILE_LOCK_CONFLICT)},
+        {"swap remove 1", kExitBusy, "in use: x",
          refused(IOCTL_KVR_REMOVE_SWAP, STATUS_DEVICE_BUSY, "HarddiskVolume1 is in use: x")},
-        {{"swap", "make", "1", "1.5M"}, kExitFailed, "not finished: 0 bytes of 2 MiB"},
-        {{"swap", "make", "1", "1.5M"}, kExitFailed, "has 1 MiB instead of 2 MiB", made(1 * kMiB, true)},
-        {{"swap", "make", "1", "1.5M"}, kExitOk, "Made 2 MiB", made(2 * kMiB, true)},
-        {{"enable"}, kExitOk, "nothing was changed", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
-        {{"disable"}, kExitFailed, "system32\\drivers", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
-        {{"disable"}, kExitDenied, "administrator", refused(IOCTL_KVR_SET_CONFIG, STATUS_ACCESS_DENIED)},
-        {{"status"}, kExitFailed, "stands by", refused(IOCTL_KVR_GET_ENABLED, STATUS_INVALID_DEVICE_REQUEST)},
-        {{"status"}, kExitFailed, "0xC0001234", refused(IOCTL_KVR_GET_ENABLED, KvrStatus(0xC0001234))},
-        {{"status"}, kExitOk, "Protection", [](Machine& m) { m.busyOpens = 3; }},
-        {{"status"}, kExitBusy, "another program", [](Machine& m) { m.busyOpens = 1000; }},
-        {{"status"}, kExitNotRunning, "no driver", [](Machine& m) { m.exitOfOpen = kExitNotRunning; }},
+        {"swap make 1 1.5M", kExitFailed, "not finished: 0 bytes of 2 MiB"},
+        {"swap make 1 1.5M", kExitFailed, "has 1 MiB instead of 2 MiB", whole(1 * kMiB)},
+        {"swap make 1 1.5M", kExitOk, "Made 2 MiB", whole(2 * kMiB)},
+        {"enable", kExitOk, "nothing was changed", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
+        {"disable", kExitFailed, "system32\\drivers", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
+        {"disable", kExitDenied, "administrator", refused(IOCTL_KVR_SET_CONFIG, STATUS_ACCESS_DENIED)},
+        {"status", kExitFailed, "stands by", refused(IOCTL_KVR_GET_ENABLED, STATUS_INVALID_DEVICE_REQUEST)},
+        {"status", kExitFailed, "0xC0001234", refused(IOCTL_KVR_GET_ENABLED, KvrStatus(0xC0001234))},
+        {"status", kExitOk, "Protection", [](Machine& m) { m.busyOpens = 3; }},
+        {"status", kExitBusy, "another program", [](Machine& m) { m.busyOpens = 1000; }},
+        {"status", kExitNotRunning, "no driver", [](Machine& m) { m.exitOfOpen = kExitNotRunning; }},
     };
     for (const auto& row : table) {
         Machine machine = Office();
         row.given(machine);
-        const Result result = RunOn(machine, row.words);
+        const Result result = RunOn(machine, Words(row.words));
         const std::string said = result.out + result.err;
         EXPECT_EQ(row.exitCode, result.exitCode) << said;
         EXPECT_NE(std::string::npos, said.find(row.says)) << row.says << said;
         EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-        const bool asked = row.words[0] == "swap" && row.words.back() == "1.5M";
-        EXPECT_EQ(asked, machine.changes == std::vector<std::uint32_t>{IOCTL_KVR_ALLOCATE_SWAP});
+        const std::size_t made = row.words == "swap make 1 1.5M" ? 1 : 0;
+        EXPECT_EQ(std::vector<std::uint32_t>(made, IOCTL_KVR_ALLOCATE_SWAP), machine.changes);
     }
 }
 
@@ -226,21 +218,12 @@ TEST(CtlCommands, CtrlCEndsWhatWasBegun) {
 
 TEST(CtlCommands, UsageMistakesAndHelp) {
     Machine machine = Office();
-    const std::vector<std::vector<std::string>> mistakes = {
-        {},
-        {"nonsense"},
-        {"status", "x"},
-        {"protect"},
-        {"protect", "1", "--at-boot", "never"},
-        {"swap"},
-        {"swap", "make", "1"},
-        {"swap", "make", "1", "2X"},
-        {"protect", "1", "--until", "soon"},
-        {"protect", "1", "--until", "2020-01-01 00:00"},
-        {"protect", "1", "--at-boot", "discard", "--until", "2090-01-01 00:00"}};
-    for (const auto& words : mistakes) {
-        const Result result = RunOn(machine, words);
-        EXPECT_EQ(kExitUsage, result.exitCode) << testing::PrintToString(words) << result.err;
+    for (const char* text :
+         {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap", "swap make 1",
+          "swap make 1 2X", "protect 1 --until soon", "protect 1 --until 2020-01-01T00:00",
+          "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
+        const Result result = RunOn(machine, Words(text));
+        EXPECT_EQ(kExitUsage, result.exitCode) << text << result.err;
         EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
     }
     for (const char* command : {"status", "watch", "volumes", "map", "debug", "protect", "unprotect", "discard",
@@ -253,37 +236,19 @@ TEST(CtlCommands, UsageMistakesAndHelp) {
 }
 
 TEST(CtlCommands, SizesAndDates) {
-    const struct {
-        const char* text;
-        std::int64_t bytes;  // 0: refused
-    } sizes[] = {{"1", 1},
-                 {"2G", std::int64_t{2} << 30},
-                 {"512M", 512 * kMiB},
-                 {"1.5GiB", 3 * (std::int64_t{1} << 29)},
-                 {"64 kB", 65536},
-                 {"0.1k", 102},
-                 {"3 bytes", 3},
-                 {"8191P", 0},
-                 {"8388607T", std::int64_t{8388607} << 40},
-                 {"8388608T", 0},
-                 {"9223372036854775807", INT64_MAX},
-                 {"9223372036854775808", 0},
-                 {"", 0},
-                 {"0", 0},
-                 {"-1", 0},
-                 {"G", 0},
-                 {"1.", 0},
-                 {"1.5", 0},
-                 {".5G", 0},
-                 {"1GG", 0},
-                 {"1 G x", 0},
-                 {"1e3", 0}};
-    for (const auto& row : sizes) {
-        if (row.bytes == 0)
-            EXPECT_THROW(ParseSize(row.text), Failure) << row.text;
-        else
-            EXPECT_EQ(row.bytes, ParseSize(row.text)) << row.text;
-    }
+    const std::pair<const char*, std::int64_t> sizes[] = {{"1", 1},
+                                                          {"2G", std::int64_t{2} << 30},
+                                                          {"512M", 512 * kMiB},
+                                                          {"1.5GiB", 3 * (std::int64_t{1} << 29)},
+                                                          {"64 kB", 65536},
+                                                          {"0.1k", 102},
+                                                          {"3 bytes", 3},
+                                                          {"8388607T", std::int64_t{8388607} << 40},
+                                                          {"9223372036854775807", INT64_MAX}};
+    for (const auto& [text, bytes] : sizes) EXPECT_EQ(bytes, ParseSize(text)) << text;
+    for (const char* bad : {"8191P", "8388608T", "9223372036854775808", "", "0", "-1", "G", "1.", "1.5", ".5G",
+                            "1GG", "1 G x", "1e3"})
+        EXPECT_THROW(ParseSize(bad), Failure) << bad;
     EXPECT_EQ(u"209902282359", ParseDate("2099-02-28 23:59"));
     EXPECT_EQ("2099-02-28 23:59", DateText(ParseDate("2099-02-28T23:59")));
     for (const char* bad :
