@@ -19,9 +19,7 @@ public:
     void EndBoot() { machine_ = nullptr; }
 
     std::uint64_t Size() const { return medium_->Size(); }
-    std::uint32_t SectorBytes() const { return medium_->SectorSize(); }
     const DiskMap& Map() const { return map_; }
-    const std::shared_ptr<machine::Disk>& Medium() const { return medium_; }
 
     // Byte ranges inside the disk, of any alignment.
     [[nodiscard]] NTSTATUS ReadBytes(std::uint64_t offset, void* buffer, std::uint64_t length);

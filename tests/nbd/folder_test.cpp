@@ -5,7 +5,6 @@
 #include <string>
 #include <vector>
 #include "machine/partition/formatter.h"
-#include "machine/disk/image_disk.h"
 #include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
 #include "tests/support/scratch_folder.h"
@@ -60,20 +59,6 @@ TEST(Images, WhatCannotBeADiskIsRefusedWithItsReason) {
     };
     for (const auto& one : cases)
         EXPECT_NE(RefusalOf(scratch, one.image).find(one.reason), std::string::npos) << one.reason;
-}
-
-TEST(Images, OneThatIsInUseOrWriteProtectedIsRefused) {
-    const TestFolder scratch;
-    const std::string image = MakeImage(scratch.File("image"), machine::TableKind::Gpt);
-    {
-        std::string error;
-        const auto user = machine::ImageDisk::Open(image, 512, error);
-        ASSERT_NE(user, nullptr) << error;
-        EXPECT_NE(RefusalOf(scratch, image).find("another program is using it"), std::string::npos);
-    }
-    if (geteuid() == 0) return;  // root may write everything
-    std::filesystem::permissions(image, std::filesystem::perms::owner_read);
-    EXPECT_NE(RefusalOf(scratch, image).find("Permission denied"), std::string::npos);
 }
 
 TEST(Folders, AreReadAsTheyWereWritten) {

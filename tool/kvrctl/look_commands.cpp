@@ -27,26 +27,21 @@ struct MachineStatus {
 
 constexpr unsigned kBarWidth = 20;
 
+// The word at that place, for a code that has one.
+template <std::size_t N>
+std::string WordFor(const char* const (&words)[N], std::uint32_t code) {
+    return code < N ? words[code] : "state " + std::to_string(code);
+}
+
 std::string FixedStateText(std::uint32_t state) {
-    switch (state) {
-        case 0:
-            return "not protected";
-        case 1:
-            return "protected by default";
-        case 2:
-            return "protected";
-        case 3:
-            return "protected and hidden";
-        default:
-            return "state " + std::to_string(state);
-    }
+    static constexpr const char* kWords[] = {"not protected", "protected by default", "protected",
+                                             "protected and hidden"};
+    return WordFor(kWords, state);
 }
 
 std::string AccessText(std::uint32_t mode) {
-    return mode == 0   ? "not protected"
-           : mode == 1 ? "protected"
-           : mode == 2 ? "protected and hidden"
-                       : "state " + std::to_string(mode);
+    static constexpr const char* kWords[] = {"not protected", "protected", "protected and hidden"};
+    return WordFor(kWords, mode);
 }
 
 // The driver's signed numbers, never taken for huge ones.
@@ -58,22 +53,16 @@ std::uint64_t Used(const FixedVolume& volume) {
 }
 
 std::string StorageText(std::uint32_t swapStatus) {
-    switch (swapStatus) {
-        case kSwapNone:
-            return "none";
-        case kSwapProvisioning:
-            return "being made or removed";
-        case kSwapPresent:
-            return "ready";
-        case kSwapMapBad:
-            return "saved map damaged: make it anew";
-        case kSwapNoLocation:
-            return "missing: make it";
-        case kSwapNotHeld:
-            return "files used by another program";
-        default:
-            return "state " + std::to_string(swapStatus);
-    }
+    static constexpr const char* kWords[] = {
+        "none",
+        "being made or removed",
+        "ready",
+        "saved map damaged: make it anew",
+        "missing: make it",
+        "files used by another program",
+    };
+    static_assert(std::size(kWords) == kSwapNotHeld + 1);
+    return WordFor(kWords, swapStatus);
 }
 
 Row FixedRow(const FixedVolume& volume) {
@@ -140,16 +129,9 @@ Json StatusJson(const MachineStatus& status) {
 // ------------------------------------------------------------
 
 std::string FileSystemText(FileSystemKind kind) {
-    switch (kind) {
-        case FileSystemKind::None:
-            return "none";
-        case FileSystemKind::Ntfs:
-            return "ntfs";
-        case FileSystemKind::Ext:
-            return "ext";
-        default:
-            return "other";
-    }
+    static constexpr const char* kWords[] = {"none", "ntfs", "ext"};
+    const auto code = static_cast<std::size_t>(kind);
+    return code < std::size(kWords) ? kWords[code] : "other";
 }
 
 std::string FixedPlan(const VolumeSettings& settings) {
@@ -164,12 +146,11 @@ std::string FixedPlan(const VolumeSettings& settings) {
 
 // What the configuration holds for the volume at the next boot.
 std::string PlanText(const ConfigScan& scan, const KnownVolume& volume) {
-    static constexpr const char* kAccess[] = {"not protected", "protected", "protected and hidden"};
     if (!scan.protection) return "not protected (protection is off)";
     const Section* section = scan.Find(volume.name);
-    if (!section && volume.removable) return kAccess[scan.removableAccess];
+    if (!section && volume.removable) return AccessText(scan.removableAccess);
     if (!section || !section->volume.isProtected || !section->volume.switchWasOn) return "not protected";
-    if (section->kind == SectionKind::RemovableVolume) return kAccess[section->volume.accessMode];
+    if (section->kind == SectionKind::RemovableVolume) return AccessText(section->volume.accessMode);
     return FixedPlan(section->volume);
 }
 

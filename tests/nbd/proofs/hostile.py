@@ -3,6 +3,7 @@
 request, bytes that are no protocol. Every request gets an answer that is right, the server lives, and the data is
 what the well-formed requests made of it. Arguments: the build's folder; a library to load first, if any, and the
 seed after it."""
+import contextlib
 import errno
 import os
 import random
@@ -130,30 +131,26 @@ class Vandal:
             client.poll(0)
         # The handle goes with its last name, and the connection with the handle.
 
+    @staticmethod
+    def _say(raw, data):
+        raw.settimeout(1)
+        raw.sendall(data)
+        raw.settimeout(0.2)
+        raw.recv(4096)
+
     def _hang_up_inside_a_request(self):
         """A header that announces more than follows."""
         client = connect(self.uri)
         header = struct.pack(">IHHQQI", REQUEST, 0, self.dice.choice((READ, WRITE)), 77, self.offset, MIB)
         sent = header + b"\x02" * self.dice.randrange(MIB // 2)
-        with socket.socket(fileno=os.dup(client.aio_get_fd())) as raw:
-            raw.settimeout(1)
-            try:
-                raw.sendall(sent[:self.dice.choice((5, 27, 28, len(sent)))])
-            except OSError:
-                pass
+        with contextlib.suppress(OSError), socket.socket(fileno=os.dup(client.aio_get_fd())) as raw:
+            self._say(raw, sent[:self.dice.choice((5, 27, 28, len(sent)))])
 
     def _talk_nonsense(self):
-        with socket.socket(socket.AF_UNIX) as raw:
-            raw.settimeout(0.2)
-            try:
-                raw.connect(self.socket_path)
-                if self.dice.random() < 0.5:
-                    raw.recv(18)
-                    raw.sendall(struct.pack(">I", 3))
-                raw.sendall(self.dice.randbytes(self.dice.randrange(1, 4000)))
-                raw.recv(4096)
-            except OSError:
-                pass
+        with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as raw:
+            raw.connect(self.socket_path)
+            greeting = struct.pack(">I", 3) if self.dice.random() < 0.5 else b""
+            self._say(raw, greeting + self.dice.randbytes(self.dice.randrange(1, 4000)))
 
     def work(self, until):
         while time.monotonic() < until:

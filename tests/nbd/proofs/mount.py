@@ -4,14 +4,17 @@ import contextlib
 import os
 import subprocess
 
-from proof import end_process, need_fuse, need_loop_devices, need_program, require, run, wait_until
+from proof import Skipped, end_process, need_program, require, run, wait_until
 
 
 def need(kind):
-    need_fuse()
-    need_program("e2fsck") if kind == "ext4" else need_program("ntfs-3g", "ntfsresize", "ntfsfix")
-    if kind == "ext4":
-        need_loop_devices()
+    need_program("nbdfuse", "fusermount3", *(["e2fsck"] if kind == "ext4" else ["ntfs-3g", "ntfsresize", "ntfsfix"]))
+    try:
+        os.close(os.open("/dev/fuse", os.O_RDWR))
+    except OSError as error:
+        raise Skipped(f"no FUSE: /dev/fuse: {error.strerror}") from error
+    if kind == "ext4" and (os.geteuid() != 0 or run("losetup", "--find", check=False).returncode != 0):
+        raise Skipped("no loop devices: only root may mount, and losetup has to find one")
 
 
 def _unmount(program, place, process=None):

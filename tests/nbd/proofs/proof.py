@@ -14,7 +14,6 @@ import time
 import traceback
 
 SKIP_CODE = 77  # what the test driver takes for "skipped"
-SBIN = "/usr/sbin:/sbin"
 
 
 class Failed(Exception):
@@ -34,13 +33,12 @@ def require(holds, what):
         raise Failed(what)
 
 
-def run(*words, timeout=60, check=True, env=None, stdin=None):
+def run(*words, timeout=60, check=True, env=None):
     """Runs a command to its end and returns it with its output; one that fails or hangs fails the proof."""
     words = [str(word) for word in words]
     try:
-        done = subprocess.run(words, input=stdin, timeout=timeout, env=env, text=True, errors="replace",
-                              stdin=subprocess.DEVNULL if stdin is None else None,
-                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        done = subprocess.run(words, timeout=timeout, env=env, text=True, errors="replace",
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     except subprocess.TimeoutExpired as late:
         raise Failed(f"not done after {timeout} s: {' '.join(words)}") from late
     if check and done.returncode != 0:
@@ -61,21 +59,6 @@ def need_program(*names):
     for name in names:
         if shutil.which(name) is None:
             raise Skipped(f"no program {name}")
-
-
-def need_fuse():
-    need_program("nbdfuse", "fusermount3")
-    try:
-        os.close(os.open("/dev/fuse", os.O_RDWR))
-    except OSError as error:
-        raise Skipped(f"no FUSE: /dev/fuse: {error.strerror}") from error
-
-
-def need_loop_devices():
-    if os.geteuid() != 0:
-        raise Skipped("no loop devices: only root may mount")
-    if run("losetup", "--find", check=False).returncode != 0:
-        raise Skipped("no loop devices: losetup finds none")
 
 
 class Proof:
@@ -116,34 +99,24 @@ def _quietly(action):
         say(f"while ending: {error}")
 
 
-def _out_of_time(_signal, _frame):
-    raise Failed("out of time")
-
-
-def _asked_to_end(_signal, _frame):
-    raise Failed("ended from outside")
+def _end(number, _frame):
+    raise Failed("out of time" if number == signal.SIGALRM else "ended from outside")
 
 
 def main(body, seconds):
     """Runs body(proof) within so many seconds and exits with the verdict."""
-    os.environ["PATH"] += ":" + SBIN
-    signal.signal(signal.SIGALRM, _out_of_time)
-    signal.signal(signal.SIGTERM, _asked_to_end)
+    os.environ["PATH"] += ":/usr/sbin:/sbin"
+    for number in (signal.SIGALRM, signal.SIGTERM):
+        signal.signal(number, _end)
     signal.alarm(seconds)
-    sys.exit(_verdict(body))
-
-
-def _verdict(body):
     try:
         with contextlib.ExitStack() as ends:
             body(Proof(ends))
             signal.alarm(0)
         say("holds")
-        return 0
     except Skipped as why:
         print(f"SKIPPED: {why}", flush=True)
-        return SKIP_CODE
+        sys.exit(SKIP_CODE)
     except Failed as why:
         traceback.print_tb(why.__traceback__, limit=6)
-        print(f"FAILED: {why}", flush=True)
-        return 1
+        sys.exit(f"FAILED: {why}")
