@@ -9,11 +9,11 @@
 #include "machine/boot/registry_file.h"
 #include "platform/owners.h"
 #include "swap/swap_file.h"
+#include "platform/host/io/device.h"
 #include "platform/host/object/registry_store.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
 #include "tests/support/map_invariants.h"
-#include "tests/support/memory_device.h"
 
 namespace {
 
@@ -21,10 +21,53 @@ constexpr std::size_t kVolumeBytes = 64 * 1024;
 constexpr SIZE_T kPoolLimit = 1024 * 1024;  // a run longer than that cannot be allocated
 constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
 
-// A record over a small disk in memory, as StartDevice leaves it.
+// A small disk in memory.
+class Medium {
+public:
+    Medium() : m_bytes(kVolumeBytes) {
+        PDRIVER_OBJECT driver = host::CreateDriver(u"\\Driver\\disk");
+        driver->MajorFunction[IRP_MJ_READ] = driver->MajorFunction[IRP_MJ_WRITE] = Serve;
+        fuzz::Require(
+            NT_SUCCESS(IoCreateDevice(driver, sizeof(Medium*), nullptr, FILE_DEVICE_DISK, 0, FALSE, &m_device)),
+            "the disk is made");
+        *static_cast<Medium**>(m_device->DeviceExtension) = this;
+        m_device->Flags = (m_device->Flags | DO_DIRECT_IO) & ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    }
+    ~Medium() { IoDeleteDevice(m_device); }
+    PDEVICE_OBJECT Object() const { return m_device; }
+    std::uint8_t* At(LONGLONG offset) { return m_bytes.data() + offset; }
+    std::vector<std::uint8_t> Copy() const { return m_bytes; }
+
+private:
+    static NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
+        auto& bytes = (*static_cast<Medium**>(device->DeviceExtension))->m_bytes;
+        const IO_STACK_LOCATION* location = IoGetCurrentIrpStackLocation(irp);
+        const auto& place = location->Parameters.Read;
+        const LONGLONG offset = place.ByteOffset.QuadPart;
+        const bool inside =
+            offset >= 0 && offset % 512 == 0 && offset + place.Length <= static_cast<LONGLONG>(bytes.size());
+        if (inside && place.Length != 0) {
+            void* buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+            if (location->MajorFunction == IRP_MJ_READ)
+                std::memcpy(buffer, &bytes[offset], place.Length);
+            else
+                std::memcpy(&bytes[offset], buffer, place.Length);
+        }
+        const NTSTATUS status = inside ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
+        irp->IoStatus.Status = status;
+        irp->IoStatus.Information = inside ? place.Length : 0;
+        IoCompleteRequest(irp, IO_NO_INCREMENT);
+        return status;
+    }
+
+    PDEVICE_OBJECT m_device = nullptr;
+    std::vector<std::uint8_t> m_bytes;
+};
+
+// A record over such a disk, as StartDevice leaves it.
 class Volume {
 public:
-    explicit Volume(ULONG sector) : disk_(host::CreateDriver(u"\\Driver\\disk"), kVolumeBytes) {
+    explicit Volume(ULONG sector) {
         PDRIVER_OBJECT driver = host::CreateDriver(u"\\Driver\\kvr");
         fuzz::Require(NT_SUCCESS(IoCreateDevice(driver, sizeof(VOLUME_EXTENSION), nullptr, FILE_DEVICE_DISK, 0,
                                                 FALSE, &filter_)),
@@ -52,10 +95,10 @@ public:
     }
     PDEVICE_OBJECT Filter() const { return filter_; }
     PVOLUME_EXTENSION Record() const { return record_; }
-    support::MemoryDevice& Medium() { return disk_; }
+    Medium& Disk() { return disk_; }
 
 private:
-    support::MemoryDevice disk_;
+    Medium disk_;
     PDEVICE_OBJECT filter_ = nullptr;
     PVOLUME_EXTENSION record_ = nullptr;
     SWAP_FILE swapFile_{};
@@ -111,15 +154,15 @@ void LoadAtBoot(Volume& volume, FuzzedDataProvider& input) {
     const auto at = input.ConsumeIntegralInRange<std::size_t>(0, 8 * 1024);
     std::vector<std::uint8_t> image = input.ConsumeRemainingBytes<std::uint8_t>();
     if (seal) SealEntries(image);
-    std::copy(image.begin(), image.end(), volume.Medium().At(static_cast<LONGLONG>(at / 512 * 512)));
+    std::copy(image.begin(), image.end(), volume.Disk().At(static_cast<LONGLONG>(at / 512 * 512)));
 
     PVOLUME_EXTENSION record = volume.Record();
-    const std::vector<std::uint8_t> before = volume.Medium().Copy();
+    const std::vector<std::uint8_t> before = volume.Disk().Copy();
     const bool merging = (record->BootAction & PV_ACTION_MERGE) != 0;
     static_cast<void>(PreloadSwapMap(volume.Filter()));
     CheckLoaded(volume);
     if (!merging)
-        fuzz::Require(std::memcmp(before.data(), volume.Medium().At(0), 512) == 0,
+        fuzz::Require(std::memcmp(before.data(), volume.Disk().At(0), 512) == 0,
                       "the boot sector is left alone");
     record->MapDirty = TRUE;
     WriteSwapMap(volume.Filter(), TRUE);

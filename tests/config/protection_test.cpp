@@ -15,6 +15,7 @@ protected:
         UpdateVolumeProtection(volume);
         return volume->IsProtected;
     }
+    PROTECTED_VOLUME* m_list = nullptr;
 };
 
 TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
@@ -63,15 +64,92 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
     EXPECT_FALSE(stick->IsInvisible);
 }
 
-TEST_F(Protection, DiskIsKnownByItsNumberAndSeparator) {
-    PDEVICE_OBJECT disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack.filter;
-    PDEVICE_OBJECT disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack.filter;
-    AddMemory({.name = u"\\Device\\V"}, {7, 1});
-    Add(u"\\Device\\V", 0x101);
-    EXPECT_FALSE(HasProtectedVolume(disk1)) << "the master switch is off";
-    gTesselEnabled = TRUE;
-    EXPECT_TRUE(HasProtectedVolume(disk1));
-    EXPECT_FALSE(HasProtectedVolume(disk11));
+// By its extents, where they are known: by the number, with the separator behind it. Else by the first
+// component of its name.
+TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
+    FilteredStack& disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
+    FilteredStack& disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack;
+    FilteredStack& other = AddMemoryDisk(u"\\KernelObjects\\Disk").stack;
+    FilteredStack& nameless = AddMemory({.name = u"\\Harddisk1"}).stack;
+    PDEVICE_OBJECT unnamed = AddMemoryDisk(nullptr).stack.filter;
+    PVOLUME_EXTENSION located = AddMemory({.name = u"\\Device\\V"}, {7, 1}).stack.volume;
+    PVOLUME_EXTENSION unknown = AddMemory({.name = u"\\Device\\W"}, {}).stack.volume;
+    const struct {
+        const char* what;
+        bool enabled, located, unknown, unknownIsDisk, knows;
+        bool on1, on11, onOther;
+    } cases[] = {
+        {"switched off", false, true, true, false, false, false, false, false},
+        {"nothing protected", true, false, false, false, false, false, false, false},
+        {"known extents", true, true, false, false, false, true, false, false},
+        {"unknown extents", true, false, true, false, false, true, true, false},
+        {"a disk", true, false, true, true, false, false, false, false},
+        {"extents that turn out", true, false, true, false, true, false, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        gTesselEnabled = c.enabled;
+        located->IsProtected = c.located;
+        unknown->IsProtected = c.unknown;
+        unknown->IsDisk = c.unknownIsDisk;
+        unknown->VolumeDiskExtents.NumberOfDiskExtents = c.knows;
+        unknown->VolumeDiskExtents.Extents[0].DiskNumber = 5;
+        EXPECT_EQ(c.on1, HasProtectedVolume(disk1.filter) != FALSE);
+        EXPECT_EQ(c.on11, HasProtectedVolume(disk11.filter) != FALSE);
+        EXPECT_EQ(c.onOther, HasProtectedVolume(other.filter) != FALSE);
+        EXPECT_FALSE(HasProtectedVolume(nameless.filter)) << "a name that ends early";
+        const SIZE_T asked = TimesSaid(mark, "Kvr!HasProtectedVolume: VolumeName");
+        EXPECT_FALSE(HasProtectedVolume(unnamed));
+        EXPECT_EQ(asked, TimesSaid(mark, "Kvr!HasProtectedVolume: VolumeName"));
+    }
+    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!HasProtectedVolume: disk protected!"));
+    unknown->VolumeDiskExtents.NumberOfDiskExtents = 0;
+    unknown->IsProtected = unknown->IsDisk = FALSE;
+    Add(u"\\Device\\W", PV_PROTECTED);
+    EXPECT_TRUE(HasProtectedVolume(disk1.filter)) << "protected by being looked at";
+    located->VolumeDiskExtents.NumberOfDiskExtents = 0xFFFFFFFF;  // no more than there is room for
+    EXPECT_TRUE(HasProtectedVolume(disk1.filter));
+    UNICODE_STRING name = std::exchange(unknown->VolumeName, Counted(u"\\Dev"));
+    EXPECT_FALSE(HasProtectedVolume(disk11.filter)) << "no second backslash";
+    unknown->VolumeName = name;
+}
+
+TEST_F(Protection, NamesAreComparedWhole) {
+    const struct {
+        const char16_t *a, *b;
+        LONG cased, folded;
+    } cases[] = {{nullptr, nullptr, 0, 0}, {u"x", nullptr, 1, 1}, {nullptr, u"x", 1, 1},
+                 {u"", u"", 0, 0},         {u"ab", u"abc", 1, 1}, {u"Ab", u"aB", -32, 0},
+                 {u"abd", u"abc", 1, 1},   {u"b", u"D", 30, -2}};
+    for (const auto& c : cases) {
+        UNICODE_STRING a = Counted(c.a), b = Counted(c.b);
+        EXPECT_EQ(c.cased, CompareNames(c.a ? &a : nullptr, c.b ? &b : nullptr, FALSE)) << &c - cases;
+        EXPECT_EQ(c.folded, CompareNames(c.a ? &a : nullptr, c.b ? &b : nullptr, TRUE)) << &c - cases;
+    }
+}
+
+TEST_F(Protection, TheListKeepsTheFirstEntryOfAName) {
+    Add(u"\\Device\\A;comment", 1);
+    Add(u"\\DEVICE\\a", 2);
+    Add((u"\\Device\\" + std::u16string(80, u'x')).c_str(), 4);  // cut to 64 characters
+    EXPECT_EQ(1u, gProtectedVolumeList.load()->Flags);
+    EXPECT_EQ(2 * 64, gProtectedVolumeList.load()->Next.load()->Name.Length);
+    EXPECT_FALSE(IsProtectedVolumeListed(volume));
+    EXPECT_EQ(0u, GetProtectedVolumeFlags(volume));
+    Add(kName, 0x123);
+    EXPECT_TRUE(IsProtectedVolumeListed(volume));
+    EXPECT_EQ(0x123u, GetProtectedVolumeFlags(volume));
+    UNICODE_STRING id = Counted(u"\\Device\\B");
+    for (auto* list = gProtectedVolumeList.load();; list = nullptr) {
+        gProtectedVolumeList = list;
+        host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, AddProtectedVolume(&id, 0));
+        host::DisarmFaults();
+        EXPECT_TRUE(Said(list ? "Kvr!AddProtectedVolume [507]" : "Kvr!AddProtectedVolume [527]"));
+        if (!list) break;
+        m_list = list;
+    }
+    gProtectedVolumeList = m_list;
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include "config/config_location.h"
 #include "config/storage.h"
 #include "tests/support/memory_stack.h"
+#include "tests/support/told_files.h"
 
 namespace {
 
@@ -17,6 +18,22 @@ Image ImageOf(const std::u16string& text) {
 
 class Storage : public MemoryStackTest {
 protected:
+    void SetUp() override {
+        MemoryStackTest::SetUp();
+        host::MountProvider(device->stack.pdo.object, &files);
+        host::SetSystemRoot(std::u16string(kName) + u"\\Windows");
+    }
+    void CloseFiles() {
+        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
+        KernelHandle(gDriverFileHandle.exchange(nullptr)).Reset();
+        files.opens.clear();
+    }
+    void TearDown() override {
+        CloseFiles();
+        host::SetSystemRoot({});
+        MemoryStackTest::TearDown();
+    }
+    ToldFiles files;
     void Locate(LONGLONG first = 0x4000) {
         for (ULONG i = 0; i < kConfigPieces; ++i) volume->PreloadConfigLocation[i] = Place(first, i);
     }
@@ -114,6 +131,186 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
     registry.values[std::u16string(kName) + u"\\kvr.CFG"] = {REG_BINARY, Image(127, 1)};
     EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadConfigLocation(volume));
     EXPECT_FALSE(IsConfigLocationComplete(volume));
+}
+
+// The tool's text goes to the first volume that may hold it and does; without one, through the file system.
+TEST_F(Storage, WhichVolumeTakesTheToolsText) {
+    const struct {
+        const char* what;
+        bool isDisk, removable, complete, direct;
+    } cases[] = {{"complete", false, false, true, true},
+                 {"one piece unknown", false, false, false, false},
+                 {"a disk", true, false, true, false},
+                 {"removable", false, true, true, false}};
+    Image text(KVR_CONFIG_BYTES, 7);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        Locate();
+        if (!c.complete) volume->PreloadConfigLocation[15] = 0;
+        volume->IsDisk = c.isDisk;
+        volume->MediaType = c.removable ? RemovableMedia : FixedMedia;
+        EXPECT_EQ(c.direct ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES,
+                  WriteConfigDirect(text.data(), KVR_CONFIG_BYTES));
+        gConfigDirty = TRUE;
+        gConfigWrittenByTool = FALSE;
+        EXPECT_EQ(STATUS_SUCCESS, WriteConfig(text.data(), KVR_CONFIG_BYTES));
+        EXPECT_EQ(c.direct, files.opens.empty());
+        EXPECT_TRUE(gConfigWrittenByTool && !gConfigDirty);
+        // What was captured on a volume that may hold no configuration is not its place.
+        registry.values.clear();
+        {
+            FastMutexLock lock(volume->SwapLock);
+            for (ULONG i = 0; i < kConfigPieces; ++i) volume->PostloadConfigLocation[i] = Place(0x8000, i);
+        }
+        PostloadConfig();
+        const bool mayHold = !c.isDisk && !c.removable;
+        EXPECT_EQ(mayHold ? 1u : 0u, registry.values.size());
+        PostloadConfigPrepare();
+        EXPECT_EQ(mayHold ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS, SaveConfigLocation(volume));
+        volume->IsDisk = FALSE;
+        volume->MediaType = FixedMedia;
+        PostloadConfigPrepare();
+        CloseFiles();
+    }
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, WriteConfigDirect(text.data(), KVR_CONFIG_BYTES - 1));
+    device->verdict = [](const auto& t) {
+        return t.offset == Place(0x4000, 2) ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    };
+    volume->PreloadConfigLocation[15] = Place(0x4000, 15);
+    device->TakeTransfers();
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, WriteConfigDirect(text.data(), KVR_CONFIG_BYTES));
+    ULONG length = KVR_CONFIG_BYTES;
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, PreloadConfigApply(volume->FilterDevice, text.data(), &length));
+    EXPECT_EQ(30u, device->TakeTransfers().size()) << "every other piece is written";
+}
+
+TEST_F(Storage, CapturedPlacesOutliveTheBoot) {
+    SwapAddConfigLocation(volume, 0x10000, 3 * S + 10);  // whole sectors only
+    SwapAddConfigLocation(volume, 0x20000, S - 1);
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, SaveConfigLocation(volume));
+    SwapAddConfigLocation(volume, 0x30000, 13 * S);
+    EXPECT_FALSE(Said("oversize"));
+    SwapAddConfigLocation(volume, 0x40000, S);
+    EXPECT_TRUE(Said("Kvr!SwapAddConfigLocation oversize!"));
+    volume->BytesPerSector = 0;
+    SwapAddConfigLocation(volume, 0x50000, S);
+    volume->BytesPerSector = S;
+    EXPECT_EQ(STATUS_SUCCESS, SaveConfigLocation(volume));
+    EXPECT_EQ(STATUS_SUCCESS, LoadConfigLocation(volume));
+    for (ULONG i = 0; i < kConfigPieces; ++i)
+        EXPECT_EQ(i < 3 ? 0x10000 + i * S : 0x30000 + (i - 3) * S, volume->PreloadConfigLocation[i].load());
+    const UNICODE_STRING name = std::exchange(volume->VolumeName, {});
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, SaveConfigLocation(volume));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadConfigLocation(volume));
+    volume->VolumeName = name;
+    registry.values.clear();
+    PostloadConfig();
+    EXPECT_EQ(1u, registry.values.size());
+    PostloadConfigPrepare();
+    PostloadConfig();
+    EXPECT_TRUE(Said("Kvr!PostloadConfigPrepare: done, offset: 10000"));
+    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!PostloadConfig: done"));
+}
+
+TEST_F(Storage, TheFileIsOpenedOnceAndHeld) {
+    constexpr NTSTATUS denied = STATUS_ACCESS_DENIED, end = STATUS_END_OF_FILE;
+    const struct {
+        NTSTATUS open, io;
+        ULONG bytes;
+        NTSTATUS read, written;
+        ULONG length;
+    } cases[] = {
+        {0, 0, 100, 0, 0, 100},
+        {0, 0, KVR_CONFIG_BYTES, 0, 0, KVR_CONFIG_BYTES},
+        {0, end, 0, end, end, 0},
+        {0, denied, 0, STATUS_UNSUCCESSFUL, STATUS_UNSUCCESSFUL, KVR_CONFIG_BYTES},
+        {denied, 0, 0, STATUS_NO_SUCH_FILE, STATUS_NO_SUCH_FILE, KVR_CONFIG_BYTES},
+    };
+    Image text(KVR_CONFIG_BYTES);
+    const std::u16string path = u"\\Windows\\system32\\drivers\\kvr.cfg";
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        CloseFiles();
+        files.status = c.open;
+        files.io = c.io;
+        files.bytes = c.bytes;
+        gConfigWrittenByTool = FALSE;
+        ULONG length = KVR_CONFIG_BYTES;
+        EXPECT_EQ(c.read, ReadConfig(text.data(), &length));
+        EXPECT_EQ(c.length, length);
+        EXPECT_EQ(c.written, WriteConfig(text.data(), KVR_CONFIG_BYTES));
+        EXPECT_EQ(c.written == STATUS_SUCCESS, gConfigWrittenByTool != FALSE);
+        EXPECT_EQ(0, gConfigToolWrites.load());
+        LockConfig();
+        ASSERT_EQ(c.open == 0 ? 1u : 3u, files.opens.size());
+        EXPECT_EQ((ToldFiles::Opening{path, FILE_OPEN, 0}), files.opens[0]);
+        if (c.open != 0) {
+            EXPECT_EQ(ULONG{FILE_OPEN_IF}, files.opens[1].disposition) << "a write makes it";
+        }
+    }
+}
+
+// The driver's own file too; none of it where the registry says that others may read.
+TEST_F(Storage, FilesAreLockedUnlessTheyAreShared) {
+    for (const ULONG shared : {0, 1}) {
+        CloseFiles();
+        registry.values[u"ConfigShareRead"] = {REG_DWORD, Image{static_cast<UCHAR>(shared), 0, 0, 0}};
+        LockConfig();
+        EXPECT_EQ(shared ? ULONG{FILE_SHARE_READ} : 0, files.opens.at(0).share);
+        LockDriverFile();
+        LockDriverFile();
+        EXPECT_EQ(shared ? 1u : 2u, files.opens.size());
+        EXPECT_EQ(shared == 0, gDriverFileHandle != nullptr);
+    }
+    registry.values.clear();
+    CloseFiles();
+    files.status = STATUS_OBJECT_NAME_NOT_FOUND;
+    LockDriverFile();
+    EXPECT_EQ(2u, files.opens.size()) << "the 32-bit one, then the 64-bit one";
+    EXPECT_EQ(ULONG{FILE_SHARE_READ}, files.opens[1].share);
+    EXPECT_EQ(u"\\Windows\\system32\\drivers\\kvr64.sys", files.opens[1].path);
+}
+
+// A text that the tool has written is not parsed over, and one that was loaded is not loaded again.
+TEST_F(Storage, WhatIsParsed) {
+    Locate();
+    Put(ImageOf(kText));
+    for (const bool byTool : {true, false}) {
+        gConfigWrittenByTool = byTool;
+        EXPECT_EQ(STATUS_SUCCESS, KvrConfigure(volume->FilterDevice));
+        EXPECT_EQ(byTool, !gTesselEnabled);
+        EXPECT_EQ(byTool ? Image(KVR_CONFIG_BYTES) : ImageOf(kTextAfter),
+                  Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
+    }
+    gConfigLoaded = TRUE;
+    gConfigDirty = FALSE;
+    EXPECT_EQ(STATUS_SUCCESS, KvrConfigure(volume->FilterDevice));
+    EXPECT_FALSE(gConfigDirty);
+    for (const ULONGLONG n : {1, 2}) {
+        host::FailCall(
+            n == 1 ? host::FaultBit(host::Fault::Allocate) : host::FaultBit(host::Fault::BuildRequest), 1);
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, KvrConfigure(volume->FilterDevice));
+        host::DisarmFaults();
+    }
+    // Written back only by who holds it, when it is loaded, changed and nobody else's.
+    const std::function<void(bool)> obstacles[] = {
+        [](bool on) { gConfigDirty = !on; },
+        [](bool on) { gConfigLoaded = !on; },
+        [](bool on) { gConfigWrittenByTool = on; },
+        [](bool on) { gConfigToolWrites = on; },
+        [&](bool on) { volume->PreloadConfigLocation[7] = on ? 0 : Place(0x4000, 7); },
+    };
+    gConfigDirty = TRUE;
+    device->TakeTransfers();
+    for (const auto& obstacle : obstacles) {
+        obstacle(true);
+        WriteBackConfig(volume->FilterDevice);
+        EXPECT_TRUE(device->TakeTransfers().empty()) << &obstacle - obstacles;
+        obstacle(false);
+    }
+    WriteBackConfig(volume->FilterDevice);
+    EXPECT_EQ(16u, device->TakeTransfers().size());
+    EXPECT_FALSE(gConfigDirty);
 }
 
 }  // namespace

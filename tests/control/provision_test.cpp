@@ -1,18 +1,34 @@
-// Starting and stopping the provisioning threads, with the threads held where it matters.
+// Making, holding and removing storage: who may ask, what the threads do to the files, and what they leave.
 #include <atomic>
 #include "control/provision_control.h"
 #include "control/reports.h"
 #include "platform/host/object/object.h"
-#include "platform/host/sync/thread.h"
-#include "tests/support/loaded_driver.h"
-#include "formats/kvr_ioctl.h"
-#include "driver/record/threads.h"
+#include "swap/map_boot.h"
+#include "swap/provision.h"
+#include "tests/support/memory_stack.h"
+#include "tests/support/told_files.h"
 
 namespace {
 
-class Provisioning : public LoadedDriver {
+constexpr LONGLONG M = 1 << 20;
+
+class Provisioning : public MemoryStackTest {
 protected:
-    // A volume that no record has: the threads have nothing to do.
+    void SetUp() override {
+        MemoryStackTest::SetUp();
+        host::MountProvider(device->stack.pdo.object, &files);
+        host::SetSystemRoot(std::u16string(kName) + u"\\Windows");
+    }
+    void TearDown() override {
+        host::JoinSystemThreads();
+        EXPECT_EQ(nullptr, gProvisionThread.load());
+        CloseHeldFiles(volume);
+        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
+        KernelHandle(gDriverFileHandle.exchange(nullptr)).Reset();
+        EXPECT_TRUE(host::OpenHandles().empty()) << "thread handles are closed";
+        host::SetSystemRoot({});
+        MemoryStackTest::TearDown();
+    }
     static SWAP_CONFIG_REQUEST For(const char16_t* name, std::int64_t size = -1) {
         SWAP_CONFIG_REQUEST request{};
         std::copy_n(name, std::char_traits<char16_t>::length(name), request.VolumeName);
@@ -23,18 +39,51 @@ protected:
         return StartSwapAllocation(&request, sizeof(request));
     }
     static NTSTATUS Remove(SWAP_CONFIG_REQUEST request) { return RunSwapRemoval(&request, 128); }
-    void TearDown() override {
-        host::JoinSystemThreads();
-        EXPECT_EQ(nullptr, gProvisionThread.load());
-        EXPECT_TRUE(host::OpenHandles().empty()) << "thread handles are closed";
-        LoadedDriver::TearDown();
+    // Runs an allocation to its end; what the thread ends with.
+    NTSTATUS Make(std::int64_t size, const char16_t* name = kName) {
+        files.opens.clear();
+        files.written.clear();
+        files.deleted.clear();
+        host::ThreadGate gate;
+        EXPECT_EQ(STATUS_SUCCESS, Allocate(For(name, size)));
+        PKTHREAD thread = gProvisionThread;
+        ObReferenceObject(thread);
+        EXPECT_TRUE(gate.RunOne());
+        const NTSTATUS status = thread->ExitStatus;
+        ObDereferenceObject(thread);
+        return status;
+    }
+    // The thread that holds the files, run to its end.
+    NTSTATUS Arm() {
+        host::ThreadGate gate;
+        files.opens.clear();
+        volume->ArmThreadHandle = nullptr;
+        EXPECT_EQ(STATUS_SUCCESS, StartArmThread(volume));
+        PVOID thread = nullptr;
+        EXPECT_EQ(STATUS_SUCCESS, ObReferenceObjectByHandle(volume->ArmThreadHandle, THREAD_ALL_ACCESS, nullptr,
+                                                            KernelMode, &thread, nullptr));
+        EXPECT_TRUE(gate.RunOne());
+        const NTSTATUS status = static_cast<PKTHREAD>(thread)->ExitStatus;
+        ObDereferenceObject(thread);
+        KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
+        return status;
+    }
+    void Locate() {
+        MAP_LOCATION_ENTRY* run = NewRecord<MAP_LOCATION_ENTRY>().Release();
+        *run = {0x1000, 4096};
+        EXPECT_EQ(STATUS_SUCCESS, RegSetMapLocation(volume, run, sizeof(*run)));
+        PublishMapLocation(volume, run, sizeof(*run));
+    }
+    static std::u16string Numbered(int i) {
+        return u"\\kvr.SWP." +
+               std::u16string{static_cast<char16_t>(u'0' + i / 10), static_cast<char16_t>(u'0' + i % 10)};
     }
 
+    ToldFiles files;
     SWAP_CONFIG_REQUEST nowhere = For(u"\\Device\\Nowhere");
 };
 
 TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
-    AddStarted();
     host::ThreadGate gate;
     gProvisionQuit = TRUE;
     ASSERT_EQ(STATUS_SUCCESS, Allocate(nowhere));
@@ -47,19 +96,14 @@ TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
     EXPECT_EQ(STATUS_SUCCESS, ReportFixedVolumes(&status, sizeof(status), &written));
     EXPECT_EQ(1u, status.SwapStatus);
     EXPECT_TRUE(gate.RunOne());
-    EXPECT_EQ(STATUS_SUCCESS, Allocate(nowhere));
-}
-
-TEST_F(Provisioning, OfTwoRequestsAtOnceOneIsRefused) {
     for (int round = 0; round < 50; ++round) {
-        host::ThreadGate gate;
         std::atomic<int> ready = 0, started = 0, refused = 0;
         const auto request = [&] {
             ++ready;
             while (ready < 2) std::this_thread::yield();
-            const NTSTATUS status = Allocate(nowhere);
-            started += status == STATUS_SUCCESS;
-            refused += status == STATUS_FILE_LOCK_CONFLICT;
+            const NTSTATUS answer = Allocate(nowhere);
+            started += answer == STATUS_SUCCESS;
+            refused += answer == STATUS_FILE_LOCK_CONFLICT;
         };
         std::thread first(request), second(request);
         first.join();
@@ -73,7 +117,7 @@ TEST_F(Provisioning, OfTwoRequestsAtOnceOneIsRefused) {
 TEST_F(Provisioning, StopWaitsForTheThread) {
     EXPECT_EQ(STATUS_SUCCESS, StopSwapThread()) << "nothing runs";
     host::ThreadGate gate;
-    ASSERT_EQ(STATUS_SUCCESS, Allocate(nowhere));
+    ASSERT_EQ(STATUS_SUCCESS, Allocate(For(kName, 4 * M)));
     std::atomic<bool> stopped = false;
     std::thread stopper([&] {
         EXPECT_EQ(STATUS_SUCCESS, StopSwapThread());
@@ -85,28 +129,220 @@ TEST_F(Provisioning, StopWaitsForTheThread) {
     gate.ReleaseAll();
     stopper.join();
     EXPECT_EQ(nullptr, gProvisionThread.load());
+    EXPECT_TRUE(files.opens.empty()) << "told to stop before it began";
+    host::FailCall(host::FaultBit(host::Fault::ThreadCreate), 1);
+    EXPECT_FALSE(NT_SUCCESS(Allocate(nowhere)));
+    host::FailCall(host::FaultBit(host::Fault::ThreadCreate), 1);
+    EXPECT_FALSE(NT_SUCCESS(StartArmThread(volume)));
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Allocate(nowhere));
+    host::DisarmFaults();
 }
 
 TEST_F(Provisioning, NotWhileStorageOrConfigurationIsInUse) {
-    const char16_t* name = u"\\Device\\HarddiskVolume1";
-    FilteredStack& stack = AddStarted({.name = name});
-    FilteredStack& other = AddStarted({.name = u"\\Device\\HarddiskVolume2"});
-    other.volume->IsProtected = TRUE;
-    EXPECT_EQ(STATUS_SUCCESS, Remove(nowhere)) << "a protected volume elsewhere is no obstacle";
-    gTesselEnabled = TRUE;
-    other.volume->PreloadConfigLocation[0] = 512;
-    EXPECT_TRUE(IsConfigVolumeProtected());
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, Allocate(nowhere));
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, Remove(nowhere));
-    gTesselEnabled = FALSE;
-    EXPECT_FALSE(IsConfigVolumeProtected());
+    PVOLUME_EXTENSION other = AddMemory({.name = u"\\Device\\HarddiskVolume2"}).stack.volume;
+    const struct {
+        const char* what;
+        bool enabled, otherProtected, isVolume;
+        LONGLONG config;
+        bool isProtected, removable;
+        bool refused;     // of the volume itself
+        bool allRefused;  // of any
+    } cases[] = {
+        {"nothing", true, false, true, S, false, false, false, false},
+        {"configuration in use", true, true, true, S, false, false, true, true},
+        {"switched off", false, true, true, S, false, false, false, false},
+        {"no configuration there", true, true, true, 0, false, false, false, false},
+        {"no volume", true, true, false, S, false, false, false, false},
+        {"protected", true, false, true, 0, true, false, true, false},
+        {"protected, switched off", false, false, true, 0, true, false, true, false},
+        {"protected, removable", true, false, true, 0, true, true, false, false},
+    };
+    volume->ProtectionDeferred = TRUE;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        gTesselEnabled = c.enabled;
+        other->IsProtected = c.otherProtected;
+        other->IsVolume = c.isVolume;
+        other->PreloadConfigLocation[0] = c.config;
+        volume->IsProtected = c.isProtected;
+        volume->MediaType = c.removable ? RemovableMedia : FixedMedia;
+        const auto answer = [](bool refused) { return refused ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS; };
+        EXPECT_EQ(answer(c.refused), Remove(For(u"\\device\\HARDDISKVOLUME1")));
+        EXPECT_EQ(answer(c.refused), Allocate(For(kName)));
+        host::JoinSystemThreads();
+        EXPECT_EQ(answer(c.allRefused), Remove(nowhere));
+        EXPECT_EQ(c.allRefused, IsConfigVolumeProtected() != FALSE);
+    }
+    other->IsProtected = volume->IsProtected = FALSE;
+    other->IsVolume = TRUE;
+    other->PreloadConfigLocation[0] = 0;
+    volume->MediaType = FixedMedia;
+}
 
-    stack.volume->IsProtected = TRUE;
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, Allocate(For(name))) << "redirections are live in this storage";
-    EXPECT_EQ(STATUS_INVALID_PARAMETER, Remove(For(u"\\device\\HARDDISKVOLUME1")));
-    stack.volume->MediaType = RemovableMedia;
-    EXPECT_EQ(STATUS_SUCCESS, Remove(For(u"\\Device\\Nowhere2")));
-    stack.volume->MediaType = FixedMedia;
+TEST_F(Provisioning, BlocksFillTheFilesUpToTheSizeThatWasAsked) {
+    EXPECT_EQ(STATUS_SUCCESS, Make(5 * M + 1));
+    using Written = std::map<std::u16string, LONGLONG>;
+    EXPECT_EQ((Written{{u"\\kvr.SWP", 6 * M}, {u"\\kvr.MAP", M}}), files.written);
+    EXPECT_EQ((std::vector<ToldFiles::Opening>{{u"\\kvr.SWP", FILE_OVERWRITE_IF, FILE_SHARE_READ},
+                                               {u"\\kvr.MAP", FILE_OVERWRITE_IF, FILE_SHARE_READ}}),
+              files.opens);
+    EXPECT_EQ(18u, files.deleted.size()) << "what was there before goes";
+    EXPECT_TRUE(volume->SwapAllocating && !volume->SwapMapLoaded);
+    EXPECT_TRUE(Said("kvr.SWP written 12288 blocks") && Said("kvr.MAP written 1048576 bytes"));
+    files.limit = 2 * M;
+    EXPECT_EQ(STATUS_SUCCESS, Make(5 * M));
+    EXPECT_EQ((Written{{u"\\kvr.SWP", 2 * M}, {Numbered(1), 2 * M}, {Numbered(2), M}, {u"\\kvr.MAP", M}}),
+              files.written);
+    files.limit = M;
+    EXPECT_EQ(STATUS_DISK_FULL, Make(20 * M)) << "no file follows the sixteenth";
+    EXPECT_EQ(17u, files.written.size());
+    EXPECT_EQ(M, files.written[Numbered(16)]);
+    EXPECT_FALSE(files.written.contains(u"\\kvr.MAP"));
+}
+
+TEST_F(Provisioning, WhatEndsItEarly) {
+    using Written = std::map<std::u16string, LONGLONG>;
+    const Written nothing;
+    EXPECT_EQ(STATUS_SUCCESS, Make(0));
+    EXPECT_EQ(nothing, files.written);
+    EXPECT_EQ(18u, files.deleted.size()) << "no size: only removed";
+    EXPECT_TRUE(files.opens.empty());
+    for (const bool disk : {true, false}) {
+        volume->IsDisk = disk;
+        volume->MediaType = disk ? FixedMedia : RemovableMedia;
+        EXPECT_EQ(STATUS_SUCCESS, Make(M));
+        EXPECT_EQ(nothing, files.written);
+    }
+    volume->MediaType = FixedMedia;
+    files.statuses[u"\\kvr.SWP"] = STATUS_ACCESS_DENIED;
+    EXPECT_EQ(STATUS_ACCESS_DENIED, Make(M));
+    files.statuses = {{u"\\kvr.MAP", STATUS_ACCESS_DENIED}};
+    EXPECT_EQ(STATUS_ACCESS_DENIED, Make(M));
+    files.statuses.clear();
+    files.io = STATUS_IO_DEVICE_ERROR;
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Make(4 * M));
+    EXPECT_EQ(M, files.written[u"\\kvr.SWP"]);
+    EXPECT_TRUE(Said("ZwWriteFile 0xc0000185"));
+    files.io = STATUS_SUCCESS;
+    EXPECT_EQ(STATUS_SUCCESS, Make(128 * M));
+    EXPECT_EQ(3 * M, files.written[u"\\kvr.MAP"]) << "12 bytes for each sector, to the byte";
+    EXPECT_EQ(3u, TimesSaid(mark, "ZwCreateFile 0x") + TimesSaid(mark, "ZwWriteFile 0x"));
+    // Told to stop while it writes the one or the other file: what it made goes again.
+    for (const char16_t* path : {u"\\kvr.SWP", u"\\kvr.MAP"}) {
+        files.onWrite = [&](const std::u16string& now) { gProvisionQuit = now == path ? TRUE : FALSE; };
+        EXPECT_EQ(STATUS_SUCCESS, Make(128 * M));
+        EXPECT_EQ(path[5] == u'S' ? M : 128 * M, files.written[u"\\kvr.SWP"]);
+        EXPECT_EQ(path[5] == u'S' ? 0 : M, files.written[u"\\kvr.MAP"]);
+        EXPECT_EQ(36u, files.deleted.size());
+        EXPECT_EQ(0u, Free());
+    }
+    files.onWrite = nullptr;
+    // The trial allocation before each block: as much as each file wants, beside the block itself.
+    const auto limit = [](SIZE_T trial) { host::SetPoolLimit(trial + 2 * M); };
+    files.onWrite = [&](const std::u16string&) { limit(0x1400000); };
+    limit(0x1800000);
+    EXPECT_EQ(STATUS_SUCCESS, Make(2 * M));
+    EXPECT_EQ((Written{{u"\\kvr.SWP", M}, {u"\\kvr.MAP", M}}), files.written);
+    EXPECT_TRUE(Said("kvr.SWP cannot allocate NPagedPool"));
+    files.onWrite = [&](const std::u16string&) { limit(0x1400000 - 2 * M); };
+    limit(0x1800000);
+    EXPECT_EQ(STATUS_SUCCESS, Make(M));
+    EXPECT_EQ((Written{{u"\\kvr.SWP", M}}), files.written);
+    EXPECT_TRUE(Said("kvr.MAP cannot allocate NPagedPool"));
+    host::SetPoolLimit(host::kNoPoolLimit);
+}
+
+// The location goes before the files, and nothing is protected by storage that has gone.
+TEST_F(Provisioning, RemovalForgetsBeforeItDeletes) {
+    Locate();
+    AddFree(kSwap, S);
+    Redirect(0, kSwap + S, S);
+    volume->SwapState = kSwapMapBad;
+    EXPECT_EQ(STATUS_SUCCESS, Arm());
+    ASSERT_EQ(18u + 1, files.opens.size()) << "the driver's file and the storage";
+    files.onDelete = [&](const std::u16string&) {
+        EXPECT_EQ(nullptr, volume->MapLocation.load());
+        EXPECT_TRUE(registry.values.empty());
+        KernelMutexLock lock(volume->StorageMutex);
+        EXPECT_TRUE(!volume->SwapFileHandle && !volume->SwapMapFileHandle && !volume->SwapFileHandles[15]);
+    };
+    EXPECT_EQ(STATUS_SUCCESS, Remove(For(kName)));
+    std::vector<std::u16string> expected{u"\\kvr.MAP", u"\\kvr.SWP"};
+    for (int i = 1; i <= 16; ++i) expected.push_back(Numbered(i));
+    EXPECT_EQ(expected, files.deleted);
+    EXPECT_EQ(kSwapUsable, volume->SwapState);
+    EXPECT_EQ(0u, Used() + Free());
+    EXPECT_TRUE(volume->ProtectionDeferred);
+    EXPECT_FALSE(Said("ConfigureSwapAllocThread::Delete"));
+    EXPECT_EQ(1u, TimesSaid(mark, "ConfigureSwapRemoveThread::Delete done"));
+    volume->ProtectionDeferred = FALSE;
+    volume->IsProtected = TRUE;
+    volume->MediaType = RemovableMedia;
+    EXPECT_EQ(STATUS_SUCCESS, Remove(For(kName)));
+    EXPECT_FALSE(volume->ProtectionDeferred) << "it is protected already";
+    volume->MediaType = FixedMedia;
+    volume->IsProtected = FALSE;
+}
+
+// A device that goes takes along what was held for it.
+TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
+    const std::u16string name = u"\\Device\\" + std::u16string(56, u'v');  // as long as a name can be
+    StackMemory& memory = AddMemory({.name = name.c_str()});
+    PVOLUME_EXTENSION leaving = memory.stack.volume;
+    host::MountProvider(memory.stack.pdo.object, &files);
+    const SWAP_CONFIG_REQUEST request = For(name.c_str());  // fills the field to its end
+    EXPECT_EQ(leaving, FindRequestedVolume(&request).Get());
+    MAP_LOCATION_ENTRY* run = NewRecord<MAP_LOCATION_ENTRY>().Release();
+    PublishMapLocation(leaving, run, sizeof(*run));
+    AddFree(leaving, kSwap, S);
+    ASSERT_EQ(STATUS_SUCCESS, StartArmThread(leaving));
+    host::JoinSystemThreads();
+    leaving->MediaType = RemovableMedia;
+    EXPECT_EQ(20u, host::OpenHandles().size());
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(memory.stack.pdo.object, IRP_MN_REMOVE_DEVICE));
+    EXPECT_EQ(1u, host::OpenHandles().size()) << "the driver's own file";
+}
+
+// The storage files are open to nobody else; where that fails for the first two, the storage says so.
+TEST_F(Provisioning, HoldingTheFiles) {
+    EXPECT_EQ(STATUS_SUCCESS, Arm());
+    EXPECT_EQ(1u, files.opens.size()) << "without storage the driver's own file";
+    Locate();
+    constexpr NTSTATUS missing = STATUS_OBJECT_NAME_NOT_FOUND;
+    const struct {
+        std::map<std::u16string, NTSTATUS> fails;
+        ULONG before, state;
+        NTSTATUS status;
+    } cases[] = {
+        {{}, 0, 0, 0},
+        {{{u"\\kvr.SWP", missing}}, 0, kSwapFilesNotHeld, 0},
+        {{{u"\\kvr.MAP", missing}}, 0, kSwapFilesNotHeld, 0},
+        {{{u"\\kvr.MAP", missing}}, kSwapMapBad, kSwapMapBad, 0},
+        {{{Numbered(1), missing}}, 0, 0, 0},
+        {{{Numbered(16), missing}}, 0, 0, missing},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        files.statuses = c.fails;
+        volume->SwapState = c.before;
+        EXPECT_EQ(c.status, Arm());
+        EXPECT_EQ(c.state, volume->SwapState);
+        ASSERT_EQ(18u, files.opens.size());
+        for (const auto& open : files.opens) EXPECT_TRUE(open.share == 0 && open.disposition == FILE_OPEN);
+        EXPECT_EQ(u"\\kvr.SWP", files.opens[0].path);
+        EXPECT_EQ(u"\\kvr.MAP", files.opens[1].path);
+        EXPECT_EQ(Numbered(16), files.opens[17].path);
+        EXPECT_EQ(18 - c.fails.size() + 1, host::OpenHandles().size()) << "each once, and the driver's file";
+        CloseHeldFiles(volume);
+    }
+    files.statuses.clear();
+    for (const LONGLONG last : {0, -1, 1}) {
+        for (auto& offset : volume->PreloadConfigLocation) offset = 1;
+        volume->PreloadConfigLocation[15] = last;
+        EXPECT_EQ(STATUS_SUCCESS, Arm());
+        EXPECT_EQ(last > 0, gConfigFileHandle != nullptr) << "the configuration, where it is known";
+    }
 }
 
 }  // namespace

@@ -4,14 +4,14 @@
 #include "config/config_files.h"
 #include "config/storage.h"
 #include "redirect/write_cache.h"
-#include "tests/redirect/redirect_fixture.h"
+#include "tests/support/memory_stack.h"
 
 namespace {
 
-class ConfigParallel : public RedirectTest {
+class ConfigParallel : public MemoryStackTest {
 protected:
     void SetUp() override {
-        RedirectTest::SetUp();
+        MemoryStackTest::SetUp();
         for (ULONG i = 0; i < kConfigPieces; ++i) volume->PreloadConfigLocation[i] = Place(i);
     }
     static LONGLONG Place(ULONG piece) { return 0x4000 + piece * 512; }

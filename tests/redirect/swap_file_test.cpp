@@ -1,8 +1,8 @@
-#include "tests/redirect/redirect_fixture.h"
+#include "tests/support/memory_stack.h"
 
 namespace {
 
-class SwapFiles : public RedirectTest {
+class SwapFiles : public MemoryStackTest {
 protected:
     static SWAP_FILE* Get(const char16_t* name, PVOLUME_EXTENSION from) {
         UNICODE_STRING counted = Counted(name);
@@ -41,6 +41,53 @@ TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
     EXPECT_EQ(holder, again.Of(volume));
     again.Release();
     EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(holder, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
+}
+
+// A volume that names itself is its own holder, whoever else bears the name.
+TEST_F(SwapFiles, TheHolderIsTheVolumeItselfOrOnlyTheOneThatWasFound) {
+    SWAP_FILE* swapFile = Get(u"\\DEVICE\\harddiskvolume1", volume);
+    EXPECT_EQ(volume, swapFile->SwapVolume.load());
+    AddFree(kSwap, S);
+    EXPECT_EQ(S, swapFile->ulFreeBytes.load());
+    EXPECT_EQ(volume->Target, SwapDevice().Of(volume));
+    ForgetSwapVolume(volume);
+    EXPECT_EQ(0u, swapFile->ulFreeBytes.load()) << "no space is known";
+    EXPECT_EQ(volume->Target, SwapDevice().Of(volume)) << "found again by its name";
+    EXPECT_EQ(S, swapFile->ulFreeBytes.load());
+    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
+    swapFile->SwapVolume = other;
+    ForgetSwapVolume(volume);
+    EXPECT_EQ(other, swapFile->SwapVolume.load()) << "not this volume's";
+    EXPECT_EQ(nullptr, SwapDevice().Of(volume)) << "another record: its sectors are not these";
+    swapFile->SwapVolume = volume;
+    AddFree(1ll << 40, 0xFFFFFE00);
+    EXPECT_EQ(0xFFFFFFFF, swapFile->ulFreeBytes.load()) << "cut to 32 bits";
+    other->SwapFile = nullptr;
+    EXPECT_EQ(nullptr, SwapDevice().Of(other));
+    swapFile->SwapVolume = nullptr;
+    UnlinkVolume(volume);
+    EXPECT_EQ(nullptr, SwapDevice().Of(volume)) << "a record that is leaving";
+    LinkVolume(volume);
+    EXPECT_TRUE(Said("Kvr!\tBytesPerSector:    512"));
+}
+
+TEST_F(SwapFiles, DetachingCounts) {
+    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
+    SWAP_FILE* swapFile = Get(kName, other);
+    DetachFromSwap(volume);
+    EXPECT_EQ(swapFile, volume->SwapFile.load());
+    DetachFromSwap(other);
+    EXPECT_EQ(0u, swapFile->ulRefCount.load());
+    EXPECT_EQ(nullptr, other->SwapFile.load());
+    DetachFromSwap(other);
+    volume->SwapFile = nullptr;
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
+    UNICODE_STRING fresh = Counted(u"\\Device\\New");
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, GetSwapFile(&fresh, volume));
+    host::DisarmFaults();
+    EXPECT_EQ(nullptr, volume->SwapFile.load());
+    EXPECT_EQ(swapFile, Get(kName, volume));
+    EXPECT_EQ(1u, swapFile->ulRefCount.load()) << "attached anew";
 }
 
 }  // namespace

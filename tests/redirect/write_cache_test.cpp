@@ -1,28 +1,28 @@
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
-#include "tests/redirect/redirect_fixture.h"
+#include "swap/map_boot.h"
+#include "tests/support/memory_stack.h"
 
 namespace {
 
-class WriteCache : public RedirectTest {
+class WriteCache : public MemoryStackTest {
 protected:
     void SetUp() override {
-        RedirectTest::SetUp();
+        MemoryStackTest::SetUp();
         Protect();
-        UNICODE_STRING name = Counted(kName);
-        ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
-        swapFile = volume->SwapFile;
+        swapFile = Attach();
+    }
+    // No space is known until GiveSpace.
+    void TakeSpace() { swapFile->ulFreeBytes = 0; }
+    void GiveSpace() {
+        FastMutexLock lock(volume->SwapLock);
+        MirrorFreeBytes(volume);
     }
     void Queue(LONGLONG offset, ULONG length, UCHAR fill) {
-        std::vector<UCHAR> data(length, fill);
+        Bytes data(length, fill);
         LARGE_INTEGER at;
         at.QuadPart = offset;
         EXPECT_EQ(STATUS_SUCCESS, AddBufferToCache(volume, &at, data.data(), length));
-    }
-    std::vector<UCHAR> ReadBack(LONGLONG offset, ULONG length) {
-        std::vector<UCHAR> data(length);
-        EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, offset, data).status);
-        return data;
     }
     SWAP_FILE* swapFile = nullptr;
 };
@@ -39,10 +39,10 @@ TEST_F(WriteCache, FlushWritesTheQueueInItsOrder) {
     EXPECT_FALSE(IsWriteCacheEmpty(swapFile));
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
     EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
-    EXPECT_EQ(std::vector<UCHAR>(0x8000, 1), ReadBack(0, 0x8000));
-    EXPECT_EQ(std::vector<UCHAR>(0x800, 2), ReadBack(0x8000, 0x800));
-    EXPECT_EQ(std::vector<UCHAR>(0x200, 3), ReadBack(0x8800, 0x200));
-    EXPECT_TRUE(Holds(0, std::vector<UCHAR>(0x10000, 0))) << "the volume's own sectors";
+    EXPECT_EQ(Bytes(0x8000, 1), Read(0, 0x8000));
+    EXPECT_EQ(Bytes(0x800, 2), Read(0x8000, 0x800));
+    EXPECT_EQ(Bytes(0x200, 3), Read(0x8800, 0x200));
+    EXPECT_TRUE(Holds(0, Bytes(0x10000, 0))) << "the volume's own sectors";
 }
 
 TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
@@ -52,9 +52,9 @@ TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
     Queue(0x20000, 0x1000, 3);
     PENDING_CHUNK* chain = nullptr;
     LARGE_INTEGER offset = {};
-    const auto taken = static_cast<ULONG>(FreeBytes(volume) - (large - 512));
+    const auto taken = static_cast<ULONG>(Free() - (large - 512));
     EXPECT_EQ(STATUS_SUCCESS, LockFreeChunks(volume, &offset, taken, &chain, nullptr));
-    AddFree(volume, kSwapStart - 0x1000, 0x1000);  // for the first entry
+    AddFree(kSwap - 0x1000, 0x1000);  // for the first entry
     EXPECT_EQ(STATUS_DEVICE_BUSY, FlushWriteCache(volume)) << "one sector too little behind the first entry";
     {
         KernelMutexLock lock(swapFile->CacheLock);
@@ -62,27 +62,83 @@ TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
         EXPECT_EQ(large, CONTAINING_RECORD(first, WRITE_CACHE_ENTRY, ListEntry)->uLength);
         EXPECT_EQ(&swapFile->CacheList, first->Flink->Flink);
     }
-    AddFree(volume, kSwapStart - 0x2000, 512);
+    AddFree(kSwap - 0x2000, 512);
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume)) << "an entry as large as the space is tried";
     EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
     EXPECT_EQ(STATUS_SUCCESS, UnlockFreeChunks(volume, chain));
 }
 
 TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
-    Queue(0, 0x1000, 1);
-    swapFile->ulFreeBytes = 0;
-    device->TakeTransfers();
-    std::vector<UCHAR> data(0x1000, 9);
-    const host::Outcome queued = Write(volume, 0, data);
-    EXPECT_EQ(STATUS_SUCCESS, queued.status);
-    EXPECT_EQ(0x1000u, queued.information);
-    EXPECT_TRUE(device->TakeTransfers().empty());
-    {
-        FastMutexLock lock(volume->SwapLock);
-        MirrorFreeBytes(volume);
+    using host::Pages;
+    constexpr NTSTATUS none = STATUS_INSUFFICIENT_RESOURCES;
+    const struct {
+        Pages pages;
+        ULONGLONG fault;  // the allocation that fails
+        NTSTATUS status;
+    } cases[] = {{Pages::Locked, 0, 0},  {Pages::Unlocked, 0, 0},    {Pages::Bad, 0, STATUS_ACCESS_VIOLATION},
+                 {Pages::None, 0, none}, {Pages::Unlocked, 1, none}, {Pages::Unlocked, 2, none}};
+    Bytes expected(S, 1);
+    Queue(0, S, 1);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        TakeSpace();
+        device->TakeTransfers();
+        Bytes data = Data(S, 20 + static_cast<int>(&c - cases));
+        if (c.fault) host::FailCall(host::FaultBit(host::Fault::Allocate), c.fault);
+        const host::Outcome queued =
+            host::Send(volume->FilterDevice,
+                       {.major = IRP_MJ_WRITE, .pages = c.pages, .length = S, .buffer = data.data()});
+        host::DisarmFaults();
+        EXPECT_EQ(c.status, queued.status);
+        EXPECT_EQ(c.status == 0 ? S : 0, queued.information);
+        EXPECT_TRUE(device->TakeTransfers().empty());
+        if (c.status == 0) expected = data;
     }
+    Bytes nothing;
+    EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_WRITE, 0, nothing).status);
+    GiveSpace();
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
-    EXPECT_EQ(data, ReadBack(0, 0x1000));
+    EXPECT_EQ(expected, Read(0, S)) << "the last one that was accepted";
+}
+
+// What a flush and a shutdown write out, and of which volumes.
+TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
+    SWAP_FILE* attached = swapFile;
+    MAP_LOCATION_ENTRY* location = NewRecord<MAP_LOCATION_ENTRY>().Release();
+    *location = {0x1000, 4096};
+    PublishMapLocation(volume, location, sizeof(*location));
+    const struct {
+        const char* what;
+        std::function<void(bool)> prevent;
+    } cases[] = {
+        {"nothing", [](bool) {}},
+        {"switched off", [](bool on) { gTesselEnabled = !on; }},
+        {"a disk", [&](bool on) { volume->IsDisk = volume->IsDetached = on; }},
+        {"not listed", [&](bool on) { volume->IsListed = !on; }},
+        {"no storage", [&](bool on) { volume->SwapFile = on ? nullptr : attached; }},
+        {"not protected", [&](bool on) { volume->IsProtected = !on, volume->ProtectionDeferred = on; }},
+    };
+    volume->IsProtected = TRUE;
+    for (const auto& c : cases) {
+        for (const UCHAR major : {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SHUTDOWN}) {
+            SCOPED_TRACE(c.what + std::to_string(major));
+            const bool written = &c == cases, shutdown = major == IRP_MJ_SHUTDOWN;
+            TakeSpace();
+            Queue(0x10000, S, static_cast<UCHAR>(major));
+            GiveSpace();
+            volume->MapDirty = TRUE;
+            c.prevent(true);
+            const int arrived = device->stack.Arrived(major);
+            EXPECT_EQ(STATUS_SUCCESS, host::Send(volume->FilterDevice, {.major = major}).status);
+            EXPECT_EQ(shutdown ? arrived : arrived + 1, device->stack.Arrived(major));
+            c.prevent(false);
+            EXPECT_EQ(written, IsWriteCacheEmpty(swapFile) != FALSE);
+            EXPECT_EQ(written && shutdown, !volume->MapDirty) << "the map holds what was queued";
+            EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
+            EXPECT_EQ(Bytes(S, static_cast<UCHAR>(major)), Read(0x10000, S));
+        }
+    }
+    EXPECT_EQ(6u, TimesSaid(mark, "Kvr!KvrShutdown"));
 }
 
 TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {
@@ -91,14 +147,14 @@ TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {
     UNICODE_STRING name = Counted(kName);
     ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, leaving));
     Queue(0, 0x1000, 1);
-    std::vector<UCHAR> data(0x1000, 2);
+    Bytes data(0x1000, 2);
     LARGE_INTEGER at = {};
     EXPECT_EQ(STATUS_SUCCESS, AddBufferToCache(leaving, &at, data.data(), 0x1000));
     Queue(0x8000, 0x1000, 3);
     EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.pdo.object, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
-    EXPECT_EQ(std::vector<UCHAR>(0x1000, 1), ReadBack(0, 0x1000));
-    EXPECT_EQ(std::vector<UCHAR>(0x1000, 3), ReadBack(0x8000, 0x1000));
+    EXPECT_EQ(Bytes(0x1000, 1), Read(0, 0x1000));
+    EXPECT_EQ(Bytes(0x1000, 3), Read(0x8000, 0x1000));
 }
 
 }  // namespace

@@ -10,15 +10,17 @@
 #include "config/protected_volumes.h"
 #include "formats/kvr_ioctl.h"
 #include "driver/entry.h"
+#include "driver/record/names.h"
+#include "driver/record/requests.h"
+#include "driver/record/threads.h"
+#include "driver/record/volume_list.h"
 #include "platform/host/rtl/debug_sink.h"
 #include "platform/host/memory/pool.h"
 #include "platform/host/sync/thread.h"
 #include "platform/host/io/user_mode.h"
 #include "platform/owners.h"
+#include "swap/swap.h"
 #include "tests/platform/host_stub.h"
-#include "driver/record/threads.h"
-#include "driver/record/volume_list.h"
-#include "driver/record/requests.h"
 
 inline UNICODE_STRING Counted(const char16_t* text) {
     UNICODE_STRING string;
@@ -66,6 +68,7 @@ public:
         if (!IsFiltered()) return;
         volume->IsProtected = FALSE;
         volume->PreloadConfigLocation[0] = 0;
+        PoolPtr<MAP_LOCATION_ENTRY>(volume->MapLocation.exchange(nullptr)).Reset();
         EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(pdo.object, IRP_MN_REMOVE_DEVICE));
     }
 

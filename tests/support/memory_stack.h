@@ -4,9 +4,21 @@
 #include "config/config_files.h"
 #include "config/storage.h"
 #include "platform/host/check/injector.h"
+#include "platform/host/check/verifier.h"
 #include "swap/swap_file.h"
+#include "swap/chunk_maps.h"
 #include "tests/support/loaded_driver.h"
+#include "tests/support/map_invariants.h"
 #include "tests/support/memory_registry.h"
+
+using Bytes = std::vector<UCHAR>;
+inline constexpr ULONG S = 512;
+
+inline LARGE_INTEGER Large(LONGLONG value) {
+    LARGE_INTEGER large;
+    large.QuadPart = value;
+    return large;
+}
 
 // Answers a stack's reads and writes from memory and remembers them.
 class StackMemory {
@@ -27,9 +39,10 @@ public:
     }
 
     FilteredStack& stack;
-    std::vector<UCHAR> data;
+    Bytes data;
     // Asked before each transfer; a status other than STATUS_SUCCESS is its answer, and nothing is moved.
     std::function<NTSTATUS(const Transfer&)> verdict;
+    ULONG shortBy = 0;  // bytes that each transfer leaves out at its end, and says so
 
 private:
     NTSTATUS Serve(PIRP irp, PIO_STACK_LOCATION location) {
@@ -40,17 +53,18 @@ private:
                                    place.Length};
         NTSTATUS status = verdict ? verdict(transfer) : STATUS_SUCCESS;
         if (status == STATUS_SUCCESS) status = Move(irp, transfer);
-        return stub::Complete(irp, status, status == STATUS_SUCCESS ? transfer.length : 0);
+        return stub::Complete(irp, status, status == STATUS_SUCCESS ? transfer.length - shortBy : 0);
     }
     NTSTATUS Move(PIRP irp, const Transfer& transfer) {
         const std::lock_guard lock(m_lock);
         m_transfers.push_back(transfer);
         if (transfer.offset < 0 || transfer.offset + ULONGLONG{transfer.length} > data.size())
             return STATUS_INVALID_PARAMETER;
+        if (transfer.length == 0) return STATUS_SUCCESS;
         void* buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
         UCHAR* sectors = data.data() + transfer.offset;
-        transfer.isWrite ? std::memcpy(sectors, buffer, transfer.length)
-                         : std::memcpy(buffer, sectors, transfer.length);
+        const ULONG length = transfer.length - shortBy;
+        transfer.isWrite ? std::memcpy(sectors, buffer, length) : std::memcpy(buffer, sectors, length);
         return STATUS_SUCCESS;
     }
 
@@ -73,6 +87,14 @@ struct TestFile {
 class MemoryStackTest : public LoadedDriver {
 protected:
     static constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
+    static constexpr LONGLONG kSwap = 0x400000;  // the swap's space begins here
+
+    struct Piece {
+        LONGLONG volumeOffset, swapOffset;
+        ULONG length;
+        bool operator==(const Piece&) const = default;
+    };
+    using FreeList = std::vector<std::pair<LONGLONG, ULONG>>;
 
     void SetUp() override {
         LoadedDriver::SetUp();
@@ -84,6 +106,13 @@ protected:
     void TearDown() override {
         host::DisarmFaults();
         host::JoinSystemThreads();
+        for (const auto& memory : memories) {
+            if (memory->stack.IsFiltered()) {
+                EXPECT_EQ("", support::CheckMaps(memory->stack.volume));
+            }
+        }
+        EXPECT_EQ(0u, host::AssertionCount());
+        host::ResetAssertionCount();
         if (volume->ArmThreadHandle == device) volume->ArmThreadHandle = nullptr;
         KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
         // What lives as long as the driver.
@@ -105,7 +134,7 @@ protected:
         return AddMemory({.name = name, .className = u"DiskDrive", .classGuid = kDiskClass});
     }
 
-    static host::Outcome Send(PVOLUME_EXTENSION to, UCHAR major, LONGLONG offset, std::vector<UCHAR>& data,
+    static host::Outcome Send(PVOLUME_EXTENSION to, UCHAR major, LONGLONG offset, Bytes& data,
                               PFILE_OBJECT file = nullptr) {
         return host::Send(to->FilterDevice, {.major = major,
                                              .length = static_cast<ULONG>(data.size()),
@@ -113,13 +142,76 @@ protected:
                                              .buffer = data.data(),
                                              .originalFile = file});
     }
-    static host::Outcome Write(PVOLUME_EXTENSION to, LONGLONG offset, std::vector<UCHAR> data,
-                               PFILE_OBJECT file = nullptr) {
+    static host::Outcome Write(PVOLUME_EXTENSION to, LONGLONG offset, Bytes data, PFILE_OBJECT file = nullptr) {
         return Send(to, IRP_MJ_WRITE, offset, data, file);
     }
-    bool Holds(LONGLONG offset, const std::vector<UCHAR>& data) const {
-        return std::memcmp(&device->data[offset], data.data(), data.size()) == 0;
+    Bytes Read(LONGLONG offset, ULONG length) {
+        Bytes data(length, 0xEE);
+        EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, offset, data).status);
+        return data;
     }
+    UCHAR* At(LONGLONG offset) { return &device->data[offset]; }
+    Bytes OnDisk(LONGLONG offset, ULONG length) { return {At(offset), At(offset) + length}; }
+    bool Holds(LONGLONG offset, const Bytes& data) { return OnDisk(offset, data.size()) == data; }
+    static Bytes Data(ULONG length, int seed) {
+        Bytes data(length);
+        for (ULONG i = 0; i < length; ++i) data[i] = static_cast<UCHAR>(seed * 31 + i / S * 3 + i);
+        return data;
+    }
+    std::string LastSaid() const { return host::DebugLinesSince(mark).back(); }
+    bool Said(const std::string& part) const { return TimesSaid(mark, part) != 0; }
+
+    // ---- the volume's storage ------------------------------------------------------------------------------
+    // Protected by an entry of the list, with `megabytes` of space of which the disk holds the lowest only.
+    void Protect(ULONG megabytes = 64) {
+        UNICODE_STRING name = Counted(kName);
+        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED | PV_EXPLICIT));
+        gTesselEnabled = TRUE;
+        volume->SwapMapLoaded = TRUE;
+        for (LONGLONG i = 0; i < megabytes; ++i) AddFree(volume, kSwap + i * 0x100000, 0x100000);
+    }
+    SWAP_FILE* Attach() {
+        UNICODE_STRING name = Counted(kName);
+        EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
+        return volume->SwapFile;
+    }
+    static void AddFree(PVOLUME_EXTENSION to, LONGLONG offset, ULONG length) {
+        const LARGE_INTEGER at = Large(offset);
+        EXPECT_EQ(STATUS_SUCCESS, AddSwapFreeChunk(to, &at, length));
+    }
+    void AddFree(LONGLONG offset, ULONG length) { AddFree(volume, offset, length); }
+    // Records a redirection as a write would, with space that is not in FreeChunks.
+    void Redirect(LONGLONG volumeOffset, LONGLONG swapOffset, ULONG length, ULONG bVolatile = 0) {
+        PENDING_CHUNK* chunk = CreatePendingChunk();
+        ASSERT_NE(nullptr, chunk);
+        *chunk = {Large(volumeOffset), Large(swapOffset), length, nullptr};
+        EXPECT_EQ(STATUS_SUCCESS, CommitChunks(volume, chunk, bVolatile));
+    }
+    NTSTATUS Lock(LONGLONG offset, ULONG length, PENDING_CHUNK** chain, PIRP request = nullptr) {
+        const LARGE_INTEGER at = Large(offset);
+        return LockFreeChunks(volume, &at, length, chain, request);
+    }
+    ULONG64 Free() KVR_NO_ANALYSIS { return volume->SwapFreeBytes; }
+    ULONG64 Used() KVR_NO_ANALYSIS { return volume->SwapUsedBytes; }
+    std::vector<Piece> Swapped() KVR_NO_ANALYSIS {
+        std::vector<Piece> pieces;
+        TREE* tree = &volume->SwappedChunks;
+        for (TREE_NODE* n = tree_first(tree, tree->Root); n; n = tree_next(tree, n)) {
+            const auto* c = static_cast<const SWAPPED_CHUNK*>(n->Record);
+            pieces.push_back({c->liVolumeOffset.QuadPart, c->liSwapOffset.QuadPart, c->uLength});
+        }
+        return pieces;
+    }
+    FreeList FreeSpace() KVR_NO_ANALYSIS {
+        FreeList list;
+        TREE* tree = &volume->FreeChunks;
+        for (TREE_NODE* n = tree_first(tree, tree->Root); n; n = tree_next(tree, n)) {
+            const auto* c = static_cast<const FREE_CHUNK*>(n->Record);
+            list.emplace_back(c->liSwapOffset.QuadPart, c->uLength);
+        }
+        return list;
+    }
+    void ForgetMaps() { ResetSwapMaps(volume->FilterDevice); }
 
     support::MemoryRegistry registry;
     std::vector<std::unique_ptr<StackMemory>> memories;

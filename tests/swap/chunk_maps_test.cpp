@@ -1,43 +1,16 @@
+#include "swap/map_boot.h"
+#include "tests/support/memory_stack.h"
 #include "tests/support/paged_out_text.h"
-#include "tests/swap/swap_volume.h"
 
-namespace support {
 namespace {
 
-class ChunkMaps : public SwapVolumeTest {
+class ChunkMaps : public MemoryStackTest {
 protected:
-    struct Piece {
-        LONGLONG volumeOffset, swapOffset;
-        ULONG length;
-        bool operator==(const Piece&) const = default;
-    };
     static std::vector<Piece> Pieces(const PENDING_CHUNK* chain) {
         std::vector<Piece> pieces;
         for (; chain; chain = chain->pNext)
             pieces.push_back({chain->liVolumeOffset.QuadPart, chain->liSwapOffset.QuadPart, chain->uLength});
         return pieces;
-    }
-    std::vector<Piece> Swapped() KVR_NO_ANALYSIS {
-        std::vector<Piece> pieces;
-        for (TREE_NODE* n = tree_first(&v->SwappedChunks, v->SwappedChunks.Root); n;
-             n = tree_next(&v->SwappedChunks, n)) {
-            const auto* c = static_cast<const SWAPPED_CHUNK*>(n->Record);
-            pieces.push_back({c->liVolumeOffset.QuadPart, c->liSwapOffset.QuadPart, c->uLength});
-        }
-        return pieces;
-    }
-    std::vector<std::pair<LONGLONG, ULONG>> FreeList() KVR_NO_ANALYSIS {
-        std::vector<std::pair<LONGLONG, ULONG>> list;
-        for (TREE_NODE* n = tree_first(&v->FreeChunks, v->FreeChunks.Root); n;
-             n = tree_next(&v->FreeChunks, n)) {
-            const auto* c = static_cast<const FREE_CHUNK*>(n->Record);
-            list.emplace_back(c->liSwapOffset.QuadPart, c->uLength);
-        }
-        return list;
-    }
-    NTSTATUS Lock(LONGLONG offset, ULONG length, PENDING_CHUNK** chain, PIRP request = nullptr) {
-        const LARGE_INTEGER at = Large(offset);
-        return LockFreeChunks(v, &at, length, chain, request);
     }
     // A request as the gate sees one: with the file object that it was made for.
     NTSTATUS LockFor(PCWSTR name, bool associated = false) {
@@ -50,7 +23,7 @@ protected:
         PENDING_CHUNK* chain = nullptr;
         const NTSTATUS status = Lock(0, S, &chain, &irp);
         EXPECT_EQ(status == STATUS_SUCCESS, chain != nullptr);
-        EXPECT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
+        EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
         return status;
     }
 };
@@ -68,14 +41,13 @@ TEST_F(ChunkMaps, SpaceComesFromTheLowestChunksAndGoesBack) {
     ASSERT_EQ(Lock(0x10000, 64 * K, &chain), STATUS_SUCCESS);
     EXPECT_EQ(Pieces(chain),
               (std::vector<Piece>{{0x10000, 100 * M, 16 * K}, {0x10000 + 16 * K, 200 * M, 48 * K}}));
-    EXPECT_EQ(FreeList(), (std::vector<std::pair<LONGLONG, ULONG>>{{200 * M + 48 * K, 80 * M - 48 * K}}));
-    EXPECT_EQ(CheckMaps(v), "");
+    EXPECT_EQ(FreeSpace(), (FreeList{{200 * M + 48 * K, 80 * M - 48 * K}}));
     // A second attempt with the same chain gives the first one's space back first.
     ASSERT_EQ(Lock(0x10000, 32 * K, &chain), STATUS_SUCCESS);
     EXPECT_EQ(Free(), before - 32 * K);
-    ASSERT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
+    ASSERT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
     EXPECT_EQ(Free(), before);
-    EXPECT_GT(FreeList().size(), 2u) << "pieces that come back are not merged";
+    EXPECT_GT(FreeSpace().size(), 2u) << "pieces that come back are not merged";
 }
 
 TEST_F(ChunkMaps, SpaceThatCouldNotBeRecordedLeavesNothingToSave) {
@@ -95,32 +67,42 @@ TEST_F(ChunkMaps, LowSpaceIsKeptForMetadata) {
     PENDING_CHUNK* held = nullptr;
     ASSERT_EQ(Lock(0, 8 * M, &held), STATUS_SUCCESS);  // 40 MiB left
     for (PCWSTR name : {W("\\$mft"), W("\\$MFTMIRR"), W("\\$Directory"), W("\\$bitmap"),
-                        W("\\system volume information\\tracking.log")})
+                        W("\\system volume information\\tracking.log"), W("\\System Volume Information")})
         EXPECT_EQ(LockFor(name), STATUS_SUCCESS);
     for (PCWSTR name : {W("\\pagefile.sys"), W(""), W("\\$Mft2"), W("\\System Volume"), W("\\a\\$Mft")})
         EXPECT_EQ(LockFor(name), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(LockFor(W("\\$Mft"), true), STATUS_SUCCESS);
     EXPECT_EQ(LockFor(W("\\x"), true), STATUS_MEDIA_WRITE_PROTECTED) << "the master's file object counts";
-    PENDING_CHUNK* chain = nullptr;
-    EXPECT_EQ(Lock(0, 32 * M + S, &chain), STATUS_SUCCESS);  // without a request; below 8 MiB from here on
-    PENDING_CHUNK* none = nullptr;
+    IRP part{};  // of a request that is not there, and one that is no part though the field is set
+    part.Flags = IRP_ASSOCIATED_IRP;
+    FILE_OBJECT unnamed{};
+    IRP whole{}, other{};
+    other.Tail.Overlay.OriginalFileObject = &unnamed;
+    whole.AssociatedIrp.MasterIrp = &other;
+    for (IRP* request : {&part, &whole}) {
+        PENDING_CHUNK* taken = nullptr;
+        EXPECT_EQ(Lock(0, S, &taken, request), STATUS_SUCCESS) << "made for no file";
+        EXPECT_EQ(UnlockFreeChunks(volume, taken), STATUS_SUCCESS);
+    }
+    PENDING_CHUNK *chain = nullptr, *last = nullptr, *none = nullptr;
+    EXPECT_EQ(Lock(0, 32 * M, &chain), STATUS_SUCCESS);  // without a request; 8 MiB are left
+    EXPECT_EQ(Lock(0, S, &last), STATUS_SUCCESS) << "at the limit";
     EXPECT_EQ(Lock(0, S, &none), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(LockFor(W("\\$Mft")), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
-    EXPECT_EQ(UnlockFreeChunks(v, held), STATUS_SUCCESS);
+    for (PENDING_CHUNK* each : {last, chain, held}) EXPECT_EQ(UnlockFreeChunks(volume, each), STATUS_SUCCESS);
 }
 
 // Else the read that brings the name in would wait for the lock that its reader holds.
 TEST_F(ChunkMaps, AFileNameIsLookedAtWithoutTheLock) {
     AddFree(100 * M, 40 * M);
-    PagedOutText name(u"\\$Mft");
+    support::PagedOutText name(u"\\$Mft");
     FILE_OBJECT file{};
     file.FileName = name.string;
     IRP irp{};
     irp.Tail.Overlay.OriginalFileObject = &file;
     PENDING_CHUNK* chain = nullptr;
     EXPECT_EQ(Lock(0, S, &chain, &irp), STATUS_SUCCESS);
-    EXPECT_EQ(UnlockFreeChunks(v, chain), STATUS_SUCCESS);
+    EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
     EXPECT_EQ(1, name.faults);
     EXPECT_EQ(0, name.locksHeld);
 }
@@ -135,8 +117,7 @@ TEST_F(ChunkMaps, CommitKeepsWhatAnotherWriteHasRedirectedMeanwhile) {
                                              {104 * S, 8006 * S, 6 * S},
                                              {110 * S, 7100 * S, 2 * S},
                                              {112 * S, 8014 * S, 8 * S}}));
-    EXPECT_EQ(FreeList(), (std::vector<std::pair<LONGLONG, ULONG>>{{8002 * S, 4 * S}, {8012 * S, 2 * S}}));
-    EXPECT_EQ(CheckMaps(v), "");
+    EXPECT_EQ(FreeSpace(), (FreeList{{8002 * S, 4 * S}, {8012 * S, 2 * S}}));
     Redirect(101 * S, 9000 * S, 2 * S);  // wholly inside: all of it comes back
     Redirect(119 * S, 9100 * S, 2 * S);  // over an end
     EXPECT_EQ(Swapped().size(), 6u);
@@ -149,20 +130,157 @@ TEST_F(ChunkMaps, AggregationMergesUpToABlock) {
     for (LONGLONG at : {20, 21, 22}) AddFree(at * M / 2, M / 2);
     AddFree(20 * M, 16 * K);
     {
-        FastMutexLock lock(v->SwapLock);
-        AggregateFreeChunks(v);
+        FastMutexLock lock(volume->SwapLock);
+        AggregateFreeChunks(volume);
     }
     EXPECT_TRUE(Said("Kvr!AggregateFreeChunks: before 4"));
     EXPECT_TRUE(Said("Kvr!AggregateFreeChunks: after 3"));
-    EXPECT_EQ(FreeList(),
-              (std::vector<std::pair<LONGLONG, ULONG>>{{10 * M, M}, {11 * M, M / 2}, {20 * M, 16 * K}}));
+    EXPECT_EQ(FreeSpace(), (FreeList{{10 * M, M}, {11 * M, M / 2}, {20 * M, 16 * K}}));
     // Chunks near 4 GiB, as a map may hold, must not merge by a sum that wrapped.
     AddFree(1ll << 40, 0xFFFFFE00);
     AddFree((1ll << 40) + 0xFFFFFE00, 0x400);
-    FastMutexLock lock(v->SwapLock);
-    AggregateFreeChunks(v);
-    EXPECT_EQ(FreeList().size(), 5u);
+    FastMutexLock lock(volume->SwapLock);
+    AggregateFreeChunks(volume);
+    EXPECT_EQ(FreeSpace().size(), 5u);
+}
+
+// Every operation on the maps marks them as changed, and none but those that change them.
+TEST_F(ChunkMaps, WhatChangesTheMapsIsSavedNextTime) {
+    AddFree(100 * M, 60 * M);
+    Redirect(0, 7000 * S, 4 * S);
+    PENDING_CHUNK* chain = nullptr;
+    const std::function<void()> changes[] = {
+        [&] { AddFree(300 * M, S); },
+        [&] { EXPECT_EQ(Lock(0x10000, S, &chain), STATUS_SUCCESS); },
+        [&] { EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS); },
+        [&] { Redirect(0x20000, 8000 * S, S); },
+        [&] { DiscardSwappedChunks(volume); },
+        [&] { MergeSwapIntoVolume(volume->FilterDevice); },
+        [&] { ForgetMaps(); },
+    };
+    for (const auto& change : changes) {
+        volume->MapDirty = FALSE;
+        change();
+        EXPECT_TRUE(volume->MapDirty) << &change - changes;
+    }
+}
+
+TEST_F(ChunkMaps, DiscardedRedirectionsBecomeFreeSpace) {
+    AddFree(100 * M, S);
+    Redirect(0, 7000 * S, 4 * S);
+    Redirect(10 * S, 8000 * S, 2 * S, 1);
+    AddSwapMapChunk(volume, 1 * M, 4096);
+    Attach();
+    DiscardSwappedChunks(volume);
+    EXPECT_EQ(Used(), 0u);
+    EXPECT_EQ(FreeSpace(), (FreeList{{7000 * S, 4 * S}, {8000 * S, 2 * S}, {100 * M, S}}));
+    EXPECT_EQ(volume->SwapFile.load()->ulFreeBytes.load(), 7 * S);
+    FastMutexLock lock(volume->SwapLock);
+    EXPECT_EQ(volume->SwappedChunks.Root, &TreeNil);
+    EXPECT_EQ(volume->MapFileChunks.Root, &TreeNil);
+}
+
+TEST_F(ChunkMaps, RunsOfTheMapFileThatNoLocationCanNameAreLeftOut) {
+    const struct {
+        LONGLONG offset;
+        ULONG length, unit;
+        bool recorded;
+    } cases[] = {{S, 1, S, true},
+                 {0, 4096, S, false},
+                 {-1, 4096, S, false},
+                 {2 * S, 0, S, false},
+                 {3 * S, 4096, 0, false},
+                 {0xFFFFFFFFll * S, 4096, S, true},
+                 {0x100000000ll * S, 4096, S, false}};
+    ULONG expected = 0;
+    AddSwapMapChunk(volume, S, 4096);  // the first case's, once more
+    for (const auto& c : cases) {
+        volume->BytesPerSector = c.unit;
+        AddSwapMapChunk(volume, c.offset, c.length);
+        volume->BytesPerSector = S;
+        expected += c.recorded;
+        ULONG count = 0;
+        FastMutexLock lock(volume->SwapLock);
+        tree_walk(&volume->MapFileChunks, count_items, &count);
+        EXPECT_EQ(count, expected) << c.offset;
+    }
+}
+
+// The n-th allocation fails: the record's, or its node's. The chain is settled all the same.
+TEST_F(ChunkMaps, ShortMemoryIsToldAndLosesNoMoreThanOneRecord) {
+    AddFree(100 * M, 60 * M);
+    LONGLONG at = 0;  // no two rounds meet
+    const auto pending = [&] {
+        PENDING_CHUNK* chain = CreatePendingChunk();
+        *chain = {Large(at), Large(9000 * S + at), S, CreatePendingChunk()};
+        *chain->pNext = {Large(at + 8 * S), Large(9000 * S + at + 8 * S), S, nullptr};
+        return chain;
+    };
+    constexpr NTSTATUS record = STATUS_INSUFFICIENT_RESOURCES, node = STATUS_UNSUCCESSFUL;
+    LARGE_INTEGER place = Large(400 * M);
+    PENDING_CHUNK* chain = nullptr;
+    const auto visit = [&](TREE_VISITOR visitor) {
+        FastMutexLock lock(volume->SwapLock);
+        tree_walk(&volume->SwappedChunks, visitor, volume);
+        EmptySwappedChunks(volume);
+        return STATUS_SUCCESS;
+    };
+    struct {
+        const char* said;
+        std::function<NTSTATUS()> operate;
+        NTSTATUS statuses[2];  // without the record, without the node
+    } const cases[] = {
+        {"Kvr!AddSwapFreeChunk [", [&] { return AddSwapFreeChunk(volume, &place, S); }, {record, node}},
+        {"Kvr!UnlockFreeChunks [", [&] { return UnlockFreeChunks(volume, chain); }, {record, node}},
+        {"Kvr!CommitChunks [", [&] { return CommitChunks(volume, chain, 0); }, {record, node}},
+        {"Kvr!unuse_swapped_chunks::", [&] { return visit(unuse_swapped_chunks); }, {}},
+        {"Kvr!free_swapped_chunks [", [&] { return visit(free_swapped_chunks); }, {}},
+    };
+    for (const auto& c : cases) {
+        for (const ULONGLONG n : {1, 2}) {
+            SCOPED_TRACE(c.said + std::to_string(n));
+            at += 1000 * S;
+            Redirect(at + 100 * S, 9100 * S + at, 4 * S);
+            chain = pending();
+            const bool takesChain = &c == cases + 1 || &c == cases + 2;
+            if (!takesChain) {
+                EXPECT_EQ(UnlockFreeChunks(volume, std::exchange(chain, nullptr)), STATUS_SUCCESS);
+            }
+            const SIZE_T before = TimesSaid(mark, c.said);
+            host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+            EXPECT_EQ(c.operate(), c.statuses[n - 1]);
+            host::DisarmFaults();
+            // A record of a volume that loses everything anyway is missed in silence.
+            const bool isSaid = &c != cases + 4 || n == 2;
+            EXPECT_EQ(TimesSaid(mark, c.said), before + isSaid);
+            const char* status = n == 1 ? "STATUS_INSUFFICIENT_RESOURCES" : "STATUS_UNSUCCESSFUL";
+            EXPECT_EQ(LastSaid().find(status) != std::string::npos, isSaid);
+            EXPECT_EQ(support::CheckMaps(volume), "");
+        }
+    }
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
+    EXPECT_EQ(Lock(0, S, &chain), record);
+    host::DisarmFaults();
+    EXPECT_EQ(chain, nullptr);
+    EXPECT_EQ(Lock(0, 0x7FFFFE00, &chain), STATUS_MEDIA_WRITE_PROTECTED) << "space that runs out";
+    EXPECT_EQ(Free(), 0u);
+    EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
+}
+
+TEST_F(ChunkMaps, WithoutMemoryTheFreeChunksStayAsTheyAre) {
+    for (LONGLONG at : {20, 21, 22, 40}) AddFree(at * M / 2, M / 2);
+    const FreeList before = FreeSpace();
+    for (const ULONGLONG n : {1, 2, 3, 4, 5, 6}) {
+        host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+        FastMutexLock lock(volume->SwapLock);
+        AggregateFreeChunks(volume);
+        host::DisarmFaults();
+        EXPECT_EQ(FreeSpace(), before);
+    }
+    const LARGE_INTEGER place = Large(M);
+    EXPECT_EQ(AddSwapFreeChunk(volume, &place, 0), STATUS_SUCCESS) << "nothing to record";
+    EXPECT_EQ(TimesSaid(mark, "Kvr!AggregateFreeChunks ["), 6u);
+    EXPECT_FALSE(Said("Kvr!AggregateFreeChunks: before"));
 }
 
 }  // namespace
-}  // namespace support

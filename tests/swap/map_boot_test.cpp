@@ -1,175 +1,344 @@
-#include "config/parser.h"
-#include "config/protected_volumes.h"
-#include "config/storage.h"
+// The saved map at boot: where it lies, what is loaded from it, and what the boot action makes of it.
 #include "swap/map_boot.h"
+#include <random>
+#include <set>
 #include "swap/map_format.h"
-#include "tests/support/memory_registry.h"
-#include "tests/swap/swap_volume.h"
+#include "tests/support/memory_stack.h"
 
-namespace support {
 namespace {
 
 constexpr LONGLONG kMap = 2 << 20;
-const std::u16string kName = u"\\Device\\TestVolume1";
+constexpr ULONG kMapBytes = 8192;  // two runs
+constexpr ULONG64 kMergeLimit = 0x3300000;
+constexpr ULONG kUsed = 8 * S;
 
-class MapBoot : public SwapVolumeTest {
+class MapBoot : public MemoryStackTest {
 protected:
-    MapBoot() {
-        host::SetRegistryStore(&registry_);
+    void SetUp() override {
+        MemoryStackTest::SetUp();
         gTesselEnabled = TRUE;
         gConfigLoaded = TRUE;
-        v->IsProtected = TRUE;
-        v->SwapFile = nullptr;
-        std::fill(disk_->At(kMap), disk_->At(kMap + 8192), 0);
+        m_before = Data(kUsed, 9);
+        m_data = Data(kUsed, 1);
     }
-    ~MapBoot() override { host::SetRegistryStore(nullptr); }
-
     void SetLocation(const std::vector<MAP_LOCATION_ENTRY>& runs) {
-        ASSERT_EQ(RegSetMapLocation(v, runs.data(), runs.size() * sizeof(MAP_LOCATION_ENTRY)), STATUS_SUCCESS);
+        ASSERT_EQ(STATUS_SUCCESS, RegSetMapLocation(volume, runs.data(), runs.size() * 8));
     }
-    // What a former boot left: a saved map with redirected data in the swap.
-    void SaveMap(ULONG freeMegabytes = 60) {
-        v->SwapFile = &swapFile_;
-        AddFree(kSwap, 16 * S);
-        AddFree(kSwap + 16 * S, 16 * S);
-        for (ULONG i = 0; i < freeMegabytes; ++i) AddFree((1ll << 30) + (LONGLONG{i} << 20), 1 << 20);
-        data_ = Data(8 * S, 1);
-        before_ = OnDisk(100 * S, 8 * S);
-        PENDING_CHUNK* chain = nullptr;
-        const LARGE_INTEGER at = Large(100 * S);
-        ASSERT_EQ(LockFreeChunks(v, &at, 8 * S, &chain, nullptr), STATUS_SUCCESS);
-        std::ranges::copy(data_, disk_->At(chain->liSwapOffset.QuadPart));
-        ASSERT_EQ(CommitChunks(v, chain, 0), STATUS_SUCCESS);
+    // What a former boot left: sectors 100 to 107 redirected, and so much free space.
+    void SaveMap(ULONG64 freeBytes = 60 << 20) {
+        ForgetMapLocation(volume);
+        ForgetMaps();
+        volume->SwapState = kSwapUsable;
+        volume->SwapMapLoaded = FALSE;
+        volume->IsProtected = TRUE;
+        volume->BootAction = 0;
+        std::fill(At(kMap), At(kMap + kMapBytes), 0);
+        std::ranges::copy(m_before, At(100 * S));
+        std::ranges::copy(m_data, At(kSwap));
+        Redirect(100 * S, kSwap, kUsed);
+        AddFree(kSwap + kUsed, 24 * S);
+        for (ULONG64 done = 24 * S; done < freeBytes; done += std::min<ULONG64>(freeBytes - done, 1 << 20))
+            AddFree((1ll << 30) + static_cast<LONGLONG>(done),
+                    static_cast<ULONG>(std::min<ULONG64>(freeBytes - done, 1 << 20)));
         SetLocation({{kMap / S, 4096}, {kMap / S + 8, 4096}});
         MAP_LOCATION_ENTRY* location = nullptr;
         ULONG length = 0;
-        ASSERT_EQ(RegGetMapLocation(v, &location, &length), STATUS_SUCCESS);
-        PublishMapLocation(v, location, length);
-        WriteSwapMap(filter_, FALSE);
-        ForgetMapLocation(v);
-        ResetSwapMaps(filter_);
-        v->SwapFile = nullptr;
-        v->MapDirty = TRUE;
-        disk_->TakeTransfers();
+        ASSERT_EQ(STATUS_SUCCESS, RegGetMapLocation(volume, &location, &length));
+        PublishMapLocation(volume, location, length);
+        WriteSwapMap(volume->FilterDevice, TRUE);
+        ForgetMapLocation(volume);
+        ForgetMaps();
     }
     // Whether the map on the disk still holds a redirection.
     bool MapHoldsRedirection() {
-        for (int i = 0; i < 8192 / 12; ++i) {
-            const auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(disk_->At(kMap)) + i;
+        for (ULONG i = 0; i < kMapBytes / 12; ++i) {
+            const auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(At(kMap)) + i;
             if (entry->ulSwapSector != 0 && entry->ulVolumeSector != kFreeSpaceMark) return true;
         }
         return false;
     }
-    MemoryRegistry registry_;
-    std::vector<std::uint8_t> data_, before_;
+    SIZE_T Loads() const { return TimesSaid(mark, "Kvr!PreloadSwapMap: Done"); }
+
+    Bytes m_data, m_before;
 };
 
 TEST_F(MapBoot, LocationIsStoredSortedAndReadBack) {
-    for (LONGLONG sector : {300, 100, 200}) AddSwapMapChunk(v, sector * S, 4096);
-    PostloadSwapMap(v);
-    EXPECT_TRUE(registry_.flushed);
-    const std::vector<std::uint32_t> words = {100, 4096, 200, 4096, 300, 4096};
-    ASSERT_EQ(registry_.values[kName].data.size(), 24u);
-    EXPECT_EQ(std::memcmp(registry_.values[kName].data.data(), words.data(), 24), 0);
-    EXPECT_EQ(std::memcmp(v->MapLocation, words.data(), 24), 0);
-    EXPECT_EQ(RegDelMapLocation(v), STATUS_SUCCESS);
-    EXPECT_TRUE(registry_.flushed) << "a location must not outlive its file";
+    PostloadSwapMap(volume);
+    EXPECT_TRUE(registry.values.empty()) << "no run was captured";
+    for (LONGLONG sector : {300, 100, 200}) AddSwapMapChunk(volume, sector * S, 4096);
+    PostloadSwapMap(volume);
+    EXPECT_TRUE(registry.flushed);
+    const std::vector<ULONG> words = {100, 4096, 200, 4096, 300, 4096};
+    ASSERT_EQ(24u, registry.values[kName].data.size());
+    EXPECT_EQ(0, std::memcmp(registry.values[kName].data.data(), words.data(), 24));
+    EXPECT_EQ(0, std::memcmp(volume->MapLocation, words.data(), 24));
+    EXPECT_TRUE(Said("ulCountItems=3") && Said("pTessel->ulMapLocationLength=24"));
+    const MAP_LOCATION_ENTRY run = {1, 4096};
+    const UNICODE_STRING name = std::exchange(volume->VolumeName, {});
+    MAP_LOCATION_ENTRY* location = volume->MapLocation;
+    ULONG length = 99;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegSetMapLocation(volume, &run, 8));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegGetMapLocation(volume, &location, &length));
+    EXPECT_TRUE(!location && length == 0);
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegDelMapLocation(volume));
+    volume->VolumeName = name;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegSetMapLocation(volume, nullptr, 8));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegSetMapLocation(volume, &run, 0));
+    EXPECT_EQ(1u, registry.values.size());
+    EXPECT_EQ(STATUS_SUCCESS, RegDelMapLocation(volume));
+    EXPECT_TRUE(registry.flushed) << "a location must not outlive its file";
+    EXPECT_FALSE(NT_SUCCESS(RegDelMapLocation(volume)));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, RegGetMapLocation(volume, &location, &length));
 }
 
-TEST_F(MapBoot, DiscardAndSwitchedOffGiveUpTheRedirections) {
-    for (const bool enabled : {true, false}) {
-        SaveMap();
-        ASSERT_TRUE(MapHoldsRedirection());
-        v->BootAction = enabled ? PV_ACTION_DISCARD : 0;
-        gTesselEnabled = enabled;
-        v->SwapMapLoaded = FALSE;
-        EnsureSwapMapLoaded(v);
-        EXPECT_EQ(Used(), 0u);
-        EXPECT_EQ(Free(), 32u * S + (60u << 20));
-        EXPECT_FALSE(MapHoldsRedirection());
-        EXPECT_EQ(OnDisk(100 * S, 8 * S), before_);
-        EXPECT_TRUE(registry_.values.contains(kName));
-        EXPECT_EQ(CheckMaps(v), "");
-        ForgetMapLocation(v);
-        ResetSwapMaps(filter_);
-        std::fill(disk_->At(kMap), disk_->At(kMap + 8192), 0);
+// What becomes of the redirections, and of the protection.
+TEST_F(MapBoot, BootActionsAndStates) {
+    enum Fate { Kept, GivenUp, Merged, Left };  // Left: in the trees, not saved and not given up
+    constexpr ULONG64 much = kMergeLimit + S;
+    constexpr ULONG bad = kSwapMapBad, held = kSwapFilesNotHeld, discard = PV_ACTION_DISCARD,
+                    merge = PV_ACTION_MERGE;
+    const struct {
+        const char* what;
+        ULONG state, action;
+        bool enabled, isProtected, listed;
+        ULONG64 free;
+        Fate fate;
+        bool endsProtected;
+    } cases[] = {
+        {"keep", 0, 0, true, true, false, much, Kept, true},
+        {"discard", 0, discard, true, true, false, much, GivenUp, true},
+        {"switched off", 0, 0, false, true, false, much, GivenUp, true},
+        {"not protected", 0, 0, true, false, false, much, GivenUp, false},
+        {"merge", 0, merge, true, true, false, much, Merged, true},
+        {"merge at the limit", 0, merge, true, true, false, kMergeLimit, Kept, true},
+        {"merge, switched off", 0, merge, false, true, false, much, GivenUp, true},
+        {"merge, not protected", 0, merge, true, false, false, much, GivenUp, false},
+        {"files not held", held, 0, true, true, false, much, Left, true},
+        {"files not held, discard", held, discard, true, true, false, much, Left, true},
+        {"files not held, merge", held, merge, true, true, false, much, Left, true},
+        {"bad before", bad, merge, true, true, false, much, Left, false},
+        {"another state", kSwapNoLocation, 0, true, true, false, much, Left, false},
+        {"files not held, listed", held, 0, true, false, true, much, Left, false},
+        {"listed", 0, 0, true, false, true, much, Kept, true},  // last: the list stays
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        gTesselEnabled = TRUE;
+        SaveMap(c.free);
+        gTesselEnabled = c.enabled;
+        volume->SwapState = c.state;
+        volume->BootAction = c.action;
+        volume->IsProtected = c.isProtected;
+        if (c.listed) {
+            UNICODE_STRING name = Counted(kName);
+            EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED));
+        }
+        EnsureSwapMapLoaded(volume);
+        const bool stays = c.fate == Kept || c.fate == Left;
+        EXPECT_EQ(c.state, volume->SwapState);
+        EXPECT_EQ(c.endsProtected, volume->IsProtected != FALSE);
+        EXPECT_EQ(stays ? kUsed : 0, Used());
+        EXPECT_EQ(c.free + (stays ? 0 : kUsed), Free());
+        EXPECT_EQ(stays, MapHoldsRedirection());
+        EXPECT_EQ(c.fate == Merged ? m_data : m_before, OnDisk(100 * S, kUsed));
+        EXPECT_TRUE(registry.values.contains(kName));
+        if (c.fate == GivenUp) {
+            EXPECT_EQ(kUsed + 24 * S, FreeSpace().front().second) << "in one piece again";
+        }
+        EXPECT_EQ("", support::CheckMaps(volume));
     }
+    volume->IsProtected = FALSE;
 }
 
-TEST_F(MapBoot, MergeWritesTheDataIntoTheVolumeOnceThereIsSpace) {
-    for (const ULONG megabytes : {50, 60}) {
-        SaveMap(megabytes);
-        v->BootAction = PV_ACTION_MERGE;
-        v->SwapMapLoaded = FALSE;
-        EnsureSwapMapLoaded(v);
-        const bool merged = megabytes == 60;
-        EXPECT_EQ(Used(), merged ? 0 : 8 * S);
-        EXPECT_EQ(OnDisk(100 * S, 8 * S), merged ? data_ : before_);
-        EXPECT_EQ(MapHoldsRedirection(), !merged);
-        ForgetMapLocation(v);
-        ResetSwapMaps(filter_);
+TEST_F(MapBoot, LoadedOnceByTheFirstWhoNeedsIt) {
+    const std::function<void(bool)> obstacles[] = {
+        [](bool on) { gConfigLoaded = !on; },
+        [&](bool on) { volume->SwapAllocating = on; },
+        [&](bool on) { volume->SwapMapLoaded = on; },
+        [&](bool on) { volume->MediaType = on ? RemovableMedia : FixedMedia; },
+        [&](bool on) KVR_NO_ANALYSIS { volume->MapLoading = on; },
+    };
+    SaveMap();
+    for (const auto& obstacle : obstacles) {
+        obstacle(true);
+        EnsureSwapMapLoaded(volume);
+        EXPECT_EQ(0u, Loads()) << &obstacle - obstacles;
+        obstacle(false);
     }
+    std::thread other;
+    device->verdict = [&](const auto&) {
+        EnsureSwapMapLoaded(volume);  // a read that the load itself makes
+        if (other.joinable()) return STATUS_SUCCESS;
+        other = std::thread([&] { EnsureSwapMapLoaded(volume); });  // waits for the end of the load
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        return STATUS_SUCCESS;
+    };
+    for (int i = 0; i < 2; ++i) EnsureSwapMapLoaded(volume);
+    other.join();
+    device->verdict = nullptr;
+    EXPECT_EQ(1u, Loads());
+    EXPECT_TRUE(Said("PreloadSwapMap: storage s1 + f61"));
+    volume->SwapMapLoaded = FALSE;
+    ForgetMaps();
+    EnsureSwapMapLoaded(volume);
+    EXPECT_EQ(2u, Loads()) << "the first load has ended";
 }
 
 TEST_F(MapBoot, WithoutALocationAProtectedVolumeIsLetGo) {
-    EnsureSwapMapLoaded(v);
-    EXPECT_FALSE(v->IsProtected);
-    EXPECT_EQ(v->SwapState, kSwapNoLocation);
-    for (ULONG bytes : {1, 7}) {
-        v->SwapMapLoaded = FALSE;
-        v->SwapState = kSwapUsable;
-        v->IsProtected = TRUE;
-        registry_.values[kName] = {REG_BINARY, std::vector<UCHAR>(bytes, 0xFF)};
-        EnsureSwapMapLoaded(v);
-        EXPECT_EQ(v->SwapState, kSwapNoLocation);
-        EXPECT_EQ(v->MapLocation, nullptr);
+    for (const bool isProtected : {true, false}) {
+        for (const ULONG bytes : {0, 1, 7}) {
+            volume->SwapMapLoaded = FALSE;
+            volume->SwapState = kSwapUsable;
+            volume->IsProtected = isProtected;
+            if (bytes != 0) registry.values[kName] = {REG_BINARY, Bytes(bytes, 0xFF)};
+            EnsureSwapMapLoaded(volume);
+            EXPECT_EQ(isProtected ? kSwapNoLocation : kSwapUsable, volume->SwapState);
+            EXPECT_FALSE(volume->IsProtected);
+            EXPECT_EQ(nullptr, volume->MapLocation);
+        }
+        registry.values.clear();
     }
 }
 
 TEST_F(MapBoot, AMapWithAnyErrorIsDroppedWholeAndNeverSaved) {
     SaveMap();
-    const auto good = OnDisk(kMap, 8192);
-    const auto reload = [&] {
-        v->SwapMapLoaded = FALSE;
-        v->SwapState = kSwapUsable;
-        v->IsProtected = TRUE;
-        EnsureSwapMapLoaded(v);
-        const auto map = OnDisk(kMap, 8192);
-        EXPECT_EQ(v->SwapState, kSwapMapBad);
-        EXPECT_FALSE(v->IsProtected);
-        EXPECT_EQ(Used() + Free(), 0u);
-        WriteSwapMap(filter_, TRUE);
-        EXPECT_EQ(OnDisk(kMap, 8192), map);
+    const Bytes good = OnDisk(kMap, kMapBytes);
+    auto* entries = reinterpret_cast<SWAP_MAP_ENTRY*>(At(kMap));
+    const std::function<void()> damages[] = {
+        [&] { *At(kMap + 12) ^= 1; },
+        // Two free ranges that overlap, and a free range over a redirected one, each entry sound in itself.
+        [&] { ++entries[2].ulSectors; },
+        [&] { entries[1].ulSwapSector = entries[0].ulSwapSector + 1; },
+        [&] {
+            SetLocation({{kMap / S, 4096}, {0, 4096}});
+        },
+        [&] {
+            SetLocation({{0, 4096}});
+        },
     };
-    *disk_->At(kMap + 12) ^= 1;
-    reload();
-    // Two free ranges that overlap, and a free range over a redirected one, each entry sound in itself.
-    std::ranges::copy(good, disk_->At(kMap));
-    auto* entries = reinterpret_cast<SWAP_MAP_ENTRY*>(disk_->At(kMap));
-    ++entries[2].ulSectors;
-    entries[2].ulSwapSector -= 1;
-    SealMapEntry(&entries[2]);
-    reload();
-    std::ranges::copy(good, disk_->At(kMap));
-    entries[1].ulSwapSector = entries[0].ulSwapSector + 1;
-    SealMapEntry(&entries[1]);
-    reload();
-    EXPECT_TRUE(Said("Kvr!PreloadSwapMap: storage contains errors!"));
+    for (const auto& damage : damages) {
+        SCOPED_TRACE(&damage - damages);
+        std::ranges::copy(good, At(kMap));
+        ForgetMaps();
+        ForgetMapLocation(volume);
+        damage();
+        for (int i = 1; i <= 2 && &damage != damages; ++i) SealMapEntry(&entries[i]);
+        const Bytes map = OnDisk(kMap, kMapBytes);
+        volume->SwapMapLoaded = FALSE;
+        volume->SwapState = kSwapUsable;
+        volume->IsProtected = TRUE;
+        EnsureSwapMapLoaded(volume);
+        EXPECT_EQ(kSwapMapBad, volume->SwapState);
+        EXPECT_FALSE(volume->IsProtected);
+        EXPECT_EQ(0u, Used() + Free());
+        volume->MapDirty = TRUE;
+        WriteSwapMap(volume->FilterDevice, TRUE);
+        EXPECT_EQ(map, OnDisk(kMap, kMapBytes));
+    }
+    EXPECT_EQ(5u, TimesSaid(mark, "Kvr!PreloadSwapMap: storage contains errors!"));
+    EXPECT_EQ(5u, TimesSaid(mark, "Kvr!PreloadSwapMap: storage s0 + f0"));
 }
 
-TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndOneAtTheBootSectorIsNoMap) {
+// Spaces all over the 32 bits of a sector number, many of them touching: sound until one is a sector too long.
+TEST_F(MapBoot, SpacesThatOverlapAreFoundWhateverTheirOrder) {
+    std::mt19937 random(3);
+    std::set<ULONG> starts;
+    for (int byte = 0; byte < 4; ++byte)
+        for (ULONG i = 0; i < 64; ++i) starts.insert(0x10203040 + (i << (8 * byte)) * 3);
+    std::vector<ULONG> order(starts.begin(), starts.end());
+    std::shuffle(order.begin(), order.end(), random);
+    SetLocation({{kMap / S, 4096}});
+    for (std::size_t longer = 0; longer < order.size(); longer += 5) {  // the first round is sound
+        std::fill(At(kMap), At(kMap + kMapBytes), 0);
+        auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(At(kMap));
+        bool sound = true;
+        for (std::size_t i = 0; i < order.size(); ++i, ++entry) {
+            const auto next = starts.upper_bound(order[i]);
+            const ULONG room = next == starts.end() ? 8 : *next - order[i];
+            const bool overlaps = longer != 0 && i == longer && room < 0x10000 && next != starts.end();
+            entry->ulVolumeSector = i % 3 == 0 ? kFreeSpaceMark : static_cast<ULONG>(i) << 24;
+            entry->ulSwapSector = order[i];
+            entry->ulSectors = overlaps ? room + 1 : std::min<ULONG>(room, 8);
+            SealMapEntry(entry);
+            if (overlaps) sound = false;
+        }
+        ForgetMaps();
+        volume->SwapMapLoaded = FALSE;
+        volume->SwapState = kSwapUsable;
+        volume->IsProtected = TRUE;
+        volume->BootAction = 0;
+        EnsureSwapMapLoaded(volume);
+        ASSERT_EQ(sound ? kSwapUsable : kSwapMapBad, volume->SwapState) << longer;
+    }
+}
+
+TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndAnEmptyOneEndsTheMap) {
     SaveMap();
-    SetLocation({{kMap / S + 1000, 4096}, {kMap / S, 0xFFFFFFF0}, {kMap / S, 4096}, {kMap / S + 8, 4096}});
-    disk_->FailRange(IRP_MJ_READ, kMap + 1000 * S, kMap + 1001 * S, STATUS_IO_DEVICE_ERROR);
-    host::SetPoolLimit(64 << 20);
-    EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    host::SetPoolLimit(host::kNoPoolLimit);
-    EXPECT_EQ(Used(), 8 * S);
-    ResetSwapMaps(filter_);
-    SetLocation({{0, 4096}});
-    EXPECT_EQ(PreloadSwapMap(filter_), STATUS_SUCCESS);
-    EXPECT_EQ(v->SwapState, kSwapMapBad);
+    const MAP_LOCATION_ENTRY unreadable = {kMap / S + 1000, 4096}, first = {kMap / S, 4096};
+    device->verdict = [](const StackMemory::Transfer& transfer) {
+        return !transfer.isWrite && transfer.offset == kMap + 1000 * S ? STATUS_IO_DEVICE_ERROR
+                                                                       : STATUS_SUCCESS;
+    };
+    const struct {
+        std::vector<MAP_LOCATION_ENTRY> runs;
+        bool loaded;
+        NTSTATUS status;
+    } cases[] = {{{unreadable, {kMap / S, 0xFFFFFFF0}, first}, true, STATUS_SUCCESS},
+                 {{first, unreadable}, true, STATUS_IO_DEVICE_ERROR},
+                 {{first, {kMap / S + 8, 11}, {0, 4096}}, true, STATUS_SUCCESS},
+                 {{{kMap / S, 12}}, true, STATUS_SUCCESS},
+                 {{{kMap / S, 11}, first}, false, STATUS_SUCCESS}};
+    for (const auto& c : cases) {
+        ForgetMaps();
+        SetLocation(c.runs);
+        volume->SwapState = kSwapUsable;
+        volume->IsProtected = TRUE;
+        host::SetPoolLimit(64 << 20);
+        EXPECT_EQ(c.status, PreloadSwapMap(volume->FilterDevice));
+        host::SetPoolLimit(host::kNoPoolLimit);
+        EXPECT_EQ(c.loaded ? kUsed : 0, Used());
+        EXPECT_EQ(kSwapUsable, volume->SwapState);
+    }
+}
+
+// What memory is short for is missing, and said; the rest is sound, and nothing is merged in half.
+TEST_F(MapBoot, ShortMemoryLeavesASoundVolume) {
+    ULONG whole = 0, bad = 0;
+    for (ULONGLONG n = 1; n < 400 && whole == 0; ++n) {
+        SCOPED_TRACE(n);
+        SaveMap(kMergeLimit + (2 << 20));
+        volume->BootAction = PV_ACTION_MERGE;
+        const Bytes map = OnDisk(kMap, kMapBytes);
+        host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+        EnsureSwapMapLoaded(volume);
+        host::DisarmFaults();
+        EXPECT_EQ("", support::CheckMaps(volume));
+        EXPECT_TRUE(OnDisk(100 * S, kUsed) == m_data || OnDisk(100 * S, kUsed) == m_before);
+        if (host::FaultsInjected() == 0) ++whole;
+        if (volume->SwapState != kSwapMapBad) continue;
+        ++bad;
+        EXPECT_FALSE(volume->IsProtected);
+        EXPECT_EQ(map, OnDisk(kMap, kMapBytes)) << "the next boot may find it whole";
+    }
+    EXPECT_EQ(1u, whole);
+    EXPECT_GE(bad, 5u);
+    EXPECT_TRUE(Said("Kvr!DeserializeSwapMap [") && Said("STATUS_UNSUCCESSFUL"));
+}
+
+// A range that cannot be copied is given up like the others.
+TEST_F(MapBoot, MergeThatFailsKeepsTheVolumesOwnSectors) {
+    for (const bool isWrite : {false, true}) {
+        SaveMap();
+        volume->BootAction = PV_ACTION_MERGE;
+        device->verdict = [=](const StackMemory::Transfer& t) {
+            return t.isWrite == isWrite && t.offset == (isWrite ? LONGLONG{100 * S} : kSwap)
+                       ? STATUS_IO_DEVICE_ERROR
+                       : STATUS_SUCCESS;
+        };
+        EnsureSwapMapLoaded(volume);
+        EXPECT_EQ(0u, Used());
+        EXPECT_EQ(m_before, OnDisk(100 * S, kUsed));
+    }
 }
 
 }  // namespace
-}  // namespace support

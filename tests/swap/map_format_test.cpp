@@ -1,32 +1,40 @@
+#include "swap/map_format.h"
 #include <random>
 #include "swap/map_boot.h"
-#include "swap/map_format.h"
-#include "tests/swap/swap_volume.h"
+#include "redirect/segments.h"
+#include "tests/support/memory_stack.h"
 
-namespace support {
 namespace {
 
 constexpr LONGLONG kMap = 2 << 20;
 
-class MapFormat : public SwapVolumeTest {
+class MapFormat : public MemoryStackTest {
 protected:
+    void SetUp() override {
+        MemoryStackTest::SetUp();
+        Attach();
+    }
     void Locate(const std::vector<MAP_LOCATION_ENTRY>& runs) {
         const SIZE_T bytes = runs.size() * sizeof(MAP_LOCATION_ENTRY);
         auto* location = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(bytes));
         std::memcpy(location, runs.data(), bytes);
-        PublishMapLocation(v, location, static_cast<ULONG>(bytes));
+        PublishMapLocation(volume, location, static_cast<ULONG>(bytes));
+    }
+    void Save() {
+        volume->MapDirty = TRUE;
+        EXPECT_EQ(STATUS_SUCCESS, WriteSwapMap(volume->FilterDevice, FALSE));
     }
     NTSTATUS Load(const void* run, ULONG length) KVR_NO_ANALYSIS {
         auto buffer =
             NewBuffer(length ? length : 1);  // exactly as long, so that a sanitizer sees a step past it
         std::memcpy(buffer.Get(), run, length);
-        v->MapBuffer = buffer.Get();
-        v->MapBufferSize = length;
-        const NTSTATUS status = DeserializeSwapMap(filter_);
-        v->MapBuffer = nullptr;
+        volume->MapBuffer = buffer.Get();
+        volume->MapBufferSize = length;
+        const NTSTATUS status = DeserializeSwapMap(volume->FilterDevice);
+        volume->MapBuffer = nullptr;
         return status;
     }
-    NTSTATUS LoadFromDisk(LONGLONG offset, ULONG length) { return Load(disk_->At(offset), length); }
+    NTSTATUS LoadFromDisk(LONGLONG offset, ULONG length) { return Load(At(offset), length); }
     static SWAP_MAP_ENTRY Entry(ULONG volumeSector, ULONG swapSector, ULONG sectors) {
         SWAP_MAP_ENTRY entry{};
         entry.ulVolumeSector = volumeSector;
@@ -38,28 +46,37 @@ protected:
     NTSTATUS LoadEntries(const std::vector<SWAP_MAP_ENTRY>& entries) {
         return Load(entries.data(), entries.size() * sizeof(SWAP_MAP_ENTRY));
     }
-    bool IsZero(LONGLONG offset, ULONG length) {
-        const auto bytes = OnDisk(offset, length);
-        return std::count(bytes.begin(), bytes.end(), 0) == static_cast<long>(length);
+    bool IsZero(LONGLONG offset, ULONG length) { return OnDisk(offset, length) == Bytes(length); }
+    // So many entries of one sector each.
+    void RedirectMany(int count) {
+        for (int i = 0; i < count; ++i) Redirect(i * 4 * S, kSwap + i * S, S);
     }
 };
 
 TEST_F(MapFormat, AnEntryByteByByte) {
     Locate({{kMap / S, 4096}, {kMap / S + 100, 4096}});
+    std::fill(At(kMap), At(kMap + 200 * S), 0xEE);
     Redirect(0x10000, 0x200000, 4096);
-    EXPECT_EQ(WriteSwapMap(filter_, FALSE), STATUS_SUCCESS);
-    const std::vector<std::uint8_t> entry = {0x80, 0, 0, 0, 0, 0x10, 0, 0, 8, 0, 0, 0x32};
-    EXPECT_EQ(OnDisk(kMap, 12), entry);
-    EXPECT_TRUE(IsZero(kMap + 12, 4096 - 12));
+    AddFree(0x30000000, 512);
+    Redirect(0x20000, 0x201000, 512, 1);
+    EXPECT_EQ(STATUS_SUCCESS, WriteSwapMap(volume->FilterDevice, FALSE));
+    EXPECT_FALSE(volume->MapDirty);
+    const Bytes entry = {0x80, 0, 0, 0, 0, 0x10, 0, 0, 8, 0, 0, 0x32};
+    EXPECT_EQ(entry, OnDisk(kMap, 12));
+    const auto* others = reinterpret_cast<SWAP_MAP_ENTRY*>(At(kMap + 12));
+    EXPECT_EQ(0x1008u, others[0].ulSwapSector) << "what lasts until the next boot is free then";
+    EXPECT_EQ(0x180000u, others[1].ulSwapSector);
+    EXPECT_EQ(kFreeSpaceMark, others[0].ulVolumeSector & others[1].ulVolumeSector);
+    EXPECT_TRUE(IsZero(kMap + 36, 4096 - 36));
     EXPECT_TRUE(IsZero(kMap + 100 * S, 4096)) << "an all-zero run ends the map";
-    EXPECT_TRUE(Said("map sectors written: 2") && Said("storage s1 + f0"));
+    EXPECT_TRUE(Said("map sectors written: 2") && Said("storage s2 + f1"));
     SWAP_MAP_ENTRY read;
     for (int byte = 0; byte < 12; ++byte) {  // no single changed byte passes
         std::memcpy(&read, entry.data(), 12);
         EXPECT_TRUE(VerifyMapEntry(&read));
-        reinterpret_cast<std::uint8_t*>(&read)[byte] ^= 1;
+        reinterpret_cast<UCHAR*>(&read)[byte] ^= 1;
         EXPECT_FALSE(VerifyMapEntry(&read));
-        EXPECT_EQ(Load(&read, 12), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(STATUS_INVALID_PARAMETER, Load(&read, 12));
     }
 }
 
@@ -72,64 +89,231 @@ TEST_F(MapFormat, WhatIsSavedIsLoadedAcrossRuns) {
     const ULONG64 used = Used();
     const ULONG64 free = Free();
     Locate({{kMap / S, 512}, {kMap / S + 1, 1024}, {kMap / S + 9, 512}, {kMap / S + 20, 512}});
-    WriteSwapMap(filter_, FALSE);
+    Save();
     EXPECT_TRUE(Said("map sectors written: 3")) << "42 entries, then 78; the third run ends the map";
-    ResetSwapMaps(filter_);
-    EXPECT_EQ(LoadFromDisk(kMap, 512), STATUS_SUCCESS);
-    EXPECT_EQ(LoadFromDisk(kMap + S, 1024), STATUS_SUCCESS);
-    EXPECT_EQ(LoadFromDisk(kMap + 9 * S, 512), STATUS_END_OF_FILE);
-    EXPECT_EQ(CheckMaps(v), "");
-    EXPECT_EQ(Used() + Free(), used + free);
+    ForgetMaps();
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap + S, 1024));
+    EXPECT_EQ(STATUS_END_OF_FILE, LoadFromDisk(kMap + 9 * S, 512));
+    EXPECT_EQ(used + free, Used() + Free());
     EXPECT_LT(Used(), used);  // the redirections until the next boot have become free space
-    EXPECT_EQ(GetSwapRunLength(v, 0), 0u);
-    EXPECT_NE(GetSwapRunLength(v, 40 * S), 0u);
+    EXPECT_EQ(0u, GetSwapRunLength(volume, 0));
+    EXPECT_NE(0u, GetSwapRunLength(volume, 40 * S));
+}
+
+// Whatever an older map left in the runs behind, the new one ends where it ends.
+TEST_F(MapFormat, AnOlderMapBehindTheNewOneIsNotReadAgain) {
+    const MAP_LOCATION_ENTRY runs[] = {{kMap / S, 512}, {kMap / S + 1, 2048}, {kMap / S + 5, 512}};
+    for (const int count : {0, 1, 41, 42, 43}) {
+        for (const ULONGLONG fault : {0, 2}) {  // none, or no memory for the second run
+            SCOPED_TRACE(count * 10 + fault);
+            for (int i = 0; i < 8 * 42; ++i) {
+                const SWAP_MAP_ENTRY stale = Entry(9000 + i, 20000 + i, 1);
+                std::memcpy(At(kMap + i / 42 * S + i % 42 * 12), &stale, 12);
+            }
+            ForgetMaps();
+            RedirectMany(count);
+            Locate({runs[0], runs[1], runs[2]});
+            if (fault) host::FailCall(host::FaultBit(host::Fault::Allocate), fault);
+            Save();
+            host::DisarmFaults();
+            ForgetMaps();
+            const NTSTATUS first = LoadFromDisk(kMap, 512);
+            EXPECT_EQ(count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS, first);
+            if (first == STATUS_SUCCESS && LoadFromDisk(kMap + S, 2048) == STATUS_SUCCESS) {
+                EXPECT_EQ(STATUS_END_OF_FILE, LoadFromDisk(kMap + 5 * S, 512));
+            }
+            EXPECT_EQ((fault ? std::min(count, 42) : count) * S, Used());
+            EXPECT_EQ(0u, GetSwapRunLength(volume, 9000 * S));
+        }
+    }
+}
+
+TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
+    RedirectMany(50);
+    const MAP_LOCATION_ENTRY first = {kMap / S, 512}, second = {kMap / S + 1, 1280};
+    for (const ULONGLONG n : {1, 2, 3}) {
+        std::fill(At(kMap), At(kMap + 4 * S), 0xEE);
+        Locate({first, second});
+        device->TakeTransfers();
+        host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+        Save();
+        host::DisarmFaults();
+        // Without a buffer nothing is written; without the second one the second run is zeroed, in pieces.
+        EXPECT_EQ(n == 1 ? 0 : n == 2 ? 4 : 2, static_cast<int>(device->TakeTransfers().size()));
+        EXPECT_EQ(n == 2, IsZero(kMap + S, 1280));
+        EXPECT_EQ(n == 2, volume->MapDirty != FALSE);
+    }
+    device->verdict = [](const StackMemory::Transfer& t) {
+        return t.offset == kMap + S ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
+    };
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 2);
+    Save();  // ends, though the zeroing fails
+    host::DisarmFaults();
+    Locate({first, {0, 512}});
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 2);
+    Save();
+    host::DisarmFaults();
+    EXPECT_FALSE(IsZero(0, 0) && volume->MapDirty) << "a run that no map may lie in is not touched";
 }
 
 TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
-    for (int i = 0; i < 50; ++i) Redirect(i * 4 * S, kSwap + i * S, S);
-    const auto before = disk_->Copy();
+    RedirectMany(50);
+    const Bytes before = device->data;
     for (const auto& runs : std::vector<std::vector<MAP_LOCATION_ENTRY>>{
              {{0, 4096}}, {{kMap / S, 0}}, {{kMap / S, 11}}, {{kMap / S, 0xFFFFFE00}}}) {
         Locate(runs);
-        v->MapDirty = TRUE;
         host::SetPoolLimit(64 << 20);
-        WriteSwapMap(filter_, FALSE);
+        Save();
         host::SetPoolLimit(host::kNoPoolLimit);
-        EXPECT_TRUE(disk_->Copy() == before);
+        EXPECT_TRUE(device->data == before);
     }
     // More entries than slots: the map is cut, and a sector-0 run behind it is left alone.
     Locate({{kMap / S, 512}, {0, 512}});
-    v->MapDirty = TRUE;
-    WriteSwapMap(filter_, FALSE);
-    EXPECT_EQ(OnDisk(0, S), std::vector<std::uint8_t>(before.begin(), before.begin() + S));
+    Save();
+    EXPECT_EQ(Bytes(before.begin(), before.begin() + S), OnDisk(0, S));
+    Locate({{kMap / S, 512}, {kMap / S + 1, 512}});
+    {
+        FastMutexLock lock(volume->SwapLock);
+        volume->ulMapLocationLength = 15;  // the second run is none
+    }
+    Save();
+    EXPECT_EQ(Bytes(before.begin() + kMap + S, before.begin() + kMap + 2 * S), OnDisk(kMap + S, S));
+    ForgetMaps();
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ(42 * S, Used());
+    Locate({{kMap / S, 12}});  // room for exactly one
+    Save();
+    ForgetMaps();
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 12));
+    EXPECT_EQ(S, Used());
+}
+
+TEST_F(MapFormat, SavedWhenThereIsSomethingToSaveAndSomewhere) {
+    RedirectMany(1);
+    const MAP_LOCATION_ENTRY run = {kMap / S, 512};
+    SWAP_FILE* swapFile = volume->SwapFile;
+    const struct {
+        bool dirty, located, attached, allocating, force;
+        ULONG state, unit;
+        bool tried, saved;
+    } cases[] = {
+        {true, true, true, false, false, 0, S, true, true},
+        {true, true, false, true, false, 0, S, true, true},
+        {true, true, false, false, true, 0, S, true, true},
+        {true, true, false, false, false, 0, S, false, false},
+        {true, false, false, false, true, 0, S, false, false},
+        {true, false, true, false, false, 0, S, true, false},
+        {false, true, true, false, true, 0, S, true, false},
+        {true, true, true, true, true, 3, S, false, false},
+        {true, true, true, true, true, 5, S, false, false},
+        {true, true, true, false, false, 0, 0, true, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        ForgetMapLocation(volume);
+        if (c.located) Locate({run});
+        volume->SwapFile = c.attached ? swapFile : nullptr;
+        volume->SwapAllocating = c.allocating;
+        volume->SwapState = c.state;
+        volume->BytesPerSector = c.unit;
+        volume->MapDirty = c.dirty;
+        device->TakeTransfers();
+        const SIZE_T tried = TimesSaid(mark, "Kvr!WriteSwapMap: Saved");
+        WriteSwapMap(volume->FilterDevice, c.force);
+        EXPECT_EQ(c.tried, TimesSaid(mark, "Kvr!WriteSwapMap: Saved") - tried);
+        EXPECT_EQ(c.saved, device->TakeTransfers().size());
+        EXPECT_EQ(c.dirty && !c.saved, volume->MapDirty != FALSE);
+        volume->BytesPerSector = S;
+    }
+    volume->SwapFile = swapFile;
+    FastMutexLock lock(volume->SwapLock);
+    volume->ulMapLocationLength = 7;  // no whole run
+    volume->MapDirty = TRUE;
+    volume->SwapState = kSwapUsable;
+    ExReleaseFastMutex(&volume->SwapLock);
+    WriteSwapMap(volume->FilterDevice, TRUE);
+    ExAcquireFastMutex(&volume->SwapLock);
+    EXPECT_TRUE(volume->MapDirty);
+}
+
+// Places that an entry cannot name are left out: cut, they would be other places.
+TEST_F(MapFormat, PlacesBeyondAnEntryAreLeftOut) {
+    const LONGLONG last = 0xFFFFFFFFll * S;
     Locate({{kMap / S, 512}});
-    v->MapDirty = TRUE;
-    WriteSwapMap(filter_, FALSE);
-    ResetSwapMaps(filter_);
-    EXPECT_EQ(LoadFromDisk(kMap, 512), STATUS_SUCCESS);
-    EXPECT_EQ(Used(), 42 * S);
+    Redirect(last - S, 100 * S, S);
+    Redirect(last, 110 * S, S);
+    Redirect(last + S, 120 * S, S);
+    Redirect(0, last, S);
+    Redirect(S, last + S, S);
+    Redirect(2 * S, last + 3 * S, S, 1);
+    AddFree(last + 2 * S, S);
+    AddFree(130 * S, S);
+    Save();
+    ForgetMaps();
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ((std::vector<Piece>{{0, last, S}, {last - S, 100 * S, S}}), Swapped());
+    EXPECT_EQ((FreeList{{130 * S, S}}), FreeSpace());
 }
 
 TEST_F(MapFormat, TheReaderTrustsNothing) {
-    const ULONG sector = kSwap / S;
-    for (const SWAP_MAP_ENTRY& bad :
-         {Entry(100, sector + 50, 0), Entry(kFreeSpaceMark, sector + 50, 0), Entry(100, sector + 50, 0x800000),
-          Entry(8, sector + 50, 1), Entry(3, sector + 50, 3), Entry(kFreeSpaceMark, sector + 20, 4)}) {
-        ResetSwapMaps(filter_);
-        EXPECT_EQ(LoadEntries({Entry(5, sector, 4), Entry(kFreeSpaceMark, sector + 20, 2), bad}),
-                  STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(CheckMaps(v), "");
+    const ULONG at = kSwap / S;
+    constexpr ULONG most = 0x7FFFFF;  // sectors below 4 GiB
+    const struct {
+        SWAP_MAP_ENTRY entry;
+        bool good;
+    } cases[] = {
+        {Entry(100, at + 50, 1), true},
+        {Entry(100, at + 50, 0), false},
+        {Entry(100, at + 50, most), true},
+        {Entry(100, at + 50, most + 1), false},
+        {Entry(8, at + 50, 1), false},
+        {Entry(9, at + 50, 1), true},
+        {Entry(3, at + 50, 3), false},
+        {Entry(3, at + 50, 2), true},
+        {Entry(kFreeSpaceMark, at + 50, 1), true},
+        {Entry(kFreeSpaceMark, at + 50, 0), false},
+        {Entry(kFreeSpaceMark, at + 20, 4), false},
+        {Entry(kFreeSpaceMark - 1, at + 50, 1), true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        ForgetMaps();
+        EXPECT_EQ(c.good ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER,
+                  LoadEntries({Entry(5, at, 4), Entry(kFreeSpaceMark, at + 20, 2), c.entry}));
+        EXPECT_EQ(
+            4 * S + (c.good && c.entry.ulVolumeSector != kFreeSpaceMark ? c.entry.ulSectors * ULONG64{S} : 0),
+            Used());
     }
-    ResetSwapMaps(filter_);
-    v->BytesPerSector = 0;
-    EXPECT_EQ(LoadEntries({Entry(5, sector, 4)}), STATUS_INVALID_PARAMETER);
-    v->BytesPerSector = 0xFFFFFE00;  // 2^63 bytes and more
-    EXPECT_EQ(LoadEntries({Entry(0xFFFFFFF0, 1, 1)}), STATUS_INVALID_PARAMETER);
-    v->BytesPerSector = S;
-    const std::vector<std::uint8_t> bytes(11, 0xFF);
-    for (ULONG length = 0; length < 12; ++length) EXPECT_EQ(Load(bytes.data(), length), STATUS_END_OF_FILE);
-    EXPECT_EQ(LoadEntries({Entry(7, 7, 1), Entry(9, 0, 1)}), STATUS_END_OF_FILE);  // empty slots
+    ForgetMaps();
+    volume->BytesPerSector = 0;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadEntries({Entry(5, at, 4)}));
+    volume->BytesPerSector = 0xFFFFFE00;  // 2^63 bytes and more
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadEntries({Entry(0xFFFFFFF0, 1, 1)}));
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadEntries({Entry(1, 0xFFFFFFF0, 1)}));
+    volume->BytesPerSector = S;
+    const Bytes bytes(11, 0xFF);
+    for (ULONG length = 0; length < 12; ++length) EXPECT_EQ(STATUS_END_OF_FILE, Load(bytes.data(), length));
+    EXPECT_EQ(STATUS_END_OF_FILE, LoadEntries({Entry(7, 7, 1), Entry(9, 0, 1)}));  // empty slots
+}
+
+TEST_F(MapFormat, ShortMemoryEndsTheLoad) {
+    for (const bool free : {false, true}) {
+        for (const ULONGLONG n : {1, 2}) {
+            const Bytes run = [&] {
+                const SWAP_MAP_ENTRY entries[] = {Entry(free ? kFreeSpaceMark : 5, 100, 4), Entry(50, 200, 4)};
+                const auto* bytes = reinterpret_cast<const UCHAR*>(entries);
+                return Bytes(bytes, bytes + sizeof(entries));
+            }();
+            host::FailCall(host::FaultBit(host::Fault::Allocate), n + 1);  // the first is the test's buffer
+            EXPECT_EQ(n == 1 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_UNSUCCESSFUL,
+                      Load(run.data(), run.size()));
+            host::DisarmFaults();
+            EXPECT_NE(std::string::npos,
+                      LastSaid().find(n == 1 ? "STATUS_INSUFFICIENT_RESOURCES" : "STATUS_UNSUCCESSFUL"));
+            EXPECT_EQ(0u, Used() + Free());
+        }
+    }
 }
 
 }  // namespace
-}  // namespace support

@@ -1,46 +1,170 @@
-#include "tests/swap/swap_volume.h"
+// The transfers of redirected requests: what reaches the devices, what the caller gets, whatever goes wrong.
+#include "driver/record/sector_io.h"
+#include "tests/support/memory_stack.h"
 
-namespace support {
 namespace {
 
-class SectorIo : public SwapVolumeTest {
+class SectorIo : public MemoryStackTest {
 protected:
-    SectorIo() { AddFree(kSwap, 2 << 20); }
-
-    // Free space enough that only the tests of the gate meet the low-space limit: it is never touched.
-    void SetUp() override { AddFree(1ll << 40, 0x4000000); }
+    void SetUp() override {
+        MemoryStackTest::SetUp();
+        Protect(0);
+        AddFree(1ll << 40, 0x4000000);  // only the tests of the gate meet the low-space limit
+        AddFree(kSwap, 2 << 20);
+    }
+    NTSTATUS Put(LONGLONG offset, const Bytes& data) { return Write(volume, offset, data).status; }
+    host::Outcome Get(LONGLONG offset, Bytes& data) { return Send(volume, IRP_MJ_READ, offset, data); }
+    static NTSTATUS Refuse(bool refused) { return refused ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS; }
 };
 
 TEST_F(SectorIo, NothingUndefinedIsRead) {
-    ASSERT_EQ(Write(100 * S, Data(2 * S, 1)), STATUS_SUCCESS);
+    ASSERT_EQ(STATUS_SUCCESS, Put(100 * S, Data(2 * S, 1)));
     host::SetPoolOptions({.fill = true});
-    disk_->FailRange(IRP_MJ_READ, 102 * S, 103 * S, STATUS_IO_DEVICE_ERROR);
-    std::vector<std::uint8_t> data(4 * S + 10, 0xEE);
-    const host::Outcome read = Send(IRP_MJ_READ, 100 * S, data.data(), data.size());
-    host::SetPoolOptions({});
-    EXPECT_EQ(read.status, STATUS_IO_DEVICE_ERROR);
-    EXPECT_EQ(read.information, 0u);
-    auto expected = Data(2 * S, 1);
+    device->verdict = [](const auto& t) { return Refuse(!t.isWrite && t.offset == 102 * S); };
+    Bytes data(4 * S + 10, 0xEE);
+    const host::Outcome read = Get(100 * S, data);
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, read.status);
+    EXPECT_EQ(0u, read.information);
+    Bytes expected = Data(2 * S, 1);
     expected.resize(4 * S + 10);
-    EXPECT_EQ(data, expected);
+    EXPECT_EQ(expected, data);
+    // A device that delivers less than was asked for.
+    device->verdict = nullptr;
+    device->shortBy = 100;
+    std::ranges::fill(data, 0xEE);
+    EXPECT_EQ(4 * S - 200, Get(100 * S, data).information);
+    std::fill_n(expected.begin() + 2 * S - 100, 100, 0);
+    std::ranges::copy(OnDisk(102 * S, 2 * S - 100), expected.begin() + 2 * S);
+    EXPECT_EQ(expected, data);
+    device->shortBy = 0;
+    host::SetPoolOptions({});
 }
 
-TEST_F(SectorIo, SpaceThatRunsOutFailsTheWriteAndKeepsTheOldData) {
-    ResetSwapMaps(filter_);
+TEST_F(SectorIo, AFailedWriteKeepsTheOldDataAndTheSpace) {
+    ASSERT_EQ(STATUS_SUCCESS, Put(8 * S, Data(2 * S, 1)));
+    const Bytes before = Read(0, 64 * S);
+    const ULONG64 free = Free();
+    device->verdict = [&](const auto& t) { return Refuse(t.isWrite); };
+    const host::Outcome failed = Write(volume, 0, Data(64 * S, 2));
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, failed.status);
+    EXPECT_EQ(0u, failed.information);
+    device->verdict = nullptr;
+    EXPECT_EQ(before, Read(0, 64 * S));
+    EXPECT_EQ(free, Free());
+    ForgetMaps();
     AddFree(kSwap, 2 << 20);
-    const auto before = Read(0, 64 * S);
-    EXPECT_EQ(Write(0, Data(64 * S, 1)), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(Read(0, 64 * S), before);
-    EXPECT_EQ(Free(), 2u << 20);
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Put(0, Data(64 * S, 1)));
+    EXPECT_EQ(2u << 20, Free());
 }
 
-TEST_F(SectorIo, UnalignedAndUnstartedRequestsAreRefused) {
-    std::vector<std::uint8_t> data(4 * S, 1);
-    EXPECT_EQ(Send(IRP_MJ_WRITE, 100 * S + 8, data.data(), 2 * S).status, STATUS_INVALID_PARAMETER);
-    v->BytesPerSector = 0;
-    EXPECT_EQ(Send(IRP_MJ_WRITE, 100 * S, data.data(), 2 * S).status, STATUS_DEVICE_NOT_READY);
-    EXPECT_EQ(Send(IRP_MJ_READ, 100 * S, data.data(), 2 * S).status, STATUS_DEVICE_NOT_READY);
-    v->BytesPerSector = S;
+TEST_F(SectorIo, RequestsThatNoVolumeCanServeAreRefused) {
+    constexpr LONGLONG last = 0x7FFFFFFFFFFFFFFF;
+    const struct {
+        UCHAR major;
+        LONGLONG offset;
+        ULONG unit;
+        NTSTATUS status;
+    } cases[] = {
+        {IRP_MJ_WRITE, 100 * S + 8, S, STATUS_INVALID_PARAMETER},
+        {IRP_MJ_WRITE, -LONGLONG{S}, S, STATUS_INVALID_PARAMETER},
+        {IRP_MJ_READ, -LONGLONG{S}, S, STATUS_INVALID_PARAMETER},
+        {IRP_MJ_READ, last - 2 * S + 1, S, STATUS_INVALID_PARAMETER},
+        {IRP_MJ_WRITE, 100 * S, 0, STATUS_DEVICE_NOT_READY},
+        {IRP_MJ_READ, 100 * S, 0, STATUS_DEVICE_NOT_READY},
+    };
+    Redirect(last - 2 * S - (S - 1), kSwap + 0x100000, S);  // so that a read there is the driver's own
+    Attach();
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        Bytes data(2 * S, 1);
+        volume->BytesPerSector = c.unit;
+        EXPECT_EQ(c.status, Send(volume, c.major, c.offset, data).status);
+        volume->BytesPerSector = S;
+    }
+    device->TakeTransfers();
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        Bytes nothing;
+        const host::Outcome outcome = Send(volume, major, 100 * S, nothing);
+        EXPECT_EQ(STATUS_SUCCESS, outcome.status);
+        EXPECT_EQ(0u, outcome.information);
+    }
+    ForgetMaps();
+}
+
+// Buffers as requests may bring them: locked, to be locked, that cannot be locked or are not there.
+TEST_F(SectorIo, EveryKindOfBuffer) {
+    using host::Pages;
+    constexpr NTSTATUS raised = STATUS_ACCESS_VIOLATION, missing = STATUS_INVALID_PARAMETER;
+    ASSERT_EQ(STATUS_SUCCESS, Put(100 * S, Data(4 * S, 1)));
+    const struct {
+        bool associated;
+        Pages master, own;
+        NTSTATUS status;
+    } cases[] = {
+        {false, Pages::Locked, Pages::Locked, 0},    {false, Pages::Locked, Pages::Unlocked, 0},
+        {false, Pages::Locked, Pages::NonPaged, 0},  {false, Pages::Locked, Pages::Partial, 0},
+        {false, Pages::Locked, Pages::Bad, raised},  {false, Pages::Locked, Pages::None, missing},
+        {true, Pages::Locked, Pages::Partial, 0},    {true, Pages::Unlocked, Pages::Unlocked, 0},
+        {true, Pages::Unlocked, Pages::Bad, raised}, {true, Pages::Bad, Pages::Locked, raised},
+        {true, Pages::None, Pages::Unlocked, 0},
+    };
+    const PoolPtr<UCHAR> block = NewBuffer(4 * S);
+    for (const auto& c : cases) {
+        for (const UCHAR major : {IRP_MJ_WRITE, IRP_MJ_READ}) {
+            SCOPED_TRACE(std::to_string(&c - cases) + (major == IRP_MJ_READ ? " read" : " write"));
+            const Bytes seen = Read(98 * S, 8 * S), fresh = Data(4 * S, 10 + static_cast<int>(&c - cases));
+            std::ranges::copy(fresh, block.Get());
+            const host::Outcome outcome = host::Send(volume->FilterDevice, {.major = major,
+                                                                            .pages = c.own,
+                                                                            .associated = c.associated,
+                                                                            .masterPages = c.master,
+                                                                            .length = 4 * S,
+                                                                            .offset = 98 * S,
+                                                                            .buffer = block.Get()});
+            EXPECT_EQ(c.status, outcome.status);
+            EXPECT_EQ(c.status == 0 ? 4 * S : 0, outcome.information);
+            const bool written = major == IRP_MJ_WRITE && c.status == 0;
+            EXPECT_EQ(written ? fresh : Bytes(seen.begin(), seen.begin() + 4 * S), Read(98 * S, 4 * S));
+            if (major == IRP_MJ_READ && c.status == 0) {
+                EXPECT_EQ(0, std::memcmp(block.Get(), seen.data(), 4 * S));
+            }
+        }
+    }
+    EXPECT_EQ(2u, host::AssertionCount()) << "pages that are not there";
+    host::ResetAssertionCount();
+}
+
+// Another volume's storage: that device moves the data, and may leave again when it is done.
+TEST_F(SectorIo, StorageOnAnotherVolume) {
+    StackMemory& other = AddMemory({.name = u"\\Device\\Elsewhere"});
+    UNICODE_STRING name = Counted(u"\\Device\\Elsewhere");
+    ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
+    const Bytes before = device->data;
+    ASSERT_EQ(STATUS_SUCCESS, Put(100 * S, Data(2 * S, 1)));
+    EXPECT_EQ(Data(2 * S, 1), Read(100 * S, 2 * S));
+    EXPECT_EQ(before, device->data);
+    EXPECT_EQ(0, std::memcmp(&other.data[kSwap], Data(2 * S, 1).data(), 2 * S));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.stack.pdo.object, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
+    EXPECT_EQ(1u, volume->SwapFile.load()->ulRefCount.load());
+    Bytes data(2 * S);
+    EXPECT_EQ(STATUS_NO_SUCH_DEVICE, Send(volume, IRP_MJ_READ, 100 * S, data).status);
+}
+
+TEST_F(SectorIo, WithoutTheStoragesVolumeNothingIsMoved) {
+    ASSERT_EQ(STATUS_SUCCESS, Put(100 * S, Data(2 * S, 1)));
+    SWAP_FILE* swapFile = volume->SwapFile;
+    Bytes data(2 * S);
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        FilteredStack& other =
+            AddMemory({.name = major == IRP_MJ_READ ? u"\\Device\\A" : u"\\Device\\B"}).stack;
+        swapFile->SwapVolume = other.volume;  // another record of the storage's name
+        device->TakeTransfers();
+        EXPECT_EQ(STATUS_NO_SUCH_DEVICE, Send(volume, major, 100 * S, data).status);
+        EXPECT_TRUE(device->TakeTransfers().empty());
+        swapFile->SwapVolume = volume;
+        EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.pdo.object, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
+    }
+    EXPECT_EQ(Data(2 * S, 1), Read(100 * S, 2 * S));
 }
 
 TEST_F(SectorIo, AWriteWithoutAWholeSectorNeedsItsBufferAllTheSame) {
@@ -58,45 +182,44 @@ TEST_F(SectorIo, AWriteWithoutAWholeSectorNeedsItsBufferAllTheSame) {
 
 // Another write gets to the map between the cut of this one and its turn.
 TEST_F(SectorIo, AWriteThatIsOvertakenUsesTheOthersSpace) {
-    disk_->PendAlways(true);
-    // [100, 102) new, [102, 104) in place, [104, 120) found free by the cut.
-    ResetSwapMaps(filter_);
+    // [100, 102) new, [102, 104) in place, [104, 120) found free by the cut, [120, 122) in place, [122, 126)
+    // free.
+    ForgetMaps();
     AddFree(1ll << 40, 0x4000000);
     AddFree(kSwap, 64 * S);
     Redirect(102 * S, kSwap + 100 * S, 2 * S);
+    Redirect(120 * S, kSwap + 110 * S, 2 * S);
+    Bytes data = Data(26 * S, 5);
+    const Bytes written = data;
     int calls = 0;
-    disk_->Before([&](const Transfer&) {
-        if (++calls != 1) return;
-        Redirect(108 * S, kSwap + (1 << 20), 4 * S);          // inside this write's second run
-        Redirect(104 * S, kSwap + (1 << 20) + 8 * S, 2 * S);  // where it begins
-    });
-    const auto data = Data(20 * S, 5);
-    ASSERT_EQ(Write(100 * S, data), STATUS_SUCCESS);
-    EXPECT_EQ(CheckMaps(v), "");
-    auto seen = Read(100 * S, 20 * S);
+    device->verdict = [&](const auto&) {
+        if (++calls == 1) {
+            Redirect(108 * S, kSwap + (1 << 20), 4 * S);           // inside this write's second run
+            Redirect(104 * S, kSwap + (1 << 20) + 8 * S, 2 * S);   // where it begins
+            Redirect(122 * S, kSwap + (1 << 20) + 16 * S, 4 * S);  // all of the last one
+            std::ranges::fill(data, 0);  // the writer changes its buffer: the data is what it was at the start
+        }
+        return STATUS_SUCCESS;
+    };
+    ASSERT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_WRITE, 100 * S, data).status);
+    Bytes seen = Read(100 * S, 26 * S);
     // The stretch in the middle keeps the other write's space, which that write (only its commit was played)
     // has not filled; all else is this write's data.
-    std::copy(data.begin() + 8 * S, data.begin() + 12 * S, seen.begin() + 8 * S);
-    EXPECT_EQ(seen, data);
-    disk_->Before(nullptr);
+    std::copy(written.begin() + 8 * S, written.begin() + 12 * S, seen.begin() + 8 * S);
+    EXPECT_EQ(written, seen);
 }
 
 // The write's own space may take the rest below the limit: the gate is asked once, for the run, and not again
 // for each piece that the space came in.
 TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
-    ResetSwapMaps(filter_);
+    ForgetMaps();
     for (int i = 0; i < 3; ++i) AddFree(kSwap + i * 8 * S, 4 * S);
     AddFree(1ll << 40, 0x3000000 - 10 * S);  // two sectors above the limit in all
-    FILE_OBJECT file{};
-    RtlInitUnicodeString(&file.FileName, W("\\report.doc"));
-    auto data = Data(12 * S, 1);
-    host::Request request{.major = IRP_MJ_WRITE, .length = 12 * S, .offset = 100 * S, .buffer = data.data()};
-    request.originalFile = &file;
-    EXPECT_EQ(host::Send(filter_, request).status, STATUS_SUCCESS);
-    EXPECT_EQ(Read(100 * S, 12 * S), data);
-    request.offset = 200 * S;
-    EXPECT_EQ(host::Send(filter_, request).status, STATUS_MEDIA_WRITE_PROTECTED);
+    TestFile file(u"\\report.doc");
+    const Bytes data = Data(12 * S, 1);
+    EXPECT_EQ(STATUS_SUCCESS, Write(volume, 100 * S, data, &file.object).status);
+    EXPECT_EQ(data, Read(100 * S, 12 * S));
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(volume, 200 * S, data, &file.object).status);
 }
 
 }  // namespace
-}  // namespace support

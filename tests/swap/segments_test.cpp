@@ -1,7 +1,7 @@
+#include "redirect/segments.h"
 #include <random>
-#include "tests/swap/swap_volume.h"
+#include "tests/support/memory_stack.h"
 
-namespace support {
 namespace {
 
 // A segment as it should come out.
@@ -16,7 +16,7 @@ std::ostream& operator<<(std::ostream& out, const Cut& r) {
                << " @" << r.offset << " +" << r.length << "}";
 }
 
-class Segments : public SwapVolumeTest {
+class Segments : public MemoryStackTest {
 protected:
     struct Chunk {
         LONGLONG volumeOffset, swapOffset;
@@ -33,9 +33,9 @@ protected:
     std::vector<Cut> Build(LONGLONG offset, ULONG length) {
         SEGMENT* list = nullptr;
         const LARGE_INTEGER at = Large(offset);
-        EXPECT_EQ(BuildSegments(v, length, &at, &list), STATUS_SUCCESS);
+        EXPECT_EQ(BuildSegments(volume, length, &at, &list), STATUS_SUCCESS);
         std::vector<Cut> runs = Runs(list);
-        ReleaseSegmentChunks(v, list, FALSE, 0);
+        ReleaseSegmentChunks(volume, list, FALSE, 0);
         return runs;
     }
     const Chunk* ChunkAt(LONGLONG offset) const {
@@ -78,7 +78,7 @@ protected:
         return runs;
     }
     void RandomMap(std::mt19937& random) {
-        ResetSwapMaps(filter_);
+        ForgetMaps();
         chunks_.clear();
         LONGLONG at = 0;
         LONGLONG swap = 10000 * S;
@@ -111,27 +111,28 @@ TEST_F(Segments, AreThoseOfACutSectorBySector) {
 TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
     for (LONGLONG i = 0; i < 5; ++i) Redirect(i << 30, (i << 30) + (1ll << 40), 1 << 30);
     LONGLONG swap = 0;
-    EXPECT_EQ(GetSwapRunLength(v, 0), 0xFFFFFE00u);
-    EXPECT_EQ(GetSwapRunLength(v, 1ll << 30, &swap), 0xFFFFFE00u) << "exactly 4 GiB must not read as nothing";
+    EXPECT_EQ(GetSwapRunLength(volume, 0), 0xFFFFFE00u);
+    EXPECT_EQ(GetSwapRunLength(volume, 1ll << 30, &swap), 0xFFFFFE00u)
+        << "exactly 4 GiB must not read as nothing";
     EXPECT_EQ(swap, (1ll << 40) + (1ll << 30));
-    EXPECT_EQ(GetSwapRunLength(v, (1ll << 30) + S), 0xFFFFFE00u);
-    EXPECT_EQ(GetSwapRunLength(v, 4ll << 30), 1u << 30);
-    EXPECT_EQ(GetSwapRunLength(v, 5ll << 30), 0u);
+    EXPECT_EQ(GetSwapRunLength(volume, (1ll << 30) + S), 0xFFFFFE00u);
+    EXPECT_EQ(GetSwapRunLength(volume, 4ll << 30), 1u << 30);
+    EXPECT_EQ(GetSwapRunLength(volume, 5ll << 30), 0u);
     EXPECT_EQ(Build(0, 0xFFFFFFFF).size(), 1u);
 }
 
 TEST_F(Segments, SplitBySwapRunsCutsLikeABuild) {
     for (unsigned seed = 1; seed <= 20; ++seed) {
         std::mt19937 random(seed);
-        ResetSwapMaps(filter_);
+        ForgetMaps();
         chunks_.clear();
         SEGMENT* list = nullptr;
         const LARGE_INTEGER at = Large(4 * S);
-        ASSERT_EQ(BuildSegments(v, 60 * S, &at, &list), STATUS_SUCCESS);
+        ASSERT_EQ(BuildSegments(volume, 60 * S, &at, &list), STATUS_SUCCESS);
         list->pNext = NewRecord<SEGMENT>().Release();  // a successor that must stay behind what is inserted
         list->pNext->uLength = S;
         RandomMap(random);
-        ASSERT_EQ(SplitSegmentBySwapRuns(v, list), STATUS_SUCCESS);
+        ASSERT_EQ(SplitSegmentBySwapRuns(volume, list), STATUS_SUCCESS);
         std::vector<Cut> runs = Runs(list);
         runs.pop_back();
         ASSERT_EQ(runs.empty(), false);
@@ -140,7 +141,7 @@ TEST_F(Segments, SplitBySwapRunsCutsLikeABuild) {
         } else {
             EXPECT_EQ(runs.size(), 1u) << "only the first sector decides whether a segment is split";
         }
-        ReleaseSegmentChunks(v, list, FALSE, 0);
+        ReleaseSegmentChunks(volume, list, FALSE, 0);
     }
 }
 
@@ -150,9 +151,9 @@ TEST_F(Segments, SplitByChunksGivesEachPieceItsChunk) {
     AddFree(40000 * S, 60 << 20);
     SEGMENT* list = nullptr;
     const LARGE_INTEGER at = Large(100 * S);
-    ASSERT_EQ(BuildSegments(v, 32 * S, &at, &list), STATUS_SUCCESS);
-    ASSERT_EQ(LockFreeChunks(v, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(SplitSegmentByChunks(v, list), STATUS_SUCCESS);
+    ASSERT_EQ(BuildSegments(volume, 32 * S, &at, &list), STATUS_SUCCESS);
+    ASSERT_EQ(LockFreeChunks(volume, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(SplitSegmentByChunks(volume, list), STATUS_SUCCESS);
     EXPECT_EQ(Runs(list), (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S},
                                             {108 * S, 0, false, 108, 8 * S, 16 * S},
                                             {124 * S, 0, false, 124, 24 * S, 8 * S}}));
@@ -161,9 +162,8 @@ TEST_F(Segments, SplitByChunksGivesEachPieceItsChunk) {
         EXPECT_EQ(s->pChunk->liVolumeOffset.QuadPart, s->liVolumeOffset.QuadPart);
         EXPECT_EQ(s->pChunk->uLength, s->uLength);
     }
-    ReleaseSegmentChunks(v, list, FALSE, 0);
+    ReleaseSegmentChunks(volume, list, FALSE, 0);
     EXPECT_EQ(Free(), 24u * S + (60u << 20));
 }
 
 }  // namespace
-}  // namespace support

@@ -96,6 +96,9 @@ TEST(TreeKeys, ChunksAreFoundByTheOffsetsInsideThem) {
     const MAP_LOCATION_ENTRY high = {0x80000000, 0};
     EXPECT_TRUE(key_less_u32(&low, &high));  // sectors are not signed
     EXPECT_TRUE(key_equal_u32(&high, &high));
+    EXPECT_FALSE(key_less_u32(&high, &high));
+    const LONGLONG key = -1;
+    EXPECT_TRUE(key_less_i64(&key, &top) && !key_less_i64(&key, &key) && key_equal_i64(&key, &key));
 }
 
 }  // namespace

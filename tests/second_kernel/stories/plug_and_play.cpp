@@ -76,6 +76,7 @@ void PassOthers(PDEVICE_OBJECT device) {
     stage::CheckEqual(ram->Flushes, 1, "flushes that reached the device");
     stage::CheckStatus(SendPower(top), STATUS_SUCCESS, "a power request");
     stage::CheckEqual(ram->Powers, 1, "power requests that reached the device");
+    stage::Check(stage::TimesSaid("Kvr!KvrPower: ") != 0, "power requests are told of");
     stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_CAPABILITIES), STATUS_NOT_SUPPORTED, "what nobody touched");
     stage::CheckStatus(SendControl(top, {IOCTL_DISK_IS_WRITABLE}).Status, STATUS_SUCCESS, "a device control");
     stage::CheckEqual(ram->Controls, 1, "device controls that reached the device");

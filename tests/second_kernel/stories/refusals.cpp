@@ -73,7 +73,8 @@ void TryPassThrough(PDEVICE_OBJECT device, Place place) {
         const Control whole = {code, &command, sizeof(command)};
         command.Cdb[0] = 0x28;
         TryControl(device, whole, kPasses, 0x28);
-        for (const UCHAR operation : {0x04, 0x0A, 0x2A, 0x8A, 0xAA}) {
+        for (const UCHAR operation :
+             {0x04, 0x0A, 0x10, 0x19, 0x2A, 0x2E, 0x3B, 0x5B, 0x8A, 0x8E, 0xA1, 0xAA, 0xAE}) {
             command.Cdb[0] = operation;
             TryControl(device, whole, guarded ? STATUS_ACCESS_DENIED : kPasses, operation);
         }

@@ -1,0 +1,300 @@
+// The driver's frame: loading, a device's life under the filter, and what waits for whom.
+#include <atomic>
+#include "control/provision_control.h"
+#include "driver/pnp.h"
+#include "platform/host/rtl/version.h"
+#include "swap/provision.h"
+#include "tests/support/memory_stack.h"
+
+namespace {
+
+class Entry : public stub::Kernel {
+protected:
+    NTSTATUS Load() { return host::LoadDriver(DriverEntry, u"\\Driver\\kvr", kvr); }
+    void TearDown() override {
+        host::DisarmFaults();
+        host::FailOsVersion(STATUS_SUCCESS);
+        if (gControlDevice) IoDeleteDevice(gControlDevice);
+        stub::Kernel::TearDown();
+    }
+    PDRIVER_OBJECT kvr = nullptr;
+};
+
+TEST_F(Entry, WithoutAVersionEverythingPasses) {
+    host::FailOsVersion(STATUS_UNSUCCESSFUL);
+    ASSERT_EQ(STATUS_SUCCESS, Load());
+    for (PDRIVER_DISPATCH slot : kvr->MajorFunction) EXPECT_EQ(&KvrDefaultDispatch, slot);
+    EXPECT_EQ(&AddDeviceStandBy, kvr->DriverExtension->AddDevice);
+    FilteredStack stack(driver, kvr, {});
+    EXPECT_EQ(STATUS_SUCCESS, stack.added);
+    EXPECT_FALSE(stack.IsFiltered());
+    EXPECT_EQ(STATUS_SUCCESS, host::Send(gControlDevice, {.major = IRP_MJ_CLEANUP}).status);
+    EXPECT_EQ(STATUS_INVALID_DEVICE_REQUEST, host::Send(gControlDevice, {.major = IRP_MJ_READ}).status);
+}
+
+// The device, the link, and the link once more behind one that an earlier load left.
+TEST_F(Entry, WhatCannotBeMadeEndsTheLoad) {
+    constexpr auto kind = host::FaultBit(host::Fault::CreateDevice);
+    host::FailCall(kind, 1);
+    EXPECT_FALSE(NT_SUCCESS(Load()));
+    host::FailFromCall(kind, 2);
+    EXPECT_FALSE(NT_SUCCESS(Load()));
+    EXPECT_EQ(nullptr, gControlDevice) << "nothing stays behind";
+    host::DisarmFaults();
+    UNICODE_STRING link = Counted(u"\\DosDevices\\kvr"), old = Counted(u"\\Device\\old");
+    ASSERT_EQ(STATUS_SUCCESS, IoCreateSymbolicLink(&link, &old));
+    EXPECT_EQ(STATUS_SUCCESS, Load());
+    PFILE_OBJECT tool = nullptr;
+    EXPECT_EQ(STATUS_SUCCESS, host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA, tool));
+    host::CloseDevice(tool);
+}
+
+class Life : public MemoryStackTest {};
+
+TEST_F(Life, StartTellsWhatTheDeviceIs) {
+    FilteredStack& stack = Add({.name = u"\\Device\\V2", .className = u"VOLUME", .sectorSize = 4096});
+    EXPECT_EQ(0u, stack.volume->MediaType);
+    EXPECT_EQ(kVolumeSignature, stack.volume->Signature);
+    stack.extents.push_back({3, {.QuadPart = 0x200}, {.QuadPart = 0x400}});
+    stack.claimedExtents = 2;
+    ASSERT_EQ(STATUS_SUCCESS, stack.Start());
+    EXPECT_EQ(ULONG{FixedMedia}, stack.volume->MediaType);
+    EXPECT_EQ(4096u, stack.volume->BytesPerSector);
+    EXPECT_TRUE(stack.volume->IsVolume && !stack.volume->IsDisk);
+    EXPECT_TRUE(stack.volume->SuppressReadTrace && stack.volume->SuppressWriteTrace &&
+                stack.volume->SuppressControlTrace);
+    EXPECT_EQ(2u, stack.volume->VolumeDiskExtents.NumberOfDiskExtents);
+    EXPECT_TRUE(Said("Kvr!\tExtent[1]: 3 [200-600, length 400]"));
+    const struct {
+        ULONG claimed;
+        SIZE_T given;
+        ULONG kept;
+    } counts[] = {{0xFFFFFFFF, 1, 1}, {1, 2, 1}, {0xFFFFFFFF, kMaxVolumeExtents, kMaxVolumeExtents}, {7, 0, 0}};
+    const auto blocks = host::PoolUsage(kPoolTag).blocks;
+    for (const auto& c : counts) {
+        stack.claimedExtents = c.claimed;
+        stack.extents.resize(c.given);
+        ASSERT_EQ(STATUS_SUCCESS, stack.Start());
+        EXPECT_EQ(c.kept, stack.volume->VolumeDiskExtents.NumberOfDiskExtents);
+    }
+    EXPECT_EQ(blocks, host::PoolUsage(kPoolTag).blocks) << "a second start takes nothing more";
+    for (const auto fault : {host::Fault::Allocate, host::Fault::BuildRequest}) {
+        host::FailFromCall(host::FaultBit(fault), 1);
+        EXPECT_FALSE(GetVolumeExtents(stack.volume));
+        EXPECT_EQ(fault == host::Fault::BuildRequest, IsVolumeClassDevice(stack.pdo.object) != FALSE);
+        host::DisarmFaults();
+    }
+    EXPECT_TRUE(GetVolumeExtents(stack.volume));
+    const struct {
+        const char16_t *className, *classGuid;
+        bool isVolume, isDisk;
+    } classes[] = {{u"", u"", false, false},
+                   {u"Volumes", u"{4D36E967-E325-11CE-BFC1-08002BE1031}", false, false},
+                   {u"DiskDrive", kDiskClass, false, true}};
+    for (const auto& c : classes) {
+        FilteredStack& other =
+            AddStarted({.name = nullptr, .className = c.className, .classGuid = c.classGuid});
+        EXPECT_EQ(c.isVolume, other.volume->IsVolume != FALSE);
+        EXPECT_EQ(c.isDisk, other.volume->IsDisk != FALSE);
+        EXPECT_EQ(0u, other.volume->VolumeDiskExtents.NumberOfDiskExtents);
+        EXPECT_EQ(&other.volume->ListEntry, gVolumeList.Blink);
+    }
+}
+
+TEST_F(Life, RemovableVolumesAreShownReadOnlyOrHidden) {
+    const struct {
+        ULONG flags;  // of the volume's entry; ~0 for none
+        BOOLEAN enabled, named, protectDefault, hideDefault;
+        NTSTATUS status;
+        bool readOnly, isProtected, invisible;
+    } cases[] = {
+        {~0u, TRUE, TRUE, FALSE, FALSE, STATUS_SUCCESS, false, false, false},
+        {~0u, TRUE, TRUE, TRUE, FALSE, STATUS_SUCCESS, false, true, false},
+        {~0u, TRUE, TRUE, TRUE, TRUE, STATUS_ACCESS_DENIED, false, true, true},
+        {~0u, FALSE, TRUE, TRUE, TRUE, STATUS_SUCCESS, false, false, false},
+        {~0u, TRUE, FALSE, TRUE, TRUE, STATUS_SUCCESS, false, true, true},  // no name to hide it by
+        {0x000, TRUE, TRUE, TRUE, TRUE, STATUS_SUCCESS, false, false, false},
+        {0x101, TRUE, TRUE, FALSE, FALSE, STATUS_SUCCESS, true, true, false},
+        {0x003, TRUE, TRUE, FALSE, FALSE, STATUS_ACCESS_DENIED, true, true, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        const std::u16string name = u"\\Device\\Stick" + std::u16string(1, char16_t(u'A' + (&c - cases)));
+        UNICODE_STRING id = Counted(name.c_str());
+        if (c.flags != ~0u) {
+            EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, c.flags));
+        }
+        gTesselEnabled = c.enabled;
+        gRVProtect = c.protectDefault;
+        gRVInvisible = c.hideDefault;
+        FilteredStack& stack = Add({.name = c.named ? name.c_str() : nullptr,
+                                    .characteristics = FILE_REMOVABLE_MEDIA,
+                                    .sectorSize = 4096});
+        stack.volume->IsProtected = FALSE;
+        EXPECT_EQ(c.status, stack.Start());
+        EXPECT_EQ(1, stack.Arrived(IRP_MJ_PNP, IRP_MN_START_DEVICE)) << "the devices below start in any case";
+        EXPECT_EQ(c.readOnly, (stack.filter->Characteristics & FILE_READ_ONLY_DEVICE) != 0);
+        EXPECT_EQ(c.isProtected, stack.volume->IsProtected != FALSE);
+        EXPECT_EQ(c.invisible, stack.volume->IsInvisible != FALSE);
+        EXPECT_EQ(512u, stack.volume->BytesPerSector);
+    }
+}
+
+TEST_F(Life, ANeededVolumeIsNotGivenUp) {
+    FilteredStack& stack = device->stack;
+    MAP_LOCATION_ENTRY run{};
+    const struct {
+        bool isProtected, isVolume;
+        ULONG media;
+        LONGLONG config;
+        bool map, needed;
+    } cases[] = {{false, true, FixedMedia, 0, false, false},   {true, true, FixedMedia, 0, false, true},
+                 {false, true, FixedMedia, 1, false, true},    {false, true, FixedMedia, 0, true, true},
+                 {true, true, RemovableMedia, 1, true, false}, {true, false, FixedMedia, 1, true, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        volume->IsProtected = c.isProtected;
+        volume->IsVolume = c.isVolume;
+        volume->MediaType = c.media;
+        volume->PreloadConfigLocation[0] = c.config;
+        volume->MapLocation = c.map ? &run : nullptr;
+        const int seen = stack.Arrived(IRP_MJ_PNP, IRP_MN_QUERY_REMOVE_DEVICE);
+        const NTSTATUS refusal = STATUS_INSUFFICIENT_RESOURCES;
+        EXPECT_EQ(c.needed ? refusal : STATUS_SUCCESS,
+                  host::SendPnp(stack.pdo.object, IRP_MN_QUERY_REMOVE_DEVICE));
+        EXPECT_EQ(seen + !c.needed, stack.Arrived(IRP_MJ_PNP, IRP_MN_QUERY_REMOVE_DEVICE));
+        if (c.needed) {
+            EXPECT_EQ(refusal, host::SendPnp(stack.pdo.object, IRP_MN_REMOVE_DEVICE));
+            EXPECT_TRUE(stack.IsFiltered() && IsVolumeInList(volume));
+        }
+        volume->MapLocation = nullptr;
+    }
+    volume->IsVolume = TRUE;
+    volume->MediaType = FixedMedia;
+}
+
+TEST_F(Life, RemovalWaitsForRequestsAndThreads) {
+    FilteredStack& stack = AddStarted({.name = u"\\Device\\V2"});
+    std::atomic<bool> inside = false, open = false, removed = false;
+    stack.answer = [&](PIRP irp, PIO_STACK_LOCATION location) {
+        if (location->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
+            inside = true;
+            while (!open) std::this_thread::yield();
+        }
+        return stub::Complete(irp, STATUS_SUCCESS);
+    };
+    host::ThreadGate gate;
+    ASSERT_EQ(STATUS_SUCCESS, StartArmThread(stack.volume));
+    std::thread request([&] { EXPECT_EQ(STATUS_SUCCESS, stack.Control(IOCTL_DISK_GET_LENGTH_INFO)); });
+    while (!inside) std::this_thread::yield();
+    std::thread remover([&] {
+        EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(stack.pdo.object, IRP_MN_REMOVE_DEVICE));
+        removed = true;
+    });
+    while (stack.Flush() != STATUS_DELETE_PENDING) std::this_thread::yield();  // until the removal waits
+    EXPECT_EQ(STATUS_DELETE_PENDING, StartArmThread(stack.volume)) << "nothing new is started on the record";
+    open = true;
+    request.join();
+    for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+    EXPECT_FALSE(removed) << "the thread still uses the record";
+    EXPECT_TRUE(IsVolumeInList(stack.volume));
+    gate.ReleaseAll();
+    remover.join();
+    EXPECT_FALSE(stack.IsFiltered());
+}
+
+TEST_F(Life, AtShutdownDisksLeaveTheirStacksAndVolumesStay) {
+    FilteredStack& disk = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
+    EXPECT_EQ(STATUS_SUCCESS, host::Send(volume->FilterDevice, {.major = IRP_MJ_SHUTDOWN}).status);
+    host::NotifyShutdown();
+    EXPECT_EQ(2u, TimesSaid(mark, "Kvr!KvrShutdown")) << "who was told is not told again";
+    EXPECT_FALSE(disk.IsFiltered());
+    EXPECT_TRUE(device->stack.IsFiltered());
+    EXPECT_EQ(&volume->ListEntry, gVolumeList.Flink);
+    EXPECT_EQ(&volume->ListEntry, gVolumeList.Blink);
+    EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "shutdown is not passed on";
+}
+
+// Requests of every kind protect a volume that is listed, and look no more at one that is protected.
+TEST_F(Life, TheFirstRequestProtects) {
+    UNICODE_STRING name = Counted(kName);
+    EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED | PV_EXPLICIT));
+    volume->SwapMapLoaded = TRUE;
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_SHUTDOWN,
+                              IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL}) {
+        for (const bool enabled : {false, true}) {
+            for (const bool before : {false, true}) {
+                SCOPED_TRACE(std::to_string(major) + (enabled ? " on" : " off") + (before ? " again" : ""));
+                gTesselEnabled = enabled;
+                volume->IsProtected = before;
+                volume->Target->Characteristics |= before ? FILE_READ_ONLY_DEVICE : 0;  // found out too late
+                Bytes data(S);
+                if (major == IRP_MJ_DEVICE_CONTROL || major == IRP_MJ_INTERNAL_DEVICE_CONTROL)
+                    KVR_DISCARD(host::SendControl(volume->FilterDevice,
+                                                  {.code = IOCTL_DISK_GET_LENGTH_INFO, .major = major}),
+                                "its effect is looked at");
+                else
+                    KVR_DISCARD(Send(volume, major, 0, data), "likewise");
+                EXPECT_EQ(before || enabled, volume->IsProtected != FALSE);
+                volume->Target->Characteristics &= ~FILE_READ_ONLY_DEVICE;
+            }
+        }
+    }
+}
+
+// Control codes are refused where the driver counts on the sectors, whatever the reason.
+TEST_F(Life, WhoseControlCodesAreRefused) {
+    MAP_LOCATION_ENTRY run{};
+    const struct {
+        bool enabled, isProtected, listed;
+        LONGLONG config;
+        bool map;
+        NTSTATUS status;
+    } cases[] = {{true, false, true, 0, false, STATUS_SUCCESS},
+                 {true, true, true, 0, false, STATUS_MEDIA_WRITE_PROTECTED},
+                 {true, false, true, S, false, STATUS_MEDIA_WRITE_PROTECTED},
+                 {true, false, true, 0, true, STATUS_MEDIA_WRITE_PROTECTED},
+                 {true, true, false, S, true, STATUS_SUCCESS},
+                 {false, true, true, S, true, STATUS_SUCCESS}};
+    for (const auto& c : cases) {
+        gTesselEnabled = c.enabled;
+        volume->IsProtected = c.isProtected;
+        volume->IsListed = c.listed;
+        volume->PreloadConfigLocation[0] = c.config;
+        volume->MapLocation = c.map ? &run : nullptr;
+        for (const UCHAR major : {IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL})
+            EXPECT_EQ(c.status,
+                      host::SendControl(volume->FilterDevice, {.code = FSCTL_MOVE_FILE, .major = major}).status)
+                << &c - cases;
+        volume->MapLocation = nullptr;
+        volume->IsListed = TRUE;
+    }
+    gTesselEnabled = TRUE;
+    volume->IsProtected = TRUE;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, device->stack.Control(IOCTL_SCSI_PASS_THROUGH, nullptr, 0));
+    SCSI_PASS_THROUGH command{};
+    command.Cdb[0] = 0x28;
+    EXPECT_EQ(STATUS_SUCCESS, device->stack.Control(IOCTL_SCSI_PASS_THROUGH, &command, sizeof(command)));
+    EXPECT_EQ(1u, TimesSaid(mark, "IOCTL_SCSI_PASS_THROUGH, 40"));
+    volume->MediaType = RemovableMedia;
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, device->stack.Control(IOCTL_DISK_IS_WRITABLE));
+    EXPECT_EQ(1u, TimesSaid(mark, "IS_WRITABLE IoControlCode = 0x00070024 BLOCKING!"));
+    volume->MediaType = FixedMedia;
+    // Each of them is traced until the start has ended, and for whoever asks.
+    for (const bool suppressed : {true, false}) {
+        for (const bool isDisk : {true, false}) {
+            for (const bool isProtected : {true, false}) {
+                volume->SuppressControlTrace = suppressed;
+                volume->IsDisk = isDisk;
+                volume->IsProtected = isProtected;
+                mark = host::DebugMark();
+                EXPECT_EQ(STATUS_SUCCESS, device->stack.Control(IOCTL_DISK_GET_LENGTH_INFO));
+                EXPECT_EQ(!suppressed && isProtected, Said("Kvr!KvrDeviceControl: Device=0x"));
+                EXPECT_EQ(!suppressed && isDisk, Said("Kvr!KvrDeviceControl: DiskDevice=0x"));
+            }
+        }
+    }
+    volume->IsDisk = FALSE;
+}
+
+}  // namespace

@@ -1,0 +1,450 @@
+// Which way a read or a write of a filtered volume takes: down to the volume, into the swap, to the driver's
+// own files, or back with a refusal.
+#include "platform/host/sync/clock.h"
+#include "redirect/redirect.h"
+#include "redirect/request_path.h"
+#include "tests/support/memory_stack.h"
+
+namespace {
+
+constexpr LONGLONG kAt = 0x10000;
+
+class Requests : public MemoryStackTest {
+protected:
+    // Writes one sector of its own content and tells whether it went into the swap.
+    bool IsRedirected(PFILE_OBJECT file = nullptr, LONGLONG at = kAt) {
+        const Bytes data(S, ++m_fill);
+        const host::Outcome outcome = Write(volume, at, data, file);
+        EXPECT_EQ(STATUS_SUCCESS, outcome.status);
+        EXPECT_EQ(S, outcome.information);
+        return !Holds(at, data);
+    }
+    bool IsRedirected(const char16_t* name) {
+        TestFile file(name);
+        return IsRedirected(&file.object);
+    }
+    // Whether a read of what is redirected comes from the swap.
+    bool SeesSwap(PFILE_OBJECT file = nullptr) {
+        Bytes data(S);
+        EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, kAt, data, file).status);
+        return data[0] == m_fill;
+    }
+    ULONG VolatileOf(LONGLONG at) {
+        FastMutexLock lock(volume->SwapLock);
+        TREE_NODE* node = tree_find(&volume->SwappedChunks, &at);
+        return node ? static_cast<SWAPPED_CHUNK*>(node->Record)->bVolatile : 99;
+    }
+    LONGLONG Captured(ULONG slot) {
+        FastMutexLock lock(volume->SwapLock);
+        return volume->PostloadConfigLocation[slot];
+    }
+    void Discard(LONGLONG at = kAt) {
+        DiscardSwappedChunks(volume);
+        std::fill_n(At(at), S, 0);
+    }
+
+private:
+    UCHAR m_fill = 0;
+};
+
+TEST_F(Requests, NamesDecideWhatStaysOnAProtectedVolume) {
+    Protect();
+    const struct {
+        const char16_t* name;
+        bool written, read;  // in the swap
+        ULONG isVolatile = 0;
+    } cases[] = {
+        {u"\\file", true, true},
+        {u"", true, true},
+        {u"\\HIBERFIL.SYS", false, false},
+        {u"\\hibernate.sys", false, false},
+        {u"\\x\\hiberfil.sys", true, true},
+        {u"\\Windows\\BootStat.dat", false, true},
+        {u"\\boot\\bcd", false, true},
+        {u"\\x\\Boot\\BCD", true, true},
+        {u"\\kvr.swp", true, false},
+        {u"\\kvr.SWP.16", true, false},
+        {u"\\kvr.swp.160", true, true},
+        {u"\\kvr.swp.1", true, true},
+        {u"\\kvr.swq", true, true},
+        {u"\\x\\kvr.swp", true, true},
+        {u"\\kvr.MAP", true, false},
+        {u"\\abc\\system32\\drivers\\kvr.cfg.x", true, true},
+        {u"\\Windows\\System32\\config\\SYSTEM", true, true, 1},
+        {u"\\WINDOWS\\system32\\CONFIG\\system.log", true, true, 1},
+        {u"\\Windows\\System32\\config\\SYSTEM.LOG1", true, true, 1},
+        {u"\\Windows\\System32\\config\\SYSTEM.LOG2", true, true},
+        {u"\\PageFile.sys", false, false},
+    };
+    EXPECT_EQ(0, KeReadStateEvent(&gBootStatusEvent));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.name));
+        TestFile file(c.name);
+        EXPECT_EQ(c.written, IsRedirected(&file.object));
+        if (c.written) {
+            EXPECT_EQ(c.isVolatile, VolatileOf(kAt));
+        }
+        Discard();
+        EXPECT_TRUE(IsRedirected()) << "no file is not the paging file";
+        EXPECT_EQ(c.read, SeesSwap(&file.object));
+        EXPECT_TRUE(SeesSwap());
+        Discard();
+    }
+    EXPECT_NE(0, KeReadStateEvent(&gBootStatusEvent));
+    TestFile pagefile(u"\\pagefile.sys");
+    for (const bool named : {true, false}) {
+        if (!named) pagefile.object.FileName.Length = 0;  // known by its object
+        EXPECT_FALSE(IsRedirected(&pagefile.object));
+        Discard();
+        EXPECT_TRUE(IsRedirected());
+        EXPECT_FALSE(SeesSwap(&pagefile.object));
+        Discard();
+    }
+}
+
+// Of the file objects that a request may carry the first counts; a master's only when the request is a part.
+TEST_F(Requests, WhichFileARequestIsFor) {
+    TestFile original(u"\\original"), stack(u"\\stack"), master(u"\\master");
+    const struct {
+        bool isOriginal, onStack, associated, onMaster;
+        std::string trace;
+    } cases[] = {{true, true, true, true, ":\\original]"},
+                 {false, true, true, true, ":\\stack]"},
+                 {false, false, true, true, ":\\master]"},
+                 {false, false, true, false, ""},
+                 {false, false, false, false, ""}};
+    volume->SuppressWriteTrace = FALSE;
+    Protect();
+    for (const auto& c : cases) {
+        Bytes data(S);
+        mark = host::DebugMark();
+        EXPECT_EQ(STATUS_SUCCESS,
+                  host::Send(volume->FilterDevice, {.major = IRP_MJ_WRITE,
+                                                    .associated = c.associated,
+                                                    .length = S,
+                                                    .offset = kAt,
+                                                    .buffer = data.data(),
+                                                    .originalFile = c.isOriginal ? &original.object : nullptr,
+                                                    .stackFile = c.onStack ? &stack.object : nullptr,
+                                                    .masterFile = c.onMaster ? &master.object : nullptr})
+                      .status);
+        EXPECT_EQ(c.trace.empty() ? 0u : 1u, TimesSaid(mark, "Kvr!Write("));
+        EXPECT_TRUE(c.trace.empty() || Said(c.trace)) << c.trace;
+    }
+}
+
+// Each alone lets requests pass to the volume.
+TEST_F(Requests, WhatKeepsAVolumeFromBeingRedirected) {
+    EXPECT_FALSE(IsRedirected(u"\\file")) << "nothing is configured";
+    Protect();
+    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
+    EXPECT_FALSE(IsRedirected()) << "no memory for the storage's object";
+    host::DisarmFaults();
+    EXPECT_TRUE(IsRedirected(u"\\file")) << "protected at its first request after the parse";
+    Discard();
+    const std::function<void(bool)> obstacles[] = {
+        [](bool on) { gTesselEnabled = !on; },
+        [](bool on) { gConfigureBusy = on; },  // half a configuration protects nothing
+        [&](bool on) { volume->IsListed = !on; },
+        [&](bool on) {
+            volume->IsProtected = !on;
+            volume->ProtectionDeferred = on;
+        },
+    };
+    for (const auto& obstacle : obstacles) {
+        SCOPED_TRACE(&obstacle - obstacles);
+        EXPECT_TRUE(IsRedirected());
+        obstacle(true);
+        EXPECT_FALSE(SeesSwap());
+        EXPECT_FALSE(IsRedirected());
+        obstacle(false);
+        Discard();
+    }
+    gConfigLoaded = TRUE;
+    gConfigureBusy = 1;  // a late-comer that finds it loaded
+    EXPECT_TRUE(IsRedirected());
+    gConfigureBusy = 0;
+    volume->SwapMapLoaded = FALSE;
+    volume->IsProtected = TRUE;
+    EXPECT_FALSE(IsRedirected()) << "the load finds no map";
+    EXPECT_EQ(kSwapNoLocation, volume->SwapState);
+}
+
+TEST_F(Requests, WhoIsLedToItsStorage) {
+    const struct {
+        bool enabled, isProtected;
+        ULONG media;
+        bool attached;
+    } cases[] = {{false, true, FixedMedia, false},
+                 {true, false, FixedMedia, false},
+                 {true, true, RemovableMedia, false},
+                 {true, true, FixedMedia, true}};
+    volume->ProtectionDeferred = TRUE;  // as it is made here, so it stays
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        for (const auto& c : cases) {
+            gTesselEnabled = c.enabled;
+            volume->IsProtected = c.isProtected;
+            volume->MediaType = c.media;
+            volume->SwapFile = nullptr;
+            Bytes data(S);
+            KVR_DISCARD(Send(volume, major, kAt, data), "the attachment is looked at");
+            EXPECT_EQ(c.attached, volume->SwapFile != nullptr);
+            volume->MediaType = FixedMedia;
+        }
+        const SIZE_T asked = TimesSaid(mark, "Kvr!GetSwapFile");
+        Bytes data(S);
+        KVR_DISCARD(Send(volume, major, kAt, data), "likewise");
+        EXPECT_EQ(asked, TimesSaid(mark, "Kvr!GetSwapFile")) << "once";
+    }
+    EXPECT_EQ(nullptr, gSwapFileList->pNext);
+}
+
+TEST_F(Requests, TheDriversOwnFilesAreCapturedWhileTheyAreWritten) {
+    const char16_t* config = u"\\Windows\\System32\\Drivers\\KVR.cfg";
+    Protect(0);
+    volume->IsProtected = FALSE;
+    volume->ProtectionDeferred = TRUE;
+    const struct {
+        const char16_t* name;
+        bool allocating, loaded;
+        bool fails;
+        bool map, swap, text;  // what is learned
+    } cases[] = {
+        {u"\\kvr.MAP", true, false, false, true, false, false},
+        {u"\\kvr.SWP", true, false, false, false, true, false},
+        {u"\\kvr.swp.07", true, false, false, false, true, false},
+        {config, true, false, false, false, false, true},
+        {u"\\kvr.MAP", true, false, true, false, false, false},
+        {u"\\kvr.SWP", true, false, true, false, false, false},
+        {config, true, false, true, false, false, false},
+        {u"\\kvr.MAP", true, true, false, false, false, false},
+        {u"\\kvr.SWP", false, false, false, false, false, false},
+        {u"\\x\\kvr.MAP", true, false, false, false, false, false},
+    };
+    LONGLONG at = kAt;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        ForgetMaps();
+        PostloadConfigPrepare();
+        volume->SwapAllocating = c.allocating;
+        volume->SwapMapLoaded = c.loaded;
+        device->verdict = [&](const auto&) { return c.fails ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS; };
+        TestFile file(c.name);
+        const Bytes data(2 * S, static_cast<UCHAR>(at >> 12));
+        EXPECT_EQ(c.fails ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS,
+                  Write(volume, at, data, &file.object).status);
+        EXPECT_EQ(!c.fails, Holds(at, data)) << "it reaches the volume";
+        EXPECT_EQ(c.swap ? FreeList({{at, 2 * S}}) : FreeList(), FreeSpace());
+        EXPECT_EQ(c.text ? at : 0, Captured(0));
+        EXPECT_EQ(c.text ? at + S : 0, Captured(1));
+        FastMutexLock lock(volume->SwapLock);
+        EXPECT_EQ(c.map, volume->MapFileChunks.Root != &TreeNil);
+        at += 0x1000;
+    }
+    device->verdict = nullptr;
+    PostloadConfigPrepare();
+    for (auto& offset : volume->PreloadConfigLocation) offset = 0x8000;
+    EXPECT_FALSE(IsRedirected(config));
+    EXPECT_EQ(0, Captured(0)) << "its place is known";
+    volume->PreloadConfigLocation[15] = 0;
+    volume->IsProtected = TRUE;
+    EXPECT_FALSE(IsRedirected(config)) << "captured on a protected volume too";
+    EXPECT_EQ(kAt, Captured(0));
+}
+
+TEST_F(Requests, WritesThroughAVolumeHandleAreRefusedOnceItsSectorsAreTheDrivers) {
+    TestFile handle(u""), file(u"\\file");
+    handle.object.Flags = FO_VOLUME_OPEN;
+    MAP_LOCATION_ENTRY run{};
+    const struct {
+        PFILE_OBJECT file;
+        LONGLONG config;
+        bool map;
+        NTSTATUS status;
+    } cases[] = {{&handle.object, 0, false, STATUS_SUCCESS},
+                 {&handle.object, 0x8000, false, STATUS_MEDIA_WRITE_PROTECTED},
+                 {&handle.object, 0, true, STATUS_MEDIA_WRITE_PROTECTED},
+                 {&file.object, 0x8000, true, STATUS_SUCCESS},
+                 {nullptr, 0x8000, true, STATUS_SUCCESS}};
+    for (const bool traced : {false, true}) {
+        volume->SuppressWriteTrace = !traced;
+        for (const auto& c : cases) {
+            volume->PreloadConfigLocation[0] = c.config;
+            volume->MapLocation = c.map ? &run : nullptr;
+            const host::Outcome outcome = Write(volume, kAt, Bytes(S), c.file);
+            EXPECT_EQ(c.status, outcome.status) << &c - cases;
+            EXPECT_EQ(c.status == STATUS_SUCCESS ? S : 0, outcome.information);
+        }
+        volume->MapLocation = nullptr;
+        EXPECT_EQ(traced ? 2u : 0u, TimesSaid(mark, "Kvr!Write: direct access BLOCKING"));
+    }
+}
+
+TEST_F(Requests, EverythingIsRefusedOnAProtectedRemovableVolume) {
+    PVOLUME_EXTENSION stick =
+        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
+    gTesselEnabled = gRVProtect = TRUE;
+    DRIVER_OBJECT ntfs{}, fat{};
+    ntfs.DriverName = Counted(u"\\FileSystem\\NTFS");
+    fat.DriverName = Counted(u"\\FileSystem\\fastfat");
+    DEVICE_OBJECT mounted{}, onFat{}, onNtfs{};
+    onFat.DriverObject = &fat;
+    onNtfs.DriverObject = &ntfs;
+    VPB none{}, without = {&mounted, nullptr}, ofFat = {&onFat, nullptr}, ofNtfs = {&onNtfs, nullptr};
+    TestFile file(u"\\pagefile.sys");
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(stick, kAt, Bytes(S)).status);
+    for (VPB* vpb : {static_cast<VPB*>(nullptr), &none, &without, &ofFat, &ofNtfs}) {
+        file.object.Vpb = vpb;
+        EXPECT_EQ(vpb == &ofNtfs ? STATUS_NOT_SUPPORTED : STATUS_MEDIA_WRITE_PROTECTED,
+                  Write(stick, kAt, Bytes(S), &file.object).status);
+    }
+    gTesselEnabled = FALSE;
+    EXPECT_EQ(STATUS_SUCCESS, Write(stick, kAt, Bytes(S)).status);
+}
+
+TEST_F(Requests, FirstSectorOfAProtectedVolumesDiskIsRefused) {
+    StackMemory& disk = AddMemoryDisk(u"\\Device\\Harddisk0\\DR0");
+    PVOLUME_EXTENSION record = disk.stack.volume;
+    const Bytes data(S, 1);
+    EXPECT_EQ(STATUS_SUCCESS, Write(record, 0, data).status);
+    Protect();
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(record, 0, data).status);
+    EXPECT_EQ(STATUS_SUCCESS, Write(record, S, data).status);
+    EXPECT_EQ(1, disk.data[S]);
+    Bytes back(S);
+    EXPECT_EQ(STATUS_SUCCESS, Send(record, IRP_MJ_READ, 0, back).status);
+}
+
+TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
+    Protect();
+    host::SetSystemTime(host::TimeOf(2026, 5, 4));
+    const auto saves = [&] {
+        EXPECT_TRUE(IsRedirected(u"\\file"));
+        return TimesSaid(mark, "Kvr!WriteSwapMap: Saved");
+    };
+    EXPECT_EQ(1u, saves());
+    EXPECT_EQ(host::SystemTime(), volume->LastMapSaveTime.load());
+    host::AdvanceTime(30 * host::kTicksPerSecond);
+    EXPECT_EQ(1u, saves());
+    host::AdvanceTime(1);
+    EXPECT_EQ(2u, saves());
+    EXPECT_EQ(host::SystemTime(), volume->LastMapSaveTime.load());
+    host::FollowRealClock();
+}
+
+// Who is told of: everything until the start has ended, and whoever asks for it afterwards.
+TEST_F(Requests, Traces) {
+    TestFile file(u"\\file");
+    PVOLUME_EXTENSION disk = AddMemoryDisk(u"\\Device\\Harddisk0\\DR0").stack.volume;
+    const struct {
+        bool isDisk, suppressed, isProtected, enabled, hasFile;
+        int reads, writes;
+    } cases[] = {
+        {false, false, true, true, true, 1, 1},  {false, true, true, true, true, 0, 0},
+        {false, false, false, true, true, 0, 0}, {false, false, true, true, false, 1, 0},
+        {false, false, true, false, true, 1, 0}, {false, false, true, false, false, 0, 0},
+        {true, false, false, false, true, 1, 1}, {true, false, false, false, false, 1, 1},
+        {true, true, false, false, true, 0, 0},
+    };
+    volume->ProtectionDeferred = TRUE;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        PVOLUME_EXTENSION record = c.isDisk ? disk : volume;
+        record->SuppressReadTrace = record->SuppressWriteTrace = c.suppressed;
+        volume->IsProtected = c.isProtected;
+        volume->SwapFile = nullptr;
+        gTesselEnabled = c.enabled;
+        const SIZE_T reads = TimesSaid(mark, "Kvr!Read("), writes = TimesSaid(mark, "Kvr!Write(");
+        Bytes data(S);
+        KVR_DISCARD(Send(record, IRP_MJ_READ, kAt, data, c.hasFile ? &file.object : nullptr), "traced");
+        KVR_DISCARD(Send(record, IRP_MJ_WRITE, kAt, data, c.hasFile ? &file.object : nullptr), "traced");
+        EXPECT_EQ(c.reads, static_cast<int>(TimesSaid(mark, "Kvr!Read(") - reads));
+        EXPECT_EQ(c.writes, static_cast<int>(TimesSaid(mark, "Kvr!Write(") - writes));
+    }
+}
+
+// The thread that holds the files is started once, by the first request that has a reason.
+TEST_F(Requests, WhenTheFilesAreHeld) {
+    TestFile named(u"\\file"), unnamed(u"");
+    MAP_LOCATION_ENTRY run{};
+    const struct {
+        UCHAR major;
+        PFILE_OBJECT file;
+        ULONG media;
+        bool isProtected, map;
+        int config;  // offsets that are known
+        bool starts;
+    } cases[] = {
+        {IRP_MJ_WRITE, &named.object, FixedMedia, true, false, 0, true},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, true, 0, true},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 16, true},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 15, false},
+        {IRP_MJ_WRITE, &unnamed.object, FixedMedia, true, true, 16, false},
+        {IRP_MJ_WRITE, nullptr, FixedMedia, true, true, 16, false},
+        {IRP_MJ_WRITE, &named.object, RemovableMedia, false, true, 16, false},
+        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 0, true},
+        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 1, false},
+        {IRP_MJ_READ, nullptr, RemovableMedia, false, false, 0, false},
+    };
+    volume->ProtectionDeferred = TRUE;
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        host::ThreadGate gate;
+        volume->ArmThreadHandle = nullptr;
+        volume->MediaType = c.media;
+        volume->IsProtected = c.isProtected;
+        volume->MapLocation = c.map ? &run : nullptr;
+        for (int i = 0; i < 16; ++i) volume->PreloadConfigLocation[i] = i < c.config ? 0x8000 : 0;
+        for (int twice = 0; twice < 2; ++twice) {
+            Bytes data(S);
+            KVR_DISCARD(Send(volume, c.major, kAt, data, c.file), "the thread is what is looked at");
+        }
+        EXPECT_EQ(c.starts ? 1u : 0u, gate.Held());
+        volume->MapLocation = nullptr;
+        for (auto& offset : volume->PreloadConfigLocation) offset = 0;
+        gate.ReleaseAll();
+        host::JoinSystemThreads();
+        KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
+    }
+    volume->MediaType = FixedMedia;
+    host::ThreadGate gate;
+    volume->ArmThreadStarting = 1;  // another request is at it
+    Bytes data(S);
+    KVR_DISCARD(Send(volume, IRP_MJ_READ, kAt, data), "likewise");
+    EXPECT_EQ(0u, gate.Held());
+    EXPECT_EQ(1, volume->ArmThreadStarting.load());
+}
+
+// What was redirected belonged to the medium that is gone.
+TEST_F(Requests, AChangedMediumLosesItsRedirections) {
+    Protect();
+    const struct {
+        NTSTATUS status;
+        ULONG media;
+        bool lost;
+    } cases[] = {{STATUS_VERIFY_REQUIRED, FixedMedia, false},
+                 {STATUS_IO_DEVICE_ERROR, RemovableMedia, false},
+                 {STATUS_VERIFY_REQUIRED, RemovableMedia, true}};
+    EXPECT_TRUE(IsRedirected());
+    for (const auto& c : cases) {
+        device->verdict = [&](const auto&) { return c.status; };
+        volume->MediaType = c.media;
+        Bytes data(S);
+        EXPECT_EQ(c.status, Send(volume, IRP_MJ_READ, kAt, data).status);
+        EXPECT_EQ(c.lost ? 0 : S, Used());
+        volume->MediaType = FixedMedia;
+    }
+}
+
+TEST_F(Requests, NoneIsServedByARecordThatIsLeaving) {
+    FilteredStack& stack = AddMemory({.name = u"\\Device\\Leaving"}).stack;
+    ASSERT_EQ(STATUS_SUCCESS, IoAcquireRemoveLock(&stack.volume->RemoveLock, this));
+    IoReleaseRemoveLockAndWait(&stack.volume->RemoveLock, this);
+    Bytes data(S);
+    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS})
+        EXPECT_EQ(STATUS_DELETE_PENDING, Send(stack.volume, major, kAt, data).status);
+    EXPECT_EQ(STATUS_DELETE_PENDING, stack.Control(IOCTL_DISK_GET_LENGTH_INFO));
+    IoInitializeRemoveLock(&stack.volume->RemoveLock, kPoolTag, 0, 0);
+}
+
+}  // namespace
