@@ -18,7 +18,6 @@ NTSTATUS Wait(PVOID object, const LONGLONG* ticks = nullptr) {
     return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != nullptr ? &timeout : nullptr);
 }
 
-constexpr LONGLONG Poll = 0;
 constexpr LONGLONG OneMillisecond = -10'000;
 
 template <class Body>
@@ -77,27 +76,6 @@ TEST(HostEvents, SetterNeverTouchesAnEventThatItsWaiterGaveBack) {
 }
 
 // ---- locks -------------------------------------------------------------------------------------------
-
-TEST(HostLocks, MutexIsRecursiveAndRanked) {
-    KMUTEX mutex;
-    FAST_MUTEX inner;
-    KeInitializeMutex(&mutex, 0);
-    ExInitializeFastMutex(&inner);
-    SetLockRank(&mutex, 1, "outer");
-    SetLockRank(&inner, 2, "inner");
-    EXPECT_EQ(Wait(&mutex), STATUS_SUCCESS);
-    EXPECT_EQ(Wait(&mutex), STATUS_SUCCESS);
-    ExAcquireFastMutex(&inner);
-    ExReleaseFastMutex(&inner);
-    std::thread([&] { EXPECT_EQ(Wait(&mutex, &OneMillisecond), STATUS_TIMEOUT); }).join();
-    EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), -1);
-    std::thread([&] { EXPECT_EQ(Wait(&mutex, &Poll), STATUS_TIMEOUT); }).join();
-    EXPECT_EQ(KeReleaseMutex(&mutex, FALSE), 0);
-    std::thread([&] {
-        EXPECT_EQ(Wait(&mutex, &Poll), STATUS_SUCCESS);
-        KeReleaseMutex(&mutex, FALSE);
-    }).join();
-}
 
 TEST(HostLocks, ExcludeEachOther) {
     constexpr int Threads = 4, Rounds = 5000;

@@ -1,11 +1,10 @@
-// The way of a request through a stack of devices: who sees it, who keeps it, and what stops the machine.
+// Requests, their buffers and the devices they go to: each misuse stops the machine with the rule.
 #include "host_stub.h"
 #include <thread>
 #include "platform/host/sync/sync.h"
 
 namespace {
 
-using host::Outcome;
 using host::Request;
 using host::Send;
 using stub::Complete;
@@ -15,96 +14,8 @@ using stub::PassDown;
 class HostIrp : public stub::Kernel {};
 using HostIrpDeath = HostIrp;
 
-std::string gSeen;  // which completion routines ran
-
-NTSTATUS Note(PDEVICE_OBJECT, PIRP irp, PVOID context) {
-    gSeen += static_cast<const char*>(context);
-    if (irp->PendingReturned) IoMarkIrpPending(irp);
-    return STATUS_SUCCESS;
-}
-
 stub::Script Answer(NTSTATUS status, ULONG_PTR information = 0) {
     return [=](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, status, information); };
-}
-
-stub::Script CopyDown(const char* note, BOOLEAN success, BOOLEAN error, BOOLEAN cancel) {
-    return [=](PDEVICE_OBJECT device, PIRP irp) {
-        IoCopyCurrentIrpStackLocationToNext(irp);
-        IoSetCompletionRoutine(irp, Note, const_cast<char*>(note), success, error, cancel);
-        return IofCallDriver(stub::Of(device).target, irp);
-    };
-}
-
-TEST_F(HostIrp, CompletionRoutinesRunUpwardsOnWhatTheyAskedFor) {
-    NTSTATUS answer = STATUS_SUCCESS;
-    bool cancel = false;
-    Device bottom(driver, [&](PDEVICE_OBJECT, PIRP irp) {
-        irp->Cancel = cancel;
-        return Complete(irp, answer);
-    });
-    Device onError(driver, CopyDown("e", FALSE, TRUE, FALSE), bottom.object);
-    Device onCancel(driver, CopyDown("c", FALSE, FALSE, TRUE), bottom.object);
-    Device onSuccess(driver, CopyDown("s", TRUE, FALSE, FALSE), bottom.object);
-    const auto seen = [&](NTSTATUS status, bool cancelled) {
-        answer = status;
-        cancel = cancelled;
-        gSeen.clear();
-        EXPECT_EQ(status, Send(onSuccess.object, Request{}).status);
-        return gSeen;
-    };
-    EXPECT_EQ("s", seen(STATUS_SUCCESS, false));
-    EXPECT_EQ("e", seen(STATUS_IO_DEVICE_ERROR, false));
-    EXPECT_EQ("ec", seen(STATUS_UNSUCCESSFUL, true));
-    onSuccess.Delete();
-    onCancel.Delete();
-    onError.Delete();
-}
-
-TEST_F(HostIrp, PendingTravelsUpThroughFiltersOfEveryKind) {
-    stub::Pender pender;
-    Device bottom(driver, pender.Pend());
-    Device copies(driver, CopyDown("x", FALSE, FALSE, FALSE), bottom.object);
-    Device notes(driver, CopyDown("n", TRUE, TRUE, FALSE), bottom.object);
-    Device skips(driver, PassDown, bottom.object);
-    gSeen.clear();
-    std::thread finisher([&] { pender.Finish(STATUS_SUCCESS, 5); });
-    EXPECT_EQ(5u, Send(skips.object, Request{}).information);
-    finisher.join();
-    EXPECT_EQ("n", gSeen);
-
-    Outcome late{STATUS_PENDING, 0};
-    host::SendAsync(
-        skips.object, Request{}, [](void* to, Outcome end) { *static_cast<Outcome*>(to) = end; }, &late);
-    EXPECT_EQ(STATUS_PENDING, late.status);
-    pender.Finish(STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(STATUS_UNSUCCESSFUL, late.status);
-    skips.Delete();
-    notes.Delete();
-    copies.Delete();
-}
-
-TEST_F(HostIrp, BuiltTransferIsReleasedByWhoeverEndsIt) {
-    char data[512];
-    Device disk(driver, [&](PDEVICE_OBJECT, PIRP irp) {
-        EXPECT_NE(0, irp->MdlAddress->MdlFlags & MDL_PAGES_LOCKED);
-        return Complete(irp, STATUS_SUCCESS, 512);
-    });
-    LARGE_INTEGER offset{};
-    IO_STATUS_BLOCK iosb{};
-    const auto build = [&] {
-        return IoBuildAsynchronousFsdRequest(IRP_MJ_READ, disk.object, data, sizeof data, &offset, &iosb);
-    };
-    const auto release = [](PDEVICE_OBJECT, PIRP irp, PVOID) {
-        host::ReleaseMdls(irp);
-        IoFreeIrp(irp);
-        return STATUS_MORE_PROCESSING_REQUIRED;
-    };
-    PIRP irp = build();
-    IoSetCompletionRoutine(irp, release, nullptr, TRUE, TRUE, TRUE);
-    EXPECT_EQ(STATUS_SUCCESS, IofCallDriver(disk.object, irp));
-    EXPECT_EQ(0u, iosb.Information);
-    EXPECT_EQ(STATUS_SUCCESS, IofCallDriver(disk.object, build()));
-    EXPECT_EQ(512u, iosb.Information);
 }
 
 TEST_F(HostIrpDeath, ARequestEndsOnce) {
@@ -163,7 +74,13 @@ TEST_F(HostIrpDeath, AnswersMustMatchTheEnd) {
 
 TEST_F(HostIrpDeath, StackLocationsAreCounted) {
     Device bottom(driver, Answer(STATUS_SUCCESS));
-    Device filter(driver, CopyDown("x", FALSE, FALSE, FALSE), bottom.object);
+    Device filter(
+        driver,
+        [](PDEVICE_OBJECT device, PIRP irp) {
+            IoCopyCurrentIrpStackLocationToNext(irp);
+            return IofCallDriver(stub::Of(device).target, irp);
+        },
+        bottom.object);
     EXPECT_DEATH(
         {
             host::SyncRequest small(host::NewIrp(1, nullptr, nullptr));
@@ -178,6 +95,53 @@ TEST_F(HostIrpDeath, StackLocationsAreCounted) {
     EXPECT_DEATH((void)Send(skipsTwice.object, Request{}), "skipped twice");
     EXPECT_DEATH((void)Send(bottom.object, {.major = IRP_MJ_MAXIMUM_FUNCTION + 1}), "out of range");
     filter.Delete();
+}
+
+TEST_F(HostIrpDeath, PagesAreLockedAndGivenBackInBalance) {
+    using host::Pages;
+    char data[10];
+    PMDL mdl = IoAllocateMdl(data, 10, FALSE, FALSE, nullptr);
+    EXPECT_DEATH(MmUnlockPages(mdl), "unlocked that are not locked");
+    EXPECT_DEATH(MmGetSystemAddressForMdlSafe(mdl, NormalPagePriority), "mapped that are not locked");
+    EXPECT_DEATH(
+        {
+            host::SetIrql(DISPATCH_LEVEL);
+            MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+        },
+        "MmProbeAndLockPages");
+    MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
+    EXPECT_DEATH(IoFreeMdl(mdl), "freed with locked pages");
+    EXPECT_DEATH(MmProbeAndLockPages(mdl, KernelMode, IoReadAccess), "locked twice");
+    EXPECT_DEATH(MmBuildMdlForNonPagedPool(mdl), "built twice");
+    MmUnlockPages(mdl);
+    IoFreeMdl(mdl);
+    for (const Pages pages : {Pages::Unlocked, Pages::Locked}) {
+        Device device(driver, [=](PDEVICE_OBJECT, PIRP irp) {
+            if (pages == Pages::Unlocked)
+                MmProbeAndLockPages(irp->MdlAddress, KernelMode, IoReadAccess);
+            else
+                MmUnlockPages(irp->MdlAddress);
+            return Complete(irp, STATUS_SUCCESS);
+        });
+        EXPECT_DEATH((void)Send(device.object, {.pages = pages, .length = 8, .buffer = data}),
+                     "page locks out of balance");
+    }
+}
+
+TEST_F(HostIrpDeath, StacksAreTakenDownFromTheTop) {
+    Device bottom(driver, Answer(STATUS_SUCCESS));
+    Device top(driver, PassDown, bottom.object);
+    EXPECT_DEATH(IoDeleteDevice(bottom.object), "deleted under another");
+    EXPECT_DEATH(IoDeleteDevice(top.object), "deleted while attached");
+    EXPECT_DEATH(IoDetachDevice(top.object), "nothing to detach");
+    EXPECT_DEATH((void)IoAttachDeviceToDeviceStack(top.object, bottom.object), "attached twice");
+    EXPECT_DEATH(ObfDereferenceObject(bottom.object), "dereferenced too often");
+    top.Delete();
+    // Deleted but referenced: the memory is there, and a second deletion is seen.
+    PDEVICE_OBJECT object = IoGetAttachedDeviceReference(bottom.object);
+    bottom.Delete();
+    EXPECT_DEATH(IoDeleteDevice(object), "deleted twice");
+    ObfDereferenceObject(object);
 }
 
 }  // namespace

@@ -71,29 +71,6 @@ private:
     Script script_;
 };
 
-// Holds pended requests until the test lets them go.
-class Pender {
-public:
-    Script Pend() {
-        return [this](PDEVICE_OBJECT, PIRP irp) {
-            IoMarkIrpPending(irp);
-            held_ = irp;
-            KeSetEvent(&arrived_, 0, FALSE);
-            return STATUS_PENDING;
-        };
-    }
-    // Waits for the request, then completes it on this thread.
-    void Finish(NTSTATUS status, ULONG_PTR information = 0) {
-        EXPECT_EQ(STATUS_SUCCESS, KeWaitForSingleObject(&arrived_, Executive, KernelMode, FALSE, nullptr));
-        Complete(held_, status, information);
-    }
-    Pender() { KeInitializeEvent(&arrived_, SynchronizationEvent, FALSE); }
-
-private:
-    PIRP held_ = nullptr;
-    KEVENT arrived_;
-};
-
 // A kernel that is on while the test runs, with one driver whose devices are scripted. At its end nothing that
 // the request path made may be left.
 class Kernel : public testing::Test {

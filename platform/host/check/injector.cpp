@@ -88,10 +88,6 @@ ULONGLONG FaultCalls(Fault kind) {
     return gCallsOfKind[static_cast<unsigned>(kind)].load(std::memory_order_relaxed);
 }
 
-ULONGLONG FaultCallsOfSet() {
-    return gCallsOfSet.load(std::memory_order_relaxed);
-}
-
 ULONGLONG FaultsInjected() {
     return gInjected.load(std::memory_order_relaxed);
 }

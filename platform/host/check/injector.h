@@ -5,7 +5,6 @@
 // One plan at a time; arming starts all counts at 0. Arm and disarm from one thread.
 #pragma once
 #include <atomic>
-#include <initializer_list>
 #include "platform/host/nt/ntdef.h"
 
 namespace host {
@@ -31,11 +30,6 @@ inline constexpr FaultSet kAllFaults = (1u << static_cast<unsigned>(Fault::Count
 constexpr FaultSet FaultBit(Fault kind) {
     return 1u << static_cast<unsigned>(kind);
 }
-constexpr FaultSet FaultsOf(std::initializer_list<Fault> kinds) {
-    FaultSet set = 0;
-    for (Fault kind : kinds) set |= FaultBit(kind);
-    return set;
-}
 
 // Counts and fails nothing: how far a sweep has to go.
 void CountFaultPoints();
@@ -47,7 +41,6 @@ void DisarmFaults();
 
 // Since the plan was armed; they keep their values after DisarmFaults.
 ULONGLONG FaultCalls(Fault kind);
-ULONGLONG FaultCallsOfSet();  // calls of the armed plan's kinds
 ULONGLONG FaultsInjected();
 
 // While one lives, calls of this thread neither fail nor count: for what a device or a file system of the

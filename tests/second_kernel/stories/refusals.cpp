@@ -1,5 +1,5 @@
-// What the driver refuses where it counts on sectors: device-control requests, writes to a disk's first sector,
-// to removable volumes and through volume handles, and redirected writes for which there is no space.
+// What the driver refuses where it counts on sectors: device-control requests, storage requests and removals,
+// and redirected writes for which there is no space.
 #include <initializer_list>
 #include "tests/second_kernel/common/work.h"
 #include "tests/second_kernel/stories/list.h"
@@ -88,100 +88,23 @@ void TryAll(PDEVICE_OBJECT device, Place place) {
     TryPassThrough(device, place);
 }
 
-// ---- writes ----------------------------------------------------------------------------------------------
-
-// Writes one sector and tells whether the device got it.
-void TryWrite(PDEVICE_OBJECT device, LONGLONG offset, PFILE_OBJECT file, NTSTATUS expected, const char* what) {
-    const ULONG length = device->SectorSize;
-    const Bytes data(length);
-    const Bytes before(length);
-    if (!data || !before) return;
-    PUCHAR sectors = RamOf(device)->Sectors ? RamOf(device)->Sectors + offset : nullptr;
-    if (sectors) RtlCopyMemory(before.Get(), sectors, length);
-    FillPattern(data.Get(), length, static_cast<ULONGLONG>(offset), 77);
-    const ULONG writes = RamOf(device)->Writes;
-    stage::CheckStatus(WriteAt(stage::TopOfStack(device), offset, data.Get(), length, file), expected, what);
-    const bool passes = expected == kPasses;
-    stage::CheckEqual(RamOf(device)->Writes - writes, passes ? 1 : 0, "writes that reached the device");
-    if (!sectors) return;
-    stage::Check(IsSame(sectors, passes ? data.Get() : before.Get(), length), "what the device holds");
-    RtlCopyMemory(sectors, before.Get(), length);
+PDEVICE_OBJECT AddOther(Computer* computer, const RamOptions& options) {
+    PDEVICE_OBJECT device = MakeRamDevice(options);
+    return device && NT_SUCCESS(AddAndStart(computer->Driver, device)) ? device : nullptr;
 }
 
-void TryDisks(Computer* computer) {
-    stage::Step("the first sector of the disk with the protected volume");
-    TryWrite(computer->Disk, 0, nullptr, kProtected, "a write to the first sector");
-    TryWrite(computer->Disk, 512, nullptr, kPasses, "a write to the second sector");
-    stage::Step("the first sector of another disk");
-    PDEVICE_OBJECT other =
-        MakeRamDevice({.Name = OTHER_DISK, .Sectors = stage::Medium(4, kMiB), .Size = kMiB, .IsDisk = true});
-    if (!other || !NT_SUCCESS(AddAndStart(computer->Driver, other))) return;
-    TryWrite(other, 0, nullptr, kPasses, "a write to its first sector");
-    TryCodes(other, Place::Plain);
-}
-
-// A file on a removable volume, as one file system or another would send its writes.
-struct MountedFile {
-    DRIVER_OBJECT driver;
-    DEVICE_OBJECT device;
-    VPB vpb;
-    FILE_OBJECT file;
-};
-
-void InitializeMounted(MountedFile* mounted, PDEVICE_OBJECT volume, const WCHAR* driver) {
-    RtlZeroMemory(static_cast<PVOID>(mounted), sizeof(*mounted));
-    RtlInitUnicodeString(&mounted->driver.DriverName, driver);
-    mounted->device.DriverObject = &mounted->driver;
-    mounted->vpb.DeviceObject = &mounted->device;
-    InitializeFile(&mounted->file, volume, W("\\file"));
-    mounted->file.Vpb = &mounted->vpb;
-}
-
-void TryRemovable(Computer* computer) {
-    stage::Step("a protected removable volume");
-    PDEVICE_OBJECT device = MakeRamDevice(
+void TryOthers(Computer* computer) {
+    stage::Step("control codes of another disk and of a protected removable volume");
+    stage::MakeDirectory(W("\\Device\\Harddisk8"));
+    PDEVICE_OBJECT disk = AddOther(
+        computer, {.Name = OTHER_DISK, .Sectors = stage::Medium(4, kMiB), .Size = kMiB, .IsDisk = true});
+    if (disk) TryCodes(disk, Place::Plain);
+    PDEVICE_OBJECT removable = AddOther(
+        computer,
         {.Name = REMOVABLE_VOLUME, .Sectors = stage::Medium(5, kMiB), .Size = kMiB, .IsRemovable = true});
-    const Bytes memory(sizeof(MountedFile));
-    if (!device || !memory || !NT_SUCCESS(AddAndStart(computer->Driver, device))) return;
-    auto* mounted = reinterpret_cast<MountedFile*>(memory.Get());
-    TryWrite(device, 0, nullptr, kProtected, "a write without a file");
-    InitializeMounted(mounted, device, W("\\FileSystem\\Fastfat"));
-    TryWrite(device, 0, &mounted->file, kProtected, "a write of a file system");
-    InitializeMounted(mounted, device, W("\\FileSystem\\Ntfs"));
-    TryWrite(device, 0, &mounted->file, STATUS_NOT_SUPPORTED,
-             "a write of the file system that wants another answer");
-    TryControl(device, {IOCTL_DISK_IS_WRITABLE}, kProtected, IOCTL_DISK_IS_WRITABLE);
-    TryControl(device, {FSCTL_MOVE_FILE}, kProtected, FSCTL_MOVE_FILE);
-}
-
-void TryVolumeHandles(Computer* computer, PDEVICE_OBJECT plain) {
-    stage::Step("writes through volume handles");
-    FILE_OBJECT file;
-    for (PDEVICE_OBJECT device : {computer->Data, computer->System, plain}) {
-        InitializeFile(&file, device, W(""));
-        file.Flags |= FO_VOLUME_OPEN;
-        TryWrite(device, 512, &file, device == plain ? kPasses : kProtected,
-                 "a write through a volume's handle");
-    }
-}
-
-// Files whose sectors others reach without the file system, whatever the case of their names.
-void PassSystemFiles(Computer* computer) {
-    stage::Step("files that are never redirected");
-    constexpr LONGLONG place = kRegion - 64 * kKiB;
-    const WCHAR* names[] = {W("\\PageFile.sys"), W("\\hiberfil.sys"), W("\\hibernate.sys"),
-                            W("\\Windows\\bootstat.dat"), W("\\Boot\\BCD")};
-    const Bytes data(512);
-    if (!data) return;
-    for (const WCHAR* name : names) {
-        FILE_OBJECT file;
-        InitializeFile(&file, computer->Data, name);
-        FillPattern(data.Get(), 512, place, 88);
-        stage::CheckStatus(WriteAt(TopOfData(computer), place, data.Get(), 512, &file), STATUS_SUCCESS,
-                           "its write");
-        stage::Check(IsSame(computer->DataSectors + place, data.Get(), 512), "the write is on the volume");
-        FillPattern(computer->DataSectors + place, 512, place, kOwnSeed);
-    }
+    if (!removable) return;
+    TryControl(removable, {IOCTL_DISK_IS_WRITABLE}, kProtected, IOCTL_DISK_IS_WRITABLE);
+    TryControl(removable, {FSCTL_MOVE_FILE}, kProtected, FSCTL_MOVE_FILE);
 }
 
 // ---- space -----------------------------------------------------------------------------------------------
@@ -232,25 +155,20 @@ void RefuseStorage(Computer* computer) {
 
 // ---- the boots -------------------------------------------------------------------------------------------
 
-PDEVICE_OBJECT AddPlain(Computer* computer) {
-    PDEVICE_OBJECT plain =
-        MakeRamDevice({.Name = PLAIN_VOLUME, .Sectors = stage::Medium(4, kMiB), .Size = kMiB});
-    return plain && NT_SUCCESS(AddAndStart(computer->Driver, plain)) ? plain : nullptr;
-}
-
 void Off() {
     Computer* computer = BootComputer(kOptions);
     if (!computer) return;
     Install(computer, kText, kStorage);
     stage::Step("while protection is off nothing is refused");
     for (PDEVICE_OBJECT device : {computer->System, computer->Data, computer->Disk}) TryAll(device, Place::Off);
-    TryWrite(computer->Disk, 0, nullptr, kPasses, "a write to the disk's first sector");
     EndComputer(computer);
 }
 
 void On() {
     Computer* computer = BootComputer(kOptions);
-    PDEVICE_OBJECT plain = computer ? AddPlain(computer) : nullptr;
+    PDEVICE_OBJECT plain =
+        computer ? AddOther(computer, {.Name = PLAIN_VOLUME, .Sectors = stage::Medium(4, kMiB), .Size = kMiB})
+                 : nullptr;
     if (!plain) return;
     WakeComputer(computer);
     CheckProtected(computer, kStorage);
@@ -261,10 +179,7 @@ void On() {
     stage::Step("control codes of a plain volume and of the disk");
     TryAll(plain, Place::Plain);
     TryCodes(computer->Disk, Place::Plain);
-    TryDisks(computer);
-    TryRemovable(computer);
-    TryVolumeHandles(computer, plain);
-    PassSystemFiles(computer);
+    TryOthers(computer);
     RefuseStorage(computer);
     UseUpSpace(computer);
     EndComputer(computer);
