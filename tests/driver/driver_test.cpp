@@ -1,7 +1,9 @@
 // The driver's frame: loading, a device's life under the filter, and what waits for whom.
 #include <atomic>
 #include "control/provision_control.h"
-#include "driver/pnp.h"
+#include "driver/remove.h"
+#include "driver/shutdown.h"
+#include "driver/start.h"
 #include "platform/host/rtl/version.h"
 #include "swap/provision.h"
 #include "tests/support/memory_stack.h"
