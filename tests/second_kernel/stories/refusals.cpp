@@ -11,7 +11,7 @@ namespace {
 #define OTHER_DISK W("\\Device\\Harddisk8\\DR8")
 
 const ComputerOptions kOptions = {.DataBytes = 20 * kMiB, .IsDataOnDisk = true};
-constexpr LONGLONG kStorage = 9 * kMiB;  // 1 MiB of it may be used, the rest is kept
+constexpr LONGLONG kStorage = 9 * kMiB;
 const WCHAR kText[] = W("[Global]\r\nProtection=1\r\nRVAccessMode=1\r\n[FV 1]\r\nID=")
     DATA_VOLUME W("\r\nProtectionMode=1\r\nBootMode=1\r\n");
 
@@ -107,41 +107,6 @@ void TryOthers(Computer* computer) {
     TryControl(removable, {FSCTL_MOVE_FILE}, kProtected, FSCTL_MOVE_FILE);
 }
 
-// ---- space -----------------------------------------------------------------------------------------------
-
-void TryNamed(Computer* computer, const WCHAR* name, NTSTATUS expected) {
-    const Bytes data(4096);
-    if (!data) return;
-    FILE_OBJECT file;
-    InitializeFile(&file, computer->Data, name);
-    FillPattern(data.Get(), 4096, 0, kOwnSeed);  // what is there already, so that the model stays as it is
-    stage::CheckStatus(WriteAt(TopOfData(computer), kRegion - 4096, data.Get(), 4096, &file), expected,
-                       "a file's write while space is low");
-}
-
-void UseUpSpace(Computer* computer) {
-    stage::Step("low space is kept for what the file system needs");
-    TryNamed(computer, W("\\documents\\letter.txt"), kProtected);
-    TryNamed(computer, W("\\$Mft"), STATUS_SUCCESS);
-    stage::Step("and the last of it for nobody");
-    constexpr ULONG length = 64 * kKiB;
-    LONGLONG at = 0;
-    for (; at < kWorkBytes - length && !stage::Failed(); at += length) {
-        if (FixedStatus(&computer->User, DATA_VOLUME).SwapUsedBytes > kMiB) break;
-        WriteWork(computer, at, length, 5);
-    }
-    const Bytes data(length);
-    if (!data) return;
-    stage::Check(at >= kMiB - length && at <= kMiB + length, "bytes that found space",
-                 static_cast<ULONGLONG>(at));
-    stage::CheckStatus(WriteAt(TopOfData(computer), at, data.Get(), length), kProtected,
-                       "a write without space");
-    stage::Step("what is redirected can still be overwritten");
-    WriteWork(computer, 0, length, 6);
-    CheckThroughStack(computer);
-    CheckOwnSectors(computer);
-}
-
 void RefuseStorage(Computer* computer) {
     stage::Step("making and removing storage of a protected volume");
     const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, kStorage);
@@ -181,7 +146,6 @@ void On() {
     TryCodes(computer->Disk, Place::Plain);
     TryOthers(computer);
     RefuseStorage(computer);
-    UseUpSpace(computer);
     EndComputer(computer);
 }
 
