@@ -132,6 +132,14 @@ TEST_P(FileSystems, WhatTheDriverHoldsCannotBeReadWrittenMovedOrDeleted) {
     EXPECT_EQ(files.ReadFile(u"\\d\\held", read), STATUS_SUCCESS);
     EXPECT_TRUE(read == Pattern(5000, 1)) << "a refused overwrite must not have emptied the file";
     EXPECT_EQ(files.ReadFile(u"\\d\\held\\below", read), STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(files.WriteFile(u"\\d\\held", Pattern(100, 2)), STATUS_SUCCESS);
+    EXPECT_EQ(files.ReadFile(u"\\d\\held", read), STATUS_SUCCESS);
+    EXPECT_TRUE(read == Pattern(100, 2)) << "nothing of the old contents is left";
+    EXPECT_EQ(files.WriteFile(u"\\used", Pattern(8 * kMiB, 3)), STATUS_SUCCESS);
+    EXPECT_EQ(files.Delete(u"\\used"), STATUS_SUCCESS);
+    EXPECT_EQ(files.WriteAt(u"\\d\\held", 2 * kMiB, Pattern(100, 4)), STATUS_SUCCESS);
+    EXPECT_EQ(files.ReadAt(u"\\d\\held", 100, 2 * kMiB - 100, read), STATUS_SUCCESS);
+    EXPECT_TRUE(read == Bytes(2 * kMiB - 100)) << "a gap reads as zeros wherever it lies";
     EXPECT_EQ(files.ReadFile(u"\\d", read), STATUS_FILE_IS_A_DIRECTORY);
     EXPECT_EQ(files.Delete(u"\\d"), moves ? STATUS_DIRECTORY_NOT_EMPTY : STATUS_FILE_IS_A_DIRECTORY);
 
@@ -223,10 +231,13 @@ TEST_P(FileSystems, SuspendedTheyHaveWrittenWhatIsDueAndKnowWhenTheVolumeIsGone)
         auto file = mounted.Open(StorageOpen(u"\\written"));
         ULONG done = 0;
         ASSERT_EQ(file->Write(0, Pattern(65536, 1).data(), 65536, done), STATUS_SUCCESS);
+        volume.requests.clear();
         mounted.fileSystem->Suspend();
+        EXPECT_EQ(volume.Writes().empty(), !GetParam().IsNtfs()) << "the directory's copy of the size";
         EXPECT_TRUE(Sound(volume));
         before = volume.bytes;
         EXPECT_EQ(mounted.fileSystem->Dismount(), STATUS_SUCCESS);
+        EXPECT_EQ(file->Write(0, before.data(), 512, done), STATUS_DEVICE_NOT_READY);
     }
     EXPECT_TRUE(volume.bytes == before);
     const Mounted mounted(GetParam(), volume);
