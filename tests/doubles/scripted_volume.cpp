@@ -16,21 +16,10 @@ const ScriptedVolume::File* ScriptedVolume::Find(std::u16string_view path) const
     return found == files_.end() ? nullptr : found->second.get();
 }
 
-bool ScriptedVolume::Exists(std::u16string_view path) const {
-    std::lock_guard hold(lock_);
-    return Find(path) != nullptr;
-}
-
 std::vector<Extent> ScriptedVolume::ExtentsOf(std::u16string_view path) const {
     std::lock_guard hold(lock_);
     const File* file = Find(path);
     return file != nullptr ? file->extents : std::vector<Extent>{};
-}
-
-std::uint64_t ScriptedVolume::SizeOf(std::u16string_view path) const {
-    std::lock_guard hold(lock_);
-    const File* file = Find(path);
-    return file != nullptr ? file->size : 0;
 }
 
 std::vector<std::u16string> ScriptedVolume::Paths() const {
@@ -92,11 +81,6 @@ void ScriptedVolume::SetPlacement(std::uint64_t piece, std::uint64_t gap) {
     std::lock_guard hold(lock_);
     piece_ = piece;
     gap_ = gap;
-}
-
-void ScriptedVolume::SetFileLimit(std::uint64_t bytes) {
-    std::lock_guard hold(lock_);
-    fileLimit_ = bytes;
 }
 
 // ---- opens -----------------------------------------------------------------------------------------------
@@ -169,7 +153,6 @@ NTSTATUS ScriptedVolume::Delete(std::u16string_view path) {
 NTSTATUS ScriptedVolume::Reserve(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
     if (IsPowerGone()) return STATUS_DEVICE_POWERED_OFF;
-    if (fileLimit_ != 0 && size > fileLimit_) return STATUS_DISK_FULL;
     std::uint64_t have = 0;
     for (const Extent& extent : file.extents) have += extent.length;
     std::vector<Extent> taken;

@@ -27,9 +27,7 @@ public:
     ScriptedVolume(std::uint64_t begin, std::uint64_t end, std::uint32_t cluster = 4096);
 
     // ---- files -----------------------------------------------------------------------------------------
-    bool Exists(std::u16string_view path) const;
     std::vector<Extent> ExtentsOf(std::u16string_view path) const;
-    std::uint64_t SizeOf(std::u16string_view path) const;
     std::vector<std::u16string> Paths() const;
     // Forgets every file and every change since, as when the volume went back to an earlier state.
     struct Snapshot;
@@ -46,8 +44,7 @@ public:
     // ---- script ----------------------------------------------------------------------------------------
     // New space comes in pieces of at most `piece` bytes with `gap` bytes between them. 0: as large as it gets.
     void SetPlacement(std::uint64_t piece, std::uint64_t gap);
-    // A file that would grow beyond `bytes` fails with STATUS_DISK_FULL. 0: no limit.
-    void SetFileLimit(std::uint64_t bytes);
+
     // ---- for the file system ---------------------------------------------------------------------------
     struct File {
         std::u16string path;
@@ -87,7 +84,7 @@ private:
     Files files_;
     std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, without overlaps
     std::uint64_t cursor_;                         // where the search for a piece begins
-    std::uint64_t piece_ = 0, gap_ = 0, fileLimit_ = 0;
+    std::uint64_t piece_ = 0, gap_ = 0;
     const PowerSwitch* power_ = nullptr;
     std::shared_ptr<const Snapshot> journaled_;
 };

@@ -1,5 +1,6 @@
 // Which way a read or a write of a filtered volume takes: down to the volume, into the swap, to the driver's
 // own files, or back with a refusal.
+#include "config/config_location.h"
 #include "platform/host/sync/clock.h"
 #include "redirect/redirect.h"
 #include "redirect/request_path.h"

@@ -53,11 +53,11 @@ TEST_F(ChunkMaps, SpaceComesFromTheLowestChunksAndGoesBack) {
 TEST_F(ChunkMaps, SpaceThatCouldNotBeRecordedLeavesNothingToSave) {
     const LARGE_INTEGER at = Large(200 * M);
     for (const ULONGLONG call : {1, 2}) {
-        v->MapDirty = FALSE;
-        host::FailCall(host::FaultsOf({host::Fault::Allocate}), call);
-        EXPECT_FALSE(NT_SUCCESS(AddSwapFreeChunk(v, &at, 16 * K)));
+        volume->MapDirty = FALSE;
+        host::FailCall(host::FaultBit(host::Fault::Allocate), call);
+        EXPECT_FALSE(NT_SUCCESS(AddSwapFreeChunk(volume, &at, 16 * K)));
         host::DisarmFaults();
-        EXPECT_EQ(v->MapDirty != FALSE, call == 2) << "the record, then its node";
+        EXPECT_EQ(volume->MapDirty != FALSE, call == 2) << "the record, then its node";
     }
 }
 

@@ -168,16 +168,16 @@ TEST_F(SectorIo, WithoutTheStoragesVolumeNothingIsMoved) {
 }
 
 TEST_F(SectorIo, AWriteWithoutAWholeSectorNeedsItsBufferAllTheSame) {
-    std::uint8_t byte = 1;
     for (const ULONG length : {0u, 1u}) {
-        host::FailCall(host::FaultsOf({host::Fault::MapPages}), 1);
-        const NTSTATUS status = Send(IRP_MJ_WRITE, 100 * S, &byte, length).status;
+        Bytes data(length, 1);
+        host::FailCall(host::FaultBit(host::Fault::MapPages), 1);
+        const NTSTATUS status = Send(volume, IRP_MJ_WRITE, 100 * S, data).status;
         host::DisarmFaults();
-        EXPECT_EQ(status, length == 0 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(host::AssertionCount(), length);
+        EXPECT_EQ(length == 0 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER, status);
+        EXPECT_EQ(length, host::AssertionCount());
     }
     host::ResetAssertionCount();
-    EXPECT_EQ(Send(IRP_MJ_WRITE, 100 * S, &byte, 1).status, STATUS_SUCCESS);
+    EXPECT_EQ(STATUS_SUCCESS, Put(100 * S, Bytes(1)));
 }
 
 // Another write gets to the map between the cut of this one and its turn.
