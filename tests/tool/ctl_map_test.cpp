@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <cstring>
 #include "ctl_support.h"
+#include "tests/support/scratch_folder.h"
 #include "tool/kvrctl/map_picture.h"
 #include "tool/kvrctl/saved_map.h"
 
@@ -17,6 +18,10 @@ SWAP_MAP_ENTRY Entry(std::uint32_t volume, std::uint32_t swap, std::uint32_t sec
     SWAP_MAP_ENTRY entry{volume, swap, sectors, 0};
     SealMapEntry(&entry);
     return entry;
+}
+
+MAP_LOCATION_ENTRY RunAt(std::uint32_t sector, std::uint32_t bytes) {
+    return {sector, bytes};
 }
 
 // A volume whose map lies in two runs: 42 entries fit into the first.
@@ -37,11 +42,9 @@ struct MapVolume {
         Bytes location(runs.size() * sizeof(MAP_LOCATION_ENTRY)), volume(kSectors * 512);
         if (!runs.empty()) std::memcpy(location.data(), runs.data(), location.size());
         location.resize(location.size() - cut);
-        std::size_t slot = 0;
-        for (const SWAP_MAP_ENTRY& entry : entries) {
+        for (std::size_t slot = 0; slot < entries.size(); ++slot) {
             const std::size_t at = slot < 42 ? 6000 * 512 + slot * 12 : 6100 * 512 + (slot - 42) * 12;
-            std::memcpy(volume.data() + at, &entry, sizeof entry);
-            ++slot;
+            std::memcpy(volume.data() + at, &entries[slot], sizeof entries[slot]);
         }
         machine.sectors[kVolume] = volume;
         machine.registry[kVolume] = location;
@@ -79,16 +82,6 @@ TEST(CtlMap, ReadsWhatTheDriverWrote) {
 }
 
 TEST(CtlMap, DamageIsTold) {
-    const auto told = [](const auto& damage) -> std::string {
-        MapVolume volume;
-        damage(volume);
-        try {
-            volume.Read();
-            return "nothing";
-        } catch (const Failure& failure) {
-            return failure.what();
-        }
-    };
     const struct {
         const char* says;
         std::function<void(MapVolume&)> damage;
@@ -102,27 +95,21 @@ TEST(CtlMap, DamageIsTold) {
          [](MapVolume& v) { v.entries[1] = Entry(kFreeSpaceMark, 0xFFFFFFFF - 1, 8); }},
         {"redirected twice", [](MapVolume& v) { v.entries[1] = Entry(135, 5500, 2); }},
         {"used twice", [](MapVolume& v) { v.entries[1] = Entry(300, 4449, 2); }},
-        {"beyond the volume's end",
-         [](MapVolume& v) {
-             v.runs[1] = {6399, 1024};
-         }},
-        {"beyond the volume's end",
-         [](MapVolume& v) {
-             v.runs[1] = {0xFFFFFFFF, 0xFFFFFFFF};
-         }},
-        {"larger than the volume",
-         [](MapVolume& v) {
-             v.runs.assign(3, {1, 5000 * 512});
-         }},
+        {"beyond the volume's end", [](MapVolume& v) { v.runs[1] = RunAt(6399, 1024); }},
+        {"beyond the volume's end", [](MapVolume& v) { v.runs[1] = RunAt(0xFFFFFFFF, 0xFFFFFFFF); }},
+        {"larger than the volume", [](MapVolume& v) { v.runs.assign(3, RunAt(1, 5000 * 512)); }},
         {"length that is none", [](MapVolume& v) { v.cut = 3; }},
         {"no saved map", [](MapVolume& v) { v.runs.clear(); }},
-        {"nothing",
-         [](MapVolume& v) {
-             v.runs[1] = {0, 512};
-         }},
     };
-    for (const auto& row : table)
-        EXPECT_NE(std::string::npos, told(row.damage).find(row.says)) << row.says << told(row.damage);
+    for (const auto& row : table) {
+        MapVolume volume;
+        row.damage(volume);
+        const std::string told = Complaint([&] { volume.Read(); });
+        EXPECT_NE(std::string::npos, told.find(row.says)) << row.says << told;
+    }
+    MapVolume whole;
+    whole.runs[1] = RunAt(0, 512);
+    EXPECT_EQ("", Complaint([&] { whole.Read(); }));
 }
 
 TEST(CtlMap, PictureShowsEverySector) {
