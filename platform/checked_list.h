@@ -1,5 +1,6 @@
 // Doubly linked lists whose every change first verifies that the neighbours point back, and stops the
-// system when they do not: a corrupt list is never followed further.
+// system when they do not: a corrupt list is never followed further. The caller holds what guards the list.
+// IRQL: any at which the entries are resident.
 #pragma once
 #include "platform/kernel.h"
 

@@ -16,6 +16,7 @@ inline constexpr ULONG kPoolTag = 0x4C535354;  // TSSL, in memory order
 [[nodiscard]] inline PVOID AllocatePool(SIZE_T bytes) {
     return ExAllocatePoolWithTag(NonPagedPool, bytes, kPoolTag);
 }
+// `block` came from AllocatePool and is not null. IRQL: at most DISPATCH_LEVEL.
 inline void FreePool(PVOID block) {
     ExFreePoolWithTag(block, kPoolTag);
 }
@@ -36,7 +37,7 @@ public:
     T* Get() const { return m_block; }
     T* operator->() const { return m_block; }
     explicit operator bool() const { return m_block != nullptr; }
-    T* Release() { return std::exchange(m_block, nullptr); }
+    T* Release() { return std::exchange(m_block, nullptr); }  // the caller's to free
     void Reset(T* block = nullptr) {
         if (m_block) FreePool(m_block);
         m_block = block;
@@ -59,7 +60,8 @@ template <class T>
     return PoolPtr<UCHAR>(static_cast<UCHAR*>(AllocatePool(bytes)));
 }
 
-// Holds a fast mutex. IRQL: at most APC_LEVEL on entry, APC_LEVEL while held.
+// Holds a fast mutex, which the thread must not hold already; waits without limit. IRQL: at most APC_LEVEL on
+// entry, APC_LEVEL while held.
 class KVR_SCOPED FastMutexLock {
 public:
     explicit FastMutexLock(FAST_MUTEX& mutex) KVR_ACQUIRE(mutex) : m_mutex(mutex) {
@@ -114,7 +116,8 @@ public:
     ~KernelHandle() { Reset(); }
 
     HANDLE Get() const { return m_handle; }
-    HANDLE* Receive() {  // for calls that fill in a handle
+    // For calls that fill in a handle and leave it alone when they fail. What was owned is closed first.
+    HANDLE* Receive() {
         Reset();
         return &m_handle;
     }
