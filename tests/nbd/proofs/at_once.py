@@ -12,7 +12,7 @@ import time
 import image
 import proof
 from machine import MIB, VOLUME, Machine
-from proof import Failed, Skipped, require, run, say, wait_until
+from proof import Failed, Skipped, require, say, wait_until
 
 try:
     import nbd

@@ -90,7 +90,7 @@ def kept(load):
     pc.ctl("protect", VOLUME, "--at-boot", "keep")
     pc.reboot()
     load.run()
-    require(BYTES // 2 < load.used() <= SWAP, f"{load.used()} bytes of storage are used")
+    require(BYTES // 8 < load.used() <= SWAP, f"{load.used()} bytes of storage are used")
     (load.scratch / "work").mkdir()
     worked = image.Fixed(load.seen(), load.scratch / "work", load.allowed)
     pc.reboot()
