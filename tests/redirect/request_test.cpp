@@ -291,7 +291,10 @@ TEST_F(Requests, EverythingIsRefusedOnAProtectedRemovableVolume) {
     DEVICE_OBJECT mounted{}, onFat{}, onNtfs{};
     onFat.DriverObject = &fat;
     onNtfs.DriverObject = &ntfs;
-    VPB none{}, without = {&mounted, nullptr}, ofFat = {&onFat, nullptr}, ofNtfs = {&onNtfs, nullptr};
+    VPB none{}, without{}, ofFat{}, ofNtfs{};
+    without.DeviceObject = &mounted;
+    ofFat.DeviceObject = &onFat;
+    ofNtfs.DeviceObject = &onNtfs;
     TestFile file(u"\\pagefile.sys");
     EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(stick, kAt, Bytes(S)).status);
     for (VPB* vpb : {static_cast<VPB*>(nullptr), &none, &without, &ofFat, &ofNtfs}) {

@@ -95,7 +95,6 @@ PDEVICE_OBJECT AddOther(Computer* computer, const RamOptions& options) {
 
 void TryOthers(Computer* computer) {
     stage::Step("control codes of another disk and of a protected removable volume");
-    stage::MakeDirectory(W("\\Device\\Harddisk8"));
     PDEVICE_OBJECT disk = AddOther(
         computer, {.Name = OTHER_DISK, .Sectors = stage::Medium(4, kMiB), .Size = kMiB, .IsDisk = true});
     if (disk) TryCodes(disk, Place::Plain);
