@@ -32,6 +32,10 @@ TEST(FormatString, WhatDoesNotFitIsCut) {
     EXPECT_EQ(u"0000#", std::u16string(buffer, 5));
     EXPECT_EQ(STATUS_SUCCESS, FormatString(&to, u"%d", 1234));
     EXPECT_EQ(STATUS_BUFFER_OVERFLOW, FormatString(&to, u"%99999999999d", 7)) << "a huge width ends";
+    EXPECT_EQ(STATUS_SUCCESS, FormatString(&to, u""));
+    EXPECT_EQ(0, to.Length);
+    to.Length = to.MaximumLength + 2;
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, FormatString(&to, u"%d", 1));
 }
 
 }  // namespace

@@ -196,6 +196,7 @@ TEST_F(Storage, CapturedPlacesOutliveTheBoot) {
     SwapAddConfigLocation(volume, 0x50000, S);
     volume->BytesPerSector = S;
     EXPECT_EQ(STATUS_SUCCESS, SaveConfigLocation(volume));
+    EXPECT_FALSE(registry.flushed) << "the system's own flush is soon enough";
     EXPECT_EQ(STATUS_SUCCESS, LoadConfigLocation(volume));
     for (ULONG i = 0; i < kConfigPieces; ++i)
         EXPECT_EQ(i < 3 ? 0x10000 + i * S : 0x30000 + (i - 3) * S, volume->PreloadConfigLocation[i].load());
@@ -207,7 +208,9 @@ TEST_F(Storage, CapturedPlacesOutliveTheBoot) {
     PostloadConfig();
     EXPECT_EQ(1u, registry.values.size());
     PostloadConfigPrepare();
+    PostloadConfigPrepare();
     PostloadConfig();
+    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!PostloadConfigPrepare: done"));
     EXPECT_TRUE(Said("Kvr!PostloadConfigPrepare: done, offset: 10000"));
     EXPECT_EQ(1u, TimesSaid(mark, "Kvr!PostloadConfig: done"));
 }
@@ -282,6 +285,9 @@ TEST_F(Storage, WhatIsParsed) {
         EXPECT_EQ(byTool ? Image(KVR_CONFIG_BYTES) : ImageOf(kTextAfter),
                   Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
     }
+    volume->PreloadConfigLocation[15] = 0;
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, KvrConfigure(volume->FilterDevice)) << "a piece is nowhere";
+    Locate();
     gConfigLoaded = TRUE;
     gConfigDirty = FALSE;
     EXPECT_EQ(STATUS_SUCCESS, KvrConfigure(volume->FilterDevice));

@@ -190,6 +190,8 @@ TEST_F(Provisioning, BlocksFillTheFilesUpToTheSizeThatWasAsked) {
     EXPECT_EQ(18u, files.deleted.size()) << "what was there before goes";
     EXPECT_TRUE(volume->SwapAllocating && !volume->SwapMapLoaded);
     EXPECT_TRUE(Said("kvr.SWP written 12288 blocks") && Said("kvr.MAP written 1048576 bytes"));
+    EXPECT_EQ(STATUS_SUCCESS, Make(1));
+    EXPECT_EQ((Written{{u"\\kvr.SWP", M}, {u"\\kvr.MAP", M}}), files.written);
     files.limit = 2 * M;
     EXPECT_EQ(STATUS_SUCCESS, Make(5 * M));
     EXPECT_EQ((Written{{u"\\kvr.SWP", 2 * M}, {Numbered(1), 2 * M}, {Numbered(2), M}, {u"\\kvr.MAP", M}}),

@@ -45,7 +45,9 @@ TEST_F(Entry, WhatCannotBeMadeEndsTheLoad) {
     host::DisarmFaults();
     UNICODE_STRING link = Counted(u"\\DosDevices\\kvr"), old = Counted(u"\\Device\\old");
     ASSERT_EQ(STATUS_SUCCESS, IoCreateSymbolicLink(&link, &old));
+    const auto mark = host::DebugMark();
     EXPECT_EQ(STATUS_SUCCESS, Load());
+    EXPECT_EQ(1u, TimesSaid(mark, "Kvr!RtlGetVersion: dwMajorVersion=10, "));
     PFILE_OBJECT tool = nullptr;
     EXPECT_EQ(STATUS_SUCCESS, host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA, tool));
     host::CloseDevice(tool);
@@ -59,7 +61,9 @@ TEST_F(Life, StartTellsWhatTheDeviceIs) {
     EXPECT_EQ(kVolumeSignature, stack.volume->Signature);
     stack.extents.push_back({3, {.QuadPart = 0x200}, {.QuadPart = 0x400}});
     stack.claimedExtents = 2;
+    stack.volume->VolumeName.Length = 0;  // not named yet when it was added
     ASSERT_EQ(STATUS_SUCCESS, stack.Start());
+    EXPECT_EQ(2 * 10, stack.volume->VolumeName.Length);
     EXPECT_EQ(ULONG{FixedMedia}, stack.volume->MediaType);
     EXPECT_EQ(4096u, stack.volume->BytesPerSector);
     EXPECT_TRUE(stack.volume->IsVolume && !stack.volume->IsDisk);
@@ -67,6 +71,7 @@ TEST_F(Life, StartTellsWhatTheDeviceIs) {
                 stack.volume->SuppressControlTrace);
     EXPECT_EQ(2u, stack.volume->VolumeDiskExtents.NumberOfDiskExtents);
     EXPECT_TRUE(Said("Kvr!\tExtent[1]: 3 [200-600, length 400]"));
+    EXPECT_FALSE(Said("Kvr!\tExtent[2]"));
     const struct {
         ULONG claimed;
         SIZE_T given;

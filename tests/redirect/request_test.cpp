@@ -243,6 +243,11 @@ TEST_F(Requests, TheDriversOwnFilesAreCapturedWhileTheyAreWritten) {
         at += 0x1000;
     }
     device->verdict = nullptr;
+    ForgetMaps();
+    volume->SwapAllocating = TRUE;
+    volume->SwapMapLoaded = FALSE;
+    EXPECT_FALSE(IsRedirected());
+    EXPECT_EQ(FreeList(), FreeSpace()) << "made for no file";
     PostloadConfigPrepare();
     for (auto& offset : volume->PreloadConfigLocation) offset = 0x8000;
     EXPECT_FALSE(IsRedirected(config));

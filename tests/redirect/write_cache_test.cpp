@@ -101,6 +101,13 @@ TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
     EXPECT_EQ(expected, Read(0, S)) << "the last one that was accepted";
 }
 
+TEST_F(WriteCache, AWriteComesAfterWhatWaits) {
+    Queue(0, S, 1);
+    EXPECT_EQ(STATUS_SUCCESS, Write(volume, 0, Bytes(S, 2)).status);
+    EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
+    EXPECT_EQ(Bytes(S, 2), Read(0, S));
+}
+
 // What a flush and a shutdown write out, and of which volumes.
 TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
     SWAP_FILE* attached = swapFile;

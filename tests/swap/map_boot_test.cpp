@@ -129,6 +129,7 @@ TEST_F(MapBoot, BootActionsAndStates) {
         volume->SwapState = c.state;
         volume->BootAction = c.action;
         volume->IsProtected = c.isProtected;
+        volume->MapDirty = FALSE;
         if (c.listed) {
             UNICODE_STRING name = Counted(kName);
             EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED));
@@ -285,6 +286,7 @@ TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndAnEmptyOneEndsTheMap) {
         NTSTATUS status;
     } cases[] = {{{unreadable, {kMap / S, 0xFFFFFFF0}, first}, true, STATUS_SUCCESS},
                  {{first, unreadable}, true, STATUS_IO_DEVICE_ERROR},
+                 {{first, {kMap / S, 0xFFFFFFF0}}, true, STATUS_INSUFFICIENT_RESOURCES},
                  {{first, {kMap / S + 8, 11}, {0, 4096}}, true, STATUS_SUCCESS},
                  {{{kMap / S, 12}}, true, STATUS_SUCCESS},
                  {{{kMap / S, 11}, first}, false, STATUS_SUCCESS}};

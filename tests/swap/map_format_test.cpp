@@ -256,6 +256,15 @@ TEST_F(MapFormat, PlacesBeyondAnEntryAreLeftOut) {
     EXPECT_EQ((FreeList{{130 * S, S}}), FreeSpace());
 }
 
+TEST_F(MapFormat, WhatLastsUntilTheNextBootIsFreeInTheMap) {
+    Locate({{kMap / S, 512}});
+    Redirect(0, kSwap, S, 1);
+    Save();
+    ForgetMaps();
+    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ((FreeList{{kSwap, S}}), FreeSpace());
+}
+
 TEST_F(MapFormat, TheReaderTrustsNothing) {
     const ULONG at = kSwap / S;
     constexpr ULONG most = 0x7FFFFF;  // sectors below 4 GiB

@@ -37,6 +37,10 @@ TEST_F(SectorIo, NothingUndefinedIsRead) {
     std::ranges::copy(OnDisk(102 * S, 2 * S - 100), expected.begin() + 2 * S);
     EXPECT_EQ(expected, data);
     device->shortBy = 0;
+    device->verdict = [&](const auto& t) { return Refuse(!t.isWrite); };
+    std::ranges::fill(data, 0xEE);
+    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Get(100 * S, data).status);
+    EXPECT_EQ(Bytes(data.size()), data);
     host::SetPoolOptions({});
 }
 
