@@ -11,38 +11,39 @@ using stub::Complete;
 using stub::Device;
 using stub::PassDown;
 
-class HostIrp : public stub::Kernel {};
-using HostIrpDeath = HostIrp;
+class HostIrpDeath : public stub::Kernel {
+protected:
+    // A request that such a device answers stops the machine.
+    void ExpectStop(stub::Script script, const char* rule, const Request& request = {}) const {
+        Device device(driver, std::move(script));
+        EXPECT_DEATH((void)Send(device.object, request), rule);
+    }
+};
 
-stub::Script Answer(NTSTATUS status, ULONG_PTR information = 0) {
-    return [=](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, status, information); };
+NTSTATUS Succeed(PDEVICE_OBJECT, PIRP irp) {
+    return Complete(irp, STATUS_SUCCESS);
 }
 
 TEST_F(HostIrpDeath, ARequestEndsOnce) {
-    Device twice(driver, [](PDEVICE_OBJECT, PIRP irp) {
+    Device bottom(driver, Succeed);
+    const auto twice = [](PDEVICE_OBJECT, PIRP irp) {
         Complete(irp, STATUS_SUCCESS);
         return Complete(irp, STATUS_SUCCESS);
-    });
-    EXPECT_DEATH((void)Send(twice.object, Request{}), "request completed twice");
-    Device sendsOn(driver, [&](PDEVICE_OBJECT, PIRP irp) {
+    };
+    const auto sendsOn = [&](PDEVICE_OBJECT, PIRP irp) {
         Complete(irp, STATUS_SUCCESS);
-        return IofCallDriver(twice.object, irp);
-    });
-    EXPECT_DEATH((void)Send(sendsOn.object, Request{}), "request sent after its end");
-    Device unfinished(driver, [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_PENDING); });
-    EXPECT_DEATH((void)Send(unfinished.object, Request{}), "completed with STATUS_PENDING");
-    Device frees(driver, [](PDEVICE_OBJECT, PIRP irp) {
+        return IofCallDriver(bottom.object, irp);
+    };
+    const auto frees = [](PDEVICE_OBJECT, PIRP irp) {
         IoFreeIrp(irp);
         return STATUS_SUCCESS;
-    });
-    EXPECT_DEATH((void)Send(frees.object, Request{}), "freed while a driver holds it");
-    Device bottom(driver, Answer(STATUS_SUCCESS));
-    EXPECT_DEATH(
-        {
-            PIRP irp = IoAllocateIrp(1, FALSE);
-            (void)IofCallDriver(bottom.object, irp);
-        },
-        "completed past its owner");
+    };
+    const auto unfinished = [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_PENDING); };
+    ExpectStop(twice, "request completed twice");
+    ExpectStop(sendsOn, "request sent after its end");
+    ExpectStop(unfinished, "completed with STATUS_PENDING");
+    ExpectStop(frees, "freed while a driver holds it");
+    EXPECT_DEATH((void)IofCallDriver(bottom.object, IoAllocateIrp(1, FALSE)), "completed past its owner");
     EXPECT_DEATH(Complete(IoAllocateIrp(1, FALSE), STATUS_SUCCESS), "completed that no driver holds");
 }
 
@@ -60,41 +61,32 @@ TEST_F(HostIrpDeath, AnswersMustMatchTheEnd) {
                  {false, false, STATUS_PENDING, PASSIVE_LEVEL, "not marked pending"},
                  {false, true, STATUS_SUCCESS, DISPATCH_LEVEL, "a dispatch routine"}};
     for (const auto& c : cases) {
-        Device device(driver, [&](PDEVICE_OBJECT, PIRP irp) {
+        const auto answer = [&](PDEVICE_OBJECT, PIRP irp) {
             if (c.mark) IoMarkIrpPending(irp);
             host::SetIrql(c.irql);
             if (c.complete) Complete(irp, STATUS_SUCCESS);
             if (!c.complete && c.returned == STATUS_PENDING)
                 std::thread([=] { Complete(irp, STATUS_SUCCESS); }).detach();
             return c.returned;
-        });
-        EXPECT_DEATH((void)Send(device.object, Request{}), c.rule);
+        };
+        ExpectStop(answer, c.rule);
     }
 }
 
 TEST_F(HostIrpDeath, StackLocationsAreCounted) {
-    Device bottom(driver, Answer(STATUS_SUCCESS));
-    Device filter(
-        driver,
-        [](PDEVICE_OBJECT device, PIRP irp) {
-            IoCopyCurrentIrpStackLocationToNext(irp);
-            return IofCallDriver(stub::Of(device).target, irp);
-        },
-        bottom.object);
-    EXPECT_DEATH(
-        {
-            host::SyncRequest small(host::NewIrp(1, nullptr, nullptr));
-            (void)small.Call(filter.object);
-        },
-        "no more stack locations");
-    Device skipsTwice(driver, [&](PDEVICE_OBJECT, PIRP irp) {
+    Device bottom(driver, Succeed);
+    const auto copies = [&](PDEVICE_OBJECT, PIRP irp) {
+        IoCopyCurrentIrpStackLocationToNext(irp);
+        return IofCallDriver(bottom.object, irp);
+    };
+    const auto skipsTwice = [&](PDEVICE_OBJECT, PIRP irp) {
         IoSkipCurrentIrpStackLocation(irp);
         IoSkipCurrentIrpStackLocation(irp);
         return IofCallDriver(bottom.object, irp);
-    });
-    EXPECT_DEATH((void)Send(skipsTwice.object, Request{}), "skipped twice");
-    EXPECT_DEATH((void)Send(bottom.object, {.major = IRP_MJ_MAXIMUM_FUNCTION + 1}), "out of range");
-    filter.Delete();
+    };
+    ExpectStop(copies, "no more stack locations");
+    ExpectStop(skipsTwice, "skipped twice");
+    ExpectStop(Succeed, "out of range", {.major = IRP_MJ_MAXIMUM_FUNCTION + 1});
 }
 
 TEST_F(HostIrpDeath, PagesAreLockedAndGivenBackInBalance) {
@@ -116,20 +108,19 @@ TEST_F(HostIrpDeath, PagesAreLockedAndGivenBackInBalance) {
     MmUnlockPages(mdl);
     IoFreeMdl(mdl);
     for (const Pages pages : {Pages::Unlocked, Pages::Locked}) {
-        Device device(driver, [=](PDEVICE_OBJECT, PIRP irp) {
+        const auto turns = [=](PDEVICE_OBJECT, PIRP irp) {
             if (pages == Pages::Unlocked)
                 MmProbeAndLockPages(irp->MdlAddress, KernelMode, IoReadAccess);
             else
                 MmUnlockPages(irp->MdlAddress);
             return Complete(irp, STATUS_SUCCESS);
-        });
-        EXPECT_DEATH((void)Send(device.object, {.pages = pages, .length = 8, .buffer = data}),
-                     "page locks out of balance");
+        };
+        ExpectStop(turns, "page locks out of balance", {.pages = pages, .length = 8, .buffer = data});
     }
 }
 
 TEST_F(HostIrpDeath, StacksAreTakenDownFromTheTop) {
-    Device bottom(driver, Answer(STATUS_SUCCESS));
+    Device bottom(driver, Succeed);
     Device top(driver, PassDown, bottom.object);
     EXPECT_DEATH(IoDeleteDevice(bottom.object), "deleted under another");
     EXPECT_DEATH(IoDeleteDevice(top.object), "deleted while attached");

@@ -1,9 +1,7 @@
 // Each misuse of the kernel must stop the run with a line that names the rule.
-#include <gtest/gtest.h>
-
 #include <functional>
+#include <gtest/gtest.h>
 #include <thread>
-
 #include "platform/host/object/object.h"
 #include "platform/host/memory/pool.h"
 #include "platform/host/memory/pool_block.h"
@@ -16,14 +14,9 @@ namespace {
 constexpr ULONG Tag = 0x4C535354;  // "TSSL"
 
 struct Misuse {
-    const char* name;
+    const char* rule;  // part of the line
     std::function<void()> body;
-    const char* message;
 };
-
-void PrintTo(const Misuse& misuse, std::ostream* out) {
-    *out << misuse.name;
-}
 
 FAST_MUTEX fastA, fastB;
 KMUTEX kernelA;
@@ -69,105 +62,85 @@ char* Block(SIZE_T bytes = 100) {
 }
 
 const Misuse misuses[] = {
-    {"FastMutexTwice", [] { Acquire(&fastA), Acquire(&fastA); }, "which it already holds"},
-    {"FastMutexNotHeld", [] { Release(&fastA); }, "which it does not hold"},
-    {"FastMutexesReleasedInOrderOfAcquisition", [] { Acquire(&fastA), Acquire(&fastB), Release(&fastA); },
-     "lock release order"},
-    {"LockOrder",
+    {"which it already holds", [] { Acquire(&fastA), Acquire(&fastA); }},
+    {"which it does not hold", [] { Release(&fastA); }},
+    {"lock release order", [] { Acquire(&fastA), Acquire(&fastB), Release(&fastA); }},
+    {"middle .rank 2. acquired while inner .rank 3. is held",
      [] {
          host::SetLockRank(&fastA, 3, "inner"), host::SetLockRank(&fastB, 2, "middle");
          Acquire(&fastA), Acquire(&fastB);
-     },
-     "middle .rank 2. acquired while inner .rank 3. is held"},
-    {"LocksNeverTogether",
+     }},
+    {"swap .rank 4. acquired while cache",
      [] {
          host::SetLockRank(&kernelA, 4, "cache"), host::SetLockRank(&fastA, 4, "swap");
          (void)Wait(&kernelA), Acquire(&fastA);
-     },
-     "swap .rank 4. acquired while cache"},
-    {"MutexReleasedByAnother",
+     }},
+    {"which it does not hold",
      [] {
          (void)Wait(&kernelA);
          std::thread([] { KeReleaseMutex(&kernelA, FALSE); }).join();
-     },
-     "which it does not hold"},
-    {"MutexUnderFastMutex", [] { Acquire(&fastA), (void)Wait(&kernelA); }, "on a mutex called at IRQL 1"},
-    {"SpinLockTwice", [] { KeAcquireSpinLockRaiseToDpc(&spin), KeAcquireSpinLockRaiseToDpc(&spin); },
-     "which it already holds"},
-    {"RemoveLockNotHeld",
+     }},
+    {"on a mutex called at IRQL 1", [] { Acquire(&fastA), (void)Wait(&kernelA); }},
+    {"which it already holds", [] { KeAcquireSpinLockRaiseToDpc(&spin), KeAcquireSpinLockRaiseToDpc(&spin); }},
+    {"released that is not held",
      [] {
          IO_REMOVE_LOCK lock;
          IoInitializeRemoveLock(&lock, 0, 0, 0);
          IoReleaseRemoveLock(&lock, nullptr);
-     },
-     "released that is not held"},
-    {"EventNotInitialised",
+     }},
+    {"not an initialised event",
      [] {
          KEVENT zero{};
          KeSetEvent(&zero, 0, FALSE);
-     },
-     "not an initialised event"},
-    {"ThreadEndsWithLock", [] { InThread([](PVOID) { Acquire(&fastA); }); },
-     "end of a system thread: thread .* holds 1 lock"},
-    {"ExceptionLeavesThread", [] { InThread([](PVOID) { ExRaiseStatus(STATUS_ACCESS_VIOLATION); }); },
-     "exception c0000005 left"},
-    {"CallLeavesLockHeld",
+     }},
+    {"end of a system thread: thread .* holds 1 lock", [] { InThread([](PVOID) { Acquire(&fastA); }); }},
+    {"exception c0000005 left", [] { InThread([](PVOID) { ExRaiseStatus(STATUS_ACCESS_VIOLATION); }); }},
+    {"a call: thread .* holds 1 lock",
      [] {
          const host::LockState before = host::CaptureLockState();
          Acquire(&fastA);
          host::CheckLockState(before, "a call");
-     },
-     "a call: thread .* holds 1 lock"},
-
-    {"BlockFreedTwice",
+     }},
+    {"freed before|heap-use-after-free",
      [] {
          char* block = Block();
          ExFreePoolWithTag(block, Tag), ExFreePoolWithTag(block, Tag);
-     },
-     "freed before|heap-use-after-free"},
-    {"BlockFreedWithWrongTag", [] { ExFreePoolWithTag(Block(), Tag + 1); },
-     "has tag \"TSSL\" and was freed with"},
-    {"BlockOverrunByOneByte",
+     }},
+    {"has tag \"TSSL\" and was freed with", [] { ExFreePoolWithTag(Block(), Tag + 1); }},
+    {"beyond its end|heap-buffer-overflow",
      [] {
          char* block = Block(101);
          block[101] = 1;
          ExFreePoolWithTag(block, Tag);
-     },
-     "beyond its end|heap-buffer-overflow"},
-    {"BlockWrittenAfterFree",
+     }},
+    {"written at offset 7 after it was freed|heap-use-after-free",
      [] {
          host::SetPoolOptions({true, 1 << 20});
          char* block = Block();
          ExFreePoolWithTag(block, Tag);
          block[7] = 1;
          host::PoolCheck();
-     },
-     "written at offset 7 after it was freed|heap-use-after-free"},
-    {"PoolWithoutTag", [] { ExAllocatePoolWithTag(NonPagedPool, 8, 0); }, "without a tag"},
-
-    {"HandleClosedTwice",
+     }},
+    {"without a tag", [] { ExAllocatePoolWithTag(NonPagedPool, 8, 0); }},
+    {"which is not open",
      [] {
-         auto* body = host::MakeObject<int>(host::ObjectType::Other);
-         const HANDLE handle = host::InsertHandle(body);
+         const HANDLE handle = host::InsertHandle(host::MakeObject<int>(host::ObjectType::Other));
          (void)ZwClose(handle), (void)ZwClose(handle);
-     },
-     "which is not open"},
-    {"FastFail", [] { KvrFastFail(3); }, "code 3"},
+     }},
+    {"code 3", [] { KvrFastFail(3); }},
 };
 
-class MisuseStops : public testing::TestWithParam<Misuse> {};
-
-TEST_P(MisuseStops, WithTheRule) {
-    EXPECT_DEATH(
-        {
-            InitializeAll();
-            GetParam().body();
-            _exit(0);
-        },
-        GetParam().message);
+TEST(HostMisuseDeath, StopsWithTheRule) {
+    for (const Misuse& misuse : misuses) {
+        SCOPED_TRACE(misuse.rule);
+        EXPECT_DEATH(
+            {
+                InitializeAll();
+                misuse.body();
+                _exit(0);
+            },
+            misuse.rule);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Host, MisuseStops, testing::ValuesIn(misuses),
-                         [](const auto& info) { return info.param.name; });
 
 }  // namespace

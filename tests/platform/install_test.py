@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """The INF installs and uninstalls what it should, as Wine's setupapi carries it out.
 
-usage: install_test.py INF DRIVER PREFIX    PREFIX is a folder of this test's own, kept between runs
+usage: install_test.py INF DRIVER FOLDER    FOLDER is this test's own; the Wine prefix in it is kept between runs
 
 One Wine session runs the whole story, so that no start of Wine finds the driver installed, and exports the registry
 after each step; the checks read the exports. The tool's file stands in for kvrctl.exe: only where it goes matters.
@@ -9,53 +9,26 @@ after each step; the checks read the exports. The tool's file stands in for kvrc
 Wine 8 shortens a list with 0x18002 rightly, but then stores only the first half of its bytes. Last in each list stands
 a long name, so that all names that matter lie in that half; a Wine that stores the whole passes as well.
 """
-import os
 import re
 import shutil
-import subprocess
 import sys
 import unittest
 from pathlib import Path
 
-INF, DRIVER, PREFIX = (Path(argument).resolve() for argument in sys.argv[1:4])
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "second_kernel/wine"))
+import play
+
+INF, DRIVER, FOLDER = (Path(argument).resolve() for argument in sys.argv[1:4])
 VOLUME, DISK = "{71A27CDD-812A-11D0-BEC7-08002BE2092F}", "{4D36E967-E325-11CE-BFC1-08002BE10318}"
 SET = r"HKLM\System\CurrentControlSet"
 CLASSES = SET + r"\Control\Class"
-OURS = "kvr"
+SERVICE, LOCATIONS = SET + r"\Services\kvr", r"HKLM\System\kvr"
+LOOKED_AT = {"volume": rf"{CLASSES}\{VOLUME}", "disk": rf"{CLASSES}\{DISK}", "service": SERVICE, "locations": LOCATIONS}
 PADDING = "padding" * 12
-WINE = {"WINEPREFIX": str(PREFIX), "WINEARCH": "win64", "WINEDEBUG": "-all", "WINEDLLOVERRIDES": "mscoree,mshtml="}
-ENVIRONMENT = {name: text for name, text in os.environ.items() if name != "DISPLAY"} | WINE
-SYSTEM = PREFIX / "drive_c/windows/system32"
-STORY = PREFIX / "drive_c/kvr-install"
-LOG = PREFIX / "wine.log"
+WINE = play.Wine(FOLDER)
+SYSTEM = WINE.prefix / "drive_c/windows/system32"
+STORY = WINE.prefix / "drive_c/kvr-install"
 REG_SZ, REG_DWORD, REG_MULTI_SZ = 1, 4, 7
-
-
-def wine(program, *arguments, seconds):
-    """To a file, not a pipe: Wine's own processes keep it open for a while after the program's end."""
-    with open(LOG, "ab") as log:
-        return subprocess.run([program, *arguments], env=ENVIRONMENT, timeout=seconds, stdout=log,
-                              stderr=log).returncode
-
-
-def end_wine():
-    wine("wineserver", "-k", seconds=20)
-    wine("wineserver", "-w", seconds=20)
-
-
-def make_prefix():
-    ready = Path(PREFIX, "ready")
-    if ready.exists():
-        return
-    shutil.rmtree(PREFIX, ignore_errors=True)
-    PREFIX.mkdir(parents=True)
-    try:
-        made = wine("wineboot", "-i", seconds=180)
-        wine("wineserver", "-w", seconds=60)
-    finally:
-        end_wine()
-    assert made == 0, LOG.read_text(errors="replace")
-    ready.touch()
 
 
 class Story:
@@ -74,17 +47,13 @@ class Story:
         self.run(rf"rundll32 setupapi,InstallHinfSection {section} 132 C:\kvr-install\kvr.inf")
 
     def look(self, name):
-        self.run(*(rf'reg export "{key}" C:\kvr-install\{name}.{part}.reg /y' for part, key in (
-            ("volume", rf"{CLASSES}\{VOLUME}"), ("disk", rf"{CLASSES}\{DISK}"),
-            ("service", rf"{SET}\Services\{OURS}"), ("locations", r"HKLM\System\kvr"))))
+        self.run(*(rf'reg export "{key}" C:\kvr-install\{name}.{part}.reg /y' for part, key in LOOKED_AT.items()))
         self.run(rf"dir /s /b C:\windows\kvr* >C:\kvr-install\{name}.files")
 
     def play(self):
         Path(STORY, "story.cmd").write_text("\r\n".join(self.lines) + "\r\n")
-        try:
-            wine("wine", "cmd", "/c", r"C:\kvr-install\story.cmd", seconds=120)
-        finally:
-            end_wine()
+        WINE.run(["wine", "cmd", "/c", r"C:\kvr-install\story.cmd"], seconds=120)
+        WINE.end_session()
 
 
 class Seen:
@@ -93,7 +62,7 @@ class Seen:
 
     def __init__(self, name):
         self.volume, self.disk, self.service, self.locations = (
-            self.values(Path(STORY, f"{name}.{part}.reg")) for part in ("volume", "disk", "service", "locations"))
+            self.values(Path(STORY, f"{name}.{part}.reg")) for part in LOOKED_AT)
         files = Path(STORY, f"{name}.files").read_text().lower().split()
         self.files = sorted(path.removeprefix("c:\\windows\\system32\\") for path in files)
 
@@ -104,13 +73,12 @@ class Seen:
         values = {}
         text = path.read_text("utf-16").replace("\\\n", "").replace("\\\r\n", "")
         for name, form, data in re.findall(r'^"([^"]+)"=(?:(dword|hex(?:\(\w\))?):)?(.*?)\s*$', text, re.M):
-            if not form:
-                values[name] = (REG_SZ, data[1:-1].replace("\\\\", "\\"))
-            elif form == "dword":
+            if form == "dword":
                 values[name] = (REG_DWORD, int(data, 16))
+            elif form:
+                values[name] = (int(form[4:-1] or "3", 16), bytes.fromhex("".join(data.replace(",", "").split())))
             else:
-                kind = int(form[4:-1] or "3", 16) if "(" in form else 3
-                values[name] = (kind, bytes.fromhex("".join(data.replace(",", "").split())))
+                values[name] = (REG_SZ, data[1:-1].replace("\\\\", "\\"))
         return values
 
 
@@ -119,7 +87,8 @@ def multi(*names):
 
 
 def prepare():
-    LOG.unlink(missing_ok=True)
+    WINE.drivers.mkdir(parents=True, exist_ok=True)
+    WINE.make_prefix()
     shutil.rmtree(STORY, ignore_errors=True)
     STORY.mkdir()
     for file in (INF, DRIVER):
@@ -132,7 +101,7 @@ def prepare():
 def tell():
     """Install twice over other filters, use, let another filter come, uninstall twice; then with no lists at all."""
     story = Story()
-    for key in (rf"{SET}\Services\{OURS}", r"HKLM\System\kvr", rf"{CLASSES}\{VOLUME}"):
+    for key in (SERVICE, LOCATIONS, LOOKED_AT["volume"]):
         story.run(f'reg delete "{key}" /f')
     story.filters(VOLUME, r"volsnap\0other")
     story.filters(DISK, "partmgr")
@@ -143,8 +112,8 @@ def tell():
               r"echo configuration >C:\windows\system32\drivers\kvr.cfg")
     story.inf("DefaultInstall")
     story.look("upgraded")
-    story.filters(VOLUME, rf"volsnap\0other\0{OURS}\0later\0{PADDING}")
-    story.filters(DISK, rf"partmgr\0{OURS}\0{PADDING}")
+    story.filters(VOLUME, rf"volsnap\0other\0kvr\0later\0{PADDING}")
+    story.filters(DISK, rf"partmgr\0kvr\0{PADDING}")
     for name in ("removed", "removed_again"):
         story.inf("DefaultUninstall")
         story.look(name)
@@ -160,10 +129,9 @@ def tell():
 class InstallTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        make_prefix()
         prepare()
         tell()
-        assert Path(STORY, "end.files").exists(), "Wine did not play the story to its end; see " + str(LOG)
+        assert Path(STORY, "end.files").exists(), "Wine did not play the story to its end"
 
     def filters(self, seen, volume, disk):
         self.assertEqual(seen.volume["UpperFilters"], (REG_MULTI_SZ, multi(*volume)))
@@ -173,7 +141,7 @@ class InstallTest(unittest.TestCase):
         for name in ("installed", "again", "upgraded"):
             with self.subTest(name):
                 seen = Seen(name)
-                self.filters(seen, ("volsnap", "other", OURS), ("partmgr", OURS))
+                self.filters(seen, ("volsnap", "other", "kvr"), ("partmgr", "kvr"))
                 wanted = {"Type": (REG_DWORD, 1), "Start": (REG_DWORD, 0), "ErrorControl": (REG_DWORD, 1),
                           "Group": (REG_SZ, "PnP Filter"), "DisplayName": (REG_SZ, "Kvr volume filter")}
                 self.assertEqual({key: seen.service[key] for key in wanted}, wanted)
@@ -202,10 +170,10 @@ class InstallTest(unittest.TestCase):
                 self.assertEqual(seen.files, [])
                 for values in (seen.volume, seen.disk):
                     found = values.get("UpperFilters", (REG_MULTI_SZ, b""))[1]
-                    self.assertNotIn(OURS.encode("utf-16-le"), found)
+                    self.assertNotIn("kvr".encode("utf-16-le"), found)
 
     def test_install_where_there_is_no_list(self):
-        self.filters(Seen("no_lists"), (OURS,), (OURS,))
+        self.filters(Seen("no_lists"), ("kvr",), ("kvr",))
 
     def test_version_and_files(self):
         text = INF.read_text("ascii")
