@@ -1,7 +1,7 @@
 // What programs may ask for: any control code with any buffers, at the control device and at the stacks of
 // volumes and disks, in any order, over reboots, with a protected volume or without one.
 #include "fuzz/support.h"
-#include <array>
+#include <algorithm>
 #include "platform/host/sync/clock.h"
 #include "config/parser.h"
 #include "tool/kvrctl/config_writer.h"
@@ -21,8 +21,8 @@ using namespace machine;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr unsigned kDisks = 3;  // system, data, removable; one volume on each
-constexpr std::uint64_t kDataBytes = 4
-                                     << 20;  // little, so that making storage ends soon whatever size is asked
+// Little, so that making storage ends soon whatever size is asked.
+constexpr std::uint64_t kDataBytes = 4 << 20;
 constexpr SIZE_T kLittlePool = 4 << 20;
 constexpr char16_t kControlDevice[] = u"\\Device\\kvr";
 
@@ -43,12 +43,6 @@ constexpr ULONG kDeviceCodes[] = {IOCTL_DISK_GET_DRIVE_LAYOUT,     IOCTL_DISK_GE
 constexpr ULONG kReadCodes[] = {IOCTL_SCSI_PASS_THROUGH, IOCTL_SCSI_PASS_THROUGH_DIRECT};
 // Lengths that the driver knows, beside which any other is tried.
 constexpr ULONG kLengths[] = {0, 4, 8, 56, 128, 132, 136, 160, 320, KVR_CONFIG_BYTES};
-
-Bytes OfText(std::u16string_view text) {
-    Bytes bytes(text.size() * 2);
-    std::memcpy(bytes.data(), text.data(), bytes.size());
-    return bytes;
-}
 
 class Computer {
 public:
@@ -93,7 +87,7 @@ public:
         CheckEnd(report);
         fuzz::Require(NT_SUCCESS(booted) && NT_SUCCESS(machine_->DriverStatus()), "the machine boots again");
     }
-    void CheckEnd(const ShutdownReport& report) {
+    static void CheckEnd(const ShutdownReport& report) {
         fuzz::Require(report.leaks.memory.irps == 0 && report.leaks.memory.mdls == 0,
                       "every request has ended");
     }
@@ -122,6 +116,16 @@ Bytes TakeBuffer(FuzzedDataProvider& input, ULONG length) {
     return bytes;
 }
 
+// What asks for storage of `size` bytes on HarddiskVolume1, 2 ...
+Bytes StorageRequest(char16_t volume, std::int64_t size) {
+    SWAP_CONFIG_REQUEST request{};
+    const std::u16string name = std::u16string(u"\\Device\\HarddiskVolume") + volume;
+    std::copy(name.begin(), name.end(), request.VolumeName);
+    request.SwapSize = size;
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&request);
+    return {bytes, bytes + sizeof(request)};
+}
+
 // The records of the requests, well-formed, so that what is behind the checks of lengths is reached.
 Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
     if (code == IOCTL_KVR_SET_CONFIG) {
@@ -129,7 +133,9 @@ Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
         config::FixedVolumeText volume = {u"\\Device\\HarddiskVolume2"};
         volume.bootMode = input.PickValueInArray({0u, 1u, 2u});
         volume.action = input.PickValueInArray({0u, 1u, 2u});
-        Bytes bytes = OfText(global + config::FixedSection(volume, 1));
+        const std::u16string text = global + config::FixedSection(volume, 1);
+        Bytes bytes(text.size() * 2);
+        std::memcpy(bytes.data(), text.data(), bytes.size());
         const Bytes tail = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint8_t>());
         bytes.insert(bytes.end(), tail.begin(), tail.end());
         bytes.resize(KVR_CONFIG_BYTES);
@@ -137,13 +143,8 @@ Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
     }
     if (code == IOCTL_SCSI_PASS_THROUGH || code == IOCTL_SCSI_PASS_THROUGH_DIRECT)
         return TakeBuffer(input, sizeof(SCSI_PASS_THROUGH));
-    SWAP_CONFIG_REQUEST request{};
-    std::u16string name = u"\\Device\\HarddiskVolume1";
-    name.back() = input.PickValueInArray({u'1', u'2', u'3', u'4'});
-    for (std::size_t i = 0; i < name.size(); ++i) request.VolumeName[i] = name[i];
-    request.SwapSize = input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&request);
-    return {bytes, bytes + sizeof(request)};
+    const char16_t volume = input.PickValueInArray({u'1', u'2', u'3', u'4'});
+    return StorageRequest(volume, input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20);
 }
 
 // A record, a record with its end missing, or any bytes.
@@ -155,17 +156,23 @@ Bytes TakeInput(FuzzedDataProvider& input, ULONG code) {
     return bytes;
 }
 
-void AskControlDevice(Computer& computer, FuzzedDataProvider& input) {
-    const ULONG code =
-        input.ConsumeBool() ? input.PickValueInArray(kControlCodes) : input.ConsumeIntegral<ULONG>();
-    const fuzz::ExactBytes in(TakeInput(input, code));
-    const fuzz::ExactBytes out(Bytes(TakeLength(input), 0xEE));
+NTSTATUS Ask(Computer& computer, ULONG code, const Bytes& input, std::size_t room = 0) {
+    const fuzz::ExactBytes in(input);
+    const fuzz::ExactBytes out(Bytes(room, 0xEE));
     ULONG returned = 0;
     const NTSTATUS status =
         computer.Hardware().Control(kControlDevice, code, in.Get(), static_cast<ULONG>(in.Size()), out.Get(),
                                     static_cast<ULONG>(out.Size()), returned);
     // A direct code would let the caller change the other buffer under the driver: none of its own is one.
     fuzz::Require(status != STATUS_PENDING && returned <= out.Size(), "the answer fits");
+    return status;
+}
+
+void AskControlDevice(Computer& computer, FuzzedDataProvider& input) {
+    const ULONG code =
+        input.ConsumeBool() ? input.PickValueInArray(kControlCodes) : input.ConsumeIntegral<ULONG>();
+    const Bytes in = TakeInput(input, code);
+    static_cast<void>(Ask(computer, code, in, TakeLength(input)));
 }
 
 ULONG TakeCode(FuzzedDataProvider& input) {
@@ -205,13 +212,7 @@ void Transfer(Computer& computer, FuzzedDataProvider& input) {
 
 // Storage as a tool makes it, to its end.
 void MakeStorage(Computer& computer) {
-    SWAP_CONFIG_REQUEST request{};
-    constexpr std::u16string_view name = u"\\Device\\HarddiskVolume2";
-    for (std::size_t i = 0; i < name.size(); ++i) request.VolumeName[i] = name[i];
-    request.SwapSize = 2 << 20;
-    ULONG returned = 0;
-    static_cast<void>(computer.Hardware().Control(kControlDevice, IOCTL_KVR_ALLOCATE_SWAP, &request,
-                                                  sizeof(request), nullptr, 0, returned));
+    static_cast<void>(Ask(computer, IOCTL_KVR_ALLOCATE_SWAP, StorageRequest(u'2', 2 << 20)));
     host::JoinSystemThreads();
 }
 
@@ -243,9 +244,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Computer computer;
     if (input.ConsumeBool()) computer.Protect();
     for (int steps = 0; steps < 12 && input.remaining_bytes() != 0; ++steps) Step(computer, input);
-    ULONG returned = 0;
-    const NTSTATUS stopped = computer.Hardware().Control(kControlDevice, IOCTL_KVR_STOP_SWAP_THREAD, nullptr, 0,
-                                                         nullptr, 0, returned);
+    const NTSTATUS stopped = Ask(computer, IOCTL_KVR_STOP_SWAP_THREAD, {});
     fuzz::Require(NT_SUCCESS(stopped), "a provisioning thread stops when it is told to");
     host::JoinSystemThreads();
     computer.CheckVolumes();

@@ -7,12 +7,14 @@
 #include "config/storage.h"
 #include "driver/globals.h"
 #include "machine/boot/registry_file.h"
+#include "machine/disk/disk_device.h"
 #include "platform/owners.h"
 #include "swap/swap_file.h"
 #include "platform/host/io/device.h"
 #include "platform/host/object/registry_store.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
+#include "tests/doubles/memory_disk.h"
 #include "tests/support/map_invariants.h"
 
 namespace {
@@ -21,53 +23,14 @@ constexpr std::size_t kVolumeBytes = 64 * 1024;
 constexpr SIZE_T kPoolLimit = 1024 * 1024;  // a run longer than that cannot be allocated
 constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
 
-// A small disk in memory.
-class Medium {
-public:
-    Medium() : m_bytes(kVolumeBytes) {
-        PDRIVER_OBJECT driver = host::CreateDriver(u"\\Driver\\disk");
-        driver->MajorFunction[IRP_MJ_READ] = driver->MajorFunction[IRP_MJ_WRITE] = Serve;
-        fuzz::Require(
-            NT_SUCCESS(IoCreateDevice(driver, sizeof(Medium*), nullptr, FILE_DEVICE_DISK, 0, FALSE, &m_device)),
-            "the disk is made");
-        *static_cast<Medium**>(m_device->DeviceExtension) = this;
-        m_device->Flags = (m_device->Flags | DO_DIRECT_IO) & ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-    }
-    ~Medium() { IoDeleteDevice(m_device); }
-    PDEVICE_OBJECT Object() const { return m_device; }
-    std::uint8_t* At(LONGLONG offset) { return m_bytes.data() + offset; }
-    std::vector<std::uint8_t> Copy() const { return m_bytes; }
-
-private:
-    static NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
-        auto& bytes = (*static_cast<Medium**>(device->DeviceExtension))->m_bytes;
-        const IO_STACK_LOCATION* location = IoGetCurrentIrpStackLocation(irp);
-        const auto& place = location->Parameters.Read;
-        const LONGLONG offset = place.ByteOffset.QuadPart;
-        const bool inside =
-            offset >= 0 && offset % 512 == 0 && offset + place.Length <= static_cast<LONGLONG>(bytes.size());
-        if (inside && place.Length != 0) {
-            void* buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
-            if (location->MajorFunction == IRP_MJ_READ)
-                std::memcpy(buffer, &bytes[offset], place.Length);
-            else
-                std::memcpy(&bytes[offset], buffer, place.Length);
-        }
-        const NTSTATUS status = inside ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
-        irp->IoStatus.Status = status;
-        irp->IoStatus.Information = inside ? place.Length : 0;
-        IoCompleteRequest(irp, IO_NO_INCREMENT);
-        return status;
-    }
-
-    PDEVICE_OBJECT m_device = nullptr;
-    std::vector<std::uint8_t> m_bytes;
-};
-
-// A record over such a disk, as StartDevice leaves it.
+// A record over a small disk in memory, as StartDevice leaves it.
 class Volume {
 public:
-    explicit Volume(ULONG sector) {
+    explicit Volume(ULONG sector) : medium_(std::make_shared<machine::MemoryDisk>(kVolumeBytes, 512)) {
+        PDRIVER_OBJECT disks = host::CreateDriver(u"\\Driver\\disk");
+        machine::DiskDevice::Fill(disks);
+        fuzz::Require(NT_SUCCESS(machine::DiskDevice::Create(disks, medium_, 0, false, disk_)),
+                      "the disk is made");
         PDRIVER_OBJECT driver = host::CreateDriver(u"\\Driver\\kvr");
         fuzz::Require(NT_SUCCESS(IoCreateDevice(driver, sizeof(VOLUME_EXTENSION), nullptr, FILE_DEVICE_DISK, 0,
                                                 FALSE, &filter_)),
@@ -75,7 +38,7 @@ public:
         record_ = new (filter_->DeviceExtension) VOLUME_EXTENSION{};
         filter_->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
         record_->FilterDevice = filter_;
-        record_->Target = IoAttachDeviceToDeviceStack(filter_, disk_.Object());
+        record_->Target = IoAttachDeviceToDeviceStack(filter_, disk_->Device());
         RtlInitUnicodeString(&record_->VolumeName, kName);
         record_->IsVolume = TRUE;
         record_->MediaType = FixedMedia;
@@ -92,13 +55,20 @@ public:
         ForgetMapLocation(record_);
         IoDetachDevice(record_->Target);
         IoDeleteDevice(filter_);
+        IoDeleteDevice(disk_->Device());
     }
     PDEVICE_OBJECT Filter() const { return filter_; }
     PVOLUME_EXTENSION Record() const { return record_; }
-    Medium& Disk() { return disk_; }
+    machine::MemoryDisk& Disk() { return *medium_; }
+    std::vector<std::uint8_t> BootSector() {
+        std::vector<std::uint8_t> sector(512);
+        static_cast<void>(medium_->Read(0, sector.data(), sector.size()));
+        return sector;
+    }
 
 private:
-    Medium disk_;
+    std::shared_ptr<machine::MemoryDisk> medium_;
+    std::unique_ptr<machine::DiskDevice> disk_;
     PDEVICE_OBJECT filter_ = nullptr;
     PVOLUME_EXTENSION record_ = nullptr;
     SWAP_FILE swapFile_{};
@@ -154,16 +124,14 @@ void LoadAtBoot(Volume& volume, FuzzedDataProvider& input) {
     const auto at = input.ConsumeIntegralInRange<std::size_t>(0, 8 * 1024);
     std::vector<std::uint8_t> image = input.ConsumeRemainingBytes<std::uint8_t>();
     if (seal) SealEntries(image);
-    std::copy(image.begin(), image.end(), volume.Disk().At(static_cast<LONGLONG>(at / 512 * 512)));
+    static_cast<void>(volume.Disk().Write(at / 512 * 512, image.data(), image.size()));
 
     PVOLUME_EXTENSION record = volume.Record();
-    const std::vector<std::uint8_t> before = volume.Disk().Copy();
+    const std::vector<std::uint8_t> before = volume.BootSector();
     const bool merging = (record->BootAction & PV_ACTION_MERGE) != 0;
     static_cast<void>(PreloadSwapMap(volume.Filter()));
     CheckLoaded(volume);
-    if (!merging)
-        fuzz::Require(std::memcmp(before.data(), volume.Disk().At(0), 512) == 0,
-                      "the boot sector is left alone");
+    fuzz::Require(merging || volume.BootSector() == before, "the boot sector is left alone");
     record->MapDirty = TRUE;
     WriteSwapMap(volume.Filter(), TRUE);
     CheckLoaded(volume);
