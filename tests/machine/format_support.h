@@ -5,20 +5,18 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <vector>
-#include <unistd.h>
 #include "machine/ext/format.h"
 #include "machine/files/guest_files.h"
 #include "machine/files/mounted_file_system.h"
 #include "machine/ntfs/format.h"
 #include "machine/partition/subprocess.h"
+#include "tests/support/scratch_folder.h"
 
 namespace format_test {
 
@@ -38,20 +36,6 @@ inline Bytes Pattern(std::size_t length, unsigned seed) {
 
 // ---- the file systems' own tools ---------------------------------------------------------------------------
 
-class ScratchFile {
-public:
-    ScratchFile() : path_((std::filesystem::temp_directory_path() / "kvr-files-XXXXXX").string()) {
-        close(mkstemp(path_.data()));
-    }
-    ~ScratchFile() { std::filesystem::remove(path_); }
-    ScratchFile(const ScratchFile&) = delete;
-    ScratchFile& operator=(const ScratchFile&) = delete;
-    const std::string& Path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
 // Leaves holes for zeros.
 inline void WriteImage(const Bytes& bytes, const std::string& path) {
     static const Bytes zeros(65536);
@@ -67,22 +51,20 @@ inline void WriteImage(const Bytes& bytes, const std::string& path) {
 }
 
 inline Bytes ReadImage(const std::string& path) {
-    Bytes bytes(std::filesystem::file_size(path));
-    std::ifstream(path, std::ios::binary)
-        .read(reinterpret_cast<char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
+    const std::vector<char> bytes = TestFolder::Bytes(path);
+    return {bytes.begin(), bytes.end()};
 }
 
 using Arguments = std::vector<std::string>;
 
 // Runs a tool on the volume's bytes, whose file is its last argument; they are as it left them.
 inline machine::ToolResult RunOn(Bytes& bytes, const std::string& tool, Arguments arguments) {
-    const ScratchFile file;
-    WriteImage(bytes, file.Path());
-    arguments.push_back(file.Path());
+    const TestFolder folder;
+    arguments.push_back(folder.File("volume"));
+    WriteImage(bytes, arguments.back());
     machine::ToolResult result = machine::RunTool(tool, arguments);
     EXPECT_TRUE(result.started) << tool;
-    bytes = ReadImage(file.Path());
+    bytes = ReadImage(arguments.back());
     return result;
 }
 

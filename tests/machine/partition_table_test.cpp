@@ -18,25 +18,21 @@ struct Case {
     std::size_t count;
 };
 
-// Reads the table of a disk that begins with `image`; what follows up to `size` reads as zeros.
-PartitionTable ReadImage(const Image& image, std::uint32_t sector, std::uint64_t size = 0) {
-    if (size == 0) size = image.size();
+PartitionTable ReadImage(const Image& image, std::uint32_t sector = 512) {
     const auto read = [&](std::uint64_t offset, void* buffer, std::uint32_t length) {
-        std::memset(buffer, 0, length);
-        if (offset < image.size()) {
-            std::memcpy(buffer, &image[offset], std::min<std::uint64_t>(length, image.size() - offset));
-        }
+        std::memcpy(buffer, &image.at(offset), length);
         return true;
     };
-    return ReadPartitionTable(read, size, sector);
+    return ReadPartitionTable(read, image.size(), sector);
 }
 
-Image MakeImage(const Case& c, std::vector<NewPartition>& parts, std::uint64_t size = 12 * kMiB) {
+Image MakeImage(const Case& c, std::vector<NewPartition>& parts) {
     std::string error;
-    EXPECT_TRUE(LayOutPartitions(size, std::vector<std::uint64_t>(c.count), c.kind, parts, error)) << error;
-    Image image(size);
-    const auto pieces =
-        c.kind == TableKind::Gpt ? MakeGpt(size, c.sector, parts, 3) : MakeMbr(size, c.sector, parts, 3);
+    Image image(12 * kMiB);
+    EXPECT_TRUE(LayOutPartitions(image.size(), std::vector<std::uint64_t>(c.count), c.kind, parts, error))
+        << error;
+    const auto pieces = c.kind == TableKind::Gpt ? MakeGpt(image.size(), c.sector, parts, 3)
+                                                 : MakeMbr(image.size(), c.sector, parts, 3);
     for (const DiskPiece& piece : pieces)
         std::memcpy(&image[piece.offset], piece.bytes.data(), piece.bytes.size());
     return image;
@@ -61,22 +57,19 @@ TEST(PartitionTable, ReadsBackWhatWasWritten) {
 }
 
 TEST(PartitionTable, DiskWithoutTableIsOneVolume) {
-    Image blank(kMiB);
-    ASSERT_EQ(1u, ReadImage(blank, 512).partitions.size());
-    EXPECT_EQ(kMiB, ReadImage(blank, 512).partitions[0].length);
+    EXPECT_EQ(kMiB, ReadImage(Image(kMiB)).partitions.at(0).length);
     // Boot code where partition entries would be.
     Image ntfs(kMiB);
     std::memcpy(ntfs.data(), "\xEB\x52\x90NTFS    ", 11);
     Put<std::uint16_t>(&ntfs[11], 512);
     Put<std::uint16_t>(&ntfs[kBootMark], kBootMarkValue);
     std::memset(&ntfs[kMbrEntries], 0x41, 64);
-    const PartitionTable table = ReadImage(ntfs, 512);
+    const PartitionTable table = ReadImage(ntfs);
     EXPECT_EQ(TableKind::None, table.kind);
-    ASSERT_EQ(1u, table.partitions.size());
-    EXPECT_EQ(kMiB, table.partitions[0].length);
+    EXPECT_EQ(kMiB, table.partitions.at(0).length);
     // The same entries without the file system's mark are a table, of nothing usable.
     ntfs[3] = 'X';
-    EXPECT_TRUE(ReadImage(ntfs, 512).partitions.empty());
+    EXPECT_TRUE(ReadImage(ntfs).partitions.empty());
 }
 
 TEST(PartitionTable, GptFallsBackToItsBackup) {
@@ -86,23 +79,23 @@ TEST(PartitionTable, GptFallsBackToItsBackup) {
     for (const std::size_t damaged : {std::size_t{512 + 20}, std::size_t{1024 + 40}}) {
         Image bad = image;
         bad[damaged] ^= 1;
-        const PartitionTable table = ReadImage(bad, 512);
+        const PartitionTable table = ReadImage(bad);
         EXPECT_EQ(3u, table.partitions.size());
         EXPECT_EQ(1u, table.problems.size());
         bad[bad.size() - 512 + 20] ^= 1;
-        EXPECT_TRUE(ReadImage(bad, 512).partitions.empty()) << "both damaged: the sum of neither is trusted";
+        EXPECT_TRUE(ReadImage(bad).partitions.empty()) << "both damaged: the sum of neither is trusted";
     }
 }
 
 TEST(PartitionTable, EntriesThatCannotBeAreLeftOut) {
     std::vector<NewPartition> parts;
     const Image image = MakeImage({TableKind::Gpt, 512, 2}, parts);
-    const auto read = [&](const Image& entries) {
-        Image bad(entries.begin(), entries.begin() + 64 * 1024);  // without the backup
+    const auto read = [&](Image bad) {
         Put<std::uint32_t>(&bad[512 + kGptEntriesCrc], Crc32(&bad[1024], 128 * 128));
         Put<std::uint32_t>(&bad[512 + kGptHeaderCrc], 0);
         Put<std::uint32_t>(&bad[512 + kGptHeaderCrc], Crc32(&bad[512], kGptHeaderSize));
-        return ReadImage(bad, 512, image.size()).partitions;
+        bad[bad.size() - 512] ^= 1;  // without the backup
+        return ReadImage(bad).partitions;
     };
     Image overlap = image, endless = image;
     std::memcpy(&overlap[1024 + 128 + kGptEntryFirst], &overlap[1024 + kGptEntryFirst], 16);
@@ -120,14 +113,14 @@ TEST(PartitionTable, MbrChainsEnd) {
     for (const std::uint32_t target : {0u, 1u, 0xFFFFFFFFu, 0x7FFFFFFFu, 64u}) {
         Image bad = image;
         Put<std::uint32_t>(&bad[next], target);
-        const PartitionTable table = ReadImage(bad, 512);
+        const PartitionTable table = ReadImage(bad);
         EXPECT_EQ(4u, table.partitions.size()) << "target " << target;
         EXPECT_EQ(1u, table.problems.size()) << "a chain that turns back is not walked again";
     }
     Image huge = image;
     Put<std::uint32_t>(&huge[link + kMbrEntries + kMbrEntrySectors], 0xFFFFFFFF);
     Put<std::uint32_t>(&huge[kMbrEntries + kMbrEntryStart], 0);
-    EXPECT_EQ(4u, ReadImage(huge, 512).partitions.size());
+    EXPECT_EQ(4u, ReadImage(huge).partitions.size());
 }
 
 }  // namespace
