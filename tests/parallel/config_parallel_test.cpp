@@ -1,9 +1,9 @@
 // The configuration when many threads need it at once.
-#include <thread>
 #include "config/parser.h"
 #include "config/config_files.h"
 #include "config/storage.h"
 #include "redirect/write_cache.h"
+#include "tests/support/at_once.h"
 #include "tests/support/memory_stack.h"
 
 namespace {
@@ -17,12 +17,6 @@ protected:
     static LONGLONG Place(ULONG piece) { return 0x4000 + piece * 512; }
     void Put(const char16_t* text) {
         std::memcpy(&device->data[Place(0)], text, std::char_traits<char16_t>::length(text) * 2);
-    }
-    template <class Work>
-    static void AtOnce(int threads, const Work& work) {
-        std::vector<std::thread> running;
-        for (int i = 0; i < threads; ++i) running.emplace_back([&work, i] { work(i); });
-        for (std::thread& thread : running) thread.join();
     }
 };
 

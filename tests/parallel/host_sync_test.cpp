@@ -1,31 +1,19 @@
-// Locks, waits and exceptions of the host kernel, alone and contended.
+// Locks and waits of the host kernel, contended.
+#include <atomic>
 #include <gtest/gtest.h>
-
-#include <thread>
-
-#include "platform/host/object/object.h"
-#include "platform/host/memory/pool.h"
-#include "platform/host/sync/thread.h"
-#include "tests/support/driver_frames.h"
+#include <memory>
+#include "platform/kernel.h"
+#include "tests/support/at_once.h"
 
 namespace {
 
-using namespace host;
-
-NTSTATUS Wait(PVOID object, const LONGLONG* ticks = nullptr) {
-    LARGE_INTEGER timeout{};
-    if (ticks != nullptr) timeout.QuadPart = *ticks;
-    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != nullptr ? &timeout : nullptr);
+// Without a time: until the object is signalled. `ticks` counts from now and is negative.
+NTSTATUS Wait(PVOID object, LONGLONG ticks = 0) {
+    LARGE_INTEGER timeout = {.QuadPart = ticks};
+    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != 0 ? &timeout : nullptr);
 }
 
 constexpr LONGLONG OneMillisecond = -10'000;
-
-template <class Body>
-void InParallel(int threads, const Body& body) {
-    std::vector<std::thread> running;
-    for (int i = 0; i < threads; ++i) running.emplace_back([&body, i] { body(i); });
-    for (std::thread& thread : running) thread.join();
-}
 
 // ---- events ------------------------------------------------------------------------------------------
 
@@ -36,7 +24,7 @@ TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
     KeInitializeEvent(&event, SynchronizationEvent, FALSE);
     KeInitializeEvent(&taken, SynchronizationEvent, FALSE);
     std::atomic<int> released = 0;
-    InParallel(4, [&](int thread) {
+    AtOnce(4, [&](int thread) {
         if (thread == 0) {
             for (int i = 0; i < Sets; ++i) {
                 KeSetEvent(&event, 0, FALSE);
@@ -44,10 +32,8 @@ TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
             }
             return;
         }
-        const LONGLONG tiny = -20;
         while (released.load() < Sets) {
-            const NTSTATUS status = Wait(&event, thread == 1 ? &tiny : &OneMillisecond);
-            if (status != STATUS_SUCCESS) continue;
+            if (Wait(&event, thread == 1 ? -20 : OneMillisecond) != STATUS_SUCCESS) continue;
             released.fetch_add(1);
             KeSetEvent(&taken, 0, FALSE);
         }
@@ -59,20 +45,17 @@ TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
 TEST(HostEvents, SetterNeverTouchesAnEventThatItsWaiterGaveBack) {
     std::atomic<KEVENT*> published = nullptr;
     std::atomic<bool> done = false;
-    std::thread setter([&] {
-        while (!done.load()) {
+    AtOnce(2, [&](int thread) {
+        while (thread == 0 && !done.load())
             if (KEVENT* event = published.exchange(nullptr); event != nullptr) KeSetEvent(event, 0, FALSE);
+        for (int i = 0; thread == 1 && i < 5000; ++i) {
+            const auto event = std::make_unique<KEVENT>();
+            KeInitializeEvent(event.get(), i % 2 == 0 ? NotificationEvent : SynchronizationEvent, FALSE);
+            published.store(event.get());
+            EXPECT_EQ(Wait(event.get()), STATUS_SUCCESS);
         }
+        done.store(true);
     });
-    for (int i = 0; i < 5000; ++i) {
-        auto* event = new KEVENT;
-        KeInitializeEvent(event, i % 2 == 0 ? NotificationEvent : SynchronizationEvent, FALSE);
-        published.store(event);
-        ASSERT_EQ(Wait(event), STATUS_SUCCESS);
-        delete event;
-    }
-    done.store(true);
-    setter.join();
 }
 
 // ---- locks -------------------------------------------------------------------------------------------
@@ -86,13 +69,13 @@ TEST(HostLocks, ExcludeEachOther) {
     KeInitializeMutex(&mutex, 0);
     KeInitializeSpinLock(&spin);
     int byFast = 0, byMutex = 0, bySpin = 0;  // plain: the thread sanitizer sees an unordered access
-    InParallel(Threads, [&](int thread) {
+    AtOnce(Threads, [&](int thread) {
         for (int i = 0; i < Rounds; ++i) {
             ExAcquireFastMutex(&fast);
             ++byFast;
             ExReleaseFastMutex(&fast);
-            const LONGLONG tiny = -50;  // some give up, and must not strand the others
-            while (Wait(&mutex, thread == 0 ? &tiny : nullptr) != STATUS_SUCCESS) {
+            // Some give up, and must not strand the others.
+            while (Wait(&mutex, thread == 0 ? -50 : 0) != STATUS_SUCCESS) {
             }
             ++byMutex;
             KeReleaseMutex(&mutex, FALSE);
@@ -104,32 +87,6 @@ TEST(HostLocks, ExcludeEachOther) {
     EXPECT_EQ(byFast, Threads * Rounds);
     EXPECT_EQ(byMutex, Threads * Rounds);
     EXPECT_EQ(bySpin, Threads * Rounds);
-}
-
-struct Counts {
-    int destroyed = 0;
-    int cleanups = 0;
-};
-
-// ---- exceptions --------------------------------------------------------------------------------------
-
-TEST(HostExceptions, CleanupRunsOnceAndDriverDestructorsNever) {
-    Counts counts;
-    const auto raise = [](void* context) {
-        auto* c = static_cast<Counts*>(context);
-        CallInTryFinally(
-            [](void* inner) {
-                CallThroughDriverFrame([](void*) { ExRaiseStatus(STATUS_ACCESS_VIOLATION); }, nullptr,
-                                       static_cast<Counts*>(inner)->destroyed);
-            },
-            c, c->cleanups);
-    };
-    EXPECT_EQ(CallInTryExcept(raise, &counts), STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(counts.cleanups, 1);
-    EXPECT_EQ(counts.destroyed, 0);
-    EXPECT_EQ(CallInTryExcept([](void*) {}, nullptr), STATUS_SUCCESS);
-    CallInTryFinally([](void*) {}, nullptr, counts.cleanups);
-    EXPECT_EQ(counts.cleanups, 2);
 }
 
 }  // namespace

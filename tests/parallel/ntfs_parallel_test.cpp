@@ -1,5 +1,5 @@
-#include <thread>
 #include "tests/machine/format_support.h"
+#include "tests/support/at_once.h"
 
 namespace {
 
@@ -10,7 +10,7 @@ TEST(NtfsParallel, ThreadsShareAVolumeAndAFile) {
     {
         const Mounted mounted(kNtfs, volume);
         ASSERT_EQ(mounted.files->WriteFile(u"\\shared", Bytes(64 * 4096, 0)), STATUS_SUCCESS);
-        const auto work = [&](unsigned id) {
+        AtOnce(4, [&](unsigned id) {
             machine::GuestFiles files(*mounted.fileSystem);
             const std::string number = std::to_string(id);
             const std::u16string own = u"\\own" + std::u16string(number.begin(), number.end());
@@ -27,10 +27,7 @@ TEST(NtfsParallel, ThreadsShareAVolumeAndAFile) {
                 EXPECT_EQ(files.ReadFile(own, read), STATUS_SUCCESS);
                 EXPECT_EQ(read, Pattern(i * 3000, id));
             }
-        };
-        std::vector<std::thread> threads;
-        for (unsigned id = 0; id < 4; ++id) threads.emplace_back(work, id);
-        for (std::thread& thread : threads) thread.join();
+        });
         Bytes read;
         ASSERT_EQ(mounted.files->ReadFile(u"\\shared", read), STATUS_SUCCESS);
         for (std::size_t i = 0; i < 30 * 4000; ++i) ASSERT_EQ(read[i], i / 1000 % 4) << "byte " << i;

@@ -5,9 +5,9 @@
 #include <atomic>
 #include <mutex>
 #include <random>
-#include <thread>
 #include <gtest/gtest.h>
 #include "platform/host/sync/clock.h"
+#include "tests/support/at_once.h"
 #include "tests/support/lock_ranks.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/protected_computer.h"
@@ -38,12 +38,12 @@ public:
     explicit Crowd(machine::Machine& machine) : machine_(machine) {}
 
     void Run(unsigned writesEach) {
-        std::vector<std::thread> threads;
-        for (unsigned w = 0; w < kWriters; ++w) threads.emplace_back([=, this] { WriteMany(w, writesEach); });
-        for (unsigned r = 0; r < kReaders; ++r) threads.emplace_back([=, this] { ReadMany(r); });
-        for (unsigned w = 0; w < kWriters; ++w) threads[w].join();
-        stop_ = true;
-        for (unsigned r = 0; r < kReaders; ++r) threads[kWriters + r].join();
+        AtOnce(kWriters + kReaders, [&](unsigned thread) {
+            if (thread < kWriters)
+                WriteMany(thread, writesEach);
+            else
+                ReadMany(thread);
+        });
     }
 
     // No write that ended before another covering write began may still be seen.
@@ -70,12 +70,13 @@ private:
             std::lock_guard<std::mutex> guard(lock_);
             writes_.push_back({first, count, stamp, began, clock_++});
         }
+        --writing_;
     }
 
     void ReadMany(unsigned reader) {
         std::mt19937_64 random(reader + 100);
         std::vector<std::uint8_t> data(64 * kSector);
-        while (!stop_) {
+        while (writing_ != 0) {
             const std::size_t first = random() % (kSectors - 64 + 1);
             EXPECT_EQ(STATUS_SUCCESS,
                       machine_.Read(kDataVolume, kRegionBegin + first * kSector, data.data(), 64 * kSector));
@@ -86,10 +87,11 @@ private:
     }
 
     void CheckSector(std::size_t s, const std::uint8_t* data) {
+        const auto covers = [s](const WriteRecord& w) { return s >= w.first && s < w.first + w.count; };
         const WriteRecord* found = nullptr;
         bool isCovered = false;
         for (const WriteRecord& w : writes_) {
-            if (s < w.first || s >= w.first + w.count) continue;
+            if (!covers(w)) continue;
             isCovered = true;
             if (SectorHolds(data, kSector, w.stamp + (s - w.first))) found = &w;
         }
@@ -98,16 +100,14 @@ private:
             return;
         }
         ASSERT_NE(nullptr, found) << "sector " << s << " holds no covering write's data";
-        for (const WriteRecord& w : writes_) {
-            const bool covers = s >= w.first && s < w.first + w.count;
-            ASSERT_FALSE(covers && w.began > found->ended) << "sector " << s << " lost a later write";
-        }
+        for (const WriteRecord& w : writes_)
+            ASSERT_FALSE(covers(w) && w.began > found->ended) << "sector " << s << " lost a later write";
     }
 
     machine::Machine& machine_;
     std::atomic<std::uint64_t> nextStamp_{1};
     std::atomic<std::uint64_t> clock_{0};
-    std::atomic<bool> stop_{false};
+    std::atomic<unsigned> writing_{kWriters};
     std::mutex lock_;
     std::vector<WriteRecord> writes_;
 };
@@ -142,36 +142,51 @@ TEST_P(Overlap, EachSectorHoldsOneOfTheWritesThatCoveredIt) {
 INSTANTIATE_TEST_SUITE_P(Completions, Overlap,
                          testing::Values(machine::Completion::Immediate, machine::Completion::Pended));
 
-// The power goes or the machine shuts down while requests run: every request ends with a status.
+// The power goes or the machine shuts down while requests run: every request ends with a status, and after a
+// cut none of them reaches the disk.
 TEST(ParallelEnd, RequestsEndWhenTheMachineDoes) {
     ProtectedComputer computer({.completion = machine::Completion::Pended});
     ASSERT_NO_FATAL_FAILURE(computer.Install({.bootMode = 0}, 64 * kMiB));
-    for (unsigned round = 0; round < 4; ++round) {
-        machine::Machine& machine = computer.Hardware();
+    machine::Machine& machine = computer.Hardware();
+    for (const bool cut : {true, false, true, false}) {
         ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
         std::atomic<unsigned> done{0};
-        std::vector<std::thread> threads;
-        for (unsigned t = 0; t < 3; ++t) {
-            threads.emplace_back([&, t] {
-                std::vector<std::uint8_t> data(8 * kSector, static_cast<std::uint8_t>(t));
-                for (std::uint64_t i = 0;; ++i) {
-                    const machine::Machine::Use use(machine);
-                    if (!use) return;
-                    const std::uint64_t offset = kRegionBegin + (i * 7 + t) % 64 * data.size();
-                    const NTSTATUS status = machine.Write(kDataVolume, offset, data.data(), 8 * kSector);
-                    EXPECT_TRUE(NT_SUCCESS(status) || !machine.IsOn()) << std::hex << status;
-                    ++done;
-                }
-            });
-        }
-        while (done < 30) std::this_thread::yield();
-        if (round % 2 == 0) {
+        std::unique_ptr<machine::MemoryDisk> after;
+        AtOnce(4, [&](unsigned thread) {
+            if (thread == 0) {
+                while (done < 30) std::this_thread::yield();
+                cut ? machine.PowerCut() : static_cast<void>(machine.Shutdown());
+                after = computer.DataDisk().Clone();
+                return;
+            }
+            std::vector<std::uint8_t> data(8 * kSector, static_cast<std::uint8_t>(thread));
+            for (std::uint64_t i = 0;; ++i, ++done) {
+                const machine::Machine::Use use(machine);
+                if (!use) return;
+                const std::uint64_t offset = kRegionBegin + (i * 7 + thread) % 64 * data.size();
+                const NTSTATUS status = machine.Write(kDataVolume, offset, data.data(), 8 * kSector);
+                EXPECT_TRUE(NT_SUCCESS(status) || !machine.IsOn()) << std::hex << status;
+            }
+        });
+        EXPECT_TRUE(computer.DataDisk().SameContent(*after)) << "a write reached the disk after the end";
+    }
+}
+
+// A thread that waits in I/O when the power goes must come back from it.
+TEST(ParallelEnd, APowerCutEndsThreadsThatWaitInIo) {
+    ProtectedComputer computer;
+    machine::Machine& machine = computer.Hardware();
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    machine.DiskOf(1)->SetCompletion(machine::Completion::Stepped);
+    AtOnce(2, [&](int thread) {
+        UCHAR sector[kSector] = {};
+        if (thread == 0) {
+            machine.DiskOf(1)->WaitForWaiting(1);
             machine.PowerCut();
         } else {
-            machine.Shutdown();
+            EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, machine.Write(kDataVolume, kRegionBegin, sector, kSector));
         }
-        for (std::thread& thread : threads) thread.join();
-    }
+    });
 }
 
 }  // namespace
