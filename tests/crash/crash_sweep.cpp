@@ -14,18 +14,18 @@ constexpr std::uint64_t kProbeStamp = 900000;
 
 }  // namespace
 
-std::string CutPoint::Text() const {
-    return "write " + std::to_string(nth) + ", " + std::to_string(kept) + " sectors of it kept" +
-           (journaled ? ", directory from the journal" : "");
-}
-
 // ---- the sweep -------------------------------------------------------------------------------------------
 
 namespace {
 
+std::string TextOf(const CutPoint& cut) {
+    return "write " + std::to_string(cut.nth) + ", " + std::to_string(cut.kept) + " sectors of it kept" +
+           (cut.journaled ? ", directory from the journal" : "");
+}
+
 // False when the operation got through.
 bool RunCut(const Scenario& scenario, CutPoint cut) {
-    SCOPED_TRACE(scenario.name + ", cut at " + cut.Text());
+    SCOPED_TRACE(scenario.name + ", cut at " + TextOf(cut));
     ProtectedComputer computer(*scenario.start);
     machine::PowerSwitch& power = computer.Hardware().Power();
     if (scenario.prepare) scenario.prepare(computer);
@@ -36,8 +36,10 @@ bool RunCut(const Scenario& scenario, CutPoint cut) {
     cut.struck = power.WritesSeen() - before >= cut.nth;
     computer.Hardware().PowerCut();
     power.Restore();
-    if (cut.journaled) computer.DataFiles().RestoreJournaled();
-    if (cut.journaled) computer.SystemFiles().RestoreJournaled();
+    if (cut.journaled) {
+        computer.DataFiles().RestoreJournaled();
+        computer.SystemFiles().RestoreJournaled();
+    }
     if (!testing::Test::HasFatalFailure()) scenario.check(computer, cut);
     EXPECT_EQ(0u, host::AssertionCount());
     return cut.struck;
@@ -147,6 +149,9 @@ void OwnSectors::ExpectOthersUnchanged(const ComputerImage& before, ProtectedCom
 
 // ---- the driver after a cut ------------------------------------------------------------------------------
 
+namespace {
+
+// The driver says that the volume is protected with its storage, or that it is not and why (3, 4 or 5).
 Storage ExpectWorkingOrReported(ProtectedComputer& computer) {
     const KVR_FIXED_VOLUME_STATUS status = computer.Status();
     const bool works = status.State == 2 && status.SwapStatus == 2;
@@ -155,12 +160,12 @@ Storage ExpectWorkingOrReported(ProtectedComputer& computer) {
     return works ? Storage::Works : Storage::Reported;
 }
 
+// Writes are redirected and read back, and the next boot treats them as configured.
 void ExpectProtects(ProtectedComputer& computer, bool keeps) {
     const auto fixed = MediumSectors(computer, kProbeSector, 40);
     WriteStamps(computer, kProbeSector, 40, kProbeStamp);
     const auto written = ReadSectors(computer, kProbeSector, 40);
-    for (unsigned s = 0; s < 40; ++s)
-        EXPECT_EQ(kProbeStamp + s, StampAmong(&written[s * 512], {kProbeStamp + s}));
+    for (unsigned s = 0; s < 40; ++s) EXPECT_TRUE(SectorHolds(&written[s * kSector], kSector, kProbeStamp + s));
     computer.Hardware().Shutdown();
     EXPECT_EQ(fixed, MediumSectors(computer, kProbeSector, 40)) << "a write reached the volume";
     PowerOn(computer);
@@ -168,6 +173,7 @@ void ExpectProtects(ProtectedComputer& computer, bool keeps) {
     computer.Hardware().Shutdown();
 }
 
+// Making the storage once more repairs what is reported: from the boot after that on the volume is protected.
 void ExpectRepairable(ProtectedComputer& computer, bool keeps) {
     EXPECT_EQ(STATUS_SUCCESS, computer.Provision(kSwapBytes));
     computer.Hardware().Shutdown();
@@ -175,6 +181,17 @@ void ExpectRepairable(ProtectedComputer& computer, bool keeps) {
     ASSERT_EQ(Storage::Works, ExpectWorkingOrReported(computer)) << "making the storage anew repaired nothing";
     EXPECT_EQ(static_cast<std::int64_t>(kSwapBytes), computer.Status().SwapTotalBytes);
     ExpectProtects(computer, keeps);
+}
+
+}  // namespace
+
+Storage ExpectUsable(ProtectedComputer& computer, bool keeps) {
+    const Storage storage = ExpectWorkingOrReported(computer);
+    if (storage == Storage::Works)
+        ExpectProtects(computer, keeps);
+    else
+        ExpectRepairable(computer, keeps);
+    return storage;
 }
 
 }  // namespace crash

@@ -18,18 +18,17 @@ struct CutPoint {
     std::uint32_t kept;  // leading sectors of it that still reach the disk
     bool journaled;      // the directory lost what its journal did not have
     bool struck = true;  // false: the operation got through, and only then the power failed
-    std::string Text() const;
 };
 
 struct Scenario {
     std::string name;
-    const ComputerImage* start;
+    const ComputerImage* start = nullptr;
     std::vector<std::uint32_t> kept = {0};  // sectors of the torn write, each a pass of its own
     bool journaled = false;  // also, for the first of `kept`, with the directory as its journal has it
-    std::function<void(ProtectedComputer&)> prepare;  // with the power off; the cut is armed afterwards
-    std::function<void(ProtectedComputer&)> operate;  // may end the boot
+    std::function<void(ProtectedComputer&)> prepare = {};  // with the power off; the cut is armed afterwards
+    std::function<void(ProtectedComputer&)> operate = {};  // may end the boot
     // The power is off and back: what the next boot finds. Called for the operation that got through, too.
-    std::function<void(ProtectedComputer&, const CutPoint&)> check;
+    std::function<void(ProtectedComputer&, const CutPoint&)> check = {};
 };
 
 // Runs the scenario at every cut; returns how many cuts struck.
@@ -66,13 +65,9 @@ private:
 
 enum class Storage { Works, Reported };
 
-// The driver says that the volume is protected with its storage, or that it is not and why (3, 4 or 5).
-Storage ExpectWorkingOrReported(ProtectedComputer& computer);
-// A protected volume of a booted computer: writes are redirected and read back, and the next boot treats them
-// as configured. Ends with the power off.
-void ExpectProtects(ProtectedComputer& computer, bool keeps);
-// Repairs what is reported by making the storage once more, and expects the volume protected from the boot
-// after that on. Ends with the power off.
-void ExpectRepairable(ProtectedComputer& computer, bool keeps);
+// A booted computer's volume is protected with its storage, or reported unprotected and why, and then repaired
+// by making the storage once more. Either way writes are redirected and read back in the end, and the boot
+// after them keeps them or not as configured. Returns what was found at first; ends with the power off.
+Storage ExpectUsable(ProtectedComputer& computer, bool keeps);
 
 }  // namespace crash

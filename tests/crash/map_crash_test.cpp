@@ -17,10 +17,6 @@ struct Written {
     std::uint64_t sector, stamp;
 };
 
-bool Covers(const Written& write, std::uint64_t sector) {
-    return sector >= write.sector && sector < write.sector + kCount;
-}
-
 // Expects each sector to hold the volume's own stamp or that of the write that covers it; returns how many hold
 // a write's.
 unsigned ExpectOwnOrWritten(const std::vector<std::uint8_t>& data, const std::vector<Written>& writes) {
@@ -29,7 +25,8 @@ unsigned ExpectOwnOrWritten(const std::vector<std::uint8_t>& data, const std::ve
         SCOPED_TRACE("sector " + std::to_string(s));
         std::vector<std::uint64_t> stamps{FixedStamp(s)};
         for (const Written& write : writes)
-            if (Covers(write, s)) stamps.push_back(write.stamp + s - write.sector);
+            if (s >= write.sector && s < write.sector + kCount)
+                stamps.push_back(write.stamp + s - write.sector);
         redirected += StampAmong(&data[s * 512], stamps) != stamps[0];
     }
     return redirected;
@@ -60,13 +57,16 @@ protected:
         merged.LearnRegion(*computer, kSecond, kCount);
     }
     void ExpectUsable(ProtectedComputer& computer, bool keeps) {
-        if (ExpectWorkingOrReported(computer) == Storage::Works) {
-            ++worked;
-            ExpectProtects(computer, keeps);
-        } else {
-            ExpectRepairable(computer, keeps);
-        }
+        worked += crash::ExpectUsable(computer, keeps) == Storage::Works;
         own.Learn(computer);
+    }
+
+    // Cut at every write, torn ones too; the storage must be found working after some of the cuts.
+    void SweepCuts(Scenario scenario) {
+        scenario.start = &start;
+        scenario.kept = {0, 1, 5};
+        EXPECT_GE(Sweep(scenario), 3u * 8);
+        EXPECT_GE(worked, 3u);
     }
 
     ComputerImage start;
@@ -81,7 +81,7 @@ protected:
     void SweepSave(const char* name, std::function<void(ProtectedComputer&)> prepare,
                    std::function<void(ProtectedComputer&)> operate) {
         Start({.bootMode = 1}, SmallOptions(4 * kKiB, 4 * kKiB), kSwapBytes);
-        Scenario scenario{name, &start, {0, 1, 5}, false, {}, operate, {}};
+        Scenario scenario{.name = name, .operate = operate};
         scenario.prepare = [=](ProtectedComputer& computer) {
             PowerOn(computer);
             WriteStamps(computer, kSecond, kCount, 3000);  // in place; a save is due and has nothing to save
@@ -90,8 +90,7 @@ protected:
             prepare(computer);
         };
         scenario.check = [&](ProtectedComputer& computer, const CutPoint& cut) { Check(computer, cut); };
-        EXPECT_GE(Sweep(scenario), 3u * 8);
-        EXPECT_GE(worked, 3u);
+        SweepCuts(scenario);
     }
     void Check(ProtectedComputer& computer, const CutPoint& cut) {
         ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
@@ -123,7 +122,7 @@ TEST_F(SaveCrash, WhileTheVolumeIsUsed) {
 class DiscardCrash : public MapCrash {
 protected:
     void SweepBoot(const char* name, const Configuration& afterwards) {
-        Scenario scenario{name, &start, {0, 1, 5}, false, {}, BootAndWrite, {}};
+        Scenario scenario{.name = name, .operate = BootAndWrite};
         scenario.check = [&](ProtectedComputer& computer, const CutPoint&) {
             ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
             ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
@@ -132,8 +131,7 @@ protected:
             ExpectUsable(computer, afterwards.bootMode == 1);
             own.ExpectOthersUnchanged(start, computer);
         };
-        EXPECT_GE(Sweep(scenario), 3u * 8);
-        EXPECT_GE(worked, 3u);
+        SweepCuts(scenario);
     }
 };
 
@@ -154,7 +152,7 @@ TEST_F(MapCrash, WhileRedirectionsAreMerged) {
     Start({.bootMode = 1}, SmallOptions(16 * kKiB, 4 * kKiB, 96 * kMiB), 56 * kMiB);
     start = Reconfigured(start, {.bootMode = 1, .bootAction = 2});
     const std::vector<Written> writes{{kFirst, 1000}, {kSecond, 2000}};
-    Scenario scenario{"merge", &start, {0, 1, 5}, false, {}, BootAndWrite, {}};
+    Scenario scenario{.name = "merge", .operate = BootAndWrite};
     scenario.check = [&](ProtectedComputer& computer, const CutPoint&) {
         ASSERT_NO_FATAL_FAILURE(merged.ExpectOthersUnchanged(start, computer));
         ExpectOwnOrWritten(MediumSectors(computer, 0, kSpan), writes);
@@ -165,8 +163,7 @@ TEST_F(MapCrash, WhileRedirectionsAreMerged) {
         ASSERT_EQ(STATUS_SUCCESS, computer.SetConfig({.bootMode = 1}));
         ExpectUsable(computer, true);
     };
-    EXPECT_GE(Sweep(scenario), 3u * 8);
-    EXPECT_GE(worked, 3u);
+    SweepCuts(scenario);
 }
 
 }  // namespace

@@ -52,14 +52,8 @@ protected:
     void Check(const ComputerImage& start, ProtectedComputer& computer, bool made) {
         ASSERT_NO_FATAL_FAILURE(own.ExpectOthersUnchanged(start, computer));
         ASSERT_NO_FATAL_FAILURE(PowerOn(computer));
-        const Storage storage = ExpectWorkingOrReported(computer);
-        if (made) {
-            EXPECT_EQ(Storage::Works, storage) << "finished storage is not found";
-        }
-        if (storage == Storage::Works)
-            ExpectProtects(computer, false);
-        else
-            ExpectRepairable(computer, false);
+        const Storage found = ExpectUsable(computer, false);
+        EXPECT_TRUE(found == Storage::Works || !made) << "finished storage is not found";
         own.Learn(computer);
         own.ExpectOthersUnchanged(start, computer);
     }
