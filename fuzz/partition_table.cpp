@@ -63,14 +63,26 @@ void Seal(MemoryDisk& disk, std::uint64_t lba) {
     PutBytes(disk, lba * sector, header);
 }
 
-// Changes bytes near the table: in the first sectors, or counted from the end.
+// Changes bytes where the tables' fields lie: entries of the first sector and of a chain's links, headers and
+// entries behind it, the same at the disk's end.
 void Patch(MemoryDisk& disk, FuzzedDataProvider& input) {
-    const std::uint64_t near = std::min<std::uint64_t>(disk.Size(), 40 * disk.SectorSize());
+    const std::uint64_t sector = disk.SectorSize();
+    const std::uint64_t entries = table::kMbrEntries;
+    const std::uint64_t places[] = {entries,
+                                    entries + kPartitionAlignment * input.ConsumeIntegralInRange(3, 7),
+                                    sector,
+                                    2 * sector,
+                                    disk.Size() - sector,
+                                    disk.Size() - std::min(disk.Size(), 33 * sector)};
     for (int i = input.ConsumeIntegralInRange(0, 16); i > 0; --i) {
-        const std::uint64_t at = input.ConsumeIntegralInRange<std::uint64_t>(0, near - 1);
-        const std::uint64_t offset = input.ConsumeBool() ? at : disk.Size() - 1 - at;
+        const std::uint64_t offset =
+            input.PickValueInArray(places) + input.ConsumeIntegralInRange<std::uint64_t>(0, 191);
+        // The field of the next entry, of an MBR's or a GPT's: two partitions in one place.
+        const std::uint64_t next = offset + input.PickValueInArray<std::uint64_t>({16, 128});
+        const bool copy = input.ConsumeBool() && next + 16 <= disk.Size();
         PutBytes(disk, offset,
-                 input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(1, 8)));
+                 copy ? Get(disk, next, 16)
+                      : input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegralInRange<std::size_t>(1, 8)));
     }
 }
 
