@@ -114,6 +114,9 @@ TEST(NewDisks, VolumesLieWhereTheTableSays) {
     const Bytes image = ReadImage(disk.path);
     const auto from = image.begin() + static_cast<std::ptrdiff_t>(table.partitions[1].offset);
     EXPECT_TRUE(kExt4.Sound(Bytes(from, from + static_cast<std::ptrdiff_t>(table.partitions[1].length))));
+    disk.volumes[1].clusterSize = 8192;
+    EXPECT_FALSE(machine::CreateDisk(disk, error));
+    EXPECT_NE(error.find("block size 8192"), std::string::npos) << error;
 }
 
 }  // namespace
