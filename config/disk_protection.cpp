@@ -43,7 +43,7 @@ BOOLEAN IsNameOfDisk(PCUNICODE_STRING diskName, ULONG number) {
 
 BOOLEAN HasExtentOnDisk(PVOLUME_EXTENSION volume, PCUNICODE_STRING diskName) {
     const VOLUME_EXTENTS& extents = volume->VolumeDiskExtents;
-    for (ULONG i = 0; i < extents.NumberOfDiskExtents && i < kMaxVolumeExtents; ++i)
+    for (ULONG i = 0; i < extents.NumberOfDiskExtents; ++i)
         if (IsNameOfDisk(diskName, extents.Extents[i].DiskNumber)) return TRUE;
     return FALSE;
 }

@@ -87,7 +87,7 @@ NTSTATUS PreloadConfigApply(PDEVICE_OBJECT device, PVOID buffer, ULONG* length) 
 }
 
 void WriteBackConfig(PDEVICE_OBJECT device) {
-    if (!gConfigDirty || !gConfigLoaded || gConfigWrittenByTool) return;
+    if (!gConfigDirty || !gConfigLoaded) return;
     if (!IsConfigLocationComplete(VolumeOf(device))) return;
     FastMutexLock lock(gConfigWriteLock);
     // Asked again under the lock: another request may have done it, and the tool's text wins over the buffer

@@ -11,7 +11,6 @@ constexpr ULONG kInheritedCharacteristics = FILE_REMOVABLE_MEDIA | FILE_READ_ONL
 
 // Before the device is attached: from then on requests may come, and they use RemoveLock.
 PVOLUME_EXTENSION BeginRecord(PDEVICE_OBJECT filter, PDEVICE_OBJECT pdo) {
-    RtlZeroMemory(filter->DeviceExtension, sizeof(VOLUME_EXTENSION));
     PVOLUME_EXTENSION volume = ::new (filter->DeviceExtension) VOLUME_EXTENSION{};
     volume->Signature = kVolumeSignature;
     volume->PhysicalDeviceObject = pdo;

@@ -160,7 +160,6 @@ void TraceControl(PVOLUME_EXTENSION volume, ULONG code) {
 }
 
 NTSTATUS AnswerControlDevice(PDEVICE_OBJECT device, PIRP request, PIO_STACK_LOCATION location) {
-    request->IoStatus.Information = 0;
     PVOID buffer = request->AssociatedIrp.SystemBuffer;
     const auto& parameters = location->Parameters.DeviceIoControl;
     NTSTATUS status =

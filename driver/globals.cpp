@@ -11,60 +11,51 @@
 #include "swap/swap_file.h"
 
 // driver/record/
-constinit PDEVICE_OBJECT gControlDevice = nullptr;
+constinit PDEVICE_OBJECT gControlDevice{};
 constinit LIST_ENTRY gVolumeList{};
 constinit FAST_MUTEX gVolumeListLock{};
-constinit std::atomic<PKTHREAD> gProvisionThread{nullptr};
-constinit std::atomic<BOOLEAN> gProvisionQuit{FALSE};
+constinit std::atomic<PKTHREAD> gProvisionThread{};
+constinit std::atomic<BOOLEAN> gProvisionQuit{};
 constinit KMUTEX gProvisionMutex{};
 
 // config/parser.h
-constinit std::atomic<BOOLEAN> gTesselEnabled{FALSE};
-constinit std::atomic<BOOLEAN> gRVProtect{FALSE};
-constinit std::atomic<BOOLEAN> gRVInvisible{FALSE};
+constinit std::atomic<BOOLEAN> gTesselEnabled{};
+constinit std::atomic<BOOLEAN> gRVProtect{};
+constinit std::atomic<BOOLEAN> gRVInvisible{};
 
 // config/protected_volumes.h
-constinit std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList{nullptr};
+constinit std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList{};
 
 // config/storage.h, config/config_files.h
 constinit UCHAR gConfigBuffer[KVR_CONFIG_BYTES]{};
-constinit std::atomic<BOOLEAN> gConfigLoaded{FALSE};
-constinit std::atomic<BOOLEAN> gConfigDirty{FALSE};
-constinit std::atomic<LONG> gConfigureBusy{0};
-constinit std::atomic<BOOLEAN> gConfigWrittenByTool{FALSE};
-constinit std::atomic<HANDLE> gConfigFileHandle{nullptr};
-constinit std::atomic<HANDLE> gDriverFileHandle{nullptr};
+constinit std::atomic<BOOLEAN> gConfigLoaded{};
+constinit std::atomic<BOOLEAN> gConfigDirty{};
+constinit std::atomic<LONG> gConfigureBusy{};
+constinit std::atomic<BOOLEAN> gConfigWrittenByTool{};
+constinit std::atomic<HANDLE> gConfigFileHandle{};
+constinit std::atomic<HANDLE> gDriverFileHandle{};
 constinit FAST_MUTEX gConfigWriteLock{};
-constinit std::atomic<LONG> gConfigToolWrites{0};
+constinit std::atomic<LONG> gConfigToolWrites{};
 
 // swap/swap_file.h
-constinit SWAP_FILE* gSwapFileList = nullptr;
+constinit SWAP_FILE* gSwapFileList{};
 constinit KMUTEX gSwapFileMutex{};
 
 // redirect/redirect.h
 constinit KEVENT gBootStatusEvent{};
 
 // driver/
-constinit BOOLEAN gControlOpen = FALSE;
+constinit BOOLEAN gControlOpen{};
 constinit KSPIN_LOCK gControlLock{};
 constinit RTL_OSVERSIONINFOEXW gVersionInfo{};
 
 namespace {
 
-// Locks and events are opaque: not yet initialised, they are all zero.
-template <class T>
-void ClearOpaque(T& object) {
-    RtlZeroMemory(&object, sizeof(object));
-}
-
 void InitializeFrameGlobals() {
     gControlDevice = nullptr;
     gControlOpen = FALSE;
-    ClearOpaque(gControlLock);
     gVolumeList = {};
-    ClearOpaque(gVolumeListLock);
     gVersionInfo = {};
-    ClearOpaque(gBootStatusEvent);
 }
 
 void InitializeConfigGlobals() {
@@ -79,16 +70,13 @@ void InitializeConfigGlobals() {
     gConfigWrittenByTool = FALSE;
     gConfigFileHandle = nullptr;
     gDriverFileHandle = nullptr;
-    ClearOpaque(gConfigWriteLock);
     gConfigToolWrites = 0;
 }
 
 void InitializeStorageGlobals() {
     gProvisionThread = nullptr;
     gProvisionQuit = FALSE;
-    ClearOpaque(gProvisionMutex);
     gSwapFileList = nullptr;
-    ClearOpaque(gSwapFileMutex);
 }
 
 }  // namespace

@@ -112,7 +112,7 @@ NTSTATUS BuildSegments(PVOLUME_EXTENSION volume, ULONG length, const LARGE_INTEG
 
 NTSTATUS SplitSegmentBySwapRuns(PVOLUME_EXTENSION volume, SEGMENT* segment) {
     const ULONG unit = volume->BytesPerSector;
-    if (unit == 0) return STATUS_DEVICE_NOT_READY;
+    if (unit == 0) return STATUS_DEVICE_NOT_READY;  // a restart may store another
     const LONGLONG position = segment->liVolumeOffset.QuadPart;
     const MAP_RUN run = LookupRun(volume, position, segment->uLength);
     segment->bInSwap = run.bInSwap;
@@ -131,7 +131,7 @@ NTSTATUS SplitSegmentBySwapRuns(PVOLUME_EXTENSION volume, SEGMENT* segment) {
 
 NTSTATUS SplitSegmentByChunks(PVOLUME_EXTENSION volume, SEGMENT* segment) {
     const ULONG unit = volume->BytesPerSector;
-    if (unit == 0) return STATUS_DEVICE_NOT_READY;
+    if (unit == 0) return STATUS_DEVICE_NOT_READY;  // a restart may store another
     SEGMENT* pSegment = segment;
     pSegment->uLength = pSegment->pChunk->uLength;
     KVR_ASSERT(kSwapSource, 0 != pSegment->uLength);

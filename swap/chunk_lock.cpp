@@ -33,8 +33,7 @@ bool IsMetadataName(PCUNICODE_STRING name) {
 // Not under SwapLock: a file's name is pageable, and paging it in may read a volume whose lock it is.
 bool MayUseReserve(PIRP request) {
     PFILE_OBJECT file = OriginalFileOf(request);
-    if (!file) return true;
-    return file->FileName.Length != 0 && IsMetadataName(&file->FileName);
+    return !file || IsMetadataName(&file->FileName);
 }
 
 // Moves up to `length` bytes from the low end of the chunk at `cursor`, the tree's smallest, to

@@ -46,10 +46,7 @@ NTSTATUS RegGetMapLocation(PVOLUME_EXTENSION volume, MAP_LOCATION_ENTRY** locati
     VALUE_NAME name(volume);
     PoolPtr<UCHAR> data;
     const NTSTATUS status = ReadDriverValue(&name.text, &data, length);
-    if (!NT_SUCCESS(status) || *length == 0) {
-        *length = 0;
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!NT_SUCCESS(status)) return STATUS_INVALID_PARAMETER;
     *location = reinterpret_cast<MAP_LOCATION_ENTRY*>(data.Release());
     return STATUS_SUCCESS;
 }
