@@ -6,11 +6,6 @@ namespace {
 
 class Protection : public MemoryStackTest {
 protected:
-    static void Add(const char16_t* id, ULONG flags) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, id);
-        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, flags));
-    }
     static bool Updated(PVOLUME_EXTENSION volume) {
         UpdateVolumeProtection(volume);
         return volume->IsProtected;
@@ -21,8 +16,8 @@ protected:
 TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
     gRVProtect = TRUE;
     EXPECT_FALSE(Updated(volume)) << "no entry";
-    Add(u"\\DEVICE\\harddiskvolume1,text", 0x121);
-    Add(kName, 0);
+    List(u"\\DEVICE\\harddiskvolume1,text", 0x121);
+    List(kName, 0);
     volume->MediaType = 0;
     EXPECT_FALSE(Updated(volume)) << "not started";
     volume->MediaType = FixedMedia;
@@ -59,7 +54,7 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
     gRVProtect = gRVInvisible = TRUE;
     EXPECT_TRUE(Updated(stick));
     EXPECT_TRUE(stick->IsInvisible);
-    Add(u"\\Device\\Stick", 0);
+    List(u"\\Device\\Stick", 0);
     EXPECT_FALSE(Updated(stick));
     EXPECT_FALSE(stick->IsInvisible);
 }
@@ -105,7 +100,7 @@ TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
     EXPECT_EQ(1u, TimesSaid(mark, "Kvr!HasProtectedVolume: disk protected!"));
     unknown->VolumeDiskExtents.NumberOfDiskExtents = 0;
     unknown->IsProtected = unknown->IsDisk = FALSE;
-    Add(u"\\Device\\W", PV_PROTECTED);
+    List(u"\\Device\\W", PV_PROTECTED);
     EXPECT_TRUE(HasProtectedVolume(disk1.filter)) << "protected by being looked at";
     UNICODE_STRING name = std::exchange(unknown->VolumeName, Counted(u"\\Dev"));
     EXPECT_FALSE(HasProtectedVolume(disk11.filter)) << "no second backslash";
@@ -127,22 +122,20 @@ TEST_F(Protection, NamesAreComparedWhole) {
 }
 
 TEST_F(Protection, TheListKeepsTheFirstEntryOfAName) {
-    Add(u"\\Device\\A;comment", 1);
-    Add(u"\\DEVICE\\a", 2);
-    Add((u"\\Device\\" + std::u16string(80, u'x')).c_str(), 4);  // cut to 64 characters
+    List(u"\\Device\\A;comment", 1);
+    List(u"\\DEVICE\\a", 2);
+    List((u"\\Device\\" + std::u16string(80, u'x')).c_str(), 4);  // cut to 64 characters
     EXPECT_EQ(1u, gProtectedVolumeList.load()->Flags);
     EXPECT_EQ(2 * 64, gProtectedVolumeList.load()->Next.load()->Name.Length);
     EXPECT_FALSE(IsProtectedVolumeListed(volume));
     EXPECT_EQ(0u, GetProtectedVolumeFlags(volume));
-    Add(kName, 0x123);
+    List(kName, 0x123);
     EXPECT_TRUE(IsProtectedVolumeListed(volume));
     EXPECT_EQ(0x123u, GetProtectedVolumeFlags(volume));
     UNICODE_STRING id = Counted(u"\\Device\\B");
     for (auto* list = gProtectedVolumeList.load();; list = nullptr) {
         gProtectedVolumeList = list;
-        host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
-        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, AddProtectedVolume(&id, 0));
-        host::DisarmFaults();
+        EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Starved(1, [&] { return AddProtectedVolume(&id, 0); }));
         EXPECT_TRUE(Said(list ? "Kvr!AddProtectedVolume [507]" : "Kvr!AddProtectedVolume [527]"));
         if (!list) break;
         m_list = list;

@@ -55,10 +55,8 @@ protected:
     }
 };
 
-const std::u16string kText =
-    u"Protection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootAction=1\n";
-const std::u16string kTextAfter =
-    u"Protection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootAction=0\n";
+const std::u16string kSection = u"Protection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\n";
+const std::u16string kText = kSection + u"BootAction=1\n", kTextAfter = kSection + u"BootAction=0\n";
 
 TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
     Put(ImageOf(kText));

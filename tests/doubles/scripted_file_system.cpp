@@ -1,8 +1,6 @@
 #include "tests/doubles/scripted_file_system.h"
 #include <algorithm>
 #include <atomic>
-#include <cstring>
-#include <limits>
 #include <utility>
 #include "machine/names.h"
 
@@ -38,7 +36,6 @@ public:
         : state_(std::move(state)),
           file_(std::move(file)),
           claim_(claim),
-          unbuffered_((request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0),
           object_(state_->NewObject(request.path)) {}
     ~ScriptedOpen() override { state_->volume->Close(*file_, claim_); }
 
@@ -50,12 +47,8 @@ public:
         const std::uint64_t size = state_->volume->SizeOf(*file_);
         if (at >= size) return STATUS_END_OF_FILE;
         const auto part = static_cast<ULONG>(std::min<std::uint64_t>(length, size - at));
-        std::vector<UCHAR> whole;
-        void* target = buffer;
-        if (!IsAligned(at, part)) target = Widen(at, part, whole);
-        status = Transfer(false, WidenedStart(at), target, WidenedLength(at, part));
+        status = Transfer(false, at, buffer, part);
         if (!NT_SUCCESS(status)) return status;
-        if (target != buffer) std::memcpy(buffer, whole.data() + (at - WidenedStart(at)), part);
         done = part;
         return STATUS_SUCCESS;
     }
@@ -67,15 +60,7 @@ public:
         const auto at = static_cast<std::uint64_t>(offset);
         status = state_->volume->Reserve(*file_, at + length);
         if (!NT_SUCCESS(status)) return status;
-        std::vector<UCHAR> whole;
-        void* source = const_cast<void*>(buffer);
-        if (!IsAligned(at, length)) {
-            source = Widen(at, length, whole);
-            status = Transfer(false, WidenedStart(at), source, WidenedLength(at, length));
-            if (!NT_SUCCESS(status)) return status;
-            std::memcpy(whole.data() + (at - WidenedStart(at)), buffer, length);
-        }
-        status = Transfer(true, WidenedStart(at), source, WidenedLength(at, length));
+        status = Transfer(true, at, const_cast<void*>(buffer), length);
         if (!NT_SUCCESS(status)) return status;
         state_->volume->Grew(*file_, at + length);
         done = length;
@@ -83,26 +68,12 @@ public:
     }
 
 private:
-    std::uint32_t Sector() const { return state_->io.SectorSize(); }
-    bool IsAligned(std::uint64_t at, std::uint64_t length) const {
-        return at % Sector() == 0 && length % Sector() == 0;
-    }
-    std::uint64_t WidenedStart(std::uint64_t at) const { return at / Sector() * Sector(); }
-    std::uint64_t WidenedLength(std::uint64_t at, std::uint64_t length) const {
-        return (at + length + Sector() - 1) / Sector() * Sector() - WidenedStart(at);
-    }
-    void* Widen(std::uint64_t at, std::uint64_t length, std::vector<UCHAR>& whole) const {
-        whole.resize(WidenedLength(at, length));
-        return whole.data();
-    }
-
+    // The driver opens its files unbuffered, which promises whole sectors.
     NTSTATUS CheckRange(LONGLONG offset, ULONG length) const {
         if (state_->ended.load(std::memory_order_acquire)) return STATUS_DEVICE_NOT_READY;
-        if (offset < 0 || offset > std::numeric_limits<LONGLONG>::max() / 2) return STATUS_INVALID_PARAMETER;
-        // Unbuffered opens promise whole sectors.
-        if (unbuffered_ && !IsAligned(static_cast<std::uint64_t>(offset), length))
-            return STATUS_INVALID_PARAMETER;
-        return STATUS_SUCCESS;
+        const std::uint32_t sector = state_->io.SectorSize();
+        return offset < 0 || offset % sector != 0 || length % sector != 0 ? STATUS_INVALID_PARAMETER
+                                                                          : STATUS_SUCCESS;
     }
 
     // Whole sectors; one request per place.
@@ -121,7 +92,6 @@ private:
     std::shared_ptr<State> state_;
     std::shared_ptr<ScriptedVolume::File> file_;
     ShareClaim claim_;
-    bool unbuffered_;
     PFILE_OBJECT object_;
 };
 

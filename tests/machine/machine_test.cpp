@@ -4,7 +4,6 @@
 #include "platform/host/io/device.h"
 #include "tests/doubles/memory_disk.h"
 #include "machine/partition/partition_table.h"
-#include "tests/doubles/recording_disk.h"
 #include "tests/doubles/scripted_file_system.h"
 #include "platform/owners.h"
 #include "platform/host/io/request.h"

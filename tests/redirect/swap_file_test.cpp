@@ -2,26 +2,19 @@
 
 namespace {
 
-class SwapFiles : public MemoryStackTest {
-protected:
-    static SWAP_FILE* Get(const char16_t* name, PVOLUME_EXTENSION from) {
-        UNICODE_STRING counted = Counted(name);
-        EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&counted, from));
-        return from->SwapFile;
-    }
-};
+class SwapFiles : public MemoryStackTest {};
 
 constexpr char16_t kOther[] = u"\\Device\\HarddiskVolume2";
 
 TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
     PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
-    SWAP_FILE* swapFile = Get(kName, other);  // the holder is attached with it
+    SWAP_FILE* swapFile = Attach(kName, other);  // the holder is attached with it
     EXPECT_EQ(swapFile, volume->SwapFile.load());
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
     EXPECT_EQ(volume, swapFile->SwapVolume.load());
-    EXPECT_EQ(swapFile, Get(kName, volume)) << "attached already";
+    EXPECT_EQ(swapFile, Attach(kName, volume)) << "attached already";
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
-    EXPECT_NE(swapFile, Get(u"\\Device\\HarddiskVolume3", AddMemory({.name = u"\\Device\\X"}).stack.volume));
+    EXPECT_NE(swapFile, Attach(u"\\Device\\HarddiskVolume3", AddMemory({.name = u"\\Device\\X"}).stack.volume));
     EXPECT_EQ(swapFile, gSwapFileList);
     EXPECT_EQ(nullptr, gSwapFileList->pNext->SwapVolume.load()) << "a volume that nobody knows";
     EXPECT_EQ(gSwapFileList, gSwapFileList->pNext->pPrevious);
@@ -29,7 +22,7 @@ TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
 
 TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
     PDEVICE_OBJECT holder = AddMemory({.name = kOther}).stack.pdo.object;
-    SWAP_FILE* swapFile = Get(kOther, volume);
+    SWAP_FILE* swapFile = Attach(kOther, volume);
     SwapDevice device;
     EXPECT_EQ(holder, device.Of(volume));
     device.Release();
@@ -45,7 +38,7 @@ TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
 
 // A volume that names itself is its own holder, whoever else bears the name.
 TEST_F(SwapFiles, TheHolderIsTheVolumeItselfOrOnlyTheOneThatWasFound) {
-    SWAP_FILE* swapFile = Get(u"\\DEVICE\\harddiskvolume1", volume);
+    SWAP_FILE* swapFile = Attach(u"\\DEVICE\\harddiskvolume1", volume);
     EXPECT_EQ(volume, swapFile->SwapVolume.load());
     AddFree(kSwap, S);
     EXPECT_EQ(S, swapFile->ulFreeBytes.load());
@@ -73,7 +66,7 @@ TEST_F(SwapFiles, TheHolderIsTheVolumeItselfOrOnlyTheOneThatWasFound) {
 
 TEST_F(SwapFiles, DetachingCounts) {
     PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
-    SWAP_FILE* swapFile = Get(kName, other);
+    SWAP_FILE* swapFile = Attach(kName, other);
     DetachFromSwap(volume);
     EXPECT_EQ(swapFile, volume->SwapFile.load());
     DetachFromSwap(other);
@@ -81,12 +74,10 @@ TEST_F(SwapFiles, DetachingCounts) {
     EXPECT_EQ(nullptr, other->SwapFile.load());
     DetachFromSwap(other);
     volume->SwapFile = nullptr;
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
     UNICODE_STRING fresh = Counted(u"\\Device\\New");
-    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, GetSwapFile(&fresh, volume));
-    host::DisarmFaults();
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Starved(1, [&] { return GetSwapFile(&fresh, volume); }));
     EXPECT_EQ(nullptr, volume->SwapFile.load());
-    EXPECT_EQ(swapFile, Get(kName, volume));
+    EXPECT_EQ(swapFile, Attach(kName, volume));
     EXPECT_EQ(1u, swapFile->ulRefCount.load()) << "attached anew";
 }
 

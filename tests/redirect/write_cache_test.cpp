@@ -20,8 +20,7 @@ protected:
     }
     void Queue(LONGLONG offset, ULONG length, UCHAR fill) {
         Bytes data(length, fill);
-        LARGE_INTEGER at;
-        at.QuadPart = offset;
+        const LARGE_INTEGER at = Large(offset);
         EXPECT_EQ(STATUS_SUCCESS, AddBufferToCache(volume, &at, data.data(), length));
     }
     SWAP_FILE* swapFile = nullptr;
@@ -84,11 +83,10 @@ TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
         TakeSpace();
         device->TakeTransfers();
         Bytes data = Data(S, 20 + static_cast<int>(&c - cases));
-        if (c.fault) host::FailCall(host::FaultBit(host::Fault::Allocate), c.fault);
-        const host::Outcome queued =
-            host::Send(volume->FilterDevice,
-                       {.major = IRP_MJ_WRITE, .pages = c.pages, .length = S, .buffer = data.data()});
-        host::DisarmFaults();
+        const host::Outcome queued = Starved(c.fault, [&] {
+            return host::Send(volume->FilterDevice,
+                              {.major = IRP_MJ_WRITE, .pages = c.pages, .length = S, .buffer = data.data()});
+        });
         EXPECT_EQ(c.status, queued.status);
         EXPECT_EQ(c.status == 0 ? S : 0, queued.information);
         EXPECT_TRUE(device->TakeTransfers().empty());
@@ -97,15 +95,9 @@ TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
     Bytes nothing;
     EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_WRITE, 0, nothing).status);
     GiveSpace();
-    EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
-    EXPECT_EQ(expected, Read(0, S)) << "the last one that was accepted";
-}
-
-TEST_F(WriteCache, AWriteComesAfterWhatWaits) {
-    Queue(0, S, 1);
-    EXPECT_EQ(STATUS_SUCCESS, Write(volume, 0, Bytes(S, 2)).status);
+    EXPECT_EQ(STATUS_SUCCESS, Write(volume, S, Bytes(S, 2)).status) << "after what waits";
     EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
-    EXPECT_EQ(Bytes(S, 2), Read(0, S));
+    EXPECT_EQ(expected, Read(0, S)) << "the last one that was accepted";
 }
 
 // What a flush and a shutdown write out, and of which volumes.
@@ -151,8 +143,7 @@ TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
 TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {
     FilteredStack& other = AddMemory({.name = u"\\Device\\HarddiskVolume2"}).stack;
     PVOLUME_EXTENSION leaving = other.volume;
-    UNICODE_STRING name = Counted(kName);
-    ASSERT_EQ(STATUS_SUCCESS, GetSwapFile(&name, leaving));
+    Attach(kName, leaving);
     Queue(0, 0x1000, 1);
     Bytes data(0x1000, 2);
     LARGE_INTEGER at = {};

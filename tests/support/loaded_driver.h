@@ -147,12 +147,6 @@ protected:
     void AddDisk(const char16_t* name = u"\\Device\\Harddisk1\\DR1") {
         AddStarted({.name = name, .className = u"DiskDrive", .classGuid = kDiskClass});
     }
-    // Entries of the list live as long as the driver.
-    void ListVolume(const char16_t* name, ULONG flags) {
-        UNICODE_STRING id = Counted(name);
-        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, flags));
-        ++m_kept;
-    }
     void KeepBlock() { ++m_kept; }
 
     PDRIVER_OBJECT kvr = nullptr;

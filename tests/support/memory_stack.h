@@ -164,16 +164,29 @@ protected:
     // ---- the volume's storage ------------------------------------------------------------------------------
     // Protected by an entry of the list, with `megabytes` of space of which the disk holds the lowest only.
     void Protect(ULONG megabytes = 64) {
-        UNICODE_STRING name = Counted(kName);
-        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED | PV_EXPLICIT));
+        List(kName, PV_PROTECTED | PV_EXPLICIT);
         gTesselEnabled = TRUE;
         volume->SwapMapLoaded = TRUE;
         for (LONGLONG i = 0; i < megabytes; ++i) AddFree(volume, kSwap + i * 0x100000, 0x100000);
     }
-    SWAP_FILE* Attach() {
-        UNICODE_STRING name = Counted(kName);
-        EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&name, volume));
-        return volume->SwapFile;
+    // Gives `from` the storage of the volume of that name.
+    static SWAP_FILE* Attach(const char16_t* name, PVOLUME_EXTENSION from) {
+        UNICODE_STRING counted = Counted(name);
+        EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&counted, from));
+        return from->SwapFile;
+    }
+    SWAP_FILE* Attach() { return Attach(kName, volume); }
+    static void List(const char16_t* name, ULONG flags) {
+        UNICODE_STRING id = Counted(name);
+        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, flags));
+    }
+    // What `operation` returns when the n-th allocation in it fails; 0: none does.
+    template <class Operation>
+    static auto Starved(ULONGLONG n, const Operation& operation) {
+        if (n != 0) host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+        const auto result = operation();
+        host::DisarmFaults();
+        return result;
     }
     static void AddFree(PVOLUME_EXTENSION to, LONGLONG offset, ULONG length) {
         const LARGE_INTEGER at = Large(offset);

@@ -39,10 +39,9 @@ std::shared_ptr<MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uint32_t sec
 }
 
 std::u16string Configuration::Text() const {
-    config::FixedVolumeText section = {kDataName, protectData};
+    config::FixedVolumeText section = {kDataName, true};
     section.bootMode = static_cast<std::uint32_t>(bootMode);
     section.action = static_cast<std::uint32_t>(bootAction);
-    section.date = discardDate;
     return config::GlobalSection(protection, 0) + config::FixedSection(section, 1) + extra;
 }
 
@@ -143,12 +142,6 @@ NTSTATUS ProtectedComputer::SetConfig(const Configuration& configuration) {
     const std::u16string characters = configuration.Text();
     std::memcpy(text.data(), characters.data(), characters.size() * 2);
     return Control(IOCTL_KVR_SET_CONFIG, text.data(), KVR_CONFIG_BYTES);
-}
-
-std::u16string ProtectedComputer::GetConfig() {
-    std::u16string text(KVR_CONFIG_BYTES / 2, u'\0');
-    EXPECT_EQ(STATUS_SUCCESS, Control(IOCTL_KVR_GET_CONFIG, nullptr, 0, text.data(), KVR_CONFIG_BYTES));
-    return text.c_str();
 }
 
 NTSTATUS ProtectedComputer::Provision(std::uint64_t swapBytes, const char16_t* volume) {

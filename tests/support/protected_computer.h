@@ -25,10 +25,8 @@ inline constexpr char16_t kDataName[] = u"\\Device\\HarddiskVolume2";
 // The configuration text of one protected data volume.
 struct Configuration {
     bool protection = true;
-    bool protectData = true;
-    int bootMode = 0;    // 0 discard at every boot, 1 keep
-    int bootAction = 0;  // 1 discard once, 2 merge once
-    std::u16string discardDate = {};
+    int bootMode = 0;           // 0 discard at every boot, 1 keep
+    int bootAction = 0;         // 1 discard once, 2 merge once
     std::u16string extra = {};  // further sections
     std::u16string Text() const;
 };
@@ -77,7 +75,6 @@ public:
     // Boots with nothing configured, writes the configuration, makes `swapBytes` of storage and shuts down.
     void Install(const Configuration& configuration, std::uint64_t swapBytes);
     [[nodiscard]] NTSTATUS SetConfig(const Configuration& configuration);
-    [[nodiscard]] std::u16string GetConfig();
     // Starts provisioning and waits for its end; the status is the request's.
     [[nodiscard]] NTSTATUS Provision(std::uint64_t swapBytes, const char16_t* volume = kDataName);
     [[nodiscard]] NTSTATUS RemoveStorage(const char16_t* volume = kDataName);

@@ -50,17 +50,6 @@ TEST_F(ChunkMaps, SpaceComesFromTheLowestChunksAndGoesBack) {
     EXPECT_GT(FreeSpace().size(), 2u) << "pieces that come back are not merged";
 }
 
-TEST_F(ChunkMaps, SpaceThatCouldNotBeRecordedLeavesNothingToSave) {
-    const LARGE_INTEGER at = Large(200 * M);
-    for (const ULONGLONG call : {1, 2}) {
-        volume->MapDirty = FALSE;
-        host::FailCall(host::FaultBit(host::Fault::Allocate), call);
-        EXPECT_FALSE(NT_SUCCESS(AddSwapFreeChunk(volume, &at, 16 * K)));
-        host::DisarmFaults();
-        EXPECT_EQ(volume->MapDirty != FALSE, call == 2) << "the record, then its node";
-    }
-}
-
 TEST_F(ChunkMaps, LowSpaceIsKeptForMetadata) {
     AddFree(100 * M, 48 * M);
     EXPECT_EQ(LockFor(W("\\pagefile.sys")), STATUS_SUCCESS);  // at the limit
@@ -126,22 +115,28 @@ TEST_F(ChunkMaps, CommitKeepsWhatAnotherWriteHasRedirectedMeanwhile) {
     EXPECT_EQ(Free(), 9u * S);
 }
 
-TEST_F(ChunkMaps, AggregationMergesUpToABlock) {
-    for (LONGLONG at : {20, 21, 22}) AddFree(at * M / 2, M / 2);
-    AddFree(20 * M, 16 * K);
-    {
+TEST_F(ChunkMaps, AggregationMergesUpToABlockOrNothing) {
+    const auto aggregate = [&] {
         FastMutexLock lock(volume->SwapLock);
         AggregateFreeChunks(volume);
-    }
+        return FreeSpace();
+    };
+    for (LONGLONG at : {20, 21, 22}) AddFree(at * M / 2, M / 2);
+    AddFree(20 * M, 16 * K);
+    const FreeList before = FreeSpace();
+    for (const ULONGLONG n : {1, 2, 3, 4, 5, 6}) EXPECT_EQ(Starved(n, aggregate), before);
+    EXPECT_EQ(TimesSaid(mark, "Kvr!AggregateFreeChunks ["), 6u);
+    EXPECT_FALSE(Said("Kvr!AggregateFreeChunks: before"));
+    aggregate();
     EXPECT_TRUE(Said("Kvr!AggregateFreeChunks: before 4"));
     EXPECT_TRUE(Said("Kvr!AggregateFreeChunks: after 3"));
     EXPECT_EQ(FreeSpace(), (FreeList{{10 * M, M}, {11 * M, M / 2}, {20 * M, 16 * K}}));
     // Chunks near 4 GiB, as a map may hold, must not merge by a sum that wrapped.
     AddFree(1ll << 40, 0xFFFFFE00);
     AddFree((1ll << 40) + 0xFFFFFE00, 0x400);
-    FastMutexLock lock(volume->SwapLock);
-    AggregateFreeChunks(volume);
-    EXPECT_EQ(FreeSpace().size(), 5u);
+    EXPECT_EQ(aggregate().size(), 5u);
+    const LARGE_INTEGER place = Large(M);
+    EXPECT_EQ(AddSwapFreeChunk(volume, &place, 0), STATUS_SUCCESS) << "nothing to record";
 }
 
 // Every operation on the maps marks them as changed, and none but those that change them.
@@ -247,9 +242,10 @@ TEST_F(ChunkMaps, ShortMemoryIsToldAndLosesNoMoreThanOneRecord) {
                 EXPECT_EQ(UnlockFreeChunks(volume, std::exchange(chain, nullptr)), STATUS_SUCCESS);
             }
             const SIZE_T before = TimesSaid(mark, c.said);
-            host::FailCall(host::FaultBit(host::Fault::Allocate), n);
-            EXPECT_EQ(c.operate(), c.statuses[n - 1]);
-            host::DisarmFaults();
+            volume->MapDirty = FALSE;
+            EXPECT_EQ(Starved(n, c.operate), c.statuses[n - 1]);
+            EXPECT_TRUE(volume->MapDirty || n == 1 || &c > cases);
+            EXPECT_FALSE(volume->MapDirty && n == 1 && &c == cases) << "nothing was recorded";
             // A record of a volume that loses everything anyway is missed in silence.
             const bool isSaid = &c != cases + 4 || n == 2;
             EXPECT_EQ(TimesSaid(mark, c.said), before + isSaid);
@@ -258,29 +254,11 @@ TEST_F(ChunkMaps, ShortMemoryIsToldAndLosesNoMoreThanOneRecord) {
             EXPECT_EQ(support::CheckMaps(volume), "");
         }
     }
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 1);
-    EXPECT_EQ(Lock(0, S, &chain), record);
-    host::DisarmFaults();
+    EXPECT_EQ(Starved(1, [&] { return Lock(0, S, &chain); }), record);
     EXPECT_EQ(chain, nullptr);
     EXPECT_EQ(Lock(0, 0x7FFFFE00, &chain), STATUS_MEDIA_WRITE_PROTECTED) << "space that runs out";
     EXPECT_EQ(Free(), 0u);
     EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
-}
-
-TEST_F(ChunkMaps, WithoutMemoryTheFreeChunksStayAsTheyAre) {
-    for (LONGLONG at : {20, 21, 22, 40}) AddFree(at * M / 2, M / 2);
-    const FreeList before = FreeSpace();
-    for (const ULONGLONG n : {1, 2, 3, 4, 5, 6}) {
-        host::FailCall(host::FaultBit(host::Fault::Allocate), n);
-        FastMutexLock lock(volume->SwapLock);
-        AggregateFreeChunks(volume);
-        host::DisarmFaults();
-        EXPECT_EQ(FreeSpace(), before);
-    }
-    const LARGE_INTEGER place = Large(M);
-    EXPECT_EQ(AddSwapFreeChunk(volume, &place, 0), STATUS_SUCCESS) << "nothing to record";
-    EXPECT_EQ(TimesSaid(mark, "Kvr!AggregateFreeChunks ["), 6u);
-    EXPECT_FALSE(Said("Kvr!AggregateFreeChunks: before"));
 }
 
 }  // namespace

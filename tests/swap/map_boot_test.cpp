@@ -130,10 +130,7 @@ TEST_F(MapBoot, BootActionsAndStates) {
         volume->BootAction = c.action;
         volume->IsProtected = c.isProtected;
         volume->MapDirty = FALSE;
-        if (c.listed) {
-            UNICODE_STRING name = Counted(kName);
-            EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&name, PV_PROTECTED));
-        }
+        if (c.listed) List(kName, PV_PROTECTED);
         EnsureSwapMapLoaded(volume);
         const bool stays = c.fate == Kept || c.fate == Left;
         EXPECT_EQ(c.state, volume->SwapState);

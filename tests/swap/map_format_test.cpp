@@ -20,9 +20,10 @@ protected:
         std::memcpy(location, runs.data(), bytes);
         PublishMapLocation(volume, location, static_cast<ULONG>(bytes));
     }
-    void Save() {
+    // The n-th allocation in it fails; 0: none does.
+    void Save(ULONGLONG n = 0) {
         volume->MapDirty = TRUE;
-        EXPECT_EQ(STATUS_SUCCESS, WriteSwapMap(volume->FilterDevice, FALSE));
+        EXPECT_EQ(STATUS_SUCCESS, Starved(n, [&] { return WriteSwapMap(volume->FilterDevice, FALSE); }));
     }
     NTSTATUS Load(const void* run, ULONG length) KVR_NO_ANALYSIS {
         auto buffer =
@@ -114,9 +115,7 @@ TEST_F(MapFormat, AnOlderMapBehindTheNewOneIsNotReadAgain) {
             ForgetMaps();
             RedirectMany(count);
             Locate({runs[0], runs[1], runs[2]});
-            if (fault) host::FailCall(host::FaultBit(host::Fault::Allocate), fault);
-            Save();
-            host::DisarmFaults();
+            Save(fault);
             ForgetMaps();
             const NTSTATUS first = LoadFromDisk(kMap, 512);
             EXPECT_EQ(count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS, first);
@@ -136,9 +135,7 @@ TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
         std::fill(At(kMap), At(kMap + 4 * S), 0xEE);
         Locate({first, second});
         device->TakeTransfers();
-        host::FailCall(host::FaultBit(host::Fault::Allocate), n);
-        Save();
-        host::DisarmFaults();
+        Save(n);
         // Without a buffer nothing is written; without the second one the second run is zeroed, in pieces.
         EXPECT_EQ(n == 1 ? 0 : n == 2 ? 4 : 2, static_cast<int>(device->TakeTransfers().size()));
         EXPECT_EQ(n == 2, IsZero(kMap + S, 1280));
@@ -147,13 +144,9 @@ TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
     device->verdict = [](const StackMemory::Transfer& t) {
         return t.offset == kMap + S ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 2);
-    Save();  // ends, though the zeroing fails
-    host::DisarmFaults();
+    Save(2);  // ends, though the zeroing fails
     Locate({first, {0, 512}});
-    host::FailCall(host::FaultBit(host::Fault::Allocate), 2);
-    Save();
-    host::DisarmFaults();
+    Save(2);
     EXPECT_FALSE(IsZero(0, 0) && volume->MapDirty) << "a run that no map may lie in is not touched";
 }
 
@@ -256,15 +249,6 @@ TEST_F(MapFormat, PlacesBeyondAnEntryAreLeftOut) {
     EXPECT_EQ((FreeList{{130 * S, S}}), FreeSpace());
 }
 
-TEST_F(MapFormat, WhatLastsUntilTheNextBootIsFreeInTheMap) {
-    Locate({{kMap / S, 512}});
-    Redirect(0, kSwap, S, 1);
-    Save();
-    ForgetMaps();
-    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
-    EXPECT_EQ((FreeList{{kSwap, S}}), FreeSpace());
-}
-
 TEST_F(MapFormat, TheReaderTrustsNothing) {
     const ULONG at = kSwap / S;
     constexpr ULONG most = 0x7FFFFF;  // sectors below 4 GiB
@@ -309,15 +293,11 @@ TEST_F(MapFormat, TheReaderTrustsNothing) {
 TEST_F(MapFormat, ShortMemoryEndsTheLoad) {
     for (const bool free : {false, true}) {
         for (const ULONGLONG n : {1, 2}) {
-            const Bytes run = [&] {
-                const SWAP_MAP_ENTRY entries[] = {Entry(free ? kFreeSpaceMark : 5, 100, 4), Entry(50, 200, 4)};
-                const auto* bytes = reinterpret_cast<const UCHAR*>(entries);
-                return Bytes(bytes, bytes + sizeof(entries));
-            }();
-            host::FailCall(host::FaultBit(host::Fault::Allocate), n + 1);  // the first is the test's buffer
+            const std::vector<SWAP_MAP_ENTRY> run = {Entry(free ? kFreeSpaceMark : 5, 100, 4),
+                                                     Entry(50, 200, 4)};
+            // The first allocation is the test's own buffer.
             EXPECT_EQ(n == 1 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_UNSUCCESSFUL,
-                      Load(run.data(), run.size()));
-            host::DisarmFaults();
+                      Starved(n + 1, [&] { return LoadEntries(run); }));
             EXPECT_NE(std::string::npos,
                       LastSaid().find(n == 1 ? "STATUS_INSUFFICIENT_RESOURCES" : "STATUS_UNSUCCESSFUL"));
             EXPECT_EQ(0u, Used() + Free());
