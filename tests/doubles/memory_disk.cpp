@@ -76,19 +76,6 @@ std::unique_ptr<MemoryDisk> MemoryDisk::Clone() const {
     return copy;
 }
 
-bool MemoryDisk::SameContent(const MemoryDisk& other) const {
-    static const std::uint8_t zeros[kChunk] = {};
-    if (this == &other) return true;
-    if (size_ != other.size_) return false;
-    for (std::size_t i = 0; i < chunks_.size(); ++i) {
-        std::scoped_lock hold(StripeOf(i), other.StripeOf(i));
-        const Chunk* a = chunks_[i];
-        const Chunk* b = other.chunks_[i];
-        if (a != b && std::memcmp(a ? a->data : zeros, b ? b->data : zeros, kChunk) != 0) return false;
-    }
-    return true;
-}
-
 std::vector<MemoryDisk::Range> MemoryDisk::DifferencesFrom(const MemoryDisk& other) const {
     std::vector<Range> found;
     for (std::size_t i = 0; i < chunks_.size(); ++i) {

@@ -28,13 +28,13 @@ public:
 
     // The disk as it is now. Writes that run meanwhile are in the copy or not, sector by sector.
     std::unique_ptr<MemoryDisk> Clone() const;
-    // Whether both hold the same bytes; shared chunks are not compared byte by byte.
-    bool SameContent(const MemoryDisk& other) const;
     struct Range {
         std::uint64_t begin, end;  // bytes, whole sectors
     };
-    // Where two disks of one size differ, ascending and apart. Neither may be written meanwhile.
+    // Where two disks of one size differ, ascending and apart; shared chunks are not compared byte by byte.
+    // Neither may be written meanwhile.
     std::vector<Range> DifferencesFrom(const MemoryDisk& other) const;
+    bool SameContent(const MemoryDisk& other) const { return DifferencesFrom(other).empty(); }
 
 private:
     struct Chunk {

@@ -4,8 +4,7 @@
 
 namespace machine {
 
-ScriptedVolume::ScriptedVolume(std::uint64_t begin, std::uint64_t end, std::uint32_t cluster)
-    : begin_(begin), cluster_(cluster), cursor_(begin) {
+ScriptedVolume::ScriptedVolume(std::uint64_t begin, std::uint64_t end) : begin_(begin), cursor_(begin) {
     free_[begin] = end - begin;
 }
 
@@ -31,10 +30,6 @@ std::vector<std::u16string> ScriptedVolume::Paths() const {
 
 std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::Save() const {
     std::lock_guard hold(lock_);
-    return SaveLocked();
-}
-
-std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::SaveLocked() const {
     auto snapshot = std::make_shared<Snapshot>();
     for (const auto& [folded, file] : files_) snapshot->files.push_back(*file);
     snapshot->free = free_;
@@ -44,11 +39,6 @@ std::shared_ptr<const ScriptedVolume::Snapshot> ScriptedVolume::SaveLocked() con
 
 void ScriptedVolume::Restore(const Snapshot& snapshot) {
     std::lock_guard hold(lock_);
-    RestoreLocked(snapshot);
-    if (power_ != nullptr) journaled_ = SaveLocked();
-}
-
-void ScriptedVolume::RestoreLocked(const Snapshot& snapshot) {
     files_.clear();
     for (const File& file : snapshot.files) {
         auto restored = std::make_shared<File>(file);
@@ -57,17 +47,18 @@ void ScriptedVolume::RestoreLocked(const Snapshot& snapshot) {
     }
     free_ = snapshot.free;
     cursor_ = snapshot.cursor;
+    if (power_ != nullptr) journaled_ = Save();
 }
 
 void ScriptedVolume::FollowPower(const PowerSwitch* power) {
     std::lock_guard hold(lock_);
     power_ = power;
-    journaled_ = power != nullptr ? SaveLocked() : nullptr;
+    journaled_ = power != nullptr ? Save() : nullptr;
 }
 
 void ScriptedVolume::RestoreJournaled() {
     std::lock_guard hold(lock_);
-    if (journaled_ != nullptr) RestoreLocked(*journaled_);
+    if (journaled_ != nullptr) Restore(Snapshot(*journaled_));
 }
 
 void ScriptedVolume::ForgetOpens() {
@@ -187,7 +178,7 @@ bool ScriptedVolume::TakePiece(std::uint64_t wanted, Extent& piece) {
     }
     const std::uint64_t end = range->first + range->second;
     const std::uint64_t start = std::max(range->first, cursor_);
-    std::uint64_t length = (wanted + cluster_ - 1) / cluster_ * cluster_;
+    std::uint64_t length = (wanted + kCluster - 1) / kCluster * kCluster;
     if (piece_ != 0) length = std::min(length, piece_);
     length = std::min(length, end - start);
     const std::uint64_t before = start - range->first;
@@ -236,7 +227,7 @@ void ScriptedVolume::Grew(File& file, std::uint64_t size) {
     std::lock_guard hold(lock_);
     if (IsPowerGone()) return;
     file.size = std::max(file.size, size);
-    if (power_ != nullptr) journaled_ = SaveLocked();
+    if (power_ != nullptr) journaled_ = Save();
 }
 
 }  // namespace machine

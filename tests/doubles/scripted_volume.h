@@ -22,9 +22,8 @@ struct Extent {
 // Thread-safe.
 class ScriptedVolume {
 public:
-    // Files are placed in bytes [begin, end) of the volume, in units of `cluster` bytes, which is a multiple of
-    // the sector size.
-    ScriptedVolume(std::uint64_t begin, std::uint64_t end, std::uint32_t cluster = 4096);
+    // Files are placed in bytes [begin, end) of the volume, in whole clusters.
+    ScriptedVolume(std::uint64_t begin, std::uint64_t end);
 
     // ---- files -----------------------------------------------------------------------------------------
     std::vector<Extent> ExtentsOf(std::u16string_view path) const;
@@ -69,8 +68,6 @@ public:
 private:
     using Files = std::map<std::u16string, std::shared_ptr<File>>;  // by folded path
 
-    std::shared_ptr<const Snapshot> SaveLocked() const;
-    void RestoreLocked(const Snapshot& snapshot);
     bool IsPowerGone() const { return power_ != nullptr && power_->IsCut(); }
     const File* Find(std::u16string_view path) const;
     NTSTATUS OpenExisting(File& file, ULONG disposition, ULONG attributes, const ShareClaim& claim,
@@ -79,8 +76,8 @@ private:
     void GiveBack(std::vector<Extent>& extents);
 
     const std::uint64_t begin_;
-    const std::uint32_t cluster_;
-    mutable std::mutex lock_;  // guards what follows
+    static constexpr std::uint32_t kCluster = 4096;  // a multiple of every sector size
+    mutable std::recursive_mutex lock_;              // guards what follows
     Files files_;
     std::map<std::uint64_t, std::uint64_t> free_;  // offset to length, without overlaps
     std::uint64_t cursor_;                         // where the search for a piece begins

@@ -30,6 +30,11 @@ protected:
         EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, kAt, data, file).status);
         return data[0] == m_fill;
     }
+    // For what the request does besides.
+    void Ask(PVOLUME_EXTENSION record, UCHAR major, PFILE_OBJECT file = nullptr) {
+        Bytes data(S);
+        KVR_DISCARD(Send(record, major, kAt, data, file), "its traces are looked at");
+    }
     ULONG VolatileOf(LONGLONG at) {
         FastMutexLock lock(volume->SwapLock);
         TREE_NODE* node = tree_find(&volume->SwappedChunks, &at);
@@ -187,14 +192,12 @@ TEST_F(Requests, WhoIsLedToItsStorage) {
             volume->IsProtected = c.isProtected;
             volume->MediaType = c.media;
             volume->SwapFile = nullptr;
-            Bytes data(S);
-            KVR_DISCARD(Send(volume, major, kAt, data), "the attachment is looked at");
+            Ask(volume, major);
             EXPECT_EQ(c.attached, volume->SwapFile != nullptr);
             volume->MediaType = FixedMedia;
         }
         const SIZE_T asked = TimesSaid(mark, "Kvr!GetSwapFile");
-        Bytes data(S);
-        KVR_DISCARD(Send(volume, major, kAt, data), "likewise");
+        Ask(volume, major);
         EXPECT_EQ(asked, TimesSaid(mark, "Kvr!GetSwapFile")) << "once";
     }
     EXPECT_EQ(nullptr, gSwapFileList->pNext);
@@ -364,9 +367,8 @@ TEST_F(Requests, Traces) {
         volume->SwapFile = nullptr;
         gTesselEnabled = c.enabled;
         const SIZE_T reads = TimesSaid(mark, "Kvr!Read("), writes = TimesSaid(mark, "Kvr!Write(");
-        Bytes data(S);
-        KVR_DISCARD(Send(record, IRP_MJ_READ, kAt, data, c.hasFile ? &file.object : nullptr), "traced");
-        KVR_DISCARD(Send(record, IRP_MJ_WRITE, kAt, data, c.hasFile ? &file.object : nullptr), "traced");
+        for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE})
+            Ask(record, major, c.hasFile ? &file.object : nullptr);
         EXPECT_EQ(c.reads, static_cast<int>(TimesSaid(mark, "Kvr!Read(") - reads));
         EXPECT_EQ(c.writes, static_cast<int>(TimesSaid(mark, "Kvr!Write(") - writes));
     }
@@ -404,10 +406,7 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         volume->IsProtected = c.isProtected;
         volume->MapLocation = c.map ? &run : nullptr;
         for (int i = 0; i < 16; ++i) volume->PreloadConfigLocation[i] = i < c.config ? 0x8000 : 0;
-        for (int twice = 0; twice < 2; ++twice) {
-            Bytes data(S);
-            KVR_DISCARD(Send(volume, c.major, kAt, data, c.file), "the thread is what is looked at");
-        }
+        for (int twice = 0; twice < 2; ++twice) Ask(volume, c.major, c.file);
         EXPECT_EQ(c.starts ? 1u : 0u, gate.Held());
         volume->MapLocation = nullptr;
         for (auto& offset : volume->PreloadConfigLocation) offset = 0;
@@ -418,8 +417,7 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
     volume->MediaType = FixedMedia;
     host::ThreadGate gate;
     volume->ArmThreadStarting = 1;  // another request is at it
-    Bytes data(S);
-    KVR_DISCARD(Send(volume, IRP_MJ_READ, kAt, data), "likewise");
+    Ask(volume, IRP_MJ_READ);
     EXPECT_EQ(0u, gate.Held());
     EXPECT_EQ(1, volume->ArmThreadStarting.load());
 }

@@ -43,37 +43,18 @@ protected:
             if (offset >= c.volumeOffset && offset < c.volumeOffset + c.length) return &c;
         return nullptr;
     }
-    // Bytes from `offset` that are contiguous on the volume and in the swap, chunk by chunk.
-    ULONG64 RunLeft(LONGLONG offset) const {
-        ULONG64 length = 0;
-        const Chunk* c = ChunkAt(offset);
-        LONGLONG position = offset;
-        while (c) {
-            length += c->volumeOffset + c->length - position;
-            position = c->volumeOffset + c->length;
-            const Chunk* next = ChunkAt(position);
-            if (!next || next->swapOffset != c->swapOffset + c->length) break;
-            c = next;
-        }
-        return length;
-    }
     // The cut as one would make it looking at every sector by itself.
     std::vector<Cut> SectorBySector(LONGLONG offset, ULONG length) const {
         std::vector<Cut> runs;
-        bool open = false;
-        ULONG64 left = 0;
         for (ULONG done = 0; length - done >= S; done += S) {
             const LONGLONG position = offset + done;
             const Chunk* c = ChunkAt(position);
-            if (open && runs.back().inSwap == (c != nullptr) && (!c || left > 0)) {
-                left -= std::min<ULONG64>(left, S);
-                runs.back().length += S;
-                continue;
-            }
             const LONGLONG at = c ? c->swapOffset + (position - c->volumeOffset) : 0;
-            runs.push_back({position, at, c != nullptr, static_cast<ULONG>(position / S), done, S});
-            left = c ? RunLeft(position) - std::min<ULONG64>(RunLeft(position), S) : 0;
-            open = true;
+            const Cut* last = runs.empty() ? nullptr : &runs.back();
+            if (last && last->inSwap == (c != nullptr) && (!c || at == last->swapOffset + last->length))
+                runs.back().length += S;
+            else
+                runs.push_back({position, at, c != nullptr, static_cast<ULONG>(position / S), done, S});
         }
         return runs;
     }
