@@ -27,11 +27,7 @@ protected:
     // What a former boot left: sectors 100 to 107 redirected, and so much free space.
     void SaveMap(ULONG64 freeBytes = 60 << 20) {
         ForgetMapLocation(volume);
-        ForgetMaps();
-        volume->SwapState = kSwapUsable;
-        volume->SwapMapLoaded = FALSE;
-        volume->IsProtected = TRUE;
-        volume->BootAction = 0;
+        Rearm();
         std::fill(At(kMap), At(kMap + kMapBytes), 0);
         std::ranges::copy(m_before, At(100 * S));
         std::ranges::copy(m_data, At(kSwap));
@@ -56,6 +52,14 @@ protected:
             if (entry->ulSwapSector != 0 && entry->ulVolumeSector != kFreeSpaceMark) return true;
         }
         return false;
+    }
+    // As at the start of a boot, with a protected volume.
+    void Rearm() {
+        ForgetMaps();
+        volume->SwapMapLoaded = FALSE;
+        volume->SwapState = kSwapUsable;
+        volume->IsProtected = TRUE;
+        volume->BootAction = 0;
     }
     SIZE_T Loads() const { return TimesSaid(mark, "Kvr!PreloadSwapMap: Done"); }
 
@@ -217,14 +221,11 @@ TEST_F(MapBoot, AMapWithAnyErrorIsDroppedWholeAndNeverSaved) {
     for (const auto& damage : damages) {
         SCOPED_TRACE(&damage - damages);
         std::ranges::copy(good, At(kMap));
-        ForgetMaps();
+        Rearm();
         ForgetMapLocation(volume);
         damage();
         for (int i = 1; i <= 2 && &damage != damages; ++i) SealMapEntry(&entries[i]);
         const Bytes map = OnDisk(kMap, kMapBytes);
-        volume->SwapMapLoaded = FALSE;
-        volume->SwapState = kSwapUsable;
-        volume->IsProtected = TRUE;
         EnsureSwapMapLoaded(volume);
         EXPECT_EQ(kSwapMapBad, volume->SwapState);
         EXPECT_FALSE(volume->IsProtected);
@@ -260,11 +261,7 @@ TEST_F(MapBoot, SpacesThatOverlapAreFoundWhateverTheirOrder) {
             SealMapEntry(entry);
             if (overlaps) sound = false;
         }
-        ForgetMaps();
-        volume->SwapMapLoaded = FALSE;
-        volume->SwapState = kSwapUsable;
-        volume->IsProtected = TRUE;
-        volume->BootAction = 0;
+        Rearm();
         EnsureSwapMapLoaded(volume);
         ASSERT_EQ(sound ? kSwapUsable : kSwapMapBad, volume->SwapState) << longer;
     }
@@ -288,10 +285,8 @@ TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndAnEmptyOneEndsTheMap) {
                  {{{kMap / S, 12}}, true, STATUS_SUCCESS},
                  {{{kMap / S, 11}, first}, false, STATUS_SUCCESS}};
     for (const auto& c : cases) {
-        ForgetMaps();
+        Rearm();
         SetLocation(c.runs);
-        volume->SwapState = kSwapUsable;
-        volume->IsProtected = TRUE;
         host::SetPoolLimit(64 << 20);
         EXPECT_EQ(c.status, PreloadSwapMap(volume->FilterDevice));
         host::SetPoolLimit(host::kNoPoolLimit);
