@@ -30,38 +30,33 @@ MemoryDisk::Chunk* MemoryDisk::MakeWritable(std::size_t index) {
     return own;
 }
 
-NTSTATUS MemoryDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
-    auto* to = static_cast<std::uint8_t*>(buffer);
-    while (length != 0) {
-        const std::size_t index = offset / kChunk;
-        const std::size_t within = offset % kChunk;
-        const std::size_t part = std::min(length, kChunk - within);
-        {
-            std::lock_guard hold(StripeOf(index));
-            if (const Chunk* chunk = chunks_[index]) {
-                std::memcpy(to, chunk->data + within, part);
-            } else {
-                std::memset(to, 0, part);
-            }
-        }
-        offset += part, to += part, length -= part;
+template <class Move>
+NTSTATUS MemoryDisk::ForEachChunk(std::uint64_t offset, std::size_t length, const Move& move) {
+    for (std::size_t done = 0, part = 0; done != length; done += part) {
+        const std::size_t index = (offset + done) / kChunk;
+        const std::size_t within = (offset + done) % kChunk;
+        part = std::min(length - done, kChunk - within);
+        std::lock_guard hold(StripeOf(index));
+        move(index, within, done, part);
     }
     return STATUS_SUCCESS;
 }
 
-NTSTATUS MemoryDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
-    const auto* from = static_cast<const std::uint8_t*>(buffer);
-    while (length != 0) {
-        const std::size_t index = offset / kChunk;
-        const std::size_t within = offset % kChunk;
-        const std::size_t part = std::min(length, kChunk - within);
-        {
-            std::lock_guard hold(StripeOf(index));
-            std::memcpy(MakeWritable(index)->data + within, from, part);
+NTSTATUS MemoryDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
+    return ForEachChunk(offset, length, [&](auto index, auto within, auto done, auto part) {
+        auto* to = static_cast<std::uint8_t*>(buffer) + done;
+        if (const Chunk* chunk = chunks_[index]) {
+            std::memcpy(to, chunk->data + within, part);
+        } else {
+            std::memset(to, 0, part);
         }
-        offset += part, from += part, length -= part;
-    }
-    return STATUS_SUCCESS;
+    });
+}
+
+NTSTATUS MemoryDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
+    return ForEachChunk(offset, length, [&](auto index, auto within, auto done, auto part) {
+        std::memcpy(MakeWritable(index)->data + within, static_cast<const std::uint8_t*>(buffer) + done, part);
+    });
 }
 
 std::unique_ptr<MemoryDisk> MemoryDisk::Clone() const {

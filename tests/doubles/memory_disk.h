@@ -43,6 +43,10 @@ private:
     };
     static constexpr std::size_t kStripes = 64;
 
+    // Calls `move` for each part of the range, with its chunk's index, where it begins in the chunk and in the
+    // range, and its length, under the chunk's stripe.
+    template <class Move>
+    NTSTATUS ForEachChunk(std::uint64_t offset, std::size_t length, const Move& move);
     static void Release(Chunk* chunk);
     void CompareChunk(const MemoryDisk& other, std::size_t index, std::vector<Range>& found) const;
     Chunk* MakeWritable(std::size_t index);  // with the stripe of `index` held

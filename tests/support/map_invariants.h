@@ -56,27 +56,28 @@ inline std::string CheckMaps(PVOLUME_EXTENSION volume) {
         if (std::string wrong = CheckTree(tree); !wrong.empty()) return wrong;
     const ULONG unit = volume->BytesPerSector;
     std::map<LONGLONG, LONGLONG> space;  // swap ranges, begin to end
+    // Whether the range is whole sectors of its own.
+    const auto take = [&](LONGLONG start, ULONG length, ULONG64* sum) {
+        *sum += length;
+        return length != 0 && length % unit == 0 && space.emplace(start, start + length).second;
+    };
     ULONG64 used = 0;
     ULONG64 free = 0;
     LONGLONG end = 0;
     TREE* swapped = &volume->SwappedChunks;
     for (TREE_NODE* node = tree_first(swapped, swapped->Root); node; node = tree_next(swapped, node)) {
         const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
-        if (chunk->liVolumeOffset.QuadPart < end) return At("redirected twice", chunk->liVolumeOffset.QuadPart);
-        end = chunk->liVolumeOffset.QuadPart + chunk->uLength;
-        if (chunk->uLength == 0 || chunk->uLength % unit != 0 || chunk->liVolumeOffset.QuadPart % unit != 0)
-            return At("no whole sectors", chunk->liVolumeOffset.QuadPart);
-        used += chunk->uLength;
-        const LONGLONG start = chunk->liSwapOffset.QuadPart;
-        if (!space.emplace(start, start + chunk->uLength).second) return At("swap space twice", start);
+        const LONGLONG start = chunk->liVolumeOffset.QuadPart;
+        if (start < end) return At("redirected twice", start);
+        end = start + chunk->uLength;
+        if (start % unit != 0 || !take(chunk->liSwapOffset.QuadPart, chunk->uLength, &used))
+            return At("no whole sectors, or swap space twice: redirected", start);
     }
     TREE* chunks = &volume->FreeChunks;
     for (TREE_NODE* node = tree_first(chunks, chunks->Root); node; node = tree_next(chunks, node)) {
         const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
-        const LONGLONG start = chunk->liSwapOffset.QuadPart;
-        if (chunk->uLength == 0 || chunk->uLength % unit != 0) return At("no whole sectors", start);
-        free += chunk->uLength;
-        if (!space.emplace(start, start + chunk->uLength).second) return At("swap space twice", start);
+        if (!take(chunk->liSwapOffset.QuadPart, chunk->uLength, &free))
+            return At("no whole sectors, or swap space twice: free", chunk->liSwapOffset.QuadPart);
     }
     end = 0;
     for (const auto& [from, to] : space) {

@@ -206,22 +206,24 @@ protected:
     }
     ULONG64 Free() KVR_NO_ANALYSIS { return volume->SwapFreeBytes; }
     ULONG64 Used() KVR_NO_ANALYSIS { return volume->SwapUsedBytes; }
+    // The records of a tree in their order.
+    template <class Record>
+    static std::vector<Record> RecordsOf(TREE* tree) {
+        std::vector<Record> records;
+        for (TREE_NODE* node = tree_first(tree, tree->Root); node; node = tree_next(tree, node))
+            records.push_back(*static_cast<const Record*>(node->Record));
+        return records;
+    }
     std::vector<Piece> Swapped() KVR_NO_ANALYSIS {
         std::vector<Piece> pieces;
-        TREE* tree = &volume->SwappedChunks;
-        for (TREE_NODE* n = tree_first(tree, tree->Root); n; n = tree_next(tree, n)) {
-            const auto* c = static_cast<const SWAPPED_CHUNK*>(n->Record);
-            pieces.push_back({c->liVolumeOffset.QuadPart, c->liSwapOffset.QuadPart, c->uLength});
-        }
+        for (const auto& c : RecordsOf<SWAPPED_CHUNK>(&volume->SwappedChunks))
+            pieces.push_back({c.liVolumeOffset.QuadPart, c.liSwapOffset.QuadPart, c.uLength});
         return pieces;
     }
     FreeList FreeSpace() KVR_NO_ANALYSIS {
         FreeList list;
-        TREE* tree = &volume->FreeChunks;
-        for (TREE_NODE* n = tree_first(tree, tree->Root); n; n = tree_next(tree, n)) {
-            const auto* c = static_cast<const FREE_CHUNK*>(n->Record);
-            list.emplace_back(c->liSwapOffset.QuadPart, c->uLength);
-        }
+        for (const auto& c : RecordsOf<FREE_CHUNK>(&volume->FreeChunks))
+            list.emplace_back(c.liSwapOffset.QuadPart, c.uLength);
         return list;
     }
     void ForgetMaps() { ResetSwapMaps(volume->FilterDevice); }

@@ -48,6 +48,10 @@ protected:
         return Load(entries.data(), entries.size() * sizeof(SWAP_MAP_ENTRY));
     }
     bool IsZero(LONGLONG offset, ULONG length) { return OnDisk(offset, length) == Bytes(length); }
+    NTSTATUS Reload(ULONG length) {
+        ForgetMaps();
+        return LoadFromDisk(kMap, length);
+    }
     // So many entries of one sector each.
     void RedirectMany(int count) {
         for (int i = 0; i < count; ++i) Redirect(i * 4 * S, kSwap + i * S, S);
@@ -92,8 +96,7 @@ TEST_F(MapFormat, WhatIsSavedIsLoadedAcrossRuns) {
     Locate({{kMap / S, 512}, {kMap / S + 1, 1024}, {kMap / S + 9, 512}, {kMap / S + 20, 512}});
     Save();
     EXPECT_TRUE(Said("map sectors written: 3")) << "42 entries, then 78; the third run ends the map";
-    ForgetMaps();
-    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ(STATUS_SUCCESS, Reload(512));
     EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap + S, 1024));
     EXPECT_EQ(STATUS_END_OF_FILE, LoadFromDisk(kMap + 9 * S, 512));
     EXPECT_EQ(used + free, Used() + Free());
@@ -116,8 +119,7 @@ TEST_F(MapFormat, AnOlderMapBehindTheNewOneIsNotReadAgain) {
             RedirectMany(count);
             Locate({runs[0], runs[1], runs[2]});
             Save(fault);
-            ForgetMaps();
-            const NTSTATUS first = LoadFromDisk(kMap, 512);
+            const NTSTATUS first = Reload(512);
             EXPECT_EQ(count == 0 ? STATUS_END_OF_FILE : STATUS_SUCCESS, first);
             if (first == STATUS_SUCCESS && LoadFromDisk(kMap + S, 2048) == STATUS_SUCCESS) {
                 EXPECT_EQ(STATUS_END_OF_FILE, LoadFromDisk(kMap + 5 * S, 512));
@@ -172,13 +174,11 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
     }
     Save();
     EXPECT_EQ(Bytes(before.begin() + kMap + S, before.begin() + kMap + 2 * S), OnDisk(kMap + S, S));
-    ForgetMaps();
-    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ(STATUS_SUCCESS, Reload(512));
     EXPECT_EQ(42 * S, Used());
     Locate({{kMap / S, 12}});  // room for exactly one
     Save();
-    ForgetMaps();
-    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 12));
+    EXPECT_EQ(STATUS_SUCCESS, Reload(12));
     EXPECT_EQ(S, Used());
 }
 
@@ -243,8 +243,7 @@ TEST_F(MapFormat, PlacesBeyondAnEntryAreLeftOut) {
     AddFree(last + 2 * S, S);
     AddFree(130 * S, S);
     Save();
-    ForgetMaps();
-    EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap, 512));
+    EXPECT_EQ(STATUS_SUCCESS, Reload(512));
     EXPECT_EQ((std::vector<Piece>{{0, last, S}, {last - S, 100 * S, S}}), Swapped());
     EXPECT_EQ((FreeList{{130 * S, S}}), FreeSpace());
 }
