@@ -1,54 +1,40 @@
 #include "tests/second_kernel/common/completer.h"
-#include <atomic>
-#include "tests/second_kernel/common/threads.h"
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <optional>
 
 namespace {
-
-constexpr ULONG kMostKept = 64;
 
 struct Kept {
     PIRP irp;
     void (*carry)(PIRP);
 };
 
-// What is kept, and the lock over it; one set for all devices, as one boot runs at a time.
+// What is kept, for all devices.
 struct Keeper {
-    KSPIN_LOCK lock;
-    std::atomic<bool> open;
-    ULONG count;
-    ULONG ever;
-    ULONG together;  // so many are waited for
-    Kept kept[kMostKept];
-    KEVENT changed;
+    std::mutex lock;
+    std::condition_variable changed;
+    bool open = false;
+    ULONG ever = 0;
+    ULONG together = 0;  // so many are waited for
+    std::deque<Kept> kept;
 };
-constinit Keeper gKeeper{};
+Keeper gKeeper;
 
-class KeeperLock {
-public:
-    KeeperLock() : m_irql(KeAcquireSpinLockRaiseToDpc(&gKeeper.lock)) {}
-    ~KeeperLock() { KeReleaseSpinLock(&gKeeper.lock, m_irql); }
-    KeeperLock(const KeeperLock&) = delete;
-    KeeperLock& operator=(const KeeperLock&) = delete;
-
-private:
-    KIRQL m_irql;
-};
-
-enum class Next { Carry, Wait, End };
-
-// Takes the first and the last in turns, so that requests overtake each other.
-Next TakeKept(Kept* taken) {
-    const KeeperLock lock;
-    if (gKeeper.count >= gKeeper.together || !gKeeper.open) gKeeper.together = 0;
-    if (gKeeper.count == 0 || gKeeper.together != 0) {
-        if (!gKeeper.open) return Next::End;
-        KeClearEvent(&gKeeper.changed);
-        return Next::Wait;
-    }
-    const ULONG index = gKeeper.ever % 2 ? 0 : gKeeper.count - 1;
-    *taken = gKeeper.kept[index];
-    gKeeper.kept[index] = gKeeper.kept[--gKeeper.count];
-    return Next::Carry;
+// Takes the first and the last in turns, so that requests overtake each other. Nothing at the end.
+std::optional<Kept> TakeKept() {
+    std::unique_lock hold(gKeeper.lock);
+    const auto isOverlap = [] { return gKeeper.kept.size() >= gKeeper.together || !gKeeper.open; };
+    (void)gKeeper.changed.wait_for(hold, std::chrono::seconds(5), isOverlap);
+    gKeeper.together = 0;
+    gKeeper.changed.wait(hold, [] { return !gKeeper.kept.empty() || !gKeeper.open; });
+    if (gKeeper.kept.empty()) return std::nullopt;
+    if (gKeeper.ever % 2 == 0) std::swap(gKeeper.kept.front(), gKeeper.kept.back());
+    const Kept taken = gKeeper.kept.front();
+    gKeeper.kept.pop_front();
+    return taken;
 }
 
 void CompleteRaised(PIRP irp) {
@@ -59,61 +45,38 @@ void CompleteRaised(PIRP irp) {
     KeReleaseSpinLock(&raise, irql);
 }
 
-void WaitForChange() {
-    LARGE_INTEGER time;
-    time.QuadPart = -5 * 10'000'000LL;
-    const NTSTATUS status = KeWaitForSingleObject(&gKeeper.changed, Executive, KernelMode, FALSE, &time);
-    if (status == STATUS_SUCCESS) return;
-    const KeeperLock lock;
-    gKeeper.together = 0;
-}
-
-void CarryKept(PVOID) {
-    Kept taken{};
-    for (Next next = TakeKept(&taken); next != Next::End; next = TakeKept(&taken)) {
-        if (next == Next::Wait) {
-            WaitForChange();
-            continue;
-        }
-        taken.carry(taken.irp);
-        CompleteRaised(taken.irp);
+void CarryKept() {
+    while (const std::optional<Kept> taken = TakeKept()) {
+        taken->carry(taken->irp);
+        CompleteRaised(taken->irp);
     }
-    (void)PsTerminateSystemThread(STATUS_SUCCESS);
-}
-
-void SetOpen(bool open) {
-    const KeeperLock lock;
-    gKeeper.open = open;
-    KeSetEvent(&gKeeper.changed, 0, FALSE);
 }
 
 }  // namespace
 
 PendedCompletions::PendedCompletions(ULONG together) {
-    KeInitializeSpinLock(&gKeeper.lock);
-    KeInitializeEvent(&gKeeper.changed, NotificationEvent, FALSE);
-    gKeeper.count = 0;
     gKeeper.ever = 0;
     gKeeper.together = together;
-    for (PVOID& thread : m_threads) thread = nullptr;
-    SetOpen(true);
-    for (PVOID& thread : m_threads) thread = StartThread(CarryKept, nullptr);
-    if (!m_threads[0]) SetOpen(false);
+    gKeeper.open = true;
+    for (std::thread& thread : m_threads) thread = std::thread(CarryKept);
 }
 
 PendedCompletions::~PendedCompletions() {
-    SetOpen(false);
-    for (PVOID thread : m_threads) JoinThread(thread);
+    {
+        const std::lock_guard hold(gKeeper.lock);
+        gKeeper.open = false;
+    }
+    gKeeper.changed.notify_all();
+    for (std::thread& thread : m_threads) thread.join();
 }
 
 bool PendRequest(PIRP irp, void (*carry)(PIRP)) {
+    const std::lock_guard hold(gKeeper.lock);
     if (!gKeeper.open) return false;
-    const KeeperLock lock;
-    if (!gKeeper.open || gKeeper.count == kMostKept) return false;
     IoMarkIrpPending(irp);
-    gKeeper.kept[gKeeper.count++] = {irp, carry};
+    gKeeper.kept.push_back({irp, carry});
     ++gKeeper.ever;
-    KeSetEvent(&gKeeper.changed, 0, FALSE);
+    gKeeper.changed.notify_all();
     return true;
 }
 

@@ -2,6 +2,7 @@
 // threads of its own carry them out and complete them, at DISPATCH_LEVEL as devices do and not always in the
 // order in which they came. One at a time.
 #pragma once
+#include <thread>
 #include "platform/kernel.h"
 
 class PendedCompletions {
@@ -15,11 +16,11 @@ public:
     PendedCompletions& operator=(const PendedCompletions&) = delete;
 
 private:
-    PVOID m_threads[2];
+    std::thread m_threads[2];
 };
 
 // For the devices: keeps the request, marked pending, and returns true; or returns false when it must be
 // carried out at once. `carry` carries it out and leaves its result for the completion.
 [[nodiscard]] bool PendRequest(PIRP irp, void (*carry)(PIRP irp));
-// How many requests were kept since the boot began.
+// How many requests the last of them kept.
 [[nodiscard]] ULONG PendedRequests();

@@ -1,16 +1,24 @@
 #include "tests/second_kernel/common/computer.h"
-#include <new>
+#include <optional>
+#include "platform/host/object/namespace.h"
 
 namespace {
 
-// Constructed anew in each boot.
-alignas(Computer) UCHAR gComputer[sizeof(Computer)];
+Computer gComputer;
+
+// The files outlive boots, and the handles to them the end of a boot.
+std::optional<PlayedFiles> gSystemFiles;
+std::optional<PlayedFiles> gDataFiles;
+
+PlayedFiles* FilesOf(std::optional<PlayedFiles>& files) {
+    if (stage::IsFirstBoot()) files.emplace();
+    return &*files;
+}
 
 bool MakeVolumes(Computer* computer) {
     const ComputerOptions& options = computer->Options;
     computer->SystemSectors = stage::Medium(0, kSystemBytes);
     PUCHAR data = stage::Medium(1, options.DataBytes + static_cast<SIZE_T>(kDataStart));
-    if (!stage::Check(computer->SystemSectors && data, "the media")) return false;
     computer->DataSectors = data + kDataStart;
     computer->System =
         MakeRamDevice({.Name = SYSTEM_VOLUME, .Sectors = computer->SystemSectors, .Size = kSystemBytes});
@@ -39,45 +47,35 @@ bool StartVolumes(Computer* computer) {
                               "the data volume starts");
 }
 
-bool MountVolumes(Computer* computer) {
-    auto* systemTable = reinterpret_cast<FileTable*>(stage::Medium(6, sizeof(FileTable)));
-    auto* dataTable = reinterpret_cast<FileTable*>(stage::Medium(7, sizeof(FileTable)));
-    if (!stage::Check(systemTable && dataTable, "the files' tables")) return false;
-    PlayedFiles& system = computer->SystemFiles;
-    system.Volume = computer->System;
-    system.Table = systemTable;
-    system.Begin = kFileUnit;  // a place at 0 would read as none
-    system.Units = kSystemBytes / kFileUnit - 1;
-    MountFiles(&system);
-    PlayedFiles& data = computer->DataFiles;
-    data.Volume = computer->Data;
-    data.Table = dataTable;
-    data.Begin = kRegion;
-    data.Units = (computer->Options.DataBytes - kRegion) / kFileUnit;
-    data.PieceUnits = computer->Options.PieceUnits;
-    data.GapUnits = computer->Options.GapUnits;
-    MountFiles(&data);
-    stage::SetSystemRoot(SYSTEM_VOLUME W("\\Windows"));
-    return true;
+void MountVolumes(Computer* computer) {
+    const ComputerOptions& options = computer->Options;
+    FilesOf(gSystemFiles)->Mount(computer->System, kFileUnit, kSystemBytes);  // a place at 0 would read as none
+    computer->DataFiles = FilesOf(gDataFiles);
+    computer->DataFiles->PieceUnits = options.PieceUnits;
+    computer->DataFiles->GapUnits = options.GapUnits;
+    computer->DataFiles->Mount(computer->Data, kRegion, options.DataBytes);
+    host::SetSystemRoot(SYSTEM_VOLUME W("\\Windows"));
 }
 
 }  // namespace
 
 NTSTATUS AddAndStart(PDRIVER_OBJECT driver, PDEVICE_OBJECT device) {
-    const NTSTATUS added = stage::AddDevice(driver, device);
+    const NTSTATUS added = host::AddDeviceToStack(driver, device);
     if (!stage::CheckStatus(added, STATUS_SUCCESS, "AddDevice")) return added;
-    stage::Check(stage::TopOfStack(device) != device, "the filter is attached");
-    return SendPnp(stage::TopOfStack(device), IRP_MN_START_DEVICE);
+    stage::Check(host::TopOfStack(device) != device, "the filter is attached");
+    return host::SendPnp(device, IRP_MN_START_DEVICE);
 }
 
 Computer* BootComputer(const ComputerOptions& options) {
     stage::Step("boot: load the driver, start the volumes, mount the files");
-    Computer* computer = ::new (gComputer) Computer{};
+    gComputer = {};
+    Computer* computer = &gComputer;
     computer->Options = options;
     if (!stage::CheckStatus(stage::LoadDriver(computer->Driver), STATUS_SUCCESS, "the driver loads"))
         return nullptr;
     computer->Control = computer->Driver->DeviceObject;
-    if (!MakeVolumes(computer) || !StartVolumes(computer) || !MountVolumes(computer)) return nullptr;
+    if (!MakeVolumes(computer) || !StartVolumes(computer)) return nullptr;
+    MountVolumes(computer);
     return stage::CheckStatus(OpenTool(&computer->User, computer->Control), STATUS_SUCCESS,
                               "the control device opens")
                ? computer
@@ -86,30 +84,45 @@ Computer* BootComputer(const ComputerOptions& options) {
 
 void WakeComputer(Computer* computer) {
     const ULONG sector = computer->Options.DataSector;
-    const Bytes first(sector);
-    if (!first) return;
-    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.Get(), 512), STATUS_SUCCESS,
+    Bytes first(sector);
+    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.data(), 512), STATUS_SUCCESS,
                        "the system volume's first read");
-    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.Get(), sector), STATUS_SUCCESS,
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.data(), sector), STATUS_SUCCESS,
                        "the data volume's first read");
 }
 
 void EndComputer(Computer* computer) {
     stage::Step("shutdown");
     CloseTool(&computer->User);
-    stage::NotifyShutdown();
-    EndBoot();
-}
-
-void EndBoot() {
+    host::NotifyShutdown();
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads of the driver that still run");
-    stage::CheckEqual(stage::BrokenRules(), 0, "broken rules of the platform");
 }
 
 PDEVICE_OBJECT TopOfData(Computer* computer) {
-    return stage::TopOfStack(computer->Data);
+    return host::TopOfStack(computer->Data);
 }
 
 PDEVICE_OBJECT TopOfSystem(Computer* computer) {
-    return stage::TopOfStack(computer->System);
+    return host::TopOfStack(computer->System);
+}
+
+void MountKernelFiles() {
+    PDEVICE_OBJECT device =
+        MakeRamDevice({.Name = SYSTEM_VOLUME, .Sectors = stage::Medium(1, kSystemBytes), .Size = kSystemBytes});
+    if (!device) return;
+    FilesOf(gSystemFiles)->Mount(device, kFileUnit, kSystemBytes);
+    host::SetSystemRoot(SYSTEM_VOLUME W("\\Windows"));
+}
+
+void RemoveStorage(Computer* computer, LONG blocks) {
+    const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, 0);
+    stage::CheckStatus(Ask(&computer->User, IOCTL_KVR_REMOVE_SWAP, &request, sizeof(request.VolumeName)).status,
+                       STATUS_SUCCESS, "the removal");
+    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(status.SwapStatus, 0, "no storage");
+    stage::CheckEqual(status.SwapTotalBytes, 0, "no storage");
+    stage::Check(computer->DataFiles->All().empty(), "no file is left");
+    stage::Check(stage::RegistryValue(DATA_VOLUME).empty(), "no location in the registry");
+    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
+    stage::CheckEqual(stage::PoolBlocks(), blocks, "pool blocks");
 }

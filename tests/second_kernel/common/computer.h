@@ -1,11 +1,12 @@
 // The computer of most stories: a small system volume that holds the configuration file, and a data volume, on
-// its own or on a disk, whose files are placed behind the first bytes; the driver in every stack. Media 0, 1, 6
-// and 7 are its own, the others the story's.
+// its own or on a disk, whose files are placed behind the first bytes; the driver in every stack. Media 0 and 1
+// are its own, the others the story's.
 #pragma once
-#include "tests/second_kernel/common/memory.h"
+#include "tests/second_kernel/common/pattern.h"
 #include "tests/second_kernel/common/played_files.h"
 #include "tests/second_kernel/common/ram_device.h"
 #include "tests/second_kernel/common/tool.h"
+#include "tests/second_kernel/stage.h"
 
 #define SYSTEM_VOLUME W("\\Device\\StoryVolume1")
 #define DATA_VOLUME W("\\Device\\StoryVolume2")
@@ -33,8 +34,7 @@ struct Computer {
     PDEVICE_OBJECT Data;
     PUCHAR SystemSectors;  // what the volumes really hold
     PUCHAR DataSectors;
-    PlayedFiles SystemFiles;
-    PlayedFiles DataFiles;
+    PlayedFiles* DataFiles;
 };
 
 // Loads the driver, makes and starts the devices, mounts the files and opens the control device. Null, with
@@ -47,7 +47,12 @@ void EndComputer(Computer* computer);
 [[nodiscard]] PDEVICE_OBJECT TopOfData(Computer* computer);
 [[nodiscard]] PDEVICE_OBJECT TopOfSystem(Computer* computer);
 
-// What ends every boot that made no computer.
-void EndBoot();
 // Offers the device to the driver and starts it; the status of its start.
 [[nodiscard]] NTSTATUS AddAndStart(PDRIVER_OBJECT driver, PDEVICE_OBJECT device);
+
+// Where the story plays no files of its own: the system's root leads to files that the kernel keeps, on a
+// volume without the driver; they survive boots.
+void MountKernelFiles();
+// Removes the data volume's storage; the request carries no more than the volume's name. No storage, no files,
+// no location in the registry and no thread are left, and so many pool blocks of the driver.
+void RemoveStorage(Computer* computer, LONG blocks);

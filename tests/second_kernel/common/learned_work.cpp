@@ -26,21 +26,20 @@ void CheckSector(const Sector& sector, NTSTATUS status, bool mayLose) {
 
 void LearnSector(const Sector& sector) {
     if (!sector.IsNew) return;
-    RtlCopyMemory(Model() + sector.Offset, sector.Now, sector.Bytes);
+    std::memcpy(Model() + sector.Offset, sector.Now, sector.Bytes);
     RedirectedSectors()[sector.Offset / sector.Bytes] = 1;
 }
 
 }  // namespace
 
 void LearnWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, NTSTATUS status, bool mayLose) {
-    const Bytes now(length);
-    if (!now) return;
-    stage::CheckStatus(ReadAt(TopOfData(computer), offset, now.Get(), length), STATUS_SUCCESS,
+    Bytes now(length);
+    stage::CheckStatus(ReadAt(TopOfData(computer), offset, now.data(), length), STATUS_SUCCESS,
                        "the read afterwards");
     const ULONG bytes = computer->Options.DataSector;
     for (ULONG at = 0; at < length; at += bytes) {
         const LONGLONG place = offset + at;
-        const UCHAR* data = now.Get() + at;
+        const UCHAR* data = now.data() + at;
         const Sector sector = {place,
                                bytes,
                                data,

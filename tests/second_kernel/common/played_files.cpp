@@ -1,284 +1,183 @@
 #include "tests/second_kernel/common/played_files.h"
-#include "platform/owners.h"
+#include <algorithm>
+#include "machine/names.h"
+#include "platform/host/object/namespace.h"
+#include "tests/second_kernel/common/requests.h"
 
-namespace {
-
-// ---- names and space; under Lock -------------------------------------------------------------------------
-
-PlayedFile* Find(PlayedFiles* files, PCUNICODE_STRING path) {
-    for (PlayedFile& file : files->Table->Files) {
-        UNICODE_STRING name;
-        RtlInitUnicodeString(&name, file.Path);
-        if (file.Exists && RtlCompareUnicodeString(&name, path, TRUE) == 0) return &file;
+class PlayedOpen final : public host::OpenFile {
+public:
+    PlayedOpen(PlayedFiles& files, std::shared_ptr<PlayedFile> file, const host::FileOpen& request)
+        : m_files(files),
+          m_file(std::move(file)),
+          m_path(request.path),
+          m_claim(machine::MakeShareClaim(request.access, request.share)) {
+        m_file->Share.Admit(m_claim);
+        InitializeFile(&m_object, m_files.m_volume, m_path.c_str());
     }
-    return nullptr;
+    ~PlayedOpen() override {
+        const std::lock_guard hold(m_files.m_lock);
+        m_file->Share.Leave(m_claim);
+    }
+
+    NTSTATUS Read(LONGLONG offset, void* buffer, ULONG length, ULONG& done) override {
+        done = 0;
+        if (!AreSectors(offset, length)) return STATUS_INVALID_PARAMETER;
+        const LONGLONG size = Size();
+        if (offset >= size) return STATUS_END_OF_FILE;
+        const auto part = static_cast<ULONG>(std::min<LONGLONG>(size - offset, length));
+        const NTSTATUS status = Move(IRP_MJ_READ, offset, static_cast<PUCHAR>(buffer), part);
+        if (NT_SUCCESS(status)) done = part;
+        return status;
+    }
+
+    NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length, ULONG& done) override {
+        done = 0;
+        m_files.WaitAtGate();
+        if (!AreSectors(offset, length)) return STATUS_INVALID_PARAMETER;
+        NTSTATUS status = Reserve(offset + length);
+        if (!NT_SUCCESS(status)) return status;
+        status = Move(IRP_MJ_WRITE, offset, static_cast<PUCHAR>(const_cast<void*>(buffer)), length);
+        if (!NT_SUCCESS(status)) return status;
+        const std::lock_guard hold(m_files.m_lock);
+        m_file->Size = std::max(m_file->Size, offset + length);
+        done = length;
+        return status;
+    }
+
+private:
+    // Whole sectors only, as unbuffered opens promise.
+    bool AreSectors(LONGLONG offset, ULONG length) const {
+        const ULONG sector = m_files.m_volume->SectorSize;
+        return offset >= 0 && offset % sector == 0 && length % sector == 0;
+    }
+    LONGLONG Size() {
+        const std::lock_guard hold(m_files.m_lock);
+        return m_file->Size;
+    }
+    NTSTATUS Reserve(LONGLONG size) {
+        const std::lock_guard hold(m_files.m_lock);
+        return m_files.Reserve(*m_file, size);
+    }
+    // The stretch at `offset` that lies in one piece, as much of it as `length`; empty behind the end.
+    FileExtent NextStretch(LONGLONG offset, LONGLONG length) {
+        const std::lock_guard hold(m_files.m_lock);
+        for (const FileExtent& extent : m_file->Extents) {
+            if (offset < extent.Length)
+                return {extent.Offset + offset, std::min(extent.Length - offset, length)};
+            offset -= extent.Length;
+        }
+        return {};
+    }
+    NTSTATUS Move(UCHAR major, LONGLONG offset, PUCHAR buffer, ULONG length) {
+        for (ULONG done = 0; done < length;) {
+            const FileExtent part = NextStretch(offset + done, length - done);
+            if (part.Length == 0) return STATUS_END_OF_FILE;
+            const auto bytes = static_cast<ULONG>(part.Length);
+            const host::Outcome outcome = SendTransfer(host::TopOfStack(m_files.m_volume),
+                                                       {major, part.Offset, buffer + done, bytes, &m_object});
+            if (!NT_SUCCESS(outcome.status)) return outcome.status;
+            done += bytes;
+        }
+        return STATUS_SUCCESS;
+    }
+
+    PlayedFiles& m_files;
+    std::shared_ptr<PlayedFile> m_file;
+    std::u16string m_path;
+    machine::ShareClaim m_claim;
+    FILE_OBJECT m_object;
+};
+
+void PlayedFiles::Mount(PDEVICE_OBJECT volume, LONGLONG begin, LONGLONG end) {
+    KeInitializeEvent(&Arrived, NotificationEvent, FALSE);
+    KeInitializeEvent(&m_pass, SynchronizationEvent, FALSE);
+    m_volume = volume;
+    m_begin = begin;
+    m_used.resize(static_cast<SIZE_T>((end - begin) / kFileUnit));
+    host::MountProvider(volume, this);
 }
 
-PlayedFile* MakeFile(PlayedFiles* files, PCUNICODE_STRING path) {
-    if (path->Length / sizeof(WCHAR) >= kPathCharacters) return nullptr;
-    for (PlayedFile& file : files->Table->Files) {
-        if (file.Exists) continue;
-        RtlZeroMemory(&file, sizeof(file));
-        RtlCopyMemory(file.Path, path->Buffer, path->Length);
-        file.Exists = true;
-        return &file;
+NTSTATUS PlayedFiles::Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
+                           ULONG_PTR& information) {
+    const std::lock_guard hold(m_lock);
+    const bool overwrites = request.disposition == FILE_OVERWRITE || request.disposition == FILE_OVERWRITE_IF;
+    auto found = m_files.find(machine::FoldName(request.path));
+    if (found == m_files.end()) {
+        if (request.disposition == FILE_OPEN || request.disposition == FILE_OVERWRITE)
+            return STATUS_OBJECT_NAME_NOT_FOUND;
+        found = m_files.emplace(machine::FoldName(request.path), std::make_shared<PlayedFile>()).first;
+        information = FILE_CREATED;
+    } else {
+        if (!found->second->Share.Allows(machine::MakeShareClaim(request.access, request.share)))
+            return STATUS_SHARING_VIOLATION;
+        if (request.disposition == FILE_CREATE) return STATUS_OBJECT_NAME_COLLISION;
+        if (overwrites) GiveSpaceBack(*found->second);
+        information = overwrites ? FILE_OVERWRITTEN : FILE_OPENED;
     }
-    return nullptr;
+    file = std::make_unique<PlayedOpen>(*this, found->second, request);
+    return STATUS_SUCCESS;
 }
 
-void GiveSpaceBack(PlayedFiles* files, PlayedFile* file) {
-    for (ULONG i = 0; i < file->ExtentCount; ++i) {
-        const FileExtent& extent = file->Extents[i];
-        RtlZeroMemory(files->Table->Used + (extent.Offset - files->Begin) / kFileUnit,
-                      static_cast<SIZE_T>(extent.Length / kFileUnit));
+NTSTATUS PlayedFiles::Delete(const std::u16string& path) {
+    const std::lock_guard hold(m_lock);
+    const auto found = m_files.find(machine::FoldName(path));
+    if (found == m_files.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
+    const ULONG all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    if (!found->second->Share.Allows(machine::MakeShareClaim(DELETE, all))) return STATUS_SHARING_VIOLATION;
+    GiveSpaceBack(*found->second);
+    m_files.erase(found);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS PlayedFiles::Reserve(PlayedFile& file, LONGLONG size) {
+    if (FileLimit != 0 && size > FileLimit) return STATUS_DISK_FULL;
+    LONGLONG missing = size;
+    for (const FileExtent& extent : file.Extents) missing -= extent.Length;
+    while (missing > 0) {
+        if (!TakeUnits(file, static_cast<ULONG>((missing + kFileUnit - 1) / kFileUnit)))
+            return STATUS_DISK_FULL;
+        missing -= file.Extents.back().Length;
     }
-    file->ExtentCount = 0;
-    file->Size = 0;
+    return STATUS_SUCCESS;
 }
 
 // The lowest free units, at most a piece; behind a piece the gap stays free for ever.
-ULONG TakeUnits(PlayedFiles* files, ULONG wanted, ULONG* first) {
-    UCHAR* used = files->Table->Used;
-    const ULONG units = files->Units < kMostUnits ? files->Units : kMostUnits;
-    ULONG at = 0;
-    while (at < units && used[at]) ++at;
-    const ULONG most = files->PieceUnits && files->PieceUnits < wanted ? files->PieceUnits : wanted;
-    ULONG count = 0;
-    for (; count < most && at + count < units && !used[at + count]; ++count) used[at + count] = 1;
-    for (ULONG i = 0; i < files->GapUnits && at + count + i < units; ++i) used[at + count + i] = 1;
-    *first = at;
-    return count;
-}
-
-LONGLONG Allocated(const PlayedFile* file) {
-    LONGLONG bytes = 0;
-    for (ULONG i = 0; i < file->ExtentCount; ++i) bytes += file->Extents[i].Length;
-    return bytes;
-}
-
-bool AppendExtent(PlayedFile* file, LONGLONG offset, LONGLONG length) {
-    FileExtent* last = file->ExtentCount ? &file->Extents[file->ExtentCount - 1] : nullptr;
-    if (last && last->Offset + last->Length == offset) {
-        last->Length += length;
-        return true;
-    }
-    if (file->ExtentCount == kMostExtents) return false;
-    file->Extents[file->ExtentCount++] = {offset, length};
+bool PlayedFiles::TakeUnits(PlayedFile& file, ULONG wanted) {
+    const auto first = std::find(m_used.begin(), m_used.end(), false);
+    const auto room = std::find(first, m_used.end(), true) - first;
+    if (room == 0) return false;
+    const auto most = PieceUnits != 0 ? std::min(PieceUnits, wanted) : wanted;
+    const auto count = std::min<std::ptrdiff_t>(most, room);
+    std::fill_n(first, std::min<std::ptrdiff_t>(count + GapUnits, m_used.end() - first), true);
+    const LONGLONG place = m_begin + (first - m_used.begin()) * LONGLONG{kFileUnit};
+    file.Extents.push_back({place, count * LONGLONG{kFileUnit}});
     return true;
 }
 
-NTSTATUS Reserve(PlayedFiles* files, PlayedFile* file, LONGLONG size) {
-    if (files->FileLimit && size > files->FileLimit) return STATUS_DISK_FULL;
-    for (LONGLONG have = Allocated(file); have < size; have = Allocated(file)) {
-        ULONG first = 0;
-        const ULONG units =
-            TakeUnits(files, static_cast<ULONG>((size - have + kFileUnit - 1) / kFileUnit), &first);
-        if (units == 0) return STATUS_DISK_FULL;
-        if (!AppendExtent(file, files->Begin + LONGLONG{first} * kFileUnit, LONGLONG{units} * kFileUnit))
-            return STATUS_DISK_FULL;
-    }
-    return STATUS_SUCCESS;
+void PlayedFiles::GiveSpaceBack(PlayedFile& file) {
+    for (const FileExtent& extent : file.Extents)
+        std::fill_n(m_used.begin() + (extent.Offset - m_begin) / kFileUnit, extent.Length / kFileUnit, false);
+    file.Extents.clear();
+    file.Size = 0;
 }
 
-// ---- opens; under Lock -----------------------------------------------------------------------------------
-
-constexpr ACCESS_MASK kReads = FILE_READ_DATA | GENERIC_READ;
-
-bool IsShared(ACCESS_MASK access, ULONG share) {
-    return (!(access & kReads) || (share & FILE_SHARE_READ)) &&
-           (!(access & FILE_WRITE_DATA) || (share & FILE_SHARE_WRITE)) &&
-           (!(access & DELETE) || (share & FILE_SHARE_DELETE));
+void PlayedFiles::Gate() {
+    KeClearEvent(&Arrived);
+    m_isGated = true;
 }
 
-bool MayOpen(PlayedFiles* files, const PlayedFile* file, ACCESS_MASK access, ULONG share) {
-    for (const PlayedOpen& open : files->Opens) {
-        if (open.Files && open.File == file && (!IsShared(access, open.Share) || !IsShared(open.Access, share)))
-            return false;
-    }
-    return true;
+void PlayedFiles::OpenGate() {
+    m_isGated = false;
+    LetOneThrough();
 }
 
-PlayedOpen* NewOpen(PlayedFiles* files, PlayedFile* file, ACCESS_MASK access, ULONG share) {
-    for (PlayedOpen& open : files->Opens) {
-        if (open.Files) continue;
-        open.Files = files;
-        open.File = file;
-        open.Access = access;
-        open.Share = share;
-        InitializeFile(&open.Object, files->Volume, file->Path);
-        return &open;
-    }
-    return nullptr;
+void PlayedFiles::WaitAtGate() {
+    if (!m_isGated) return;
+    KeSetEvent(&Arrived, 0, FALSE);
+    (void)KeWaitForSingleObject(&m_pass, Executive, KernelMode, FALSE, nullptr);
 }
 
-NTSTATUS OpenExisting(PlayedFiles* files, PlayedFile* file, ULONG disposition, ULONG_PTR* information) {
-    if (disposition == FILE_CREATE) return STATUS_OBJECT_NAME_COLLISION;
-    *information = FILE_OPENED;
-    if (disposition != FILE_OVERWRITE && disposition != FILE_OVERWRITE_IF) return STATUS_SUCCESS;
-    GiveSpaceBack(files, file);
-    *information = FILE_OVERWRITTEN;
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS OpenOrMake(PlayedFiles* files, PCUNICODE_STRING path, ACCESS_MASK access, ULONG share,
-                    ULONG disposition, PlayedFile** file, ULONG_PTR* information) {
-    *file = Find(files, path);
-    if (*file) {
-        if (!MayOpen(files, *file, access, share)) return STATUS_SHARING_VIOLATION;
-        return OpenExisting(files, *file, disposition, information);
-    }
-    if (disposition == FILE_OPEN || disposition == FILE_OVERWRITE) return STATUS_OBJECT_NAME_NOT_FOUND;
-    *file = MakeFile(files, path);
-    *information = FILE_CREATED;
-    return *file ? STATUS_SUCCESS : STATUS_DISK_FULL;
-}
-
-// ---- the calls -------------------------------------------------------------------------------------------
-
-NTSTATUS CreateCall(PVOID fileSystem, PCUNICODE_STRING path, ACCESS_MASK access, ULONG share, ULONG disposition,
-                    ULONG, PVOID* open, ULONG_PTR* information) {
-    auto* files = static_cast<PlayedFiles*>(fileSystem);
-    const FastMutexLock lock(files->Lock);
-    PlayedFile* file = nullptr;
-    const NTSTATUS status = OpenOrMake(files, path, access, share, disposition, &file, information);
-    if (!NT_SUCCESS(status)) return status;
-    *open = NewOpen(files, file, access, share);
-    return *open ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
-}
-
-void CloseCall(PVOID context) {
-    auto* open = static_cast<PlayedOpen*>(context);
-    const FastMutexLock lock(open->Files->Lock);
-    open->Files = nullptr;
-}
-
-NTSTATUS DeleteCall(PVOID fileSystem, PCUNICODE_STRING path) {
-    auto* files = static_cast<PlayedFiles*>(fileSystem);
-    const FastMutexLock lock(files->Lock);
-    PlayedFile* file = Find(files, path);
-    if (!file) return STATUS_OBJECT_NAME_NOT_FOUND;
-    if (!MayOpen(files, file, DELETE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE))
-        return STATUS_SHARING_VIOLATION;
-    GiveSpaceBack(files, file);
-    file->Exists = false;
-    return STATUS_SUCCESS;
-}
-
-// The stretch of the file at `offset` that lies in one piece: where, and how much of `length`. 0 behind the
-// end.
-ULONG NextStretch(PlayedOpen* open, LONGLONG offset, ULONG length, LONGLONG* place) {
-    const FastMutexLock lock(open->Files->Lock);
-    const PlayedFile* file = open->File;
-    for (ULONG i = 0; i < file->ExtentCount; offset -= file->Extents[i++].Length) {
-        const FileExtent& extent = file->Extents[i];
-        if (offset >= extent.Length) continue;
-        *place = extent.Offset + offset;
-        const LONGLONG left = extent.Length - offset;
-        return left < length ? static_cast<ULONG>(left) : length;
-    }
-    return 0;
-}
-
-NTSTATUS TransferFile(PlayedOpen* open, UCHAR major, LONGLONG offset, PUCHAR buffer, ULONG length) {
-    for (ULONG done = 0; done < length;) {
-        LONGLONG place = 0;
-        const ULONG part = NextStretch(open, offset + done, length - done, &place);
-        if (part == 0) return STATUS_END_OF_FILE;
-        const NTSTATUS status = SendTransfer(stage::TopOfStack(open->Files->Volume),
-                                             {major, place, buffer + done, part, &open->Object})
-                                    .Status;
-        if (!NT_SUCCESS(status)) return status;
-        done += part;
-    }
-    return STATUS_SUCCESS;
-}
-
-// Whole sectors only, as unbuffered opens promise.
-NTSTATUS CheckRange(const PlayedOpen* open, LONGLONG offset, ULONG length) {
-    const ULONG sector = open->Files->Volume->SectorSize;
-    return offset < 0 || offset % sector != 0 || length % sector != 0 ? STATUS_INVALID_PARAMETER
-                                                                      : STATUS_SUCCESS;
-}
-
-LONGLONG SizeOf(PlayedOpen* open) {
-    const FastMutexLock lock(open->Files->Lock);
-    return open->File->Size;
-}
-
-NTSTATUS ReadCall(PVOID context, LONGLONG offset, PVOID buffer, ULONG length, ULONG* done) {
-    auto* open = static_cast<PlayedOpen*>(context);
-    *done = 0;
-    NTSTATUS status = CheckRange(open, offset, length);
-    if (!NT_SUCCESS(status)) return status;
-    const LONGLONG size = SizeOf(open);
-    if (offset >= size) return STATUS_END_OF_FILE;
-    const ULONG part = size - offset < length ? static_cast<ULONG>(size - offset) : length;
-    status = TransferFile(open, IRP_MJ_READ, offset, static_cast<PUCHAR>(buffer), part);
-    if (NT_SUCCESS(status)) *done = part;
-    return status;
-}
-
-void WaitAtGate(PlayedFiles* files) {
-    ++files->Writes;
-    if (!files->IsGated) return;
-    KeSetEvent(&files->Arrived, 0, FALSE);
-    (void)KeWaitForSingleObject(&files->Pass, Executive, KernelMode, FALSE, nullptr);
-}
-
-NTSTATUS Extend(PlayedOpen* open, LONGLONG size) {
-    const FastMutexLock lock(open->Files->Lock);
-    return Reserve(open->Files, open->File, size);
-}
-
-void NoteSize(PlayedOpen* open, LONGLONG size) {
-    const FastMutexLock lock(open->Files->Lock);
-    if (open->File->Size < size) open->File->Size = size;
-}
-
-NTSTATUS WriteCall(PVOID context, LONGLONG offset, const void* buffer, ULONG length, ULONG* done) {
-    auto* open = static_cast<PlayedOpen*>(context);
-    *done = 0;
-    WaitAtGate(open->Files);
-    NTSTATUS status = CheckRange(open, offset, length);
-    if (NT_SUCCESS(status)) status = Extend(open, offset + length);
-    if (NT_SUCCESS(status))
-        status =
-            TransferFile(open, IRP_MJ_WRITE, offset, static_cast<PUCHAR>(const_cast<PVOID>(buffer)), length);
-    if (!NT_SUCCESS(status)) return status;
-    NoteSize(open, offset + length);
-    *done = length;
-    return status;
-}
-
-constexpr stage::FileCalls kCalls = {CreateCall, ReadCall, WriteCall, CloseCall, DeleteCall};
-
-}  // namespace
-
-void MountFiles(PlayedFiles* files) {
-    ExInitializeFastMutex(&files->Lock);
-    KeInitializeEvent(&files->Arrived, NotificationEvent, FALSE);
-    KeInitializeEvent(&files->Pass, SynchronizationEvent, FALSE);
-    for (PlayedOpen& open : files->Opens) open.Files = nullptr;
-    stage::Mount(files->Volume, &kCalls, files);
-}
-
-void GateWrites(PlayedFiles* files) {
-    KeClearEvent(&files->Arrived);
-    files->IsGated = true;
-}
-
-void LetOneThrough(PlayedFiles* files) {
-    KeSetEvent(&files->Pass, 0, FALSE);
-}
-
-void OpenGate(PlayedFiles* files) {
-    files->IsGated = false;
-    KeSetEvent(&files->Pass, 0, FALSE);
-}
-
-const PlayedFile* FindFile(PlayedFiles* files, const WCHAR* path) {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, path);
-    const FastMutexLock lock(files->Lock);
-    return Find(files, &name);
+const PlayedFile* PlayedFiles::Find(const std::u16string& path) const {
+    const auto found = m_files.find(machine::FoldName(path));
+    return found == m_files.end() ? nullptr : found->second.get();
 }

@@ -1,18 +1,17 @@
 // The file system that a story plays on a memory volume: it decides where files lie, and turns their reads and
-// writes into non-cached requests to the top of the volume's stack that carry their file objects. What it knows
-// of its files lies in a medium of its own, so files outlive boots; on the volume there is nothing but their
-// data.
+// writes into non-cached requests to the top of the volume's stack that carry their file objects. On the volume
+// there is nothing but the files' data; what it knows of them lives as long as this does.
 #pragma once
 #include <atomic>
-#include "tests/second_kernel/common/requests.h"
-#include "tests/second_kernel/stage.h"
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+#include "machine/files/share_access.h"
+#include "platform/host/object/file_provider.h"
 
 inline constexpr ULONG kFileUnit = 0x10000;  // bytes; what space is given out in
-inline constexpr ULONG kMostUnits = 2048;
-inline constexpr ULONG kMostExtents = 160;
-inline constexpr ULONG kMostFiles = 20;
-inline constexpr ULONG kMostOpens = 40;
-inline constexpr ULONG kPathCharacters = 56;
 
 struct FileExtent {
     LONGLONG Offset;  // on the volume
@@ -20,51 +19,47 @@ struct FileExtent {
 };
 
 struct PlayedFile {
-    bool Exists;
-    WCHAR Path[kPathCharacters];  // ends with a 0
-    LONGLONG Size;
-    ULONG ExtentCount;
-    FileExtent Extents[kMostExtents];
+    LONGLONG Size = 0;
+    std::vector<FileExtent> Extents;
+    machine::ShareAccess Share;
 };
 
-// What outlives a boot. All zero: no files.
-struct FileTable {
-    PlayedFile Files[kMostFiles];
-    UCHAR Used[kMostUnits];
-};
+class PlayedFiles final : public host::FileProvider {
+public:
+    // Serves the named volume until the boot ends; the bytes from `begin` to `end` are the files'.
+    void Mount(PDEVICE_OBJECT volume, LONGLONG begin, LONGLONG end);
 
-struct PlayedFiles;
-struct PlayedOpen {
-    PlayedFiles* Files;  // null: this place is free
-    PlayedFile* File;
-    ACCESS_MASK Access;
-    ULONG Share;
-    FILE_OBJECT Object;
-};
+    NTSTATUS Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
+                  ULONG_PTR& information) override;
+    NTSTATUS Delete(const std::u16string& path) override;
 
-struct PlayedFiles {
-    // Set by the story before it mounts.
-    PDEVICE_OBJECT Volume;
-    FileTable* Table;
-    LONGLONG Begin;  // the volume's bytes from here on are the files'
-    ULONG Units;
-    ULONG PieceUnits;    // new space comes in pieces of at most so many units, 0: any number
-    ULONG GapUnits;      // and so many units are left free behind each
-    LONGLONG FileLimit;  // a file that would grow beyond it fails with STATUS_DISK_FULL, 0: no limit
-    // The rest is its own.
-    FAST_MUTEX Lock;
-    PlayedOpen Opens[kMostOpens];
-    std::atomic<bool> IsGated;
+    // While gated every write of a file waits at the gate, after Arrived was set, until it is let through.
+    void Gate();
+    void LetOneThrough() { KeSetEvent(&m_pass, 0, FALSE); }
+    void OpenGate();
     KEVENT Arrived;
-    KEVENT Pass;
-    std::atomic<ULONG> Writes;  // of any file since the mount
+
+    ULONG PieceUnits = 0;    // new space comes in pieces of at most so many units, 0: any number
+    ULONG GapUnits = 0;      // and so many units are left free behind each
+    LONGLONG FileLimit = 0;  // a file that would grow beyond it fails with STATUS_DISK_FULL, 0: no limit
+
+    // The file of that path, or null. Exact while nobody else works on the files.
+    [[nodiscard]] const PlayedFile* Find(const std::u16string& path) const;
+    // By folded path.
+    [[nodiscard]] const std::map<std::u16string, std::shared_ptr<PlayedFile>>& All() const { return m_files; }
+
+private:
+    friend class PlayedOpen;
+    NTSTATUS Reserve(PlayedFile& file, LONGLONG size);
+    bool TakeUnits(PlayedFile& file, ULONG wanted);
+    void GiveSpaceBack(PlayedFile& file);
+    void WaitAtGate();
+
+    PDEVICE_OBJECT m_volume = nullptr;
+    LONGLONG m_begin = 0;
+    std::mutex m_lock;  // of the files and their space
+    std::map<std::u16string, std::shared_ptr<PlayedFile>> m_files;
+    std::vector<bool> m_used;  // units
+    std::atomic<bool> m_isGated = false;
+    KEVENT m_pass;
 };
-
-void MountFiles(PlayedFiles* files);
-// While gated every write of a file waits at the gate, after Arrived was set, until it is let through.
-void GateWrites(PlayedFiles* files);
-void LetOneThrough(PlayedFiles* files);
-void OpenGate(PlayedFiles* files);
-
-// The file of that path, or null. Exact while nobody else works on the files.
-[[nodiscard]] const PlayedFile* FindFile(PlayedFiles* files, const WCHAR* path);

@@ -1,5 +1,7 @@
 #include "tests/second_kernel/common/ram_device.h"
+#include <cstring>
 #include <new>
+#include "platform/host/io/device.h"
 #include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/stage.h"
 
@@ -39,9 +41,9 @@ NTSTATUS MoveSectors(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
     if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
     PUCHAR sectors = ram->Sectors + place.ByteOffset.QuadPart;
     if (location->MajorFunction == IRP_MJ_WRITE)
-        RtlCopyMemory(sectors, buffer, place.Length);
+        std::memcpy(sectors, buffer, place.Length);
     else
-        RtlCopyMemory(buffer, sectors, place.Length);
+        std::memcpy(buffer, sectors, place.Length);
     return STATUS_SUCCESS;
 }
 
@@ -72,18 +74,7 @@ NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
     if (!NT_SUCCESS(status)) return Complete(irp, status);
     IoCopyCurrentIrpStackLocationToNext(irp);
     IoGetNextIrpStackLocation(irp)->Parameters.Read.ByteOffset.QuadPart += ram->Start;
-    return IoCallDriver(stage::TopOfStack(ram->Disk), irp);  // filters leave a disk's stack at shutdown
-}
-
-NTSTATUS ServeTransfer(RamDevice* ram, PIRP irp, UCHAR major) {
-    ++(major == IRP_MJ_WRITE ? ram->Writes : ram->Reads);
-    if (ram->Disk) return PassToDisk(ram, irp);
-    return PendOrCarry(irp, CarryTransfer);
-}
-
-NTSTATUS ServeFlush(RamDevice* ram, PIRP irp) {
-    ++ram->Flushes;
-    return PendOrCarry(irp, CarrySimple);
+    return IoCallDriver(host::TopOfStack(ram->Disk), irp);  // filters leave a disk's stack at shutdown
 }
 
 NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
@@ -98,36 +89,6 @@ NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
     return Complete(irp, STATUS_SUCCESS, sizeof(VOLUME_DISK_EXTENTS));
 }
 
-NTSTATUS ServeControl(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
-    const auto& control = location->Parameters.DeviceIoControl;
-    if (control.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
-        return TellExtents(ram, irp, control.OutputBufferLength);
-    ++ram->Controls;
-    return Complete(irp, STATUS_SUCCESS);
-}
-
-NTSTATUS ServePnp(RamDevice* ram, PIRP irp, UCHAR minor) {
-    switch (minor) {
-        case IRP_MN_START_DEVICE:
-            ++ram->Starts;
-            return PendOrCarry(irp, CarrySimple);
-        case IRP_MN_QUERY_REMOVE_DEVICE:
-            ++ram->QueryRemoves;
-            return Complete(irp, STATUS_SUCCESS);
-        case IRP_MN_REMOVE_DEVICE:
-            ++ram->Removes;
-            return Complete(irp, STATUS_SUCCESS);
-        default:
-            return Complete(irp, irp->IoStatus.Status, irp->IoStatus.Information);
-    }
-}
-
-NTSTATUS ServePower(RamDevice* ram, PIRP irp) {
-    ++ram->Powers;
-    PoStartNextPowerIrp(irp);
-    return Complete(irp, STATUS_SUCCESS);
-}
-
 NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
     const bool isPower = IoGetCurrentIrpStackLocation(irp)->MajorFunction == IRP_MJ_POWER;
     if (isPower) PoStartNextPowerIrp(irp);
@@ -135,24 +96,32 @@ NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
     return isPower ? PoCallDriver(ram->Next, irp) : IoCallDriver(ram->Next, irp);
 }
 
+NTSTATUS ServePnp(RamDevice* ram, PIRP irp, UCHAR minor) {
+    ++ram->ArrivedPnp[minor];
+    if (minor == IRP_MN_START_DEVICE) return PendOrCarry(irp, CarrySimple);
+    const bool isRemoval = minor == IRP_MN_QUERY_REMOVE_DEVICE || minor == IRP_MN_REMOVE_DEVICE;
+    return Complete(irp, isRemoval ? STATUS_SUCCESS : irp->IoStatus.Status);
+}
+
 NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
     RamDevice* ram = RamOf(device);
     if (ram->Next) return PassOn(ram, irp);
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
+    const auto& control = location->Parameters.DeviceIoControl;
+    if (location->MajorFunction == IRP_MJ_DEVICE_CONTROL &&
+        control.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
+        return TellExtents(ram, irp, control.OutputBufferLength);
+    ++ram->Arrived[location->MajorFunction];
     switch (location->MajorFunction) {
         case IRP_MJ_READ:
         case IRP_MJ_WRITE:
-            return ServeTransfer(ram, irp, location->MajorFunction);
+            return ram->Disk ? PassToDisk(ram, irp) : PendOrCarry(irp, CarryTransfer);
         case IRP_MJ_FLUSH_BUFFERS:
-            return ServeFlush(ram, irp);
-        case IRP_MJ_DEVICE_CONTROL:
-            return ServeControl(ram, irp, location);
+            return PendOrCarry(irp, CarrySimple);
         case IRP_MJ_PNP:
             return ServePnp(ram, irp, location->MinorFunction);
         case IRP_MJ_POWER:
-            return ServePower(ram, irp);
-        case IRP_MJ_CREATE:
-            ++ram->Creates;
+            PoStartNextPowerIrp(irp);
             return Complete(irp, STATUS_SUCCESS);
         default:
             return Complete(irp, STATUS_SUCCESS);
@@ -168,7 +137,7 @@ void FillRamDevice(PDEVICE_OBJECT device, const RamOptions& options) {
     ram->DiskNumber = options.DiskNumber;
     ram->NoExtents = options.NoExtents;
     ram->Disk = options.Disk;
-    if (options.Disk) device->StackSize = static_cast<CCHAR>(stage::TopOfStack(options.Disk)->StackSize + 1);
+    if (options.Disk) device->StackSize = static_cast<CCHAR>(host::TopOfStack(options.Disk)->StackSize + 1);
 }
 
 }  // namespace
@@ -185,10 +154,10 @@ PDEVICE_OBJECT MakeRamDevice(const RamOptions& options) {
     device->Flags |= DO_DIRECT_IO;
     device->SectorSize = options.SectorSize;
     FillRamDevice(device, options);
-    stage::SetDeviceProperty(device, DevicePropertyClassName, options.IsDisk ? W("DiskDrive") : W("Volume"));
-    stage::SetDeviceProperty(device, DevicePropertyClassGuid,
-                             options.IsDisk ? W("{4d36e967-e325-11ce-bfc1-08002be10318}")
-                                            : W("{71a27cdd-812a-11d0-bec7-08002be2092f}"));
+    host::SetDeviceProperty(device, DevicePropertyClassName, options.IsDisk ? W("DiskDrive") : W("Volume"));
+    host::SetDeviceProperty(device, DevicePropertyClassGuid,
+                            options.IsDisk ? W("{4d36e967-e325-11ce-bfc1-08002be10318}")
+                                           : W("{71a27cdd-812a-11d0-bec7-08002be2092f}"));
     device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
     return device;
 }
@@ -209,7 +178,7 @@ bool AddPassingFilter(PDEVICE_OBJECT device) {
 }
 
 void DeleteRamDevice(PDEVICE_OBJECT device) {
-    PDEVICE_OBJECT filter = stage::TopOfStack(device);
+    PDEVICE_OBJECT filter = host::TopOfStack(device);
     if (filter != device) {
         IoDetachDevice(device);
         IoDeleteDevice(filter);

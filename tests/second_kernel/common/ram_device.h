@@ -14,16 +14,10 @@ struct RamDevice {
     PDEVICE_OBJECT Next;  // of a filter that passes everything on: the device below it
     LONGLONG Start;       // where on the disk
     ULONG DiskNumber;     // what the extents tell
-    // What arrived here, ever.
-    std::atomic<ULONG> Reads;
-    std::atomic<ULONG> Writes;
-    std::atomic<ULONG> Flushes;
-    std::atomic<ULONG> Powers;
-    std::atomic<ULONG> Controls;
-    std::atomic<ULONG> Creates;
-    std::atomic<ULONG> Starts;
-    std::atomic<ULONG> QueryRemoves;
-    std::atomic<ULONG> Removes;
+    // What arrived here, ever: of each major function, but for the request that tells the extents, and of each
+    // minor function of Plug and Play.
+    std::atomic<ULONG> Arrived[IRP_MJ_MAXIMUM_FUNCTION + 1];
+    std::atomic<ULONG> ArrivedPnp[32];
     // The n-th transfer from now on ends with the status, 0: none does.
     std::atomic<ULONG> FailReadIn;
     std::atomic<ULONG> FailWriteIn;

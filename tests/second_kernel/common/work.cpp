@@ -1,8 +1,8 @@
 #include "tests/second_kernel/common/work.h"
-#include <initializer_list>
+#include <random>
+#include <thread>
 #include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/common/saved_map.h"
-#include "tests/second_kernel/common/threads.h"
 
 namespace {
 
@@ -22,39 +22,40 @@ struct Shift {
 };
 
 // A random range inside the slice, whole sectors.
-LONGLONG PickRange(Numbers& numbers, ULONG slice, ULONG sector, ULONG* length) {
+LONGLONG PickRange(std::minstd_rand& numbers, ULONG slice, ULONG sector, ULONG* length) {
     const ULONG sectors = kSliceBytes / sector;
     const ULONG most = kMostSectorsAtOnce < sectors ? kMostSectorsAtOnce : sectors;
-    const ULONG count = 1 + numbers.Below(most);
-    const ULONG first = numbers.Below(sectors - count + 1);
+    const ULONG count = 1 + numbers() % most;
+    const ULONG first = numbers() % (sectors - count + 1);
     *length = count * sector;
     return LONGLONG{slice} * kSliceBytes + LONGLONG{first} * sector;
 }
 
 void WriteOnce(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, PUCHAR buffer, bool unlocked) {
     FillPattern(buffer, length, static_cast<ULONGLONG>(offset), seed);
-    const Reply reply = SendTransfer(TopOfData(computer), {.Major = IRP_MJ_WRITE,
-                                                           .Offset = offset,
-                                                           .Buffer = buffer,
-                                                           .Length = length,
-                                                           .LeaveUnlocked = unlocked});
-    stage::CheckStatus(reply.Status, STATUS_SUCCESS, "a redirected write");
-    stage::CheckEqual(reply.Information, length, "bytes of a redirected write");
-    RtlCopyMemory(Model() + offset, buffer, length);
+    const host::Outcome reply =
+        SendTransfer(TopOfData(computer), {.Major = IRP_MJ_WRITE,
+                                           .Offset = offset,
+                                           .Buffer = buffer,
+                                           .Length = length,
+                                           .Pages = unlocked ? host::Pages::Unlocked : host::Pages::NonPaged});
+    stage::CheckStatus(reply.status, STATUS_SUCCESS, "a redirected write");
+    stage::CheckEqual(reply.information, length, "bytes of a redirected write");
+    std::memcpy(Model() + offset, buffer, length);
     NoteRedirected(computer, offset, length);
 }
 
 void ReadOnce(Computer* computer, LONGLONG offset, ULONG length, PUCHAR buffer) {
     RtlFillMemory(buffer, length, 0xEE);
-    const Reply reply = SendTransfer(TopOfData(computer), {IRP_MJ_READ, offset, buffer, length});
-    stage::CheckStatus(reply.Status, STATUS_SUCCESS, "a read");
-    stage::CheckEqual(reply.Information, length, "bytes of a read");
+    const host::Outcome reply = SendTransfer(TopOfData(computer), {IRP_MJ_READ, offset, buffer, length});
+    stage::CheckStatus(reply.status, STATUS_SUCCESS, "a read");
+    stage::CheckEqual(reply.information, length, "bytes of a read");
     stage::Check(IsSame(buffer, Model() + offset, length), "what was read is what was written",
                  static_cast<ULONGLONG>(offset), length);
 }
 
 void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
-    Numbers numbers(shift->seed * 100 + slice);
+    std::minstd_rand numbers(shift->seed * 100 + slice);
     const ULONG sector = shift->computer->Options.DataSector;
     ULONG length = 0;
     for (ULONG round = 0; round < kRounds && !stage::Failed(); ++round) {
@@ -63,8 +64,8 @@ void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
         const LONGLONG other = PickRange(numbers, slice, sector, &length);
         ReadOnce(shift->computer, other, length, buffer);
         if (round % 10 == 9)
-            stage::CheckStatus(SendSimple(TopOfData(shift->computer), IRP_MJ_FLUSH_BUFFERS).Status,
-                               STATUS_SUCCESS, "a flush");
+            stage::CheckStatus(SendSimple(TopOfData(shift->computer), IRP_MJ_FLUSH_BUFFERS), STATUS_SUCCESS,
+                               "a flush");
     }
 }
 
@@ -80,12 +81,10 @@ void WriteShared(const Shift* shift, ULONG index, PUCHAR buffer) {
                        "a write that others overlap");
 }
 
-void WorkShift(PVOID context, ULONG index) {
-    const auto* shift = static_cast<Shift*>(context);
-    const Bytes buffer(kSharedBytes > kMostSectorsAtOnce * 4096 ? kSharedBytes : kMostSectorsAtOnce * 4096);
-    if (!buffer) return;
-    WriteShared(shift, index, buffer.Get());
-    WorkOnSlice(shift, index, buffer.Get());
+void WorkShift(const Shift* shift, ULONG index) {
+    Bytes buffer(kSharedBytes > kMostSectorsAtOnce * 4096 ? kSharedBytes : kMostSectorsAtOnce * 4096);
+    WriteShared(shift, index, buffer.data());
+    WorkOnSlice(shift, index, buffer.data());
 }
 
 bool IsOneOfWriters(const Shift* shift, const UCHAR* bytes, ULONG sector, LONGLONG offset) {
@@ -97,22 +96,20 @@ bool IsOneOfWriters(const Shift* shift, const UCHAR* bytes, ULONG sector, LONGLO
 // Each sector holds what one of the threads wrote; which one, the model learns from it.
 void LearnShared(const Shift* shift) {
     constexpr LONGLONG offset = LONGLONG{kSlices} * kSliceBytes;
-    const Bytes buffer(kSharedBytes);
-    if (!buffer) return;
-    stage::CheckStatus(ReadAt(TopOfData(shift->computer), offset, buffer.Get(), kSharedBytes), STATUS_SUCCESS,
+    Bytes buffer(kSharedBytes);
+    stage::CheckStatus(ReadAt(TopOfData(shift->computer), offset, buffer.data(), kSharedBytes), STATUS_SUCCESS,
                        "a read of what several wrote");
     const ULONG sector = shift->computer->Options.DataSector;
     for (ULONG at = 0; at < kSharedBytes; at += sector)
-        stage::Check(IsOneOfWriters(shift, buffer.Get() + at, sector, offset + at),
+        stage::Check(IsOneOfWriters(shift, buffer.data() + at, sector, offset + at),
                      "each sector holds the data of one of its writers", at);
-    RtlCopyMemory(Model() + offset, buffer.Get(), kSharedBytes);
+    std::memcpy(Model() + offset, buffer.data(), kSharedBytes);
     NoteRedirected(shift->computer, offset, kSharedBytes);
 }
 
-bool IsOpen(Computer* computer, const PlayedFile* file) {
-    for (const PlayedOpen& open : computer->DataFiles.Opens)
-        if (open.Files && open.File == file && open.Share == 0) return true;
-    return false;
+bool IsHeld(const PlayedFile* file) {
+    const ULONG all = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    return file && !file->Share.Allows(machine::MakeShareClaim(FILE_READ_DATA, all));
 }
 
 }  // namespace
@@ -135,37 +132,37 @@ void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage) {
                        "the storage's request");
     const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&computer->User, DATA_VOLUME);
     stage::CheckEqual(status.SwapStatus, kPresent, "storage is present");
-    stage::CheckEqual(static_cast<ULONGLONG>(status.SwapTotalBytes), static_cast<ULONGLONG>(storage),
-                      "its size");
+    stage::CheckEqual(status.SwapTotalBytes, storage, "its size");
     stage::Check(!IsEnabled(&computer->User), "protection begins with the next boot");
 }
 
 void ForgetModel(Computer* computer) {
-    RtlCopyMemory(Model(), computer->DataSectors, kWorkBytes);
+    std::memcpy(Model(), computer->DataSectors, kWorkBytes);
     RtlZeroMemory(RedirectedSectors(), kWorkBytes / 512);
 }
 
 void WorkTogether(Computer* computer, ULONG seed) {
-    Shift shift = {computer, seed};
+    const Shift shift = {computer, seed};
     {
         const PendedCompletions pend(kSlices);  // the shared writes all take space before one of them ends
-        RunTogether(kSlices, WorkShift, &shift);
+        std::vector<std::thread> threads;
+        for (ULONG i = 0; i < kSlices; ++i) threads.emplace_back(WorkShift, &shift, i);
+        for (std::thread& thread : threads) thread.join();
     }
     stage::Check(PendedRequests() > kSlices * kRounds, "lower completions pended", PendedRequests());
     LearnShared(&shift);
 }
 
 void WriteWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed) {
-    const Bytes buffer(length);
-    if (buffer) WriteOnce(computer, offset, length, seed, buffer.Get(), false);
+    Bytes buffer(length);
+    WriteOnce(computer, offset, length, seed, buffer.data(), false);
 }
 
 void CheckThroughStack(Computer* computer) {
     constexpr ULONG piece = 60 * kKiB;  // pieces that end in the middle of redirected ranges
-    const Bytes buffer(piece);
-    if (!buffer) return;
+    Bytes buffer(piece);
     for (ULONG at = 0; at < kWorkBytes; at += piece)
-        ReadOnce(computer, at, kWorkBytes - at < piece ? kWorkBytes - at : piece, buffer.Get());
+        ReadOnce(computer, at, kWorkBytes - at < piece ? kWorkBytes - at : piece, buffer.data());
 }
 
 void CheckOwnSectors(Computer* computer) {
@@ -185,25 +182,22 @@ void CheckProtected(Computer* computer, LONGLONG storage) {
     const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);
     stage::CheckEqual(status.State, kExplicit, "the volume is protected");
     stage::CheckEqual(status.SwapStatus, kPresent, "its storage is present");
-    stage::CheckEqual(static_cast<ULONGLONG>(status.SwapTotalBytes), static_cast<ULONGLONG>(storage),
-                      "its size");
-    stage::CheckEqual(static_cast<ULONGLONG>(status.SwapUsedBytes), RedirectedBytes(computer),
-                      "what is used of it");
+    stage::CheckEqual(status.SwapTotalBytes, storage, "its size");
+    stage::CheckEqual(status.SwapUsedBytes, RedirectedBytes(computer), "what is used of it");
 }
 
 void CheckSaved(Computer* computer) {
     stage::Step("the saved map");
-    SavedMap map;
-    ReadSavedMap(computer, &map);
+    const SavedMap map = ReadSavedMap(computer);
     stage::CheckEqual(map.SwappedBytes, RedirectedBytes(computer), "redirected bytes in the saved map");
     // A node and a record for each entry; the map's location, the storage's object, the volume's entry in the
     // list.
-    stage::CheckEqual(static_cast<ULONGLONG>(stage::PoolBlocks()), 2 * (ULONGLONG{map.Swapped} + map.Free) + 3,
+    stage::CheckEqual(stage::PoolBlocks(), 2 * (ULONGLONG{map.Swapped} + map.Free) + 3,
                       "pool blocks of the driver");
 }
 
 void CheckHeld(Computer* computer) {
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
     for (const WCHAR* name : {W("\\kvr.SWP"), W("\\kvr.MAP")})
-        stage::Check(IsOpen(computer, FindFile(&computer->DataFiles, name)), "a storage file is held open");
+        stage::Check(IsHeld(computer->DataFiles->Find(name)), "a storage file is held open");
 }

@@ -1,7 +1,7 @@
 // The driver as it is linked into this program: its entry sets every global anew.
 #include "driver/entry.h"
-#include "tests/second_kernel/host/host_stage.h"
+#include "tests/second_kernel/stage.h"
 
-PDRIVER_INITIALIZE host_stage::DriverToLoad() {
+PDRIVER_INITIALIZE stage::DriverToLoad() {
     return DriverEntry;
 }

@@ -1,25 +1,25 @@
 // Plays the stories on the host kernel: all of them, or the one that is named.
 #include <cstdio>
 #include <cstring>
-#include "tests/second_kernel/host/host_stage.h"
+#include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/stories/list.h"
 
 namespace {
 
 bool Play(const Story& story) {
     std::printf("story %s: ", story.name);  // stands there, whatever ends the program
-    host_stage::BeginStory(story);
-    for (ULONG boot = 0; boot < story.bootCount && host_stage::Failures().empty(); ++boot) {
-        host_stage::BeginBoot(boot);
+    stage::BeginStory();
+    for (ULONG boot = 0; boot < story.bootCount && stage::Failures().empty(); ++boot) {
+        stage::BeginBoot(boot);
         story.boots[boot]();
-        host_stage::EndBoot();
+        stage::EndBoot();
     }
-    if (host_stage::Failures().empty()) {
+    if (stage::Failures().empty()) {
         std::printf("holds\n");
         return true;
     }
     std::printf("FAILED (%s)\n%s  the driver's last diagnostics before the first failure:\n%s", story.proves,
-                host_stage::Failures().c_str(), host_stage::Diagnostics().c_str());
+                stage::Failures().c_str(), stage::Diagnostics().c_str());
     return false;
 }
 

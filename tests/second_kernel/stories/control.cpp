@@ -2,7 +2,7 @@
 // goes through the kernel's real file calls.
 #include <initializer_list>
 #include "tests/second_kernel/common/computer.h"
-#include "tests/second_kernel/common/memory.h"
+#include "tests/second_kernel/common/pattern.h"
 #include "tests/second_kernel/common/tool.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -22,7 +22,7 @@ struct ControlBoot {
 
 bool Load(ControlBoot* boot) {
     stage::Step("load the driver");
-    stage::SetSystemRoot(nullptr);
+    MountKernelFiles();
     if (!stage::CheckStatus(stage::LoadDriver(boot->driver), STATUS_SUCCESS, "the driver loads")) return false;
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks of a driver that has just been loaded");
     return stage::Check(boot->driver->DeviceObject != nullptr, "the control device is there");
@@ -43,10 +43,10 @@ void SendForeignRequests(ControlBoot* boot) {
     stage::Step("requests that the control device does not take");
     PDEVICE_OBJECT control = boot->tool.Device;
     for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_PNP, IRP_MJ_SHUTDOWN})
-        stage::CheckStatus(SendSimple(control, static_cast<UCHAR>(major), &boot->tool.File).Status,
+        stage::CheckStatus(SendSimple(control, static_cast<UCHAR>(major), &boot->tool.File),
                            STATUS_INVALID_DEVICE_REQUEST, "a request that only volumes take");
-    stage::CheckStatus(Ask(&boot->tool, 0x84FFC).Status, STATUS_INVALID_PARAMETER, "an unknown code");
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_DEBUG).Status, STATUS_SUCCESS, "the debug code");
+    stage::CheckStatus(Ask(&boot->tool, 0x84FFC).status, STATUS_INVALID_PARAMETER, "an unknown code");
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_DEBUG).status, STATUS_SUCCESS, "the debug code");
     stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug {"), 1, "what the debug code says");
     stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug }"), 1, "what the debug code says");
 }
@@ -79,25 +79,24 @@ const BufferCase kBuffers[] = {
 
 void TryBuffers(ControlBoot* boot) {
     stage::Step("truncated and oversized buffers");
-    const Bytes input(KVR_CONFIG_BYTES + 1);
-    const Bytes output(KVR_CONFIG_BYTES + 1);
-    if (!input || !output) return;
+    Bytes input(KVR_CONFIG_BYTES + 1);
+    Bytes output(KVR_CONFIG_BYTES + 1);
     for (const BufferCase& test : kBuffers) {
-        const Reply reply =
-            Ask(&boot->tool, test.Code, input.Get(), test.InputLength, output.Get(), test.OutputLength);
-        stage::Check(reply.Status == test.Status, "a code with such a buffer", static_cast<ULONG>(reply.Status),
+        const host::Outcome reply =
+            Ask(&boot->tool, test.Code, input.data(), test.InputLength, output.data(), test.OutputLength);
+        stage::Check(reply.status == test.Status, "a code with such a buffer", static_cast<ULONG>(reply.status),
                      test.Code);
-        stage::CheckEqual(reply.Information, 0, "bytes that a refused request reports");
+        stage::CheckEqual(reply.information, 0, "bytes that a refused request reports");
     }
     stage::Check(!IsEnabled(&boot->tool), "protection is off");
 }
 
 void WriteConfiguration(ControlBoot* boot) {
     stage::Step("a missing configuration file");
-    const Bytes image(KVR_CONFIG_BYTES);
-    if (!image) return;
-    const Reply missing = Ask(&boot->tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.Get(), KVR_CONFIG_BYTES);
-    stage::CheckStatus(missing.Status, STATUS_NO_SUCH_FILE, "reading a configuration that is not there");
+    Bytes image(KVR_CONFIG_BYTES);
+    const host::Outcome missing =
+        Ask(&boot->tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.data(), KVR_CONFIG_BYTES);
+    stage::CheckStatus(missing.status, STATUS_NO_SUCH_FILE, "reading a configuration that is not there");
     stage::Step("write the configuration and read it back");
     stage::CheckStatus(SetConfig(&boot->tool, kText), STATUS_SUCCESS, "writing the configuration");
     stage::Check(IsConfig(&boot->tool, kText), "the configuration reads as it was written");
@@ -124,12 +123,11 @@ void ReadRecords(ControlBoot* boot) {
                                 {IOCTL_KVR_GET_FIXED_VOLUMES, fixed, 2 * fixed + 7, 0},
                                 {IOCTL_KVR_GET_REMOVABLE_VOLUMES, 0, 1, 0},
                                 {IOCTL_KVR_GET_REMOVABLE_VOLUMES, removable, 2 * removable - 1, 0}};
-    const Bytes output(2 * fixed + 7);
-    if (!output) return;
+    Bytes output(2 * fixed + 7);
     for (const BufferCase& test : sizes) {
-        const Reply reply = Ask(&boot->tool, test.Code, nullptr, 0, output.Get(), test.OutputLength);
-        stage::CheckStatus(reply.Status, STATUS_SUCCESS, "the records");
-        stage::CheckEqual(reply.Information, test.InputLength, "as many whole records as fit");
+        const host::Outcome reply = Ask(&boot->tool, test.Code, nullptr, 0, output.data(), test.OutputLength);
+        stage::CheckStatus(reply.status, STATUS_SUCCESS, "the records");
+        stage::CheckEqual(reply.information, test.InputLength, "as many whole records as fit");
     }
     const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&boot->tool, FIXED_VOLUME);
     stage::Check(status.State == 0 && status.SwapStatus == 0 && status.SwapTotalBytes == 0,
@@ -140,7 +138,7 @@ void ReadRecords(ControlBoot* boot) {
 
 // The thread finds no such volume, or nothing to do, and ends by itself.
 void AskForNothing(ControlBoot* boot, const SWAP_CONFIG_REQUEST& request, const char* what) {
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request)).Status,
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request)).status,
                        STATUS_SUCCESS, what);
     const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&boot->tool, FIXED_VOLUME);
     stage::Check(status.SwapTotalBytes == 0 && status.SwapStatus == 0, "no storage was made",
@@ -156,15 +154,15 @@ void TryStorageRequests(ControlBoot* boot) {
     AskForNothing(boot, StorageRequest(W("\\Device\\NoSuchVolume"), kMiB), "a volume that is not there");
     AskForNothing(boot, StorageRequest(FIXED_VOLUME, -1), "a negative size");
     AskForNothing(boot, StorageRequest(REMOVABLE_VOLUME, kMiB), "a removable volume");
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_REMOVE_SWAP, &endless, sizeof(endless)).Status,
+    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_REMOVE_SWAP, &endless, sizeof(endless)).status,
                        STATUS_SUCCESS, "removing the storage of a name without a terminator");
 }
 
 void RemoveVolumes(ControlBoot* boot) {
     stage::Step("remove the volumes");
     for (PDEVICE_OBJECT device : {boot->fixed, boot->removable}) {
-        stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, "removal");
-        stage::Check(stage::TopOfStack(device) == device, "the filter has left the stack");
+        stage::CheckStatus(host::SendPnp(device, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, "removal");
+        stage::Check(host::TopOfStack(device) == device, "the filter has left the stack");
         DeleteRamDevice(device);
     }
 }
@@ -184,7 +182,6 @@ void Control() {
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
     RemoveVolumes(&boot);
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
-    EndBoot();
 }
 
 // What the first boot wrote is there, and can be replaced by a shorter text.
@@ -198,7 +195,6 @@ void ControlAgain() {
     stage::Check(IsConfig(&boot.tool, W("[Global]\r\n")), "nothing is left of the longer one");
     CloseTool(&boot.tool);
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
-    EndBoot();
 }
 
 constexpr void (*kBoots[])() = {Control, ControlAgain};

@@ -1,14 +1,14 @@
 // Memory, requests, page locks and the device that fail, one call after the other, in the course of a request:
 // it ends, nothing is leaked, the volume's own sectors stay as they are and what was redirected earlier can be
 // read.
-#include <initializer_list>
+#include "platform/host/check/injector.h"
 #include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/common/work.h"
 #include "tests/second_kernel/stories/list.h"
 
 namespace {
 
-using stage::Fault;
+using host::Fault;
 
 // The storage comes in pieces of one unit each, so that a write soon needs several.
 const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceUnits = 1, .GapUnits = 1};
@@ -39,38 +39,41 @@ struct Trial {
     UCHAR Major;                   // of the request that is tried
     bool IsCall = true;            // the driver's calls fail, else the device's transfers of that kind
     Fault Kind = Fault::Allocate;  // of the driver's calls
-    bool LeavesPagesToLock = false;
+    host::Pages Pages = host::Pages::NonPaged;
     bool Pends = false;  // lower completions pend
 };
 constexpr NTSTATUS kDeviceError = STATUS_IO_DEVICE_ERROR;
 
 void Arm(Computer* computer, const Trial& trial, ULONG n) {
     if (trial.IsCall)
-        stage::FailCall(trial.Kind, n);
+        host::FailCall(host::FaultBit(trial.Kind), n);
     else
         FailTransfer(computer->Data, trial.Major, n, kDeviceError);
 }
 
 // Whether the attempt got as far as the n-th.
 bool Disarm(Computer* computer, const Trial& trial, ULONG n) {
-    if (trial.IsCall) return stage::EndFault() >= n;
+    if (trial.IsCall) {
+        host::DisarmFaults();
+        return host::FaultCalls(trial.Kind) >= n;
+    }
     RamDevice* ram = RamOf(computer->Data);
     const bool reached = (trial.Major == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) == 0;
     FailTransfer(computer->Data, trial.Major, 0, kDeviceError);
     return reached;
 }
 
-void CheckAttempt(Computer* computer, const Trial& trial, LONGLONG at, const Reply& reply, PUCHAR buffer,
-                  ULONG seed) {
-    if (!NT_SUCCESS(reply.Status))
-        stage::CheckEqual(reply.Information, 0, "bytes that a failed request reports");
+void CheckAttempt(Computer* computer, const Trial& trial, LONGLONG at, const host::Outcome& reply,
+                  PUCHAR buffer, ULONG seed) {
+    if (!NT_SUCCESS(reply.status))
+        stage::CheckEqual(reply.information, 0, "bytes that a failed request reports");
     else
-        stage::CheckEqual(reply.Information, kStretch, "bytes that a successful request reports");
-    if (!trial.IsCall && !NT_SUCCESS(reply.Status))
-        stage::CheckStatus(reply.Status, kDeviceError, "the device's error is the request's");
+        stage::CheckEqual(reply.information, kStretch, "bytes that a successful request reports");
+    if (!trial.IsCall && !NT_SUCCESS(reply.status))
+        stage::CheckStatus(reply.status, kDeviceError, "the device's error is the request's");
     if (trial.Major == IRP_MJ_WRITE)
-        LearnWork(computer, at, kStretch, seed, reply.Status, trial.IsCall && trial.Kind == Fault::Allocate);
-    else if (NT_SUCCESS(reply.Status))
+        LearnWork(computer, at, kStretch, seed, reply.status, trial.IsCall && trial.Kind == Fault::Allocate);
+    else if (NT_SUCCESS(reply.status))
         stage::Check(IsSame(buffer, Model() + at, kStretch), "what was read is what is there");
 }
 
@@ -85,15 +88,13 @@ bool Attempt(Computer* computer, const Trial& trial, ULONG n, PUCHAR buffer, Tal
     const LONGLONG at = NextSlot(computer, seed);
     FillPattern(buffer, kStretch, static_cast<ULONGLONG>(at), seed);
     Arm(computer, trial, n);
-    const Reply reply = SendTransfer(TopOfData(computer), {.Major = trial.Major,
-                                                           .Offset = at,
-                                                           .Buffer = buffer,
-                                                           .Length = kStretch,
-                                                           .LeaveUnlocked = trial.LeavesPagesToLock});
+    const host::Outcome reply = SendTransfer(
+        TopOfData(computer),
+        {.Major = trial.Major, .Offset = at, .Buffer = buffer, .Length = kStretch, .Pages = trial.Pages});
     const bool reached = Disarm(computer, trial, n);
     ++tally->attempts;
-    if (!NT_SUCCESS(reply.Status)) ++tally->failed;
-    if (!reached) stage::CheckStatus(reply.Status, STATUS_SUCCESS, "an attempt in which nothing failed");
+    if (!NT_SUCCESS(reply.status)) ++tally->failed;
+    if (!reached) stage::CheckStatus(reply.status, STATUS_SUCCESS, "an attempt in which nothing failed");
     CheckAttempt(computer, trial, at, reply, buffer, seed);
     return reached;
 }
@@ -106,11 +107,11 @@ const Trial kTrials[] = {
     {.Name = "page locks, through a redirected write",
      .Major = IRP_MJ_WRITE,
      .Kind = Fault::LockPages,
-     .LeavesPagesToLock = true},
+     .Pages = host::Pages::Unlocked},
     {.Name = "page locks, through a read",
      .Major = IRP_MJ_READ,
      .Kind = Fault::LockPages,
-     .LeavesPagesToLock = true},
+     .Pages = host::Pages::Unlocked},
     {.Name = "the device's writes, through a redirected write", .Major = IRP_MJ_WRITE, .IsCall = false},
     {.Name = "the device's reads, through a read", .Major = IRP_MJ_READ, .IsCall = false},
     {.Name = "the device's writes, later", .Major = IRP_MJ_WRITE, .IsCall = false, .Pends = true},
@@ -128,15 +129,14 @@ void TryRequest(Computer* computer, const Trial& trial, PUCHAR buffer) {
 }
 
 void TryRequests(Computer* computer) {
-    const Bytes buffer(kStretch);
-    if (!buffer) return;
+    Bytes buffer(kStretch);
     for (const Trial& trial : kTrials) {
         if (!trial.Pends) {
-            TryRequest(computer, trial, buffer.Get());
+            TryRequest(computer, trial, buffer.data());
             continue;
         }
         const PendedCompletions pend;
-        TryRequest(computer, trial, buffer.Get());
+        TryRequest(computer, trial, buffer.data());
     }
 }
 
@@ -152,19 +152,20 @@ void Make() {
 // The configuration cannot be read at first, and the thread that holds the files cannot be made at first.
 void WakeBadly(Computer* computer) {
     stage::Step("the device's reads, while the configuration is loaded");
-    const Bytes first(kSector);
-    if (!first) return;
+    Bytes first(kSector);
     FailTransfer(computer->System, IRP_MJ_READ, 5, kDeviceError);
-    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.Get(), kSector), STATUS_SUCCESS,
+    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.data(), kSector), STATUS_SUCCESS,
                        "the read itself");
     stage::Check(!IsEnabled(&computer->User), "nothing is configured");
-    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "another read");
+    stage::CheckStatus(ReadAt(TopOfSystem(computer), 0, first.data(), kSector), STATUS_SUCCESS, "another read");
     stage::Check(IsEnabled(&computer->User), "loads the configuration");
     stage::Step("the thread that holds the storage files");
-    stage::FailCall(Fault::CreateThread, 1);
-    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "the first read");
-    stage::CheckEqual(stage::EndFault(), 1, "threads that were to be made");
-    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.Get(), kSector), STATUS_SUCCESS, "the second read");
+    host::FailCall(host::FaultBit(Fault::ThreadCreate), 1);
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.data(), kSector), STATUS_SUCCESS, "the first read");
+    host::DisarmFaults();
+    stage::CheckEqual(host::FaultCalls(Fault::ThreadCreate), 1, "threads that were to be made");
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, first.data(), kSector), STATUS_SUCCESS,
+                       "the second read");
     CheckHeld(computer);
 }
 

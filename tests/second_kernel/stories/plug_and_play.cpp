@@ -25,16 +25,16 @@ PDEVICE_OBJECT MakeSmall(const WCHAR* name, bool removable = false, USHORT secto
 }
 
 void Remove(PDEVICE_OBJECT device, const char* what) {
-    stage::CheckStatus(SendPnp(stage::TopOfStack(device), IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, what);
-    stage::CheckEqual(RamOf(device)->Removes, 1, "removals that reached the device");
-    const PDEVICE_OBJECT top = stage::TopOfStack(device);
+    stage::CheckStatus(host::SendPnp(device, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, what);
+    stage::CheckEqual(RamOf(device)->ArrivedPnp[IRP_MN_REMOVE_DEVICE], 1, "removals that reached the device");
+    const PDEVICE_OBJECT top = host::TopOfStack(device);
     if (stage::Check(top->DriverObject == device->DriverObject, "the driver's filter has left the stack"))
         DeleteRamDevice(device);
 }
 
 void CheckFlags(PDEVICE_OBJECT device) {
     stage::Step("flags of the filter");
-    PDEVICE_OBJECT filter = stage::TopOfStack(device);
+    PDEVICE_OBJECT filter = host::TopOfStack(device);
     stage::Check((filter->Flags & DO_DIRECT_IO) != 0, "direct transfers", filter->Flags);
     stage::Check((filter->Flags & DO_DEVICE_INITIALIZING) == 0, "no longer being initialised", filter->Flags);
     stage::Check((filter->Flags & DO_POWER_PAGABLE) != 0, "pageable power code", filter->Flags);
@@ -47,41 +47,44 @@ void CheckFlags(PDEVICE_OBJECT device) {
 void PassTransfers(PDEVICE_OBJECT device) {
     stage::Step("transfers of an unprotected volume");
     const ULONG length = 4 * device->SectorSize;
-    const Bytes data(length);
-    const Bytes back(length);
-    if (!data || !back) return;
-    PDEVICE_OBJECT top = stage::TopOfStack(device);
-    FillPattern(data.Get(), length, 0, 11);
-    stage::CheckStatus(WriteAt(top, length, data.Get(), length), STATUS_SUCCESS, "a write");
-    stage::Check(IsSame(RamOf(device)->Sectors + length, data.Get(), length), "the write is on the device");
-    const Reply reply = SendTransfer(top, {IRP_MJ_READ, length, back.Get(), length});
-    stage::CheckStatus(reply.Status, STATUS_SUCCESS, "a read");
-    stage::CheckEqual(reply.Information, length, "bytes read");
-    stage::Check(IsSame(back.Get(), data.Get(), length), "what was read");
-    stage::CheckStatus(ReadAt(top, kSmallBytes, back.Get(), length), STATUS_INVALID_PARAMETER,
+    Bytes data(length);
+    Bytes back(length);
+    PDEVICE_OBJECT top = host::TopOfStack(device);
+    FillPattern(data.data(), length, 0, 11);
+    stage::CheckStatus(WriteAt(top, length, data.data(), length), STATUS_SUCCESS, "a write");
+    stage::Check(IsSame(RamOf(device)->Sectors + length, data.data(), length), "the write is on the device");
+    const host::Outcome reply = SendTransfer(top, {IRP_MJ_READ, length, back.data(), length});
+    stage::CheckStatus(reply.status, STATUS_SUCCESS, "a read");
+    stage::CheckEqual(reply.information, length, "bytes read");
+    stage::Check(IsSame(back.data(), data.data(), length), "what was read");
+    stage::CheckStatus(ReadAt(top, kSmallBytes, back.data(), length), STATUS_INVALID_PARAMETER,
                        "a read behind the end");
 }
 
 void PassOthers(PDEVICE_OBJECT device) {
     stage::Step("flush, power, Plug and Play and opens of an unprotected volume");
-    PDEVICE_OBJECT top = stage::TopOfStack(device);
+    PDEVICE_OBJECT top = host::TopOfStack(device);
     const RamDevice* ram = RamOf(device);
     FILE_OBJECT file;
     InitializeFile(&file, device, W(""));
-    stage::CheckStatus(SendSimple(top, IRP_MJ_CREATE, &file).Status, STATUS_SUCCESS, "an open");
-    stage::CheckEqual(ram->Creates, 0, "opens that reached the device: the filter answers for itself");
+    stage::CheckStatus(SendSimple(top, IRP_MJ_CREATE, &file), STATUS_SUCCESS, "an open");
+    stage::CheckEqual(ram->Arrived[IRP_MJ_CREATE], 0,
+                      "opens that reached the device: the filter answers for itself");
     for (const int major : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE, IRP_MJ_FLUSH_BUFFERS})
-        stage::CheckStatus(SendSimple(top, static_cast<UCHAR>(major), &file).Status, STATUS_SUCCESS,
-                           "a request");
-    stage::CheckEqual(ram->Flushes, 1, "flushes that reached the device");
-    stage::CheckStatus(SendPower(top), STATUS_SUCCESS, "a power request");
-    stage::CheckEqual(ram->Powers, 1, "power requests that reached the device");
+        stage::CheckStatus(SendSimple(top, static_cast<UCHAR>(major), &file), STATUS_SUCCESS, "a request");
+    stage::CheckEqual(ram->Arrived[IRP_MJ_FLUSH_BUFFERS], 1, "flushes that reached the device");
+    stage::CheckStatus(
+        host::SendPower(device, IRP_MN_SET_POWER, DevicePowerState, {.DeviceState = PowerDeviceD3}),
+        STATUS_SUCCESS, "a power request");
+    stage::CheckEqual(ram->Arrived[IRP_MJ_POWER], 1, "power requests that reached the device");
     stage::Check(stage::TimesSaid("Kvr!KvrPower: ") != 0, "power requests are told of");
-    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_CAPABILITIES), STATUS_NOT_SUPPORTED, "what nobody touched");
-    stage::CheckStatus(SendControl(top, {IOCTL_DISK_IS_WRITABLE}).Status, STATUS_SUCCESS, "a device control");
-    stage::CheckEqual(ram->Controls, 1, "device controls that reached the device");
-    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "a query for removal");
-    stage::CheckEqual(ram->QueryRemoves, 1, "queries that reached the device");
+    stage::CheckStatus(host::SendPnp(top, IRP_MN_QUERY_CAPABILITIES), STATUS_NOT_SUPPORTED,
+                       "what nobody touched");
+    stage::CheckStatus(host::SendControl(top, {IOCTL_DISK_IS_WRITABLE}).status, STATUS_SUCCESS,
+                       "a device control");
+    stage::CheckEqual(ram->Arrived[IRP_MJ_DEVICE_CONTROL], 1, "device controls that reached the device");
+    stage::CheckStatus(host::SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "a query for removal");
+    stage::CheckEqual(ram->ArrivedPnp[IRP_MN_QUERY_REMOVE_DEVICE], 1, "queries that reached the device");
 }
 
 void CheckExtents(Computer* computer) {
@@ -98,7 +101,7 @@ void AddInrush(Computer* computer) {
     if (!device) return;
     device->Flags |= DO_POWER_INRUSH;
     stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "start");
-    const ULONG flags = stage::TopOfStack(device)->Flags;
+    const ULONG flags = host::TopOfStack(device)->Flags;
     stage::Check((flags & DO_POWER_INRUSH) && !(flags & DO_POWER_PAGABLE), "the filter's power flags", flags);
     Remove(device, "removal");
 }
@@ -109,7 +112,7 @@ void AddBelowFilter(Computer* computer) {
     PDEVICE_OBJECT device = MakeSmall(FILTERED_VOLUME);
     if (!device || !AddPassingFilter(device)) return;
     stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "start");
-    stage::Check(stage::TopOfStack(device)->DriverObject == computer->Driver, "the driver's filter is on top");
+    stage::Check(host::TopOfStack(device)->DriverObject == computer->Driver, "the driver's filter is on top");
     stage::CheckEqual(FixedStatus(&computer->User, FILTERED_VOLUME).State, 0, "the volume is named");
     PassTransfers(device);
     Remove(device, "removal");
@@ -133,7 +136,7 @@ void PlayDevice(Computer* computer, PDEVICE_OBJECT device) {
         const PendedCompletions pend;
         stage::CheckStatus(AddAndStart(computer->Driver, device), STATUS_SUCCESS, "the device starts");
     }
-    stage::CheckEqual(RamOf(device)->Starts, 1, "starts that reached the device");
+    stage::CheckEqual(RamOf(device)->ArrivedPnp[IRP_MN_START_DEVICE], 1, "starts that reached the device");
     CheckFlags(device);
     PassTransfers(device);
     PassOthers(device);
@@ -151,7 +154,7 @@ void Unprotected() {
     PlayDevice(computer, large);
     PlayDevice(computer, removable);
     if (stage::Failed()) return;
-    stage::Check((stage::TopOfStack(removable)->Characteristics & FILE_REMOVABLE_MEDIA) != 0,
+    stage::Check((host::TopOfStack(removable)->Characteristics & FILE_REMOVABLE_MEDIA) != 0,
                  "the filter is removable too");
     stage::CheckEqual(RemovableStatus(&computer->User, REMOVABLE_VOLUME).AccessMode, 0, "and not protected");
     AddInrush(computer);
@@ -165,10 +168,10 @@ void Unprotected() {
                                                     "[RV 2]\r\nID=\\Device\\StoryHidden\r\nAccessMode=2\r\n")),
                        STATUS_SUCCESS, "the configuration");
     EndComputer(computer);
-    stage::Check(stage::TopOfStack(computer->Disk) == computer->Disk, "the disk's filter leaves at shutdown");
+    stage::Check(host::TopOfStack(computer->Disk) == computer->Disk, "the disk's filter leaves at shutdown");
     stage::Check(TopOfData(computer) != computer->Data, "the volume's filter stays");
-    const Bytes data(512);
-    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.Get(), 512), STATUS_SUCCESS,
+    Bytes data(512);
+    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.data(), 512), STATUS_SUCCESS,
                        "a write after shutdown");
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
 }
@@ -179,15 +182,14 @@ void PlayProtectedRemovable(Computer* computer, const WCHAR* name, bool hidden, 
     const NTSTATUS expected = hidden ? STATUS_ACCESS_DENIED : STATUS_SUCCESS;
     stage::CheckStatus(AddAndStart(computer->Driver, device), expected, "the removable volume's start");
     stage::CheckEqual(RemovableStatus(&computer->User, name).AccessMode, mode, "its access mode");
-    PDEVICE_OBJECT top = stage::TopOfStack(device);
+    PDEVICE_OBJECT top = host::TopOfStack(device);
     stage::CheckEqual((top->Characteristics & FILE_READ_ONLY_DEVICE) != 0, readOnly, "shown as read-only");
-    const Bytes data(512);
-    if (!data) return;
-    FillPattern(data.Get(), 512, 0, mode + 50);
-    const ULONG before = RamOf(device)->Writes;
-    stage::CheckStatus(WriteAt(top, 0, data.Get(), 512), STATUS_MEDIA_WRITE_PROTECTED, "a write to it");
-    stage::CheckEqual(RamOf(device)->Writes, before, "writes that reached the device");
-    stage::CheckStatus(SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "it may go");
+    Bytes data(512);
+    FillPattern(data.data(), 512, 0, mode + 50);
+    const ULONG before = RamOf(device)->Arrived[IRP_MJ_WRITE];
+    stage::CheckStatus(WriteAt(top, 0, data.data(), 512), STATUS_MEDIA_WRITE_PROTECTED, "a write to it");
+    stage::CheckEqual(RamOf(device)->Arrived[IRP_MJ_WRITE], before, "writes that reached the device");
+    stage::CheckStatus(host::SendPnp(top, IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "it may go");
     Remove(device, "and goes");
 }
 
@@ -198,7 +200,7 @@ void Protected() {
     stage::Step("protection is on");
     if (!stage::Check(IsEnabled(&computer->User), "protection is on")) return;
     const LONG blocks = stage::PoolBlocks();
-    stage::CheckEqual(static_cast<ULONGLONG>(blocks), 2, "pool blocks: the listed volumes");
+    stage::CheckEqual(blocks, 2, "pool blocks: the listed volumes");
     stage::Step("a listed removable volume");
     PlayProtectedRemovable(computer, LISTED_VOLUME, false, 1, true);
     stage::Step("a hidden removable volume");
@@ -207,17 +209,19 @@ void Protected() {
     PlayProtectedRemovable(computer, REMOVABLE_VOLUME, false, 1, false);
     stage::Step("removal of the volume that holds the configuration is refused");
     for (const int minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE})
-        stage::CheckStatus(SendPnp(TopOfSystem(computer), static_cast<UCHAR>(minor)),
+        stage::CheckStatus(host::SendPnp(TopOfSystem(computer), static_cast<UCHAR>(minor)),
                            STATUS_INSUFFICIENT_RESOURCES, "a removal");
     stage::Check(TopOfSystem(computer) != computer->System, "the filter is still there");
     const RamDevice* system = RamOf(computer->System);
-    stage::Check(system->Removes == 0 && system->QueryRemoves == 0, "and the device has not heard of it");
+    stage::Check(
+        system->ArrivedPnp[IRP_MN_REMOVE_DEVICE] == 0 && system->ArrivedPnp[IRP_MN_QUERY_REMOVE_DEVICE] == 0,
+        "and the device has not heard of it");
     stage::Step("the data volume may go");
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
-    stage::CheckStatus(SendPnp(TopOfData(computer), IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS, "the query");
+    stage::CheckStatus(host::SendPnp(TopOfData(computer), IRP_MN_QUERY_REMOVE_DEVICE), STATUS_SUCCESS,
+                       "the query");
     Remove(computer->Data, "the removal");
-    stage::CheckEqual(static_cast<ULONGLONG>(stage::PoolBlocks()), static_cast<ULONGLONG>(blocks),
-                      "pool blocks");
+    stage::CheckEqual(stage::PoolBlocks(), blocks, "pool blocks");
     EndComputer(computer);
 }
 

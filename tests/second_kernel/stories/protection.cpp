@@ -48,13 +48,13 @@ void InstallBoot(const Plan& plan, const WCHAR* configuration) {
     if (!computer) return;
     Install(computer, configuration, plan.storage);
     stage::Step("a volume is not protected in the boot that configures it");
-    const Bytes data(plan.computer.DataSector);
-    if (!data) return;
-    RtlCopyMemory(data.Get(), computer->DataSectors, plan.computer.DataSector);
-    const ULONG before = RamOf(computer->Data)->Writes;
-    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.Get(), plan.computer.DataSector), STATUS_SUCCESS,
+    Bytes data(plan.computer.DataSector);
+    std::memcpy(data.data(), computer->DataSectors, plan.computer.DataSector);
+    const ULONG before = RamOf(computer->Data)->Arrived[IRP_MJ_WRITE];
+    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.data(), plan.computer.DataSector), STATUS_SUCCESS,
                        "a write");
-    stage::CheckEqual(RamOf(computer->Data)->Writes, before + 1, "writes that reached the device");
+    stage::CheckEqual(RamOf(computer->Data)->Arrived[IRP_MJ_WRITE], before + 1,
+                      "writes that reached the device");
     EndComputer(computer);
 }
 
@@ -75,9 +75,8 @@ void OverwriteWork(Computer* computer, ULONG seed) {
 void RefuseUnaligned(Computer* computer) {
     stage::Step("a write that begins inside a sector");
     const ULONG sector = computer->Options.DataSector;
-    const Bytes data(sector);
-    if (!data) return;
-    stage::CheckStatus(WriteAt(TopOfData(computer), sector / 2, data.Get(), sector), STATUS_INVALID_PARAMETER,
+    Bytes data(sector);
+    stage::CheckStatus(WriteAt(TopOfData(computer), sector / 2, data.data(), sector), STATUS_INVALID_PARAMETER,
                        "such a write");
 }
 
@@ -123,9 +122,8 @@ void KeepMore() {
 // A write to the volume with the configuration file lets the driver reset what counts once.
 void CheckActionReset(Computer* computer, const WCHAR* text) {
     stage::Step("what counts once is reset in the configuration");
-    const Bytes data(512);
-    if (!data) return;
-    stage::CheckStatus(WriteAt(TopOfSystem(computer), 0, data.Get(), 512), STATUS_SUCCESS, "a write");
+    Bytes data(512);
+    stage::CheckStatus(WriteAt(TopOfSystem(computer), 0, data.data(), 512), STATUS_SUCCESS, "a write");
     stage::Check(IsConfig(&computer->User, text), "the configuration's text");
 }
 
@@ -170,8 +168,7 @@ void KeepDamaged() {
     stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kKeepPlan.storage), STATUS_SUCCESS,
                        "the request");
     const KVR_FIXED_VOLUME_STATUS repaired = WaitForStorage(&computer->User, DATA_VOLUME);
-    stage::CheckEqual(static_cast<ULONGLONG>(repaired.SwapTotalBytes),
-                      static_cast<ULONGLONG>(kKeepPlan.storage), "the storage");
+    stage::CheckEqual(repaired.SwapTotalBytes, kKeepPlan.storage, "the storage");
     EndComputer(computer);
 }
 
@@ -205,16 +202,15 @@ void WriteHive(Computer* computer) {
     stage::Step("what is redirected until the next boot only");
     constexpr LONGLONG place = kRegion - 64 * kKiB;
     constexpr ULONG length = 3 * 512;
-    const Bytes data(length);
-    const Bytes back(length);
-    if (!data || !back) return;
+    Bytes data(length);
+    Bytes back(length);
     FILE_OBJECT file;
     InitializeFile(&file, computer->Data, W("\\Windows\\System32\\config\\SYSTEM"));
-    FillPattern(data.Get(), length, place, 99);
-    stage::CheckStatus(WriteAt(TopOfData(computer), place, data.Get(), length, &file), STATUS_SUCCESS,
+    FillPattern(data.data(), length, place, 99);
+    stage::CheckStatus(WriteAt(TopOfData(computer), place, data.data(), length, &file), STATUS_SUCCESS,
                        "its write");
-    stage::CheckStatus(ReadAt(TopOfData(computer), place, back.Get(), length), STATUS_SUCCESS, "its read");
-    stage::Check(IsSame(data.Get(), back.Get(), length), "this boot sees it");
+    stage::CheckStatus(ReadAt(TopOfData(computer), place, back.data(), length), STATUS_SUCCESS, "its read");
+    stage::Check(IsSame(data.data(), back.data(), length), "this boot sees it");
 }
 
 void MergeWork() {
@@ -238,7 +234,7 @@ void MergeDone() {
     Computer* computer = Wake(kMergePlan);
     if (!computer) return;
     stage::Step("the redirections were merged");
-    RtlCopyMemory(stage::Medium(4, kWorkBytes), Model(), kWorkBytes);
+    std::memcpy(stage::Medium(4, kWorkBytes), Model(), kWorkBytes);
     if (!IsMerged(computer)) return;
     stage::Check(IsPattern(computer->DataSectors + kWorkBytes, kRegion - kWorkBytes, kWorkBytes, kOwnSeed),
                  "what was not redirected is as it was");

@@ -46,12 +46,12 @@ const CodeCase kCodes[] = {
 };
 
 // A request that ends at the filter has not reached the device, one that passes has.
-void TryControl(PDEVICE_OBJECT device, const Control& control, NTSTATUS expected, ULONG which) {
-    const ULONG before = RamOf(device)->Controls;
-    const Reply reply = SendControl(stage::TopOfStack(device), control);
-    stage::Check(reply.Status == expected, "the answer to a control code", static_cast<ULONG>(reply.Status),
+void TryControl(PDEVICE_OBJECT device, const host::Control& control, NTSTATUS expected, ULONG which) {
+    const ULONG before = RamOf(device)->Arrived[IRP_MJ_DEVICE_CONTROL];
+    const host::Outcome reply = host::SendControl(host::TopOfStack(device), control);
+    stage::Check(reply.status == expected, "the answer to a control code", static_cast<ULONG>(reply.status),
                  which);
-    stage::CheckEqual(RamOf(device)->Controls - before, expected == kPasses ? 1 : 0,
+    stage::CheckEqual(RamOf(device)->Arrived[IRP_MJ_DEVICE_CONTROL] - before, expected == kPasses ? 1 : 0,
                       "requests that reached the device");
 }
 
@@ -70,7 +70,7 @@ void TryPassThrough(PDEVICE_OBJECT device, Place place) {
     const bool guarded = place == Place::Guarded;
     for (const ULONG code : {ULONG{IOCTL_SCSI_PASS_THROUGH}, ULONG{IOCTL_SCSI_PASS_THROUGH_DIRECT}}) {
         SCSI_PASS_THROUGH command{};
-        const Control whole = {code, &command, sizeof(command)};
+        const host::Control whole = {code, &command, sizeof(command)};
         command.Cdb[0] = 0x28;
         TryControl(device, whole, kPasses, 0x28);
         for (const UCHAR operation :
@@ -110,10 +110,10 @@ void RefuseStorage(Computer* computer) {
     stage::Step("making and removing storage of a protected volume");
     const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, kStorage);
     for (const ULONG code : {ULONG{IOCTL_KVR_ALLOCATE_SWAP}, ULONG{IOCTL_KVR_REMOVE_SWAP}})
-        stage::CheckStatus(Ask(&computer->User, code, &request, sizeof(request)).Status,
+        stage::CheckStatus(Ask(&computer->User, code, &request, sizeof(request)).status,
                            STATUS_INVALID_PARAMETER, "the request");
     for (const int minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE})
-        stage::CheckStatus(SendPnp(TopOfData(computer), static_cast<UCHAR>(minor)),
+        stage::CheckStatus(host::SendPnp(TopOfData(computer), static_cast<UCHAR>(minor)),
                            STATUS_INSUFFICIENT_RESOURCES, "its removal");
 }
 

@@ -6,7 +6,7 @@
 #include <string_view>
 #include "platform/host/sync/clock.h"
 #include "platform/kernel.h"
-#include "tests/second_kernel/host/host_stage.h"
+#include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/wine/image.h"
 
 namespace {
@@ -117,7 +117,7 @@ void* FindExport(const char* name) {
 }  // namespace
 
 // Mapped anew for each boot.
-PDRIVER_INITIALIZE host_stage::DriverToLoad() {
+PDRIVER_INITIALIZE stage::DriverToLoad() {
     std::string trouble;
     void* entry = image::Load("kvr64.sys", {FindExport, KeGetCurrentIrql, host::SystemTime}, trouble);
     if (entry != nullptr) return reinterpret_cast<PDRIVER_INITIALIZE>(entry);

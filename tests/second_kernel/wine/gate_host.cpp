@@ -2,18 +2,18 @@
 #include <cstdio>
 #include <vector>
 #include "platform/host/io/user_mode.h"
-#include "tests/second_kernel/host/host_stage.h"
+#include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/wine/gate.h"
 #include "tests/second_kernel/wine/tool_story.h"
 
 namespace gate {
 
 bool Boot() {
-    host_stage::BeginStory(kToolStory);
-    host_stage::BeginBoot(0);
+    stage::BeginStory();
+    stage::BeginBoot(0);
     kToolStory.boots[0]();
-    std::fputs(host_stage::Failures().c_str(), stderr);
-    return host_stage::Failures().empty();
+    std::fputs(stage::Failures().c_str(), stderr);
+    return stage::Failures().empty();
 }
 
 int Open(void*& file) {

@@ -5,7 +5,7 @@ namespace {
 
 void Leave() {
     stage::Step("a computer for the tool");
-    stage::SetSystemRoot(nullptr);
+    MountKernelFiles();
     PDRIVER_OBJECT driver;
     if (!stage::CheckStatus(stage::LoadDriver(driver), STATUS_SUCCESS, "the driver loads")) return;
     PUCHAR sectors = stage::Medium(0, kMiB);
