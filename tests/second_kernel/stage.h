@@ -12,8 +12,7 @@
 struct Story {
     const char* name;  // letters, digits and underscores
     const char* proves;
-    void (*const* boots)();
-    ULONG bootCount;
+    std::vector<void (*)()> boots;
 };
 
 namespace stage {

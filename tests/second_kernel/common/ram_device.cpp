@@ -79,11 +79,10 @@ NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
 
 NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
     auto* extents = static_cast<PVOLUME_DISK_EXTENTS>(irp->AssociatedIrp.SystemBuffer);
-    if (ram->NoExtents) return Complete(irp, STATUS_INVALID_DEVICE_REQUEST);
     if (!extents || length < sizeof(VOLUME_DISK_EXTENTS)) return Complete(irp, STATUS_BUFFER_TOO_SMALL);
     RtlZeroMemory(extents, sizeof(VOLUME_DISK_EXTENTS));
     extents->NumberOfDiskExtents = 1;
-    extents->Extents[0].DiskNumber = ram->DiskNumber;
+    extents->Extents[0].DiskNumber = 7;
     extents->Extents[0].StartingOffset.QuadPart = ram->Start;
     extents->Extents[0].ExtentLength.QuadPart = static_cast<LONGLONG>(ram->Size);
     return Complete(irp, STATUS_SUCCESS, sizeof(VOLUME_DISK_EXTENTS));
@@ -134,8 +133,6 @@ void FillRamDevice(PDEVICE_OBJECT device, const RamOptions& options) {
     ram->Sectors = options.Sectors;
     ram->Size = options.Size;
     ram->Start = options.Start;
-    ram->DiskNumber = options.DiskNumber;
-    ram->NoExtents = options.NoExtents;
     ram->Disk = options.Disk;
     if (options.Disk) device->StackSize = static_cast<CCHAR>(host::TopOfStack(options.Disk)->StackSize + 1);
 }

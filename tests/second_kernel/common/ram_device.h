@@ -13,7 +13,6 @@ struct RamDevice {
     PDEVICE_OBJECT Disk;  // the physical device of the disk under a volume
     PDEVICE_OBJECT Next;  // of a filter that passes everything on: the device below it
     LONGLONG Start;       // where on the disk
-    ULONG DiskNumber;     // what the extents tell
     // What arrived here, ever: of each major function, but for the request that tells the extents, and of each
     // minor function of Plug and Play.
     std::atomic<ULONG> Arrived[IRP_MJ_MAXIMUM_FUNCTION + 1];
@@ -22,7 +21,6 @@ struct RamDevice {
     std::atomic<ULONG> FailReadIn;
     std::atomic<ULONG> FailWriteIn;
     std::atomic<NTSTATUS> FailStatus;
-    bool NoExtents;  // a volume that cannot tell where it lies
 };
 
 struct RamOptions {
@@ -34,8 +32,6 @@ struct RamOptions {
     bool IsRemovable = false;
     PDEVICE_OBJECT Disk = nullptr;
     LONGLONG Start = 0;
-    ULONG DiskNumber = 7;
-    bool NoExtents = false;
 };
 
 // Null, with a failed check, when it could not be made. It lives until DeleteRamDevice or the end of the boot.

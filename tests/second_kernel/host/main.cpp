@@ -9,7 +9,7 @@ namespace {
 bool Play(const Story& story) {
     std::printf("story %s: ", story.name);  // stands there, whatever ends the program
     stage::BeginStory();
-    for (ULONG boot = 0; boot < story.bootCount && stage::Failures().empty(); ++boot) {
+    for (ULONG boot = 0; boot < story.boots.size() && stage::Failures().empty(); ++boot) {
         stage::BeginBoot(boot);
         story.boots[boot]();
         stage::EndBoot();

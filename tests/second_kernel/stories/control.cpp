@@ -8,16 +8,11 @@
 
 namespace {
 
-#define FIXED_VOLUME W("\\Device\\StoryFixed")
-#define REMOVABLE_VOLUME W("\\Device\\StoryRemovable")
-
 const WCHAR kText[] = W("[Global]\r\nProtection=0\r\nRVAccessMode=0\r\nFVBootMode=1\r\n");
 
 struct ControlBoot {
     PDRIVER_OBJECT driver;
     Tool tool;
-    PDEVICE_OBJECT fixed;
-    PDEVICE_OBJECT removable;
 };
 
 bool Load(ControlBoot* boot) {
@@ -102,71 +97,6 @@ void WriteConfiguration(ControlBoot* boot) {
     stage::Check(IsConfig(&boot->tool, kText), "the configuration reads as it was written");
 }
 
-void MakeVolumes(ControlBoot* boot) {
-    stage::Step("a fixed and a removable volume");
-    PUCHAR sectors = stage::Medium(0, kMiB);
-    boot->fixed = MakeRamDevice({.Name = FIXED_VOLUME, .Sectors = sectors, .Size = kMiB});
-    boot->removable =
-        MakeRamDevice({.Name = REMOVABLE_VOLUME, .Sectors = sectors, .Size = kMiB, .IsRemovable = true});
-    if (!boot->fixed || !boot->removable) return;
-    stage::CheckStatus(AddAndStart(boot->driver, boot->fixed), STATUS_SUCCESS, "the fixed volume starts");
-    stage::CheckStatus(AddAndStart(boot->driver, boot->removable), STATUS_SUCCESS,
-                       "the removable volume starts");
-}
-
-void ReadRecords(ControlBoot* boot) {
-    stage::Step("records of the volumes, into buffers of every size");
-    constexpr ULONG fixed = sizeof(KVR_FIXED_VOLUME_STATUS);
-    constexpr ULONG removable = sizeof(KVR_REMOVABLE_VOLUME_STATUS);
-    const BufferCase sizes[] = {{IOCTL_KVR_GET_FIXED_VOLUMES, 0, fixed - 1, 0},
-                                {IOCTL_KVR_GET_FIXED_VOLUMES, fixed, fixed, 0},
-                                {IOCTL_KVR_GET_FIXED_VOLUMES, fixed, 2 * fixed + 7, 0},
-                                {IOCTL_KVR_GET_REMOVABLE_VOLUMES, 0, 1, 0},
-                                {IOCTL_KVR_GET_REMOVABLE_VOLUMES, removable, 2 * removable - 1, 0}};
-    Bytes output(2 * fixed + 7);
-    for (const BufferCase& test : sizes) {
-        const host::Outcome reply = Ask(&boot->tool, test.Code, nullptr, 0, output.data(), test.OutputLength);
-        stage::CheckStatus(reply.status, STATUS_SUCCESS, "the records");
-        stage::CheckEqual(reply.information, test.InputLength, "as many whole records as fit");
-    }
-    const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&boot->tool, FIXED_VOLUME);
-    stage::Check(status.State == 0 && status.SwapStatus == 0 && status.SwapTotalBytes == 0,
-                 "nothing is protected", status.State, status.SwapStatus);
-    stage::CheckEqual(RemovableStatus(&boot->tool, REMOVABLE_VOLUME).AccessMode, 0,
-                      "nor is the removable volume");
-}
-
-// The thread finds no such volume, or nothing to do, and ends by itself.
-void AskForNothing(ControlBoot* boot, const SWAP_CONFIG_REQUEST& request, const char* what) {
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request)).status,
-                       STATUS_SUCCESS, what);
-    const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&boot->tool, FIXED_VOLUME);
-    stage::Check(status.SwapTotalBytes == 0 && status.SwapStatus == 0, "no storage was made",
-                 status.SwapStatus);
-}
-
-void TryStorageRequests(ControlBoot* boot) {
-    stage::Step("storage requests with bad names and sizes");
-    SWAP_CONFIG_REQUEST endless = StorageRequest(FIXED_VOLUME, kMiB);
-    for (std::uint16_t& character : endless.VolumeName)
-        if (character == 0) character = W('x');
-    AskForNothing(boot, endless, "a name without a terminator");
-    AskForNothing(boot, StorageRequest(W("\\Device\\NoSuchVolume"), kMiB), "a volume that is not there");
-    AskForNothing(boot, StorageRequest(FIXED_VOLUME, -1), "a negative size");
-    AskForNothing(boot, StorageRequest(REMOVABLE_VOLUME, kMiB), "a removable volume");
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_REMOVE_SWAP, &endless, sizeof(endless)).status,
-                       STATUS_SUCCESS, "removing the storage of a name without a terminator");
-}
-
-void RemoveVolumes(ControlBoot* boot) {
-    stage::Step("remove the volumes");
-    for (PDEVICE_OBJECT device : {boot->fixed, boot->removable}) {
-        stage::CheckStatus(host::SendPnp(device, IRP_MN_REMOVE_DEVICE), STATUS_SUCCESS, "removal");
-        stage::Check(host::TopOfStack(device) == device, "the filter has left the stack");
-        DeleteRamDevice(device);
-    }
-}
-
 void Control() {
     ControlBoot boot{};
     if (!Load(&boot)) return;
@@ -174,13 +104,7 @@ void Control() {
     SendForeignRequests(&boot);
     TryBuffers(&boot);
     WriteConfiguration(&boot);
-    MakeVolumes(&boot);
-    if (stage::Failed()) return;
-    ReadRecords(&boot);
-    TryStorageRequests(&boot);
     CloseTool(&boot.tool);
-    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
-    RemoveVolumes(&boot);
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
 }
 
@@ -197,8 +121,7 @@ void ControlAgain() {
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
 }
 
-constexpr void (*kBoots[])() = {Control, ControlAgain};
-
 }  // namespace
 
-const Story kControlStory = {"control", "the control device and the configuration file", kBoots, 2};
+const Story kControlStory = {
+    "control", "the control device and the configuration file", {Control, ControlAgain}};

@@ -199,8 +199,7 @@ void UseAgain() {
     CheckSaved(computer);
 }
 
-constexpr void (*kBoots[])() = {Make, Use, UseAgain};
-
 }  // namespace
 
-const Story kFaultsStory = {"faults", "what fails ends, leaks nothing and spoils nothing", kBoots, 3};
+const Story kFaultsStory = {
+    "faults", "what fails ends, leaks nothing and spoils nothing", {Make, Use, UseAgain}};

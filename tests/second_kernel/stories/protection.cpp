@@ -257,13 +257,14 @@ void MergeNotAgain() {
     End(computer);
 }
 
-constexpr void (*kKeepBoots[])() = {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged};
-constexpr void (*kDiscardBoots[])() = {DiscardInstall, DiscardWork, DiscardWork};
-constexpr void (*kMergeBoots[])() = {MergeInstall, MergeWork, MergeDone, MergeNotAgain};
-
 }  // namespace
 
-const Story kProtectionKeepStory = {"protection_keep", "redirections kept, and discarded once", kKeepBoots, 6};
+const Story kProtectionKeepStory = {
+    "protection_keep",
+    "redirections kept, and discarded once",
+    {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged}};
 const Story kProtectionDiscardStory = {"protection_discard",
-                                       "redirections discarded at every boot, large sectors", kDiscardBoots, 3};
-const Story kProtectionMergeStory = {"protection_merge", "redirections merged once", kMergeBoots, 4};
+                                       "redirections discarded at every boot, large sectors",
+                                       {DiscardInstall, DiscardWork, DiscardWork}};
+const Story kProtectionMergeStory = {
+    "protection_merge", "redirections merged once", {MergeInstall, MergeWork, MergeDone, MergeNotAgain}};

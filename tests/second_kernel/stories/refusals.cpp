@@ -106,17 +106,6 @@ void TryOthers(Computer* computer) {
     TryControl(removable, {FSCTL_MOVE_FILE}, kProtected, FSCTL_MOVE_FILE);
 }
 
-void RefuseStorage(Computer* computer) {
-    stage::Step("making and removing storage of a protected volume");
-    const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, kStorage);
-    for (const ULONG code : {ULONG{IOCTL_KVR_ALLOCATE_SWAP}, ULONG{IOCTL_KVR_REMOVE_SWAP}})
-        stage::CheckStatus(Ask(&computer->User, code, &request, sizeof(request)).status,
-                           STATUS_INVALID_PARAMETER, "the request");
-    for (const int minor : {IRP_MN_QUERY_REMOVE_DEVICE, IRP_MN_REMOVE_DEVICE})
-        stage::CheckStatus(host::SendPnp(TopOfData(computer), static_cast<UCHAR>(minor)),
-                           STATUS_INSUFFICIENT_RESOURCES, "its removal");
-}
-
 // ---- the boots -------------------------------------------------------------------------------------------
 
 void Off() {
@@ -144,12 +133,9 @@ void On() {
     TryAll(plain, Place::Plain);
     TryCodes(computer->Disk, Place::Plain);
     TryOthers(computer);
-    RefuseStorage(computer);
     EndComputer(computer);
 }
 
-constexpr void (*kBoots[])() = {Off, On};
-
 }  // namespace
 
-const Story kRefusalsStory = {"refusals", "what is refused on protected volumes and their disks", kBoots, 2};
+const Story kRefusalsStory = {"refusals", "what is refused on protected volumes and their disks", {Off, On}};

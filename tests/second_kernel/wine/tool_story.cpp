@@ -18,8 +18,6 @@ void Leave() {
     (void)stage::CheckStatus(AddAndStart(driver, stick), STATUS_SUCCESS, "the removable volume starts");
 }
 
-constexpr void (*kBoots[])() = {Leave};
-
 }  // namespace
 
-const Story kToolStory = {"tool", "a computer for kvrctl.exe", kBoots, 1};
+const Story kToolStory = {"tool", "a computer for kvrctl.exe", {Leave}};
