@@ -89,6 +89,7 @@ public:
     Answer answer;  // set before requests come
     std::vector<DISK_EXTENT> extents{{1, {.QuadPart = 0x100000}, {.QuadPart = 0x400000}}};
     ULONG claimedExtents = 1;
+    bool tellsExtents = true;  // false: `answer` is asked for them too
     NTSTATUS added = STATUS_UNSUCCESSFUL;
     PDEVICE_OBJECT filter = nullptr;
     PVOLUME_EXTENSION volume = nullptr;
@@ -103,7 +104,7 @@ private:
             const std::lock_guard guard(m_lock);
             ++m_arrived[{major, control ? code : location->MinorFunction}];
         }
-        if (control && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS) return TellExtents(irp);
+        if (control && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS && tellsExtents) return TellExtents(irp);
         return answer ? answer(irp, location) : stub::Complete(irp, STATUS_SUCCESS);
     }
     NTSTATUS TellExtents(PIRP irp) {

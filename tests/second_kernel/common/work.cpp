@@ -118,13 +118,18 @@ PUCHAR Model() {
     return stage::Medium(2, kWorkBytes);
 }
 
+PUCHAR OwnSectors() {
+    return stage::Medium(4, kRegion);
+}
+
 PUCHAR RedirectedSectors() {
     return stage::Medium(3, kWorkBytes / 512);
 }
 
 void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage) {
     stage::Step("install: the volume's own sectors, configuration, storage");
-    FillPattern(computer->DataSectors, kRegion, 0, kOwnSeed);
+    FillPattern(OwnSectors(), kRegion, 0, 1);
+    std::memcpy(computer->DataSectors, OwnSectors(), kRegion);
     ForgetModel(computer);
     const PendedCompletions pend;
     stage::CheckStatus(SetConfig(&computer->User, configuration), STATUS_SUCCESS, "the configuration");
@@ -166,7 +171,7 @@ void CheckThroughStack(Computer* computer) {
 }
 
 void CheckOwnSectors(Computer* computer) {
-    stage::Check(IsPattern(computer->DataSectors, kRegion, 0, kOwnSeed),
+    stage::Check(IsSame(computer->DataSectors, OwnSectors(), kRegion),
                  "the volume's own sectors are unchanged");
 }
 
@@ -200,4 +205,26 @@ void CheckHeld(Computer* computer) {
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
     for (const WCHAR* name : {W("\\kvr.SWP"), W("\\kvr.MAP")})
         stage::Check(IsHeld(computer->DataFiles->Find(name)), "a storage file is held open");
+}
+
+void LearnWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, NTSTATUS status, bool mayLose) {
+    Bytes now(length);
+    stage::CheckStatus(ReadAt(TopOfData(computer), offset, now.data(), length), STATUS_SUCCESS,
+                       "the read afterwards");
+    const ULONG bytes = computer->Options.DataSector;
+    for (ULONG at = 0; at < length; at += bytes) {
+        const auto place = static_cast<ULONGLONG>(offset + at);
+        UCHAR& wasRedirected = RedirectedSectors()[place / bytes];
+        const bool isNew = IsPattern(now.data() + at, bytes, place, seed);
+        const bool isOld = IsSame(now.data() + at, Model() + place, bytes);
+        if (NT_SUCCESS(status))
+            stage::Check(isNew || (mayLose && !wasRedirected && isOld), "a write that succeeded is there",
+                         place);
+        else  // what was redirected already is overwritten in place, as far as the write got
+            stage::Check(isOld || (wasRedirected && isNew), "a failed write left nothing behind", place);
+        if (!isNew) continue;
+        std::memcpy(Model() + place, now.data() + at, bytes);
+        wasRedirected = 1;
+    }
+    CheckOwnSectors(computer);
 }

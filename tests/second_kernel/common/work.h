@@ -1,10 +1,9 @@
-// Work on a protected data volume, and what must come of it: a model in media 2 and 3 knows what the volume's
-// first bytes read as and which of their sectors are redirected; the volume's own sectors carry a pattern that
+// Work on a protected data volume, and what must come of it: a model in media 2 to 4 knows what the volume's
+// first bytes read as and which of their sectors are redirected; the volume's own sectors are ones that
 // no redirected write may touch. Both outlive boots.
 #pragma once
 #include "tests/second_kernel/common/computer.h"
 
-inline constexpr ULONG kOwnSeed = 1;
 inline constexpr ULONG kSlices = 4;  // threads at once, each on bytes of its own
 inline constexpr ULONG kSliceBytes = kMiB;
 inline constexpr ULONG kSharedBytes = 64 * kKiB;  // behind the slices; all threads write them
@@ -22,7 +21,7 @@ void WriteWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed);
 
 // Everything reads through the stack as the model says.
 void CheckThroughStack(Computer* computer);
-// The volume's own sectors still carry the pattern that the first boot wrote.
+// The volume's own sectors are as OwnSectors() says.
 void CheckOwnSectors(Computer* computer);
 // Bytes that the model knows as redirected.
 [[nodiscard]] ULONGLONG RedirectedBytes(Computer* computer);
@@ -34,6 +33,7 @@ void CheckSaved(Computer* computer);
 // After the driver's threads have ended: the storage files are open to nobody else.
 void CheckHeld(Computer* computer);
 
+[[nodiscard]] PUCHAR OwnSectors();         // kRegion, as the first boot filled them
 [[nodiscard]] PUCHAR Model();              // kWorkBytes
 [[nodiscard]] PUCHAR RedirectedSectors();  // a byte for each sector of the work, 1: redirected
 

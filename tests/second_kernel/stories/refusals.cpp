@@ -96,7 +96,7 @@ PDEVICE_OBJECT AddOther(Computer* computer, const RamOptions& options) {
 void TryOthers(Computer* computer) {
     stage::Step("control codes of another disk and of a protected removable volume");
     PDEVICE_OBJECT disk = AddOther(
-        computer, {.Name = OTHER_DISK, .Sectors = stage::Medium(4, kMiB), .Size = kMiB, .IsDisk = true});
+        computer, {.Name = OTHER_DISK, .Sectors = stage::Medium(6, kMiB), .Size = kMiB, .IsDisk = true});
     if (disk) TryCodes(disk, Place::Plain);
     PDEVICE_OBJECT removable = AddOther(
         computer,
@@ -120,7 +120,7 @@ void Off() {
 void On() {
     Computer* computer = BootComputer(kOptions);
     PDEVICE_OBJECT plain =
-        computer ? AddOther(computer, {.Name = PLAIN_VOLUME, .Sectors = stage::Medium(4, kMiB), .Size = kMiB})
+        computer ? AddOther(computer, {.Name = PLAIN_VOLUME, .Sectors = stage::Medium(6, kMiB), .Size = kMiB})
                  : nullptr;
     if (!plain) return;
     WakeComputer(computer);
