@@ -17,11 +17,10 @@ PlayedFiles* FilesOf(std::optional<PlayedFiles>& files) {
 
 bool MakeVolumes(Computer* computer) {
     const ComputerOptions& options = computer->Options;
-    computer->SystemSectors = stage::Medium(0, kSystemBytes);
     PUCHAR data = stage::Medium(1, options.DataBytes + static_cast<SIZE_T>(kDataStart));
     computer->DataSectors = data + kDataStart;
     computer->System =
-        MakeRamDevice({.Name = SYSTEM_VOLUME, .Sectors = computer->SystemSectors, .Size = kSystemBytes});
+        MakeRamDevice({.Name = SYSTEM_VOLUME, .Sectors = stage::Medium(0, kSystemBytes), .Size = kSystemBytes});
     RamOptions volume = {.Name = DATA_VOLUME,
                          .Sectors = computer->DataSectors,
                          .Size = options.DataBytes,
@@ -41,10 +40,8 @@ bool MakeVolumes(Computer* computer) {
 }
 
 bool StartVolumes(Computer* computer) {
-    return stage::CheckStatus(AddAndStart(computer->Driver, computer->System), STATUS_SUCCESS,
-                              "the system volume starts") &&
-           stage::CheckStatus(AddAndStart(computer->Driver, computer->Data), STATUS_SUCCESS,
-                              "the data volume starts");
+    return AddAndStart(computer->Driver, computer->System) == STATUS_SUCCESS &&
+           AddAndStart(computer->Driver, computer->Data) == STATUS_SUCCESS;
 }
 
 void MountVolumes(Computer* computer) {

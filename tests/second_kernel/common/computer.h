@@ -32,8 +32,7 @@ struct Computer {
     PDEVICE_OBJECT System;  // physical devices
     PDEVICE_OBJECT Disk;
     PDEVICE_OBJECT Data;
-    PUCHAR SystemSectors;  // what the volumes really hold
-    PUCHAR DataSectors;
+    PUCHAR DataSectors;  // what the volume really holds
     PlayedFiles* DataFiles;
 };
 

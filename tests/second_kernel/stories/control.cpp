@@ -10,38 +10,32 @@ namespace {
 
 const WCHAR kText[] = W("[Global]\r\nProtection=0\r\nRVAccessMode=0\r\nFVBootMode=1\r\n");
 
-struct ControlBoot {
-    PDRIVER_OBJECT driver;
-    Tool tool;
-};
-
-bool Load(ControlBoot* boot) {
+Tool* Open() {
+    static Tool tool;
     stage::Step("load the driver");
     MountKernelFiles();
-    if (!stage::CheckStatus(stage::LoadDriver(boot->driver), STATUS_SUCCESS, "the driver loads")) return false;
+    PDRIVER_OBJECT driver = nullptr;
+    if (!stage::CheckStatus(stage::LoadDriver(driver), STATUS_SUCCESS, "the driver loads")) return nullptr;
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks of a driver that has just been loaded");
-    return stage::Check(boot->driver->DeviceObject != nullptr, "the control device is there");
-}
-
-void OpenTwice(ControlBoot* boot) {
     stage::Step("open the control device once, and be refused twice");
-    PDEVICE_OBJECT control = boot->driver->DeviceObject;
-    stage::CheckStatus(OpenTool(&boot->tool, control), STATUS_SUCCESS, "the first open");
+    stage::CheckStatus(OpenTool(&tool, driver->DeviceObject), STATUS_SUCCESS, "the first open");
     Tool second;
     for (int i = 0; i < 2; ++i)
-        stage::CheckStatus(OpenTool(&second, control), STATUS_DEVICE_ALREADY_ATTACHED, "another open");
-    CloseTool(&boot->tool);
-    stage::CheckStatus(OpenTool(&boot->tool, control), STATUS_SUCCESS, "an open after the close");
+        stage::CheckStatus(OpenTool(&second, driver->DeviceObject), STATUS_DEVICE_ALREADY_ATTACHED,
+                           "another open");
+    CloseTool(&tool);
+    stage::CheckStatus(OpenTool(&tool, driver->DeviceObject), STATUS_SUCCESS, "an open after the close");
+    return &tool;
 }
 
-void SendForeignRequests(ControlBoot* boot) {
+void SendForeignRequests(Tool* tool) {
     stage::Step("requests that the control device does not take");
-    PDEVICE_OBJECT control = boot->tool.Device;
+    PDEVICE_OBJECT control = tool->Device;
     for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_PNP, IRP_MJ_SHUTDOWN})
-        stage::CheckStatus(SendSimple(control, static_cast<UCHAR>(major), &boot->tool.File),
+        stage::CheckStatus(SendSimple(control, static_cast<UCHAR>(major), &tool->File),
                            STATUS_INVALID_DEVICE_REQUEST, "a request that only volumes take");
-    stage::CheckStatus(Ask(&boot->tool, 0x84FFC).status, STATUS_INVALID_PARAMETER, "an unknown code");
-    stage::CheckStatus(Ask(&boot->tool, IOCTL_KVR_DEBUG).status, STATUS_SUCCESS, "the debug code");
+    stage::CheckStatus(Ask(tool, 0x84FFC).status, STATUS_INVALID_PARAMETER, "an unknown code");
+    stage::CheckStatus(Ask(tool, IOCTL_KVR_DEBUG).status, STATUS_SUCCESS, "the debug code");
     stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug {"), 1, "what the debug code says");
     stage::CheckEqual(stage::TimesSaid("Kvr!KvrDebug }"), 1, "what the debug code says");
 }
@@ -72,41 +66,39 @@ const BufferCase kBuffers[] = {
     {IOCTL_KVR_STOP_SWAP_THREAD, 0, 0, STATUS_SUCCESS},
 };
 
-void TryBuffers(ControlBoot* boot) {
+void TryBuffers(Tool* tool) {
     stage::Step("truncated and oversized buffers");
     Bytes input(KVR_CONFIG_BYTES + 1);
     Bytes output(KVR_CONFIG_BYTES + 1);
     for (const BufferCase& test : kBuffers) {
         const host::Outcome reply =
-            Ask(&boot->tool, test.Code, input.data(), test.InputLength, output.data(), test.OutputLength);
+            Ask(tool, test.Code, input.data(), test.InputLength, output.data(), test.OutputLength);
         stage::Check(reply.status == test.Status, "a code with such a buffer", static_cast<ULONG>(reply.status),
                      test.Code);
         stage::CheckEqual(reply.information, 0, "bytes that a refused request reports");
     }
-    stage::Check(!IsEnabled(&boot->tool), "protection is off");
+    stage::Check(!IsEnabled(tool), "protection is off");
 }
 
-void WriteConfiguration(ControlBoot* boot) {
+void WriteConfiguration(Tool* tool) {
     stage::Step("a missing configuration file");
     Bytes image(KVR_CONFIG_BYTES);
-    const host::Outcome missing =
-        Ask(&boot->tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.data(), KVR_CONFIG_BYTES);
+    const host::Outcome missing = Ask(tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.data(), KVR_CONFIG_BYTES);
     stage::CheckStatus(missing.status, STATUS_NO_SUCH_FILE, "reading a configuration that is not there");
     stage::Step("write the configuration and read it back");
-    stage::CheckStatus(SetConfig(&boot->tool, kText), STATUS_SUCCESS, "writing the configuration");
-    stage::Check(IsConfig(&boot->tool, kText), "the configuration reads as it was written");
-    stage::CheckStatus(SetConfig(&boot->tool, W("[Global]\r\n")), STATUS_SUCCESS, "a shorter text");
-    stage::Check(IsConfig(&boot->tool, W("[Global]\r\n")), "nothing is left of the longer one");
+    stage::CheckStatus(SetConfig(tool, kText), STATUS_SUCCESS, "writing the configuration");
+    stage::Check(IsConfig(tool, kText), "the configuration reads as it was written");
+    stage::CheckStatus(SetConfig(tool, W("[Global]\r\n")), STATUS_SUCCESS, "a shorter text");
+    stage::Check(IsConfig(tool, W("[Global]\r\n")), "nothing is left of the longer one");
 }
 
 void Control() {
-    ControlBoot boot{};
-    if (!Load(&boot)) return;
-    OpenTwice(&boot);
-    SendForeignRequests(&boot);
-    TryBuffers(&boot);
-    WriteConfiguration(&boot);
-    CloseTool(&boot.tool);
+    Tool* tool = Open();
+    if (!tool) return;
+    SendForeignRequests(tool);
+    TryBuffers(tool);
+    WriteConfiguration(tool);
+    CloseTool(tool);
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks at the end");
 }
 

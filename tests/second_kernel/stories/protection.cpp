@@ -50,8 +50,7 @@ void InstallBoot(const Plan& plan, const WCHAR* configuration) {
     if (!computer) return;
     Install(computer, configuration, plan.storage);
     stage::Step("a volume is not protected in the boot that configures it");
-    Bytes data(plan.computer.DataSector);
-    std::memcpy(data.data(), computer->DataSectors, plan.computer.DataSector);
+    Bytes data(computer->DataSectors, computer->DataSectors + plan.computer.DataSector);
     const ULONG before = RamOf(computer->Data)->Arrived[IRP_MJ_WRITE];
     stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.data(), plan.computer.DataSector), STATUS_SUCCESS,
                        "a write");
@@ -84,10 +83,6 @@ void Work(Computer* computer, const Plan& plan, ULONG seed) {
 }
 
 // ---- kept ------------------------------------------------------------------------------------------------
-
-void KeepInstall() {
-    InstallBoot(kKeepPlan, kKeep);
-}
 
 void KeepWork() {
     Computer* computer = Wake(kKeepPlan);
@@ -160,10 +155,6 @@ void KeepDamaged() {
 
 // ---- discarded -------------------------------------------------------------------------------------------
 
-void DiscardInstall() {
-    InstallBoot(kDiscardPlan, kDiscard);
-}
-
 void DiscardWork() {
     Computer* computer = Wake(kDiscardPlan);
     if (!computer) return;
@@ -176,10 +167,6 @@ void DiscardWork() {
 }
 
 // ---- merged ----------------------------------------------------------------------------------------------
-
-void MergeInstall() {
-    InstallBoot(kMergePlan, kDiscard);
-}
 
 // The system's own hive is redirected until the next boot only.
 void WriteHive(Computer* computer) {
@@ -236,9 +223,11 @@ void MergeNotAgain() {
 const Story kProtectionKeepStory = {
     "protection_keep",
     "redirections kept, and discarded once",
-    {KeepInstall, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged}};
+    {[] { InstallBoot(kKeepPlan, kKeep); }, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged}};
 const Story kProtectionDiscardStory = {"protection_discard",
                                        "redirections discarded at every boot, large sectors",
-                                       {DiscardInstall, DiscardWork, DiscardWork}};
+                                       {[] { InstallBoot(kDiscardPlan, kDiscard); }, DiscardWork, DiscardWork}};
 const Story kProtectionMergeStory = {
-    "protection_merge", "redirections merged once", {MergeInstall, MergeWork, MergeDone, MergeNotAgain}};
+    "protection_merge",
+    "redirections merged once",
+    {[] { InstallBoot(kMergePlan, kDiscard); }, MergeWork, MergeDone, MergeNotAgain}};
