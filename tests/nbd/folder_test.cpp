@@ -1,9 +1,5 @@
 // What may become a machine, and what is said of everything else.
 #include <gtest/gtest.h>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
 #include "machine/partition/formatter.h"
 #include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
@@ -13,80 +9,56 @@ namespace {
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
-std::string MakeImage(const std::string& path, machine::TableKind table, std::uint32_t sector = 512) {
-    machine::NewDisk disk;
-    disk.path = path;
-    disk.size = 24 * kMiB;
-    disk.sectorSize = sector;
-    disk.table = table;
-    disk.volumes.resize(table == machine::TableKind::None ? 0 : 2);
-    std::string error;
-    EXPECT_TRUE(machine::CreateDisk(disk, error)) << error;
-    return path;
-}
-
 // The image stays as it is, and the machine's folder does not come to be.
-std::string RefusalOf(const TestFolder& scratch, const std::string& image) {
+std::string RefusalOf(const TestFolder& scratch, const std::vector<std::string>& images) {
     nbd::NewMachine machine;
     machine.path = scratch.File("refused");
-    machine.images = {image};
-    const std::vector<char> before = TestFolder::Bytes(image);
+    machine.images = images;
+    const std::vector<char> before = TestFolder::Bytes(images[0]);
     const std::string complaint = Complaint([&] { nbd::MakeMachine(machine); });
     EXPECT_FALSE(std::filesystem::exists(machine.path));
-    EXPECT_TRUE(TestFolder::Bytes(image) == before);
+    EXPECT_TRUE(TestFolder::Bytes(images[0]) == before);
     return complaint;
 }
 
-TEST(Images, WhatCannotBeADiskIsRefusedWithItsReason) {
+TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
     const TestFolder scratch;
     const auto file = [&](const char* name, const std::string& bytes) {
         std::ofstream(scratch.File(name), std::ios::binary) << bytes;
         return scratch.File(name);
     };
+    machine::NewDisk large;
+    large.path = scratch.File("large");
+    large.size = 24 * kMiB;
+    large.sectorSize = 4096;
+    large.table = machine::TableKind::Gpt;
+    large.volumes.resize(2);
+    std::string error;
+    ASSERT_TRUE(machine::CreateDisk(large, error)) << error;
+    EXPECT_EQ(nbd::CheckImage(large.path).sectorBytes, 4096u);
+
     const std::string rest(2 * kMiB, '\0');
     const struct {
-        std::string image;
+        std::vector<std::string> images;
         const char* reason;
-    } cases[] = {
-        {scratch.File("missing"), "No such file"},
-        {file("qcow2", "QFI\xfb" + rest), "no raw image but qcow2"},
-        {file("vmdk", "KDMV" + rest), "no raw image but vmdk"},
-        {file("vhdx", "vhdxfile" + rest), "no raw image but vhdx"},
-        {file("short", std::string(512 * 100, '\0')), "too small"},
-        {file("odd", std::string(2 * kMiB + 100, '\0')), "no whole number of sectors"},
-        {file("blank", rest), "neither a partition table nor a file system"},
-        {scratch.Path(), "Is a directory"},
+    } table[] = {
+        {{scratch.File("missing")}, "No such file"},
+        {{file("qcow2", "QFI\xfb" + rest)}, "no raw image but qcow2"},
+        {{file("vmdk", "KDMV" + rest)}, "no raw image but vmdk"},
+        {{file("vhdx", "vhdxfile" + rest)}, "no raw image but vhdx"},
+        {{file("short", std::string(512 * 100, '\0'))}, "too small"},
+        {{file("odd", std::string(2 * kMiB + 100, '\0'))}, "no whole number of sectors"},
+        {{file("blank", rest)}, "neither a partition table nor a file system"},
+        {{scratch.Path()}, "Is a directory"},
+        {{large.path, large.path}, "named twice"},
     };
-    for (const auto& one : cases)
-        EXPECT_NE(RefusalOf(scratch, one.image).find(one.reason), std::string::npos) << one.reason;
-}
+    for (const auto& row : table)
+        EXPECT_NE(RefusalOf(scratch, row.images).find(row.reason), std::string::npos) << row.reason;
 
-TEST(Folders, AreReadAsTheyWereWritten) {
-    const TestFolder scratch;
-    nbd::NewMachine machine;
-    machine.path = scratch.File("pc");
-    machine.images = {MakeImage(scratch.File("a b"), machine::TableKind::Mbr),
-                      MakeImage(scratch.File("c"), machine::TableKind::Gpt)};
-    nbd::MakeMachine(machine);
-    EXPECT_EQ(nbd::CheckImage(MakeImage(scratch.File("large"), machine::TableKind::Gpt, 4096)).sectorBytes,
-              4096u);
-    const nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
-    ASSERT_EQ(folder.disks.size(), 2u);
-    EXPECT_EQ(folder.DiskPath(folder.disks[0]), scratch.File("a b"));
-
-    EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("no empty folder"), std::string::npos);
-    EXPECT_EQ(nbd::MachineFolder::Read(machine.path).disks.size(), 2u) << "what is there stays";
-    machine.path = scratch.File("twice");
-    machine.images[1] = machine.images[0];
-    EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("named twice"), std::string::npos);
-
-    const nbd::FolderLock lock(folder);
-    EXPECT_NE(Complaint([&] { const nbd::FolderLock second(folder); }).find("served already"),
-              std::string::npos);
-    std::ofstream(folder.File(nbd::kMachineFile)) << "disk 513 x\n";
-    EXPECT_NE(Complaint([&] { nbd::MachineFolder::Read(folder.path); }).find("line 1"), std::string::npos);
-    EXPECT_NE(Complaint([&] { nbd::MachineFolder::Read(scratch.Path()); }).find("no machine"),
-              std::string::npos);
+    const auto read = [&] { nbd::MachineFolder::Read(scratch.Path()); };
+    EXPECT_NE(Complaint(read).find("no machine"), std::string::npos);
+    file(nbd::kMachineFile, "disk 513 x\n");
+    EXPECT_NE(Complaint(read).find("line 1"), std::string::npos);
 }
 
 }  // namespace

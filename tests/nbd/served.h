@@ -24,10 +24,6 @@ protected:
         nbd::MakeMachine(machine);
         PowerOn();
     }
-    ~Served() override {
-        control.reset();
-        server.reset();
-    }
     void PowerOn() {
         nbd::MachineFolder folder = nbd::MachineFolder::Read(Folder());
         nbd::FolderLock lock(folder);
@@ -54,6 +50,7 @@ protected:
     }
     std::string Folder() const { return scratch.File("pc"); }
 
+    // Members end in the reverse order: the control socket before the server that it speaks for.
     const TestFolder scratch;
     std::atomic<bool> stopAsked{false};
     std::unique_ptr<nbd::Server> server;

@@ -44,11 +44,27 @@ truncate -s 0 "$images/empty"
 refused "no NTFS volume" demo --image "$images/empty"
 volume "$images/small" 60M
 refused "free, the demonstration needs" demo --image "$images/small"
-volume "$images/whole" 300M
+# A volume behind a partition table.
+"$kvrhost" create "$images/pc" --size 320M >/dev/null || fail "create"
+mv "$images/pc/disk0.img" "$images/whole"
 head -c 20M "$images/whole" >"$images/cut"
 refused "$images/cut" demo --image "$images/cut"
 refused "No such file" demo --scratch "$images/missing"
 refused "free, the disk images need" demo --scratch /proc
+
+# ended EXPECTED SIGNAL PARENT|CHILD: what ends the demonstration from outside leaves nothing behind
+ended() {
+    "$kvrhost" demo >/dev/null 2>&1 &
+    local demo=$! target
+    until target=$(ps -o pid= --ppid "$demo"); do sleep 0.01; done
+    [ "$3" = CHILD ] || target=$demo
+    kill "-$2" $target
+    wait "$demo"
+    [ $? -eq "$1" ] || fail "$2 to the $3 gave another exit code"
+    [ -z "$(ls -A "$TMPDIR")" ] || fail "$2 to the $3 left something behind"
+}
+ended 143 TERM PARENT
+ended 137 KILL CHILD
 
 for help in "--help" "demo --help"; do
     # shellcheck disable=SC2086

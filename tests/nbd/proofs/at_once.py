@@ -6,18 +6,13 @@ the build that has the plugin, the sanitizer's library."""
 import os
 import random
 import sys
-import threading
 import time
 
 import image
 import proof
+from clients import all_at_once, connect, nbd, sanitizer_log, sanitizer_reports, wait_for, write
 from machine import MIB, VOLUME, Machine
-from proof import Failed, Skipped, require, say, wait_until
-
-try:
-    import nbd
-except ImportError:
-    nbd = None
+from proof import require, wait_until
 
 SECONDS = float(os.environ.get("KVR_RACE_SECONDS", "8"))
 STRETCH = 2 * MIB
@@ -30,7 +25,7 @@ class Watched(Machine):
     def __init__(self, given, tools, plugin, library):
         super().__init__(given, tools, "--size", "192M", "--volumes", "2")
         self._given, self._plugin = given, plugin + "/nbd/nbdkit-kvr-plugin.so"
-        options = f"log_path={given.scratch}/sanitizer:history_size=5"
+        options = sanitizer_log(given.scratch) + ":history_size=5"
         self._env = dict(os.environ, LD_PRELOAD=library, TSAN_OPTIONS=options)
 
     def serve(self):
@@ -55,21 +50,15 @@ class Client:
         length, at = self.place()
         kind = self.dice.choice(("write", "write", "read", "zero", "flush"))
         if kind == "write":
-            data = nbd.Buffer.from_bytearray(bytearray(self.dice.randbytes(length)))
-            return client.aio_pwrite(data, at, flags=self.dice.choice((0, 0, nbd.CMD_FLAG_FUA)))
+            return write(client, self.dice.randbytes(length), at, self.dice.choice((0, 0, nbd.CMD_FLAG_FUA)))
         if kind == "read":
             return client.aio_pread(nbd.Buffer(length), at)
         return client.aio_zero(length, at) if kind == "zero" else client.aio_flush()
 
     def step(self):
-        client = nbd.NBD()
-        client.connect_uri(self.uri)
+        client = connect(self.uri)
         for _ in range(self.dice.randrange(1, 6)):
-            flying = [self.request(client) for _ in range(self.dice.randrange(1, 12))]
-            while flying:
-                flying = [cookie for cookie in flying if not client.aio_command_completed(cookie)]
-                if flying:
-                    client.poll(1000)
+            wait_for(client, [self.request(client) for _ in range(self.dice.randrange(1, 12))])
         if self.dice.random() < 0.7:
             client.shutdown()  # else the connection breaks
 
@@ -112,34 +101,7 @@ class Owner:
         time.sleep(1)
 
 
-def all_at_once(workers):
-    until, failures = time.monotonic() + SECONDS, []
-
-    def work(worker):
-        try:
-            while time.monotonic() < until and not failures:
-                worker.step()
-                worker.steps = getattr(worker, "steps", 0) + 1
-        except Exception as error:  # noqa: BLE001: told by the main thread
-            failures.append(f"{type(worker).__name__}: {type(error).__name__}: {error}")
-
-    threads = [threading.Thread(target=work, args=(worker,), daemon=True) for worker in workers]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(SECONDS + 60)
-        require(not thread.is_alive(), "a request is not answered")
-    say("steps: " + ", ".join(f"{type(worker).__name__} {getattr(worker, 'steps', 0)}" for worker in workers))
-    require(not failures, "; ".join(failures))
-
-
-def told(given):
-    return "".join(report.read_text()[:6000] for report in sorted(given.scratch.glob("sanitizer*")))
-
-
 def body(given):
-    if nbd is None:
-        raise Skipped("no module nbd: python3-libnbd is missing")
     tools, plugin, library = sys.argv[1:]
     pc = Watched(given, tools, plugin, library)
     pc.serve()
@@ -150,12 +112,11 @@ def body(given):
                Client(pc.uri(), first, 3), Client(pc.uri(OTHER), inside, 4),
                Client(pc.uri(), second, 5), Visitor(pc.uri()),
                Tool(pc), Owner(pc)]
-    try:
-        all_at_once(workers)
-    except Failed as why:
-        raise Failed(f"{why}\n{told(given)}\n{pc.log()[-2000:]}") from why
+    failures = all_at_once(workers, SECONDS)
+    require(not failures, f"{failures}\n{sanitizer_reports(given.scratch)}\n{pc.log()[-2000:]}")
     pc.stop()
-    require(not told(given), "the sanitizer has something to report:\n" + told(given))
+    told = sanitizer_reports(given.scratch)
+    require(not told, "the sanitizer has something to report:\n" + told)
 
 
 proof.main(body, seconds=150)

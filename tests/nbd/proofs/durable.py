@@ -4,13 +4,9 @@ the server's system calls. Other writes do not wait for that."""
 import sys
 
 import proof
+from clients import connect, nbd
 from machine import MIB, VOLUME, Machine
 from proof import Skipped, require, wait_until
-
-try:
-    import nbd
-except ImportError:
-    nbd = None
 
 
 class Watched:
@@ -50,15 +46,12 @@ def requests(client):
 
 def body(given):
     proof.need_program("strace")
-    if nbd is None:
-        raise Skipped("no module nbd: python3-libnbd is missing")
     pc = Machine(given, sys.argv[1], "--size", "128M")
     pc.serve()
     pc.protect("24M")
     watched = Watched(given, pc.pid, pc.image)
     for export in (VOLUME, "disk0"):
-        client = nbd.NBD()
-        client.connect_uri(pc.uri(export))
+        client = connect(pc.uri(export))
         client.pwrite(b"\x01", 30 * MIB)  # a boot's first write has the map saved
         for what, (reaches_the_disk, action) in requests(client).items():
             calls = watched.during(action)

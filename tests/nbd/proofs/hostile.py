@@ -10,18 +10,12 @@ import random
 import socket
 import struct
 import sys
-import threading
-import time
 
 import image
 import proof
+from clients import all_at_once, connect, nbd, sanitizer_log, sanitizer_reports, wait_for, write
 from machine import MIB, VOLUME, Machine
-from proof import Failed, Skipped, require, run, say
-
-try:
-    import nbd
-except ImportError:
-    nbd = None
+from proof import Failed, require, run, say
 
 SWAP = 64 * MIB
 SECONDS = float(os.environ.get("KVR_FUZZ_SECONDS", "4"))
@@ -32,44 +26,36 @@ REFUSALS = {errno.EINVAL, errno.ENOSPC, errno.ENOMEM, errno.ERANGE, errno.EOVERF
 REQUEST, READ, WRITE = 0x25609513, 0, 1
 
 
-def connect(uri):
-    client = nbd.NBD()
-    client.set_strict_mode(0)  # the requests' faults are the server's to find
-    client.connect_uri(uri)
-    return client
-
-
 class Stretch:
     """A range of an export, and what its bytes should be."""
 
     def __init__(self, uri, offset, length, seed):
         self.uri, self.offset, self.dice = uri, offset, random.Random(seed)
-        client = connect(uri)
-        self.bytes = bytearray(client.pread(length, offset))
-        self.size = client.get_size()
-        client.shutdown()
+        self.client = connect(uri)
+        self.bytes = bytearray(self.client.pread(length, offset))
+        self.size = self.client.get_size()
 
     def place(self, most):
         length = min(self.dice.choice((1, 3, 511, 512, 513, 4096, 5000, most)), len(self.bytes))
         return self.dice.randrange(len(self.bytes) - length + 1), length
 
-    def write(self, client):
+    def write(self):
         start, length = self.place(70000)
         data = self.dice.randbytes(length)
-        client.pwrite(data, self.offset + start, self.dice.choice((0, nbd.CMD_FLAG_FUA)))
+        self.client.pwrite(data, self.offset + start, self.dice.choice((0, nbd.CMD_FLAG_FUA)))
         self.bytes[start:start + length] = data
 
-    def zero(self, client):
+    def zero(self):
         start, length = self.place(300000)
-        client.zero(length, self.offset + start, self.dice.choice((0, nbd.CMD_FLAG_NO_HOLE, nbd.CMD_FLAG_FUA)))
+        self.client.zero(length, self.offset + start, self.dice.choice((0, nbd.CMD_FLAG_NO_HOLE, nbd.CMD_FLAG_FUA)))
         self.bytes[start:start + length] = bytes(length)
 
-    def read(self, client):
+    def read(self):
         start, length = self.place(300000)
-        require(client.pread(length, self.offset + start) == self.bytes[start:start + length],
+        require(self.client.pread(length, self.offset + start) == self.bytes[start:start + length],
                 f"{length} bytes at {self.offset + start} of {self.uri} are not what was written")
 
-    def burst(self, client):
+    def burst(self):
         """Disjoint writes, all in flight at once."""
         count = self.dice.randrange(2, 48)
         step = len(self.bytes) // count
@@ -77,14 +63,13 @@ class Stretch:
         for number in range(count):
             start = number * step + self.dice.randrange(step // 2)
             data = self.dice.randbytes(self.dice.randrange(1, min(step // 2, 20000)))
-            cookies.append(client.aio_pwrite(nbd.Buffer.from_bytearray(bytearray(data)), self.offset + start))
+            cookies.append(write(self.client, data, self.offset + start))
             self.bytes[start:start + len(data)] = data
-        for cookie in cookies:
-            while not client.aio_command_completed(cookie):
-                client.poll(-1)
+        wait_for(self.client, cookies)
 
-    def nonsense(self, client):
-        """Requests that cannot be carried out: each is refused. Returns a new client where nbdkit hung up."""
+    def nonsense(self):
+        """Requests that cannot be carried out: each is refused, some by hanging up."""
+        client = self.client
         calls = [lambda: client.pread(512, self.size), lambda: client.pread(1, self.size + 7),
                  lambda: client.pwrite(b"x" * 512, self.size - 511), lambda: client.pwrite(b"x", 1 << 62),
                  lambda: client.zero(4096, self.size - 1), lambda: client.zero((1 << 32) - 1, 0x7FFFFFFF00),
@@ -97,16 +82,16 @@ class Stretch:
             require(error.errnum in REFUSALS or not client.aio_is_ready(), f"an odd refusal: {error}")
         else:
             raise Failed("a request that cannot be carried out is answered with success")
-        if client.aio_is_ready():
-            return client
-        return connect(self.uri)
+        if not client.aio_is_ready():
+            self.client = connect(self.uri)
 
-    def work(self, until):
-        client = connect(self.uri)
-        while time.monotonic() < until:
-            action = self.dice.choices(("write", "zero", "read", "burst", "nonsense"), (6, 3, 6, 3, 1))[0]
-            client = getattr(self, action)(client) or client
-        client.shutdown()
+    def step(self):
+        actions = (self.write, self.zero, self.read, self.burst, self.nonsense)
+        self.dice.choices(actions, (6, 3, 6, 3, 1))[0]()
+
+    def check(self):
+        data = connect(self.uri).pread(len(self.bytes), self.offset)
+        require(data == self.bytes, f"the data at {self.offset} of {self.uri} is not what was written")
 
 
 # ---- connections that end badly ----------------------------------------------------------------------------
@@ -116,16 +101,13 @@ class Vandal:
     def __init__(self, uri, socket_path, offset, length, seed):
         self.uri, self.socket_path, self.offset, self.length = uri, str(socket_path), offset, length
         self.dice = random.Random(seed)
-        client = connect(uri)
-        client.pwrite(b"\x01" * length, offset)
-        client.shutdown()
+        connect(uri).pwrite(b"\x01" * length, offset)
 
     def _hang_up_with_requests_in_flight(self):
         client = connect(self.uri)
         for _ in range(self.dice.randrange(1, 20)):
-            colour = bytearray([self.dice.randrange(1, 256)]) * (64 * 512)
             start = self.dice.randrange(self.length // 512 - 64) * 512
-            client.aio_pwrite(nbd.Buffer.from_bytearray(colour), self.offset + start)
+            write(client, bytes([self.dice.randrange(1, 256)]) * (64 * 512), self.offset + start)
         client.aio_pread(nbd.Buffer(MIB), self.offset)
         for _ in range(self.dice.randrange(4)):
             client.poll(0)
@@ -152,38 +134,17 @@ class Vandal:
             greeting = struct.pack(">I", 3) if self.dice.random() < 0.5 else b""
             self._say(raw, greeting + self.dice.randbytes(self.dice.randrange(1, 4000)))
 
-    def work(self, until):
-        while time.monotonic() < until:
-            self.dice.choice((self._hang_up_with_requests_in_flight, self._hang_up_inside_a_request,
-                              self._talk_nonsense))()
+    def step(self):
+        self.dice.choice((self._hang_up_with_requests_in_flight, self._hang_up_inside_a_request,
+                          self._talk_nonsense))()
 
     def check(self):
-        client = connect(self.uri)
-        data = client.pread(self.length, self.offset)
-        client.shutdown()
+        data = connect(self.uri).pread(self.length, self.offset)
         for start in range(0, self.length, 512):
             require(len(set(data[start:start + 512])) == 1, f"the sector at {self.offset + start} is torn")
 
 
 # ---- the proof ---------------------------------------------------------------------------------------------
-def all_at_once(workers):
-    until, failures = time.monotonic() + SECONDS, []
-
-    def guarded(worker):
-        try:
-            worker.work(until)
-        except Exception as error:  # noqa: BLE001: told by the main thread
-            failures.append(f"{type(error).__name__}: {error}")
-
-    threads = [threading.Thread(target=guarded, args=(worker,), daemon=True) for worker in workers]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join(SECONDS + 30)
-        require(not thread.is_alive(), "a request is not answered")
-    return failures
-
-
 def misbehave(given, pc, partition):
     """Inside the volume by both of its exports, and across its first sector, where the disk's own stack ends."""
     offset, length = partition
@@ -195,23 +156,19 @@ def misbehave(given, pc, partition):
     shared = inside + 4 * STRETCH  # two clients have a half of this sector each
     stretches += [Stretch(by_volume, shared, 256, SEED + 5), Stretch(by_disk, offset + shared + 256, 256, SEED + 6)]
     vandal = Vandal(by_volume, pc.folder / "nbd.sock", inside + 3 * STRETCH, STRETCH, SEED + 4)
-    failures = all_at_once(stretches + [vandal])
-    told = "".join(report.read_text()[:4000] for report in given.scratch.glob("sanitizer*"))
+    workers = [*stretches, vandal]
+    failures = all_at_once(workers, SECONDS)
+    told = sanitizer_reports(given.scratch)
     require(pc.lives() and not told, f"the server died: {pc.log()[-2000:]}\n{told}")
-    require(not failures, "; ".join(failures))
-    for stretch in stretches:
-        client = connect(stretch.uri)
-        require(client.pread(len(stretch.bytes), stretch.offset) == stretch.bytes, "data is not what was written")
-        client.shutdown()
-    vandal.check()
+    require(not failures, failures)
+    for worker in workers:
+        worker.check()
 
 
 def body(given):
-    if nbd is None:
-        raise Skipped("no module nbd: python3-libnbd is missing")
     proof.need_program("nbdcopy", "qemu-img")
     say(f"seed {SEED}")
-    reports = f"log_path={given.scratch}/sanitizer"
+    reports = sanitizer_log(given.scratch)
     environment = dict(os.environ, LD_PRELOAD=PRELOAD, ASAN_OPTIONS="detect_leaks=0:" + reports,
                        UBSAN_OPTIONS="print_stacktrace=1:" + reports) if PRELOAD else None
     pc = Machine(given, sys.argv[1], "--size", "192M", env=environment)
@@ -229,7 +186,7 @@ def body(given):
     run("nbdcopy", pc.uri(), given.scratch / "seen")
     fixed.require_same(given.scratch / "seen", "what a client sees after a boot")
     pc.stop()
-    require(not list(given.scratch.glob("sanitizer*")), "the sanitizer has something to report")
+    require(not sanitizer_reports(given.scratch), "the sanitizer has something to report")
 
 
 proof.main(body, seconds=120)
