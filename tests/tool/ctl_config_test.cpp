@@ -116,21 +116,6 @@ TEST(ConfigScan, TellsWhatTheNextBootWillDo) {
     EXPECT_EQ("\\Device\\V protected 10202712310000\nW free 10\nR protected 12\nS protected 11\n", told);
 }
 
-TEST(ConfigScan, KeysCountInTheirSectionsOnly) {
-    std::string lines, taken;
-    for (const config::KeyRule& rule : config::kKeyRules)
-        lines += std::string(rule.name) + (rule.values != 0 ? "=1\n" : "=000000000000\n");
-    for (const Section& section : ScanConfig(Wide(lines + "[FV 1]\n" + lines + "[RV 1]\n" + lines)).sections) {
-        for (const Setting& setting : section.settings)
-            if (setting.taken) taken += config::RuleOf(setting.key).name + std::string(" ");
-        taken += "\n";
-    }
-    EXPECT_EQ(
-        "Protection RVAccessMode FVBootMode FVNextDiscardTS \n"
-        "ID ProtectionMode BootMode NextDiscardTS BootAction \nID AccessMode \n",
-        taken);
-}
-
 TEST(ConfigScan, DatesAreMinutesOfTheCalendar) {
     for (const char16_t* sound : {u"202802292359", u"200002290000", u"202712310000"})
         EXPECT_TRUE(IsDate(sound));

@@ -74,30 +74,7 @@ TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     EXPECT_NE(std::string::npos, Run({"volumes"}).out.find("ntfs"));
 }
 
-TEST_F(CtlServed, CtrlCStopsTheDriverAndItCleansUp) {
-    host::ThreadGate gate;
-    const Result stopped = Run({"swap", "make", "2", "48M"}, [&] {
-        gate.ReleaseAll();
-        return false;
-    });
-    EXPECT_EQ(kExitStopped, stopped.exitCode);
-    EXPECT_NE(std::string::npos, stopped.err.find("what was made is removed again")) << stopped.err;
-    const std::string status = Run({"status"}).out;
-    EXPECT_NE(std::string::npos, status.find("HarddiskVolume2     fixed  not protected  -")) << status;
-    EXPECT_EQ("No storage was being made or removed.\n", Run({"swap", "stop"}).out);
-}
-
-TEST_F(CtlServed, OthersInTheWay) {
-    {
-        auto client = Connect("HarddiskVolume2");
-        EXPECT_EQ(kExitBusy, Run({"swap", "make", "2", "1M"}).exitCode);
-        server->Disconnect(std::move(client));
-    }
-    {
-        const auto driver = world.OpenDriver(Access::Read);
-        EXPECT_EQ(kExitBusy, Run({"status"}).exitCode);
-    }
-    EXPECT_EQ(kExitOk, Run({"status"}).exitCode);
+TEST_F(CtlServed, NobodyServes) {
     control.reset();
     EXPECT_EQ(kExitNotRunning, Run({"status"}).exitCode);
     EXPECT_EQ(kExitNotRunning, RunWith(MakeWorld, {"--machine", scratch.File("none"), "status"}).exitCode);

@@ -90,11 +90,8 @@ class Tool:
             require(done.returncode == 0 or "booted anew" in done.stdout, f"{words}: {done.stdout}")
 
 
-class Owner:
+class Owner(Tool):
     """Has the machine boot."""
-
-    def __init__(self, pc):
-        self.pc = pc
 
     def step(self):
         self.pc.reboot()
