@@ -14,7 +14,7 @@ root=$(cd "$here/../.." && pwd)
 elsewhere=$(mktemp -d)
 trap 'rm -rf "$elsewhere"' EXIT
 mkdir "$elsewhere/copy of the sources"
-(cd "$root" && cp -r VERSION cmake platform swap redirect config driver control "$elsewhere/copy of the sources")
+(cd "$root" && cp -r VERSION cmake formats platform swap redirect config driver control "$elsewhere/copy of the sources")
 "$elsewhere/copy of the sources/cmake/windows_driver.sh" "$elsewhere/built" >/dev/null
 if ! cmp "$1/kvr64.sys" "$elsewhere/built/kvr64.sys"; then
     echo "$0: the same sources gave other bytes in another folder" >&2
