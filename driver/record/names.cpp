@@ -24,7 +24,7 @@ extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
 LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
     if (!a && !b) return 0;
     if (!a || !b || a->Length != b->Length) return 1;
-    for (USHORT i = 0; i < a->Length / sizeof(WCHAR); ++i) {
+    for (ULONG i = 0; i < a->Length / sizeof(WCHAR); ++i) {
         if (a->Buffer[i] == b->Buffer[i]) continue;
         const WCHAR left = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
         const WCHAR right = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];

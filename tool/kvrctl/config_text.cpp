@@ -16,7 +16,7 @@ std::vector<std::uint8_t> ConfigurationImage(const std::u16string& text) {
 
 std::u16string ConfigurationText(const std::vector<std::uint8_t>& image) {
     std::u16string text(image.size() / 2, u'\0');
-    std::memcpy(text.data(), image.data(), text.size() * 2);
+    if (!image.empty()) std::memcpy(text.data(), image.data(), text.size() * 2);
     text.erase(text.find_last_not_of(u'\0') + 1);
     return text;
 }
