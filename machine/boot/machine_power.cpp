@@ -164,6 +164,7 @@ NTSTATUS Machine::RemoveDisk(unsigned number) {
     if (!IsOn() || disk == nullptr) return STATUS_NO_SUCH_DEVICE;
     const std::vector<Volume*> volumes = VolumesOn(number);
     std::vector<PDEVICE_OBJECT> devices;
+    devices.reserve(volumes.size() + 1);
     for (const Volume* volume : volumes) devices.push_back(volume->device->Device());
     devices.push_back(disk->Device());
     const NTSTATUS status = QueryRemove(devices);

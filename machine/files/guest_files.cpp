@@ -32,7 +32,8 @@ NTSTATUS ReadUpTo(host::OpenFile& file, std::uint64_t offset, std::size_t length
         const auto part = static_cast<ULONG>(std::min(length - had, kPiece));
         bytes.resize(had + part);
         ULONG done = 0;
-        const NTSTATUS status = file.Read(static_cast<LONGLONG>(offset + had), bytes.data() + had, part, done);
+        const auto at = static_cast<LONGLONG>(offset) + static_cast<LONGLONG>(had);
+        const NTSTATUS status = file.Read(at, bytes.data() + had, part, done);
         bytes.resize(had + done);
         if (status == STATUS_END_OF_FILE) return had > 0 ? STATUS_SUCCESS : status;
         if (!NT_SUCCESS(status)) return status;

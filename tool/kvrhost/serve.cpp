@@ -71,6 +71,7 @@ void LoadSendGuard() {
 
 [[noreturn]] void BecomeNbdkit(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     LoadSendGuard();
