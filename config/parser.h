@@ -3,8 +3,9 @@
 //
 // ParseConfig reads the text once per boot. It sets the global switches, fills the protected-volume list and
 // resets one-shot fields inside the text. The scanner (SkipWhiteSpace, SkipBlanks, SkipLine, GetToken,
-// ConsumeToken) is formats/config_grammar.h, which every reader of the text shares; what a line means for the
-// section that is being read (BootMode and the like) and for all (FVBootMode) is formats/config_settings.h.
+// ConsumeToken) and the heads "[Global]", "[FV" and "[RV" are formats/config_grammar.h, which every reader of
+// the text shares; what a line means for the section that is being read (BootMode and the like) and for all
+// (FVBootMode) is formats/config_settings.h.
 #pragma once
 #include <atomic>
 #include "platform/kernel.h"
