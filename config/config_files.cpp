@@ -117,14 +117,7 @@ NTSTATUS WriteConfig(PVOID buffer, ULONG length) {
 }
 
 BOOLEAN QueryConfigShareRead() {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, W("ConfigShareRead"));
-    PoolPtr<UCHAR> data;
-    ULONG length = 0;
-    ULONG value = 0;
-    if (!NT_SUCCESS(ReadDriverValue(&name, &data, &length)) || length < sizeof(value)) return FALSE;
-    RtlCopyMemory(&value, data.Get(), sizeof(value));
-    return value != 0;
+    return ReadDriverSwitch(W("ConfigShareRead"));
 }
 
 void LockConfig() {

@@ -5,6 +5,7 @@
 #include "config/storage.h"
 #include "driver/create_close.h"
 #include "driver/entry.h"
+#include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
 #include "redirect/redirect.h"
@@ -17,6 +18,8 @@ constinit FAST_MUTEX gVolumeListLock{};
 constinit std::atomic<PKTHREAD> gProvisionThread{};
 constinit std::atomic<BOOLEAN> gProvisionQuit{};
 constinit KMUTEX gProvisionMutex{};
+constinit std::atomic<BOOLEAN> gHardening{};
+constinit std::atomic<BOOLEAN> gHardeningKnown{};
 
 // config/parser.h
 constinit std::atomic<BOOLEAN> gTesselEnabled{};
@@ -56,6 +59,8 @@ void InitializeFrameGlobals() {
     gControlOpen = FALSE;
     gVolumeList = {};
     gVersionInfo = {};
+    gHardening = FALSE;
+    gHardeningKnown = FALSE;
 }
 
 void InitializeConfigGlobals() {

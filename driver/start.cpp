@@ -4,6 +4,7 @@
 #include "config/config_location.h"
 #include "driver/attach.h"
 #include "driver/start.h"
+#include "driver/record/hardening.h"
 #include "driver/record/names.h"
 #include "driver/record/requests.h"
 #include "driver/record/volume_list.h"
@@ -118,6 +119,7 @@ void ReportExtents(const VOLUME_EXTENTS* extents) {
 
 NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP request) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
+    LoadHardening();
     NTSTATUS status = ForwardIrpSynchronously(device, request);
     CopyTargetCharacteristics(device, volume->Target);
     LearnMedia(volume);

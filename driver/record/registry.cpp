@@ -56,6 +56,17 @@ NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* leng
     return STATUS_SUCCESS;
 }
 
+BOOLEAN ReadDriverSwitch(PCWSTR text) {
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, text);
+    PoolPtr<UCHAR> data;
+    ULONG length = 0;
+    ULONG value = 0;
+    if (!NT_SUCCESS(ReadDriverValue(&name, &data, &length)) || length < sizeof(value)) return FALSE;
+    RtlCopyMemory(&value, data.Get(), sizeof(value));
+    return value != 0;
+}
+
 NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush) {
     KernelHandle key;
     const NTSTATUS opened = OpenDriverKey(KEY_QUERY_VALUE | KEY_SET_VALUE, &key);

@@ -8,5 +8,7 @@
 // or for which there is no memory is a failure status. The block holds at least `length` bytes, never more is
 // read.
 [[nodiscard]] NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length);
+// Is the REG_DWORD value there, and not 0?
+[[nodiscard]] BOOLEAN ReadDriverSwitch(PCWSTR name);
 // REG_BINARY value; with `flush` it is on disk when this returns.
 [[nodiscard]] NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush);

@@ -1,4 +1,5 @@
 #include "config/parser.h"
+#include "driver/record/hardening.h"
 #include "driver/record/registry.h"
 #include "config/config_files.h"
 #include "config/config_location.h"
@@ -117,6 +118,15 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
         EXPECT_EQ(bytes != 0, NT_SUCCESS(ReadDriverValue(&name, &data, &length)));
         EXPECT_EQ(bytes, length);
         EXPECT_EQ(bytes >= 4, QueryConfigShareRead() != 0);
+    }
+    for (const UCHAR wanted : {UCHAR{1}, UCHAR{0}}) {
+        registry.values[u"Hardening"] = {REG_DWORD, Image{wanted, 0, 0, 0}};
+        gHardeningKnown = FALSE;
+        LoadHardening();
+        EXPECT_EQ(wanted, gHardening);
+        registry.values[u"Hardening"] = {REG_DWORD, Image{static_cast<UCHAR>(1 - wanted), 0, 0, 0}};
+        LoadHardening();
+        EXPECT_EQ(wanted, gHardening) << "for the whole boot";
     }
     registry.values[std::u16string(kName) + u"\\kvr.CFG"] = {REG_BINARY, Image(127, 1)};
     EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadConfigLocation(volume));
