@@ -1,6 +1,6 @@
 // The second, stricter set of rules. The registry's Hardening decides, once per boot and before any request is
-// looked at: without it, or with 0, every request is treated as always; else what the rules that name gHardening
-// say holds as well.
+// looked at: without it, or with 0, every request is treated as always; else what the rules that name
+// gHardening say holds as well.
 #pragma once
 #include <atomic>
 #include "platform/kernel.h"
