@@ -20,6 +20,13 @@ NTSTATUS TransferOnce(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG le
     return TransferSectors(major, device, buffer, length, &position, &iosb, &event);
 }
 
+NTSTATUS FlushDevice(PDEVICE_OBJECT device) {
+    const NTSTATUS status = TransferOnce(IRP_MJ_FLUSH_BUFFERS, device, nullptr, 0, 0);
+    const bool unknown = status == STATUS_INVALID_DEVICE_REQUEST || status == STATUS_NOT_SUPPORTED ||
+                         status == STATUS_NOT_IMPLEMENTED;
+    return unknown ? STATUS_SUCCESS : status;
+}
+
 // Does what the I/O manager would do at the end of the request, in the completing thread: the request was
 // built for no thread's queue, so it must not come back to one.
 NTSTATUS SegmentIoComplete(PDEVICE_OBJECT, PIRP request, PVOID event) {

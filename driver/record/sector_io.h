@@ -13,6 +13,10 @@
 // The same for who makes one transfer and does not ask for its byte count.
 [[nodiscard]] NTSTATUS TransferOnce(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
                                     LONGLONG offset);
+// Has the device below put what it holds of earlier writes, anybody's, on stable storage, and waits for that
+// (IRP_MJ_FLUSH_BUFFERS). STATUS_SUCCESS also from a device that does not know the request: it keeps nothing
+// back. Else the device's status, or STATUS_INSUFFICIENT_RESOURCES and no request.
+[[nodiscard]] NTSTATUS FlushDevice(PDEVICE_OBJECT device);
 // The completion routine of these requests: releases the request; `event`, which may be null, is set.
 // IRQL: at most DISPATCH_LEVEL.
 NTSTATUS SegmentIoComplete(PDEVICE_OBJECT device, PIRP request, PVOID event);

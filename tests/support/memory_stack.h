@@ -42,10 +42,12 @@ public:
     Bytes data;
     // Asked before each transfer; a status other than STATUS_SUCCESS is its answer, and nothing is moved.
     std::function<NTSTATUS(const Transfer&)> verdict;
-    ULONG shortBy = 0;  // bytes that each transfer leaves out at its end, and says so
+    std::function<NTSTATUS()> onFlush;  // answers a flush; without it each succeeds
+    ULONG shortBy = 0;                  // bytes that each transfer leaves out at its end, and says so
 
 private:
     NTSTATUS Serve(PIRP irp, PIO_STACK_LOCATION location) {
+        if (location->MajorFunction == IRP_MJ_FLUSH_BUFFERS && onFlush) return stub::Complete(irp, onFlush());
         if (location->MajorFunction != IRP_MJ_READ && location->MajorFunction != IRP_MJ_WRITE)
             return stub::Complete(irp, STATUS_SUCCESS);
         const auto& place = location->Parameters.Read;

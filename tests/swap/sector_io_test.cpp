@@ -197,6 +197,24 @@ TEST_F(SectorIo, AWriteThatIsOvertakenUsesTheOthersSpace) {
     EXPECT_EQ(written, seen);
 }
 
+TEST_F(SectorIo, AFlushIsTheDevicesAndWaitedFor) {
+    const struct {
+        NTSTATUS answer, status;
+    } cases[] = {{STATUS_SUCCESS, STATUS_SUCCESS},
+                 {STATUS_IO_DEVICE_ERROR, STATUS_IO_DEVICE_ERROR},
+                 {STATUS_INVALID_DEVICE_REQUEST, STATUS_SUCCESS},
+                 {STATUS_NOT_SUPPORTED, STATUS_SUCCESS},
+                 {STATUS_NOT_IMPLEMENTED, STATUS_SUCCESS}};
+    for (const auto& c : cases) {
+        int flushes = 0;
+        device->onFlush = [&] { return ++flushes, c.answer; };
+        EXPECT_EQ(c.status, FlushDevice(volume->Target));
+        EXPECT_EQ(1, flushes);
+    }
+    host::FailCall(host::FaultBit(host::Fault::BuildRequest), 1);
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, FlushDevice(volume->Target));
+}
+
 // The write's own space may take the rest below the limit: the gate is asked once, for the run, and not again
 // for each piece that the space came in.
 TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
