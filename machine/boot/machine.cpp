@@ -13,7 +13,7 @@ Machine::Machine(MachineOptions options)
     options_.registry->SetPower(power_);
     for (MachineDisk& disk : options_.disks) {
         disks_.push_back(
-            {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr});
+            {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr, false});
     }
 }
 
@@ -47,6 +47,11 @@ std::vector<Volume*> Machine::Volumes() {
     if (boot_ == nullptr) return all;
     for (auto& [number, volume] : boot_->volumes) all.push_back(volume.get());
     return all;
+}
+
+std::map<unsigned, KnownVolume> Machine::KnownVolumes() const {
+    if (boot_ == nullptr || !boot_->numbers) return {};
+    return boot_->numbers->Known();
 }
 
 std::vector<Volume*> Machine::VolumesOn(unsigned disk) {

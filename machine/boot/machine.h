@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <shared_mutex>
 #include <string>
 #include <string_view>
@@ -17,6 +18,7 @@
 #include "machine/disk/fault_disk.h"
 #include "machine/files/file_system.h"
 #include "machine/boot/registry_file.h"
+#include "machine/boot/volume_numbers.h"
 #include "machine/files/stack_volume_io.h"
 #include "machine/disk/volume_device.h"
 #include "platform/host/kernel_host.h"
@@ -46,6 +48,9 @@ struct MachineOptions {
     std::shared_ptr<RegistryFile> registry;
     // Which file system mounts on a volume; a driver without `mount` leaves it raw. Empty: all stay raw.
     std::function<FileSystemDriver(const VolumeDevice&)> fileSystem;
+    // Volumes are remembered by what they are and keep their numbers, the highest of which is this one
+    // (volume_numbers.h); 0: they are counted anew at each boot, over all disks.
+    unsigned mostVolumes = 0;
     unsigned systemVolume = 1;                   // number of the volume that \SystemRoot lies on, 0: none
     std::u16string systemFolder = u"\\Windows";  // \SystemRoot on that volume
     // Called at each power-on before the driver is loaded, when the kernel is empty: for a test's own plans.
@@ -123,6 +128,11 @@ public:
     Volume* VolumeOf(unsigned number);
     Volume* VolumeNamed(std::u16string_view name);
     std::vector<Volume*> Volumes();
+    // Every volume that was ever numbered, the present ones among them; empty unless mostVolumes says so.
+    std::map<unsigned, KnownVolume> KnownVolumes() const;
+    // False when the disk of that number did not start in this boot, or its partition table could not be read:
+    // it may have volumes that the boot does not.
+    bool IsTableKnown(unsigned number) const { return disks_[number].tableKnown; }
     // The disk of the options' index, or of AddDisk; null once it was removed.
     DiskDevice* DiskOf(unsigned number);
     // The medium below the power switch, for checks from outside; never null for a number that was given.
@@ -162,6 +172,7 @@ private:
         unsigned firstVolume = 0;
         bool unplugged = false;
         std::unique_ptr<DiskDevice> device;  // null while the power is off
+        bool tableKnown = false;
     };
     struct ThisBoot {
         PDRIVER_OBJECT driver = nullptr;
@@ -169,6 +180,7 @@ private:
         PDRIVER_OBJECT volumeDriver = nullptr;
         std::map<std::u16string, PDRIVER_OBJECT> fileSystemDrivers;
         unsigned lastVolume = 0;
+        std::optional<VolumeNumbers> numbers;
         std::map<unsigned, std::unique_ptr<Volume>> volumes;  // by number
         // What was removed: open handles may still lead there.
         std::vector<std::unique_ptr<Volume>> removed;
@@ -181,6 +193,7 @@ private:
     [[nodiscard]] NTSTATUS BootDisks(bool removable);
     [[nodiscard]] NTSTATUS StartDisk(unsigned number);
     [[nodiscard]] NTSTATUS StartVolumes(DiskDevice& disk);
+    std::optional<unsigned> NextNumber(unsigned disk, const Partition& partition, unsigned index);
     [[nodiscard]] NTSTATUS StartVolume(DiskDevice& disk, unsigned number, std::uint64_t offset,
                                        std::uint64_t length);
     void MountVolumes(const std::vector<Volume*>& volumes);

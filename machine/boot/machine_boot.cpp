@@ -17,9 +17,12 @@ NTSTATUS Machine::PowerOn() {
     host::PowerOn();
     host::SetRegistryStore(options_.registry.get());
     boot_ = std::make_unique<ThisBoot>();
+    if (options_.mostVolumes != 0) boot_->numbers.emplace(*options_.registry, options_.mostVolumes);
     LoadDrivers();
     NTSTATUS status = BootDisks(false);
     if (NT_SUCCESS(status)) status = BootDisks(true);
+    if (boot_->numbers)
+        KVR_DISCARD(boot_->numbers->Save(), "numbers that are not written down are given again alike");
     for (unsigned number = 0; number < disks_.size(); ++number) BeginStepping(number);
     on_.store(true, std::memory_order_release);
     return status;
@@ -66,6 +69,7 @@ NTSTATUS Machine::BootDisks(bool removable) {
 
 NTSTATUS Machine::StartDisk(unsigned number) {
     DiskSlot& slot = disks_[number];
+    slot.tableKnown = false;
     auto medium = std::make_shared<FaultDisk>(slot.medium, power_);
     NTSTATUS status;
     {
@@ -103,13 +107,21 @@ NTSTATUS Machine::StartVolumes(DiskDevice& disk) {
     for (const std::string& problem : table.problems) {
         DbgPrint("Disk %d: %s\n", static_cast<int>(disk.Number()), problem.c_str());
     }
-    unsigned next = disks_[disk.Number()].firstVolume;
+    disks_[disk.Number()].tableKnown = !table.unread;
+    unsigned index = 0;
     for (const Partition& partition : table.partitions) {
-        const unsigned number = next != 0 ? next++ : ++boot_->lastVolume;
-        const NTSTATUS status = StartVolume(disk, number, partition.offset, partition.length);
+        const std::optional<unsigned> number = NextNumber(disk.Number(), partition, index++);
+        if (!number) break;
+        const NTSTATUS status = StartVolume(disk, *number, partition.offset, partition.length);
         if (!NT_SUCCESS(status)) return status;
     }
     return STATUS_SUCCESS;
+}
+
+std::optional<unsigned> Machine::NextNumber(unsigned disk, const Partition& partition, unsigned index) {
+    if (disks_[disk].firstVolume != 0) return disks_[disk].firstVolume + index;
+    if (boot_->numbers) return boot_->numbers->Take(disk, partition);
+    return ++boot_->lastVolume;
 }
 
 NTSTATUS Machine::StartVolume(DiskDevice& disk, unsigned number, std::uint64_t offset, std::uint64_t length) {
@@ -179,7 +191,7 @@ NTSTATUS Machine::AddDisk(MachineDisk disk, unsigned& number) {
     if (!IsOn()) return STATUS_DEVICE_POWERED_OFF;
     number = static_cast<unsigned>(disks_.size());
     disks_.push_back(
-        {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr});
+        {std::move(disk.medium), disk.removable, disk.completion, disk.firstVolume, false, nullptr, false});
     const NTSTATUS status = StartDisk(number);
     if (NT_SUCCESS(status)) MountVolumes(VolumesOn(number));
     BeginStepping(number);

@@ -1,8 +1,9 @@
 #include "machine/partition/partition_table.h"
 #include <algorithm>
 #include <cstring>
-#include <zlib.h>
 #include <optional>
+#include <utility>
+#include <zlib.h>
 #include "machine/partition/partition_format.h"
 
 namespace machine {
@@ -43,7 +44,9 @@ private:
     bool ReadAt(std::uint64_t lba, Sector& buffer) {
         const std::uint64_t count = buffer.size() / sectorSize_;
         if (lba >= sectors_ || count > sectors_ - lba) return false;
-        return read_(lba * sectorSize_, buffer.data(), static_cast<std::uint32_t>(buffer.size()));
+        const bool done = read_(lba * sectorSize_, buffer.data(), static_cast<std::uint32_t>(buffer.size()));
+        if (!done) table_.unread = true;
+        return done;
     }
 
     void Problem(std::string sentence) { table_.problems.push_back(std::move(sentence)); }
@@ -75,21 +78,33 @@ private:
 
     // Adds sectors [start, start + count) unless they leave [low, high) or lie on another partition.
     void Add(std::uint64_t start, std::uint64_t count, std::uint64_t low, std::uint64_t high,
-             std::uint8_t mbrType, const Guid& gptType) {
+             std::uint8_t mbrType, const Guid& gptType, const std::uint8_t* unique = nullptr) {
         const std::string name = "partition at sector " + std::to_string(start);
         if (count == 0) return Problem(name + " is empty");
         if (start < low || start >= high || count > high - start) return Problem(name + " leaves the disk");
-        const Partition added = {start * sectorSize_, count * sectorSize_, mbrType, gptType};
+        Partition added = {start * sectorSize_, count * sectorSize_, mbrType, gptType};
         for (const Partition& other : table_.partitions) {
             if (added.offset < other.offset + other.length && other.offset < added.offset + added.length) {
                 return Problem(name + " overlaps another one");
             }
         }
-        table_.partitions.push_back(added);
+        if (unique != nullptr)
+            added.identity.assign(unique, unique + sizeof(Guid));
+        else
+            added.identity = SignatureAndOffset(added.offset);
+        table_.partitions.push_back(std::move(added));
+    }
+
+    std::vector<std::uint8_t> SignatureAndOffset(std::uint64_t offset) const {
+        std::vector<std::uint8_t> identity(sizeof signature_ + sizeof offset);
+        Put(identity.data(), signature_);
+        Put(identity.data() + sizeof signature_, offset);
+        return identity;
     }
 
     void ReadMbr(const Sector& first) {
         table_.kind = TableKind::Mbr;
+        signature_ = Get32(&first[kMbrSignature]);
         std::optional<std::uint64_t> extended;
         std::uint64_t extendedSectors = 0;
         for (unsigned i = 0; i < 4; ++i) {
@@ -141,8 +156,10 @@ private:
     void ReadGpt() {
         table_.kind = TableKind::Gpt;
         if (ReadGptAt(1)) return;
+        const bool unread = std::exchange(table_.unread, false);
         Problem("the primary table is damaged, the backup is used");
         if (ReadGptAt(sectors_ - 1)) return;
+        table_.unread = table_.unread || unread;
         Problem("the backup table is damaged too");
     }
 
@@ -191,12 +208,16 @@ private:
         if (last < first) {
             return Problem("partition at sector " + std::to_string(first) + " leaves the disk");
         }
-        Add(first, last - first + 1, low, high, 0, type);
+        const std::uint8_t* unique = entry + kGptEntryUnique;
+        const bool none =
+            std::all_of(unique, unique + sizeof(Guid), [](std::uint8_t byte) { return byte == 0; });
+        Add(first, last - first + 1, low, high, 0, type, none ? nullptr : unique);
     }
 
     const SectorReader& read_;
     const std::uint32_t sectorSize_;
     const std::uint64_t sectors_;
+    std::uint32_t signature_ = 0;  // of an MBR disk; 0 where the table has none
     PartitionTable table_;
 };
 

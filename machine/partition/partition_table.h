@@ -18,6 +18,10 @@ struct Partition {
     std::uint64_t length;  // bytes, likewise, never 0
     std::uint8_t mbrType;  // 0 on a GPT disk
     Guid gptType;          // zeros on an MBR disk
+    // What tells it from every other one wherever it lies: 16 bytes of unique GUID; or 12 bytes, its disk's
+    // signature and its offset, which tell it on its own disk only when the signature is 0. Empty for a disk
+    // without a table.
+    std::vector<std::uint8_t> identity{};
 };
 
 struct PartitionTable {
@@ -27,13 +31,15 @@ struct PartitionTable {
     std::vector<Partition> partitions;
     // What was wrong and therefore left out, one sentence each; empty for a sound table.
     std::vector<std::string> problems;
+    // A sector of it could not be read and no copy took its place: there may be partitions that are not here.
+    bool unread = false;
 };
 
 // Reads `length` bytes (whole sectors) at `offset` (a multiple of the sector size, inside the disk).
 using SectorReader = std::function<bool(std::uint64_t offset, void* buffer, std::uint32_t length)>;
 
-// `diskSize` is a multiple of `sectorSize`, which is 512 or 4096. A table that is damaged beyond use gives no
-// partitions and says why; a sector that cannot be read counts as damage.
+// `diskSize` is a multiple of `sectorSize`, which is 512 or 4096. A table that is damaged beyond use, or cannot
+// be read, gives no partitions and says why.
 PartitionTable ReadPartitionTable(const SectorReader& read, std::uint64_t diskSize, std::uint32_t sectorSize);
 
 // ---- writing -------------------------------------------------------------------------------------------
