@@ -6,7 +6,7 @@
 namespace ctl {
 
 inline constexpr int kExitOk = 0;
-inline constexpr int kExitFailed = 1;      // refused, failed, or the configuration has errors
+inline constexpr int kExitFailed = 1;      // refused, failed, the configuration has errors or is not met
 inline constexpr int kExitUsage = 2;       // the command line makes no sense
 inline constexpr int kExitNotRunning = 3;  // no driver: not loaded, or the hosted machine is off
 inline constexpr int kExitBusy = 4;        // another program holds the control device, or the volume

@@ -31,7 +31,8 @@ enum class Command : std::uint32_t {
     ReadSectors = 4,
     // Input: the registry path of a key, a zero character, the name of a value; UTF-16. Output: its data.
     ReadRegistry = 5,
-    // Output: none; the text is one line of `key=value` pairs about the machine. Needs no handle.
+    // Output: none; the text is one line of `key=value` pairs about the machine, and behind it a line
+    // "warning: SENTENCE" for each thing that is not as configured. Needs no handle.
     About = 6,
     // Shuts the machine down in order and powers it on again; connected clients wait meanwhile. The handle of
     // every control connection is closed by it.

@@ -1,6 +1,8 @@
 #include "nbd/control_server.h"
 #include <cerrno>
 #include <cstring>
+#include <new>
+#include <system_error>
 #include <utility>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -73,7 +75,11 @@ void ControlServer::Accept() {
         if (waits[1].revents != 0) return;
         posix::File socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
         JoinEnded();
-        if (socket.IsOpen()) Begin(std::move(socket));
+        try {
+            if (socket.IsOpen()) Begin(std::move(socket));
+        } catch (const std::bad_alloc&) {
+            continue;  // the client sees its connection closed
+        }
     }
 }
 
@@ -84,7 +90,12 @@ void ControlServer::Begin(posix::File socket) {
         return;
     }
     Connection& connection = connections_.emplace_back(std::move(socket));
-    connection.thread = std::thread([this, &connection] { Serve(connection); });
+    try {
+        connection.thread = std::thread([this, &connection] { Serve(connection); });
+    } catch (const std::system_error&) {
+        connections_.pop_back();
+        server_.Log().Line("control: no thread for another connection");
+    }
 }
 
 void ControlServer::JoinEnded() {
@@ -96,13 +107,22 @@ void ControlServer::JoinEnded() {
     });
 }
 
-void ControlServer::Serve(Connection& connection) {
+void ControlServer::Converse(Connection& connection) {
     Request request;
     while (connection.channel.Receive(request)) {
         Response response = Answer(connection, request);
         if (response.output.size() > request.room) response = Failed(STATUS_BUFFER_TOO_SMALL);
         if (!connection.channel.Send(response)) break;
         if (request.command == Command::Stop && NT_SUCCESS(response.status)) stop_();
+    }
+}
+
+// A request for which there is no memory ends its connection, and nothing else.
+void ControlServer::Serve(Connection& connection) {
+    try {
+        Converse(connection);
+    } catch (const std::bad_alloc&) {
+        server_.NoMemory("control");
     }
     if (connection.handle != 0) server_.CloseControl(connection.handle);
     connection.channel.Hang();

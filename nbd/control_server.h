@@ -32,6 +32,7 @@ private:
 
     void Accept();
     void Begin(posix::File socket);
+    void Converse(Connection& connection);
     void Serve(Connection& connection);
     void JoinEnded();
     tool::wire::Response Answer(Connection& connection, tool::wire::Request& request);

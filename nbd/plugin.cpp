@@ -158,14 +158,21 @@ void* Open(int) {
 }
 
 void Close(void* handle) {
-    gServer->Disconnect(std::unique_ptr<Server::Connection>(&ConnectionOf(handle)));
+    try {
+        gServer->Disconnect(std::unique_ptr<Server::Connection>(&ConnectionOf(handle)));
+    } catch (const std::bad_alloc&) {
+        gServer->NoMemory("client");
+    }
 }
 
 int ListExports(int, int, nbdkit_exports* exports) {
-    for (const Server::ExportLine& line : gServer->Exports()) {
-        if (nbdkit_add_export(exports, line.name.c_str(), line.description.c_str()) != 0) return -1;
-    }
-    return 0;
+    int result = 0;
+    const bool listed = Guarded([&] {
+        for (const Server::ExportLine& line : gServer->Exports()) {
+            if (result == 0) result = nbdkit_add_export(exports, line.name.c_str(), line.description.c_str());
+        }
+    });
+    return listed ? result : -1;
 }
 
 const char* DefaultExport(int, int) {
@@ -226,7 +233,7 @@ int ErrnoOf(NTSTATUS status) {
     }
 }
 
-int Finish(void* handle, const char* what, std::uint64_t offset, std::uint64_t length, NTSTATUS status) {
+int Report(void* handle, const char* what, std::uint64_t offset, std::uint64_t length, NTSTATUS status) {
     if (NT_SUCCESS(status)) return 0;
     const std::string line = std::string(what) + " of " + std::to_string(length) + " bytes at " +
                              std::to_string(offset) + " of " + ConnectionOf(handle).target.Name() +
@@ -235,6 +242,18 @@ int Finish(void* handle, const char* what, std::uint64_t offset, std::uint64_t l
     nbdkit_error("%s", line.c_str());
     nbdkit_set_error(ErrnoOf(status));
     return -1;
+}
+
+// Carries a request out and answers it. For want of memory it fails, and nothing else ends.
+template <class Work>
+int Answer(void* handle, const char* what, std::uint64_t offset, std::uint64_t length, const Work& work) {
+    try {
+        return Report(handle, what, offset, length, work());
+    } catch (const std::bad_alloc&) {
+        gServer->NoMemory("client");
+        nbdkit_set_error(ENOMEM);
+        return -1;
+    }
 }
 
 NTSTATUS Transfer(void* handle, Server::Action action, std::uint64_t offset, std::uint64_t length,
@@ -249,22 +268,26 @@ NTSTATUS FlushIfAsked(void* handle, std::uint32_t flags, NTSTATUS status) {
 }
 
 int Read(void* handle, void* buffer, std::uint32_t count, std::uint64_t offset, std::uint32_t) {
-    return Finish(handle, "read", offset, count, Transfer(handle, Server::Action::Read, offset, count, buffer));
+    return Answer(handle, "read", offset, count,
+                  [&] { return Transfer(handle, Server::Action::Read, offset, count, buffer); });
 }
 
 int Write(void* handle, const void* buffer, std::uint32_t count, std::uint64_t offset, std::uint32_t flags) {
     // Only a read fills the buffer.
-    const NTSTATUS status = Transfer(handle, Server::Action::Write, offset, count, const_cast<void*>(buffer));
-    return Finish(handle, "write", offset, count, FlushIfAsked(handle, flags, status));
+    void* const data = const_cast<void*>(buffer);
+    return Answer(handle, "write", offset, count, [&] {
+        return FlushIfAsked(handle, flags, Transfer(handle, Server::Action::Write, offset, count, data));
+    });
 }
 
 int Zero(void* handle, std::uint32_t count, std::uint64_t offset, std::uint32_t flags) {
-    const NTSTATUS status = Transfer(handle, Server::Action::Zero, offset, count);
-    return Finish(handle, "write of zeros", offset, count, FlushIfAsked(handle, flags, status));
+    return Answer(handle, "write of zeros", offset, count, [&] {
+        return FlushIfAsked(handle, flags, Transfer(handle, Server::Action::Zero, offset, count));
+    });
 }
 
 int Flush(void* handle, std::uint32_t) {
-    return Finish(handle, "flush", 0, 0, Transfer(handle, Server::Action::Flush, 0, 0));
+    return Answer(handle, "flush", 0, 0, [&] { return Transfer(handle, Server::Action::Flush, 0, 0); });
 }
 
 nbdkit_plugin MakePlugin() {

@@ -70,7 +70,8 @@ NTSTATUS ServedDisk::ReadBytes(std::uint64_t offset, void* buffer, std::uint64_t
 }
 
 NTSTATUS ServedDisk::WriteBytes(std::uint64_t offset, const void* buffer, std::uint64_t length) {
-    return machine_ == nullptr ? STATUS_DEVICE_POWERED_OFF : bytes_.Write(*this, offset, buffer, length);
+    if (machine_ == nullptr) return STATUS_DEVICE_POWERED_OFF;
+    return readOnly_ ? STATUS_MEDIA_WRITE_PROTECTED : bytes_.Write(*this, offset, buffer, length);
 }
 
 NTSTATUS ServedDisk::ZeroBytes(std::uint64_t offset, std::uint64_t length) {

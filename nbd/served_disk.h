@@ -18,6 +18,10 @@ public:
     void BeginBoot(machine::Machine& machine);
     void EndBoot() { machine_ = nullptr; }
 
+    // Writes fail with STATUS_MEDIA_WRITE_PROTECTED from now on, or are served again. Between boots or under
+    // the boot's lock held alone.
+    void SetReadOnly(bool readOnly) { readOnly_ = readOnly; }
+
     std::uint64_t Size() const { return medium_->Size(); }
     const DiskMap& Map() const { return map_; }
 
@@ -39,6 +43,7 @@ private:
     const std::shared_ptr<machine::Disk> medium_;
     const unsigned number_;
     ByteAccess bytes_;
+    bool readOnly_ = false;
     machine::Machine* machine_ = nullptr;  // null between boots
     PDEVICE_OBJECT top_ = nullptr;         // of the disk's own stack
     DiskMap map_;

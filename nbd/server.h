@@ -22,6 +22,8 @@
 
 namespace nbd {
 
+inline constexpr std::u16string_view kControlDevice = u"\\DosDevices\\kvr";
+
 class Server {
 public:
     // Opens what the folder names and changes nothing yet; the lock stays with the server. Throws Error.
@@ -39,6 +41,8 @@ public:
 
     const MachineFolder& Folder() const { return folder_; }
     nbd::Log& Log() { return log_; }
+    // Notes that something could not be done for want of memory, if that can be noted. Never throws.
+    void NoMemory(const char* whose) noexcept;
 
     // ---- clients ---------------------------------------------------------------------------------------
     struct ExportLine {
@@ -82,16 +86,24 @@ public:
                                        std::vector<std::uint8_t>& bytes);
     [[nodiscard]] NTSTATUS ReadRegistry(const std::u16string& key, const std::u16string& name,
                                         std::vector<std::uint8_t>& data);
+    // One line of key=value pairs, and a line behind it for each thing that is not as configured.
     std::string About();
 
 private:
     // server_boot.cpp
     void OpenDisks();
-    void PowerOn();
+    void PowerOn(unsigned attempts);
     void PowerOff();
+    void BootOnce();
     void WriteBootLog();
     void Settle();
     void SaveRegistryNowAndThen();
+
+    // server_judge.cpp
+    void RequireBoot(NTSTATUS booted);
+    void JudgeVolumes();
+    void MissVolume(const std::u16string& name);
+    void Warn(const std::string& sentence);
 
     // server_clients.cpp
     ServedDisk* DiskOf(const Export& target, std::uint64_t& offset, std::uint64_t& size);
@@ -115,7 +127,8 @@ private:
 
     // Shared by whoever uses the boot, alone for what begins or ends one. Before clientsLock_.
     FairLock boot_;
-    bool on_ = false;  // guarded by boot_
+    bool on_ = false;                    // guarded by boot_
+    std::vector<std::string> warnings_;  // what is not as configured, one sentence each; guarded by boot_
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`
     Clients clients_;

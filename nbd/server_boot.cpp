@@ -19,6 +19,8 @@ namespace {
 constexpr std::chrono::seconds kLongestSettling{20};
 // As often as the platform writes its registry back.
 constexpr std::chrono::seconds kRegistryPeriod{5};
+constexpr unsigned kRebootAttempts = 5;
+constexpr std::chrono::milliseconds kBetweenAttempts{500};
 constexpr char16_t kBootLog[] = u"\\Windows\\boot.log";
 
 nbd::Log* gViolationLog = nullptr;
@@ -66,6 +68,7 @@ void Server::OpenDisks() {
     options.driver = DriverEntry;
     options.registry = registry_;
     options.systemVolume = kSystemVolume;
+    options.mostVolumes = kSystemVolume - 1;
     options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     for (const FolderDisk& disk : folder_.disks) {
         const auto medium = OpenImage(folder_.DiskPath(disk), disk.sectorBytes);
@@ -87,25 +90,37 @@ void Server::Start() {
     host::SetViolationHandler(LogViolation);
     {
         const std::lock_guard alone(boot_);
-        PowerOn();
+        PowerOn(1);
     }
     saving_ = true;
     saver_ = std::thread([this] { SaveRegistryNowAndThen(); });
 }
 
-void Server::PowerOn() {
+// What cannot be read now may be readable in a moment; the clients wait meanwhile.
+void Server::PowerOn(unsigned attempts) {
+    for (;; std::this_thread::sleep_for(kBetweenAttempts)) {
+        try {
+            return BootOnce();
+        } catch (const Error&) {
+            if (--attempts == 0) throw;
+        }
+    }
+}
+
+// A boot that does not have what it needs ends at once, before anybody can write.
+void Server::BootOnce() {
     TakeTimeZone();
     const NTSTATUS status = machine_->PowerOn();
-    if (!NT_SUCCESS(status) || !NT_SUCCESS(machine_->DriverStatus())) {
-        const bool driver = NT_SUCCESS(status);
-        const std::string why = driver ? "the driver does not load: " + ctl::Hex(machine_->DriverStatus())
-                                       : "the machine does not start: " + ctl::Hex(status);
+    try {
+        RequireBoot(status);
+        WriteBootLog();
+        Settle();
+        JudgeVolumes();
+    } catch (const Error& error) {
         machine_->PowerCut();
-        log_.Line("server: " + why);
-        throw Error(why);
+        log_.Line(std::string("server: ") + error.what());
+        throw;
     }
-    WriteBootLog();
-    Settle();
     for (const auto& disk : disks_) disk->BeginBoot(*machine_);
     on_ = true;
     ++boots_;
@@ -166,7 +181,7 @@ bool Server::Reboot(std::string& why) {
     }
     PowerOff();
     try {
-        PowerOn();
+        PowerOn(kRebootAttempts);
     } catch (const Error& error) {
         why = error.what();
         return false;
@@ -182,8 +197,20 @@ bool Server::Reboot(std::string& why) {
 void Server::SaveRegistryNowAndThen() {
     std::unique_lock hold(savingLock_);
     while (!savingEnds_.wait_for(hold, kRegistryPeriod, [this] { return !saving_; })) {
-        const NTSTATUS status = registry_->Flush();
-        if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + ctl::Hex(status));
+        try {
+            const NTSTATUS status = registry_->Flush();
+            if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + ctl::Hex(status));
+        } catch (const std::bad_alloc&) {
+            NoMemory("server: the registry is not saved");
+        }
+    }
+}
+
+void Server::NoMemory(const char* whose) noexcept {
+    try {
+        log_.Line(std::string(whose) + ": no memory");
+    } catch (const std::bad_alloc&) {
+        return;  // who asked is told all the same
     }
 }
 

@@ -73,9 +73,10 @@ std::unique_ptr<Server::Connection> Server::Connect(const Export& target, const 
 void Server::Disconnect(std::unique_ptr<Connection> connection) {
     const std::shared_lock hold(boot_);
     const std::lock_guard guard(clientsLock_);
-    log_.Line("client: disconnects: " + connection->client->Describe());
+    const Client client = std::move(*connection->client);
     clients_.Remove(connection->client);
     if (on_) TakeBackVolumes(connection->target);
+    log_.Line("client: disconnects: " + client.Describe());
 }
 
 // Before the client is counted.

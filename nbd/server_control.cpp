@@ -12,15 +12,15 @@
 namespace nbd {
 namespace {
 
-constexpr std::u16string_view kControlDevice = u"\\DosDevices\\kvr";
-
 bool NeedsTheFileSystem(std::uint32_t code) {
     return code == IOCTL_KVR_ALLOCATE_SWAP || code == IOCTL_KVR_REMOVE_SWAP;
 }
 
 std::u16string VolumeIn(const std::vector<std::uint8_t>& input) {
     std::u16string name(KVR_NAME_CHARS, u'\0');
-    std::memcpy(name.data(), input.data(), std::min(input.size(), name.size() * sizeof(char16_t)));
+    // An empty input has no data that may be named, not even to copy nothing of it.
+    if (!input.empty())
+        std::memcpy(name.data(), input.data(), std::min(input.size(), name.size() * sizeof(char16_t)));
     return name.substr(0, name.find(u'\0'));
 }
 
@@ -149,9 +149,11 @@ NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& n
 std::string Server::About() {
     const std::shared_lock hold(boot_);
     const std::lock_guard guard(clientsLock_);
-    return "on=" + std::to_string(on_ ? 1 : 0) + " pid=" + std::to_string(getpid()) +
-           " boots=" + std::to_string(boots_) + " disks=" + std::to_string(disks_.size()) +
-           " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
+    std::string text = "on=" + std::to_string(on_ ? 1 : 0) + " pid=" + std::to_string(getpid()) +
+                       " boots=" + std::to_string(boots_) + " disks=" + std::to_string(disks_.size()) +
+                       " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
+    for (const std::string& warning : warnings_) text += "\nwarning: " + warning;
+    return text;
 }
 
 }  // namespace nbd
