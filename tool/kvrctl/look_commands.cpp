@@ -23,6 +23,7 @@ struct MachineStatus {
     bool enabled = false;
     std::vector<FixedVolume> fixed;  // without the disks
     std::vector<RemovableVolume> removable;
+    std::vector<std::u16string> missing;  // to be protected, and not there
 };
 
 constexpr unsigned kBarWidth = 20;
@@ -100,16 +101,35 @@ Json RemovableJson(const RemovableVolume& volume) {
             {"stateCode", volume.accessMode}};
 }
 
+// The fixed volumes that the text protects and the driver does not have.
+std::vector<std::u16string> MissingVolumes(const ConfigScan& scan, const std::vector<FixedVolume>& present) {
+    std::vector<std::u16string> missing;
+    for (const Section& section : scan.sections) {
+        const VolumeSettings& settings = section.volume;
+        const bool counts = section.kind == SectionKind::FixedVolume && settings.isListed &&
+                            settings.isProtected && settings.switchWasOn;
+        const auto same = [&](const FixedVolume& volume) {
+            return EqualIgnoringCase(volume.name, settings.id);
+        };
+        if (counts && std::none_of(present.begin(), present.end(), same)) missing.push_back(settings.id);
+    }
+    return missing;
+}
+
 MachineStatus QueryStatus(const Context& context) {
     Client client = context.Open(Access::Read);
-    MachineStatus status{client.Enabled(), client.FixedVolumes(), client.RemovableVolumes()};
+    MachineStatus status{client.Enabled(), client.FixedVolumes(), client.RemovableVolumes(), {}};
+    const ConfigScan scan = ScanConfig(tool::ConfigurationText(client.GetConfig()));
+    if (scan.protection) status.missing = MissingVolumes(scan, status.fixed);
     std::erase_if(status.fixed, [](const FixedVolume& volume) { return IsDisk(volume.name); });
     return status;
 }
 
 std::string StatusTable(const MachineStatus& status) {
-    std::string text =
-        status.enabled ? "Protection is on.\n" : "Protection is off: the driver protects nothing.\n";
+    std::string text;
+    for (const std::u16string& name : status.missing)
+        text += "WARNING: " + ShortName(name) + " is to be protected and is not there.\n";
+    text += status.enabled ? "Protection is on.\n" : "Protection is off: the driver protects nothing.\n";
     if (status.fixed.empty() && status.removable.empty()) return text + "There are no volumes.\n";
     std::vector<Row> rows = {{"VOLUME", "KIND", "STATE", "SWAP", "USED", "FREE", "", "STORAGE"}};
     for (const FixedVolume& volume : status.fixed) rows.push_back(FixedRow(volume));
@@ -122,7 +142,9 @@ Json StatusJson(const MachineStatus& status) {
     Json volumes = Json::array();
     for (const FixedVolume& volume : status.fixed) volumes.push_back(FixedJson(volume));
     for (const RemovableVolume& volume : status.removable) volumes.push_back(RemovableJson(volume));
-    return {{"protection", status.enabled}, {"volumes", volumes}};
+    Json missing = Json::array();
+    for (const std::u16string& name : status.missing) missing.push_back(ToUtf8(name));
+    return {{"protection", status.enabled}, {"volumes", volumes}, {"missing", missing}};
 }
 
 // ---- the volumes, and what holds at the next boot
@@ -217,7 +239,7 @@ void DrawStatus(const Context& context, const MachineStatus& status) {
 int ShowStatus(const Context& context) {
     const MachineStatus status = QueryStatus(context);
     context.terminal.out << (context.json ? StatusJson(status).dump(2) + "\n" : StatusTable(status));
-    return kExitOk;
+    return status.missing.empty() ? kExitOk : kExitFailed;
 }
 
 int Watch(const Context& context, const WatchOptions& options) {

@@ -4,6 +4,7 @@
 #include <CLI/CLI.hpp>
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
+#include "tool/kvrhost/paste.h"
 #include "tool/kvrhost/serve.h"
 #include "tool/text.h"
 
@@ -127,7 +128,7 @@ private:
             throw nbd::Error("which disk? Give --size for a new one or --disk for an image");
         nbd::MakeMachine(machine_);
         std::printf("The machine in %s is made; power it on with: kvrhost serve %s\n", machine_.path.c_str(),
-                    machine_.path.c_str());
+                    ShellWord(machine_.path).c_str());
         return 0;
     }
 

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>
+#include <sstream>
 #include <thread>
 #include <fcntl.h>
 #include <sys/wait.h>
@@ -16,6 +17,7 @@
 #include "client/wire_channel.h"
 #include "nbd/machine_folder.h"
 #include "tool/error.h"
+#include "tool/kvrhost/paste.h"
 
 namespace tool {
 namespace {
@@ -166,7 +168,7 @@ bool WaitUntilReady(const MachineFolder& folder, const ServeOptions& options, pi
 }
 
 void PrintLinesToPaste(const MachineFolder& folder) {
-    const std::string at = "?socket=" + folder.File(nbd::kNbdSocket);
+    const std::string at = "?socket=" + UriPath(folder.File(nbd::kNbdSocket));
     std::printf(
         "The machine in %s is on. Its disk, for a virtual machine, a mount and a copy:\n"
         "  qemu-system-x86_64 -m 2048 -drive file='nbd+unix:///disk0%s',format=raw,if=virtio\n"
@@ -174,13 +176,14 @@ void PrintLinesToPaste(const MachineFolder& folder) {
         "  qemu-img convert -p -O qcow2 'nbd+unix:///disk0%s' COPY.qcow2\n"
         "All exports: nbdinfo --list 'nbd+unix:///%s'\n"
         "Stop it with: kvrhost stop %s\n",
-        folder.path.c_str(), at.c_str(), at.c_str(), at.c_str(), at.c_str(), folder.path.c_str());
+        folder.path.c_str(), at.c_str(), at.c_str(), at.c_str(), at.c_str(), ShellWord(folder.path).c_str());
     std::fflush(stdout);
 }
 
 // ---- a running server ------------------------------------------------------------------------------------
 
-void Ask(const MachineFolder& folder, Command command) {
+// Throws Error when it refuses. What it says beside its answer.
+std::string Ask(const MachineFolder& folder, Command command) {
     posix::File socket = wire::ConnectToServer(folder.path);
     if (!socket.IsOpen()) throw Error("the machine in " + folder.path + " is not being served");
     wire::Response response;
@@ -189,6 +192,20 @@ void Ask(const MachineFolder& folder, Command command) {
     if (!ctl::IsSuccess(response.status))
         throw Error(response.text.empty() ? "the server answers " + ctl::StatusText(response.status)
                                           : response.text);
+    return response.text;
+}
+
+// What is not as configured, before anything else is said. The exit code says so too.
+int PrintWarnings(const MachineFolder& folder) {
+    std::istringstream lines(Ask(folder, Command::About));
+    int exitCode = 0;
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("warning: ")) continue;
+        std::printf("WARNING: %s\n", line.c_str() + line.find(' ') + 1);
+        exitCode = kExitNotAsConfigured;
+    }
+    std::fflush(stdout);
+    return exitCode;
 }
 
 }  // namespace
@@ -199,13 +216,15 @@ int Serve(const ServeOptions& options) {
     if (!options.background) PassSignalsOn(child);
     int exitCode = 0;
     if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
+    exitCode = PrintWarnings(folder);
     PrintLinesToPaste(folder);
-    return options.background ? 0 : WaitFor(child);
+    return options.background ? exitCode : WaitFor(child);
 }
 
 int Reboot(const std::string& path) {
-    Ask(MachineFolder::Read(path), Command::Reboot);
-    return 0;
+    const MachineFolder folder = MachineFolder::Read(path);
+    Ask(folder, Command::Reboot);
+    return PrintWarnings(folder);
 }
 
 int Stop(const std::string& path) {

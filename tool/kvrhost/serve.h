@@ -5,6 +5,9 @@
 
 namespace tool {
 
+// The machine is on, and something is not as it is configured; what it is has been printed.
+inline constexpr int kExitNotAsConfigured = 3;
+
 struct ServeOptions {
     std::string folder;
     bool background = false;           // return when the server is ready
@@ -13,7 +16,7 @@ struct ServeOptions {
 
 // Each returns an exit code, 0 for success, and throws nbd::Error or tool::Error with a sentence for the user.
 // Serves until the server ends: nbdkit with the plugin on the folder's socket, with lines to paste once it is
-// ready.
+// ready. In the background, and from Reboot: kExitNotAsConfigured where it is due.
 int Serve(const ServeOptions& options);
 int Reboot(const std::string& folder);
 // Returns when the server is gone and the machine off.
