@@ -3,7 +3,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
+#include <sys/stat.h>
 #include "client/status.h"
+#include "client/wire_channel.h"
 #include "machine/partition/formatter.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/disk/image_disk.h"
@@ -43,6 +45,25 @@ private:
     std::string path_;
     const bool existed_;
 };
+
+// What is made meanwhile nobody else may read.
+class OwnFilesOnly {
+public:
+    OwnFilesOnly() : before_(umask(0077)) {}
+    ~OwnFilesOnly() { umask(before_); }
+    OwnFilesOnly(const OwnFilesOnly&) = delete;
+    OwnFilesOnly& operator=(const OwnFilesOnly&) = delete;
+
+private:
+    const mode_t before_;
+};
+
+void CheckSocketPath(const MachineFolder& folder) {
+    sockaddr_un ignored;
+    if (!tool::wire::MakeAddress(folder.File(tool::wire::kSocketName), ignored))
+        throw Error(folder.path +
+                    " is too long a path for the sockets of a server; make the machine elsewhere");
+}
 
 void RequireDone(NTSTATUS status, const std::string& what) {
     if (!NT_SUCCESS(status)) throw Error(what + ": " + ctl::Hex(status));
@@ -105,16 +126,20 @@ FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
 
 void MakeMachine(const NewMachine& machine) {
     MachineFolder folder;
+    folder.path = std::filesystem::absolute(machine.path).string();
+    CheckSocketPath(folder);
+    const OwnFilesOnly only;
     for (const std::string& image : machine.images) {
-        folder.disks.push_back(CheckImage(image));
-        const auto same = [&](const FolderDisk& disk) { return disk.path == folder.disks.back().path; };
+        folder.disks.push_back(CheckImage(image, machine.sectorBytes));
+        const auto same = [&](const FolderDisk& disk) {
+            return std::filesystem::equivalent(disk.path, folder.disks.back().path);
+        };
         if (std::count_if(folder.disks.begin(), folder.disks.end(), same) != 1)
             throw Error("disk image " + image + " is named twice");
     }
     if (folder.disks.size() > kMostDisks)
         throw Error("a machine has at most " + std::to_string(kMostDisks) + " disks");
     Draft draft(machine.path);
-    folder.path = std::filesystem::absolute(machine.path).string();
     MakeSystemDisk(folder);
     if (folder.disks.empty()) folder.disks.push_back(MakeOwnDisk(machine, folder));
     folder.Write();

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string_view>
 #include <fcntl.h>
 #include "machine/partition/formatter.h"
@@ -59,16 +60,48 @@ std::string Absolute(const std::string& path) {
     return absolute;
 }
 
-bool HoldsFileSystem(const Image& image) {
-    return image.Holds(3, "NTFS    ") || image.Holds(1080, "\x53\xef");
+bool HoldsFileSystem(const Image& image, std::uint64_t offset = 0) {
+    return image.Holds(offset + 3, "NTFS    ") || image.Holds(offset + 1080, "\x53\xef") ||
+           image.Holds(offset + 3, "EXFAT   ") || image.Holds(offset + 54, "FAT") ||
+           image.Holds(offset + 82, "FAT32");
 }
 
-// A table or a bare file system tells; 512 where nothing does.
-std::uint32_t SectorBytes(const Image& image) {
-    const bool large = !image.Holds(512, "EFI PART") &&
-                       (image.Holds(4096, "EFI PART") ||
-                        (image.Holds(3, "NTFS    ") && image.Holds(11, std::string_view("\x00\x10", 2))));
+// Do the partitions lie where file systems begin, when the table's numbers count sectors of that size?
+bool FindsFileSystems(const Image& image, const std::string& path, std::uint32_t sectorBytes) {
+    machine::PartitionTable table;
+    std::string ignored;
+    if (!machine::ReadImagePartitions(path, sectorBytes, table, ignored)) return false;
+    return table.kind == machine::TableKind::Mbr &&
+           std::any_of(table.partitions.begin(), table.partitions.end(),
+                       [&](const auto& partition) { return HoldsFileSystem(image, partition.offset); });
+}
+
+// A GPT or a bare file system tells; an MBR does not, but what lies where it points does. 512 where nothing
+// tells.
+std::uint32_t SectorBytes(const Image& image, const std::string& path) {
+    if (image.Holds(512, "EFI PART")) return 512;
+    if (image.Holds(4096, "EFI PART")) return 4096;
+    if (HoldsFileSystem(image))
+        return image.Holds(3, "NTFS    ") && image.Holds(11, std::string_view("\x00\x10", 2)) ? 4096 : 512;
+    const bool large = FindsFileSystems(image, path, 4096);
+    if (large && FindsFileSystems(image, path, 512))
+        throw Error("disk image " + path +
+                    " makes sense with sectors of 512 and of 4096 bytes; say which with --sector-size");
     return large ? 4096 : 512;
+}
+
+// Before anything is opened: a pipe would wait for somebody to write to it.
+void CheckKind(const std::string& path) {
+    if (!std::filesystem::is_regular_file(path) && !std::filesystem::is_block_file(path))
+        throw Error("cannot use disk image " + path + ": " +
+                    (std::filesystem::is_directory(path) ? std::strerror(EISDIR)
+                                                         : "it is neither a file nor a block device"));
+}
+
+// The machine's file names its disks in lines.
+void CheckName(const std::string& path) {
+    if (std::any_of(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }))
+        throw Error("disk image " + path + " has a name with control characters; rename it");
 }
 
 void CheckFormat(const Image& image, const std::string& path) {
@@ -92,11 +125,13 @@ void CheckContents(const Image& image, const FolderDisk& disk) {
 
 }  // namespace
 
-FolderDisk CheckImage(const std::string& path) {
-    FolderDisk disk{Absolute(path), 512};
+FolderDisk CheckImage(const std::string& path, std::uint32_t sectorBytes) {
+    FolderDisk disk{Absolute(path), sectorBytes};
+    CheckName(disk.path);
+    CheckKind(disk.path);
     const Image image(disk.path);
     CheckFormat(image, disk.path);
-    disk.sectorBytes = SectorBytes(image);
+    if (sectorBytes == 0) disk.sectorBytes = SectorBytes(image, disk.path);
     std::string error;
     // Opened as a machine opens it: for writing, and by nobody else.
     const auto opened = machine::ImageDisk::Open(disk.path, disk.sectorBytes, error);

@@ -36,13 +36,15 @@ void Log::Begin() {
     struct stat info;
     if (stat(path_.c_str(), &info) == 0 && static_cast<std::size_t>(info.st_size) > kMostBytes)
         (void)std::rename(path_.c_str(), (path_ + ".old").c_str());  // else it goes on growing
-    file_ = posix::File(open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600));
+    file_ = posix::File(open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
     bytes_ = fstat(file_.Get(), &info) == 0 ? static_cast<std::size_t>(info.st_size) : 0;
 }
 
 void Log::Line(const std::string& text) {
     std::string line = TimeStamp() + text;
-    std::replace(line.begin(), line.end(), '\n', ' ');
+    // Names that clients choose must not speak to the reader's terminal.
+    std::replace_if(
+        line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, ' ');
     line += '\n';
     const std::lock_guard hold(lock_);
     if (!file_.IsOpen()) return;

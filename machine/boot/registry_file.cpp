@@ -164,7 +164,9 @@ NTSTATUS RegistryFile::Flush() {
 
 bool RegistryFile::ReplaceFile(const std::string& text) const {
     const std::string fresh = path_ + ".new";
-    const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    // Made anew each time: what somebody put there, a link perhaps, is not written through.
+    unlink(fresh.c_str());
+    const int file = open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (file < 0) return false;
     const bool written = posix::WriteAt(file, text.data(), text.size(), 0) && fsync(file) == 0;
     if (close(file) != 0 || !written || rename(fresh.c_str(), path_.c_str()) != 0) {

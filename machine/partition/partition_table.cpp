@@ -176,7 +176,7 @@ private:
         return true;
     }
 
-    bool IsSoundHeader(const Sector& header, std::uint64_t lba) const {
+    bool IsSoundHeader(const Sector& header, std::uint64_t lba) {
         if (std::memcmp(header.data(), kGptMagic, 8) != 0) return false;
         const std::uint32_t size = Get32(&header[12]);
         if (size < kGptHeaderSize || size > sectorSize_) return false;
@@ -185,6 +185,7 @@ private:
         if (Crc32(zeroed.data(), size) != Get32(&header[kGptHeaderCrc])) return false;
         const std::uint64_t low = Get64(&header[kGptFirstUsable]);
         const std::uint64_t high = Get64(&header[kGptLastUsable]);
+        if (high >= sectors_) Problem("the table is of a larger disk; this one is cut short");
         return Get64(&header[kGptMyLba]) == lba && low >= 2 && low <= high && high < sectors_;
     }
 

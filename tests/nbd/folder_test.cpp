@@ -1,5 +1,6 @@
 // What may become a machine, and what is said of everything else.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include "machine/partition/formatter.h"
 #include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
@@ -37,6 +38,17 @@ TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
     ASSERT_TRUE(machine::CreateDisk(large, error)) << error;
     EXPECT_EQ(nbd::CheckImage(large.path).sectorBytes, 4096u);
 
+    // A table that counts in sectors says nothing of their size; the file systems do.
+    large.path = scratch.File("large mbr");
+    large.table = machine::TableKind::Mbr;
+    ASSERT_TRUE(machine::CreateDisk(large, error)) << error;
+    EXPECT_EQ(nbd::CheckImage(large.path).sectorBytes, 4096u);
+    EXPECT_EQ(nbd::CheckImage(large.path, 512).sectorBytes, 512u);
+    std::filesystem::create_hard_link(large.path, scratch.File("link"));
+    std::filesystem::copy_file(scratch.File("large"), scratch.File("cut"));
+    std::filesystem::resize_file(scratch.File("cut"), 16 * kMiB);
+    ASSERT_EQ(mkfifo(scratch.File("pipe").c_str(), 0600), 0);
+
     const std::string rest(2 * kMiB, '\0');
     const struct {
         std::vector<std::string> images;
@@ -50,7 +62,10 @@ TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
         {{file("odd", std::string(2 * kMiB + 100, '\0'))}, "no whole number of sectors"},
         {{file("blank", rest)}, "neither a partition table nor a file system"},
         {{scratch.Path()}, "Is a directory"},
-        {{large.path, large.path}, "named twice"},
+        {{large.path, scratch.File("link")}, "named twice"},
+        {{large.path, scratch.File("pipe")}, "neither a file nor a block device"},
+        {{scratch.File("cut")}, "cut short"},
+        {{file("two\nlines", rest)}, "control characters"},
     };
     for (const auto& row : table)
         EXPECT_NE(RefusalOf(scratch, row.images).find(row.reason), std::string::npos) << row.reason;

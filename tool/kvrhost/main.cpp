@@ -90,6 +90,10 @@ private:
                              ""))
                          ->type_name("SIZE")
                          ->excludes(images);
+        create->add_option("--sector-size", machine_.sectorBytes, "The images' sectors: 512 or 4096 bytes")
+            ->check(CLI::IsMember({512u, 4096u}))
+            ->type_name("BYTES")
+            ->needs(images);
         create
             ->add_option("--fs", machine_.fileSystem, "Its volumes' file system: ntfs (default), ext4 or none")
             ->transform(CLI::CheckedTransformer(kFileSystems))

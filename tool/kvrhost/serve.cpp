@@ -185,6 +185,8 @@ void PrintLinesToPaste(const MachineFolder& folder) {
 // Throws Error when it refuses. What it says beside its answer.
 std::string Ask(const MachineFolder& folder, Command command) {
     posix::File socket = wire::ConnectToServer(folder.path);
+    if (!socket.IsOpen() && (errno == EACCES || errno == EPERM))
+        throw Error("the machine in " + folder.path + " belongs to another user");
     if (!socket.IsOpen()) throw Error("the machine in " + folder.path + " is not being served");
     wire::Response response;
     if (!wire::Channel(std::move(socket)).Call({command, 0, {}, 0}, response))
@@ -242,6 +244,8 @@ int Stop(const std::string& path) {
 int ShowLog(const std::string& path, bool follow) {
     const MachineFolder folder = MachineFolder::Read(path);
     std::ifstream log(folder.File(nbd::kLogFile));
+    if (!log && access(folder.File(nbd::kLogFile).c_str(), F_OK) == 0)
+        throw Error("the log of " + folder.path + " cannot be read: " + std::strerror(errno));
     if (!log) throw Error("the machine in " + folder.path + " has no log; it was never served");
     for (;;) {
         if (log.peek() != std::ifstream::traits_type::eof()) std::cout << log.rdbuf() << std::flush;
