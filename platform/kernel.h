@@ -13,6 +13,10 @@
 //   KvrFastFail(code)         stops the system at once; does not return.
 //   KvrCurrentThread()        the current thread's object, unreferenced.
 //   KvrThreadObjectType()     the object type to name when a thread handle is turned into an object.
+//   KvrAnnounceHold(mutex)    from here to the release others may wait for this thread as they would for who
+//   KvrAnnounceRelease(mutex) holds that fast mutex, which it does not itself: for a kernel that checks the
+//                             order of locks, such as the host kernel; nothing elsewhere. The same thread at
+//                             the same IRQL, at most APC_LEVEL.
 //   KVR_CAPABILITY, KVR_SCOPED, KVR_GUARDED_BY, KVR_ACQUIRE, KVR_RELEASE, KVR_REQUIRES, KVR_NO_ANALYSIS
 //                             thread-safety annotations; they say something to the analysing compiler of
 //                             the host build and nothing elsewhere.

@@ -64,3 +64,5 @@ template <class Body>
 [[noreturn]] void KvrFastFail(ULONG code);
 PKTHREAD KvrCurrentThread();
 POBJECT_TYPE KvrThreadObjectType();
+inline void KvrAnnounceHold(PFAST_MUTEX) {}
+inline void KvrAnnounceRelease(PFAST_MUTEX) {}

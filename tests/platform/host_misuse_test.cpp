@@ -70,6 +70,16 @@ const Misuse misuses[] = {
          host::SetLockRank(&fastA, 3, "inner"), host::SetLockRank(&fastB, 2, "middle");
          Acquire(&fastA), Acquire(&fastB);
      }},
+    {"middle .rank 2. acquired while inner .rank 3. is held",
+     [] {
+         host::SetLockRank(&fastA, 3, "inner"), host::SetLockRank(&fastB, 2, "middle");
+         KvrAnnounceHold(&fastA), Acquire(&fastB);
+     }},
+    {"middle .rank 2. acquired while inner .rank 3. is held",
+     [] {
+         host::SetLockRank(&fastA, 3, "inner"), host::SetLockRank(&fastB, 2, "middle");
+         Acquire(&fastA), KvrAnnounceHold(&fastB);
+     }},
     {"swap .rank 4. acquired while cache",
      [] {
          host::SetLockRank(&kernelA, 4, "cache"), host::SetLockRank(&fastA, 4, "swap");

@@ -26,3 +26,5 @@ inline PKTHREAD KvrCurrentThread() {
     return KeGetCurrentThread();
 }
 POBJECT_TYPE KvrThreadObjectType();
+void KvrAnnounceHold(PFAST_MUTEX mutex);
+void KvrAnnounceRelease(PFAST_MUTEX mutex);

@@ -4,6 +4,7 @@
 #include "platform/host/sync/futex.h"
 #include "platform/host/sync/lock_order.h"
 #include "platform/host/nt/ntex.h"
+#include "platform/host/nt/seam.h"
 #include "platform/host/check/verifier.h"
 
 namespace {
@@ -75,6 +76,16 @@ void ExReleaseFastMutex(PFAST_MUTEX mutex) KVR_NO_ANALYSIS {
     // The address only from here on: the next owner may free the mutex.
     std::atomic<LONG>* word = &mutex->State;
     if (word->exchange(kFree, std::memory_order_release) == kHeldContended) futex::WakeOne(word);
+}
+
+void KvrAnnounceHold(PFAST_MUTEX mutex) {
+    KTHREAD& thread = *CurrentThread();
+    CheckLockOrder(thread, mutex->Rank, mutex->Name);
+    PushLock(thread, mutex, mutex->Rank, mutex->Name, PASSIVE_LEVEL);
+}
+
+void KvrAnnounceRelease(PFAST_MUTEX mutex) {
+    PopLock(*CurrentThread(), mutex, "KvrAnnounceRelease");
 }
 
 void KeInitializeSpinLock(PKSPIN_LOCK lock) {
