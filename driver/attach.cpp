@@ -2,6 +2,7 @@
 #include "driver/attach.h"
 #include "driver/record/requests.h"
 #include "driver/record/volume_list.h"
+#include "redirect/write_order.h"
 #include "swap/swap.h"
 
 namespace {
@@ -24,6 +25,7 @@ void CompleteRecord(PVOLUME_EXTENSION volume, PDEVICE_OBJECT filter) {
     volume->FilterDevice = filter;
     volume->VolumeName = {0, sizeof(volume->VolumeNameBuffer), volume->VolumeNameBuffer};
     ExInitializeFastMutex(&volume->SwapLock);
+    InitWriteOrder(volume);
     InitSwapMaps(volume);
 }
 

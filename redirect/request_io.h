@@ -5,6 +5,7 @@
 #pragma once
 #include "driver/record/sector_io.h"
 #include "redirect/segments.h"
+#include "redirect/write_order.h"
 #include "swap/swap_file.h"
 
 // Serves a read from the volume and the swap, or passes it down when the swap has no part in it. The request is
@@ -13,9 +14,10 @@
 // Writes the request's data to the swap and completes the request: with success all new space is committed
 // (`bVolatile` 1: until the next boot only), otherwise none. STATUS_INVALID_PARAMETER for an offset inside a
 // sector and for a buffer that cannot be mapped; STATUS_MEDIA_WRITE_PROTECTED when there is no swap space for
-// it.
-[[nodiscard]] NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile);
-// The same for `length` bytes of a kernel buffer at byte `offset`, without a request.
+// it. `place` is the request's; it is left when the outcome is recorded, before the request is completed.
+[[nodiscard]] NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile,
+                                     WritePlace* place);
+// The same for `length` bytes of a kernel buffer at byte `offset`, without a request; takes a place of its own.
 [[nodiscard]] NTSTATUS WriteSectorsFromBuffer(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length,
                                               const LARGE_INTEGER* offset);
 

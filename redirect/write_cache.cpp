@@ -101,7 +101,7 @@ NTSTATUS TakeData(PVOLUME_EXTENSION volume, PIRP request, CACHING* caching) {
 
 }  // namespace
 
-NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request) {
+NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request, WritePlace* place) {
     const ULONG length = IoGetCurrentIrpStackLocation(request)->Parameters.Write.Length;
     CACHING caching;
     // Page locking may raise. The exception ends here, as the request's status: whoever called holds the
@@ -112,6 +112,7 @@ NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request) {
                            caching.Pages.Unlock();
                            caching.Data.Reset();
                        });
+    place->Leave();
     const ULONG_PTR taken = BytesOf(status, length);
     if (request->UserIosb) {
         request->UserIosb->Status = status;

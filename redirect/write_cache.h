@@ -3,6 +3,7 @@
 // its way. A CacheLock guards one list operation at a time, a FlushLock (taken before it) the writing of
 // entries. IRQL: PASSIVE_LEVEL.
 #pragma once
+#include "redirect/write_order.h"
 #include "swap/swap_file.h"
 
 struct WRITE_CACHE_ENTRY {
@@ -14,8 +15,9 @@ struct WRITE_CACHE_ENTRY {
 };
 
 // Queues the request's data and completes the request. A buffer that cannot be locked fails it with the
-// exception's status, one that cannot be mapped, or no pool, with STATUS_INSUFFICIENT_RESOURCES.
-[[nodiscard]] NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request);
+// exception's status, one that cannot be mapped, or no pool, with STATUS_INSUFFICIENT_RESOURCES. `place` is the
+// request's; it is left when the data is queued, before the request is completed.
+[[nodiscard]] NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request, WritePlace* place);
 // Queues a copy of `length` bytes of a kernel buffer for byte `offset` of the volume. STATUS_NO_SUCH_DEVICE for
 // a volume without storage, STATUS_INSUFFICIENT_RESOURCES without pool.
 [[nodiscard]] NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer,

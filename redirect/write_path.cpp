@@ -147,11 +147,14 @@ void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
 NTSTATUS Redirect(const WRITE_REQUEST& write) {
     PVOLUME_EXTENSION volume = write.Volume;
     KVR_DISCARD(FlushWriteCache(volume), "what stays in the queue makes this write join it");
+    // Both leave the place. A write that joins the queue has joined it by then, so the next one over its range
+    // finds the queue not empty.
+    WritePlace place(volume, &write.Offset, write.Length);
     NTSTATUS status = STATUS_SUCCESS;
     if (IsWriteCacheEmpty(volume->SwapFile))
-        status = WriteSegments(volume, write.Request, IsSystemHive(write) ? 1 : 0);
+        status = WriteSegments(volume, write.Request, IsSystemHive(write) ? 1 : 0, &place);
     else
-        status = CacheWriteRequest(volume, write.Request);
+        status = CacheWriteRequest(volume, write.Request, &place);
     SaveMapWhenDue(volume);
     return status;
 }

@@ -10,6 +10,7 @@ struct WRITE_CALL {
     PVOLUME_EXTENSION volume;
     PIRP request;  // null for a buffer of the write cache
     ULONG bVolatile;
+    WritePlace* place;
     SEGMENT* list = nullptr;
     RequestPages pages{};
     PoolPtr<UCHAR> copy{};
@@ -87,6 +88,7 @@ NTSTATUS WriteBufferBody(WRITE_CALL& call, PVOID pBuffer, ULONG length, const LA
 
 void CleanUp(WRITE_CALL& call) {
     ReleaseSegmentChunks(call.volume, call.list, call.status == STATUS_SUCCESS, call.bVolatile);
+    call.place->Leave();
     call.copy.Reset();
     call.transfers.swap.Release();
     call.pages.Unlock();
@@ -94,8 +96,8 @@ void CleanUp(WRITE_CALL& call) {
 
 }  // namespace
 
-NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile) {
-    WRITE_CALL call{volume, request, bVolatile};
+NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile, WritePlace* place) {
+    WRITE_CALL call{volume, request, bVolatile, place};
     request->IoStatus.Status = STATUS_SUCCESS;
     request->IoStatus.Information = 0;
     const NTSTATUS status =
@@ -106,7 +108,8 @@ NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile) 
 NTSTATUS WriteSectorsFromBuffer(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length,
                                 const LARGE_INTEGER* offset) {
     DbgPrint("Kvr!WriteSectorsFromBuffer(%p) enter(%d)\n", buffer, KeGetCurrentIrql());
-    WRITE_CALL call{volume, nullptr, 0};
+    WritePlace place(volume, offset, length);
+    WRITE_CALL call{volume, nullptr, 0, &place};
     const NTSTATUS status = RunWithCleanup(
         [&] { return call.status = WriteBufferBody(call, buffer, length, offset); }, [&] { CleanUp(call); });
     DbgPrint("Kvr!WriteSectorsFromBuffer leave(%d) %x\n", KeGetCurrentIrql(), status);

@@ -7,8 +7,8 @@
 // for every request and thread that holds RemoveLock.
 //
 // Lock order, outermost first: a record's MapLoadMutex, gProvisionMutex, a record's StorageMutex, a storage
-// object's FlushLock, gSwapFileMutex, gVolumeListLock, gConfigWriteLock, a record's SwapLock. A CacheLock is
-// taken last and never held together with a SwapLock.
+// object's FlushLock, a place among the record's writes (WriteOrderLock), gSwapFileMutex, gVolumeListLock,
+// gConfigWriteLock, a record's SwapLock. A CacheLock is taken last and never held together with a SwapLock.
 // Fields that say "atomic" are read by the request paths without a lock; each is one machine word and its own
 // message.
 #pragma once
@@ -101,7 +101,9 @@ struct VOLUME_EXTENSION {
     IO_REMOVE_LOCK RemoveLock;                // held by requests and threads that use the record
     KMUTEX StorageMutex;                      // the handles of the held files
     KMUTEX MapLoadMutex;                      // one load of the map; who comes meanwhile waits
-    BOOLEAN MapLoading KVR_GUARDED_BY(MapLoadMutex);  // the owner itself came back during the load
+    BOOLEAN MapLoading KVR_GUARDED_BY(MapLoadMutex);           // the owner itself came back during the load
+    FAST_MUTEX WriteOrderLock;                                 // for one operation on the list at a time
+    LIST_ENTRY WritesUnderWay KVR_GUARDED_BY(WriteOrderLock);  // as they began: redirect/write_order.h
 };
 using PVOLUME_EXTENSION = VOLUME_EXTENSION*;
 

@@ -3,7 +3,9 @@
 //   KVR_MODEL_SEED=n  replays one seed      KVR_MODEL_OPERATIONS=n, KVR_LONG=1  run longer
 #include <cstdlib>
 #include <random>
+#include <thread>
 #include <gtest/gtest.h>
+#include "driver/record/hardening.h"
 #include "platform/host/sync/clock.h"
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"
@@ -23,6 +25,7 @@ struct Case {
     std::uint32_t sector;
     std::uint64_t swapMiB;
     machine::Completion completion;
+    bool hardened = false;
 };
 
 class ModelRun {
@@ -30,7 +33,10 @@ public:
     ModelRun(const Case& parameters, std::uint64_t seed)
         : random_(seed),
           swapBytes_(parameters.swapMiB * kMiB),
-          computer_({.dataSector = parameters.sector, .completion = parameters.completion}),
+          hardened_(parameters.hardened),
+          computer_({.dataSector = parameters.sector,
+                     .completion = parameters.completion,
+                     .hardened = parameters.hardened}),
           model_(kRegionBytes / parameters.sector, parameters.sector) {}
 
     void Run(unsigned operations) {
@@ -102,10 +108,17 @@ private:
         std::vector<std::uint8_t> data(count * sector);
         const std::uint64_t stamp = nextStamp_;
         nextStamp_ += count;
+        const auto put = [&] {
+            EXPECT_EQ(STATUS_SUCCESS,
+                      computer_.Hardware().Write(kDataVolume, kRegionBegin + first * sector, data.data(),
+                                                 static_cast<std::uint32_t>(data.size()), name));
+        };
+        // Now and then what is to be written changes while it is written already, and is written again.
+        std::thread older;
+        if (Pick(8) == 0) older = std::thread(put);
         for (std::uint64_t i = 0; i < count; ++i) FillSector(&data[i * sector], sector, stamp + i);
-        ASSERT_EQ(STATUS_SUCCESS,
-                  computer_.Hardware().Write(kDataVolume, kRegionBegin + first * sector, data.data(),
-                                             static_cast<std::uint32_t>(data.size()), name));
+        put();
+        if (older.joinable()) older.join();
         for (std::uint64_t i = 0; i < count; ++i) model_.Write(first + i, stamp + i, isVolatile);
         SaveIfDue();
     }
@@ -134,6 +147,7 @@ private:
 
     void Boot() {
         ASSERT_EQ(STATUS_SUCCESS, computer_.Hardware().PowerOn());
+        EXPECT_EQ(hardened_, gHardening != FALSE);
         lastSave_ = 0;
         ASSERT_NO_FATAL_FAILURE(CheckCounters());
         next_ = static_cast<NextBoot>(Pick(3));
@@ -167,6 +181,7 @@ private:
 
     std::mt19937_64 random_;
     std::uint64_t swapBytes_;
+    bool hardened_;
     ProtectedComputer computer_;
     VolumeModel model_;
     NextBoot next_ = NextBoot::Discard;
@@ -191,7 +206,8 @@ TEST_P(Model, EverySectorHoldsWhatItMust) {
 
 INSTANTIATE_TEST_SUITE_P(Volumes, Model,
                          testing::Values(Case{512, 80, machine::Completion::Immediate},
+                                         Case{512, 60, machine::Completion::Pended, true},
                                          Case{512, 60, machine::Completion::Pended},
-                                         Case{4096, 80, machine::Completion::Immediate}));
+                                         Case{4096, 80, machine::Completion::Immediate, true}));
 
 }  // namespace

@@ -327,6 +327,27 @@ TEST_F(Requests, FirstSectorOfAProtectedVolumesDiskIsRefused) {
     EXPECT_EQ(STATUS_SUCCESS, Send(record, IRP_MJ_READ, 0, back).status);
 }
 
+// It would wait for itself, or for a write that waits for it.
+TEST_F(Requests, AWriteFromWithinAWriteDoesNotWait) {
+    Protect();
+    ULONG transfers = 0;
+    std::thread waits;
+    device->verdict = [&](const StackMemory::Transfer& transfer) {
+        if (!transfer.isWrite || ++transfers != 1) return STATUS_SUCCESS;
+        waits = std::thread([&] { EXPECT_EQ(STATUS_SUCCESS, Write(volume, kAt + S, Bytes(2 * S, 3)).status); });
+        for (bool two = false; !two; std::this_thread::yield()) {
+            FastMutexLock lock(volume->WriteOrderLock);
+            two = volume->WritesUnderWay.Flink != volume->WritesUnderWay.Blink;
+        }
+        EXPECT_EQ(STATUS_SUCCESS, Write(volume, kAt, Bytes(3 * S, 2)).status);
+        return STATUS_SUCCESS;
+    };
+    EXPECT_EQ(STATUS_SUCCESS, Write(volume, kAt, Bytes(2 * S, 1)).status);
+    waits.join();
+    EXPECT_EQ(Bytes(S, 2), Read(kAt, S));
+    EXPECT_EQ(Bytes(2 * S, 3), Read(kAt + S, 2 * S));
+}
+
 TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
     Protect();
     host::SetSystemTime(host::TimeOf(2026, 5, 4));

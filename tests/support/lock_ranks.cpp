@@ -19,6 +19,7 @@ void RankGlobalLocks() {
 void RankRecordLocks(PVOLUME_EXTENSION volume) {
     host::SetLockRank(&volume->MapLoadMutex, 10, "MapLoadMutex");
     host::SetLockRank(&volume->StorageMutex, 30, "StorageMutex");
+    host::SetLockRank(&volume->WriteOrderLock, 45, "a place among the writes");
     host::SetLockRank(&volume->SwapLock, 80, "SwapLock");
 }
 

@@ -116,6 +116,15 @@ void ProtectedComputer::Build() {
     machine_ = std::make_unique<Machine>(std::move(machine));
     systemFiles_->FollowPower(&machine_->Power());
     dataFiles_->FollowPower(&machine_->Power());
+    if (options_.hardened) Harden();
+}
+
+void ProtectedComputer::Harden() {
+    constexpr char16_t key[] = u"\\Registry\\Machine\\System\\kvr";
+    RegistryFile& registry = machine_->Registry();
+    EXPECT_EQ(STATUS_SUCCESS, registry.CreateKey(key));
+    EXPECT_EQ(STATUS_SUCCESS, registry.Set(key, u"Hardening", {REG_DWORD, {1, 0, 0, 0}}));
+    EXPECT_EQ(STATUS_SUCCESS, registry.Flush());
 }
 
 ProtectedComputer::~ProtectedComputer() {

@@ -43,6 +43,7 @@ struct ComputerOptions {
     std::uint64_t gap = 0;
     // Mounts on the data volume in the place of scripted files.
     machine::FileSystemFactory dataFileSystem = {};
+    bool hardened = false;  // the registry's Hardening, from the first boot on
 };
 ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
 
@@ -87,6 +88,7 @@ public:
 
 private:
     void Build();
+    void Harden();
 
     ComputerOptions options_;
     std::shared_ptr<machine::MemoryDisk> systemDisk_;

@@ -111,6 +111,7 @@ NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
         control.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
         return TellExtents(ram, irp, control.OutputBufferLength);
     ++ram->Arrived[location->MajorFunction];
+    if (const auto call = ram->BeforeWrite.load(); call && location->MajorFunction == IRP_MJ_WRITE) call();
     switch (location->MajorFunction) {
         case IRP_MJ_READ:
         case IRP_MJ_WRITE:

@@ -21,6 +21,7 @@ struct RamDevice {
     std::atomic<ULONG> FailReadIn;
     std::atomic<ULONG> FailWriteIn;
     std::atomic<NTSTATUS> FailStatus;
+    std::atomic<void (*)()> BeforeWrite;  // called as a write arrives, in its thread; null: nothing is
 };
 
 struct RamOptions {

@@ -1,4 +1,5 @@
 #include "tests/second_kernel/common/work.h"
+#include <mutex>
 #include <random>
 #include <thread>
 #include "tests/second_kernel/common/completer.h"
@@ -69,42 +70,25 @@ void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
     }
 }
 
-ULONG SharedSeed(const Shift* shift, ULONG index) {
-    return shift->seed + 1000 + index;
-}
-
-// All threads write the same bytes at once.
-void WriteShared(const Shift* shift, ULONG index, PUCHAR buffer) {
+// All threads change the same bytes and write them from where they stand, as a system does with the pages of
+// its cache. Who changed them last wrote them afterwards, so in the end the volume has them as the model does.
+void WriteShared(const Shift* shift, ULONG index) {
+    static std::mutex change;
     constexpr LONGLONG offset = LONGLONG{kSlices} * kSliceBytes;
-    FillPattern(buffer, kSharedBytes, offset, SharedSeed(shift, index));
-    stage::CheckStatus(WriteAt(TopOfData(shift->computer), offset, buffer, kSharedBytes), STATUS_SUCCESS,
-                       "a write that others overlap");
+    for (ULONG round = 0; round < kRounds; ++round) {
+        {
+            const std::lock_guard hold(change);
+            FillPattern(Model() + offset, kSharedBytes, offset, shift->seed + 1000 + round * kSlices + index);
+        }
+        stage::CheckStatus(WriteAt(TopOfData(shift->computer), offset, Model() + offset, kSharedBytes),
+                           STATUS_SUCCESS, "a write that others overlap");
+    }
 }
 
 void WorkShift(const Shift* shift, ULONG index) {
-    Bytes buffer(kSharedBytes > kMostSectorsAtOnce * 4096 ? kSharedBytes : kMostSectorsAtOnce * 4096);
-    WriteShared(shift, index, buffer.data());
+    Bytes buffer(kMostSectorsAtOnce * 4096);
     WorkOnSlice(shift, index, buffer.data());
-}
-
-bool IsOneOfWriters(const Shift* shift, const UCHAR* bytes, ULONG sector, LONGLONG offset) {
-    for (ULONG i = 0; i < kSlices; ++i)
-        if (IsPattern(bytes, sector, static_cast<ULONGLONG>(offset), SharedSeed(shift, i))) return true;
-    return false;
-}
-
-// Each sector holds what one of the threads wrote; which one, the model learns from it.
-void LearnShared(const Shift* shift) {
-    constexpr LONGLONG offset = LONGLONG{kSlices} * kSliceBytes;
-    Bytes buffer(kSharedBytes);
-    stage::CheckStatus(ReadAt(TopOfData(shift->computer), offset, buffer.data(), kSharedBytes), STATUS_SUCCESS,
-                       "a read of what several wrote");
-    const ULONG sector = shift->computer->Options.DataSector;
-    for (ULONG at = 0; at < kSharedBytes; at += sector)
-        stage::Check(IsOneOfWriters(shift, buffer.data() + at, sector, offset + at),
-                     "each sector holds the data of one of its writers", at);
-    std::memcpy(Model() + offset, buffer.data(), kSharedBytes);
-    NoteRedirected(shift->computer, offset, kSharedBytes);
+    WriteShared(shift, index);
 }
 
 bool IsHeld(const PlayedFile* file) {
@@ -149,13 +133,16 @@ void ForgetModel(Computer* computer) {
 void WorkTogether(Computer* computer, ULONG seed) {
     const Shift shift = {computer, seed};
     {
-        const PendedCompletions pend(kSlices);  // the shared writes all take space before one of them ends
+        const PendedCompletions pend(
+            kSlices);  // a write of each thread has taken space before one of them ends
         std::vector<std::thread> threads;
         for (ULONG i = 0; i < kSlices; ++i) threads.emplace_back(WorkShift, &shift, i);
         for (std::thread& thread : threads) thread.join();
     }
     stage::Check(PendedRequests() > kSlices * kRounds, "lower completions pended", PendedRequests());
-    LearnShared(&shift);
+    NoteRedirected(computer, LONGLONG{kSlices} * kSliceBytes, kSharedBytes);
+    Bytes buffer(kSharedBytes);
+    ReadOnce(computer, LONGLONG{kSlices} * kSliceBytes, kSharedBytes, buffer.data());
 }
 
 void WriteWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed) {

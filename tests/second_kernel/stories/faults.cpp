@@ -1,6 +1,8 @@
 // Memory, requests, page locks and the device that fail, one call after the other, in the course of a request:
 // it ends, nothing is leaked, the volume's own sectors stay as they are and what was redirected earlier can be
-// read.
+// read. And a page that changes while it is written, and is written again.
+#include <chrono>
+#include <thread>
 #include "platform/host/check/injector.h"
 #include "tests/second_kernel/common/completer.h"
 #include "tests/second_kernel/common/work.h"
@@ -140,6 +142,63 @@ void TryRequests(Computer* computer) {
     }
 }
 
+// ---- a page that is written again while it is written ----------------------------------------------------
+
+// The older write's first transfer makes the newer one begin. At worst the newer one is done when the older one
+// goes on, and redirected what that has still to place; or it is kept until the older one has recorded its
+// space.
+struct LivePage {
+    PDEVICE_OBJECT Top;
+    LONGLONG At;
+    ULONG Seed;
+    bool KeepsNewer;
+    Bytes Data;
+    std::atomic<ULONG> Transfers;
+    std::atomic<bool> OlderDone, NewerDone;
+    std::thread Newer;
+};
+LivePage gPage;
+
+void WriteNewer() {
+    stage::CheckStatus(WriteAt(gPage.Top, gPage.At, gPage.Data.data(), kStretch), STATUS_SUCCESS,
+                       "the newer write");
+    gPage.NewerDone = true;
+}
+
+// For a moment at most, since a driver that keeps the order lets none of this come.
+void WaitFor(bool (*happened)()) {
+    for (ULONG i = 0; i < 300 && !happened(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+}
+
+void OnTransfer() {
+    const ULONG transfer = ++gPage.Transfers;
+    if (transfer == 1) {
+        FillPattern(gPage.Data.data(), kStretch, static_cast<ULONGLONG>(gPage.At), gPage.Seed);
+        gPage.Newer = std::thread(WriteNewer);
+        WaitFor(gPage.KeepsNewer ? [] { return gPage.Transfers > 1; } : [] { return gPage.NewerDone.load(); });
+    } else if (transfer == 2 && gPage.KeepsNewer) {
+        WaitFor([] { return gPage.OlderDone.load(); });
+    }
+}
+
+void WriteTwice(Computer* computer, bool keepsNewer) {
+    stage::Step(keepsNewer ? "the older write ends first" : "the newer write overtakes the older one");
+    gPage.Top = TopOfData(computer);
+    gPage.KeepsNewer = keepsNewer;
+    gPage.Seed = 300 + gSlot;
+    gPage.At = NextSlot(computer, gPage.Seed);
+    gPage.Data.assign(kStretch, 0x11);
+    gPage.Transfers = 0;
+    gPage.OlderDone = gPage.NewerDone = false;
+    RamOf(computer->Data)->BeforeWrite = OnTransfer;
+    stage::CheckStatus(WriteAt(gPage.Top, gPage.At, gPage.Data.data(), kStretch), STATUS_SUCCESS,
+                       "the older write");
+    gPage.OlderDone = true;
+    gPage.Newer.join();
+    RamOf(computer->Data)->BeforeWrite = nullptr;
+    LearnWork(computer, gPage.At, kStretch, gPage.Seed, STATUS_SUCCESS, false);
+}
+
 // ---- the boots -------------------------------------------------------------------------------------------
 
 void Make() {
@@ -177,6 +236,7 @@ void Use() {
     if (stage::Failed()) return;
     gSlot = 0;
     TryRequests(computer);
+    for (const bool keepsNewer : {false, true}) WriteTwice(computer, keepsNewer);
     stage::Step("after all the faults");
     CheckThroughStack(computer);
     CheckOwnSectors(computer);
