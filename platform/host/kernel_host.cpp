@@ -21,7 +21,7 @@ LeakReport PowerOff() {
     const LeakReport report = CountLeaks();
     CloseAllHandles();
     DropProgramFiles();
-    DropShutdownList();
+    DropShutdownLists();
     ResetNamespace();
     DropAllDevices();
     DropAllDrivers();

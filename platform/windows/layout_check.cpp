@@ -78,6 +78,8 @@ LIES_AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.InputBufferLength, 0x10);
 LIES_AT(IO_STACK_LOCATION, Parameters.DeviceIoControl.IoControlCode, 0x18);
 LIES_AT(IO_STACK_LOCATION, Parameters.Power.Type, 0x10);
 LIES_AT(IO_STACK_LOCATION, Parameters.Power.State, 0x18);
+LIES_AT(IO_STACK_LOCATION, Parameters.UsageNotification.InPath, 0x08);
+LIES_AT(IO_STACK_LOCATION, Parameters.UsageNotification.Type, 0x10);
 LIES_AT(IO_STACK_LOCATION, DeviceObject, 0x28);
 LIES_AT(IO_STACK_LOCATION, FileObject, 0x30);
 LIES_AT(IO_STACK_LOCATION, CompletionRoutine, 0x38);

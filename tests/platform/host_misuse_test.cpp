@@ -91,6 +91,16 @@ const Misuse misuses[] = {
          std::thread([] { KeReleaseMutex(&kernelA, FALSE); }).join();
      }},
     {"on a mutex called at IRQL 1", [] { Acquire(&fastA), (void)Wait(&kernelA); }},
+    {"last chance: ZwFlushKey is pageable",
+     [] {
+         KeGetCurrentThread()->IsAtLastChance = true;
+         (void)ZwFlushKey(nullptr);
+     }},
+    {"last chance: ExAllocatePoolWithTag of paged pool",
+     [] {
+         KeGetCurrentThread()->IsAtLastChance = true;
+         (void)ExAllocatePoolWithTag(PagedPool, 8, Tag);
+     }},
     {"which it already holds", [] { KeAcquireSpinLockRaiseToDpc(&spin), KeAcquireSpinLockRaiseToDpc(&spin); }},
     {"released that is not held",
      [] {

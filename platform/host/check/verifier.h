@@ -17,6 +17,9 @@ void SetViolationHandler(ViolationHandler handler);
 
 // Stops unless `current` <= `highest`; `routine` is the caller's name.
 void RequireIrql(const char* routine, KIRQL highest);
+// The same for what is pageable or needs files: it also stops while this thread serves a last-chance shutdown
+// notification, when file systems and the paging file are gone.
+void RequirePageable(const char* routine, KIRQL highest);
 
 // RtlAssert prints, counts and goes on. Tests demand that the count stays 0.
 ULONG AssertionCount();

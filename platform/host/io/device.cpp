@@ -191,7 +191,7 @@ PDEVICE_OBJECT IoGetLowerDeviceObject(PDEVICE_OBJECT device) {
 
 NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT device, DEVICE_REGISTRY_PROPERTY property, ULONG length,
                              PVOID buffer, PULONG resultLength) {
-    RequireIrql("IoGetDeviceProperty", PASSIVE_LEVEL);
+    host::RequirePageable("IoGetDeviceProperty", PASSIVE_LEVEL);
     CheckDevice(device, "IoGetDeviceProperty");
     *resultLength = 0;
     if (!device->Host->HasProperties) return STATUS_INVALID_DEVICE_REQUEST;
@@ -206,7 +206,7 @@ NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT device, DEVICE_REGISTRY_PROPERTY pro
 }
 
 NTSTATUS ObQueryNameString(PVOID object, POBJECT_NAME_INFORMATION info, ULONG length, PULONG returnLength) {
-    RequireIrql("ObQueryNameString", PASSIVE_LEVEL);
+    host::RequirePageable("ObQueryNameString", PASSIVE_LEVEL);
     std::u16string_view name;
     if (host::TypeOf(object) == host::ObjectType::Device)
         name = static_cast<PDEVICE_OBJECT>(object)->Host->Name;

@@ -53,9 +53,16 @@ PDEVICE_OBJECT TopOfStack(PDEVICE_OBJECT device);
 [[nodiscard]] NTSTATUS SendPnp(PDEVICE_OBJECT device, UCHAR minor);
 [[nodiscard]] NTSTATUS SendPower(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE_TYPE type, POWER_STATE state);
 
+// A paging file, or what else `type` says, comes to the device (`inPath`) or goes from it.
+[[nodiscard]] NTSTATUS SendUsage(PDEVICE_OBJECT device, DEVICE_USAGE_NOTIFICATION_TYPE type, bool inPath);
+
 // Sends IRP_MJ_SHUTDOWN to every registered device, the last registered first. Each registration is dropped
 // before its request is sent, so a handler may unregister and delete its device.
 void NotifyShutdown();
+// The same for those registered for the last chance, under its rule: what is pageable or needs files stops.
+void NotifyLastChance();
+// What some file systems send down their volume's stack as they end. IRQL: PASSIVE_LEVEL.
+[[nodiscard]] NTSTATUS SendShutdown(PDEVICE_OBJECT device);
 
 // Devices that exist, deleted ones that are still referenced included.
 ULONG DeviceCount();

@@ -6,6 +6,7 @@
 #include "platform/host/object/object.h"
 #include "platform/host/io/request.h"
 #include "platform/host/check/verifier.h"
+#include "platform/host/sync/thread.h"
 
 // Drivers, and what the managers for Plug and Play, power and shutdown do with devices.
 
@@ -20,7 +21,10 @@ struct DriverBody {
 };
 
 std::vector<PDRIVER_OBJECT> gDrivers KVR_GUARDED_BY(gDeviceLock);
-std::vector<PDEVICE_OBJECT> gShutdownList KVR_GUARDED_BY(gDeviceLock);  // referenced, in order of registration
+// Referenced, in order of registration.
+using ShutdownList = std::vector<PDEVICE_OBJECT>;
+ShutdownList gShutdownList KVR_GUARDED_BY(gDeviceLock);
+ShutdownList gLastChanceList KVR_GUARDED_BY(gDeviceLock);
 
 NTSTATUS RefuseRequest(PDEVICE_OBJECT, PIRP irp) {
     irp->IoStatus.Status = STATUS_INVALID_DEVICE_REQUEST;
@@ -52,12 +56,29 @@ NTSTATUS SendToTop(PDEVICE_OBJECT device, UCHAR major, UCHAR minor, NTSTATUS ini
     return sync.Call(top.get()).status;
 }
 
-PDEVICE_OBJECT TakeLastRegistered() {
+PDEVICE_OBJECT TakeLastRegistered(ShutdownList& list) {
     const HostGuard guard(gDeviceLock);
-    if (gShutdownList.empty()) return nullptr;
-    PDEVICE_OBJECT device = gShutdownList.back();
-    gShutdownList.pop_back();
+    if (list.empty()) return nullptr;
+    PDEVICE_OBJECT device = list.back();
+    list.pop_back();
     return device;
+}
+
+void Register(const char* routine, PDEVICE_OBJECT device, ShutdownList& list) {
+    RequirePageable(routine, PASSIVE_LEVEL);
+    CheckDevice(device, routine);
+    ObfReferenceObject(device);
+    const HostGuard guard(gDeviceLock);
+    list.push_back(device);
+    device->Flags |= DO_SHUTDOWN_REGISTERED;
+}
+
+// The platform goes on with its shutdown whatever a driver answers.
+void Notify(ShutdownList& list) {
+    while (PDEVICE_OBJECT device = TakeLastRegistered(list)) {
+        ObjectRef<DEVICE_OBJECT> reference(device);
+        (void)SendShutdown(device);
+    }
 }
 
 }  // namespace
@@ -112,6 +133,14 @@ NTSTATUS SendPnp(PDEVICE_OBJECT device, UCHAR minor) {
     return SendToTop(device, IRP_MJ_PNP, minor, STATUS_NOT_SUPPORTED, [](IO_STACK_LOCATION&) {});
 }
 
+NTSTATUS SendUsage(PDEVICE_OBJECT device, DEVICE_USAGE_NOTIFICATION_TYPE type, bool inPath) {
+    return SendToTop(device, IRP_MJ_PNP, IRP_MN_DEVICE_USAGE_NOTIFICATION, STATUS_NOT_SUPPORTED,
+                     [&](IO_STACK_LOCATION& next) {
+                         next.Parameters.UsageNotification.InPath = inPath;
+                         next.Parameters.UsageNotification.Type = type;
+                     });
+}
+
 NTSTATUS SendPower(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE_TYPE type, POWER_STATE state) {
     return SendToTop(device, IRP_MJ_POWER, minor, STATUS_NOT_SUPPORTED, [&](IO_STACK_LOCATION& next) {
         next.Parameters.Power.Type = type;
@@ -119,16 +148,24 @@ NTSTATUS SendPower(PDEVICE_OBJECT device, UCHAR minor, POWER_STATE_TYPE type, PO
     });
 }
 
-void NotifyShutdown() {
-    while (PDEVICE_OBJECT device = TakeLastRegistered()) {
-        ObjectRef<DEVICE_OBJECT> reference(device);
-        // The platform goes on with its shutdown whatever a driver answers.
-        (void)SendToTop(device, IRP_MJ_SHUTDOWN, 0, STATUS_SUCCESS, [](IO_STACK_LOCATION&) {});
-    }
+NTSTATUS SendShutdown(PDEVICE_OBJECT device) {
+    return SendToTop(device, IRP_MJ_SHUTDOWN, 0, STATUS_SUCCESS, [](IO_STACK_LOCATION&) {});
 }
 
-void DropShutdownList() {
-    while (PDEVICE_OBJECT device = TakeLastRegistered()) ObfDereferenceObject(device);
+void NotifyShutdown() {
+    Notify(gShutdownList);
+}
+
+void NotifyLastChance() {
+    bool& atLastChance = KeGetCurrentThread()->IsAtLastChance;
+    atLastChance = true;
+    Notify(gLastChanceList);
+    atLastChance = false;
+}
+
+void DropShutdownLists() {
+    for (ShutdownList* list : {&gShutdownList, &gLastChanceList})
+        while (PDEVICE_OBJECT device = TakeLastRegistered(*list)) ObfDereferenceObject(device);
 }
 
 void DropAllDrivers() {
@@ -143,22 +180,22 @@ void DropAllDrivers() {
 }  // namespace host
 
 NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device) {
-    host::RequireIrql("IoRegisterShutdownNotification", PASSIVE_LEVEL);
-    host::CheckDevice(device, "IoRegisterShutdownNotification");
-    ObfReferenceObject(device);
-    const host::HostGuard guard(host::gDeviceLock);
-    host::gShutdownList.push_back(device);
-    device->Flags |= DO_SHUTDOWN_REGISTERED;
+    host::Register("IoRegisterShutdownNotification", device, host::gShutdownList);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device) {
+    host::Register("IoRegisterLastChanceShutdownNotification", device, host::gLastChanceList);
     return STATUS_SUCCESS;
 }
 
 void IoUnregisterShutdownNotification(PDEVICE_OBJECT device) {
-    host::RequireIrql("IoUnregisterShutdownNotification", APC_LEVEL);
+    host::RequirePageable("IoUnregisterShutdownNotification", APC_LEVEL);
     host::CheckDevice(device, "IoUnregisterShutdownNotification");
     SIZE_T registrations = 0;
     {
         const host::HostGuard guard(host::gDeviceLock);
-        registrations = std::erase(host::gShutdownList, device);
+        registrations = std::erase(host::gShutdownList, device) + std::erase(host::gLastChanceList, device);
         device->Flags &= ~DO_SHUTDOWN_REGISTERED;
     }
     for (; registrations > 0; --registrations) ObfDereferenceObject(device);

@@ -12,7 +12,7 @@ namespace host {
 extern HostLock gDeviceLock;
 
 void DropProgramFiles();
-void DropShutdownList();
+void DropShutdownLists();
 void DropAllDevices();
 void DropAllDrivers();
 

@@ -117,7 +117,7 @@ PIRP IoBuildAsynchronousFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buf
 PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength,
                                    PVOID output, ULONG outputLength, BOOLEAN internal, PKEVENT event,
                                    PIO_STATUS_BLOCK iosb) {
-    host::RequireIrql("IoBuildDeviceIoControlRequest", PASSIVE_LEVEL);
+    host::RequirePageable("IoBuildDeviceIoControlRequest", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::BuildRequest)) return nullptr;
     PIRP irp = host::BuildControl(code, device, input, inputLength, output, outputLength,
                                   internal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL);

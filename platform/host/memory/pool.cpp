@@ -226,7 +226,10 @@ std::vector<PoolBalance> PoolReclaimAll() {
 using namespace host;
 
 PVOID ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
-    RequireIrql("ExAllocatePoolWithTag", type == PagedPool ? APC_LEVEL : DISPATCH_LEVEL);
+    if (type == PagedPool)
+        RequirePageable("ExAllocatePoolWithTag of paged pool", APC_LEVEL);
+    else
+        RequireIrql("ExAllocatePoolWithTag", DISPATCH_LEVEL);
     if (tag == 0) Violation("pool", "an allocation of %zu bytes without a tag", bytes);
     if (Refused(bytes)) return nullptr;
     PoolBlock* block = ObtainBlock(bytes, tag, ShardOfThread());

@@ -36,6 +36,7 @@ inline constexpr UCHAR IRP_MN_QUERY_REMOVE_DEVICE = 0x01;
 inline constexpr UCHAR IRP_MN_REMOVE_DEVICE = 0x02;
 inline constexpr UCHAR IRP_MN_CANCEL_REMOVE_DEVICE = 0x03;
 inline constexpr UCHAR IRP_MN_QUERY_CAPABILITIES = 0x09;
+inline constexpr UCHAR IRP_MN_DEVICE_USAGE_NOTIFICATION = 0x16;
 inline constexpr UCHAR IRP_MN_SET_POWER = 0x02;
 
 // ---- flags -------------------------------------------------------------------------------------------
@@ -154,9 +155,20 @@ struct DRIVER_OBJECT {
     PDRIVER_DISPATCH MajorFunction[IRP_MJ_MAXIMUM_FUNCTION + 1];
 };
 
-enum SYSTEM_POWER_STATE { PowerSystemUnspecified = 0, PowerSystemWorking = 1, PowerSystemShutdown = 6 };
+enum SYSTEM_POWER_STATE {
+    PowerSystemUnspecified = 0,
+    PowerSystemWorking = 1,
+    PowerSystemSleeping3 = 4,
+    PowerSystemShutdown = 6
+};
 enum DEVICE_POWER_STATE { PowerDeviceUnspecified = 0, PowerDeviceD0 = 1, PowerDeviceD3 = 4 };
 enum POWER_STATE_TYPE { SystemPowerState = 0, DevicePowerState = 1 };
+enum DEVICE_USAGE_NOTIFICATION_TYPE {
+    DeviceUsageTypeUndefined,
+    DeviceUsageTypePaging,
+    DeviceUsageTypeHibernation,
+    DeviceUsageTypeDumpFile
+};
 union POWER_STATE {
     SYSTEM_POWER_STATE SystemState;
     DEVICE_POWER_STATE DeviceState;
@@ -189,6 +201,11 @@ struct IO_STACK_LOCATION {
             alignas(8) POWER_STATE_TYPE Type;
             alignas(8) POWER_STATE State;
         } Power;
+        struct {
+            BOOLEAN InPath;
+            BOOLEAN Reserved[3];
+            alignas(8) DEVICE_USAGE_NOTIFICATION_TYPE Type;
+        } UsageNotification;
         struct {
             PVOID Argument1, Argument2, Argument3, Argument4;
         } Others;
@@ -250,7 +267,9 @@ enum DEVICE_REGISTRY_PROPERTY { DevicePropertyClassName = 5, DevicePropertyClass
 [[nodiscard]] NTSTATUS IoGetDeviceProperty(PDEVICE_OBJECT device, DEVICE_REGISTRY_PROPERTY property,
                                            ULONG length, PVOID buffer, PULONG resultLength);
 NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device);
-void IoUnregisterShutdownNotification(PDEVICE_OBJECT device);
+// After all file systems have ended: the handler may touch nothing pageable, no file and no registry.
+NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device);
+void IoUnregisterShutdownNotification(PDEVICE_OBJECT device);  // of both kinds
 
 // ---- requests ----------------------------------------------------------------------------------------
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN chargeQuota);

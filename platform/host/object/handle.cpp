@@ -101,14 +101,14 @@ void CloseAllHandles() {
 using namespace host;
 
 NTSTATUS ZwClose(HANDLE handle) {
-    RequireIrql("ZwClose", PASSIVE_LEVEL);
+    RequirePageable("ZwClose", PASSIVE_LEVEL);
     if (!CloseHandle(handle)) Violation("handle", "ZwClose of %p, which is not open", handle);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS ObReferenceObjectByHandle(HANDLE handle, ACCESS_MASK, POBJECT_TYPE type, KPROCESSOR_MODE,
                                    PVOID* object, PVOID) {
-    RequireIrql("ObReferenceObjectByHandle", PASSIVE_LEVEL);
+    RequirePageable("ObReferenceObjectByHandle", PASSIVE_LEVEL);
     *object = nullptr;
     ObjectRef<void> found(LookupHandle(handle));
     if (!found) return STATUS_INVALID_HANDLE;

@@ -182,14 +182,14 @@ void ResetNamespace() {
 }  // namespace host
 
 NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING link, PUNICODE_STRING target) {
-    host::RequireIrql("IoCreateSymbolicLink", PASSIVE_LEVEL);
+    host::RequirePageable("IoCreateSymbolicLink", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::CreateDevice)) return STATUS_INSUFFICIENT_RESOURCES;
     const host::HostGuard guard(host::gLock);
     return host::AddName(host::View(link), {nullptr, nullptr, std::u16string(host::View(target))});
 }
 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING link) {
-    host::RequireIrql("IoDeleteSymbolicLink", PASSIVE_LEVEL);
+    host::RequirePageable("IoDeleteSymbolicLink", PASSIVE_LEVEL);
     const host::HostGuard guard(host::gLock);
     const auto found = host::gNames.find(host::Upcase(host::Canonical(host::View(link))));
     if (found == host::gNames.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
@@ -199,7 +199,7 @@ NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING link) {
 }
 
 PKEVENT IoCreateNotificationEvent(PUNICODE_STRING name, PHANDLE handle) {
-    host::RequireIrql("IoCreateNotificationEvent", PASSIVE_LEVEL);
+    host::RequirePageable("IoCreateNotificationEvent", PASSIVE_LEVEL);
     PKEVENT event = host::NamedEvent(host::View(name));
     if (event != nullptr) *handle = host::InsertHandle(event);
     return event;

@@ -47,7 +47,7 @@ NTSTATUS Open(PHANDLE handle, FileOpen request, POBJECT_ATTRIBUTES attributes, U
 template <class Run>
 NTSTATUS Transfer(const char* routine, HANDLE handle, PIO_STATUS_BLOCK iosb, PLARGE_INTEGER offset,
                   ULONG length, const Run& run) {
-    RequireIrql(routine, PASSIVE_LEVEL);
+    RequirePageable(routine, PASSIVE_LEVEL);
     ObjectRef<FileHandle> file(static_cast<FileHandle*>(LookupHandle(handle, ObjectType::OpenFile)));
     if (!file) return STATUS_INVALID_HANDLE;
     if (offset == nullptr || offset->QuadPart < 0) return STATUS_INVALID_PARAMETER;
@@ -71,7 +71,7 @@ NTSTATUS Transfer(const char* routine, HANDLE handle, PIO_STATUS_BLOCK iosb, PLA
 NTSTATUS ZwCreateFile(PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes, PIO_STATUS_BLOCK iosb,
                       PLARGE_INTEGER, ULONG fileAttributes, ULONG share, ULONG disposition, ULONG options,
                       PVOID, ULONG) {
-    host::RequireIrql("ZwCreateFile", PASSIVE_LEVEL);
+    host::RequirePageable("ZwCreateFile", PASSIVE_LEVEL);
     ULONG_PTR information = 0;
     const NTSTATUS status =
         host::Open(handle, {{}, access, share, disposition, options, fileAttributes}, attributes, information);
@@ -96,7 +96,7 @@ NTSTATUS ZwWriteFile(HANDLE file, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK iosb, P
 
 // Deleting opens the file, so the same fault stands for it.
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES attributes) {
-    host::RequireIrql("ZwDeleteFile", PASSIVE_LEVEL);
+    host::RequirePageable("ZwDeleteFile", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::FileOpen)) return STATUS_INSUFFICIENT_RESOURCES;
     host::ResolvedPath path;
     const NTSTATUS status = host::Resolve(attributes, path);

@@ -20,7 +20,7 @@ struct KeyObject {
 // Runs `call` on the store with the key's path. The store may be gone while a key is still open.
 template <class Call>
 NTSTATUS WithKey(HANDLE handle, const char* routine, const Call& call) {
-    RequireIrql(routine, PASSIVE_LEVEL);
+    RequirePageable(routine, PASSIVE_LEVEL);
     ObjectRef<KeyObject> key(static_cast<KeyObject*>(LookupHandle(handle, ObjectType::Key)));
     if (!key) return STATUS_INVALID_HANDLE;
     if (InjectFault(Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
@@ -62,7 +62,7 @@ using host::RegistryValue;
 
 NTSTATUS ZwCreateKey(PHANDLE handle, ACCESS_MASK, POBJECT_ATTRIBUTES attributes, ULONG, PUNICODE_STRING, ULONG,
                      PULONG disposition) {
-    host::RequireIrql("ZwCreateKey", PASSIVE_LEVEL);
+    host::RequirePageable("ZwCreateKey", PASSIVE_LEVEL);
     if (attributes->RootDirectory != nullptr || attributes->ObjectName == nullptr)
         return STATUS_INVALID_PARAMETER;
     if (host::InjectFault(host::Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;

@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstring>
 
+#include "platform/host/check/verifier.h"
+#include "platform/host/nt/ntke.h"
 #include "platform/host/rtl/version.h"
 
 namespace {
@@ -56,6 +58,7 @@ NTSTATUS RtlAppendUnicodeToString(PUNICODE_STRING to, PCWSTR text) {
 }
 
 LONG RtlCompareUnicodeString(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
+    host::RequirePageable("RtlCompareUnicodeString", APC_LEVEL);
     const SIZE_T common = std::min(a->Length, b->Length) / sizeof(WCHAR);
     for (SIZE_T i = 0; i < common; ++i) {
         if (a->Buffer[i] == b->Buffer[i]) continue;

@@ -42,6 +42,12 @@ void RequireIrql(const char* routine, KIRQL highest) {
     if (irql > highest) Violation("IRQL", "%s called at IRQL %u, highest allowed %u", routine, irql, highest);
 }
 
+void RequirePageable(const char* routine, KIRQL highest) {
+    RequireIrql(routine, highest);
+    if (CurrentThread()->IsAtLastChance)
+        Violation("last chance", "%s is pageable or needs a file system, and both are gone", routine);
+}
+
 void SetLockRank(PFAST_MUTEX lock, ULONG rank, const char* name) {
     Rank(lock, rank, name);
 }

@@ -235,7 +235,7 @@ PKTHREAD KeGetCurrentThread() {
 
 NTSTATUS PsCreateSystemThread(PHANDLE handle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PVOID, PKSTART_ROUTINE routine,
                               PVOID context) {
-    RequireIrql("PsCreateSystemThread", PASSIVE_LEVEL);
+    RequirePageable("PsCreateSystemThread", PASSIVE_LEVEL);
     if (InjectFault(Fault::ThreadCreate)) return STATUS_INSUFFICIENT_RESOURCES;
     JoinEnded();
     PKTHREAD thread = NewThread(true);

@@ -18,6 +18,7 @@ struct KTHREAD {
     DISPATCHER_HEADER Header;
     KIRQL Irql;
     bool IsSystemThread;
+    bool IsAtLastChance;  // serves a last-chance shutdown notification
     int HeldCount;
     HeldLock Held[host::kMaxHeldLocks];
     std::atomic<NTSTATUS> ExitStatus;  // STATUS_PENDING until the thread has ended

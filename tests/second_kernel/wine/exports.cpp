@@ -65,6 +65,7 @@ const Export kExports[] = {
     BY_NAME(IoFreeMdl),
     BY_NAME(IoGetDeviceProperty),
     BY_NAME(IoGetLowerDeviceObject),
+    BY_NAME(IoRegisterLastChanceShutdownNotification),
     BY_NAME(IoRegisterShutdownNotification),
     BY_NAME(IoUnregisterShutdownNotification),
     BY_NAME(IofCallDriver),
