@@ -18,6 +18,7 @@ PVOLUME_EXTENSION BeginRecord(PDEVICE_OBJECT filter, PDEVICE_OBJECT pdo) {
     IoInitializeRemoveLock(&volume->RemoveLock, kPoolTag, 0, 0);
     KeInitializeMutex(&volume->StorageMutex, 0);
     KeInitializeMutex(&volume->MapLoadMutex, 0);
+    KeInitializeMutex(&volume->UsageMutex, 0);
     return volume;
 }
 

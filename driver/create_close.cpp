@@ -28,7 +28,7 @@ NTSTATUS KvrCreate(PDEVICE_OBJECT device, PIRP request) {
 }
 
 NTSTATUS KvrClose(PDEVICE_OBJECT device, PIRP request) {
-    if (device != gControlDevice) return PassIrpDown(device, request);
+    if (device != gControlDevice) return HoldAndPassDown(device, request);
     GiveControlDeviceBack();
     return CompleteRequest(request, STATUS_SUCCESS);
 }

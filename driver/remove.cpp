@@ -1,6 +1,7 @@
 // Plug and Play beyond the start: which requests are refused, and the end of a record.
 #include "driver/remove.h"
 #include "driver/start.h"
+#include "driver/usage.h"
 #include "driver/record/requests.h"
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"
@@ -39,6 +40,16 @@ void LeaveSwapFile(PVOLUME_EXTENSION volume) {
     volume->SwapFile = nullptr;
 }
 
+// FALSE, with the status to refuse the removal with, when it was not sent down: the record is needed, or a
+// shutdown is taking it down.
+BOOLEAN ForwardRemoval(PDEVICE_OBJECT device, PIRP request, NTSTATUS* status) {
+    RecordHold hold(VolumeOf(device), request);
+    if (hold.Failed()) *status = STATUS_DELETE_PENDING;
+    if (hold.Failed() || IsRecordNeeded(VolumeOf(device))) return FALSE;
+    *status = ForwardIrpSynchronously(device, request);
+    return TRUE;
+}
+
 // The caller's own hold is the last one let go. From then on every acquisition fails: requests end with
 // STATUS_DELETE_PENDING, and so do the writes of a provisioning thread that works on this volume, which
 // therefore ends by itself; one that works on another volume is not disturbed.
@@ -53,13 +64,17 @@ BOOLEAN WaitForRecordUsers(PVOLUME_EXTENSION volume) {
 
 NTSTATUS KvrPnp(PDEVICE_OBJECT device, PIRP request) {
     if (device == gControlDevice) return KvrDefaultDispatch(device, request);
-    switch (IoGetCurrentIrpStackLocation(request)->MinorFunction) {
+    const UCHAR minor = IoGetCurrentIrpStackLocation(request)->MinorFunction;
+    if (minor == IRP_MN_REMOVE_DEVICE) return RemoveDevice(device, request);  // which waits for all holds
+    RecordHold hold(VolumeOf(device), request);
+    if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);
+    switch (minor) {
         case IRP_MN_START_DEVICE:
             return StartDevice(device, request);
         case IRP_MN_QUERY_REMOVE_DEVICE:
             return QueryRemoveDevice(device, request);
-        case IRP_MN_REMOVE_DEVICE:
-            return RemoveDevice(device, request);
+        case IRP_MN_DEVICE_USAGE_NOTIFICATION:
+            return NotifyUsage(device, request);
         default:
             return PassIrpDown(device, request);
     }
@@ -68,11 +83,8 @@ NTSTATUS KvrPnp(PDEVICE_OBJECT device, PIRP request) {
 NTSTATUS RemoveDevice(PDEVICE_OBJECT device, PIRP request) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
-    if (!IsRecordNeeded(volume)) {
-        status = ForwardIrpSynchronously(device, request);
-        IoUnregisterShutdownNotification(device);
+    if (ForwardRemoval(device, request, &status))
         KVR_DISCARD(TakeDownFilter(volume), "FALSE: a shutdown was faster, and the record is gone already");
-    }
     KVR_DISCARD(CompleteRequest(request, status), "the status is the one passed in");
     DbgPrint("Kvr!RemoveDevice: 0x%08x status=%08x\n", TraceAddress(device), status);
     return status;
@@ -80,6 +92,7 @@ NTSTATUS RemoveDevice(PDEVICE_OBJECT device, PIRP request) {
 
 BOOLEAN TakeDownFilter(PVOLUME_EXTENSION volume) {
     if (!WaitForRecordUsers(volume)) return FALSE;
+    IoUnregisterShutdownNotification(volume->FilterDevice);  // by now nobody registers it any more
     DropCachedWrites(volume);
     EmptyMaps(volume);
     LeaveSwapFile(volume);

@@ -2,8 +2,9 @@
 #pragma once
 #include "driver/record/volume_extension.h"
 
-// Dispatch routine of IRP_MJ_PNP. Start and removal have routines of their own; a query for the removal of a
-// record that the driver needs is refused with STATUS_INSUFFICIENT_RESOURCES; all else passes down.
+// Dispatch routine of IRP_MJ_PNP. Start, removal and the use of the device have routines of their own; a query
+// for the removal of a record that the driver needs is refused with STATUS_INSUFFICIENT_RESOURCES; all else
+// passes down. A request for a record that is being taken down ends with STATUS_DELETE_PENDING.
 NTSTATUS KvrPnp(PDEVICE_OBJECT device, PIRP request);
 // Sends the request down, waits, takes the filter down and completes the request with the lower status; refuses
 // it with STATUS_INSUFFICIENT_RESOURCES as the query.

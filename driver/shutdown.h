@@ -7,6 +7,8 @@
 NTSTATUS KvrFlush(PDEVICE_OBJECT device, PIRP request);
 // Passes the request down. IRQL: at most DISPATCH_LEVEL.
 NTSTATUS KvrPower(PDEVICE_OBJECT device, PIRP request);
-// Saves the volume's state, takes a disk's filter down, and completes the request, always with STATUS_SUCCESS
-// and without passing it on. IRQL: PASSIVE_LEVEL, with no lock held.
+// Saves the volume's state, flushes the device below it and, the first time, has a protected volume notified
+// again at the last chance; takes a disk's filter down. Completes the request, always with STATUS_SUCCESS and
+// without passing it on. IRQL: PASSIVE_LEVEL, with no lock held; at the last chance nothing pageable is
+// touched.
 NTSTATUS KvrShutdown(PDEVICE_OBJECT device, PIRP request);

@@ -1,4 +1,5 @@
 #include "driver/record/requests.h"
+#include "driver/record/volume_list.h"
 #include "platform/owners.h"
 
 NTSTATUS CompleteRequest(PIRP request, NTSTATUS status, ULONG_PTR information) {
@@ -15,6 +16,11 @@ NTSTATUS CompleteForwarded(PIRP request, NTSTATUS status) {
 NTSTATUS PassIrpDown(PDEVICE_OBJECT device, PIRP request) {
     IoSkipCurrentIrpStackLocation(request);
     return IofCallDriver(VolumeOf(device)->Target, request);
+}
+
+NTSTATUS HoldAndPassDown(PDEVICE_OBJECT device, PIRP request) {
+    const RecordHold hold(VolumeOf(device), request);
+    return hold.Failed() ? CompleteRequest(request, STATUS_DELETE_PENDING) : PassIrpDown(device, request);
 }
 
 NTSTATUS ForwardIrpSynchronously(PDEVICE_OBJECT device, PIRP request) {
@@ -40,7 +46,7 @@ NTSTATUS AwaitRequest(NTSTATUS returned, PKEVENT done, const IO_STATUS_BLOCK* bl
 }
 
 NTSTATUS KvrDefaultDispatch(PDEVICE_OBJECT device, PIRP request) {
-    if (device != gControlDevice) return PassIrpDown(device, request);
+    if (device != gControlDevice) return HoldAndPassDown(device, request);
     const bool cleanup = IoGetCurrentIrpStackLocation(request)->MajorFunction == IRP_MJ_CLEANUP;
     return CompleteRequest(request, cleanup ? STATUS_SUCCESS : STATUS_INVALID_DEVICE_REQUEST);
 }

@@ -13,6 +13,9 @@ NTSTATUS CompleteForwarded(PIRP request, NTSTATUS status);
 // Hands the request to Target and returns what Target returned; nothing of it may be touched afterwards. Any
 // IRQL that Target takes it at.
 NTSTATUS PassIrpDown(PDEVICE_OBJECT device, PIRP request);
+// The same while the record is held, for who does not hold it: STATUS_DELETE_PENDING, and the request is ended,
+// when the record is being taken down. IRQL: at most DISPATCH_LEVEL.
+NTSTATUS HoldAndPassDown(PDEVICE_OBJECT device, PIRP request);
 // Sends the request to Target and waits, with the final status as the result; it then belongs to the caller
 // again, who must complete it. IRQL: PASSIVE_LEVEL.
 [[nodiscard]] NTSTATUS ForwardIrpSynchronously(PDEVICE_OBJECT device, PIRP request);

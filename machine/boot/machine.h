@@ -38,6 +38,14 @@ struct MachineDisk {
     unsigned firstVolume = 0;
 };
 
+// What a shutdown has just done, in its order.
+enum class ShutdownStep {
+    Notified,         // the drivers know; files and their metadata go on being written
+    RegistryWritten,  // its last values are on disk
+    Dismounted,       // file systems have written what they had; raw requests are all that can come
+    LastChance,       // and then the power goes
+};
+
 struct MachineOptions {
     std::vector<MachineDisk> disks;
     // The driver under test; null: a machine without one.
@@ -53,6 +61,9 @@ struct MachineOptions {
     unsigned mostVolumes = 0;
     unsigned systemVolume = 1;                   // number of the volume that \SystemRoot lies on, 0: none
     std::u16string systemFolder = u"\\Windows";  // \SystemRoot on that volume
+    // Called at each shutdown behind each of its steps, on its thread: what somebody still does then.
+    // Everything but this class's own calls works as before, as far as it is still there.
+    std::function<void(ShutdownStep)> atShutdown;
     // Called at each power-on before the driver is loaded, when the kernel is empty: for a test's own plans.
     std::function<void()> beforeDriver;
 };
@@ -98,8 +109,9 @@ public:
     // volumes have started, the system volume's first. A driver that fails to load is left out, as on the
     // platform (DriverStatus); a failure returned here is one of the machine's own devices.
     [[nodiscard]] NTSTATUS PowerOn();
-    // Dismounts the file systems, notifies the drivers, flushes the registry, sends the power request to
-    // every stack, waits for the driver's threads and ends the boot. A thread held by a gate of the test must
+    // In the platform's order: notifies the drivers, writes the registry out, dismounts the file systems,
+    // notifies those who asked for the last chance, and sends the power request to every stack. Then waits for
+    // the driver's threads and ends the boot. A thread held by a gate of the test must
     // be let go before. What ends or changes a boot must not be called by a thread that holds a Use.
     ShutdownReport Shutdown();
     // The power fails now: no write reaches a disk or the registry from the instant it is called, and every
@@ -205,6 +217,7 @@ private:
     void Remove(Volume& volume);
     void LetThreadsFinish();
     void SendPowerOff();
+    void Reached(ShutdownStep step) const;
     void EndBoot(ShutdownReport& report);
     void StopDisks();
     void BeginStepping(unsigned disk);

@@ -55,6 +55,10 @@ void Machine::SendPowerOff() {
     }
 }
 
+void Machine::Reached(ShutdownStep step) const {
+    if (options_.atShutdown) options_.atShutdown(step);
+}
+
 // A shutdown takes its time on the platform: a thread that the driver has just started gets to run while its
 // file systems still answer. One that works on for long is not waited for.
 void Machine::LetThreadsFinish() {
@@ -70,11 +74,16 @@ ShutdownReport Machine::Shutdown() {
     EndStepping();
     const std::unique_lock hold(use_);
     if (boot_ == nullptr) return report;
-    for (Volume* volume : Volumes()) Dismount(*volume, report.dismount);
     host::NotifyShutdown();
-    // The disks' filters may be gone now; a driver's thread that is still running must not meet them.
+    // The disks' filters may be gone now; who goes on writing must not meet them.
     for (Volume* volume : Volumes()) volume->device->Retarget();
+    Reached(ShutdownStep::Notified);
     report.registry = options_.registry->Flush();
+    Reached(ShutdownStep::RegistryWritten);
+    for (Volume* volume : Volumes()) Dismount(*volume, report.dismount);
+    Reached(ShutdownStep::Dismounted);
+    host::NotifyLastChance();
+    Reached(ShutdownStep::LastChance);
     SendPowerOff();
     report.threads = host::JoinSystemThreads();
     for (Volume* volume : Volumes()) volume->device->DropTargets();

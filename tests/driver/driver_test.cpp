@@ -4,7 +4,11 @@
 #include "driver/remove.h"
 #include "driver/shutdown.h"
 #include "driver/start.h"
+#include "formats/saved_map.h"
+#include "platform/host/io/device.h"
 #include "platform/host/rtl/version.h"
+#include "redirect/write_cache.h"
+#include "swap/map_boot.h"
 #include "swap/provision.h"
 #include "tests/support/memory_stack.h"
 
@@ -226,6 +230,118 @@ TEST_F(Life, AtShutdownDisksLeaveTheirStacksAndVolumesStay) {
     EXPECT_EQ(&volume->ListEntry, gVolumeList.Flink);
     EXPECT_EQ(&volume->ListEntry, gVolumeList.Blink);
     EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "shutdown is not passed on";
+}
+
+// Power, Plug and Play, close: each uses the record while the lower device has the request.
+TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
+    const struct {
+        UCHAR major, minor;
+    } kinds[] = {{IRP_MJ_POWER, IRP_MN_SET_POWER},
+                 {IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES},
+                 {IRP_MJ_PNP, IRP_MN_START_DEVICE},
+                 {IRP_MJ_CLOSE, 0},
+                 {IRP_MJ_CLEANUP, 0}};
+    for (const auto& kind : kinds) {
+        SCOPED_TRACE(int{kind.major});
+        FilteredStack& disk = AddStarted(
+            {.name = u"\\Device\\Harddisk1\\DR1", .className = u"DiskDrive", .classGuid = kDiskClass});
+        std::atomic<bool> inside = false, open = false;
+        disk.answer = [&](PIRP irp, PIO_STACK_LOCATION location) {
+            if (location->MajorFunction == kind.major) inside = true;
+            while (location->MajorFunction == kind.major && !open) std::this_thread::yield();
+            return stub::Complete(irp, STATUS_SUCCESS);
+        };
+        const auto send = [&] {
+            return host::Send(disk.filter, {.major = kind.major, .minor = kind.minor}).status;
+        };
+        std::thread request([&] { EXPECT_EQ(STATUS_SUCCESS, send()); });
+        while (!inside) std::this_thread::yield();
+        std::thread shutdown([&] { EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(disk.pdo.object)); });
+        while (disk.IsFiltered() && disk.Flush() != STATUS_DELETE_PENDING) std::this_thread::yield();
+        EXPECT_TRUE(disk.IsFiltered()) << "the request is still below";
+        if (disk.IsFiltered()) {
+            EXPECT_EQ(STATUS_DELETE_PENDING, send());
+        }
+        open = true;
+        request.join();
+        shutdown.join();
+        EXPECT_FALSE(disk.IsFiltered());
+        stacks.pop_back();
+    }
+}
+
+// A volume is told by the system, by its file system and at the last chance, and saves what has changed.
+TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
+    constexpr LONGLONG map = 0x700000;
+    Protect();
+    Attach();
+    auto* run = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(sizeof(MAP_LOCATION_ENTRY)));
+    *run = {static_cast<ULONG>(map / S), 4096};
+    PublishMapLocation(volume, run, sizeof(*run));
+    ASSERT_EQ(STATUS_SUCCESS, Write(volume, 100 * S, Data(S, 1)).status);
+    host::NotifyShutdown();
+    int flushes = device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS);
+    EXPECT_NE(0, flushes);
+    EXPECT_EQ(1u, Swapped().size());
+    // The write cache holds what no request comes for any more.
+    const auto cache = [&](LONGLONG offset, int seed) {
+        const LARGE_INTEGER at = Large(offset);
+        Bytes data = Data(S, seed);
+        EXPECT_EQ(STATUS_SUCCESS, AddBufferToCache(volume, &at, data.data(), S));
+    };
+    const auto saved = [&] { return reinterpret_cast<const SWAP_MAP_ENTRY*>(At(map)); };
+    cache(200 * S, 2);
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
+    EXPECT_EQ(200u, saved()[1].ulVolumeSector);
+    cache(300 * S, 3);
+    host::NotifyLastChance();
+    EXPECT_EQ(300u, saved()[2].ulVolumeSector);
+    EXPECT_EQ(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
+        << "each time the device below is flushed";
+    EXPECT_EQ(Data(S, 3), Read(300 * S, S));
+    EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown"));
+    host::NotifyLastChance();
+    EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown")) << "registered once";
+    device->TakeTransfers();
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
+    EXPECT_TRUE(device->TakeTransfers().empty()) << "nothing has changed";
+}
+
+TEST_F(Life, PagingFilesKeepTheFilterResident) {
+    const struct {
+        bool inrush, comes;
+        NTSTATUS below;
+        bool pageableBelow, pageable;  // while the lower device has the request, and afterwards
+        DEVICE_USAGE_NOTIFICATION_TYPE type = DeviceUsageTypePaging;
+    } steps[] = {
+        {false, true, STATUS_UNSUCCESSFUL, true, true},
+        {false, true, STATUS_SUCCESS, true, false},
+        {false, true, STATUS_SUCCESS, false, false},
+        {false, false, STATUS_SUCCESS, false, false},
+        {false, false, STATUS_UNSUCCESSFUL, true, false},
+        {false, false, STATUS_SUCCESS, true, true},
+        {false, false, STATUS_SUCCESS, true, true},
+        {false, true, STATUS_SUCCESS, true, true, DeviceUsageTypeDumpFile},
+        {true, true, STATUS_SUCCESS, false, false},
+        {true, false, STATUS_SUCCESS, false, false},
+    };
+    FilteredStack& disk = Add({.name = u"\\Device\\Harddisk1\\DR1"});
+    const auto pageable = [&] { return (disk.filter->Flags & DO_POWER_PAGABLE) != 0; };
+    EXPECT_EQ(STATUS_DEVICE_NOT_READY, host::SendUsage(disk.pdo.object, DeviceUsageTypePaging, true));
+    ASSERT_EQ(STATUS_SUCCESS, disk.Start());
+    EXPECT_EQ(0, disk.Arrived(IRP_MJ_PNP, IRP_MN_DEVICE_USAGE_NOTIFICATION));
+    int arrived = 0;
+    for (const auto& step : steps) {
+        SCOPED_TRACE(&step - steps);
+        if (step.inrush) disk.filter->Flags = (disk.filter->Flags & ~DO_POWER_PAGABLE) | DO_POWER_INRUSH;
+        disk.answer = [&](PIRP irp, PIO_STACK_LOCATION) {
+            EXPECT_EQ(step.pageableBelow, pageable());
+            return stub::Complete(irp, step.below);
+        };
+        EXPECT_EQ(step.below, host::SendUsage(disk.pdo.object, step.type, step.comes));
+        EXPECT_EQ(++arrived, disk.Arrived(IRP_MJ_PNP, IRP_MN_DEVICE_USAGE_NOTIFICATION));
+        EXPECT_EQ(step.pageable, pageable());
+    }
 }
 
 // Requests of every kind protect a volume that is listed, and look no more at one that is protected.

@@ -65,16 +65,19 @@ TEST(Machine, BootsAndShutsDownInOrder) {
     EXPECT_EQ(u"\\Device\\Harddisk0\\DR0", seen.back().device);
     EXPECT_EQ(static_cast<LONGLONG>(21 * kMiB), seen.back().offset);
 
+    IoRegisterLastChanceShutdownNotification(host::TopOfStack(machine.VolumeOf(1)->device->Device()));
     const ShutdownReport report = machine.Shutdown();
     EXPECT_EQ(STATUS_SUCCESS, report.dismount);
     EXPECT_EQ(0, report.leaks.memory.irps);
     EXPECT_EQ(0, report.leaks.memory.mdls);
     EXPECT_TRUE(report.pool.empty());
     seen = stand_in::TakeSeen();
-    const Names down = {u"\\Device\\HarddiskVolume2", u"\\Device\\HarddiskVolume1",
-                        u"\\Device\\Harddisk0\\DR0"};
+    const Names down = {u"\\Device\\HarddiskVolume2", u"\\Device\\HarddiskVolume1", u"\\Device\\Harddisk0\\DR0",
+                        u"\\Device\\HarddiskVolume1"};
     EXPECT_EQ(down, DevicesOf(seen, IRP_MJ_SHUTDOWN));
-    EXPECT_EQ(IRP_MJ_FLUSH_BUFFERS, seen.front().major) << "file systems end before the drivers are told";
+    EXPECT_EQ(IRP_MJ_SHUTDOWN, seen[2].major) << "the drivers are told before file systems end";
+    EXPECT_EQ(IRP_MJ_FLUSH_BUFFERS, seen[3].major);
+    EXPECT_EQ(IRP_MJ_SHUTDOWN, seen[4].major) << "and once more, who asked for it";
     // The disk's filter is gone by then.
     EXPECT_EQ((Names{u"\\Device\\HarddiskVolume1", u"\\Device\\HarddiskVolume2"}),
               DevicesOf(seen, IRP_MJ_POWER));

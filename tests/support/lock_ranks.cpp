@@ -17,6 +17,7 @@ void RankGlobalLocks() {
 }
 
 void RankRecordLocks(PVOLUME_EXTENSION volume) {
+    host::SetLockRank(&volume->UsageMutex, 5, "UsageMutex");
     host::SetLockRank(&volume->MapLoadMutex, 10, "MapLoadMutex");
     host::SetLockRank(&volume->StorageMutex, 30, "StorageMutex");
     host::SetLockRank(&volume->WriteOrderLock, 45, "a place among the writes");

@@ -70,7 +70,6 @@ NTSTATUS Power(PDEVICE_OBJECT device, PIRP irp) {
 NTSTATUS Shutdown(PDEVICE_OBJECT device, PIRP irp) {
     const Filter filter = *static_cast<Filter*>(device->DeviceExtension);
     Note(device, irp);
-    IoUnregisterShutdownNotification(device);
     if (filter.isDisk && plan.detachDisksAtShutdown) {
         IoDetachDevice(filter.below);
         IoDeleteDevice(device);

@@ -44,6 +44,17 @@ bool StartVolumes(Computer* computer) {
            AddAndStart(computer->Driver, computer->Data) == STATUS_SUCCESS;
 }
 
+void Reached(Computer* computer, ShutdownStep step) {
+    if (computer->AtShutdown) computer->AtShutdown(computer, step);
+}
+
+void EndFileSystem(Computer* computer) {
+    stage::CheckStatus(SendSimple(TopOfData(computer), IRP_MJ_FLUSH_BUFFERS), STATUS_SUCCESS, "the flush");
+    Reached(computer, ShutdownStep::Flushed);
+    stage::CheckStatus(host::SendShutdown(computer->Data), STATUS_SUCCESS, "the file system's shutdown");
+    Reached(computer, ShutdownStep::Dismounted);
+}
+
 void MountVolumes(Computer* computer) {
     const ComputerOptions& options = computer->Options;
     FilesOf(gSystemFiles)->Mount(computer->System, kFileUnit, kSystemBytes);  // a place at 0 would read as none
@@ -92,7 +103,22 @@ void EndComputer(Computer* computer) {
     stage::Step("shutdown");
     CloseTool(&computer->User);
     host::NotifyShutdown();
+    Reached(computer, ShutdownStep::Notified);
+    Reached(computer, ShutdownStep::RegistryWritten);
+    if (computer->Data) EndFileSystem(computer);
+    host::NotifyLastChance();
+    SetPower(computer, PowerSystemShutdown);
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads of the driver that still run");
+}
+
+void SetPower(Computer* computer, SYSTEM_POWER_STATE state) {
+    POWER_STATE power{};
+    power.SystemState = state;
+    for (PDEVICE_OBJECT device : {computer->System, computer->Data, computer->Disk}) {
+        if (!device) continue;
+        stage::CheckStatus(host::SendPower(device, IRP_MN_SET_POWER, SystemPowerState, power), STATUS_SUCCESS,
+                           "a power request");
+    }
 }
 
 PDEVICE_OBJECT TopOfData(Computer* computer) {

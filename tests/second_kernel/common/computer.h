@@ -24,8 +24,17 @@ struct ComputerOptions {
     ULONG GapUnits = 0;
 };
 
+// What a shutdown has just done, in its order.
+enum class ShutdownStep {
+    Notified,         // the driver knows
+    RegistryWritten,  // its last values are on disk
+    Flushed,          // file systems have written what they had
+    Dismounted,       // and told their volumes so; the last chance comes
+};
+
 struct Computer {
     ComputerOptions Options;
+    void (*AtShutdown)(Computer*, ShutdownStep);  // what somebody still does then; null: nothing
     PDRIVER_OBJECT Driver;
     PDEVICE_OBJECT Control;
     Tool User;
@@ -41,8 +50,11 @@ struct Computer {
 [[nodiscard]] Computer* BootComputer(const ComputerOptions& options = {});
 // The first reads of both volumes, as mounting them makes: they bring the driver to life.
 void WakeComputer(Computer* computer);
-// Shuts down, waits for the driver's threads and checks that no rule was broken. The tool is closed before.
+// Shuts down in the platform's order, waits for the driver's threads and checks that no rule was broken. The
+// tool is closed before. The data volume's file system says its own shutdown down the stack as it ends.
 void EndComputer(Computer* computer);
+// Sends the system's power state down every stack, the volumes' first; while asleep the media take no transfer.
+void SetPower(Computer* computer, SYSTEM_POWER_STATE state);
 [[nodiscard]] PDEVICE_OBJECT TopOfData(Computer* computer);
 [[nodiscard]] PDEVICE_OBJECT TopOfSystem(Computer* computer);
 

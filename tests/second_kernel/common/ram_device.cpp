@@ -62,6 +62,22 @@ void CarrySimple(PIRP irp) {
     irp->IoStatus.Information = 0;
 }
 
+// As a disk that sleeps does; its requests stay on their way until it wakes.
+void WaitWhileAsleep(RamDevice* ram) {
+    (void)KeWaitForSingleObject(&ram->Awake, Executive, KernelMode, FALSE, nullptr);
+}
+
+NTSTATUS ServePower(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
+    if (location->Parameters.Power.Type == SystemPowerState) {
+        if (location->Parameters.Power.State.SystemState == PowerSystemSleeping3)
+            KeClearEvent(&ram->Awake);
+        else
+            KeSetEvent(&ram->Awake, IO_NO_INCREMENT, FALSE);
+    }
+    PoStartNextPowerIrp(irp);
+    return Complete(irp, STATUS_SUCCESS);
+}
+
 NTSTATUS PendOrCarry(PIRP irp, void (*carry)(PIRP)) {
     if (PendRequest(irp, carry)) return STATUS_PENDING;
     carry(irp);
@@ -115,14 +131,14 @@ NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
     switch (location->MajorFunction) {
         case IRP_MJ_READ:
         case IRP_MJ_WRITE:
+            WaitWhileAsleep(ram);
             return ram->Disk ? PassToDisk(ram, irp) : PendOrCarry(irp, CarryTransfer);
         case IRP_MJ_FLUSH_BUFFERS:
             return PendOrCarry(irp, CarrySimple);
         case IRP_MJ_PNP:
             return ServePnp(ram, irp, location->MinorFunction);
         case IRP_MJ_POWER:
-            PoStartNextPowerIrp(irp);
-            return Complete(irp, STATUS_SUCCESS);
+            return ServePower(ram, irp, location);
         default:
             return Complete(irp, STATUS_SUCCESS);
     }
@@ -134,6 +150,7 @@ void FillRamDevice(PDEVICE_OBJECT device, const RamOptions& options) {
     ram->Sectors = options.Sectors;
     ram->Size = options.Size;
     ram->Start = options.Start;
+    KeInitializeEvent(&ram->Awake, NotificationEvent, TRUE);
     ram->Disk = options.Disk;
     if (options.Disk) device->StackSize = static_cast<CCHAR>(host::TopOfStack(options.Disk)->StackSize + 1);
 }

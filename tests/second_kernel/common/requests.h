@@ -12,10 +12,12 @@ struct Transfer {
     ULONG Length;
     PFILE_OBJECT File = nullptr;
     host::Pages Pages = host::Pages::NonPaged;
+    ULONG Flags = IRP_NOCACHE;
 };
 [[nodiscard]] inline host::Outcome SendTransfer(PDEVICE_OBJECT device, const Transfer& transfer) {
     return host::Send(device, {.major = transfer.Major,
                                .pages = transfer.Pages,
+                               .flags = transfer.Flags,
                                .length = transfer.Length,
                                .offset = transfer.Offset,
                                .buffer = transfer.Buffer,

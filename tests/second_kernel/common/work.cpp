@@ -1,4 +1,5 @@
 #include "tests/second_kernel/common/work.h"
+#include <chrono>
 #include <mutex>
 #include <random>
 #include <thread>
@@ -32,14 +33,13 @@ LONGLONG PickRange(std::minstd_rand& numbers, ULONG slice, ULONG sector, ULONG* 
     return LONGLONG{slice} * kSliceBytes + LONGLONG{first} * sector;
 }
 
-void WriteOnce(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, PUCHAR buffer, bool unlocked) {
+// `transfer` is a write with a buffer; the buffer is filled here.
+void WriteOnce(Computer* computer, const Transfer& transfer, ULONG seed) {
+    const LONGLONG offset = transfer.Offset;
+    const ULONG length = transfer.Length;
+    auto* buffer = static_cast<PUCHAR>(transfer.Buffer);
     FillPattern(buffer, length, static_cast<ULONGLONG>(offset), seed);
-    const host::Outcome reply =
-        SendTransfer(TopOfData(computer), {.Major = IRP_MJ_WRITE,
-                                           .Offset = offset,
-                                           .Buffer = buffer,
-                                           .Length = length,
-                                           .Pages = unlocked ? host::Pages::Unlocked : host::Pages::NonPaged});
+    const host::Outcome reply = SendTransfer(TopOfData(computer), transfer);
     stage::CheckStatus(reply.status, STATUS_SUCCESS, "a redirected write");
     stage::CheckEqual(reply.information, length, "bytes of a redirected write");
     std::memcpy(Model() + offset, buffer, length);
@@ -61,7 +61,8 @@ void WorkOnSlice(const Shift* shift, ULONG slice, PUCHAR buffer) {
     ULONG length = 0;
     for (ULONG round = 0; round < kRounds && !stage::Failed(); ++round) {
         const LONGLONG place = PickRange(numbers, slice, sector, &length);
-        WriteOnce(shift->computer, place, length, shift->seed + round, buffer, round % 4 == 3);
+        const auto pages = round % 4 == 3 ? host::Pages::Unlocked : host::Pages::NonPaged;
+        WriteOnce(shift->computer, {IRP_MJ_WRITE, place, buffer, length, nullptr, pages}, shift->seed + round);
         const LONGLONG other = PickRange(numbers, slice, sector, &length);
         ReadOnce(shift->computer, other, length, buffer);
         if (round % 10 == 9)
@@ -89,6 +90,13 @@ void WorkShift(const Shift* shift, ULONG index) {
     Bytes buffer(kMostSectorsAtOnce * 4096);
     WorkOnSlice(shift, index, buffer.data());
     WriteShared(shift, index);
+}
+
+// With transfers on their way through the driver and more to come.
+void SleepAndWake(Computer* computer) {
+    SetPower(computer, PowerSystemSleeping3);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    SetPower(computer, PowerSystemWorking);
 }
 
 bool IsHeld(const PlayedFile* file) {
@@ -137,6 +145,7 @@ void WorkTogether(Computer* computer, ULONG seed) {
             kSlices);  // a write of each thread has taken space before one of them ends
         std::vector<std::thread> threads;
         for (ULONG i = 0; i < kSlices; ++i) threads.emplace_back(WorkShift, &shift, i);
+        SleepAndWake(computer);
         for (std::thread& thread : threads) thread.join();
     }
     stage::Check(PendedRequests() > kSlices * kRounds, "lower completions pended", PendedRequests());
@@ -147,7 +156,30 @@ void WorkTogether(Computer* computer, ULONG seed) {
 
 void WriteWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed) {
     Bytes buffer(length);
-    WriteOnce(computer, offset, length, seed, buffer.data(), false);
+    WriteOnce(computer, {IRP_MJ_WRITE, offset, buffer.data(), length}, seed);
+}
+
+void WriteEveryKind(Computer* computer, LONGLONG offset, ULONG seed) {
+    constexpr ULONG length = 20 * kKiB;
+    constexpr ULONG paging = IRP_NOCACHE | IRP_PAGING_IO;
+    const struct {
+        const WCHAR* name;
+        ULONG flags;
+        host::Pages pages;
+    } kinds[] = {
+        {nullptr, IRP_NOCACHE, host::Pages::NonPaged},  // data with a name is refused in a small storage
+        {nullptr, IRP_NOCACHE, host::Pages::Unlocked},   {nullptr, paging, host::Pages::Locked},
+        {W("\\$Mft"), paging, host::Pages::Locked},      {W("\\$BitMap"), paging, host::Pages::Locked},
+        {W("\\$Directory"), paging, host::Pages::Locked}};
+    Bytes buffer(length);
+    for (const auto& kind : kinds) {
+        FILE_OBJECT file;
+        InitializeFile(&file, computer->Data, kind.name);
+        PFILE_OBJECT carried = kind.name ? &file : nullptr;
+        WriteOnce(computer, {IRP_MJ_WRITE, offset, buffer.data(), length, carried, kind.pages, kind.flags},
+                  seed);
+        offset += length - 4 * kKiB;  // the last one's end is overwritten
+    }
 }
 
 void CheckThroughStack(Computer* computer) {

@@ -14,10 +14,15 @@ void Install(Computer* computer, const WCHAR* configuration, LONGLONG storage);
 // Takes it that nothing is redirected: the model reads as the volume's own sectors.
 void ForgetModel(Computer* computer);
 
-// Random writes and reads by several threads at once, each read checked. `seed` makes the work another one.
+// Random writes and reads by several threads at once, each read checked, in the course of which the computer
+// sleeps for a moment. `seed` makes the work another one.
 void WorkTogether(Computer* computer, ULONG seed);
 // One write, in the model as well.
 void WriteWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed);
+
+// Writes of every kind one after the other from there on, overlapping: files' data, what the memory manager
+// writes, metadata. In the model as well; they end within 128 KiB.
+void WriteEveryKind(Computer* computer, LONGLONG offset, ULONG seed);
 
 // Everything reads through the stack as the model says.
 void CheckThroughStack(Computer* computer);

@@ -176,6 +176,7 @@ void Protected() {
     stage::Step("the data volume may go");
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
     Remove(computer->Data, "the removal");
+    computer->Data = nullptr;
     stage::CheckEqual(stage::PoolBlocks(), blocks, "pool blocks");
     EndComputer(computer);
 }

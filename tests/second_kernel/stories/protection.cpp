@@ -35,10 +35,18 @@ Computer* Wake(const Plan& plan) {
     return stage::Failed() ? nullptr : computer;
 }
 
+// Between each two steps of the shutdown, over ranges that are redirected already and others.
+void WriteAtShutdown(Computer* computer, ShutdownStep step) {
+    stage::Step("writes in the course of the shutdown");
+    const auto n = static_cast<ULONG>(step);
+    WriteEveryKind(computer, (n + 1) * (kSliceBytes - 40 * LONGLONG{kKiB}), 900 + n);
+}
+
 void End(Computer* computer) {
     stage::Step("before the shutdown");
     CheckThroughStack(computer);
     CheckOwnSectors(computer);
+    computer->AtShutdown = WriteAtShutdown;
     EndComputer(computer);
     CheckSaved(computer);
     CheckOwnSectors(computer);
