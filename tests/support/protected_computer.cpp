@@ -111,6 +111,7 @@ void ProtectedComputer::Build() {
                    ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
                    : FileSystemDriver{};
     };
+    machine.atShutdown = options_.atShutdown;
     RankGlobalLocks();
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     machine_ = std::make_unique<Machine>(std::move(machine));

@@ -44,6 +44,7 @@ struct ComputerOptions {
     // Mounts on the data volume in the place of scripted files.
     machine::FileSystemFactory dataFileSystem = {};
     bool hardened = false;  // the registry's Hardening, from the first boot on
+    std::function<void(machine::ShutdownStep)> atShutdown = {};
 };
 ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
 

@@ -1,6 +1,7 @@
 #include "tool/demo/computer.h"
 #include <chrono>
 #include <cstdio>
+#include <exception>
 #include <thread>
 #include <utility>
 #include "client/failure.h"
@@ -71,6 +72,9 @@ Computer::Computer(const Place& system, const Place& data)
     options.disks.push_back({OpenImage(system)});
     if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
     options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
+    options.atShutdown = [this](machine::ShutdownStep step) {
+        if (atShutdown_) atShutdown_(step);
+    };
     host::SetTimeZoneBias(kMinutesToUtc);
     machine_ = std::make_unique<machine::Machine>(std::move(options));
 }
@@ -121,6 +125,21 @@ void Computer::Shutdown() {
     const machine::ShutdownReport report = machine_->Shutdown();
     Require(report.dismount, "a volume cannot be dismounted");
     Require(report.registry, "the registry cannot be saved");
+}
+
+void Computer::ShutdownDuring(machine::ShutdownStep step, const std::function<void()>& work) {
+    std::exception_ptr thrown;
+    atShutdown_ = [&](machine::ShutdownStep reached) {
+        if (reached != step) return;
+        try {
+            work();
+        } catch (const StepFailed&) {
+            thrown = std::current_exception();
+        }
+    };
+    Shutdown();
+    atShutdown_ = nullptr;
+    if (thrown) std::rethrow_exception(thrown);
 }
 
 void Computer::Reboot() {

@@ -4,6 +4,7 @@
 // StepFailed.
 #pragma once
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -47,6 +48,8 @@ public:
     // what they hold open is held.
     void Boot();
     void Shutdown();
+    // Shuts down, with `work` behind that step. What the work throws is thrown when the power is off.
+    void ShutdownDuring(machine::ShutdownStep step, const std::function<void()>& work);
     void Reboot();
     void PowerCut();
     bool IsOn() const { return machine_->IsOn(); }
@@ -90,6 +93,7 @@ private:
     unsigned dataNumber_ = 0;
     std::u16string dataName_;
     unsigned boots_ = 0;
+    std::function<void(machine::ShutdownStep)> atShutdown_;
 };
 
 }  // namespace tool

@@ -192,6 +192,7 @@ constexpr Row kRows[] = {
     {"4. power cut in the middle of heavy writes", ShowPowerCut, true},
     {"5. storage full", ShowStorageFull, false},
     {"6. refused", ShowRefused, false},
+    {"7. what is written in the course of a shutdown", ShowShutdown, true},
 };
 
 void ShowRows(Stage& stage, bool givenImage) {

@@ -48,5 +48,6 @@ void ShowMerge(Stage& stage);
 void ShowPowerCut(Stage& stage);
 void ShowStorageFull(Stage& stage);
 void ShowRefused(Stage& stage);
+void ShowShutdown(Stage& stage);
 
 }  // namespace tool
