@@ -99,6 +99,16 @@ NTSTATUS TakeData(PVOLUME_EXTENSION volume, PIRP request, CACHING* caching) {
     return Enqueue(volume, write.ByteOffset, caching->Data, write.Length);
 }
 
+// The caller's own status block is memory that may be gone: what touching it raises is the request's status.
+NTSTATUS TellCaller(PIRP request, NTSTATUS status, ULONG_PTR taken) {
+    if (!request->UserIosb) return status;
+    return TryExcept([&] {
+        request->UserIosb->Status = status;
+        request->UserIosb->Information = taken;
+        return status;
+    });
+}
+
 }  // namespace
 
 NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request, WritePlace* place) {
@@ -106,19 +116,15 @@ NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request, WritePlace* p
     CACHING caching;
     // Page locking may raise. The exception ends here, as the request's status: whoever called holds the
     // record.
-    const NTSTATUS status =
+    NTSTATUS status =
         RunWithCleanup([&] { return length == 0 ? STATUS_SUCCESS : TakeData(volume, request, &caching); },
                        [&] {
                            caching.Pages.Unlock();
                            caching.Data.Reset();
                        });
     place->Leave();
-    const ULONG_PTR taken = BytesOf(status, length);
-    if (request->UserIosb) {
-        request->UserIosb->Status = status;
-        request->UserIosb->Information = taken;
-    }
-    return CompleteRequest(request, status, taken);
+    status = TellCaller(request, status, BytesOf(status, length));
+    return CompleteRequest(request, status, BytesOf(status, length));
 }
 
 NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset, PVOID buffer, ULONG length) {

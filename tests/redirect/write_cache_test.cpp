@@ -2,6 +2,7 @@
 #include "redirect/write_cache.h"
 #include "swap/map_boot.h"
 #include "tests/support/memory_stack.h"
+#include "tests/support/paged_out_text.h"
 
 namespace {
 
@@ -98,6 +99,22 @@ TEST_F(WriteCache, RequestsJoinAQueueThatCannotBeWritten) {
     EXPECT_EQ(STATUS_SUCCESS, Write(volume, S, Bytes(S, 2)).status) << "after what waits";
     EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
     EXPECT_EQ(expected, Read(0, S)) << "the last one that was accepted";
+}
+
+// The caller's status block may be gone by then: what touching it raises ends here.
+TEST_F(WriteCache, AStatusBlockThatIsGoneFailsTheRequestAlone) {
+    TakeSpace();
+    Queue(0, S, 1);
+    Bytes data(S, 2);
+    LARGE_INTEGER at = {};
+    support::PagedOutText gone(u"text");
+    gone.raises = STATUS_ACCESS_VIOLATION;
+    auto* block = reinterpret_cast<PIO_STATUS_BLOCK>(gone.string.Buffer);
+    PIRP irp = IoBuildAsynchronousFsdRequest(IRP_MJ_WRITE, volume->FilterDevice, data.data(), S, &at, block);
+    ASSERT_NE(nullptr, irp);
+    EXPECT_EQ(STATUS_ACCESS_VIOLATION, IofCallDriver(volume->FilterDevice, irp));
+    EXPECT_EQ(1, gone.faults);
+    GiveSpace();
 }
 
 // What a flush and a shutdown write out, and of which volumes.

@@ -23,6 +23,7 @@ public:
         EXPECT_EQ(0, host::CurrentThread()->HeldCount);
         current = this;
         struct sigaction action {};
+        action.sa_flags = SA_NODEFER;  // a raised exception leaves the handler for good
         action.sa_handler = [](int) { current->PageIn(); };
         sigaction(SIGSEGV, &action, &before_);
         mprotect(page, kPage, PROT_NONE);
@@ -36,7 +37,8 @@ public:
 
     UNICODE_STRING string;
     int faults = 0;
-    int locksHeld = 0;  // by the thread that met the fault
+    int locksHeld = 0;                 // by the thread that met the fault
+    NTSTATUS raises = STATUS_SUCCESS;  // what the access ends with, as one to memory that is gone does
 
 private:
     static constexpr size_t kPage = 4096;
@@ -45,7 +47,8 @@ private:
     void PageIn() {
         if (faults++ != 0) abort();  // no page of ours
         locksHeld = host::gCurrentThread->HeldCount;
-        mprotect(string.Buffer, kPage, PROT_READ);
+        mprotect(string.Buffer, kPage, PROT_READ | PROT_WRITE);
+        if (raises != STATUS_SUCCESS) ExRaiseStatus(raises);
     }
 
     struct sigaction before_ {};
