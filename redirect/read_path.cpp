@@ -39,9 +39,10 @@ void TraceProtectedRead(const FILE_REQUEST& read) {
     if (read.File || gTesselEnabled) TraceRead(read);
 }
 
-// Until the volume's own conditions for writes hold, its thread is started where no configuration lies.
-BOOLEAN IsArmThreadDue(PVOLUME_EXTENSION volume) {
-    return volume->MediaType == FixedMedia && !volume->ArmThreadHandle && volume->PreloadConfigLocation[0] == 0;
+// Until the volume's own conditions for writes hold, its thread is started where no configuration lies, and
+// where a protected one does: no program may be faster than the driver at its own files.
+ARM_REASON ReasonToArm(PVOLUME_EXTENSION volume) {
+    return volume->PreloadConfigLocation[0] == 0 || volume->IsProtected ? ARM_REASON::First : ARM_REASON::None;
 }
 
 // Files that are never redirected, and the driver's own storage.
@@ -72,7 +73,7 @@ NTSTATUS ReadVolume(PDEVICE_OBJECT device, PIRP request) {
     EnsureSwapMapLoaded(volume);
     TraceProtectedRead(read);
     AttachSwapFile(volume);
-    if (IsArmThreadDue(volume)) StartArmThreadOnce(volume);
+    StartArmThreadWhenDue(volume, ReasonToArm(volume));
     if (!IsRedirecting(volume) || BelongsOnVolume(read) || IsConfigurationUnderWay())
         return PassIrpDown(device, request);
     // Another request may have finished the configuration since the map was looked for above.

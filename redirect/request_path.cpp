@@ -1,10 +1,47 @@
 #include "redirect/request_path.h"
+#include "config/config_files.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
 #include "driver/record/requests.h"
+#include "driver/record/threads.h"
 #include "swap/provision.h"
 #include "swap/swap_file.h"
+
+namespace {
+
+// While storage is made its files are the provisioning thread's.
+BOOLEAN IsArmThreadDue(PVOLUME_EXTENSION volume, ARM_REASON reason) {
+    if (volume->MediaType != FixedMedia) return FALSE;
+    if (!volume->ArmThreadHandle) return reason != ARM_REASON::None;
+    if (reason == ARM_REASON::ConfigFile && volume->ConfigToHold && !gConfigFileHandle) return TRUE;
+    return volume->MapLocation && volume->StorageToHold && !gProvisionThread;
+}
+
+// Who is late finds it no longer due.
+void StartArmThreadFor(PVOLUME_EXTENSION volume, ARM_REASON reason) {
+    if (!IsArmThreadDue(volume, reason)) return;
+    const BOOLEAN storage = volume->StorageToHold;
+    const BOOLEAN isFirst = !volume->ArmThreadHandle;
+    // Before the start, so that the thread, which may find a location after all, has the last word.
+    volume->StorageToHold = !volume->MapLocation;
+    if (!NT_SUCCESS(StartArmThread(volume)))
+        volume->StorageToHold = storage;  // the next request tries again
+    else
+        volume->ConfigToHold = reason != ARM_REASON::ConfigFile && (isFirst || volume->ConfigToHold);
+}
+
+// Of two requests that would remember theirs at once one does; the other's next request tries again.
+void RememberPagefile(const FILE_REQUEST& request) {
+    PVOLUME_EXTENSION volume = request.Volume;
+    if (volume->PagefilePublishing.exchange(TRUE)) return;
+    volume->PagefileObject = nullptr;
+    volume->PagefileName = request.Name->Buffer;
+    volume->PagefileObject = request.File;
+    volume->PagefilePublishing = FALSE;
+}
+
+}  // namespace
 
 FILE_REQUEST DescribeRequest(PDEVICE_OBJECT device, PIRP request) {
     PFILE_OBJECT file = FindRequestFile(request);
@@ -29,12 +66,15 @@ BOOLEAN IsForFileEnding(const FILE_REQUEST& request, const UNICODE_STRING& suffi
 }
 
 BOOLEAN IsKnownPagefile(const FILE_REQUEST& request) {
-    return request.File && request.File == request.Volume->PagefileObject;
+    PVOLUME_EXTENSION volume = request.Volume;
+    // The object is looked at last: it is null while the name's place changes.
+    return request.File && request.Name->Buffer == volume->PagefileName &&
+           request.Name->Length == SpecialFileNames.PageFile.Length && request.File == volume->PagefileObject;
 }
 
 BOOLEAN IsPagefileByName(const FILE_REQUEST& request) {
     if (!IsForFile(request, SpecialFileNames.PageFile)) return FALSE;
-    request.Volume->PagefileObject = request.File;
+    RememberPagefile(request);
     return TRUE;
 }
 
@@ -47,9 +87,9 @@ void AttachSwapFile(PVOLUME_EXTENSION volume) {
     KVR_DISCARD(GetSwapFile(&volume->VolumeName, volume), "the next request tries again");
 }
 
-void StartArmThreadOnce(PVOLUME_EXTENSION volume) {
-    if (volume->ArmThreadStarting.fetch_add(1) == 0 && !volume->ArmThreadHandle)
-        KVR_DISCARD(StartArmThread(volume), "the next request tries again");
+void StartArmThreadWhenDue(PVOLUME_EXTENSION volume, ARM_REASON reason) {
+    if (!IsArmThreadDue(volume, reason)) return;
+    if (volume->ArmThreadStarting.fetch_add(1) == 0) StartArmThreadFor(volume, reason);
     --volume->ArmThreadStarting;
 }
 

@@ -27,7 +27,9 @@ void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE
 // Is it made for a file whose path ends like that?
 [[nodiscard]] BOOLEAN IsForFileEnding(const FILE_REQUEST& request, const UNICODE_STRING& suffix);
 
-// Is the request for the paging file by its file object alone? An absent file object never is.
+// Is the request for the paging file by its file object and where that keeps its name? The name itself may be
+// paged out. A later file whose object has the same address keeps its name elsewhere, or has a name of another
+// length. An absent file object never is.
 [[nodiscard]] BOOLEAN IsKnownPagefile(const FILE_REQUEST& request);
 // By its name; the file object is remembered, so that the next request needs no comparison.
 [[nodiscard]] BOOLEAN IsPagefileByName(const FILE_REQUEST& request);
@@ -36,8 +38,16 @@ void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE
 void ProtectIfConfigured(PVOLUME_EXTENSION volume);
 // Leads a protected fixed volume to its swap storage. Without a storage the volume is not redirected.
 void AttachSwapFile(PVOLUME_EXTENSION volume);
-// Starts the volume's StorageArmThread unless it was started, or another request is starting it.
-void StartArmThreadOnce(PVOLUME_EXTENSION volume);
+// Why a request wants the volume's StorageArmThread.
+enum class ARM_REASON {
+    None,
+    First,      // to hold whatever the volume has
+    ConfigFile  // a named write on the volume that holds the configuration, whose file system serves by now
+};
+// Starts the thread unless another request is starting it. It is started once for the first request with a
+// reason; once more when it came before the volume's storage was known, so before the map was loaded or made;
+// and once more where it came before the configuration file could be opened.
+void StartArmThreadWhenDue(PVOLUME_EXTENSION volume, ARM_REASON reason);
 
 // The configuration is being loaded by another request: protection is not in force before that is done.
 [[nodiscard]] BOOLEAN IsConfigurationUnderWay();

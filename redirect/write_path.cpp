@@ -106,11 +106,11 @@ NTSTATUS RefuseDirectAccess(const WRITE_REQUEST& write) {
 
 // ---- redirection -------------------------------------------------------------------------------------------
 
-BOOLEAN IsArmThreadDue(const WRITE_REQUEST& write) {
+ARM_REASON ReasonToArm(const WRITE_REQUEST& write) {
     PVOLUME_EXTENSION volume = write.Volume;
-    if (volume->MediaType != FixedMedia || volume->ArmThreadHandle) return FALSE;
-    if (!write.Name || write.Name->Length == 0) return FALSE;
-    return volume->IsProtected || volume->MapLocation || IsConfigLocationComplete(volume);
+    if (!write.Name || write.Name->Length == 0) return ARM_REASON::None;
+    if (IsConfigLocationComplete(volume)) return ARM_REASON::ConfigFile;
+    return volume->IsProtected || volume->MapLocation ? ARM_REASON::First : ARM_REASON::None;
 }
 
 // Files whose sectors the system reaches without the file system, or before this driver redirects.
@@ -189,7 +189,7 @@ NTSTATUS WriteVolume(PDEVICE_OBJECT device, PIRP request) {
     if (guarded && volume->MediaType != FixedMedia) return RefuseRemovable(write);
     if (IsDirectAccess(write)) return RefuseDirectAccess(write);
     AttachSwapFile(volume);
-    if (IsArmThreadDue(write)) StartArmThreadOnce(volume);
+    StartArmThreadWhenDue(volume, ReasonToArm(write));
     return RedirectOrPass(write);
 }
 

@@ -178,6 +178,7 @@ void CloseHeldFiles(PVOLUME_EXTENSION volume) {
     CloseHeld(&volume->SwapMapFileHandle);
     CloseHeld(&volume->SwapFileHandle);
     for (HANDLE& handle : volume->SwapFileHandles) CloseHeld(&handle);
+    volume->StorageToHold = TRUE;
 }
 
 void ConfigureSwapAllocThread(PVOID context) {

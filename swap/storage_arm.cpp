@@ -15,9 +15,10 @@ bool IsConfigFileKnown(PVOLUME_EXTENSION volume) {
 
 // The handle stays in `held`; a file that is held already is left alone.
 NTSTATUS HoldFile(PVOLUME_EXTENSION volume, ULONG index, HANDLE* held) {
+    if (*held) return STATUS_SUCCESS;
     KernelHandle file;
     const NTSTATUS status = HoldStorageFile(volume, index, &file);
-    if (NT_SUCCESS(status)) KernelHandle(std::exchange(*held, file.Release())).Reset();
+    if (NT_SUCCESS(status)) *held = file.Release();
     return status;
 }
 
@@ -26,6 +27,7 @@ NTSTATUS HoldFile(PVOLUME_EXTENSION volume, ULONG index, HANDLE* held) {
 NTSTATUS HoldStorageFiles(PVOLUME_EXTENSION volume) {
     KernelMutexLock lock(volume->StorageMutex);
     if (!volume->MapLocation) return STATUS_SUCCESS;
+    volume->StorageToHold = FALSE;
     NTSTATUS status = HoldFile(volume, 0, &volume->SwapFileHandle);
     bool failed = !NT_SUCCESS(status);
     status = HoldFile(volume, kMapFileIndex, &volume->SwapMapFileHandle);
@@ -47,7 +49,8 @@ void WaitForMapLoad(PVOLUME_EXTENSION volume) {
 void StorageArmThread(PVOID context) {
     auto* volume = static_cast<PVOLUME_EXTENSION>(context);
     LockDriverFile();
-    if (IsConfigFileKnown(volume)) LockConfig();
+    // What says that a volume is protected must not change either, wherever it lies.
+    if (IsConfigFileKnown(volume) || volume->IsProtected) LockConfig();
     DbgPrint("Kvr!StorageArmThread(%wZ)...\n", &volume->VolumeName);
     WaitForMapLoad(volume);
     const NTSTATUS status = volume->MapLocation ? HoldStorageFiles(volume) : STATUS_SUCCESS;

@@ -56,8 +56,12 @@ struct VOLUME_EXTENSION {
     LARGE_INTEGER Cylinders;            // rest of the geometry, as far as it is known
     ULONG SectorsPerTrack;
     ULONG TracksPerCylinder;
-    std::atomic<PFILE_OBJECT> PagefileObject;  // only ever compared
-    std::atomic<SWAP_FILE*> SwapFile;          // set under gSwapFileMutex, atomic
+    // The paging file as it was last seen by its name: only ever compared, together with the length that the
+    // name has. Written by one request at a time, whoever has PagefilePublishing.
+    std::atomic<PFILE_OBJECT> PagefileObject;
+    std::atomic<PWCHAR> PagefileName;
+    std::atomic<BOOLEAN> PagefilePublishing;
+    std::atomic<SWAP_FILE*> SwapFile;  // set under gSwapFileMutex, atomic
     // The chunk maps.
     TREE SwappedChunks KVR_GUARDED_BY(SwapLock);     // SWAPPED_CHUNK by volume offset
     TREE FreeChunks KVR_GUARDED_BY(SwapLock);        // FREE_CHUNK by swap offset
@@ -84,6 +88,9 @@ struct VOLUME_EXTENSION {
     // The held files and the thread that holds them.
     std::atomic<LONG> ArmThreadStarting;
     std::atomic<HANDLE> ArmThreadHandle;
+    // What the thread that was started came too early for: one more start of it is due when that is known.
+    std::atomic<BOOLEAN> StorageToHold;  // there was no map location; also when the files were closed
+    std::atomic<BOOLEAN> ConfigToHold;   // no named write had come, so the file system may not have served yet
     HANDLE SwapMapFileHandle KVR_GUARDED_BY(StorageMutex);
     HANDLE SwapFileHandle KVR_GUARDED_BY(StorageMutex);
     HANDLE SwapFileHandles[kNumberedSwapFiles] KVR_GUARDED_BY(StorageMutex);

@@ -5,6 +5,7 @@
 #include "redirect/redirect.h"
 #include "redirect/request_path.h"
 #include "tests/support/memory_stack.h"
+#include "tests/support/paged_out_text.h"
 
 namespace {
 
@@ -97,15 +98,33 @@ TEST_F(Requests, NamesDecideWhatStaysOnAProtectedVolume) {
         Discard();
     }
     EXPECT_NE(0, KeReadStateEvent(&gBootStatusEvent));
-    TestFile pagefile(u"\\pagefile.sys");
-    for (const bool named : {true, false}) {
-        if (!named) pagefile.object.FileName.Length = 0;  // known by its object
-        EXPECT_FALSE(IsRedirected(&pagefile.object));
+}
+
+// Known by its object and where that keeps its name, which may be paged out; an object at the same address with
+// another name is another file.
+TEST_F(Requests, ThePagingFileIsKnownByItsObjectAndItsNamesPlace) {
+    Protect();
+    support::PagedOutText name(u"\\pagefile.sys");
+    TestFile file(u"\\pagefile.sys"), other(u"\\anotherfile1");
+    ASSERT_EQ(name.string.Length, other.object.FileName.Length);
+    const UNICODE_STRING own = name.string, place = other.object.FileName;
+    const UNICODE_STRING shorter = {4, 4, own.Buffer};
+    const struct {
+        UNICODE_STRING name;
+        bool redirected;
+        int faults;
+    } cases[] = {{own, false, 1}, {own, false, 1}, {place, true, 1}, {shorter, true, 1}, {own, false, 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        file.object.FileName = c.name;
+        EXPECT_EQ(c.redirected, IsRedirected(&file.object));
+        EXPECT_EQ(c.faults, name.faults);
         Discard();
         EXPECT_TRUE(IsRedirected());
-        EXPECT_FALSE(SeesSwap(&pagefile.object));
+        EXPECT_EQ(c.redirected, SeesSwap(&file.object));
         Discard();
     }
+    file.object.FileName.Length = 0;
 }
 
 // Of the file objects that a request may carry the first counts; a master's only when the request is a part.
@@ -405,20 +424,21 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         ULONG media;
         bool isProtected, map;
         int config;  // offsets that are known
-        bool starts;
+        ULONG starts;
     } cases[] = {
-        {IRP_MJ_WRITE, &named.object, FixedMedia, true, false, 0, true},
-        {IRP_MJ_WRITE, &named.object, FixedMedia, false, true, 0, true},
-        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 16, true},
-        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 15, false},
-        {IRP_MJ_WRITE, &unnamed.object, FixedMedia, true, true, 16, false},
-        {IRP_MJ_WRITE, nullptr, FixedMedia, true, true, 16, false},
-        {IRP_MJ_WRITE, &named.object, RemovableMedia, false, true, 16, false},
-        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 0, true},
-        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 1, false},
-        {IRP_MJ_READ, nullptr, RemovableMedia, false, false, 0, false},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, true, false, 0, 1},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, true, 0, 1},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 16, 1},
+        {IRP_MJ_WRITE, &named.object, FixedMedia, false, false, 15, 0},
+        {IRP_MJ_WRITE, &unnamed.object, FixedMedia, true, true, 16, 0},
+        {IRP_MJ_WRITE, nullptr, FixedMedia, true, true, 16, 0},
+        {IRP_MJ_WRITE, &named.object, RemovableMedia, false, true, 16, 0},
+        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 0, 1},
+        {IRP_MJ_READ, nullptr, FixedMedia, false, false, 1, 0},
+        {IRP_MJ_READ, nullptr, FixedMedia, true, false, 16, 1},
+        {IRP_MJ_READ, nullptr, RemovableMedia, false, false, 0, 0},
     };
-    volume->ProtectionDeferred = TRUE;
+    volume->ProtectionDeferred = volume->SwapMapLoaded = gConfigLoaded = TRUE;
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         host::ThreadGate gate;
@@ -428,7 +448,7 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         volume->MapLocation = c.map ? &run : nullptr;
         for (int i = 0; i < 16; ++i) volume->PreloadConfigLocation[i] = i < c.config ? 0x8000 : 0;
         for (int twice = 0; twice < 2; ++twice) Ask(volume, c.major, c.file);
-        EXPECT_EQ(c.starts ? 1u : 0u, gate.Held());
+        EXPECT_EQ(c.starts, gate.Held());
         volume->MapLocation = nullptr;
         for (auto& offset : volume->PreloadConfigLocation) offset = 0;
         gate.ReleaseAll();
@@ -436,6 +456,30 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
     }
     volume->MediaType = FixedMedia;
+    // Once more each when the storage is known only then, and where the file could not be opened before.
+    const struct {
+        bool provisioning, map;
+        int config;
+        PFILE_OBJECT file;
+        ULONG starts;
+    } later[] = {{false, false, 0, nullptr, 1},       {true, true, 0, nullptr, 0},
+                 {false, true, 0, nullptr, 1},        {false, true, 16, nullptr, 0},
+                 {false, true, 16, &named.object, 1}, {false, true, 16, &named.object, 0}};
+    volume->IsProtected = FALSE;
+    for (const auto& c : later) {
+        SCOPED_TRACE(&c - later);
+        gProvisionThread = c.provisioning ? KeGetCurrentThread() : nullptr;
+        volume->MapLocation = c.map ? &run : nullptr;
+        for (auto& offset : volume->PreloadConfigLocation) offset = c.config ? 0x8000 : 0;
+        host::ThreadGate gate;
+        for (int twice = 0; twice < 2; ++twice) Ask(volume, c.file ? IRP_MJ_WRITE : IRP_MJ_READ, c.file);
+        EXPECT_EQ(c.starts, gate.Held());
+        volume->MapLocation = nullptr;
+        gate.ReleaseAll();
+        host::JoinSystemThreads();
+    }
+    for (auto& offset : volume->PreloadConfigLocation) offset = 0;
+    KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
     host::ThreadGate gate;
     volume->ArmThreadStarting = 1;  // another request is at it
     Ask(volume, IRP_MJ_READ);

@@ -57,7 +57,8 @@ void EndFileSystem(Computer* computer) {
 
 void MountVolumes(Computer* computer) {
     const ComputerOptions& options = computer->Options;
-    FilesOf(gSystemFiles)->Mount(computer->System, kFileUnit, kSystemBytes);  // a place at 0 would read as none
+    computer->SystemFiles = FilesOf(gSystemFiles);
+    computer->SystemFiles->Mount(computer->System, kFileUnit, kSystemBytes);  // a place at 0 would read as none
     computer->DataFiles = FilesOf(gDataFiles);
     computer->DataFiles->PieceUnits = options.PieceUnits;
     computer->DataFiles->GapUnits = options.GapUnits;

@@ -42,6 +42,7 @@ struct Computer {
     PDEVICE_OBJECT Disk;
     PDEVICE_OBJECT Data;
     PUCHAR DataSectors;  // what the volume really holds
+    PlayedFiles* SystemFiles;
     PlayedFiles* DataFiles;
 };
 

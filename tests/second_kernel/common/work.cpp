@@ -224,6 +224,8 @@ void CheckHeld(Computer* computer) {
     stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
     for (const WCHAR* name : {W("\\kvr.SWP"), W("\\kvr.MAP")})
         stage::Check(IsHeld(computer->DataFiles->Find(name)), "a storage file is held open");
+    stage::Check(IsHeld(computer->SystemFiles->Find(W("\\Windows\\system32\\drivers\\kvr.cfg"))),
+                 "the configuration file is held open");
 }
 
 void LearnWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, NTSTATUS status, bool mayLose) {

@@ -20,15 +20,32 @@ constexpr ULONG kMapBad = 3;
 struct Plan {
     ComputerOptions computer;
     LONGLONG storage;
+    bool isDataFirst = false;  // the data volume is read and written before the configuration's volume is
 };
 const Plan kKeepPlan = {{.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
                         14 * kMiB};
-const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB};
+const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB, true};
 const Plan kMergePlan = {{.PieceUnits = 16}, 56 * kMiB};  // merging wants more than 51 MiB free
+
+// Before the configuration is known a volume is what its sectors are. Nobody has lost anything then: the same
+// data is written that is there.
+void UseBeforeConfiguration(Computer* computer) {
+    stage::Step("the data volume is used before the configuration is known");
+    const ULONG sector = computer->Options.DataSector;
+    Bytes data(sector), back(sector);
+    std::memcpy(data.data(), computer->DataSectors, sector);
+    const ULONG before = RamOf(computer->Data)->Arrived[IRP_MJ_WRITE];
+    stage::CheckStatus(ReadAt(TopOfData(computer), 0, back.data(), sector), STATUS_SUCCESS, "a read");
+    stage::Check(back == data, "it reads its own sectors");
+    stage::CheckStatus(WriteAt(TopOfData(computer), 0, data.data(), sector), STATUS_SUCCESS, "a write");
+    stage::CheckEqual(RamOf(computer->Data)->Arrived[IRP_MJ_WRITE], before + 1, "it reaches the volume");
+    stage::CheckEqual(stage::WaitForDriverThreads(), 0, "threads that still run");
+}
 
 Computer* Wake(const Plan& plan) {
     Computer* computer = BootComputer(plan.computer);
     if (!computer) return nullptr;
+    if (plan.isDataFirst) UseBeforeConfiguration(computer);
     stage::Step("the first reads");
     WakeComputer(computer);
     CheckHeld(computer);
@@ -56,6 +73,7 @@ void End(Computer* computer) {
 void InstallBoot(const Plan& plan, const WCHAR* configuration) {
     Computer* computer = BootComputer(plan.computer);
     if (!computer) return;
+    UseBeforeConfiguration(computer);  // as mounting it does
     Install(computer, configuration, plan.storage);
     stage::Step("a volume is not protected in the boot that configures it");
     Bytes data(computer->DataSectors, computer->DataSectors + plan.computer.DataSector);
@@ -64,6 +82,8 @@ void InstallBoot(const Plan& plan, const WCHAR* configuration) {
                        "a write");
     stage::CheckEqual(RamOf(computer->Data)->Arrived[IRP_MJ_WRITE], before + 1,
                       "writes that reached the device");
+    stage::Step("but its storage is held from then on");
+    CheckHeld(computer);
     EndComputer(computer);
 }
 
