@@ -2,6 +2,8 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "control/io.h"
+#include "driver/pass_through.h"
+#include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/volume_list.h"
 
@@ -41,6 +43,8 @@ constexpr CONTROL_RULE kWritableRefusal = {
     IOCTL_DISK_IS_WRITABLE, kProtected, kWritableQuery.Message,
     "Kvr!KvrDeviceControl: IOCTL IS_WRITABLE IoControlCode = 0x%08x BLOCKING!\n"};
 
+constexpr PCSTR kHardenedMessage = "Kvr!KvrDeviceControl: BLOCKING IoControlCode = 0x%08x\n";
+
 // Codes looked at only where the driver counts on its sectors: on protected volumes and on those that hold the
 // configuration or a saved map. "skipping" says that the request is not carried out.
 constexpr CONTROL_RULE kGuardedVolume[] = {
@@ -68,26 +72,22 @@ constexpr CONTROL_RULE kGuardedVolume[] = {
      "Kvr!KvrDeviceControl: IOCTL_VOLUME_PREPARE_FOR_SHRINK, skipping IoControlCode = 0x%08x\n", nullptr},
 };
 
-// SCSI commands that write, erase or format, by their operation code.
-constexpr UCHAR kRefusedCommands[] = {
-    0x04,  // FORMAT UNIT
-    0x0A,  // WRITE(6)
-    0x10,  // WRITE FILEMARKS(6)
-    0x19,  // ERASE(6)
-    0x2A,  // WRITE(10)
-    0x2E,  // WRITE AND VERIFY(10)
-    0x3B,  // WRITE BUFFER
-    0x5B,  // CLOSE TRACK/SESSION
-    0x8A,  // WRITE(16)
-    0x8E,  // WRITE AND VERIFY(16)
-    0xA1,  // BLANK, and ATA PASS-THROUGH(12)
-    0xAA,  // WRITE(12)
-    0xAE,  // WRITE AND VERIFY(12)
+// Under gHardening these as well, and also on a disk below a protected volume: what makes a disk forget or copy
+// sectors by itself, commands that cannot be looked into, and what makes another layout. A file system that is
+// refused a deallocation or an offloaded copy goes without.
+constexpr CONTROL_RULE kHardened[] = {
+    {IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES, STATUS_NOT_SUPPORTED, nullptr, nullptr},
+    {IOCTL_STORAGE_REINITIALIZE_MEDIA, STATUS_NOT_SUPPORTED, kHardenedMessage, nullptr},
+    {IOCTL_STORAGE_REMOVE_ELEMENT_AND_TRUNCATE, STATUS_NOT_SUPPORTED, kHardenedMessage, nullptr},
+    {IOCTL_SCSI_PASS_THROUGH_EX, STATUS_ACCESS_DENIED, kHardenedMessage, nullptr},
+    {IOCTL_SCSI_PASS_THROUGH_DIRECT_EX, STATUS_ACCESS_DENIED, kHardenedMessage, nullptr},
+    {IOCTL_STORAGE_PROTOCOL_COMMAND, STATUS_ACCESS_DENIED, kHardenedMessage, nullptr},
+    {IOCTL_IDE_PASS_THROUGH, STATUS_ACCESS_DENIED, kHardenedMessage, nullptr},
+    {IOCTL_DISK_CREATE_DISK, kProtected, kHardenedMessage, nullptr},
+    {IOCTL_DISK_SET_PARTITION_INFO, kProtected, kHardenedMessage, nullptr},
+    {IOCTL_DISK_REASSIGN_BLOCKS, kProtected, kHardenedMessage, nullptr},
+    {IOCTL_DISK_REASSIGN_BLOCKS_EX, kProtected, kHardenedMessage, nullptr},
 };
-
-// The two forms of the pass-through request begin alike, the command included.
-static_assert(sizeof(SCSI_PASS_THROUGH) == sizeof(SCSI_PASS_THROUGH_DIRECT) &&
-              FIELD_OFFSET(SCSI_PASS_THROUGH, Cdb) == FIELD_OFFSET(SCSI_PASS_THROUGH_DIRECT, Cdb));
 
 template <SIZE_T Count>
 const CONTROL_RULE* FindRule(const CONTROL_RULE (&rules)[Count], ULONG code) {
@@ -111,40 +111,27 @@ NTSTATUS CheckEveryDevice(PVOLUME_EXTENSION volume, ULONG code) {
     return ApplyRule(readOnly ? &kWritableRefusal : &kWritableQuery);
 }
 
-bool IsRefusedCommand(UCHAR operation) {
-    for (UCHAR refused : kRefusedCommands) {
-        if (refused == operation) return true;
-    }
-    return false;
-}
-
-// Only the request's own structure is looked at, never its data.
-NTSTATUS CheckPassThrough(PIRP request, ULONG inputLength, PCSTR passed, PCSTR blocked) {
-    const auto* command = static_cast<const SCSI_PASS_THROUGH*>(request->AssociatedIrp.SystemBuffer);
-    if (inputLength < sizeof(SCSI_PASS_THROUGH) || !command) return STATUS_INVALID_PARAMETER;
-    const UCHAR operation = command->Cdb[0];
-    const bool refused = IsRefusedCommand(operation);
-    DbgPrint(refused ? blocked : passed, operation);
-    return refused ? STATUS_ACCESS_DENIED : kPass;
-}
-
 NTSTATUS CheckGuardedVolume(PIRP request, ULONG code, ULONG inputLength) {
-    switch (code) {
-        case IOCTL_SCSI_PASS_THROUGH:
-            return CheckPassThrough(request, inputLength, "Kvr!KvrDeviceControl: IOCTL_SCSI_PASS_THROUGH, %d\n",
-                                    "Kvr!KvrDeviceControl: IOCTL_SCSI_PASS_THROUGH BLOCKED, %d\n");
-        case IOCTL_SCSI_PASS_THROUGH_DIRECT:
-            return CheckPassThrough(request, inputLength,
-                                    "Kvr!KvrDeviceControl: IOCTL_SCSI_PASS_THROUGH_DIRECT, %d\n",
-                                    "Kvr!KvrDeviceControl: IOCTL_SCSI_PASS_THROUGH_DIRECT BLOCKED, %d\n");
-        default:
-            return ApplyRule(FindRule(kGuardedVolume, code));
+    if (gHardening) {
+        if (const CONTROL_RULE* rule = FindRule(kHardened, code)) return ApplyRule(rule);
     }
+    if (IsPassThrough(code)) return CheckPassThrough(request, code, inputLength);
+    return ApplyRule(FindRule(kGuardedVolume, code));
+}
+
+// Would the request be looked at on a guarded volume? Spares disks the walk over all volumes for every other.
+bool IsLookedAt(ULONG code) {
+    return FindRule(kHardened, code) || FindRule(kGuardedVolume, code) || IsPassThrough(code);
 }
 
 // The driver reads and writes sectors of this volume by their position: it must not change.
 bool IsGuarded(PVOLUME_EXTENSION volume) {
     return volume->IsProtected || volume->PreloadConfigLocation[0] != 0 || volume->MapLocation != nullptr;
+}
+
+// Under gHardening a disk is guarded for the sake of the protected volumes on it.
+bool IsGuardedDisk(PVOLUME_EXTENSION disk, ULONG code) {
+    return gHardening && disk->IsDisk && IsLookedAt(code) && HasProtectedVolume(disk->FilterDevice);
 }
 
 void TraceControl(PVOLUME_EXTENSION volume, ULONG code) {
@@ -175,7 +162,8 @@ NTSTATUS CheckFilteredRequest(PVOLUME_EXTENSION volume, PIRP request, PIO_STACK_
     if (listed && !volume->IsProtected) UpdateVolumeProtection(volume);
     if (listed && !volume->SuppressControlTrace) TraceControl(volume, code);
     NTSTATUS refusal = CheckEveryDevice(volume, code);
-    if (refusal != kPass || !listed || !IsGuarded(volume)) return refusal;
+    if (refusal != kPass || !listed) return refusal;
+    if (!IsGuarded(volume) && !IsGuardedDisk(volume, code)) return kPass;
     return CheckGuardedVolume(request, code, location->Parameters.DeviceIoControl.InputBufferLength);
 }
 

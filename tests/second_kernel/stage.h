@@ -37,6 +37,8 @@ PDRIVER_OBJECT OwnDriver();
 PUCHAR Medium(ULONG number, SIZE_T bytes);
 // What the driver stored under that name, empty when there is nothing.
 [[nodiscard]] std::vector<UCHAR> RegistryValue(const std::u16string& name);
+// Stores one of the driver's switches, as an administrator does; it holds from the driver's next load.
+void SetDriverSwitch(const std::u16string& name, ULONG value);
 [[nodiscard]] bool IsFirstBoot();
 
 // ---- the outcome ---------------------------------------------------------------------------------------

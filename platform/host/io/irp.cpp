@@ -52,6 +52,7 @@ PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context) {
     own->Finish = finish;
     own->FinishContext = context;
     own->Done = nullptr;
+    own->From32Bit = false;
     own->LockedAtStart = 0;
     own->OutputLength = 0;
     own->OwnedSystemBuffer = nullptr;
@@ -96,6 +97,10 @@ void FreeCachedIrps(ThreadIo& io) {
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN) {
     if (host::InjectFault(host::Fault::BuildRequest)) return nullptr;
     return host::NewIrp(stackSize, nullptr, nullptr);
+}
+
+BOOLEAN IoIs32bitProcess(PIRP irp) {
+    return irp->Host->From32Bit;
 }
 
 void IoFreeIrp(PIRP irp) {

@@ -30,6 +30,7 @@ struct HostIrp {
     PVOID FinishContext;
     HostIrp* NextFree;
     void (*Done)(void* context, host::Outcome outcome);  // asynchronous requests of request.h
+    bool From32Bit;                                      // the program that sent it is a 32-bit one
     UCHAR LockedAtStart;      // requests of request.h: bit 0 its own pages, bit 1 its master's
     ULONG OutputLength;       // buffered device control: bytes of UserBuffer
     PVOID OwnedSystemBuffer;  // buffered device control: freed with the request

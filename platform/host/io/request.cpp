@@ -136,6 +136,7 @@ Outcome SendControl(PDEVICE_OBJECT device, const Control& control) {
     SyncRequest sync(BuildControl(control.code, device, control.input, control.inputLength, control.output,
                                   control.outputLength, control.major));
     sync.irp()->RequestorMode = control.mode;
+    sync.irp()->Host->From32Bit = control.from32Bit;
     sync.irp()->Tail.Overlay.OriginalFileObject = control.file;
     IoGetNextIrpStackLocation(sync.irp())->FileObject = control.file;
     const Outcome outcome = sync.Call(device);

@@ -78,6 +78,7 @@ struct Control {
     PFILE_OBJECT file = nullptr;
     UCHAR major = IRP_MJ_DEVICE_CONTROL;
     KPROCESSOR_MODE mode = KernelMode;
+    bool from32Bit = false;
 };
 [[nodiscard]] Outcome SendControl(PDEVICE_OBJECT device, const Control& control);
 

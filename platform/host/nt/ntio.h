@@ -274,6 +274,7 @@ void IoUnregisterShutdownNotification(PDEVICE_OBJECT device);  // of both kinds
 // ---- requests ----------------------------------------------------------------------------------------
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN chargeQuota);
 void IoFreeIrp(PIRP irp);
+BOOLEAN IoIs32bitProcess(PIRP irp);  // here always of a request: is its sender a 32-bit program?
 PIRP IoBuildAsynchronousFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
                                    PLARGE_INTEGER offset, PIO_STATUS_BLOCK iosb);
 PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength,

@@ -103,6 +103,11 @@ std::vector<UCHAR> RegistryValue(const std::u16string& name) {
     return found == gLasting.registry.values.end() ? std::vector<UCHAR>{} : found->second.data;
 }
 
+void SetDriverSwitch(const std::u16string& name, ULONG value) {
+    const auto* bytes = reinterpret_cast<const UCHAR*>(&value);
+    gLasting.registry.values[name] = {REG_DWORD, {bytes, bytes + sizeof(value)}};
+}
+
 bool IsFirstBoot() {
     return gBoot.index == 0;
 }

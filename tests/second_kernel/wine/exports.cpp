@@ -66,6 +66,7 @@ const Export kExports[] = {
     BY_NAME(IoGetDeviceProperty),
     BY_NAME(IoGetLowerDeviceObject),
     BY_NAME(IoRegisterLastChanceShutdownNotification),
+    BY_NAME(IoIs32bitProcess),
     BY_NAME(IoRegisterShutdownNotification),
     BY_NAME(IoUnregisterShutdownNotification),
     BY_NAME(IofCallDriver),
