@@ -59,6 +59,22 @@ void ApplyFlags(PVOLUME_EXTENSION volume, ULONG flags) {
         volume->IsProtected = FALSE;
 }
 
+// The saved map counts sectors in 32 bits, the largest of which says "free": changes at or beyond that sector
+// would be lost at the next boot, unless all are to be.
+BOOLEAN IsTooLargeToKeep(PVOLUME_EXTENSION volume, ULONG flags) {
+    if (!(flags & PV_PROTECTED) || (flags & PV_ACTION_DISCARD) || volume->MediaType != FixedMedia) return FALSE;
+    const ULONG sector = volume->BytesPerSector;
+    return sector != 0 && static_cast<ULONG64>(volume->DeviceBytes) / sector >= ULONG64{kFreeSpaceMark};
+}
+
+// Takes the place of protection: the state says why there is none.
+void RefuseToKeep(PVOLUME_EXTENSION volume) {
+    DbgPrint("Kvr!UpdateVolumeProtection: %wZ is too large to keep its changes, not protected\n",
+             &volume->VolumeName);
+    volume->SwapState = kSwapVolumeTooLarge;
+    volume->IsProtected = FALSE;
+}
+
 void ApplyRemovableDefaults(PVOLUME_EXTENSION volume) {
     volume->IsInvisible = gRVInvisible.load();
     if (gRVProtect)
@@ -105,7 +121,9 @@ void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {
     const ULONG media = volume->MediaType;
     if (media == 0 || (volume->ProtectionDeferred && !volume->IsProtected)) return;
     const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
-    if (entry)
+    if (entry && IsTooLargeToKeep(volume, entry->Flags))
+        RefuseToKeep(volume);
+    else if (entry)
         ApplyFlags(volume, entry->Flags);
     else if (media != FixedMedia)
         ApplyRemovableDefaults(volume);

@@ -27,5 +27,12 @@ extern std::atomic<PROTECTED_VOLUME*> gProtectedVolumeList;
 // Applies the list, the removable defaults and the storage's state to the volume. Takes no lock. IRQL: at most
 // APC_LEVEL.
 void UpdateVolumeProtection(PVOLUME_EXTENSION volume);
+// Asks the device below how large it is and, for a disk whose names do not tell, which number it has, and
+// brings every disk's idea of where its partition tables lie up to date. For the start of a volume or disk,
+// with its extents known. Takes gVolumeListLock. IRQL: PASSIVE_LEVEL.
+void LearnPlace(PVOLUME_EXTENSION volume);
+// Would the write touch a partition table of the disk: its first sectors or its last ones, as far as no volume
+// lies there? Takes no lock. IRQL: any.
+[[nodiscard]] BOOLEAN TouchesPartitionTable(PVOLUME_EXTENSION disk, LONGLONG offset, ULONG length);
 // Does the disk under this filter hold a protected volume? Takes gVolumeListLock. IRQL: at most APC_LEVEL.
 [[nodiscard]] BOOLEAN HasProtectedVolume(PDEVICE_OBJECT device);

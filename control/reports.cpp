@@ -33,7 +33,7 @@ ULONG FixedState(PVOLUME_EXTENSION volume) {
 ULONG SwapStatus(PVOLUME_EXTENSION volume, LONGLONG totalBytes) {
     if (gProvisionThread != nullptr) return kSwapProvisioning;
     const ULONG state = volume->SwapState;
-    if (state == kSwapMapBad || state == kSwapNoLocation || state == kSwapFilesNotHeld) return state;
+    if (state >= kSwapMapBad && state <= kSwapVolumeTooLarge) return state;
     return totalBytes > 0 ? kSwapPresent : kSwapNone;
 }
 

@@ -14,6 +14,7 @@ constexpr ULONG kInheritedCharacteristics = FILE_REMOVABLE_MEDIA | FILE_READ_ONL
 PVOLUME_EXTENSION BeginRecord(PDEVICE_OBJECT filter, PDEVICE_OBJECT pdo) {
     PVOLUME_EXTENSION volume = ::new (filter->DeviceExtension) VOLUME_EXTENSION{};
     volume->Signature = kVolumeSignature;
+    volume->DiskNumber = kUnknownDisk;
     volume->PhysicalDeviceObject = pdo;
     IoInitializeRemoveLock(&volume->RemoveLock, kPoolTag, 0, 0);
     KeInitializeMutex(&volume->StorageMutex, 0);

@@ -125,6 +125,7 @@ NTSTATUS StartDevice(PDEVICE_OBJECT device, PIRP request) {
     LearnMedia(volume);
     FindVolumeName(volume, "Kvr!StartDevice: VolumeName: 0x%08x 0x%08x %wZ\n");
     LearnClass(volume);
+    LearnPlace(volume);
     status = DecideRemovable(volume, status);
     volume->SuppressReadTrace = TRUE;
     volume->SuppressWriteTrace = TRUE;

@@ -36,7 +36,7 @@ struct KVR_FIXED_VOLUME_STATUS {
     std::uint32_t Reserved1;
     std::int64_t SwapTotalBytes;
     std::int64_t SwapUsedBytes;
-    std::uint32_t SwapStatus;  // 1 provisioning runs; 3, 4, 5 error states; 2 storage present; 0 none
+    std::uint32_t SwapStatus;  // 1 provisioning runs; 3 to 6 error states; 2 storage present; 0 none
     std::uint32_t Reserved2;
 };
 static_assert(sizeof(KVR_FIXED_VOLUME_STATUS) == 160 &&

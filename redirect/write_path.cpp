@@ -3,6 +3,7 @@
 #include "config/protected_volumes.h"
 #include "config/config_location.h"
 #include "config/storage.h"
+#include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "redirect/redirect.h"
 #include "redirect/request_io.h"
@@ -35,11 +36,17 @@ void TraceWrite(const WRITE_REQUEST& write) {
 
 // ---- disks -------------------------------------------------------------------------------------------------
 
-// A disk's first sector says where its volumes lie: it stays as it is while one of them is protected.
+// A disk's first sector says where its volumes lie: it stays as it is while one of them is protected. So do,
+// under gHardening, both copies of its partition table.
+BOOLEAN IsForBootArea(const WRITE_REQUEST& write) {
+    if (write.Offset.QuadPart == 0) return TRUE;
+    return gHardening && TouchesPartitionTable(write.Volume, write.Offset.QuadPart, write.Length);
+}
+
 NTSTATUS WriteDisk(PDEVICE_OBJECT device, PIRP request) {
     const WRITE_REQUEST write = DescribeWrite(device, request);
     TraceWrite(write);
-    if (write.Offset.QuadPart != 0 || !HasProtectedVolume(device)) return PassIrpDown(device, request);
+    if (!IsForBootArea(write) || !HasProtectedVolume(device)) return PassIrpDown(device, request);
     DbgPrint("Kvr!Write: boot area direct access?\n");
     return CompleteRequest(request, STATUS_MEDIA_WRITE_PROTECTED);
 }

@@ -31,6 +31,18 @@ NTSTATUS ForwardIrpSynchronously(PDEVICE_OBJECT device, PIRP request) {
     return AwaitRequest(IofCallDriver(VolumeOf(device)->Target, request), &done, &request->IoStatus);
 }
 
+NTSTATUS QueryTarget(PVOLUME_EXTENSION volume, ULONG code, PVOID answer, ULONG bytes) {
+    KEVENT done;
+    KeInitializeEvent(&done, NotificationEvent, FALSE);
+    IO_STATUS_BLOCK iosb{};
+    PIRP request =
+        IoBuildDeviceIoControlRequest(code, volume->Target, nullptr, 0, answer, bytes, FALSE, &done, &iosb);
+    if (!request) return STATUS_INSUFFICIENT_RESOURCES;
+    const NTSTATUS status = AwaitRequest(IofCallDriver(volume->Target, request), &done, &iosb);
+    if (!NT_SUCCESS(status)) return status;
+    return iosb.Information == bytes ? STATUS_SUCCESS : STATUS_BUFFER_TOO_SMALL;
+}
+
 NTSTATUS SyncCompletion(PDEVICE_OBJECT device, PIRP request, PVOID event) {
     UNREFERENCED_PARAMETER(device);
     UNREFERENCED_PARAMETER(request);

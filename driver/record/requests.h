@@ -19,6 +19,9 @@ NTSTATUS HoldAndPassDown(PDEVICE_OBJECT device, PIRP request);
 // Sends the request to Target and waits, with the final status as the result; it then belongs to the caller
 // again, who must complete it. IRQL: PASSIVE_LEVEL.
 [[nodiscard]] NTSTATUS ForwardIrpSynchronously(PDEVICE_OBJECT device, PIRP request);
+// Asks Target with a control code without input. STATUS_SUCCESS only when all `bytes` of the answer came.
+// IRQL: PASSIVE_LEVEL.
+[[nodiscard]] NTSTATUS QueryTarget(PVOLUME_EXTENSION volume, ULONG code, PVOID answer, ULONG bytes);
 // The completion routine of such a request; `event` is a KEVENT. IRQL: at most DISPATCH_LEVEL.
 NTSTATUS SyncCompletion(PDEVICE_OBJECT device, PIRP request, PVOID event);
 // The final status of a lower request: what its call returned, or, when that is STATUS_PENDING, what `block`

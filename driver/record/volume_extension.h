@@ -29,6 +29,10 @@ inline constexpr ULONG kSwapUsable = 0;
 inline constexpr ULONG kSwapMapBad = 3;        // the saved map could not be loaded
 inline constexpr ULONG kSwapNoLocation = 4;    // nothing says where the saved map lies
 inline constexpr ULONG kSwapFilesNotHeld = 5;  // the storage files could not be held open
+inline constexpr ULONG kSwapVolumeTooLarge =
+    6;  // changes are to be kept, and the map has no number for some sectors
+
+inline constexpr ULONG kUnknownDisk = 0xFFFFFFFF;
 
 // VOLUME_DISK_EXTENTS with room for every extent that is kept.
 struct VOLUME_EXTENTS {
@@ -102,6 +106,12 @@ struct VOLUME_EXTENSION {
     std::atomic<BOOLEAN> SuppressWriteTrace;
     std::atomic<BOOLEAN> SuppressControlTrace;
     std::atomic<ULONG> SwapState;
+    // Where the device lies and how large it is: learnt at its start, atomic by LearnPlace.
+    std::atomic<LONGLONG> DeviceBytes;  // 0: it did not tell, or nobody needed to know
+    std::atomic<ULONG> DiskNumber;      // a disk's, or kUnknownDisk
+    std::atomic<LONGLONG> TableEnd;     // a disk: its first bytes, below every volume on it
+    std::atomic<LONGLONG>
+        BackupTableStart;  // a disk: where its last bytes begin, above every volume; 0: unknown
     // What keeps the above sound when things happen at once.
     std::atomic<BOOLEAN> IsListed;            // linked in gVolumeList; changed with the link, under its lock
     std::atomic<BOOLEAN> ProtectionDeferred;  // storage removed or made: not protected before the next boot

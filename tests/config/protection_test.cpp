@@ -1,5 +1,6 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
+#include "driver/record/hardening.h"
 #include "tests/support/memory_stack.h"
 
 namespace {
@@ -65,6 +66,11 @@ TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
     FilteredStack& disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
     FilteredStack& disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack;
     FilteredStack& other = AddMemoryDisk(u"\\KernelObjects\\Disk").stack;
+    FilteredStack& filtered = AddMemory({.name = u"\\Device\\0000002e",
+                                         .className = u"DiskDrive",
+                                         .classGuid = kDiskClass,
+                                         .diskNumber = 1})
+                                  .stack;
     FilteredStack& nameless = AddMemory({.name = u"\\Harddisk1"}).stack;
     PDEVICE_OBJECT unnamed = AddMemoryDisk(nullptr).stack.filter;
     PVOLUME_EXTENSION located = AddMemory({.name = u"\\Device\\V"}, {7, 1}).stack.volume;
@@ -90,6 +96,7 @@ TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
         unknown->VolumeDiskExtents.NumberOfDiskExtents = c.knows;
         unknown->VolumeDiskExtents.Extents[0].DiskNumber = 5;
         EXPECT_EQ(c.on1, HasProtectedVolume(disk1.filter) != FALSE);
+        EXPECT_EQ(c.on1, HasProtectedVolume(filtered.filter) != FALSE) << "a lower filter has a name";
         EXPECT_EQ(c.on11, HasProtectedVolume(disk11.filter) != FALSE);
         EXPECT_EQ(c.onOther, HasProtectedVolume(other.filter) != FALSE);
         EXPECT_FALSE(HasProtectedVolume(nameless.filter)) << "a name that ends early";
@@ -105,6 +112,98 @@ TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
     UNICODE_STRING name = std::exchange(unknown->VolumeName, Counted(u"\\Dev"));
     EXPECT_FALSE(HasProtectedVolume(disk11.filter)) << "no second backslash";
     unknown->VolumeName = name;
+}
+
+// What a write to the whole disk may not touch while a volume on it is protected.
+TEST_F(Protection, OfADisksPartitionTables) {
+    constexpr LONGLONG end = 0x800000;
+    const struct {
+        const char* what;
+        USHORT sector;
+        LONGLONG first, last;  // of the volume on the disk
+        std::vector<std::pair<LONGLONG, ULONG>> refused, passed;
+    } disks[] = {
+        {"two tables",
+         512,
+         0x100000,
+         0x700000,
+         {{512, 512}, {33 * 512, 512}, {33 * 512, 1024}, {end - 33 * 512, 512}, {end - 34 * 512, 1024}},
+         {{34 * 512, 512}, {end - 34 * 512, 512}, {512, 0}}},
+        {"large sectors",
+         4096,
+         0x100000,
+         0x700000,
+         {{4096, 4096}, {5 * 4096, 4096}, {end - 5 * 4096, 4096}, {end - 4096, 4096}},
+         {{6 * 4096, 4096}, {end - 6 * 4096, 4096}}},
+        {"a volume that ends with the disk",
+         512,
+         16 * 512,
+         end,
+         {{512, 512}, {15 * 512, 1024}},
+         {{16 * 512, 512}, {33 * 512, 512}, {end - 512, 512}}},
+    };
+    for (const BOOLEAN hardened : {FALSE, TRUE}) {
+        gHardening = hardened;
+        for (const auto& d : disks) {
+            SCOPED_TRACE(d.what);
+            const ULONG number = 10 * (1 + hardened) + static_cast<ULONG>(&d - disks);
+            const auto name = [&](const char16_t* head, char16_t kind) {
+                return head + std::u16string{char16_t(u'0' + number / 10), char16_t(u'0' + number % 10), kind};
+            };
+            StackMemory& disk = AddMemory({.name = name(u"\\Device\\Harddisk", u'\\').append(u"DR").c_str(),
+                                           .className = u"DiskDrive",
+                                           .classGuid = kDiskClass,
+                                           .sectorSize = d.sector,
+                                           .bytes = end});
+            FilteredStack& on = AddMemory({.name = name(u"\\Device\\V", u'x').c_str()}).stack;
+            on.extents = {{number, Large(d.first), Large(d.last - d.first)}};
+            ASSERT_EQ(STATUS_SUCCESS, on.Start());
+            for (const bool isProtected : {true, false}) {
+                gTesselEnabled = TRUE;
+                on.volume->IsProtected = isProtected;
+                const auto answer = [&](LONGLONG at, ULONG length) {
+                    return Write(disk.stack.volume, at, Bytes(length)).status;
+                };
+                EXPECT_EQ(isProtected ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS, answer(0, d.sector));
+                for (const auto& [at, length] : d.refused)
+                    EXPECT_EQ(isProtected && hardened ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS,
+                              answer(at, length))
+                        << at;
+                for (const auto& [at, length] : d.passed) EXPECT_EQ(STATUS_SUCCESS, answer(at, length)) << at;
+            }
+        }
+    }
+}
+
+// The saved map cannot name every sector: such a volume is protected only where nothing is to be kept.
+TEST_F(Protection, OfAVolumeTooLargeToKeep) {
+    constexpr LONGLONG limit = 0xFFFFFFFFLL;
+    const struct {
+        ULONG flags;
+        LONGLONG sectors, extent;  // told, and summed up from the extents
+        USHORT sector;
+        bool isProtected;
+    } cases[] = {{PV_PROTECTED, limit - 1, limit - 1, 512, true},
+                 {PV_PROTECTED, limit, limit, 512, false},
+                 {PV_PROTECTED, limit - 1, 2 * limit, 512, true},
+                 {PV_PROTECTED, limit, limit, 4096, false},
+                 {PV_PROTECTED | PV_ACTION_MERGE, limit, limit, 512, false},
+                 {PV_PROTECTED | PV_ACTION_DISCARD, limit, limit, 512, true},
+                 {0, limit, limit, 512, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        const std::u16string name = u"\\Device\\Large" + std::u16string(1, char16_t(u'A' + (&c - cases)));
+        List(name.c_str(), c.flags);
+        FilteredStack& large =
+            AddMemory({.name = name.c_str(), .sectorSize = c.sector, .bytes = c.sectors * c.sector}).stack;
+        large.extents = {{3, {}, Large(c.extent * c.sector)}};
+        large.claimedExtents = 1;
+        ASSERT_EQ(STATUS_SUCCESS, large.Start());
+        const bool refused = (c.flags & PV_PROTECTED) && !c.isProtected;
+        EXPECT_EQ(c.isProtected, Updated(large.volume));
+        EXPECT_EQ(refused ? kSwapVolumeTooLarge : kSwapUsable, large.volume->SwapState.load());
+    }
+    EXPECT_EQ(3u, TimesSaid(mark, "is too large to keep its changes"));
 }
 
 TEST_F(Protection, NamesAreComparedWhole) {

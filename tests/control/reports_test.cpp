@@ -74,7 +74,7 @@ TEST_F(Reports, StatesOfAVolume) {
     EXPECT_EQ(0x1000, Fixed().at(0).SwapUsedBytes);
     for (ULONG state = 0; state < 8; ++state) {
         volume->SwapState = state;
-        EXPECT_EQ(state >= 3 && state <= 5 ? state : 2, Fixed().at(0).SwapStatus);
+        EXPECT_EQ(state >= 3 && state <= 6 ? state : 2, Fixed().at(0).SwapStatus);
     }
 }
 

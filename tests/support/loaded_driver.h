@@ -42,6 +42,8 @@ struct StackOptions {
     const char16_t* classGuid = u"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
     ULONG characteristics = 0;
     USHORT sectorSize = 512;
+    ULONG diskNumber = kUnknownDisk;  // what the device tells when it is asked; by default nothing
+    LONGLONG bytes = 0;
 };
 
 // A device with the driver's filter above it. What arrives below is written down, and succeeds unless the test
@@ -52,7 +54,9 @@ public:
 
     FilteredStack(PDRIVER_OBJECT lower, PDRIVER_OBJECT kvr, const StackOptions& options)
         : pdo(
-              lower, [this](PDEVICE_OBJECT, PIRP irp) { return Serve(irp); }, nullptr, options.name) {
+              lower, [this](PDEVICE_OBJECT, PIRP irp) { return Serve(irp); }, nullptr, options.name),
+          diskNumber(options.diskNumber),
+          bytes(options.bytes) {
         pdo.object->Characteristics |= options.characteristics;
         pdo.object->SectorSize = options.sectorSize;
         host::SetDeviceProperty(pdo.object, DevicePropertyClassName, options.className);
@@ -89,6 +93,8 @@ public:
     Answer answer;  // set before requests come
     std::vector<DISK_EXTENT> extents{{1, {.QuadPart = 0x100000}, {.QuadPart = 0x400000}}};
     ULONG claimedExtents = 1;
+    const ULONG diskNumber;
+    const LONGLONG bytes;
     bool tellsExtents = true;  // false: `answer` is asked for them too
     NTSTATUS added = STATUS_UNSUCCESSFUL;
     PDEVICE_OBJECT filter = nullptr;
@@ -105,7 +111,16 @@ private:
             ++m_arrived[{major, control ? code : location->MinorFunction}];
         }
         if (control && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS && tellsExtents) return TellExtents(irp);
+        if (control && code == IOCTL_STORAGE_GET_DEVICE_NUMBER && diskNumber != kUnknownDisk)
+            return Tell(irp, STORAGE_DEVICE_NUMBER{FILE_DEVICE_DISK, diskNumber, 0});
+        if (control && code == IOCTL_DISK_GET_LENGTH_INFO && bytes != 0)
+            return Tell(irp, LARGE_INTEGER{.QuadPart = bytes});
         return answer ? answer(irp, location) : stub::Complete(irp, STATUS_SUCCESS);
+    }
+    template <class Record>
+    static NTSTATUS Tell(PIRP irp, const Record& record) {
+        std::memcpy(irp->AssociatedIrp.SystemBuffer, &record, sizeof(record));
+        return stub::Complete(irp, STATUS_SUCCESS, sizeof(record));
     }
     NTSTATUS TellExtents(PIRP irp) {
         auto* out = static_cast<PVOLUME_DISK_EXTENTS>(irp->AssociatedIrp.SystemBuffer);

@@ -12,6 +12,12 @@ struct DISK_GEOMETRY {
     ULONG BytesPerSector;
 };
 
+struct STORAGE_DEVICE_NUMBER {
+    DEVICE_TYPE DeviceType;
+    ULONG DeviceNumber;
+    ULONG PartitionNumber;
+};
+
 struct DISK_EXTENT {
     ULONG DiskNumber;
     LARGE_INTEGER StartingOffset;
