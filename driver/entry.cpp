@@ -8,6 +8,7 @@
 #include "driver/shutdown.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
+#include "platform/owners.h"
 #include "redirect/redirect.h"
 #include "swap/swap_file.h"
 
@@ -48,6 +49,13 @@ void InstallStandBy(PDRIVER_OBJECT driver) {
     driver->DriverExtension->AddDevice = AddDeviceStandBy;
 }
 
+// Executable pool would be refused where the system guards the integrity of its code.
+POOL_TYPE PoolTypeOf(const RTL_OSVERSIONINFOEXW& version) {
+    const bool knowsNoExecute =
+        version.dwMajorVersion > 6 || (version.dwMajorVersion == 6 && version.dwMinorVersion >= 2);
+    return knowsNoExecute ? NonPagedPoolNx : NonPagedPool;
+}
+
 void InstallDispatch(PDRIVER_OBJECT driver) {
     driver->MajorFunction[IRP_MJ_CREATE] = KvrCreate;
     driver->MajorFunction[IRP_MJ_READ] = KvrRead;
@@ -81,7 +89,10 @@ extern "C" NTSTATUS DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryP
     }
 
     InstallStandBy(driver);
-    if (QueryOsVersion() == STATUS_SUCCESS && IsOsVersionSupported()) InstallDispatch(driver);
+    if (QueryOsVersion() == STATUS_SUCCESS && IsOsVersionSupported()) {
+        gPoolType = PoolTypeOf(gVersionInfo);
+        InstallDispatch(driver);
+    }
 
     ExInitializeFastMutex(&gVolumeListLock);
     ExInitializeFastMutex(&gConfigWriteLock);

@@ -8,10 +8,12 @@
 #include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
+#include "platform/owners.h"
 #include "redirect/redirect.h"
 #include "swap/swap_file.h"
 
 // driver/record/
+constinit POOL_TYPE gPoolType = NonPagedPool;
 constinit PDEVICE_OBJECT gControlDevice{};
 constinit LIST_ENTRY gVolumeList{};
 constinit FAST_MUTEX gVolumeListLock{};
@@ -55,6 +57,7 @@ constinit RTL_OSVERSIONINFOEXW gVersionInfo{};
 namespace {
 
 void InitializeFrameGlobals() {
+    gPoolType = NonPagedPool;
     gControlDevice = nullptr;
     gControlOpen = FALSE;
     gVolumeList = {};

@@ -12,9 +12,19 @@ inline constexpr ULONG kPoolTag = 0x4C535354;  // TSSL, in memory order
 // For a status that has nowhere to go; `why` says why that is right.
 #define KVR_DISCARD(expression, why) (static_cast<void>(expression))
 
+// The kind of all the driver's memory: pool that is never executable, from version 6.2 of the system on; older
+// ones know the executable kind only. Set once by DriverEntry, before anything is allocated.
+extern POOL_TYPE gPoolType;
+
+// How pages are mapped: what the kind of pool says holds for them too.
+[[nodiscard]] inline MM_PAGE_PRIORITY MappingPriority() {
+    constexpr ULONG noExecute = NormalPagePriority | MdlMappingNoExecute;
+    return gPoolType == NonPagedPoolNx ? static_cast<MM_PAGE_PRIORITY>(noExecute) : NormalPagePriority;
+}
+
 // Non-paged pool under the driver's tag; null when the pool is exhausted. IRQL: at most DISPATCH_LEVEL.
 [[nodiscard]] inline PVOID AllocatePool(SIZE_T bytes) {
-    return ExAllocatePoolWithTag(NonPagedPool, bytes, kPoolTag);
+    return ExAllocatePoolWithTag(gPoolType, bytes, kPoolTag);
 }
 // `block` came from AllocatePool and is not null. IRQL: at most DISPATCH_LEVEL.
 inline void FreePool(PVOID block) {

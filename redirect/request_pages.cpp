@@ -23,7 +23,7 @@ void RequestPages::Lock(PIRP request) {
 
 PVOID RequestPages::Map(PIRP request) {
     if (!request->MdlAddress) return nullptr;
-    return MmGetSystemAddressForMdlSafe(request->MdlAddress, NormalPagePriority);
+    return MmGetSystemAddressForMdlSafe(request->MdlAddress, MappingPriority());
 }
 
 void RequestPages::Unlock() {

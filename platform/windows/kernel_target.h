@@ -48,6 +48,9 @@ extern "C" {
 #define IOCTL_DISK_REASSIGN_BLOCKS_EX \
     CTL_CODE(IOCTL_DISK_BASE, 0x0029, METHOD_BUFFERED, FILE_READ_ACCESS | FILE_WRITE_ACCESS)
 #endif
+#ifndef MdlMappingNoExecute
+#define MdlMappingNoExecute 0x40000000
+#endif
 
 // The header's macro reads the page that the kernel shares with every process in whatever form the compiler
 // likes; kernels that emulate the access know the plain load only.

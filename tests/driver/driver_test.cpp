@@ -57,6 +57,25 @@ TEST_F(Entry, WhatCannotBeMadeEndsTheLoad) {
     host::CloseDevice(tool);
 }
 
+TEST_F(Entry, MemoryIsNeverExecutableWhereTheSystemKnowsHow) {
+    const struct {
+        ULONG major, minor;
+        POOL_TYPE type;
+    } versions[] = {{5, 2, NonPagedPool},
+                    {6, 1, NonPagedPool},
+                    {6, 2, NonPagedPoolNx},
+                    {6, 3, NonPagedPoolNx},
+                    {10, 0, NonPagedPoolNx}};
+    for (const auto& v : versions) {
+        host::SetOsVersion(v.major, v.minor);
+        ASSERT_EQ(STATUS_SUCCESS, Load());
+        EXPECT_EQ(v.type, gPoolType) << v.major << "." << v.minor;
+        EXPECT_EQ(v.type == NonPagedPoolNx, (MappingPriority() & MdlMappingNoExecute) != 0);
+        IoDeleteDevice(gControlDevice);
+    }
+    gControlDevice = nullptr;
+}
+
 class Life : public MemoryStackTest {};
 
 TEST_F(Life, StartTellsWhatTheDeviceIs) {

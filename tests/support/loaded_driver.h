@@ -139,6 +139,7 @@ protected:
     void SetUp() override {
         stub::Kernel::SetUp();
         m_blocks = host::PoolUsage(kPoolTag).blocks;
+        m_executable = host::ExecutableMemory();
         ASSERT_EQ(STATUS_SUCCESS, host::LoadDriver(DriverEntry, u"\\Driver\\kvr", kvr));
         mark = host::DebugMark();
     }
@@ -147,6 +148,7 @@ protected:
         host::JoinSystemThreads();
         if (gControlDevice) IoDeleteDevice(gControlDevice);
         EXPECT_EQ(m_blocks + m_kept, host::PoolUsage(kPoolTag).blocks) << "pool blocks of the driver are left";
+        EXPECT_EQ(m_executable, host::ExecutableMemory());
         stub::Kernel::TearDown();
     }
 
@@ -171,4 +173,5 @@ protected:
 
 private:
     ULONGLONG m_blocks = 0, m_kept = 0;
+    ULONG m_executable = 0;
 };

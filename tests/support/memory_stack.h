@@ -63,7 +63,7 @@ private:
         if (transfer.offset < 0 || transfer.offset + ULONGLONG{transfer.length} > data.size())
             return STATUS_INVALID_PARAMETER;
         if (transfer.length == 0) return STATUS_SUCCESS;
-        void* buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+        void* buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority | MdlMappingNoExecute);
         UCHAR* sectors = data.data() + transfer.offset;
         const ULONG length = transfer.length - shortBy;
         transfer.isWrite ? std::memcpy(sectors, buffer, length) : std::memcpy(buffer, sectors, length);

@@ -1,4 +1,5 @@
 #include "platform/host/memory/mdl.h"
+#include "platform/host/memory/pool.h"
 #include <cstdlib>
 #include "platform/host/check/injector.h"
 #include "platform/host/io/thread_io.h"
@@ -109,13 +110,14 @@ void MmUnlockPages(PMDL mdl) {
     host::ThisThreadIo().lockedCount.Add(-1);
 }
 
-PVOID MmGetSystemAddressForMdlSafe(PMDL mdl, ULONG) {
+PVOID MmGetSystemAddressForMdlSafe(PMDL mdl, ULONG priority) {
     host::OwnerOf(mdl, "MmGetSystemAddressForMdlSafe");
     if ((mdl->MdlFlags & (MDL_MAPPED_TO_SYSTEM_VA | MDL_SOURCE_IS_NONPAGED_POOL)) != 0)
         return mdl->MappedSystemVa;
     if ((mdl->MdlFlags & host::kResident) == 0)
         host::Violation("pages mapped that are not locked", "MDL %p", static_cast<void*>(mdl));
     if (host::InjectFault(host::Fault::MapPages)) return nullptr;
+    if ((priority & MdlMappingNoExecute) == 0) host::NoteExecutableMemory();
     mdl->MdlFlags |= MDL_MAPPED_TO_SYSTEM_VA;
     mdl->MappedSystemVa = host::AddressOf(mdl);
     return mdl->MappedSystemVa;

@@ -131,6 +131,8 @@ std::atomic<bool> gFill;
 std::atomic<SIZE_T> gQuarantineLimit;
 std::atomic<SIZE_T> gPoolLimit = kNoPoolLimit;
 
+std::atomic<ULONG> gExecutable;
+
 HostLock gQuarantineLock;
 std::deque<PoolBlock*> gQuarantine KVR_GUARDED_BY(gQuarantineLock);
 SIZE_T gQuarantineBytes KVR_GUARDED_BY(gQuarantineLock) = 0;
@@ -210,6 +212,14 @@ void PoolCheck() {
     for (PoolBlock* block : gQuarantine) CheckStillFreed(block);
 }
 
+ULONG ExecutableMemory() {
+    return gExecutable.load(std::memory_order_relaxed);
+}
+
+void NoteExecutableMemory() {
+    gExecutable.fetch_add(1, std::memory_order_relaxed);
+}
+
 std::vector<PoolBalance> PoolReclaimAll() {
     std::vector<PoolBalance> outstanding;
     for (const PoolBalance& balance : PoolUsage()) {
@@ -231,6 +241,7 @@ PVOID ExAllocatePoolWithTag(POOL_TYPE type, SIZE_T bytes, ULONG tag) {
     else
         RequireIrql("ExAllocatePoolWithTag", DISPATCH_LEVEL);
     if (tag == 0) Violation("pool", "an allocation of %zu bytes without a tag", bytes);
+    if (type == NonPagedPool) NoteExecutableMemory();
     if (Refused(bytes)) return nullptr;
     PoolBlock* block = ObtainBlock(bytes, tag, ShardOfThread());
     if (block == nullptr) return nullptr;

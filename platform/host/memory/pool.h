@@ -35,6 +35,11 @@ PoolBalance PoolUsage(ULONG tag);
 std::vector<PoolBalance> PoolUsage();  // every tag seen, in the order first seen
 void ResetPoolPeaks();
 
+// Blocks and mappings that were asked for as executable memory since the program began. Exact once the threads
+// that ask are quiet.
+ULONG ExecutableMemory();
+void NoteExecutableMemory();
+
 // Checks the guards of every block that is outstanding (and those held back) and stops at a damaged one.
 void PoolCheck();
 

@@ -2,7 +2,7 @@
 #pragma once
 #include "platform/host/nt/ntke.h"
 
-enum POOL_TYPE { NonPagedPool = 0, PagedPool = 1 };
+enum POOL_TYPE { NonPagedPool = 0, PagedPool = 1, NonPagedPoolNx = 512 };
 
 // Not recursive; holding one raises the thread to APC_LEVEL.
 struct KVR_CAPABILITY("fast mutex") FAST_MUTEX {

@@ -71,7 +71,8 @@ inline constexpr UCHAR SL_INVOKE_ON_CANCEL = 0x20;
 inline constexpr UCHAR SL_INVOKE_ON_SUCCESS = 0x40;
 inline constexpr UCHAR SL_INVOKE_ON_ERROR = 0x80;
 enum LOCK_OPERATION { IoReadAccess, IoWriteAccess, IoModifyAccess };
-enum MM_PAGE_PRIORITY { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 };
+inline constexpr ULONG MdlMappingNoExecute = 0x40000000;  // with a priority
+enum MM_PAGE_PRIORITY : ULONG { LowPagePriority = 0, NormalPagePriority = 16, HighPagePriority = 32 };
 
 // ---- records -----------------------------------------------------------------------------------------
 struct IO_STATUS_BLOCK {

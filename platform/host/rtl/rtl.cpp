@@ -24,8 +24,8 @@ void TerminateIfRoom(PUNICODE_STRING string) {
         string->Buffer[string->Length / sizeof(WCHAR)] = 0;
 }
 
-constexpr ULONG kOsMajor = 10;
-constexpr ULONG kOsMinor = 0;
+std::atomic<ULONG> gOsMajor = 10;
+std::atomic<ULONG> gOsMinor = 0;
 constexpr ULONG kOsBuild = 19041;
 std::atomic<NTSTATUS> gOsFailure = STATUS_SUCCESS;
 
@@ -75,8 +75,8 @@ NTSTATUS RtlGetVersion(PRTL_OSVERSIONINFOW info) {
     if (!NT_SUCCESS(failure)) return failure;
     const ULONG size = info->dwOSVersionInfoSize;
     if (size != kShortForm && size != sizeof(RTL_OSVERSIONINFOEXW)) return STATUS_INVALID_PARAMETER;
-    info->dwMajorVersion = kOsMajor;
-    info->dwMinorVersion = kOsMinor;
+    info->dwMajorVersion = gOsMajor;
+    info->dwMinorVersion = gOsMinor;
     info->dwBuildNumber = kOsBuild;
     info->dwPlatformId = kPlatformNt;
     std::memset(info->szCSDVersion, 0, sizeof info->szCSDVersion);
@@ -88,6 +88,11 @@ NTSTATUS RtlGetVersion(PRTL_OSVERSIONINFOW info) {
 }
 
 namespace host {
+
+void SetOsVersion(ULONG major, ULONG minor) {
+    gOsMajor = major;
+    gOsMinor = minor;
+}
 
 void FailOsVersion(NTSTATUS status) {
     gOsFailure.store(status);

@@ -37,7 +37,7 @@ NTSTATUS MoveSectors(RamDevice* ram, PIRP irp, PIO_STACK_LOCATION location) {
     const auto& place = location->Parameters.Read;
     if (place.Length == 0) return STATUS_SUCCESS;
     if (!irp->MdlAddress) return STATUS_INVALID_PARAMETER;
-    PVOID buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority);
+    PVOID buffer = MmGetSystemAddressForMdlSafe(irp->MdlAddress, NormalPagePriority | MdlMappingNoExecute);
     if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
     PUCHAR sectors = ram->Sectors + place.ByteOffset.QuadPart;
     if (location->MajorFunction == IRP_MJ_WRITE)

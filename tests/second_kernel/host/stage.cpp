@@ -154,6 +154,7 @@ void EndBoot() {
     host::DisarmFaults();
     Check(WaitForDriverThreads() == 0, "no thread outlives its boot");
     CheckEqual(host::AssertionCount(), 0, "broken rules of the platform");
+    CheckEqual(host::ExecutableMemory(), 0, "requests for executable memory");
     const host::LeakReport left = host::PowerOff();
     CheckEqual(left.memory.irps, 0, "requests that are outstanding");
     CheckEqual(left.memory.mdls, 0, "MDLs that are outstanding");
