@@ -2,6 +2,7 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
+#include "driver/record/hardening.h"
 #include "driver/record/sector_io.h"
 #include "platform/owners.h"
 #include "swap/chunk_maps.h"
@@ -31,6 +32,20 @@ void OfferRun(PVOLUME_EXTENSION volume, UCHAR* buffer, ULONG length) {
     volume->MapBufferSize = length;
 }
 
+NTSTATUS ReadRun(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run, UCHAR* buffer) {
+    if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(buffer, run->ulLength);
+    return TransferOnce(IRP_MJ_READ, volume->Target, buffer, run->ulLength,
+                        RunOffset(*run, volume->BytesPerSector));
+}
+
+// The disk may give tomorrow what it refuses today: a save of what was read would take that away for good.
+void ReportUnreadRun(PVOLUME_EXTENSION volume, const MAP_LOCATION_ENTRY* run, NTSTATUS status) {
+    volume->MapReadFailed = TRUE;
+    DbgPrint("Kvr!PreloadSwapMap: the map's run at sector %u cannot be read, 0x%08x: it is not saved\n",
+             run->ulSector, status);
+}
+
 // A run that cannot be read is the load's status, and the next one is read.
 void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
     if (run->ulLength < sizeof(SWAP_MAP_ENTRY)) {
@@ -42,15 +57,20 @@ void LoadRun(MAP_LOAD& load, const MAP_LOCATION_ENTRY* run) {
         return;
     }
     const PoolPtr<UCHAR> buffer = NewBuffer(run->ulLength);
-    load.status = STATUS_INSUFFICIENT_RESOURCES;
-    if (!buffer) return;
-    RtlZeroMemory(buffer.Get(), run->ulLength);
-    load.status = TransferOnce(IRP_MJ_READ, load.volume->Target, buffer.Get(), run->ulLength,
-                               RunOffset(*run, load.volume->BytesPerSector));
-    if (!NT_SUCCESS(load.status)) return;
+    load.status = ReadRun(load.volume, run, buffer.Get());
+    if (!NT_SUCCESS(load.status)) {
+        ReportUnreadRun(load.volume, run, load.status);
+        return;
+    }
     OfferRun(load.volume, buffer.Get(), run->ulLength);
     load.loaded = DeserializeSwapMap(load.volume->FilterDevice);
     OfferRun(load.volume, nullptr, 0);
+}
+
+// A volume that is still locked, or a disk that comes late, fails its first reads: what it holds is not known
+// then, and nothing may be decided for the whole boot.
+bool IsNoLoad(const MAP_LOAD& load) {
+    return gHardening && load.volume->MapReadFailed;
 }
 
 // A value too short for one run is no location.
@@ -60,7 +80,16 @@ void LoadMap(MAP_LOAD& load) {
     load.location.Reset(location);
     const ULONG runs = load.length / sizeof(MAP_LOCATION_ENTRY);
     load.noLocation = !NT_SUCCESS(load.status) || runs == 0;
-    for (ULONG r = 0; r < runs && load.loaded == STATUS_SUCCESS; ++r) LoadRun(load, load.location.Get() + r);
+    load.volume->MapReadFailed = FALSE;
+    for (ULONG r = 0; r < runs && load.loaded == STATUS_SUCCESS && !IsNoLoad(load); ++r)
+        LoadRun(load, load.location.Get() + r);
+}
+
+// As if nothing had been read: the next request tries again.
+void DropLoad(PVOLUME_EXTENSION volume) {
+    FastMutexLock lock(volume->SwapLock);
+    EmptySwappedChunks(volume);
+    EmptyFreeChunks(volume);
 }
 
 // A map of which anything is wrong is worth nothing: all of it goes.
@@ -160,6 +189,10 @@ NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
     MAP_LOAD load{volume, PoolPtr<MAP_LOCATION_ENTRY>(), 0, STATUS_SUCCESS, STATUS_SUCCESS, false};
     LoadMap(load);
+    if (IsNoLoad(load)) {
+        DropLoad(volume);
+        return load.status;
+    }
     SettleLoad(load);
     ApplySwapState(volume, load.noLocation);
     BOOLEAN keep = MergeIfDue(volume);
@@ -168,6 +201,10 @@ NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device) {
     volume->SwapMapLoaded = TRUE;
     DbgPrint("Kvr!PreloadSwapMap: Done\n");
     return load.status;
+}
+
+BOOLEAN IsSwapMapUnread(PVOLUME_EXTENSION volume) {
+    return gHardening && IsMapLoadDue(volume);
 }
 
 void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume) {

@@ -18,13 +18,18 @@
 [[nodiscard]] NTSTATUS RegDelMapLocation(PVOLUME_EXTENSION volume);
 // After provisioning: the captured runs go to the registry and into MapLocation. Takes SwapLock.
 void PostloadSwapMap(PVOLUME_EXTENSION volume);
-// Loads the map and carries out the boot action, once per boot and volume; SwapState tells what came of it, the
-// status is that of the last step. Takes SwapLock, also through the transfers of a merge or a save. To be
+// Loads the map and carries out the boot action, once per boot and volume. A run that cannot be read sets
+// MapReadFailed, which keeps the saved map from being replaced in this boot. SwapState tells what came of it,
+// the status is that of the last step. Takes SwapLock, also through the transfers of a merge or a save. To be
 // called under MapLoadMutex.
 [[nodiscard]] NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device);
 // Loads the map if it is due and not loaded; a request that comes during the load waits for its end. Takes
 // MapLoadMutex. The caller holds the record.
 void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume);
+// Under gHardening a map of which a part cannot be read is not loaded: the trees are empty and the next call of
+// EnsureSwapMapLoaded tries again. TRUE while that is so: what the volume shows is not known, and no write may
+// be redirected. Asked after EnsureSwapMapLoaded; always FALSE without gHardening. Takes no lock.
+[[nodiscard]] BOOLEAN IsSwapMapUnread(PVOLUME_EXTENSION volume);
 // Copies every redirected range from the swap to its own sectors; a range that cannot be copied stays as the
 // volume has it. The redirections stay: the caller gives them up. Holds SwapLock throughout.
 void MergeSwapIntoVolume(PDEVICE_OBJECT device);

@@ -174,7 +174,7 @@ void StoreTrees(PVOLUME_EXTENSION volume, MapWriter& writer) KVR_REQUIRES(volume
 }
 
 bool CanBeSaved(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
-    return volume->MapDirty && volume->MapLocation &&
+    return volume->MapDirty && volume->MapLocation && !volume->MapReadFailed &&
            volume->ulMapLocationLength >= sizeof(MAP_LOCATION_ENTRY) && volume->BytesPerSector != 0 &&
            volume->SwapState == kSwapUsable;
 }

@@ -9,8 +9,8 @@
 }
 
 // Saves the map when the trees changed, on a volume that redirects or whose storage was made in this boot
-// (`force`: on any that has a place for it). A volume whose storage is unusable is never saved. Always
-// STATUS_SUCCESS: what cannot be written is found at the next boot.
+// (`force`: on any that has a place for it). A volume whose storage is unusable, or whose saved map could not
+// be read whole, is never saved. Always STATUS_SUCCESS: what cannot be written is found at the next boot.
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
 // The save itself, with none of these questions but whether the trees changed. Always STATUS_SUCCESS.
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);

@@ -46,6 +46,7 @@ void ForgetStorage(PVOLUME_EXTENSION volume) {
     ForgetMapLocation(volume);
     ResetSwapMaps(volume->FilterDevice);
     volume->SwapState = kSwapUsable;
+    volume->MapReadFailed = FALSE;
 }
 
 // The location goes before the files: from then on no save of the map can reach sectors that are no longer the

@@ -88,6 +88,7 @@ struct VOLUME_EXTENSION {
     ULONG MapRunIndex KVR_GUARDED_BY(SwapLock);
     std::atomic<BOOLEAN> SwapAllocating;  // storage was made in this boot
     std::atomic<BOOLEAN> SwapMapLoaded;   // the map was loaded in this boot
+    std::atomic<BOOLEAN> MapReadFailed;   // a part of the saved map could not be read: it is not to be replaced
     FAST_MUTEX SwapLock;
     // The held files and the thread that holds them.
     std::atomic<LONG> ArmThreadStarting;
