@@ -140,12 +140,13 @@ BOOLEAN IsSystemHive(const WRITE_REQUEST& write) {
            IsForFileEnding(write, SpecialFileNames.SystemHiveLog1);
 }
 
-// At most once in 30 seconds; of several requests that find it due, one saves.
+// At most once in 30 seconds; of several requests that find it due, one saves. A last time in the future is
+// that of a clock that was set back since.
 void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     LONGLONG last = volume->LastMapSaveTime;
-    if (now.QuadPart <= last + kMapSaveInterval) return;
+    if (now.QuadPart >= last && now.QuadPart <= last + kMapSaveInterval) return;
     if (!volume->LastMapSaveTime.compare_exchange_strong(last, now.QuadPart)) return;
     KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "a save that fails is made up for by the next one");
 }

@@ -381,6 +381,9 @@ TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
     host::AdvanceTime(1);
     EXPECT_EQ(2u, saves());
     EXPECT_EQ(host::SystemTime(), volume->LastMapSaveTime.load());
+    host::AdvanceTime(-3600 * host::kTicksPerSecond);
+    EXPECT_EQ(3u, saves()) << "the clock was set back";
+    EXPECT_EQ(3u, saves());
     host::FollowRealClock();
 }
 
