@@ -92,7 +92,8 @@ void DropLoad(PVOLUME_EXTENSION volume) {
     EmptyFreeChunks(volume);
 }
 
-// A map of which anything is wrong is worth nothing: all of it goes.
+// A map of which anything is wrong is worth nothing: all of it goes. One that there was no memory to look at
+// for overlaps is taken as sound: each of its entries is.
 void SettleLoad(MAP_LOAD& load) {
     PVOLUME_EXTENSION volume = load.volume;
     ULONG swapped = 0;
@@ -103,7 +104,7 @@ void SettleLoad(MAP_LOAD& load) {
         tree_walk(&volume->FreeChunks, count_items, &free);
         if (NT_SUCCESS(load.loaded) || load.loaded == STATUS_END_OF_FILE) {
             const NTSTATUS verified = VerifySwapRanges(volume, swapped + free);
-            if (!NT_SUCCESS(verified)) load.loaded = verified;
+            if (verified == STATUS_INVALID_PARAMETER) load.loaded = verified;
         }
         if (!NT_SUCCESS(load.loaded) && load.loaded != STATUS_END_OF_FILE) {
             EmptySwappedChunks(volume);
@@ -136,6 +137,16 @@ void ApplySwapState(PVOLUME_EXTENSION volume, bool noLocation) {
     }
 }
 
+// The merged data goes before the map that drops its redirections. Where it may have been lost on the way,
+// the redirections still have it.
+bool IsMergeFlushed(PVOLUME_EXTENSION volume) {
+    const NTSTATUS status = FlushDevice(volume->Target);
+    if (NT_SUCCESS(status)) return true;
+    DbgPrint("Kvr!PreloadSwapMap: the merged data of %wZ is not flushed, 0x%08x\n", &volume->VolumeName,
+             status);
+    return !gHardening;
+}
+
 // TRUE when the redirections must stay although they were to be merged.
 BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
     if (!gTesselEnabled || !volume->IsProtected || !(volume->BootAction & PV_ACTION_MERGE) ||
@@ -148,7 +159,7 @@ BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
     }
     if (free <= kMergeLimit) return TRUE;
     MergeSwapIntoVolume(volume->FilterDevice);
-    return FALSE;
+    return !IsMergeFlushed(volume);
 }
 
 void GiveUpRedirections(PVOLUME_EXTENSION volume) {

@@ -10,10 +10,18 @@
 
 // Saves the map when the trees changed, on a volume that redirects or whose storage was made in this boot
 // (`force`: on any that has a place for it). A volume whose storage is unusable, or whose saved map could not
-// be read whole, is never saved. Always STATUS_SUCCESS: what cannot be written is found at the next boot.
+// be read whole, is never saved. Always STATUS_SUCCESS: a save that fails is reported and leaves MapDirty set,
+// so that the next occasion saves again. What the save points to is flushed before it, and the save itself
+// behind.
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
 // The save itself, with none of these questions but whether the trees changed. Always STATUS_SUCCESS.
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);
+// From now on the swap changes while no map of it can be saved: the saved one is made unusable, so that the
+// next boot reports it and shows the fixed state alone, instead of two states mixed. What cannot be written now
+// is tried again whenever a save would be due. To be called with a SwapState that lets nothing be saved.
+void RetireSavedMap(PVOLUME_EXTENSION volume);
+// Fills the buffer with what every boot finds to be a damaged map.
+void FillAsDamagedMap(UCHAR* buffer, ULONG bytes);
 // Reads the run in MapBuffer, MapBufferSize bytes, which stays the caller's, into the trees. Trusts nothing: an
 // entry with a bad check byte, without sectors, beyond the range of offsets, redirecting a range twice or
 // freeing a space twice is STATUS_INVALID_PARAMETER. (Whether other spaces of the swap overlap is looked at

@@ -47,6 +47,7 @@ void ForgetStorage(PVOLUME_EXTENSION volume) {
     ResetSwapMaps(volume->FilterDevice);
     volume->SwapState = kSwapUsable;
     volume->MapReadFailed = FALSE;
+    volume->MapRetireDue = FALSE;
 }
 
 // The location goes before the files: from then on no save of the map can reach sectors that are no longer the

@@ -1,5 +1,6 @@
 #include "swap/provision_files.h"
 #include "driver/record/format_string.h"
+#include "swap/map_format.h"
 
 namespace {
 
@@ -72,11 +73,7 @@ BLOCK_WRITER::BLOCK_WRITER(PVOLUME_EXTENSION volume) : m_bytes(volume->BytesPerS
 
 // Words that count: wherever a run begins, its slots are neither empty nor free of wrong check bytes.
 void BLOCK_WRITER::FillAsDamagedMap() {
-    if (!m_buffer) return;
-    for (ULONG i = 0; i < m_bytes / sizeof(ULONG); ++i) {
-        const ULONG word = 0xFF000000 | i;
-        RtlCopyMemory(m_buffer.Get() + i * sizeof(word), &word, sizeof(word));
-    }
+    if (m_buffer) ::FillAsDamagedMap(m_buffer.Get(), m_bytes);
 }
 
 NTSTATUS BLOCK_WRITER::Write(HANDLE file, LONGLONG offset) {

@@ -1,7 +1,9 @@
 // Holding the storage files open, so that nobody reads, changes, moves or deletes them while the driver uses
 // their sectors behind the file system's back.
 #include "config/config_files.h"
+#include "config/protected_volumes.h"
 #include "driver/record/threads.h"
+#include "swap/map_format.h"
 #include "swap/provision.h"
 #include "swap/provision_files.h"
 
@@ -22,6 +24,15 @@ NTSTATUS HoldFile(PVOLUME_EXTENSION volume, ULONG index, HANDLE* held) {
     return status;
 }
 
+// A protected volume stays so until the next boot, with swap that is overwritten in place under a map that is
+// not saved any more. Where the next boot gives every change up anyway, the older map is as good as any: it is
+// left, and protects that boot.
+void GiveUpStorage(PVOLUME_EXTENSION volume) {
+    ULONG usable = kSwapUsable;
+    if (!volume->SwapState.compare_exchange_strong(usable, kSwapFilesNotHeld)) return;
+    if (volume->IsProtected && !(volume->BootAction & PV_ACTION_DISCARD)) RetireSavedMap(volume);
+}
+
 // The status of the last open. A removal forgets MapLocation before it waits for StorageMutex to close the
 // handles: an arm thread that comes later holds nothing, and says nothing about files that are gone.
 NTSTATUS HoldStorageFiles(PVOLUME_EXTENSION volume) {
@@ -34,8 +45,7 @@ NTSTATUS HoldStorageFiles(PVOLUME_EXTENSION volume) {
     failed = failed || !NT_SUCCESS(status);
     for (ULONG i = 0; i < kNumberedSwapFiles && volume->MapLocation; ++i)
         status = HoldFile(volume, i + 1, &volume->SwapFileHandles[i]);
-    ULONG usable = kSwapUsable;
-    if (failed && volume->MapLocation) volume->SwapState.compare_exchange_strong(usable, kSwapFilesNotHeld);
+    if (failed && volume->MapLocation) GiveUpStorage(volume);
     return status;
 }
 

@@ -89,6 +89,7 @@ struct VOLUME_EXTENSION {
     std::atomic<BOOLEAN> SwapAllocating;  // storage was made in this boot
     std::atomic<BOOLEAN> SwapMapLoaded;   // the map was loaded in this boot
     std::atomic<BOOLEAN> MapReadFailed;   // a part of the saved map could not be read: it is not to be replaced
+    std::atomic<BOOLEAN> MapRetireDue;    // the saved map is to be made unusable, which did not succeed yet
     FAST_MUTEX SwapLock;
     // The held files and the thread that holds them.
     std::atomic<LONG> ArmThreadStarting;

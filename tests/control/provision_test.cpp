@@ -338,6 +338,21 @@ TEST_F(Provisioning, HoldingTheFiles) {
         EXPECT_EQ(18 - c.fails.size() + 1, host::OpenHandles().size()) << "each once, and the driver's file";
         CloseHeldFiles(volume);
     }
+    // A protected volume whose changes the next boot would keep: its map ends here.
+    files.statuses = cases[1].fails;
+    for (const ULONG action : {ULONG{0}, PV_ACTION_DISCARD, PV_ACTION_MERGE}) {
+        for (const bool isProtected : {false, true}) {
+            std::fill_n(At(0x1000 * S), S, 0x49);
+            volume->SwapState = kSwapUsable;
+            volume->IsProtected = isProtected;
+            volume->BootAction = action;
+            EXPECT_EQ(STATUS_SUCCESS, Arm());
+            EXPECT_EQ(kSwapFilesNotHeld, volume->SwapState);
+            const bool kept = isProtected && action != PV_ACTION_DISCARD;
+            EXPECT_EQ(!kept, OnDisk(0x1000 * S, S) == Bytes(S, 0x49));
+        }
+    }
+    volume->IsProtected = FALSE;
     files.statuses.clear();
     for (const LONGLONG last : {0, -1, 1}) {
         for (auto& offset : volume->PreloadConfigLocation) offset = 1;

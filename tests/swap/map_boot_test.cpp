@@ -347,12 +347,44 @@ TEST_F(MapBoot, ShortMemoryLeavesASoundVolume) {
         if (host::FaultsInjected() == 0) ++whole;
         if (volume->SwapState != kSwapMapBad) continue;
         ++bad;
+        EXPECT_EQ(bad, TimesSaid(mark, "Kvr!DeserializeSwapMap ["))
+            << "only what could not be stored is missing";
         EXPECT_FALSE(volume->IsProtected);
         EXPECT_EQ(map, OnDisk(kMap, kMapBytes)) << "the next boot may find it whole";
     }
     EXPECT_EQ(1u, whole);
     EXPECT_GE(bad, 5u);
     EXPECT_TRUE(Said("Kvr!DeserializeSwapMap [") && Said("STATUS_UNSUCCESSFUL"));
+}
+
+// The merged data is on stable storage before the map drops its redirections, and the map before their space is
+// used again.
+TEST_F(MapBoot, MergedDataIsFlushedBeforeTheMapDropsItsRedirections) {
+    for (const bool hardening : {false, true}) {
+        for (const bool flushes : {true, false}) {
+            SaveMap();
+            gHardening = hardening;
+            volume->BootAction = PV_ACTION_MERGE;
+            bool first = true, flushedLast = false;
+            device->verdict = [&](const auto& t) {
+                return flushedLast = flushedLast && !t.isWrite, STATUS_SUCCESS;
+            };
+            device->onFlush = [&] {
+                if (std::exchange(first, false)) {
+                    EXPECT_TRUE(Holds(100 * S, m_data) && MapHoldsRedirection());
+                }
+                flushedLast = true;
+                return flushes ? STATUS_SUCCESS : STATUS_IO_DEVICE_ERROR;
+            };
+            EnsureSwapMapLoaded(volume);
+            device->verdict = nullptr;
+            device->onFlush = nullptr;
+            gHardening = FALSE;
+            EXPECT_TRUE(flushedLast);
+            EXPECT_EQ(m_data, OnDisk(100 * S, kUsed));
+            EXPECT_EQ(hardening && !flushes ? kUsed : 0, Used()) << "what may be lost stays redirected";
+        }
+    }
 }
 
 // A range that cannot be copied is given up like the others.
