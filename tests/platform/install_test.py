@@ -28,7 +28,6 @@ PADDING = "padding" * 12
 WINE = play.Wine(FOLDER)
 SYSTEM = WINE.prefix / "drive_c/windows/system32"
 STORY = WINE.prefix / "drive_c/kvr-install"
-REG_SZ, REG_DWORD, REG_MULTI_SZ = 1, 4, 7
 
 
 class Story:
@@ -57,33 +56,26 @@ class Story:
 
 
 class Seen:
-    """What `look(name)` has found: the values of each key by name as (type, bytes), None for a key that is not
-    there, and the paths of the files, in lower case and below system32 relative to it."""
+    """What `look(name)` has found: each key as regedit writes it, with its lines joined, or None where there is none;
+    and the paths of the files, in lower case and below system32 relative to it."""
 
     def __init__(self, name):
         self.volume, self.disk, self.service, self.locations = (
-            self.values(Path(STORY, f"{name}.{part}.reg")) for part in LOOKED_AT)
+            self.text(Path(STORY, f"{name}.{part}.reg")) for part in LOOKED_AT)
         files = Path(STORY, f"{name}.files").read_text().lower().split()
         self.files = sorted(path.removeprefix("c:\\windows\\system32\\") for path in files)
 
     @staticmethod
-    def values(path):
-        if not path.exists():
-            return None
-        values = {}
-        text = path.read_text("utf-16").replace("\\\n", "").replace("\\\r\n", "")
-        for name, form, data in re.findall(r'^"([^"]+)"=(?:(dword|hex(?:\(\w\))?):)?(.*?)\s*$', text, re.M):
-            if form == "dword":
-                values[name] = (REG_DWORD, int(data, 16))
-            elif form:
-                values[name] = (int(form[4:-1] or "3", 16), bytes.fromhex("".join(data.replace(",", "").split())))
-            else:
-                values[name] = (REG_SZ, data[1:-1].replace("\\\\", "\\"))
-        return values
+    def text(path):
+        return re.sub(r"\\\r?\n *", "", path.read_text("utf-16")) if path.exists() else None
 
 
-def multi(*names):
-    return "".join(name + "\0" for name in (*names, "")).encode("utf-16-le")
+def hexed(text):
+    return text.encode("utf-16-le").hex(",")
+
+
+def filters(*names):
+    return '"UpperFilters"=hex(7):' + hexed("".join(name + "\0" for name in (*names, "")))
 
 
 def prepare():
@@ -133,47 +125,33 @@ class InstallTest(unittest.TestCase):
         tell()
         assert Path(STORY, "end.files").exists(), "Wine did not play the story to its end"
 
-    def filters(self, seen, volume, disk):
-        self.assertEqual(seen.volume["UpperFilters"], (REG_MULTI_SZ, multi(*volume)))
-        self.assertEqual(seen.disk["UpperFilters"], (REG_MULTI_SZ, multi(*disk)))
-
     def test_install_and_install_again(self):
         for name in ("installed", "again", "upgraded"):
-            with self.subTest(name):
-                seen = Seen(name)
-                self.filters(seen, ("volsnap", "other", "kvr"), ("partmgr", "kvr"))
-                wanted = {"Type": (REG_DWORD, 1), "Start": (REG_DWORD, 0), "ErrorControl": (REG_DWORD, 1),
-                          "Group": (REG_SZ, "PnP Filter"), "DisplayName": (REG_SZ, "Kvr volume filter")}
-                self.assertEqual({key: seen.service[key] for key in wanted}, wanted)
-                image = seen.service["ImagePath"][1]
-                image = image if isinstance(image, str) else image.decode("utf-16-le").rstrip("\0")
-                self.assertEqual(image.lower(), r"c:\windows\system32\drivers\kvr64.sys")
+            seen = Seen(name)
+            self.assertIn(filters("volsnap", "other", "kvr") + "\n", seen.volume, name)
+            self.assertIn(filters("partmgr", "kvr") + "\n", seen.disk, name)
+            for line in ('"Type"=dword:00000001', '"Start"=dword:00000000', '"ErrorControl"=dword:00000001',
+                         '"Group"="PnP Filter"', '"DisplayName"="Kvr volume filter"'):
+                self.assertIn(line, seen.service, name)
+            self.assertIn(r'"imagepath"="c:\\windows\\system32\\drivers\\kvr64.sys"', seen.service.lower(), name)
         self.assertEqual(Seen("again").files, [r"drivers\kvr64.sys", "kvrctl.exe"])
         self.assertEqual(Seen("upgraded").files, [r"drivers\kvr.cfg", r"drivers\kvr64.sys", "kvrctl.exe"])
-        self.assertEqual(Seen("upgraded").locations["ConfigShareRead"], (REG_DWORD, 1))
-
-    def shortened(self, found, *names):
-        whole = multi(*names, PADDING)
-        self.assertEqual(found[0], REG_MULTI_SZ)
-        self.assertIn(found[1], (whole, whole[:len(whole) // 2]))
-        self.assertLess(len(multi(*names)), len(whole) // 2)
+        self.assertIn('"ConfigShareRead"=dword:00000001', Seen("upgraded").locations)
 
     def test_uninstall(self):
         seen = Seen("removed")
-        self.shortened(seen.volume["UpperFilters"], "volsnap", "other", "later")
-        self.shortened(seen.disk["UpperFilters"], "partmgr")
+        for found, names in ((seen.volume, ("volsnap", "other", "later")), (seen.disk, ("partmgr",))):
+            whole = filters(*names, PADDING)
+            self.assertIn(whole[:len(filters(*names)) - len(hexed("\0"))], found)
         for name in ("removed", "removed_again", "end"):
-            with self.subTest(name):
-                seen = Seen(name)
-                self.assertIsNone(seen.service)
-                self.assertIsNone(seen.locations)
-                self.assertEqual(seen.files, [])
-                for values in (seen.volume, seen.disk):
-                    found = values.get("UpperFilters", (REG_MULTI_SZ, b""))[1]
-                    self.assertNotIn("kvr".encode("utf-16-le"), found)
+            seen = Seen(name)
+            self.assertEqual((seen.service, seen.locations, seen.files), (None, None, []), name)
+            self.assertNotIn(hexed("kvr"), seen.volume + seen.disk, name)
 
     def test_install_where_there_is_no_list(self):
-        self.filters(Seen("no_lists"), ("kvr",), ("kvr",))
+        seen = Seen("no_lists")
+        self.assertIn(filters("kvr") + "\n", seen.volume)
+        self.assertIn(filters("kvr") + "\n", seen.disk)
 
     def test_version_and_files(self):
         text = INF.read_text("ascii")
