@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """Clients that misbehave: requests of any place and length, many at once, connections that end in the middle of a
-request, bytes that are no protocol. Every request gets an answer that is right, the server lives, and the data is
-what the well-formed requests made of it. Arguments: the build's folder; a library to load first, if any, and the
-seed after it."""
+request, bytes that are no protocol; control tools, lists of exports and boots at the same time. Every request gets an
+answer that is right, the server lives, and the data is what the well-formed requests made of it. Arguments: the
+build's folder; a library to load first, if any; the build that has the plugin, if it is another; a seed."""
 import contextlib
 import errno
 import os
@@ -10,6 +10,7 @@ import random
 import socket
 import struct
 import sys
+import time
 
 import image
 import proof
@@ -20,8 +21,8 @@ from proof import Failed, require, run, say
 SWAP = 64 * MIB
 SECONDS = float(os.environ.get("KVR_FUZZ_SECONDS", "4"))
 STRETCH = 2 * MIB
-PRELOAD = sys.argv[2] if len(sys.argv) > 2 else ""
-SEED = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 32)
+PRELOAD, PLUGIN, SEED = (sys.argv[2:] + ["", "", ""])[:3]
+SEED = int(SEED or random.randrange(1 << 32))
 REFUSALS = {errno.EINVAL, errno.ENOSPC, errno.ENOMEM, errno.ERANGE, errno.EOVERFLOW, errno.EIO, errno.EPERM}
 REQUEST, READ, WRITE = 0x25609513, 0, 1
 
@@ -88,6 +89,9 @@ class Stretch:
     def step(self):
         actions = (self.write, self.zero, self.read, self.burst, self.nonsense)
         self.dice.choices(actions, (6, 3, 6, 3, 1))[0]()
+        if self.dice.random() < 0.02:
+            self.client.flush()
+            self.client = connect(self.uri)
 
     def check(self):
         data = connect(self.uri).pread(len(self.bytes), self.offset)
@@ -101,7 +105,6 @@ class Vandal:
     def __init__(self, uri, socket_path, offset, length, seed):
         self.uri, self.socket_path, self.offset, self.length = uri, str(socket_path), offset, length
         self.dice = random.Random(seed)
-        connect(uri).pwrite(b"\x01" * length, offset)
 
     def _hang_up_with_requests_in_flight(self):
         client = connect(self.uri)
@@ -139,9 +142,41 @@ class Vandal:
                           self._talk_nonsense))()
 
     def check(self):
-        data = connect(self.uri).pread(self.length, self.offset)
+        data = connect(self.uri).pread(self.length, self.offset)  # what nobody wrote to is zeros
         for start in range(0, self.length, 512):
             require(len(set(data[start:start + 512])) == 1, f"the sector at {self.offset + start} is torn")
+
+
+# ---- who else is there -------------------------------------------------------------------------------------
+class Visitor:
+    """Asks the server what there is, and the driver; a boot closes the driver's handle."""
+
+    def __init__(self, pc):
+        self.pc = pc
+
+    def step(self):
+        client, names = nbd.NBD(), []
+        client.set_opt_mode(True)
+        client.connect_uri(self.pc.uri())
+        client.opt_list(lambda name, _: names.append(name))
+        require({"disk0", VOLUME} <= set(names), f"the exports are {names}")
+        client.opt_abort()
+        for words in (["status"], ["volumes"], ["map", VOLUME]):
+            done = self.pc.ctl(*words, check=False)
+            require(done.returncode == 0 or "booted anew" in done.stdout, f"{words}: {done.stdout}")
+
+
+class Owner:
+    """Boots the machine once, under all of the others; they go on with what they have written."""
+
+    def __init__(self, pc):
+        self.pc, self.due = pc, time.monotonic() + SECONDS / 2
+
+    def step(self):
+        time.sleep(0.1)
+        if time.monotonic() > self.due:
+            self.pc.reboot()
+            self.due += 3600
 
 
 # ---- the proof ---------------------------------------------------------------------------------------------
@@ -155,13 +190,14 @@ def misbehave(given, pc, partition):
                  Stretch(by_disk, offset - 64 * 1024, 128 * 1024, SEED + 3)]
     shared = inside + 4 * STRETCH  # two clients have a half of this sector each
     stretches += [Stretch(by_volume, shared, 256, SEED + 5), Stretch(by_disk, offset + shared + 256, 256, SEED + 6)]
-    vandal = Vandal(by_volume, pc.folder / "nbd.sock", inside + 3 * STRETCH, STRETCH, SEED + 4)
-    workers = [*stretches, vandal]
-    failures = all_at_once(workers, SECONDS)
+    place = inside + 3 * STRETCH  # where two write to the same sectors
+    vandals = [Vandal(by_volume, pc.folder / "nbd.sock", place, STRETCH, SEED + 4),
+               Vandal(by_disk, pc.folder / "nbd.sock", offset + place, STRETCH, SEED + 7)]
+    failures = all_at_once([*stretches, *vandals, Visitor(pc), Owner(pc)], SECONDS)
     told = sanitizer_reports(given.scratch)
     require(pc.lives() and not told, f"the server died: {pc.log()[-2000:]}\n{told}")
     require(not failures, failures)
-    for worker in workers:
+    for worker in [*stretches, *vandals]:
         worker.check()
 
 
@@ -169,11 +205,14 @@ def body(given):
     proof.need_program("nbdcopy", "qemu-img")
     say(f"seed {SEED}")
     reports = sanitizer_log(given.scratch)
-    environment = dict(os.environ, LD_PRELOAD=PRELOAD, ASAN_OPTIONS="detect_leaks=0:" + reports,
-                       UBSAN_OPTIONS="print_stacktrace=1:" + reports) if PRELOAD else None
-    pc = Machine(given, sys.argv[1], "--size", "192M", env=environment)
+    guard = f":{sys.argv[1]}/nbd/kvr-send-guard.so" if PLUGIN else ""  # kvrhost brings it along itself
+    environment = dict(os.environ, LD_PRELOAD=PRELOAD + guard, ASAN_OPTIONS="detect_leaks=0:" + reports,
+                       UBSAN_OPTIONS="print_stacktrace=1:" + reports,
+                       TSAN_OPTIONS="history_size=5:" + reports) if PRELOAD else None
+    plugin = PLUGIN and PLUGIN + "/nbd/nbdkit-kvr-plugin.so"
+    pc = Machine(given, sys.argv[1], "--size", "192M", env=environment, plugin=plugin)
     pc.serve()
-    pc.protect("64M")
+    pc.protect("64M", at_boot="keep")
     pc.stop()
     partition = image.partition(pc.image)
     before_the_volume = (partition[0] - 64 * 1024, 64 * 1024)  # nobody protects that
@@ -181,6 +220,7 @@ def body(given):
     pc.serve()
     misbehave(given, pc, partition)
     fixed.require_same(pc.image, "the image")
+    pc.ctl("discard", VOLUME)
     pc.reboot()
     pc.require_protected()
     run("nbdcopy", pc.uri(), given.scratch / "seen")

@@ -15,12 +15,12 @@ class Machine:
     """`tools` is the folder of the build; the machine is served from serve() to stop(), kill() or the proof's
     end."""
 
-    def __init__(self, proof, build, *create, name="pc", env=None):
+    def __init__(self, proof, build, *create, name="pc", env=None, plugin=None):
         self.kvrhost = pathlib.Path(build) / "tool/kvrhost"
         self.kvrctl = pathlib.Path(build) / "tool/kvrctl"
         self.folder = proof.scratch / name
         self._pidfile = proof.scratch / (name + ".pid")
-        self._env = env
+        self._proof, self._env, self._plugin = proof, env, plugin  # a plugin of another build, which nbdkit serves itself
         self._server = None  # a descriptor of the process: a process id may come to mean another one
         # A disk of its own, unless the machine takes one in place.
         self.image = pathlib.Path(create[1]) if create[0] == "--disk" else self.folder / "disk0.img"
@@ -32,6 +32,13 @@ class Machine:
 
     # ---- power -----------------------------------------------------------------------------------------
     def serve(self):
+        if self._plugin:
+            (self.folder / "nbd.sock").unlink(missing_ok=True)  # of a server that was killed
+            process = self._proof.start("nbdkit", "--foreground", "--unix", self.folder / "nbd.sock", self._plugin,
+                                        f"machine={self.folder}", output=self.folder.parent / "nbdkit", env=self._env)
+            self._server = os.pidfd_open(process.pid)
+            wait_until(lambda: (self.folder / "control.sock").exists() or not self.lives(), "the machine is served", 60)
+            return
         self._pidfile.unlink(missing_ok=True)
         run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
         self._server = os.pidfd_open(self.pid)
