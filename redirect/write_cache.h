@@ -16,8 +16,8 @@ struct WRITE_CACHE_ENTRY {
 
 // Queues the request's data and completes the request. A buffer that cannot be locked fails it with the
 // exception's status, so does a status block of the caller that cannot be written (the data stays queued); one
-// that cannot be mapped, or no pool, fails it with STATUS_INSUFFICIENT_RESOURCES. `place` is the request's; it is
-// left when the data is queued, before the request is completed.
+// that cannot be mapped, or no pool, fails it with STATUS_INSUFFICIENT_RESOURCES. `place` is the request's; it
+// is left when the data is queued, before the request is completed.
 [[nodiscard]] NTSTATUS CacheWriteRequest(PVOLUME_EXTENSION volume, PIRP request, WritePlace* place);
 // Queues a copy of `length` bytes of a kernel buffer for byte `offset` of the volume. STATUS_NO_SUCH_DEVICE for
 // a volume without storage, STATUS_INSUFFICIENT_RESOURCES without pool.

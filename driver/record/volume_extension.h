@@ -123,9 +123,9 @@ struct VOLUME_EXTENSION {
     BOOLEAN MapLoading KVR_GUARDED_BY(MapLoadMutex);           // the owner itself came back during the load
     FAST_MUTEX WriteOrderLock;                                 // for one operation on the list at a time
     LIST_ENTRY WritesUnderWay KVR_GUARDED_BY(WriteOrderLock);  // as they began: redirect/write_order.h
-    std::atomic<BOOLEAN> IsShutdownSeen;              // a shutdown request came to this volume
-    KMUTEX UsageMutex;                                // one notification of the device's use at a time
-    ULONG PagingFiles KVR_GUARDED_BY(UsageMutex);     // paging files that the device below is in the path of
+    std::atomic<BOOLEAN> IsShutdownSeen;                       // a shutdown request came to this volume
+    KMUTEX UsageMutex;                                         // one notification of the device's use at a time
+    ULONG PagingFiles KVR_GUARDED_BY(UsageMutex);  // paging files that the device below is in the path of
 };
 using PVOLUME_EXTENSION = VOLUME_EXTENSION*;
 

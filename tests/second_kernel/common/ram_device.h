@@ -22,7 +22,7 @@ struct RamDevice {
     std::atomic<ULONG> FailWriteIn;
     std::atomic<NTSTATUS> FailStatus;
     std::atomic<void (*)()> BeforeWrite;  // called as a write arrives, in its thread; null: nothing is
-    KEVENT Awake;  // cleared while the system sleeps: transfers wait for it
+    KEVENT Awake;                         // cleared while the system sleeps: transfers wait for it
 };
 
 struct RamOptions {
