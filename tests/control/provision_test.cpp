@@ -354,6 +354,7 @@ TEST_F(Provisioning, HoldingTheFiles) {
     }
     volume->IsProtected = FALSE;
     files.statuses.clear();
+    KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();  // a protected volume has it held
     for (const LONGLONG last : {0, -1, 1}) {
         for (auto& offset : volume->PreloadConfigLocation) offset = 1;
         volume->PreloadConfigLocation[15] = last;

