@@ -152,18 +152,19 @@ NTSTATUS SendShutdown(PDEVICE_OBJECT device) {
     return SendToTop(device, IRP_MJ_SHUTDOWN, 0, STATUS_SUCCESS, [](IO_STACK_LOCATION&) {});
 }
 
-void NotifyShutdown() {
+// The lists are handed on; who looks into one takes the lock.
+void NotifyShutdown() KVR_NO_ANALYSIS {
     Notify(gShutdownList);
 }
 
-void NotifyLastChance() {
+void NotifyLastChance() KVR_NO_ANALYSIS {
     bool& atLastChance = KeGetCurrentThread()->IsAtLastChance;
     atLastChance = true;
     Notify(gLastChanceList);
     atLastChance = false;
 }
 
-void DropShutdownLists() {
+void DropShutdownLists() KVR_NO_ANALYSIS {
     for (ShutdownList* list : {&gShutdownList, &gLastChanceList})
         while (PDEVICE_OBJECT device = TakeLastRegistered(*list)) ObfDereferenceObject(device);
 }
@@ -179,12 +180,12 @@ void DropAllDrivers() {
 
 }  // namespace host
 
-NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device) {
+NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device) KVR_NO_ANALYSIS {
     host::Register("IoRegisterShutdownNotification", device, host::gShutdownList);
     return STATUS_SUCCESS;
 }
 
-NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device) {
+NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device) KVR_NO_ANALYSIS {
     host::Register("IoRegisterLastChanceShutdownNotification", device, host::gLastChanceList);
     return STATUS_SUCCESS;
 }
