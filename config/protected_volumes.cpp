@@ -1,5 +1,7 @@
 #include "config/protected_volumes.h"
 #include "config/parser.h"
+#include "config/storage.h"
+#include "driver/record/hardening.h"
 #include "formats/config_grammar.h"
 #include "platform/owners.h"
 
@@ -19,11 +21,12 @@ UNICODE_STRING NameOfId(PCUNICODE_STRING id) {
     return name;
 }
 
-PROTECTED_VOLUME* NewEntry(PCUNICODE_STRING name, ULONG flags) {
+PROTECTED_VOLUME* NewEntry(PCUNICODE_STRING name, ULONG flags, BOOLEAN dropsAtNextBoot) {
     PROTECTED_VOLUME* entry = NewRecord<PROTECTED_VOLUME>().Release();
     if (!entry) return nullptr;
     entry->Name = {0, sizeof(entry->NameBuffer), entry->NameBuffer};
     entry->Flags = flags;
+    entry->DropsAtNextBoot = dropsAtNextBoot;
     RtlCopyUnicodeString(&entry->Name, name);
     return entry;
 }
@@ -85,14 +88,14 @@ void ApplyRemovableDefaults(PVOLUME_EXTENSION volume) {
 
 }  // namespace
 
-NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags) {
+NTSTATUS AddProtectedVolume(PCUNICODE_STRING id, ULONG flags, BOOLEAN dropsAtNextBoot) {
     const UNICODE_STRING name = NameOfId(id);
     std::atomic<PROTECTED_VOLUME*>* link = &gProtectedVolumeList;
     while (PROTECTED_VOLUME* entry = *link) {
         if (RtlCompareUnicodeString(&entry->Name, &name, TRUE) == 0) return STATUS_SUCCESS;
         link = &entry->Next;
     }
-    PROTECTED_VOLUME* entry = NewEntry(&name, flags);
+    PROTECTED_VOLUME* entry = NewEntry(&name, flags, dropsAtNextBoot);
     if (!entry) {
         DbgPrint("Kvr!AddProtectedVolume [%d] STATUS_INSUFFICIENT_RESOURCES\n",
                  link == &gProtectedVolumeList ? kFirstEntrySite : kNextEntrySite);
@@ -109,6 +112,19 @@ BOOLEAN IsProtectedVolumeListed(PVOLUME_EXTENSION volume) {
 ULONG GetProtectedVolumeFlags(PVOLUME_EXTENSION volume) {
     const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
     return entry ? entry->Flags : 0;
+}
+
+BOOLEAN IsDroppedAtNextBoot(PVOLUME_EXTENSION volume) {
+    const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
+    return entry && entry->DropsAtNextBoot && !gConfigWrittenByTool && !gConfigDirty;
+}
+
+BOOLEAN AreWritesRefused(PVOLUME_EXTENSION volume) {
+    const ULONG state = volume->SwapState;
+    if (state == kSwapUsable || !gHardening || !gTesselEnabled || volume->MediaType != FixedMedia) return FALSE;
+    if (state == kSwapFilesNotHeld && volume->IsProtected) return !IsDroppedAtNextBoot(volume);
+    return (GetProtectedVolumeFlags(volume) & PV_PROTECTED) && !volume->ProtectionDeferred &&
+           (state == kSwapMapBad || state == kSwapNoLocation || state == kSwapFilesNotHeld);
 }
 
 void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {

@@ -5,8 +5,9 @@
 
 namespace {
 
-void AddEntry(PCUNICODE_STRING id, ULONG flags) {
-    KVR_DISCARD(AddProtectedVolume(id, flags), "a volume for which there is no memory has no entry");
+void AddEntry(PCUNICODE_STRING id, ULONG flags, BOOLEAN dropsAtNextBoot) {
+    KVR_DISCARD(AddProtectedVolume(id, flags, dropsAtNextBoot),
+                "a volume for which there is no memory has no entry");
 }
 
 // What happens to the volume's kept changes at this boot.
@@ -62,5 +63,6 @@ void SaveSection(const CONFIG_PARSER* parser) {
     const UNICODE_STRING id = TextOf(parser, settings.Section.ID);
     const ULONG flags = settings.Kind == config::SectionKind::FixedVolume ? FixedVolumeFlags(settings, &id)
                                                                           : RemovableVolumeFlags(settings, &id);
-    AddEntry(&id, settings.TesselEnabled ? flags : 0);
+    // An action counts for one boot; from then on the boot mode decides alone.
+    AddEntry(&id, settings.TesselEnabled ? flags : 0, config::AtBoot(settings) == config::kBootModeDiscard);
 }

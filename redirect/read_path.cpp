@@ -2,7 +2,9 @@
 // life, since they come before any file system could be used.
 #include "config/parser.h"
 #include "config/config_location.h"
+#include "config/protected_volumes.h"
 #include "config/storage.h"
+#include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "redirect/redirect.h"
 #include "redirect/request_io.h"
@@ -47,6 +49,7 @@ ARM_REASON ReasonToArm(PVOLUME_EXTENSION volume) {
 
 // Files that are never redirected, and the driver's own storage.
 BOOLEAN BelongsOnVolume(const FILE_REQUEST& read) {
+    if (gHardening) return IsExemptFile(read);
     if (IsKnownPagefile(read)) return TRUE;
     if (!read.Volume->SwapFile || !read.File) return FALSE;
     return IsPagefileByName(read) || IsSwapFileName(read.Name) || IsForFile(read, SpecialFileNames.MapFile) ||
@@ -65,6 +68,15 @@ NTSTATUS ReadRedirected(const FILE_REQUEST& read) {
     return status;
 }
 
+// A map that cannot be read yet may redirect what the volume holds: who saw that would take an older state for
+// the present one, and later mix both. What the device answers is told all the same: it may want to be
+// unlocked.
+NTSTATUS ReadWithoutMap(const FILE_REQUEST& read) {
+    const NTSTATUS status = ForwardIrpSynchronously(read.Device, read.Request);
+    if (NT_SUCCESS(status)) return CompleteRequest(read.Request, STATUS_DEVICE_NOT_READY);
+    return CompleteForwarded(read.Request, status);
+}
+
 NTSTATUS ReadVolume(PDEVICE_OBJECT device, PIRP request) {
     const FILE_REQUEST read = DescribeRequest(device, request);
     PVOLUME_EXTENSION volume = read.Volume;
@@ -78,6 +90,7 @@ NTSTATUS ReadVolume(PDEVICE_OBJECT device, PIRP request) {
         return PassIrpDown(device, request);
     // Another request may have finished the configuration since the map was looked for above.
     EnsureSwapMapLoaded(volume);
+    if (IsMapUnread(volume) && !(volume->BootAction & PV_ACTION_DISCARD)) return ReadWithoutMap(read);
     return ReadRedirected(read);
 }
 

@@ -1,8 +1,10 @@
 #include "redirect/request_path.h"
 #include "config/config_files.h"
+#include "config/config_location.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "config/storage.h"
+#include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
 #include "swap/provision.h"
@@ -78,6 +80,16 @@ BOOLEAN IsPagefileByName(const FILE_REQUEST& request) {
     return TRUE;
 }
 
+BOOLEAN IsExemptFile(const FILE_REQUEST& request) {
+    if (!request.File) return FALSE;
+    if (FsRtlIsPagingFile(request.File)) return TRUE;
+    if (!IsConfigLocationComplete(request.Volume)) return FALSE;
+    return IsForFile(request, SpecialFileNames.HiberFile) ||
+           IsForFile(request, SpecialFileNames.HibernateFile) ||
+           IsForFile(request, SpecialFileNames.BootConfiguration) ||
+           IsForFile(request, SpecialFileNames.SystemBootStat);
+}
+
 void ProtectIfConfigured(PVOLUME_EXTENSION volume) {
     if (gTesselEnabled && !volume->IsProtected) UpdateVolumeProtection(volume);
 }
@@ -91,6 +103,10 @@ void StartArmThreadWhenDue(PVOLUME_EXTENSION volume, ARM_REASON reason) {
     if (!IsArmThreadDue(volume, reason)) return;
     if (volume->ArmThreadStarting.fetch_add(1) == 0) StartArmThreadFor(volume, reason);
     --volume->ArmThreadStarting;
+}
+
+BOOLEAN IsMapUnread(PVOLUME_EXTENSION volume) {
+    return gHardening && !volume->SwapMapLoaded && !volume->SwapAllocating;
 }
 
 BOOLEAN IsConfigurationUnderWay() {

@@ -34,6 +34,12 @@ void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE
 // By its name; the file object is remembered, so that the next request needs no comparison.
 [[nodiscard]] BOOLEAN IsPagefileByName(const FILE_REQUEST& request);
 
+// Under gHardening, for reads and writes alike: does the request belong on the volume's own sectors, because
+// the system reaches that file without the file system or before this driver redirects? The paging files, and
+// on the volume that holds the configuration the hibernation files, the boot configuration and the boot status
+// file.
+[[nodiscard]] BOOLEAN IsExemptFile(const FILE_REQUEST& request);
+
 // Applies the configuration to a volume that is not protected yet.
 void ProtectIfConfigured(PVOLUME_EXTENSION volume);
 // Leads a protected fixed volume to its swap storage. Without a storage the volume is not redirected.
@@ -48,6 +54,9 @@ enum class ARM_REASON {
 // reason; once more when it came before the volume's storage was known, so before the map was loaded or made;
 // and once more where it came before the configuration file could be opened.
 void StartArmThreadWhenDue(PVOLUME_EXTENSION volume, ARM_REASON reason);
+
+// Under gHardening: the map could not be read yet, so what the volume shows is not known.
+[[nodiscard]] BOOLEAN IsMapUnread(PVOLUME_EXTENSION volume);
 
 // The configuration is being loaded by another request: protection is not in force before that is done.
 [[nodiscard]] BOOLEAN IsConfigurationUnderWay();

@@ -53,8 +53,16 @@ NTSTATUS WriteDisk(PDEVICE_OBJECT device, PIRP request) {
 
 // ---- captures: the write reaches the volume and shows where its file lies --------------------------------
 
+// A name alone tells nothing: anybody can give a file such a one. On a volume that keeps its state the tool
+// must be writing.
+BOOLEAN MayCaptureConfig(PVOLUME_EXTENSION volume) {
+    if (!gHardening || !gTesselEnabled || (!volume->IsProtected && !AreWritesRefused(volume))) return TRUE;
+    return gConfigToolWrites != 0 && MayHoldConfig(volume);
+}
+
 BOOLEAN IsConfigCapture(const WRITE_REQUEST& write) {
-    return !IsConfigLocationComplete(write.Volume) && IsForFileEnding(write, SpecialFileNames.ConfigFile);
+    return MayCaptureConfig(write.Volume) && !IsConfigLocationComplete(write.Volume) &&
+           IsForFileEnding(write, SpecialFileNames.ConfigFile);
 }
 
 NTSTATUS CaptureConfig(const WRITE_REQUEST& write) {
@@ -120,8 +128,15 @@ ARM_REASON ReasonToArm(const WRITE_REQUEST& write) {
     return volume->IsProtected || volume->MapLocation ? ARM_REASON::First : ARM_REASON::None;
 }
 
+BOOLEAN IsExempt(const WRITE_REQUEST& write) {
+    if (!IsExemptFile(write)) return FALSE;
+    if (IsForFileEnding(write, SpecialFileNames.BootStat)) KeSetEvent(&gBootStatusEvent, 0, FALSE);
+    return TRUE;
+}
+
 // Files whose sectors the system reaches without the file system, or before this driver redirects.
 BOOLEAN BelongsOnVolume(const WRITE_REQUEST& write) {
+    if (gHardening) return IsExempt(write);
     if (IsKnownPagefile(write)) return TRUE;
     if (IsPagefileByName(write) || IsForFile(write, SpecialFileNames.HiberFile) ||
         IsForFile(write, SpecialFileNames.HibernateFile))
@@ -143,6 +158,8 @@ BOOLEAN IsSystemHive(const WRITE_REQUEST& write) {
 // At most once in 30 seconds; of several requests that find it due, one saves. A last time in the future is
 // that of a clock that was set back since.
 void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
+    // A save that a power cut tears would leave the volume unprotected, and the next boot wants none of it.
+    if (gHardening && IsDroppedAtNextBoot(volume)) return;
     LARGE_INTEGER now;
     KeQuerySystemTime(&now);
     LONGLONG last = volume->LastMapSaveTime;
@@ -169,6 +186,23 @@ NTSTATUS Redirect(const WRITE_REQUEST& write) {
 
 BOOLEAN IsRedirecting(PVOLUME_EXTENSION volume) {
     return gTesselEnabled && volume->IsProtected && volume->SwapFile;
+}
+
+NTSTATUS Refuse(const WRITE_REQUEST& write, NTSTATUS status) {
+    return CompleteRequest(write.Request, status);
+}
+
+// Under gHardening a write to a volume that is to keep its state reaches neither its own sectors nor a place
+// that is not known.
+NTSTATUS RedirectOrRefuse(const WRITE_REQUEST& write) {
+    PVOLUME_EXTENSION volume = write.Volume;
+    if (!gTesselEnabled || IsConfigurationUnderWay() || BelongsOnVolume(write))
+        return PassIrpDown(write.Device, write.Request);
+    if (volume->IsProtected) EnsureSwapMapLoaded(volume);
+    if (AreWritesRefused(volume)) return Refuse(write, STATUS_MEDIA_WRITE_PROTECTED);
+    if (!volume->IsProtected) return PassIrpDown(write.Device, write.Request);
+    if (!volume->SwapFile) return Refuse(write, STATUS_INSUFFICIENT_RESOURCES);
+    return IsMapUnread(volume) ? Refuse(write, STATUS_DEVICE_NOT_READY) : Redirect(write);
 }
 
 NTSTATUS RedirectOrPass(const WRITE_REQUEST& write) {
@@ -198,7 +232,7 @@ NTSTATUS WriteVolume(PDEVICE_OBJECT device, PIRP request) {
     if (IsDirectAccess(write)) return RefuseDirectAccess(write);
     AttachSwapFile(volume);
     StartArmThreadWhenDue(volume, ReasonToArm(write));
-    return RedirectOrPass(write);
+    return gHardening ? RedirectOrRefuse(write) : RedirectOrPass(write);
 }
 
 }  // namespace

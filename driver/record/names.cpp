@@ -14,6 +14,7 @@ extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
     .HibernateFile = Literal(W("\\hibernate.sys")),
     .BootStat = Literal(W("\\bootstat.dat")),
     .BootConfiguration = Literal(W("\\Boot\\BCD")),
+    .SystemBootStat = Literal(W("\\Windows\\bootstat.dat")),
     .SystemHive = Literal(W("\\System32\\config\\SYSTEM")),
     .SystemHiveLog = Literal(W("\\System32\\config\\SYSTEM.LOG")),
     .SystemHiveLog1 = Literal(W("\\System32\\config\\SYSTEM.LOG1")),

@@ -12,6 +12,7 @@ struct SPECIAL_FILE_NAMES {
     UNICODE_STRING SwapFile, MapFile;
     // Files whose sectors the system reaches without the file system.
     UNICODE_STRING PageFile, HiberFile, HibernateFile, BootStat, BootConfiguration;
+    UNICODE_STRING SystemBootStat;  // the one boot status file that there is
     // The registry's SYSTEM hive: redirected until the next boot only.
     UNICODE_STRING SystemHive, SystemHiveLog, SystemHiveLog1;
     UNICODE_STRING NtfsDriver;

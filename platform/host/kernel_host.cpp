@@ -1,6 +1,7 @@
 #include "platform/host/kernel_host.h"
 #include "platform/host/io/device.h"
 #include "platform/host/io/device_table.h"
+#include "platform/host/memory/paging_files.h"
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/object/registry_store.h"
@@ -22,6 +23,7 @@ LeakReport PowerOff() {
     CloseAllHandles();
     DropProgramFiles();
     DropShutdownLists();
+    DropPagingFiles();
     ResetNamespace();
     DropAllDevices();
     DropAllDrivers();

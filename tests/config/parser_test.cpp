@@ -14,6 +14,8 @@ namespace {
 
 using Text = std::u16string;
 
+bool drops = false;  // the last entry of the last parse gives its changes up at the next boot
+
 // The list with its flags, the switches that are set, and each line that the parse has changed, such as
 // "V:111 on dirty BootAction=0". The block is exactly as long as the text, so that the address sanitizer sees
 // every step too far.
@@ -26,9 +28,11 @@ std::string Parse(const Text& text, SIZE_T oddBytes = 0) {
     Text after = text;
     std::memcpy(after.data(), block.get(), text.size() * 2);
     std::ostringstream result;
-    for (PROTECTED_VOLUME* entry = gProtectedVolumeList; entry; entry = entry->Next)
+    for (PROTECTED_VOLUME* entry = gProtectedVolumeList; entry; entry = entry->Next) {
+        drops = entry->DropsAtNextBoot;
         result << std::string(entry->Name.Buffer, entry->Name.Buffer + entry->Name.Length / 2) << ":"
                << std::hex << entry->Flags << " ";
+    }
     result << (gTesselEnabled ? "on" : "off") << (gRVProtect ? " protect" : "") << (gRVInvisible ? " hide" : "")
            << (gConfigDirty ? " dirty" : "");
     for (std::size_t at = 0, end; at < text.size(); at = end) {
@@ -58,6 +62,22 @@ const Text kVolume = u"[FV 1]\r\nID=V\r\nProtectionMode=1\r\n";
 const Text kKept = kOn + kVolume + u"BootMode=1\n";
 const Text kDefault = u"\n[RV 1]\nID=R\nAccessMode=3\n";
 const Text kDue = u"FVNextDiscardTS=202605050029\n";
+
+// What an action or a date does at this boot it does once: the next one goes by the boot mode alone.
+TEST_F(Parser, TheNextBootDropsByTheBootModeAlone) {
+    const struct {
+        Text text;
+        std::string now;
+        bool drops;
+    } cases[] = {{kOn + kVolume, "V:111 on", true},
+                 {kKept, "V:101 on", false},
+                 {kKept + u"BootAction=1\n", "V:111 on dirty BootAction=0", false},
+                 {kKept + u"BootMode=0\nBootAction=2\n", "V:121 on dirty BootAction=0", true}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.now, Parse(c.text));
+        EXPECT_EQ(c.drops, drops) << c.now;
+    }
+}
 const Text kKeepAll = kOn + u"FVBootMode=1\n";
 
 TEST_F(Parser, TakesATextAsItSays) {

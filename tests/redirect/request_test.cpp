@@ -1,6 +1,8 @@
 // Which way a read or a write of a filtered volume takes: down to the volume, into the swap, to the driver's
 // own files, or back with a refusal.
 #include "config/config_location.h"
+#include "driver/record/hardening.h"
+#include "platform/host/memory/paging_files.h"
 #include "platform/host/sync/clock.h"
 #include "redirect/redirect.h"
 #include "redirect/request_path.h"
@@ -98,6 +100,116 @@ TEST_F(Requests, NamesDecideWhatStaysOnAProtectedVolume) {
         Discard();
     }
     EXPECT_NE(0, KeReadStateEvent(&gBootStatusEvent));
+}
+
+// The stricter rules: a paging file by what the kernel knows of it, the system's other files on the system's
+// volume only, by their whole names; for reads and writes alike.
+TEST_F(Requests, FewerFilesStayOnAHardenedVolume) {
+    Protect();
+    gHardening = gConfigLoaded = TRUE;
+    const struct {
+        const char16_t* name;
+        bool holdsConfig, pages;
+        bool redirected;
+    } cases[] = {
+        {u"\\pagefile.sys", true, false, true},
+        {u"\\pagefile.sys", false, true, false},
+        {u"\\x\\SwapFile.sys", false, true, false},
+        {u"\\hiberFil.sys", true, false, false},
+        {u"\\hiberfil.sys", false, false, true},
+        {u"\\hibernate.sys", true, false, false},
+        {u"\\hibernate.sys", false, false, true},
+        {u"\\boot\\bcd", true, false, false},
+        {u"\\Boot\\BCD", false, false, true},
+        {u"\\Windows\\BootStat.dat", true, false, false},
+        {u"\\Windows\\bootstat.dat", false, false, true},
+        {u"\\x\\Windows\\bootstat.dat", true, false, true},
+        {u"\\bootstat.dat", true, false, true},
+        {u"\\kvr.swp", true, false, true},
+        {u"\\kvr.map", false, false, true},
+        {u"\\x\\system32\\drivers\\kvr.cfg", false, false, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.name) + (c.holdsConfig ? " of the system" : ""));
+        for (auto& offset : volume->PreloadConfigLocation) offset = c.holdsConfig ? 0x8000 : 0;
+        TestFile file(c.name);
+        if (c.pages) host::AddPagingFile(&file.object);
+        EXPECT_EQ(c.redirected, IsRedirected(&file.object));
+        Discard();
+        EXPECT_TRUE(IsRedirected()) << "no file is none of them";
+        EXPECT_EQ(c.redirected, SeesSwap(&file.object));
+        Discard();
+        host::RemovePagingFile(&file.object);
+    }
+    EXPECT_NE(0, KeReadStateEvent(&gBootStatusEvent));
+    for (auto& offset : volume->PreloadConfigLocation) offset = 0;
+    EXPECT_EQ(0, Captured(0)) << "the tool was not writing";
+    gConfigToolWrites = 1;
+    EXPECT_FALSE(IsRedirected(u"\\x\\system32\\drivers\\kvr.cfg"));
+    EXPECT_EQ(kAt, Captured(0));
+    gConfigToolWrites = 0;
+}
+
+// What is to be protected and cannot be takes no writes, but of the files that never belong to its state.
+// Without the stricter rules it takes them as an unprotected volume does.
+TEST_F(Requests, WhatCannotBeProtectedIsNotWritten) {
+    constexpr NTSTATUS refused = STATUS_MEDIA_WRITE_PROTECTED, ok = STATUS_SUCCESS;
+    Protect();
+    Attach();
+    TestFile file(u"\\file"), pagefile(u"\\pagefile.sys");
+    host::AddPagingFile(&pagefile.object);
+    SWAP_FILE* storage = volume->SwapFile;
+    const struct {
+        const char* what;
+        ULONG state;
+        bool isProtected, drops, deferred, unread;
+        NTSTATUS written, read;
+        bool reaches;  // the volume's own sectors
+    } cases[] = {
+        {"a bad map", kSwapMapBad, false, false, false, false, refused, ok, false},
+        {"no storage", kSwapNoLocation, false, true, false, false, refused, ok, false},
+        {"storage made anew", kSwapNoLocation, false, false, true, false, ok, ok, true},
+        {"not held, not protected", kSwapFilesNotHeld, false, true, false, false, refused, ok, false},
+        {"not held, changes to keep", kSwapFilesNotHeld, true, false, false, false, refused, ok, false},
+        {"not held, changes to drop", kSwapFilesNotHeld, true, true, false, false, ok, ok, false},
+        {"sound", kSwapUsable, true, false, false, false, ok, ok, false},
+        {"not read", kSwapUsable, true, false, false, true, STATUS_DEVICE_NOT_READY, STATUS_DEVICE_NOT_READY,
+         false},
+    };
+    for (const bool hardened : {true, false}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(c.what + std::string(hardened ? ", hardened" : ""));
+            gHardening = hardened;
+            volume->IsProtected = TRUE;
+            volume->SwapState = kSwapUsable;
+            volume->ProtectionDeferred = c.deferred;
+            gProtectedVolumeList.load()->DropsAtNextBoot = c.drops;
+            ASSERT_TRUE(IsRedirected(&file.object));  // something that reads go on seeing
+            volume->IsProtected = c.isProtected;
+            volume->SwapState = c.state;
+            volume->SwapMapLoaded = !c.unread;
+            Bytes data(S, 0xAB);
+            EXPECT_EQ(hardened ? c.written : ok, Write(volume, kAt, data, &file.object).status);
+            EXPECT_EQ(hardened ? c.reaches : !c.isProtected, Holds(kAt, data));
+            EXPECT_EQ(hardened ? c.read : ok, Send(volume, IRP_MJ_READ, kAt, data, &file.object).status);
+            if (c.state == kSwapFilesNotHeld && c.isProtected) {
+                EXPECT_EQ(hardened && !c.drops, SeesSwap());
+            }
+            EXPECT_EQ(ok, Write(volume, 2 * kAt, Bytes(S, 0xCD), &pagefile.object).status);
+            EXPECT_TRUE(Holds(2 * kAt, Bytes(S, 0xCD)));
+            volume->SwapMapLoaded = TRUE;
+            Discard();
+            Discard(2 * kAt);
+        }
+    }
+    gHardening = TRUE;
+    volume->IsProtected = TRUE;
+    volume->SwapState = kSwapUsable;
+    volume->SwapFile = nullptr;
+    EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, Starved(1, [&] { return Write(volume, kAt, Bytes(S, 1)).status; }))
+        << "no memory for its object";
+    volume->SwapFile = storage;
+    host::RemovePagingFile(&pagefile.object);
 }
 
 // Known by its object and where that keeps its name, which may be paged out; an object at the same address with
@@ -384,6 +496,27 @@ TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
     host::AdvanceTime(-3600 * host::kTicksPerSecond);
     EXPECT_EQ(3u, saves()) << "the clock was set back";
     EXPECT_EQ(3u, saves());
+    // None while the next boot gives everything up anyway, unless another configuration waits for it.
+    PROTECTED_VOLUME* entry = gProtectedVolumeList;
+    SIZE_T expected = 3;
+    const struct {
+        bool hardened, drops, written, dirty;
+        ULONG saved;
+    } cases[] = {{true, true, false, false, 0},
+                 {false, true, false, false, 1},
+                 {true, false, false, false, 1},
+                 {true, true, true, false, 1},
+                 {true, true, false, true, 1}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        gHardening = c.hardened;
+        entry->DropsAtNextBoot = c.drops;
+        gConfigWrittenByTool = c.written;
+        gConfigDirty = c.dirty;
+        host::AdvanceTime(31 * host::kTicksPerSecond);
+        expected += c.saved;
+        EXPECT_EQ(expected, saves());
+    }
     host::FollowRealClock();
 }
 

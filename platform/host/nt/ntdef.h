@@ -11,6 +11,7 @@ using PCSTR = const char*;
 using UCHAR = unsigned char;
 using PUCHAR = UCHAR*;
 using BOOLEAN = UCHAR;
+using LOGICAL = unsigned;
 using PBOOLEAN = BOOLEAN*;
 using CCHAR = char;
 using SHORT = short;

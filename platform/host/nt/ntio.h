@@ -272,6 +272,9 @@ NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device);
 NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device);
 void IoUnregisterShutdownNotification(PDEVICE_OBJECT device);  // of both kinds
 
+// Is memory paged to that file, whatever its name? Any IRQL.
+[[nodiscard]] LOGICAL FsRtlIsPagingFile(PFILE_OBJECT file);
+
 // ---- requests ----------------------------------------------------------------------------------------
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN chargeQuota);
 void IoFreeIrp(PIRP irp);

@@ -52,6 +52,7 @@ const Export kExports[] = {
     BY_NAME(ExFreePoolWithTag),
     BY_NAME(ExReleaseFastMutex),
     BY_NAME(ExSystemTimeToLocalTime),
+    BY_NAME(FsRtlIsPagingFile),
     BY_NAME(IoAttachDeviceToDeviceStack),
     BY_NAME(IoBuildAsynchronousFsdRequest),
     BY_NAME(IoBuildDeviceIoControlRequest),
