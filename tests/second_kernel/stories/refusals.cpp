@@ -1,6 +1,8 @@
 // What the driver refuses where it counts on sectors: device-control requests, storage requests and removals,
 // and redirected writes for which there is no space.
 #include <initializer_list>
+#include "platform/host/memory/paging_files.h"
+#include "tests/second_kernel/common/saved_map.h"
 #include "tests/second_kernel/common/work.h"
 #include "tests/second_kernel/stories/list.h"
 
@@ -209,7 +211,86 @@ void Hardened() {
     TryEverywhere(Place::Hardened, Place::Hardened);
 }
 
+// ---- the stricter rules ----------------------------------------------------------------------------------
+
+const ComputerOptions kRoomy = {.DataBytes = 72 * kMiB};
+constexpr LONGLONG kRoomyStorage = 52 * kMiB;  // with less, no file gets any
+constexpr LONGLONG kPlace = 64 * kKiB;
+
+// Writes a sector for the file and takes the volume's own sector back; whether the write reached that.
+bool ReachesVolume(Computer* computer, FILE_OBJECT* file, UCHAR fill) {
+    const Bytes data(512, fill);
+    Bytes before(computer->DataSectors + kPlace, computer->DataSectors + kPlace + 512), back(512);
+    stage::CheckStatus(WriteAt(TopOfData(computer), kPlace, data.data(), 512, file), STATUS_SUCCESS, "a write");
+    const bool reached = IsSame(computer->DataSectors + kPlace, data.data(), 512);
+    stage::CheckStatus(SendTransfer(TopOfData(computer), {IRP_MJ_READ, kPlace, back.data(), 512, file}).status,
+                       STATUS_SUCCESS, "its read");
+    stage::Check(back == data, "the file's own read sees it");
+    std::memcpy(computer->DataSectors + kPlace, before.data(), 512);
+    return reached;
+}
+
+void InstallHardened() {
+    stage::SetDriverSwitch(u"Hardening", 1);
+    Computer* computer = BootComputer(kRoomy);
+    if (!computer) return;
+    Install(computer, kText, kRoomyStorage);
+    EndComputer(computer);
+}
+
+// What a user can name a file passes nothing; what pages memory passes under any name.
+void NamesPassNothing() {
+    Computer* computer = BootComputer(kRoomy);
+    if (!computer) return;
+    WakeComputer(computer);
+    CheckProtected(computer, kRoomyStorage);
+    stage::Step("files with the names of the system's own");
+    FILE_OBJECT file;  // at one address, one file after another
+    for (const WCHAR* name : {W("\\x\\bootstat.dat"), W("\\Windows\\bootstat.dat"), W("\\pagefile.sys"),
+                              W("\\hiberfil.sys"), W("\\Boot\\BCD"), W("\\x\\system32\\drivers\\kvr.cfg")}) {
+        InitializeFile(&file, computer->Data, name);
+        stage::Check(!ReachesVolume(computer, &file, 0x11), "the write is redirected");
+    }
+    InitializeFile(&file, computer->Data, W("\\swapfile.sys"));
+    host::AddPagingFile(&file);
+    stage::Check(ReachesVolume(computer, &file, 0x22), "a paging file is written where it lies");
+    host::RemovePagingFile(&file);
+    CheckHeld(computer);
+    EndComputer(computer);
+    DamageSavedMap(computer);
+}
+
+// Protection that cannot be had is no licence to write; whoever makes the storage anew gets it back.
+void BadMapTakesNoWrites() {
+    Computer* computer = BootComputer(kRoomy);
+    if (!computer) return;
+    WakeComputer(computer);
+    stage::Step("a damaged map");
+    Bytes data(512, 0x33);
+    stage::CheckStatus(ReadAt(TopOfData(computer), kPlace, data.data(), 512), STATUS_SUCCESS, "a read");
+    stage::CheckStatus(WriteAt(TopOfData(computer), kPlace, data.data(), 512), STATUS_MEDIA_WRITE_PROTECTED,
+                       "a write");
+    stage::Step("storage made anew");
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kRoomyStorage), STATUS_SUCCESS,
+                       "the request");
+    stage::CheckEqual(WaitForStorage(&computer->User, DATA_VOLUME).SwapTotalBytes, kRoomyStorage,
+                      "the storage");
+    EndComputer(computer);
+}
+
+void ProtectedAgain() {
+    Computer* computer = BootComputer(kRoomy);
+    if (!computer) return;
+    WakeComputer(computer);
+    CheckProtected(computer, kRoomyStorage);
+    CheckOwnSectors(computer);
+    EndComputer(computer);
+}
+
 }  // namespace
 
 const Story kRefusalsStory = {
     "refusals", "what is refused on protected volumes and their disks", {Off, On, Hardened}};
+const Story kHardenedStory = {"hardened",
+                              "what the stricter rules pass and refuse",
+                              {InstallHardened, NamesPassNothing, BadMapTakesNoWrites, ProtectedAgain}};
