@@ -193,6 +193,7 @@ constexpr Row kRows[] = {
     {"5. storage full", ShowStorageFull, false},
     {"6. refused", ShowRefused, false},
     {"7. what is written in the course of a shutdown", ShowShutdown, true},
+    {"8. files renamed to names of the system's", ShowRenamed, false},
 };
 
 void ShowRows(Stage& stage, bool givenImage) {
