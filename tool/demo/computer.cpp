@@ -1,4 +1,5 @@
 #include "tool/demo/computer.h"
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -26,6 +27,36 @@ std::shared_ptr<machine::Disk> OpenImage(const Place& place) {
     if (disk == nullptr) throw Error(error);
     return disk;
 }
+
+}  // namespace
+
+// A disk with a volume that cannot be read or written while it is locked.
+class LockableDisk final : public machine::Disk {
+public:
+    LockableDisk(std::shared_ptr<machine::Disk> disk, const Place& place)
+        : disk_(std::move(disk)), begin_(place.offset), end_(place.offset + place.length) {}
+    std::uint64_t Size() const override { return disk_->Size(); }
+    std::uint32_t SectorSize() const override { return disk_->SectorSize(); }
+    NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override {
+        return IsShut(offset, length) ? STATUS_DEVICE_NOT_READY : disk_->Read(offset, buffer, length);
+    }
+    NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override {
+        return IsShut(offset, length) ? STATUS_DEVICE_NOT_READY : disk_->Write(offset, buffer, length);
+    }
+    NTSTATUS Flush() override { return disk_->Flush(); }
+
+    std::atomic<bool> isLocked = false;
+
+private:
+    bool IsShut(std::uint64_t offset, std::size_t length) const {
+        return isLocked && offset < end_ && offset + length > begin_;
+    }
+
+    std::shared_ptr<machine::Disk> disk_;
+    std::uint64_t begin_, end_;
+};
+
+namespace {
 
 // The control device of the kernel in this process. Throws Error when it cannot be opened.
 class OwnDriver : public ctl::Driver {
@@ -69,8 +100,9 @@ Computer::Computer(const Place& system, const Place& data)
     : data_(data), dataDisk_(system.image == data.image ? 0 : 1) {
     machine::MachineOptions options;
     options.driver = DriverEntry;
-    options.disks.push_back({OpenImage(system)});
-    if (dataDisk_ == 1) options.disks.push_back({OpenImage(data)});
+    lock_ = std::make_shared<LockableDisk>(OpenImage(data), data);
+    if (dataDisk_ == 1) options.disks.push_back({OpenImage(system)});
+    options.disks.push_back({lock_});
     options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     options.atShutdown = [this](machine::ShutdownStep step) {
         if (atShutdown_) atShutdown_(step);
@@ -84,10 +116,30 @@ Computer::~Computer() {
 }
 
 void Computer::Boot() {
+    Start();
+    MountOn(dataNumber_);
+    EndStart();
+}
+
+void Computer::BootLocked() {
+    lock_->isLocked = true;
+    Start();
+    EndStart();
+}
+
+void Computer::Unlock() {
+    lock_->isLocked = false;
+    Require(machine_->MountRaw(dataNumber_), "the unlocked volume cannot be mounted");
+    Settle();
+}
+
+void Computer::Start() {
     Require(machine_->PowerOn(), "the computer does not start");
     Require(machine_->DriverStatus(), "the driver does not load");
     FindDataVolume();
-    MountOn(dataNumber_);
+}
+
+void Computer::EndStart() {
     ++boots_;
     WriteBootLog();
     Settle();
@@ -148,6 +200,7 @@ void Computer::Reboot() {
 }
 
 void Computer::PowerCut() {
+    lock_->isLocked = false;
     machine_->PowerCut();
 }
 

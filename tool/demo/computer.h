@@ -16,6 +16,8 @@
 
 namespace tool {
 
+class LockableDisk;
+
 using ctl::FixedVolume;
 using ctl::StatusText;
 
@@ -47,6 +49,9 @@ public:
     // on a volume that is not protected. It is over when the driver's threads of the boot have ended, so that
     // what they hold open is held.
     void Boot();
+    // The data volume cannot be read, and does not mount, until Unlock.
+    void BootLocked();
+    void Unlock();
     void Shutdown();
     // Shuts down, with `work` behind that step. What the work throws is thrown when the power is off.
     void ShutdownDuring(machine::ShutdownStep step, const std::function<void()>& work);
@@ -82,11 +87,14 @@ public:
 
 private:
     machine::GuestFileSystem& MountOn(unsigned volume);
+    void Start();
+    void EndStart();
     void FindDataVolume();
     void WriteBootLog();
     void Settle();
 
     Place data_;
+    std::shared_ptr<LockableDisk> lock_;
     unsigned dataDisk_;
     std::unique_ptr<machine::Machine> machine_;
     unsigned systemNumber_ = 1;

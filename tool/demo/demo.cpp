@@ -194,6 +194,7 @@ constexpr Row kRows[] = {
     {"6. refused", ShowRefused, false},
     {"7. what is written in the course of a shutdown", ShowShutdown, true},
     {"8. files renamed to names of the system's", ShowRenamed, false},
+    {"9. a volume that is unlocked after the start", ShowLocked, true},
 };
 
 void ShowRows(Stage& stage, bool givenImage) {

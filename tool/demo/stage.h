@@ -52,5 +52,6 @@ void ShowStorageFull(Stage& stage);
 void ShowRefused(Stage& stage);
 void ShowShutdown(Stage& stage);
 void ShowRenamed(Stage& stage);
+void ShowLocked(Stage& stage);
 
 }  // namespace tool
