@@ -138,28 +138,6 @@ void LoadAtBoot(Volume& volume, FuzzedDataProvider& input) {
     host::SetRegistryStore(nullptr);
 }
 
-// One run as a buffer of any size, larger than 32 bits could count included.
-void LoadOneRun(Volume& volume, FuzzedDataProvider& input) {
-    const bool seal = input.ConsumeBool();
-    std::vector<std::uint8_t> image = input.ConsumeRemainingBytes<std::uint8_t>();
-    if (seal) SealEntries(image);
-    const fuzz::ExactBytes run(image);
-    PVOLUME_EXTENSION record = volume.Record();
-    {
-        FastMutexLock lock(record->SwapLock);
-        record->MapBuffer = static_cast<UCHAR*>(run.Get());
-        record->MapBufferSize = run.Size();
-    }
-    const NTSTATUS status = DeserializeSwapMap(volume.Filter());
-    FastMutexLock lock(record->SwapLock);
-    record->MapBuffer = nullptr;
-    record->MapBufferSize = 0;
-    if (!NT_SUCCESS(status)) return;
-    // What the entries say about each other beyond one kind is the whole load's to find.
-    for (TREE* tree : {&record->SwappedChunks, &record->FreeChunks})
-        fuzz::Require(support::CheckTree(tree).empty(), support::CheckTree(tree));
-}
-
 void RunInput(const std::uint8_t* data, std::size_t size) {
     FuzzedDataProvider input(data, size);
     Volume volume(input.ConsumeBool() ? 4096 : 512);
@@ -168,10 +146,7 @@ void RunInput(const std::uint8_t* data, std::size_t size) {
     volume.Record()->IsProtected = input.ConsumeBool();
     constexpr ULONG kActions[] = {0, PV_ACTION_DISCARD, PV_ACTION_MERGE};
     volume.Record()->BootAction = kActions[input.ConsumeIntegralInRange(0, 2)];
-    if (input.ConsumeBool())
-        LoadAtBoot(volume, input);
-    else
-        LoadOneRun(volume, input);
+    LoadAtBoot(volume, input);
 }
 
 }  // namespace

@@ -86,7 +86,8 @@ NTSTATUS FillSwapFile(BLOCK_WRITER& writer, HANDLE file, LONGLONG size, ULONG* s
     NTSTATUS status = STATUS_SUCCESS;
     for (LONGLONG offset = 0; *total < size && writer.HasBuffer(); offset += writer.BlockBytes()) {
         if (gProvisionQuit) break;
-        if (*sectors > kMost32 - kSectorsPerBlock) break;  // no map could name more
+        // No map could name more.
+        if (*sectors > kMost32 - kSectorsPerBlock) break;
         if (!IsPoolAvailable(kSwapFileTrial)) {
             DbgPrint("Kvr!SwapStorageStartAllocation:: kvr.SWP cannot allocate NPagedPool, giving up\n");
             break;
@@ -185,11 +186,8 @@ void CloseHeldFiles(PVOLUME_EXTENSION volume) {
 
 void ConfigureSwapAllocThread(PVOID context) {
     EnterProvisioning();
-    NTSTATUS status = STATUS_SUCCESS;
-    {
-        const PoolPtr<SWAP_CONFIG_REQUEST> request(static_cast<SWAP_CONFIG_REQUEST*>(context));
-        status = AllocateStorage(request.Get());
-    }
+    const NTSTATUS status =
+        AllocateStorage(PoolPtr<SWAP_CONFIG_REQUEST>(static_cast<SWAP_CONFIG_REQUEST*>(context)).Get());
     LeaveProvisioning(status);
 }
 

@@ -5,11 +5,12 @@
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/object/registry_store.h"
+#include "platform/host/sync/thread.h"
 
 namespace host {
 
 LeakReport CountLeaks() {
-    return {static_cast<ULONG>(OpenHandles().size()), DeviceCount(), CountOutstanding()};
+    return {static_cast<ULONG>(OpenHandles().size()), DeviceCount(), LivingSystemThreads(), CountOutstanding()};
 }
 
 void PowerOn() {

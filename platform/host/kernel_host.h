@@ -7,6 +7,7 @@ namespace host {
 struct LeakReport {
     ULONG handles;       // open handles
     ULONG devices;       // devices that exist
+    ULONG threads;       // system threads that run or that somebody still refers to
     Outstanding memory;  // requests and MDLs
 };
 

@@ -187,6 +187,9 @@ TEST_F(Storage, WhichVolumeTakesTheToolsText) {
 }
 
 TEST_F(Storage, CapturedPlacesOutliveTheBoot) {
+    volume->BytesPerSector = 0;
+    SwapAddConfigLocation(volume, 0x50000, S);
+    volume->BytesPerSector = S;
     SwapAddConfigLocation(volume, 0x10000, 3 * S + 10);  // whole sectors only
     SwapAddConfigLocation(volume, 0x20000, S - 1);
     EXPECT_EQ(STATUS_INVALID_PARAMETER, SaveConfigLocation(volume));
@@ -194,9 +197,6 @@ TEST_F(Storage, CapturedPlacesOutliveTheBoot) {
     EXPECT_FALSE(Said("oversize"));
     SwapAddConfigLocation(volume, 0x40000, S);
     EXPECT_TRUE(Said("Kvr!SwapAddConfigLocation oversize!"));
-    volume->BytesPerSector = 0;
-    SwapAddConfigLocation(volume, 0x50000, S);
-    volume->BytesPerSector = S;
     EXPECT_EQ(STATUS_SUCCESS, SaveConfigLocation(volume));
     EXPECT_FALSE(registry.flushed) << "the system's own flush is soon enough";
     EXPECT_EQ(STATUS_SUCCESS, LoadConfigLocation(volume));

@@ -353,6 +353,15 @@ TEST_F(Provisioning, HoldingTheFiles) {
         }
     }
     volume->IsProtected = FALSE;
+    // A removal comes between: there is nothing left to hold, and no state to set.
+    files.statuses = {{u"\\kvr.SWP", missing}};
+    files.onOpen = [&](const std::u16string& path) {
+        if (path == Numbered(1)) PoolPtr<MAP_LOCATION_ENTRY>(volume->MapLocation.exchange(nullptr)).Reset();
+    };
+    volume->SwapState = kSwapUsable;
+    EXPECT_EQ(STATUS_SUCCESS, Arm());
+    EXPECT_EQ(kSwapUsable, volume->SwapState);
+    EXPECT_EQ(3u, files.opens.size());
     files.statuses.clear();
     KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();  // a protected volume has it held
     for (const LONGLONG last : {0, -1, 1}) {

@@ -1,4 +1,5 @@
 // What the records of the volumes say.
+#include "control/io.h"
 #include "control/reports.h"
 #include "tests/support/memory_stack.h"
 
@@ -47,6 +48,11 @@ TEST_F(Reports, VolumesInTheOrderTheyCame) {
     EXPECT_EQ(2u, Fixed(479).size());
     EXPECT_EQ(1u, Removable(132).size());
     EXPECT_EQ(0u, Removable(131).size());
+    for (const ULONG code : {IOCTL_KVR_GET_FIXED_VOLUMES, IOCTL_KVR_GET_REMOVABLE_VOLUMES}) {
+        IO_STATUS_BLOCK iosb{};
+        EXPECT_EQ(STATUS_INVALID_PARAMETER,
+                  ControlDeviceIoControl(gControlDevice, nullptr, 0, nullptr, 160, code, &iosb));
+    }
 }
 
 TEST_F(Reports, StatesOfAVolume) {

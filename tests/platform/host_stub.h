@@ -87,6 +87,7 @@ protected:
         EXPECT_EQ(0, report.memory.lockedMdls);
         EXPECT_EQ(0u, report.devices);
         EXPECT_EQ(0u, report.handles);
+        EXPECT_EQ(0u, report.threads);
     }
 
     PDRIVER_OBJECT driver = nullptr;

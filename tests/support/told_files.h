@@ -17,6 +17,7 @@ public:
 
     NTSTATUS Open(const host::FileOpen& request, std::unique_ptr<host::OpenFile>& file,
                   ULONG_PTR& information) override {
+        if (onOpen) onOpen(request.path);
         opens.push_back({request.path, request.disposition, request.share});
         const auto told = statuses.find(request.path);
         const NTSTATUS result = told != statuses.end() ? told->second : status;
@@ -37,7 +38,7 @@ public:
     NTSTATUS status = STATUS_SUCCESS, io = STATUS_SUCCESS;
     LONGLONG limit = 0x7FFFFFFF;  // of a file's bytes; behind it the disk is full
     ULONG bytes = 0;              // that a read returns
-    std::function<void(const std::u16string&)> onDelete, onWrite;
+    std::function<void(const std::u16string&)> onOpen, onDelete, onWrite;
 
 private:
     struct File : host::OpenFile {

@@ -44,23 +44,6 @@ TEST_F(SectorIo, NothingUndefinedIsRead) {
     host::SetPoolOptions({});
 }
 
-TEST_F(SectorIo, AFailedWriteKeepsTheOldDataAndTheSpace) {
-    ASSERT_EQ(STATUS_SUCCESS, Put(8 * S, Data(2 * S, 1)));
-    const Bytes before = Read(0, 64 * S);
-    const ULONG64 free = Free();
-    device->verdict = [&](const auto& t) { return Refuse(t.isWrite); };
-    const host::Outcome failed = Write(volume, 0, Data(64 * S, 2));
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, failed.status);
-    EXPECT_EQ(0u, failed.information);
-    device->verdict = nullptr;
-    EXPECT_EQ(before, Read(0, 64 * S));
-    EXPECT_EQ(free, Free());
-    ForgetMaps();
-    AddFree(kSwap, 2 << 20);
-    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Put(0, Data(64 * S, 1)));
-    EXPECT_EQ(2u << 20, Free());
-}
-
 TEST_F(SectorIo, RequestsThatNoVolumeCanServeAreRefused) {
     constexpr LONGLONG last = 0x7FFFFFFFFFFFFFFF;
     const struct {

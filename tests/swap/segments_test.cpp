@@ -117,25 +117,4 @@ TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
     EXPECT_EQ(Build(0, 0xFFFFFFFF).size(), 1u);
 }
 
-TEST_F(Segments, SplitByChunksGivesEachPieceItsChunk) {
-    AddFree(20000 * S, 8 * S);
-    AddFree(30000 * S, 16 * S);
-    AddFree(40000 * S, 60 << 20);
-    SEGMENT* list = nullptr;
-    const LARGE_INTEGER at = Large(100 * S);
-    ASSERT_EQ(BuildSegments(volume, 32 * S, &at, &list), STATUS_SUCCESS);
-    ASSERT_EQ(LockFreeChunks(volume, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(SplitSegmentByChunks(volume, list), STATUS_SUCCESS);
-    EXPECT_EQ(Runs(list), (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S},
-                                            {108 * S, 0, false, 108, 8 * S, 16 * S},
-                                            {124 * S, 0, false, 124, 24 * S, 8 * S}}));
-    for (SEGMENT* s = list; s; s = s->pNext) {
-        EXPECT_EQ(s->pChunk->pNext, nullptr);
-        EXPECT_EQ(s->pChunk->liVolumeOffset.QuadPart, s->liVolumeOffset.QuadPart);
-        EXPECT_EQ(s->pChunk->uLength, s->uLength);
-    }
-    ReleaseSegmentChunks(volume, list, FALSE, 0);
-    EXPECT_EQ(Free(), 24u * S + (60u << 20));
-}
-
 }  // namespace

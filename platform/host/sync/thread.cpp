@@ -26,8 +26,17 @@ struct ThreadExit {
 
 std::atomic<ULONG> gThreadCount;
 
+std::atomic<ULONG> gLivingSystemThreads;
+
+// Counts as living until nobody refers to it any more.
+struct SystemThreadObject : KTHREAD {
+    SystemThreadObject() : KTHREAD{} { gLivingSystemThreads.fetch_add(1, std::memory_order_relaxed); }
+    ~SystemThreadObject() { gLivingSystemThreads.fetch_sub(1, std::memory_order_relaxed); }
+};
+
 PKTHREAD NewThread(bool system) {
-    auto* thread = MakeObject<KTHREAD>(ObjectType::Thread);
+    PKTHREAD thread =
+        system ? MakeObject<SystemThreadObject>(ObjectType::Thread) : MakeObject<KTHREAD>(ObjectType::Thread);
     InitializeHeader(thread->Header, HostDispatcherType::Thread, false, 0);
     thread->IsSystemThread = system;
     thread->ExitStatus.store(STATUS_PENDING, std::memory_order_relaxed);
@@ -183,6 +192,10 @@ ULONG JoinSystemThreads() {
     }
 }
 
+ULONG LivingSystemThreads() {
+    return gLivingSystemThreads.load(std::memory_order_relaxed);
+}
+
 ULONG RunningSystemThreads() {
     const HostGuard guard(gThreadsLock);
     ULONG count = 0;
@@ -233,9 +246,12 @@ PKTHREAD KeGetCurrentThread() {
     return CurrentThread();
 }
 
-NTSTATUS PsCreateSystemThread(PHANDLE handle, ULONG, POBJECT_ATTRIBUTES, HANDLE, PVOID, PKSTART_ROUTINE routine,
-                              PVOID context) {
+NTSTATUS PsCreateSystemThread(PHANDLE handle, ULONG, POBJECT_ATTRIBUTES attributes, HANDLE, PVOID,
+                              PKSTART_ROUTINE routine, PVOID context) {
     RequirePageable("PsCreateSystemThread", PASSIVE_LEVEL);
+    if (attributes != nullptr &&
+        (attributes->Length != sizeof(*attributes) || attributes->Attributes != OBJ_KERNEL_HANDLE))
+        Violation("thread", "a system thread's handle that a process could use");
     if (InjectFault(Fault::ThreadCreate)) return STATUS_INSUFFICIENT_RESOURCES;
     JoinEnded();
     PKTHREAD thread = NewThread(true);

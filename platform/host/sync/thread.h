@@ -33,6 +33,8 @@ namespace host {
 // a system thread, nor while a ThreadGate holds one back. Returns how many it waited for.
 ULONG JoinSystemThreads();
 ULONG RunningSystemThreads();
+// Those that run and those that have ended but that a handle or a reference still keeps.
+ULONG LivingSystemThreads();
 
 // While one lives, every new system thread is held before its first instruction until it is let go, so that
 // a test decides what happens between PsCreateSystemThread and the thread's first step. One at a time.
