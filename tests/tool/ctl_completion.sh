@@ -22,14 +22,10 @@ gives "status swap" kvrctl s
 gives "make remove stop" kvrctl swap ""
 gives "protect" kvrctl removable p
 gives "HarddiskVolume1 HarddiskVolume12" kvrctl protect Hard
-gives "HarddiskVolume12" kvrctl swap make HarddiskVolume12
 gives "" kvrctl swap make HarddiskVolume1 ""
 gives "HarddiskVolume1 HarddiskVolume12" kvrctl removable hide --dry-run ""
 gives "discard keep" kvrctl protect --at-boot ""
 gives "--at-boot" kvrctl protect HarddiskVolume1 --at
-gives "--force" kvrctl config set --f
-gives "--json" kvrctl map HarddiskVolume1 --j
-gives "ctl_completion.sh" kvrctl map 1 --svg ctl_compl
 gives "ctl_completion.sh" kvrctl config check ctl_compl
 gives "" kvrctl --machine ctl_compl
 expected_call="--machine pc volumes --names"

@@ -25,11 +25,9 @@ TEST(VolumeHash, SeesEveryByteOfTheVolumeButTheExcludedOnes) {
         TestFolder::Put(image, at, {0});
     };
     change(kStart - 1, false, false);
-    for (const std::uint64_t at : {std::uint64_t{0}, 64 * kKiB - 1, 64 * kKiB, 100 * kKiB - 1, 180 * kKiB,
-                                   500 * kKiB - 1, 500 * kKiB + 10, kSize - 8})
+    for (const std::uint64_t at : {std::uint64_t{0}, 64 * kKiB, 180 * kKiB, 500 * kKiB + 10, kSize - 8})
         change(kStart + at, true, true);
-    for (const std::uint64_t at :
-         {100 * kKiB, 180 * kKiB - 1, 500 * kKiB, 500 * kKiB + 9, kSize - 7, kSize - 1})
+    for (const std::uint64_t at : {100 * kKiB, 180 * kKiB - 1, 500 * kKiB + 9, kSize - 1})
         change(kStart + at, true, false);
 }
 
