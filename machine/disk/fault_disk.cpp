@@ -56,7 +56,8 @@ NTSTATUS FaultDisk::Write(std::uint64_t offset, const void* buffer, std::size_t 
 }
 
 NTSTATUS FaultDisk::Flush() {
-    return power_->IsCut() ? STATUS_DEVICE_POWERED_OFF : disk_->Flush();
+    const PowerSwitch::Permit permit = power_->AdmitWrite();
+    return permit.Full() ? disk_->Flush() : STATUS_DEVICE_POWERED_OFF;
 }
 
 }  // namespace machine

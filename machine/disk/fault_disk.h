@@ -25,14 +25,14 @@ public:
         std::uint32_t sectorsKept_ = 0;
     };
 
-    // Asked before each disk or registry write, and kept while it is made.
+    // Asked before each disk or registry write or flush, and kept while it is made.
     Permit AdmitWrite();
     bool IsCut() const { return cut_.load(std::memory_order_acquire); }
 
     // Cuts now: when this returns no write is under way and none will be made.
     void Cut();
-    // The `nth` write from now (1 is the next) is the first that does not complete: `sectorsKept` of its
-    // leading sectors reach the disk, then the power is gone. 0 disarms.
+    // The `nth` write or flush from now (1 is the next) is the first that does not complete: `sectorsKept` of
+    // its leading sectors reach the disk, then the power is gone. 0 disarms.
     void ArmCut(std::uint64_t nth, std::uint32_t sectorsKept = 0);
     void Restore();  // power is back, nothing is armed
     std::uint64_t WritesSeen() const { return seen_.load(std::memory_order_relaxed); }

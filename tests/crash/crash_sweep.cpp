@@ -20,7 +20,7 @@ namespace {
 
 std::string TextOf(const CutPoint& cut) {
     return "write " + std::to_string(cut.nth) + ", " + std::to_string(cut.kept) + " sectors of it kept" +
-           (cut.journaled ? ", directory from the journal" : "");
+           (cut.journaled ? ", directory from the journal" : "") + ", subset " + std::to_string(cut.seed);
 }
 
 // False when the operation got through.
@@ -35,6 +35,7 @@ bool RunCut(const Scenario& scenario, CutPoint cut) {
     scenario.operate(computer);
     cut.struck = power.WritesSeen() - before >= cut.nth;
     computer.Hardware().PowerCut();
+    computer.LoseUnflushed(cut.seed);
     power.Restore();
     if (cut.journaled) {
         computer.DataFiles().RestoreJournaled();
@@ -43,6 +44,13 @@ bool RunCut(const Scenario& scenario, CutPoint cut) {
     if (!testing::Test::HasFatalFailure()) scenario.check(computer, cut);
     EXPECT_EQ(0u, host::AssertionCount());
     return cut.struck;
+}
+
+// Cuts at the first, second, ... write; returns how many cuts struck.
+unsigned SweepWrites(const Scenario& scenario, CutPoint cut) {
+    unsigned struck = 0;
+    while (RunCut(scenario, cut) && !testing::Test::HasFailure()) ++cut.nth, ++struck;
+    return struck;
 }
 
 }  // namespace
@@ -56,8 +64,9 @@ unsigned Sweep(const Scenario& scenario) {
         if (journaled && !scenario.journaled) break;
         if (journaled && !isLong) kept.resize(1);
         for (const std::uint32_t sectors : kept) {
-            CutPoint cut{1, sectors, journaled};
-            while (RunCut(scenario, cut) && !testing::Test::HasFailure()) ++cut.nth, ++struck;
+            const unsigned subsets = sectors != kept[0] ? 1 : isLong ? 4 * scenario.subsets : scenario.subsets;
+            for (std::uint32_t seed = 0; seed < subsets; ++seed)
+                struck += SweepWrites(scenario, {1, sectors, journaled, seed});
         }
     }
     return struck;

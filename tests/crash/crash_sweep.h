@@ -1,7 +1,8 @@
 // What the crash tests share: a computer is stopped at its first, second, third ... write to a disk or the
 // registry during one operation, until the operation gets through, and after each cut the next boot is looked
 // at. A failure names the scenario and the cut, which replay it: every computer starts from the same image.
-//   KVR_LONG=1 also tears the write at more places, with either state of the directory
+//   KVR_LONG=1 also tears the write at more places, with either state of the directory, and has a disk with a
+//   write cache lose more subsets
 #pragma once
 #include <functional>
 #include <gtest/gtest.h>
@@ -17,6 +18,7 @@ struct CutPoint {
     std::uint64_t nth;   // the write that does not complete, counted from 1
     std::uint32_t kept;  // leading sectors of it that still reach the disk
     bool journaled;      // the directory lost what its journal did not have
+    std::uint32_t seed;  // what a data disk with a write cache keeps of what was not flushed, see CachedDisk
     bool struck = true;  // false: the operation got through, and only then the power failed
 };
 
@@ -29,6 +31,8 @@ struct Scenario {
     std::function<void(ProtectedComputer&)> operate = {};  // may end the boot
     // The power is off and back: what the next boot finds. Called for the operation that got through, too.
     std::function<void(ProtectedComputer&, const CutPoint&)> check = {};
+    // Of what a write cache loses, each a pass of its own for the first of `kept`.
+    unsigned subsets = 1;
 };
 
 // Runs the scenario at every cut; returns how many cuts struck.

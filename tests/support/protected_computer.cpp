@@ -96,8 +96,10 @@ void ProtectedComputer::Build() {
     systemFiles_ = std::make_shared<ScriptedVolume>(kMiB, 12 * kMiB);
     dataFiles_ = std::make_shared<ScriptedVolume>(options_.storageBegin, options_.dataBytes - dataOffset_);
     dataFiles_->SetPlacement(options_.piece, options_.gap);
+    std::shared_ptr<Disk> data = dataDisk_;
+    if (options_.dataCache) data = dataCache_ = std::make_shared<CachedDisk>(dataDisk_);
     MachineOptions machine;
-    machine.disks = {{systemDisk_}, {dataDisk_, false, options_.completion}};
+    machine.disks = {{systemDisk_}, {data, false, options_.completion}};
     machine.driver = DriverEntry;
     machine.fileSystem = [this](const VolumeDevice& volume) {
         // Without a filter when its AddDevice failed.
@@ -131,6 +133,12 @@ void ProtectedComputer::Harden() {
 ProtectedComputer::~ProtectedComputer() {
     machine_.reset();
     host::FollowRealClock();
+}
+
+void ProtectedComputer::LoseUnflushed(std::uint32_t seed) {
+    if (dataCache_) {
+        EXPECT_EQ(STATUS_SUCCESS, dataCache_->LosePower(seed));
+    }
 }
 
 ComputerImage ProtectedComputer::Capture() const {

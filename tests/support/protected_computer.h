@@ -7,6 +7,7 @@
 #include <vector>
 #include "formats/kvr_ioctl.h"
 #include "machine/boot/machine.h"
+#include "machine/disk/cached_disk.h"
 #include "tests/doubles/memory_disk.h"
 #include "tests/doubles/scripted_file_system.h"
 
@@ -37,6 +38,7 @@ struct ComputerOptions {
     // The storage files are placed from here to the end of the data volume; what lies below is the test's.
     std::uint64_t storageBegin = 64 * kMiB;
     machine::Completion completion = machine::Completion::Immediate;
+    bool dataCache = false;  // the data disk has a volatile write cache
     // How the data volume's files are laid out: pieces of at most that many bytes with gaps between them. 0: as
     // large as it gets.
     std::uint64_t piece = 0;
@@ -71,7 +73,8 @@ public:
     // Where the volumes begin on their disks.
     std::uint64_t SystemOffset() const { return systemOffset_; }
     std::uint64_t DataOffset() const { return dataOffset_; }
-    // The power must be off.
+    // Both with the power off. What a data disk without a cache has written it does not lose.
+    void LoseUnflushed(std::uint32_t seed);
     ComputerImage Capture() const;
 
     // Boots with nothing configured, writes the configuration, makes `swapBytes` of storage and shuts down.
@@ -94,6 +97,7 @@ private:
     ComputerOptions options_;
     std::shared_ptr<machine::MemoryDisk> systemDisk_;
     std::shared_ptr<machine::MemoryDisk> dataDisk_;
+    std::shared_ptr<machine::CachedDisk> dataCache_;  // in front of it, or null
     std::shared_ptr<machine::ScriptedVolume> systemFiles_;
     std::shared_ptr<machine::ScriptedVolume> dataFiles_;
     std::uint64_t systemOffset_ = 0, dataOffset_ = 0;
