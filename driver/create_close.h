@@ -5,8 +5,8 @@
 extern KSPIN_LOCK gControlLock;
 extern BOOLEAN gControlOpen;  // under gControlLock
 
-// A filter answers itself, with STATUS_SUCCESS; the control device with STATUS_DEVICE_ALREADY_ATTACHED while it
-// is open.
+// A filter answers itself, with STATUS_SUCCESS; the control device with STATUS_ACCESS_DENIED to a program
+// without an administrator's rights, and with STATUS_DEVICE_ALREADY_ATTACHED while it is open.
 NTSTATUS KvrCreate(PDEVICE_OBJECT device, PIRP request);
 // A filter passes it down.
 NTSTATUS KvrClose(PDEVICE_OBJECT device, PIRP request);

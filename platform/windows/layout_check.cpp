@@ -132,6 +132,13 @@ LIES_AT(FAST_MUTEX, Owner, 0x08);
 LIES_AT(FAST_MUTEX, OldIrql, 0x30);
 SIZE_IS(IO_REMOVE_LOCK, 0x20);
 SIZE_IS(RTL_OSVERSIONINFOEXW, 284);
+LIES_AT(IO_STACK_LOCATION, Parameters.Create.SecurityContext, 0x08);
+LIES_AT(IO_SECURITY_CONTEXT, AccessState, 0x08);
+LIES_AT(ACCESS_STATE, SubjectSecurityContext, 0x20);
+LIES_AT(SECURITY_SUBJECT_CONTEXT, ClientToken, 0x00);
+LIES_AT(SECURITY_SUBJECT_CONTEXT, ImpersonationLevel, 0x08);
+LIES_AT(SECURITY_SUBJECT_CONTEXT, PrimaryToken, 0x10);
+static_assert(SL_FORCE_ACCESS_CHECK == 1 && SecurityImpersonation == 2);
 static_assert(IRP_MJ_MAXIMUM_FUNCTION == 27);
 
 // Atomic fields are words of the same width, so that single loads and stores are what the other side sees.

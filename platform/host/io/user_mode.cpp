@@ -1,4 +1,5 @@
 #include "platform/host/io/user_mode.h"
+#include <utility>
 #include <vector>
 #include "platform/host/io/device.h"
 #include "platform/host/io/device_table.h"
@@ -14,6 +15,22 @@ namespace {
 struct ProgramFile {
     FILE_OBJECT object;
     ACCESS_MASK access;
+};
+
+thread_local Program gProgram;
+
+// What a create request says of the one who asks.
+class Subject {
+public:
+    Subject() {
+        m_state.SubjectSecurityContext = {const_cast<Token*>(gProgram.client), gProgram.level,
+                                          &gProgram.process, nullptr};
+    }
+    IO_SECURITY_CONTEXT* Context() { return &m_context; }
+
+private:
+    ACCESS_STATE m_state{};
+    IO_SECURITY_CONTEXT m_context{nullptr, &m_state};
 };
 
 std::vector<PFILE_OBJECT> gFiles KVR_GUARDED_BY(gDeviceLock);  // what programs have open
@@ -59,10 +76,16 @@ NTSTATUS SendForFile(PFILE_OBJECT file, UCHAR major) {
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(sync.irp());
     next->MajorFunction = major;
     next->FileObject = file;
+    Subject subject;
+    if (major == IRP_MJ_CREATE) next->Parameters.Create.SecurityContext = subject.Context();
     return sync.Call(top.get()).status;
 }
 
 }  // namespace
+
+Program SetProgram(const Program& program) {
+    return std::exchange(gProgram, program);
+}
 
 NTSTATUS OpenDevice(std::u16string_view path, ACCESS_MASK access, PFILE_OBJECT& file) {
     RequireIrql("OpenDevice", PASSIVE_LEVEL);
@@ -119,3 +142,7 @@ void DropProgramFiles() {
 }
 
 }  // namespace host
+
+BOOLEAN SeTokenIsAdmin(PACCESS_TOKEN token) {
+    return static_cast<const host::Token*>(token)->isAdministrator;
+}

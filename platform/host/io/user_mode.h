@@ -6,6 +6,18 @@
 
 namespace host {
 
+// In whose name this thread opens devices: a process's rights, and those of a client that it acts for, if any.
+struct Token {
+    bool isAdministrator;
+};
+struct Program {
+    Token process = {true};
+    const Token* client = nullptr;
+    SECURITY_IMPERSONATION_LEVEL level = SecurityImpersonation;
+};
+// From now on, for this thread; returns what was before.
+Program SetProgram(const Program& program);
+
 // Opens the device that `path` names (no path behind it) with `access`, and sends IRP_MJ_CREATE to the top of
 // its stack. On failure `file` is null. STATUS_NO_SUCH_DEVICE while the device is being initialised;
 // STATUS_ACCESS_DENIED for a second opener of an exclusive device. IRQL: PASSIVE_LEVEL.

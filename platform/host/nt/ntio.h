@@ -175,12 +175,40 @@ union POWER_STATE {
     DEVICE_POWER_STATE DeviceState;
 };
 
+// Who asks for an open.
+using PACCESS_TOKEN = PVOID;
+enum SECURITY_IMPERSONATION_LEVEL {
+    SecurityAnonymous,
+    SecurityIdentification,
+    SecurityImpersonation,
+    SecurityDelegation
+};
+struct SECURITY_SUBJECT_CONTEXT {
+    PACCESS_TOKEN ClientToken;
+    SECURITY_IMPERSONATION_LEVEL ImpersonationLevel;
+    PACCESS_TOKEN PrimaryToken;
+    PVOID ProcessAuditId;
+};
+struct ACCESS_STATE {
+    UCHAR Room0[0x20];
+    SECURITY_SUBJECT_CONTEXT SubjectSecurityContext;
+};
+struct IO_SECURITY_CONTEXT {
+    PVOID SecurityQos;
+    ACCESS_STATE* AccessState;
+};
+BOOLEAN SeTokenIsAdmin(PACCESS_TOKEN token);
+inline constexpr UCHAR SL_FORCE_ACCESS_CHECK = 0x01;
+
 struct IO_STACK_LOCATION {
     UCHAR MajorFunction;
     UCHAR MinorFunction;
     UCHAR Flags;
     UCHAR Control;
     union {
+        struct {
+            IO_SECURITY_CONTEXT* SecurityContext;
+        } Create;
         struct {
             ULONG Length;
             alignas(8) ULONG Key;

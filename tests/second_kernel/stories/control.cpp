@@ -1,6 +1,7 @@
 // The control device: who may open it, and what each code answers to good and bad buffers. The configuration
 // goes through the kernel's real file calls.
 #include <initializer_list>
+#include "platform/host/io/user_mode.h"
 #include "tests/second_kernel/common/computer.h"
 #include "tests/second_kernel/common/pattern.h"
 #include "tests/second_kernel/common/tool.h"
@@ -26,6 +27,28 @@ Tool* Open() {
     CloseTool(&tool);
     stage::CheckStatus(OpenTool(&tool, driver->DeviceObject), STATUS_SUCCESS, "an open after the close");
     return &tool;
+}
+
+// A device is made open to everybody; this one is not, from user mode.
+void TryPrograms() {
+    stage::Step("programs with and without an administrator's rights");
+    constexpr host::Token user = {false}, administrator = {true};
+    const struct {
+        host::Program program;
+        NTSTATUS status;
+    } cases[] = {{{user}, STATUS_ACCESS_DENIED},
+                 {{administrator}, STATUS_SUCCESS},
+                 {{user, &administrator}, STATUS_SUCCESS},
+                 {{administrator, &user}, STATUS_ACCESS_DENIED},
+                 {{administrator, &administrator, SecurityIdentification}, STATUS_ACCESS_DENIED}};
+    for (const auto& c : cases) {
+        const host::Program before = host::SetProgram(c.program);
+        PFILE_OBJECT file = nullptr;
+        stage::CheckStatus(host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA, file), c.status,
+                           "a program's open of the control device");
+        if (file) host::CloseDevice(file);
+        (void)host::SetProgram(before);
+    }
 }
 
 void SendForeignRequests(Tool* tool) {
@@ -95,6 +118,10 @@ void WriteConfiguration(Tool* tool) {
 void Control() {
     Tool* tool = Open();
     if (!tool) return;
+    CloseTool(tool);
+    TryPrograms();
+    stage::CheckStatus(OpenTool(tool, tool->Device), STATUS_SUCCESS,
+                       "whom it refused, it does not count as open");
     SendForeignRequests(tool);
     TryBuffers(tool);
     WriteConfiguration(tool);

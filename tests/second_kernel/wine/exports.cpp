@@ -99,6 +99,7 @@ const Export kExports[] = {
     BY_NAME(RtlInitUnicodeString),
     BY_NAME(RtlTimeToTimeFields),
     BY_NAME(RtlUpcaseUnicodeChar),
+    BY_NAME(SeTokenIsAdmin),
     BY_NAME(ZwClose),
     BY_NAME(ZwCreateFile),
     BY_NAME(ZwCreateKey),
