@@ -30,6 +30,43 @@ NTSTATUS OpenStorageFile(PVOLUME_EXTENSION volume, ULONG index, const OPENING& o
     return status;
 }
 
+// Does the file system store the file's bytes as something else, and elsewhere than where they are written? One
+// that cannot say has no such files.
+BOOLEAN IsCoded(HANDLE file) {
+    FILE_BASIC_INFORMATION basic{};
+    IO_STATUS_BLOCK iosb{};
+    const NTSTATUS status = ZwQueryInformationFile(file, &iosb, &basic, sizeof(basic), FileBasicInformation);
+    return NT_SUCCESS(status) &&
+           (basic.FileAttributes & (FILE_ATTRIBUTE_COMPRESSED | FILE_ATTRIBUTE_ENCRYPTED));
+}
+
+// For an existing file that nobody has open; changing its compression takes the right to read it as well.
+void Decompress(PVOLUME_EXTENSION volume, ULONG index) {
+    KernelHandle file;
+    NTSTATUS status =
+        OpenStorageFile(volume, index, {FILE_READ_DATA | FILE_WRITE_DATA, FILE_SHARE_READ, FILE_OPEN}, &file);
+    USHORT format = COMPRESSION_FORMAT_NONE;
+    IO_STATUS_BLOCK iosb{};
+    if (NT_SUCCESS(status))
+        status = ZwFsControlFile(file.Get(), nullptr, nullptr, nullptr, &iosb, FSCTL_SET_COMPRESSION, &format,
+                                 sizeof(format), nullptr, 0);
+    DbgPrint("Kvr!SwapStorageStartAllocation FSCTL_SET_COMPRESSION 0x%08x\n", status);
+}
+
+// A new file may have its folder's mark: compressed or encrypted. The blocks of such a file would not show
+// where it lies. System files are not encrypted, so what remains to be done is to decompress it.
+NTSTATUS MakePlain(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file) {
+    if (!IsCoded(file->Get())) return STATUS_SUCCESS;
+    file->Reset();
+    Decompress(volume, index);
+    const NTSTATUS status = OpenStorageFile(volume, index, {FILE_WRITE_DATA, FILE_SHARE_READ, FILE_OPEN}, file);
+    if (!NT_SUCCESS(status) || !IsCoded(file->Get())) return status;
+    DbgPrint("Kvr!SwapStorageStartAllocation: the storage would be compressed or encrypted on %wZ\n",
+             &volume->VolumeName);
+    file->Reset();
+    return STATUS_NOT_SUPPORTED;
+}
+
 }  // namespace
 
 NTSTATUS MakeStoragePath(PVOLUME_EXTENSION volume, ULONG index, STORAGE_PATH* path) {
@@ -41,8 +78,9 @@ NTSTATUS MakeStoragePath(PVOLUME_EXTENSION volume, ULONG index, STORAGE_PATH* pa
 }
 
 NTSTATUS CreateStorageFile(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file) {
-    const NTSTATUS status =
+    NTSTATUS status =
         OpenStorageFile(volume, index, {FILE_WRITE_DATA, FILE_SHARE_READ, FILE_OVERWRITE_IF}, file);
+    if (NT_SUCCESS(status)) status = MakePlain(volume, index, file);
     if (!NT_SUCCESS(status)) DbgPrint("Kvr!SwapStorageStartAllocation ZwCreateFile 0x%08x\n", status);
     return status;
 }

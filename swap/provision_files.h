@@ -15,6 +15,8 @@ struct STORAGE_PATH {
 [[nodiscard]] NTSTATUS MakeStoragePath(PVOLUME_EXTENSION volume, ULONG index, STORAGE_PATH* path);
 
 // A new, empty file, written unbuffered so that each write reaches the filter as one write of the file's data.
+// It is neither compressed nor encrypted, whatever its folder says; STATUS_NOT_SUPPORTED where that cannot be
+// had.
 [[nodiscard]] NTSTATUS CreateStorageFile(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file);
 // An existing file, open to nobody else.
 [[nodiscard]] NTSTATUS HoldStorageFile(PVOLUME_EXTENSION volume, ULONG index, KernelHandle* file);

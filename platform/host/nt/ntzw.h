@@ -36,6 +36,10 @@ inline constexpr ULONG FILE_ATTRIBUTE_READONLY = 0x1;
 inline constexpr ULONG FILE_ATTRIBUTE_HIDDEN = 0x2;
 inline constexpr ULONG FILE_ATTRIBUTE_SYSTEM = 0x4;
 inline constexpr ULONG FILE_ATTRIBUTE_NORMAL = 0x80;
+inline constexpr ULONG FILE_ATTRIBUTE_COMPRESSED = 0x800;
+inline constexpr ULONG FILE_ATTRIBUTE_ENCRYPTED = 0x4000;
+inline constexpr USHORT COMPRESSION_FORMAT_NONE = 0;
+inline constexpr ULONG FSCTL_SET_COMPRESSION = 0x9C040;
 inline constexpr ULONG REG_OPTION_NON_VOLATILE = 0;
 inline constexpr ULONG REG_OPENED_EXISTING_KEY = 2;
 inline constexpr ULONG REG_BINARY = 3;
@@ -76,6 +80,16 @@ NTSTATUS PsTerminateSystemThread(NTSTATUS status);  // does not return to its ca
 [[nodiscard]] NTSTATUS ZwWriteFile(HANDLE file, HANDLE event, PVOID apc, PVOID apcContext,
                                    PIO_STATUS_BLOCK iosb, PVOID buffer, ULONG length, PLARGE_INTEGER offset,
                                    PULONG key);
+enum FILE_INFORMATION_CLASS { FileBasicInformation = 4 };
+struct FILE_BASIC_INFORMATION {
+    LARGE_INTEGER CreationTime, LastAccessTime, LastWriteTime, ChangeTime;
+    ULONG FileAttributes;
+};
+[[nodiscard]] NTSTATUS ZwQueryInformationFile(HANDLE file, PIO_STATUS_BLOCK iosb, PVOID info, ULONG length,
+                                              FILE_INFORMATION_CLASS kind);
+[[nodiscard]] NTSTATUS ZwFsControlFile(HANDLE file, HANDLE event, PVOID apc, PVOID apcContext,
+                                       PIO_STATUS_BLOCK iosb, ULONG code, PVOID input, ULONG inputLength,
+                                       PVOID output, ULONG outputLength);
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES attributes);
 NTSTATUS ZwClose(HANDLE handle);
 [[nodiscard]] NTSTATUS ZwCreateKey(PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES attributes,

@@ -27,6 +27,10 @@ public:
     // Writes `length` bytes at `offset`, growing the file where needed; the data and what the file system
     // needs to find it again are at the volume's stack when it returns (opens are write-through).
     [[nodiscard]] virtual NTSTATUS Write(LONGLONG offset, const void* buffer, ULONG length, ULONG& done) = 0;
+    // FILE_ATTRIBUTE_ bits of the file as it is now.
+    virtual ULONG Attributes() { return FILE_ATTRIBUTE_NORMAL; }
+    // The file's bytes are stored as they are from now on.
+    [[nodiscard]] virtual NTSTATUS Decompress() { return STATUS_SUCCESS; }
 };
 
 class FileProvider {

@@ -12,10 +12,13 @@ namespace {
 struct FileHandle {
     std::unique_ptr<OpenFile> file;
     USHORT sectorSize;  // transfers must be whole sectors when this is not 0
+    bool readsAndWrites;
     HostLock transfer;
 
-    FileHandle(std::unique_ptr<OpenFile> opened, USHORT sectors)
-        : file(std::move(opened)), sectorSize(sectors) {}
+    FileHandle(std::unique_ptr<OpenFile> opened, USHORT sectors, ACCESS_MASK access)
+        : file(std::move(opened)),
+          sectorSize(sectors),
+          readsAndWrites((access & FILE_READ_DATA) != 0 && (access & FILE_WRITE_DATA) != 0) {}
 };
 
 NTSTATUS Resolve(POBJECT_ATTRIBUTES attributes, ResolvedPath& resolved) {
@@ -38,7 +41,8 @@ NTSTATUS Open(PHANDLE handle, FileOpen request, POBJECT_ATTRIBUTES attributes, U
     std::unique_ptr<OpenFile> file;
     status = path.provider->Open(request, file, information);
     if (!NT_SUCCESS(status)) return status;
-    ObjectRef<FileHandle> object(MakeObject<FileHandle>(ObjectType::OpenFile, std::move(file), sectorSize));
+    ObjectRef<FileHandle> object(
+        MakeObject<FileHandle>(ObjectType::OpenFile, std::move(file), sectorSize, request.access));
     *handle = InsertHandle(object.get());
     return status;
 }
@@ -92,6 +96,36 @@ NTSTATUS ZwWriteFile(HANDLE file, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK iosb, P
     return host::Transfer(
         "ZwWriteFile", file, iosb, offset, length,
         [&](host::OpenFile& open, LONGLONG at, ULONG& done) { return open.Write(at, buffer, length, done); });
+}
+
+NTSTATUS ZwQueryInformationFile(HANDLE handle, PIO_STATUS_BLOCK iosb, PVOID info, ULONG length,
+                                FILE_INFORMATION_CLASS kind) {
+    host::RequireIrql("ZwQueryInformationFile", PASSIVE_LEVEL);
+    host::ObjectRef<host::FileHandle> file(
+        static_cast<host::FileHandle*>(host::LookupHandle(handle, host::ObjectType::OpenFile)));
+    if (!file) return STATUS_INVALID_HANDLE;
+    if (kind != FileBasicInformation || length < sizeof(FILE_BASIC_INFORMATION))
+        return STATUS_INVALID_PARAMETER;
+    auto* basic = static_cast<FILE_BASIC_INFORMATION*>(info);
+    *basic = {};
+    basic->FileAttributes = file->file->Attributes();
+    *iosb = {{STATUS_SUCCESS}, sizeof(*basic)};
+    return STATUS_SUCCESS;
+}
+
+// The one control that a driver sends: another one ends the file system's way.
+NTSTATUS ZwFsControlFile(HANDLE handle, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK iosb, ULONG code, PVOID input,
+                         ULONG inputLength, PVOID, ULONG) {
+    host::RequireIrql("ZwFsControlFile", PASSIVE_LEVEL);
+    host::ObjectRef<host::FileHandle> file(
+        static_cast<host::FileHandle*>(host::LookupHandle(handle, host::ObjectType::OpenFile)));
+    if (!file) return STATUS_INVALID_HANDLE;
+    if (code != FSCTL_SET_COMPRESSION) return STATUS_INVALID_DEVICE_REQUEST;
+    if (!file->readsAndWrites) return STATUS_ACCESS_DENIED;
+    if (inputLength < sizeof(USHORT) || *static_cast<USHORT*>(input) != COMPRESSION_FORMAT_NONE)
+        return STATUS_INVALID_PARAMETER;
+    *iosb = {{file->file->Decompress()}, 0};
+    return iosb->Status;
 }
 
 // Deleting opens the file, so the same fault stands for it.

@@ -36,12 +36,20 @@ public:
         if (!AreSectors(offset, length)) return STATUS_INVALID_PARAMETER;
         NTSTATUS status = Reserve(offset + length);
         if (!NT_SUCCESS(status)) return status;
-        status = Move(IRP_MJ_WRITE, offset, static_cast<PUCHAR>(const_cast<void*>(buffer)), length);
+        // A compressed file of zeros takes no sector at all.
+        if (m_file->Marks == 0)
+            status = Move(IRP_MJ_WRITE, offset, static_cast<PUCHAR>(const_cast<void*>(buffer)), length);
         if (!NT_SUCCESS(status)) return status;
         const std::lock_guard hold(m_files.m_lock);
         m_file->Size = std::max(m_file->Size, offset + length);
         done = length;
         return status;
+    }
+
+    ULONG Attributes() override { return FILE_ATTRIBUTE_NORMAL | m_file->Marks; }
+    NTSTATUS Decompress() override {
+        m_file->Marks &= ~FILE_ATTRIBUTE_COMPRESSED;
+        return STATUS_SUCCESS;
     }
 
 private:
@@ -106,6 +114,7 @@ NTSTATUS PlayedFiles::Open(const host::FileOpen& request, std::unique_ptr<host::
         if (request.disposition == FILE_OPEN || request.disposition == FILE_OVERWRITE)
             return STATUS_OBJECT_NAME_NOT_FOUND;
         found = m_files.emplace(machine::FoldName(request.path), std::make_shared<PlayedFile>()).first;
+        found->second->Marks = FolderMarks;
         information = FILE_CREATED;
     } else {
         if (!found->second->Share.Allows(machine::MakeShareClaim(request.access, request.share)))

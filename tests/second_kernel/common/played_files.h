@@ -20,6 +20,7 @@ struct FileExtent {
 
 struct PlayedFile {
     LONGLONG Size = 0;
+    ULONG Marks = 0;  // FILE_ATTRIBUTE_COMPRESSED, FILE_ATTRIBUTE_ENCRYPTED
     std::vector<FileExtent> Extents;
     machine::ShareAccess Share;
 };
@@ -41,6 +42,7 @@ public:
 
     ULONG PieceUnits = 0;    // new space comes in pieces of at most so many units, 0: any number
     ULONG GapUnits = 0;      // and so many units are left free behind each
+    ULONG FolderMarks = 0;   // what a new file inherits
     LONGLONG FileLimit = 0;  // a file that would grow beyond it fails with STATUS_DISK_FULL, 0: no limit
 
     // The file of that path, or null. Exact while nobody else works on the files.

@@ -81,6 +81,22 @@ void StopInTheMiddle(Computer* computer) {
     RemoveStorage(computer, 0);
 }
 
+// The storage lies on the volume as it was written, whatever the folder's files inherit, or there is none.
+void ProvisionInMarkedFolder(Computer* computer) {
+    stage::Step("storage in a folder whose files are compressed");
+    computer->DataFiles->FolderMarks = FILE_ATTRIBUTE_COMPRESSED;
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
+    (void)WaitForStorage(&computer->User, DATA_VOLUME);
+    CheckStorage(computer);
+    stage::Step("storage in a folder whose files are encrypted as well");
+    computer->DataFiles->FolderMarks |= FILE_ATTRIBUTE_ENCRYPTED;
+    stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
+    const KVR_FIXED_VOLUME_STATUS status = WaitForStorage(&computer->User, DATA_VOLUME);
+    stage::CheckEqual(status.SwapTotalBytes, 0, "no storage");
+    stage::CheckEqual(stage::TimesSaid("the storage would be compressed or encrypted"), 1, "why there is none");
+    computer->DataFiles->FolderMarks = 0;
+}
+
 void Play() {
     Computer* computer = BootComputer(kOptions);
     if (!computer) return;
@@ -98,6 +114,7 @@ void PlayAgain() {
     stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
     (void)WaitForStorage(&computer->User, DATA_VOLUME);
     CheckStorage(computer);
+    ProvisionInMarkedFolder(computer);
     stage::Check(computer->DataFiles->Find(W("\\kvr.SWP.01")) == nullptr, "the numbered files are gone");
     stage::Step("remove the storage");
     RemoveStorage(computer, 0);

@@ -106,6 +106,8 @@ const Export kExports[] = {
     BY_NAME(ZwDeleteFile),
     BY_NAME(ZwDeleteValueKey),
     BY_NAME(ZwFlushKey),
+    BY_NAME(ZwFsControlFile),
+    BY_NAME(ZwQueryInformationFile),
     BY_NAME(ZwQueryValueKey),
     BY_NAME(ZwReadFile),
     BY_NAME(ZwSetValueKey),
