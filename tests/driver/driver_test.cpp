@@ -239,18 +239,6 @@ TEST_F(Life, RemovalWaitsForRequestsAndThreads) {
     EXPECT_FALSE(stack.IsFiltered());
 }
 
-TEST_F(Life, AtShutdownDisksLeaveTheirStacksAndVolumesStay) {
-    FilteredStack& disk = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
-    EXPECT_EQ(STATUS_SUCCESS, host::Send(volume->FilterDevice, {.major = IRP_MJ_SHUTDOWN}).status);
-    host::NotifyShutdown();
-    EXPECT_EQ(2u, TimesSaid(mark, "Kvr!KvrShutdown")) << "who was told is not told again";
-    EXPECT_FALSE(disk.IsFiltered());
-    EXPECT_TRUE(device->stack.IsFiltered());
-    EXPECT_EQ(&volume->ListEntry, gVolumeList.Flink);
-    EXPECT_EQ(&volume->ListEntry, gVolumeList.Blink);
-    EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "shutdown is not passed on";
-}
-
 // Power, Plug and Play, close: each uses the record while the lower device has the request.
 TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
     const struct {
@@ -285,6 +273,7 @@ TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
         request.join();
         shutdown.join();
         EXPECT_FALSE(disk.IsFiltered());
+        EXPECT_EQ(&volume->ListEntry, gVolumeList.Blink);
         stacks.pop_back();
     }
 }
@@ -302,6 +291,8 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     int flushes = device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS);
     EXPECT_NE(0, flushes);
     EXPECT_EQ(1u, Swapped().size());
+    EXPECT_TRUE(device->stack.IsFiltered() && IsVolumeInList(volume)) << "a volume's filter stays";
+    EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "and the request is not passed on";
     // The write cache holds what no request comes for any more.
     const auto cache = [&](LONGLONG offset, int seed) {
         const LARGE_INTEGER at = Large(offset);
