@@ -21,6 +21,7 @@ NTSTATUS Enqueue(PVOLUME_EXTENSION volume, LARGE_INTEGER offset, PoolPtr<UCHAR>&
     entry->uLength = length;
     KernelMutexLock lock(swapFile->CacheLock);
     LinkAtTail(&swapFile->CacheList, &entry->ListEntry);
+    ++swapFile->CachedWrites;
     return STATUS_SUCCESS;
 }
 
@@ -30,9 +31,10 @@ void FreeEntry(WRITE_CACHE_ENTRY* entry) {
     FreePool(entry);
 }
 
-WRITE_CACHE_ENTRY* OldestEntry(SWAP_FILE* swapFile) {
-    KernelMutexLock lock(swapFile->CacheLock);
-    return IsListEmpty(&swapFile->CacheList) ? nullptr : EntryOf(swapFile->CacheList.Flink);
+// Its data is in the swap, or nobody can write it any more.
+void TakeOut(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY* entry) KVR_REQUIRES(swapFile->CacheLock) {
+    Unlink(&entry->ListEntry);
+    --swapFile->CachedWrites;
 }
 
 // An entry of another volume is written under that volume's RemoveLock. While the entry is in the queue the
@@ -50,7 +52,7 @@ BOOLEAN HoldEntryVolume(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume, WRITE_CAC
 void RemoveEntry(SWAP_FILE* swapFile, WRITE_CACHE_ENTRY* entry) {
     {
         KernelMutexLock lock(swapFile->CacheLock);
-        Unlink(&entry->ListEntry);
+        TakeOut(swapFile, entry);
     }
     FreeEntry(entry);
 }
@@ -76,7 +78,7 @@ WRITE_CACHE_ENTRY* UnlinkEntryOf(SWAP_FILE* swapFile, PVOLUME_EXTENSION volume) 
     for (PLIST_ENTRY link = swapFile->CacheList.Flink; link != &swapFile->CacheList; link = link->Flink) {
         WRITE_CACHE_ENTRY* entry = EntryOf(link);
         if (entry->pVolume != volume) continue;
-        Unlink(&entry->ListEntry);
+        TakeOut(swapFile, entry);
         return entry;
     }
     return nullptr;
@@ -141,7 +143,7 @@ NTSTATUS AddBufferToCache(PVOLUME_EXTENSION volume, const LARGE_INTEGER* offset,
 
 NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume) {
     SWAP_FILE* swapFile = volume->SwapFile;
-    if (!swapFile || !OldestEntry(swapFile)) return STATUS_SUCCESS;
+    if (IsWriteCacheEmpty(swapFile)) return STATUS_SUCCESS;
     KernelMutexLock lock(swapFile->FlushLock);
     for (;;) {
         switch (FlushOldest(swapFile, volume)) {
@@ -159,7 +161,7 @@ NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume) {
 }
 
 BOOLEAN IsWriteCacheEmpty(SWAP_FILE* swapFile) {
-    return !swapFile || !OldestEntry(swapFile);
+    return !swapFile || swapFile->CachedWrites == 0;
 }
 
 void DropCachedWrites(PVOLUME_EXTENSION volume) {

@@ -26,7 +26,8 @@ struct WRITE_CACHE_ENTRY {
 // Writes the queue out, entries of other volumes on the same storage included. The caller holds the volume's
 // RemoveLock. STATUS_DEVICE_BUSY when it stopped for want of swap space; the queue then keeps its order.
 [[nodiscard]] NTSTATUS FlushWriteCache(PVOLUME_EXTENSION volume);
-// True for no storage. Takes CacheLock for a moment: only who writes the queue out can rely on it.
+// True for no storage. Takes no lock: who writes the queue out can rely on it, and who has a place among the
+// writes, as to writes that had theirs before.
 [[nodiscard]] BOOLEAN IsWriteCacheEmpty(SWAP_FILE* swapFile);
 // Drops the entries of a volume that is being removed: nothing can write them any more. To be called when its
 // RemoveLock has been released and waited for: a flush holds that lock while it writes the volume's entry.

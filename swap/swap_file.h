@@ -13,6 +13,7 @@ struct SWAP_FILE {
     LIST_ENTRY CacheList KVR_GUARDED_BY(CacheLock);
     std::atomic<PVOLUME_EXTENSION> SwapVolume;  // null while no record of that name is known; gSwapFileMutex
     std::atomic<ULONG> ulFreeBytes;             // mirror of the holding volume's SwapFreeBytes, see below
+    std::atomic<ULONG> CachedWrites;            // entries of CacheList, changed with it; read without CacheLock
     KMUTEX FlushLock;  // one flush writes at a time, so that the queue's order is the order in the swap
 };
 
