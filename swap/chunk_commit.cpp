@@ -4,7 +4,7 @@
 
 namespace {
 
-// A stretch of a pending chunk: nobody else's, or redirected meanwhile by another write.
+// A stretch of a pending chunk: on the volume so far, or redirected meanwhile by another write.
 struct PIECE {
     LONGLONG volumeOffset;
     LONGLONG swapOffset;
@@ -27,8 +27,8 @@ PIECE NextPiece(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, LONGLONG p
     return {position, chunk->liSwapOffset.QuadPart + into, static_cast<ULONG>(stop - position), redirected};
 }
 
-// Of writes that overlapped in time the first to commit keeps a common stretch. The volume then shows that
-// write's data there, which is an outcome the writers must reckon with; the trees never overlap.
+// A stretch that was redirected meanwhile stays so, by a write that was sent from within this one and is the
+// newer of the two: other writes that overlap wait for each other. The trees never overlap.
 NTSTATUS CommitChunk(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, ULONG bVolatile)
     KVR_REQUIRES(volume->SwapLock) {
     NTSTATUS result = STATUS_SUCCESS;
