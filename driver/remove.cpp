@@ -92,7 +92,8 @@ NTSTATUS RemoveDevice(PDEVICE_OBJECT device, PIRP request) {
 
 BOOLEAN TakeDownFilter(PVOLUME_EXTENSION volume) {
     if (!WaitForRecordUsers(volume)) return FALSE;
-    IoUnregisterShutdownNotification(volume->FilterDevice);  // by now nobody registers it any more
+    // Only now does nobody register it any more.
+    IoUnregisterShutdownNotification(volume->FilterDevice);
     DropCachedWrites(volume);
     EmptyMaps(volume);
     LeaveSwapFile(volume);

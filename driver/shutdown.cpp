@@ -30,7 +30,7 @@ void SaveVolumeState(PVOLUME_EXTENSION volume) {
 // The last chance comes behind that; a volume that is not protected asks for none, since finding out that it is
 // needs names, which are pageable.
 void AwaitLastChance(PVOLUME_EXTENSION volume) {
-    if (!volume->IsProtected || volume->MediaType != FixedMedia) return;
+    if (!volume->IsProtected) return;
     volume->IsLastChanceAwaited = TRUE;
     KVR_DISCARD(IoRegisterLastChanceShutdownNotification(volume->FilterDevice),
                 "without it what is written from now on may be lost; what was saved is not");

@@ -268,6 +268,7 @@ TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
         EXPECT_TRUE(disk.IsFiltered()) << "the request is still below";
         if (disk.IsFiltered()) {
             EXPECT_EQ(STATUS_DELETE_PENDING, send());
+            EXPECT_EQ(STATUS_DELETE_PENDING, host::SendPnp(disk.pdo.object, IRP_MN_REMOVE_DEVICE));
         }
         open = true;
         request.join();
@@ -281,6 +282,8 @@ TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
 // A volume is told by the system, by its file system and at the last chance, and saves what has changed.
 TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     constexpr LONGLONG map = 0x700000;
+    FilteredStack& disk = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
+    FilteredStack& unprotected = AddMemory({.name = u"\\Device\\V2"}).stack;
     Protect();
     Attach();
     auto* run = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(sizeof(MAP_LOCATION_ENTRY)));
@@ -291,6 +294,10 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     int flushes = device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS);
     EXPECT_NE(0, flushes);
     EXPECT_EQ(1u, Swapped().size());
+    EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown"));
+    EXPECT_EQ(1, unprotected.Arrived(IRP_MJ_FLUSH_BUFFERS));
+    EXPECT_EQ(0, disk.Arrived(IRP_MJ_FLUSH_BUFFERS)) << "its own driver is told as well";
+    EXPECT_FALSE(disk.IsFiltered());
     EXPECT_TRUE(device->stack.IsFiltered() && IsVolumeInList(volume)) << "a volume's filter stays";
     EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "and the request is not passed on";
     // The write cache holds what no request comes for any more.
@@ -309,9 +316,9 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     EXPECT_LE(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
         << "each time the device below is flushed";
     EXPECT_EQ(Data(S, 3), Read(300 * S, S));
-    EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown"));
+    EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "only the protected volume asked for it";
     host::NotifyLastChance();
-    EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown")) << "registered once";
+    EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "and once";
     device->TakeTransfers();
     EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
     EXPECT_TRUE(device->TakeTransfers().empty()) << "nothing has changed";
@@ -330,6 +337,8 @@ TEST_F(Life, PagingFilesKeepTheFilterResident) {
         {false, false, STATUS_SUCCESS, false, false},
         {false, false, STATUS_UNSUCCESSFUL, true, false},
         {false, false, STATUS_SUCCESS, true, true},
+        {false, false, STATUS_SUCCESS, true, true},  // one that never came
+        {false, true, STATUS_SUCCESS, true, false},
         {false, false, STATUS_SUCCESS, true, true},
         {false, true, STATUS_SUCCESS, true, true, DeviceUsageTypeDumpFile},
         {true, true, STATUS_SUCCESS, false, false},
