@@ -2,6 +2,7 @@
 #include "config/parser.h"
 #include "config/storage.h"
 #include "driver/record/hardening.h"
+#include "driver/record/names.h"
 #include "formats/config_grammar.h"
 #include "platform/owners.h"
 
@@ -31,9 +32,10 @@ PROTECTED_VOLUME* NewEntry(PCUNICODE_STRING name, ULONG flags, BOOLEAN dropsAtNe
     return entry;
 }
 
+// Asked by requests to the last of a shutdown, so it must not need what is pageable.
 PROTECTED_VOLUME* FindEntry(PCUNICODE_STRING name) {
     PROTECTED_VOLUME* entry = gProtectedVolumeList;
-    while (entry && RtlCompareUnicodeString(&entry->Name, name, TRUE) != 0) entry = entry->Next;
+    while (entry && CompareNames(&entry->Name, name, TRUE) != 0) entry = entry->Next;
     return entry;
 }
 

@@ -10,28 +10,25 @@
 
 namespace {
 
-// `mayLook`: names may be compared, which is a matter of pageable memory.
-BOOLEAN IsRedirected(PVOLUME_EXTENSION volume, bool mayLook) {
-    if (mayLook && !volume->IsProtected) UpdateVolumeProtection(volume);
+BOOLEAN IsRedirected(PVOLUME_EXTENSION volume) {
+    if (!volume->IsProtected) UpdateVolumeProtection(volume);
     return volume->IsProtected && volume->SwapFile;
 }
 
 // So that the volume's changes outlive the reboot, if they are to be kept. What did not change since the last
-// save is not saved again. Once the last chance is awaited nothing here is pageable.
+// save is not saved again. Of a protected volume nothing here is pageable.
 void SaveVolumeState(PVOLUME_EXTENSION volume) {
-    if (!gTesselEnabled || !IsVolumeInList(volume) || !IsRedirected(volume, !volume->IsLastChanceAwaited))
-        return;
+    if (!gTesselEnabled || !IsVolumeInList(volume) || !IsRedirected(volume)) return;
     KVR_DISCARD(FlushWriteCache(volume),
                 "what finds no swap space now never will; the map is saved all the same");
     KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "saving always succeeds, and nothing comes after");
 }
 
 // Between the drivers' notification and the end of the file systems a protected volume is written to as ever.
-// The last chance comes behind that; a volume that is not protected asks for none, since finding out that it is
-// needs names, which are pageable.
+// The last chance comes behind that. A volume that is not protected asks for none: whether it has become so is
+// a question of names, and of the configuration's any character may need what is pageable.
 void AwaitLastChance(PVOLUME_EXTENSION volume) {
     if (!volume->IsProtected) return;
-    volume->IsLastChanceAwaited = TRUE;
     KVR_DISCARD(IoRegisterLastChanceShutdownNotification(volume->FilterDevice),
                 "without it what is written from now on may be lost; what was saved is not");
 }
@@ -63,8 +60,7 @@ NTSTATUS KvrFlush(PDEVICE_OBJECT device, PIRP request) {
     RecordHold hold(volume, request);
     if (hold.Failed()) return CompleteRequest(request, STATUS_DELETE_PENDING);
     NTSTATUS status = PassIrpDown(device, request);
-    if (IsVolumeInList(volume) && !volume->IsDisk && gTesselEnabled &&
-        IsRedirected(volume, !volume->IsShutdownSeen)) {
+    if (IsVolumeInList(volume) && !volume->IsDisk && gTesselEnabled && IsRedirected(volume)) {
         KVR_DISCARD(FlushWriteCache(volume), "the flush below is what the caller is told about");
     }
     return status;

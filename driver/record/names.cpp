@@ -22,13 +22,23 @@ extern constinit const SPECIAL_FILE_NAMES SpecialFileNames = {
     .ConfigFile = Literal(W("\\system32\\drivers\\kvr.cfg")),
 };
 
+namespace {
+
+// As the system folds characters, whose table is pageable: those that names of devices are made of need none.
+WCHAR Upcase(WCHAR c) {
+    if (c >= 0x80) return RtlUpcaseUnicodeChar(c);
+    return c >= 'a' && c <= 'z' ? static_cast<WCHAR>(c - ('a' - 'A')) : c;
+}
+
+}  // namespace
+
 LONG CompareNames(PCUNICODE_STRING a, PCUNICODE_STRING b, BOOLEAN ignoreCase) {
     if (!a && !b) return 0;
     if (!a || !b || a->Length != b->Length) return 1;
     for (ULONG i = 0; i < a->Length / sizeof(WCHAR); ++i) {
         if (a->Buffer[i] == b->Buffer[i]) continue;
-        const WCHAR left = ignoreCase ? RtlUpcaseUnicodeChar(a->Buffer[i]) : a->Buffer[i];
-        const WCHAR right = ignoreCase ? RtlUpcaseUnicodeChar(b->Buffer[i]) : b->Buffer[i];
+        const WCHAR left = ignoreCase ? Upcase(a->Buffer[i]) : a->Buffer[i];
+        const WCHAR right = ignoreCase ? Upcase(b->Buffer[i]) : b->Buffer[i];
         if (left != right) return static_cast<LONG>(left) - static_cast<LONG>(right);
     }
     return 0;

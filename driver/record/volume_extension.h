@@ -124,8 +124,7 @@ struct VOLUME_EXTENSION {
     FAST_MUTEX WriteOrderLock;                                 // for one operation on the list at a time
     LIST_ENTRY WritesUnderWay KVR_GUARDED_BY(WriteOrderLock);  // as they began: redirect/write_order.h
     std::atomic<BOOLEAN> IsShutdownSeen;                       // a shutdown request came to this volume
-    std::atomic<BOOLEAN> IsLastChanceAwaited;  // the volume is told once more when all pageable memory is gone
-    KMUTEX UsageMutex;                         // one notification of the device's use at a time
+    KMUTEX UsageMutex;                                         // one notification of the device's use at a time
     ULONG PagingFiles KVR_GUARDED_BY(UsageMutex);  // paging files that the device below is in the path of
 };
 using PVOLUME_EXTENSION = VOLUME_EXTENSION*;

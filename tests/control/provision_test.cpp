@@ -353,6 +353,7 @@ TEST_F(Provisioning, HoldingTheFiles) {
         }
     }
     volume->IsProtected = FALSE;
+    CloseHeldFiles(volume);
     // A removal comes between: there is nothing left to hold, and no state to set.
     files.statuses = {{u"\\kvr.SWP", missing}};
     files.onOpen = [&](const std::u16string& path) {
