@@ -114,8 +114,9 @@ NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
 NTSTATUS ServePnp(RamDevice* ram, PIRP irp, UCHAR minor) {
     ++ram->ArrivedPnp[minor];
     if (minor == IRP_MN_START_DEVICE) return PendOrCarry(irp, CarrySimple);
-    const bool isRemoval = minor == IRP_MN_QUERY_REMOVE_DEVICE || minor == IRP_MN_REMOVE_DEVICE;
-    return Complete(irp, isRemoval ? STATUS_SUCCESS : irp->IoStatus.Status);
+    const bool isServed = minor == IRP_MN_QUERY_REMOVE_DEVICE || minor == IRP_MN_REMOVE_DEVICE ||
+                          minor == IRP_MN_DEVICE_USAGE_NOTIFICATION;
+    return Complete(irp, isServed ? STATUS_SUCCESS : irp->IoStatus.Status);
 }
 
 NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {

@@ -77,6 +77,11 @@ void PassOthers(PDEVICE_OBJECT device) {
         STATUS_SUCCESS, "a power request");
     stage::CheckEqual(ram->Arrived[IRP_MJ_POWER], 1, "power requests that reached the device");
     stage::Check(stage::TimesSaid("Kvr!KvrPower: ") != 0, "power requests are told of");
+    for (const bool comes : {true, false}) {
+        stage::CheckStatus(host::SendUsage(device, DeviceUsageTypePaging, comes), STATUS_SUCCESS,
+                           "a paging file comes or goes");
+        stage::CheckEqual((top->Flags & DO_POWER_PAGABLE) == 0, comes, "the filter is resident meanwhile");
+    }
     stage::CheckStatus(host::SendPnp(top, IRP_MN_QUERY_CAPABILITIES), STATUS_NOT_SUPPORTED,
                        "what nobody touched");
     stage::CheckStatus(host::SendControl(top, {IOCTL_DISK_IS_WRITABLE}).status, STATUS_SUCCESS,
