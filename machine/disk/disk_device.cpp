@@ -1,6 +1,7 @@
 #include "machine/disk/disk_device.h"
 #include <algorithm>
 #include "platform/host/check/injector.h"
+#include "machine/disk/data_sets.h"
 #include "machine/disk/device_support.h"
 #include "platform/host/sync/sync.h"
 
@@ -119,9 +120,30 @@ NTSTATUS DiskDevice::Control(PIRP irp, ULONG_PTR& information) {
                 static_cast<LONGLONG>(medium_->Size() / (255ull * 63 * medium_->SectorSize()));
             return Answer(irp, &geometry, sizeof geometry, information);
         }
+        case IOCTL_STORAGE_GET_DEVICE_NUMBER: {
+            const STORAGE_DEVICE_NUMBER told{FILE_DEVICE_DISK, number_, 0};
+            return Answer(irp, &told, sizeof told, information);
+        }
+        case IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES:
+            return trims_ ? Trim(irp) : STATUS_INVALID_DEVICE_REQUEST;
         default:
             return STATUS_INVALID_DEVICE_REQUEST;
     }
+}
+
+NTSTATUS DiskDevice::Trim(PIRP irp) {
+    constexpr ULONGLONG kPart = 0x10000;
+    const std::vector<UCHAR> zeros(kPart);
+    for (const DataSetRange& range : TrimRanges(irp)) {
+        for (ULONGLONG done = 0; done < range.length; done += kPart) {
+            const auto at = static_cast<std::uint64_t>(range.offset) + done;
+            const auto part = static_cast<ULONG>(std::min(kPart, range.length - done));
+            if (!IsOnDisk(at, part, *medium_)) return STATUS_INVALID_PARAMETER;
+            const NTSTATUS status = medium_->Write(at, zeros.data(), part);
+            if (!NT_SUCCESS(status)) return status;
+        }
+    }
+    return STATUS_SUCCESS;
 }
 
 // ---- completion on other threads -------------------------------------------------------------------------

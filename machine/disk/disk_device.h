@@ -44,6 +44,9 @@ public:
     // Carries out and completes the request that waits at `index` (0 came first). False when there is none.
     bool Release(std::size_t index = 0);
     void ReleaseAll();
+    // From now on the disk forgets what it is told to forget, and reads zeros there; by itself it knows no such
+    // request.
+    void HonourTrim() { trims_ = true; }
     // Completes everything that waits and from now on completes at once; its threads end.
     void Stop();
 
@@ -61,12 +64,14 @@ private:
     void CarryOut(PIRP irp);
     NTSTATUS Transfer(PIRP irp, ULONG_PTR& information);
     NTSTATUS Control(PIRP irp, ULONG_PTR& information);
+    NTSTATUS Trim(PIRP irp);
     void Work();
 
     PDEVICE_OBJECT device_ = nullptr;
     const std::shared_ptr<Disk> medium_;
     const unsigned number_;
     const bool removable_;
+    std::atomic<bool> trims_{false};
 
     std::atomic<Completion> mode_{Completion::Immediate};
     std::mutex lock_;  // guards what follows

@@ -88,9 +88,20 @@ NTSTATUS VolumeDevice::DispatchControl(PDEVICE_OBJECT device, PIRP irp) {
             const NTSTATUS status = Answer(irp, &size, sizeof size, information);
             return Complete(irp, status, information);
         }
+        case IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES:
+            for (DataSetRange& range : TrimRanges(irp)) {
+                if (!volume.Holds(range)) return Complete(irp, STATUS_INVALID_PARAMETER);
+                range.offset += static_cast<LONGLONG>(volume.offset_);
+            }
+            return DispatchPassDown(device, irp);
         default:
             return DispatchPassDown(device, irp);
     }
+}
+
+bool VolumeDevice::Holds(const DataSetRange& range) const {
+    return range.offset >= 0 && static_cast<std::uint64_t>(range.offset) <= length_ &&
+           range.length <= length_ - static_cast<std::uint64_t>(range.offset);
 }
 
 NTSTATUS VolumeDevice::AnswerExtents(PIRP irp) const {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include "machine/disk/data_sets.h"
 #include "machine/disk/disk_device.h"
 
 namespace machine {
@@ -48,6 +49,7 @@ private:
     static NTSTATUS DispatchPower(PDEVICE_OBJECT device, PIRP irp);
     static NTSTATUS DispatchSucceed(PDEVICE_OBJECT device, PIRP irp);
 
+    bool Holds(const DataSetRange& range) const;
     NTSTATUS AnswerExtents(PIRP irp) const;
     NTSTATUS PassDown(PIRP irp) const;
 

@@ -28,6 +28,8 @@ public:
                                  ULONG& done);
     // Makes the file empty and gives it `attributes`.
     [[nodiscard]] NTSTATUS Truncate(ULONG attributes);
+    // For a file that is gone from the volume: its sectors are nobody's. No transfer is under way or to come.
+    void Trim() const { shape_.runs.Trim(volume_.Io()); }
     // Waits for transfers under way; every later one is STATUS_DEVICE_NOT_READY.
     void Disconnect();
     // Waits likewise; every later transfer is STATUS_DEVICE_BUSY until Resume(), after which the next one

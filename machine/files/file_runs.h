@@ -32,6 +32,11 @@ public:
     [[nodiscard]] NTSTATUS WriteZeros(VolumeIo& io, PFILE_OBJECT file, std::uint64_t offset, std::uint64_t end,
                                       std::uint64_t valid) const;
 
+    // Tells the disk that nobody needs the file's sectors any more.
+    void Trim(VolumeIo& io) const {
+        for (const FileRun& run : runs_) io.Trim(run.volume, run.length);
+    }
+
 private:
     template <class Transfer>
     [[nodiscard]] NTSTATUS ForEachRun(std::uint64_t offset, std::uint64_t length,

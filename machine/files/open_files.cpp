@@ -47,8 +47,14 @@ NTSTATUS OpenFiles::Remove(SharedFile& file) {
                                               [&](VolumeFormat& format) { return format.EmptyForRemoval(id); });
         if (!NT_SUCCESS(status)) return status;
     }
-    return volume.Change(CommitOrder::RemoveFirst, Owner::Directory,
-                         [&](VolumeFormat& format) { return format.Remove(*file.removeName, id); });
+    const NTSTATUS status =
+        volume.Change(CommitOrder::RemoveFirst, Owner::Directory,
+                      [&](VolumeFormat& format) { return format.Remove(*file.removeName, id); });
+    if (!NT_SUCCESS(status)) return status;
+    FileShape left;  // of a file that has another name
+    if (!NT_SUCCESS(volume.Look([&](VolumeFormat& format) { return format.LoadShape(id, left); })))
+        file.data.Trim();
+    return status;
 }
 
 void OpenFiles::RefreshEntry(SharedFile& file) {

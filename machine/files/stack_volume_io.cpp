@@ -1,6 +1,8 @@
 #include "machine/files/stack_volume_io.h"
+#include "machine/disk/data_sets.h"
 #include "platform/host/io/device.h"
 #include "platform/host/io/request.h"
+#include "platform/owners.h"
 
 namespace machine {
 
@@ -35,6 +37,21 @@ NTSTATUS StackVolumeIo::Flush() {
     request.major = IRP_MJ_FLUSH_BUFFERS;
     request.pages = host::Pages::None;
     return host::Send(top_, request).status;
+}
+
+void StackVolumeIo::Trim(std::uint64_t offset, std::uint64_t length) {
+    if (!open_.load(std::memory_order_acquire)) return;
+    struct {
+        DataSetHeader header;
+        alignas(DataSetRange) DataSetRange range;
+    } request{};
+    request.header = {sizeof(DataSetHeader), kTrimAction, 0, 0, 0, offsetof(decltype(request), range),
+                      sizeof(DataSetRange)};
+    request.range = {static_cast<LONGLONG>(offset), length};
+    KVR_DISCARD(host::SendControl(top_, {.code = IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES,
+                                         .input = &request,
+                                         .inputLength = sizeof request}),
+                "a disk that does not forget is as good");
 }
 
 }  // namespace machine

@@ -19,6 +19,7 @@ public:
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::uint32_t length,
                                  PFILE_OBJECT file) override;
     [[nodiscard]] NTSTATUS Flush() override;
+    void Trim(std::uint64_t offset, std::uint64_t length) override;
     PDEVICE_OBJECT Device() const override { return volume_.Device(); }
     PVPB Vpb() const override { return volume_.Vpb(); }
 

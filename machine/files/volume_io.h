@@ -17,6 +17,8 @@ public:
     [[nodiscard]] virtual NTSTATUS Write(std::uint64_t offset, const void* buffer, std::uint32_t length,
                                          PFILE_OBJECT file) = 0;
     [[nodiscard]] virtual NTSTATUS Flush() = 0;
+    // Tells the disk that nobody needs these whole sectors any more. Whether it listens is its own matter.
+    virtual void Trim(std::uint64_t offset, std::uint64_t length) = 0;
     // The volume's device and parameter block, for the file objects that requests carry.
     virtual PDEVICE_OBJECT Device() const = 0;
     virtual PVPB Vpb() const = 0;

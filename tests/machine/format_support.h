@@ -148,6 +148,12 @@ public:
         return status;
     }
     NTSTATUS Flush() override { return verdict ? verdict(true) : STATUS_SUCCESS; }
+    // A disk that forgets at once, so that a range still in use shows.
+    void Trim(std::uint64_t offset, std::uint64_t length) override {
+        ASSERT_LE(offset + length, bytes.size());
+        std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(offset), length, std::uint8_t{0});
+        trimmed += length;
+    }
     PDEVICE_OBJECT Device() const override { return nullptr; }
     PVPB Vpb() const override { return nullptr; }
 
@@ -161,6 +167,7 @@ public:
 
     Bytes bytes;
     std::vector<Request> requests;
+    std::uint64_t trimmed = 0;                    // bytes
     std::function<NTSTATUS(bool write)> verdict;  // what becomes of the next request; unset: all succeed
 
 private:

@@ -7,6 +7,7 @@
 #include <utility>
 #include "client/failure.h"
 #include "machine/boot/any_file_system.h"
+#include "machine/boot/registry_file.h"
 #include "machine/disk/image_disk.h"
 #include "platform/host/io/user_mode.h"
 #include "platform/host/sync/clock.h"
@@ -81,6 +82,14 @@ private:
     PFILE_OBJECT device_ = nullptr;
 };
 
+// The stricter rules, as an installation sets them.
+void SetHardening(machine::RegistryFile& registry) {
+    constexpr char16_t kKey[] = u"\\Registry\\Machine\\System\\kvr";
+    Require(registry.CreateKey(kKey), "the registry has no place for the driver");
+    Require(registry.Set(kKey, u"Hardening", {REG_DWORD, {1, 0, 0, 0}}), "the registry keeps no value");
+    Require(registry.Flush(), "the registry cannot be saved");
+}
+
 void Ask(const std::string& what, const std::function<void(ctl::Client&)>& ask) {
     ctl::Client client(std::make_unique<OwnDriver>());
     try {
@@ -108,6 +117,8 @@ Computer::Computer(const Place& system, const Place& data)
         if (atShutdown_) atShutdown_(step);
     };
     host::SetTimeZoneBias(kMinutesToUtc);
+    options.registry = machine::RegistryFile::InMemory();
+    SetHardening(*options.registry);
     machine_ = std::make_unique<machine::Machine>(std::move(options));
 }
 
@@ -137,6 +148,7 @@ void Computer::Start() {
     Require(machine_->PowerOn(), "the computer does not start");
     Require(machine_->DriverStatus(), "the driver does not load");
     FindDataVolume();
+    machine_->DiskOf(dataDisk_)->HonourTrim();
 }
 
 void Computer::EndStart() {

@@ -59,8 +59,8 @@ void CheckDisk(Stage& stage) {
                 STATUS_MEDIA_WRITE_PROTECTED);
     stage.report.Check("it still holds what it held", ReadRaw(disk, 0, sector) == boot && boot != other,
                        "sha256 " + Short(HashBytes(boot.data(), boot.size())));
-    CheckStatus(stage, "the sector after it is not protected", WriteRaw(disk, sector, second, nullptr),
-                STATUS_SUCCESS);
+    CheckStatus(stage, "writing the partition table behind it", WriteRaw(disk, sector, second, nullptr),
+                STATUS_MEDIA_WRITE_PROTECTED);
     CheckStatus(stage, "changing the partition layout", SendCode(disk, IOCTL_DISK_SET_DRIVE_LAYOUT_EX),
                 STATUS_MEDIA_WRITE_PROTECTED);
 }
@@ -89,6 +89,22 @@ void CheckVolume(Stage& stage) {
     const NTSTATUS read = SendScsi(volume, kScsiRead10);
     stage.report.Check("a SCSI READ(10) reaches the disk", read != STATUS_ACCESS_DENIED,
                        "the disk's own answer is " + StatusText(read));
+}
+
+// The disk would forget a deleted file's sectors at once, the fixed state's among them.
+void CheckTrim(Stage& stage) {
+    const unsigned number = stage.computer.DataNumber();
+    const PDEVICE_OBJECT volume = stage.computer.Hardware().VolumeOf(number)->device->Device();
+    CheckStatus(stage, "telling the disk to forget sectors",
+                SendCode(volume, IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES), STATUS_NOT_SUPPORTED);
+    unsigned deleted = 0;
+    for (const auto& [path, file] : stage.fixedFiles)
+        if (!file.directory && NT_SUCCESS(stage.computer.Data().Delete(path))) ++deleted;
+    stage.CheckUnchanged("files are deleted and none of their sectors trimmed",
+                         "with " + Count(deleted, "file") + " deleted");
+    stage.computer.Shutdown();
+    stage.computer.Boot();
+    stage.CheckFiles("after the reboot they are back", stage.fixedFiles);
 }
 
 // The driver's own files cannot be opened by anybody else, so nobody moves or changes them.
@@ -158,6 +174,7 @@ void ShowRefused(Stage& stage) {
     stage.BootWith(stage.Protecting(config::kBootModeDiscard));
     CheckDisk(stage);
     CheckVolume(stage);
+    CheckTrim(stage);
     CheckHeldFiles(stage);
     CheckRemovable(stage);
     CheckRemoval(stage);

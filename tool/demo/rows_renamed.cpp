@@ -33,7 +33,6 @@ void MakeFolders(machine::GuestFiles files) {
 }  // namespace
 
 void ShowRenamed(Stage& stage) {
-    stage.SetHardening();
     stage.BootWith(stage.Protecting(config::kBootModeDiscard));
     const std::u16string path = PickFile(stage.fixedFiles);
     std::mt19937_64 random(909);

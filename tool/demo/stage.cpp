@@ -44,14 +44,6 @@ void Stage::BootWith(const std::u16string& configuration) {
     computer.Reboot();
 }
 
-void Stage::SetHardening() {
-    const std::u16string key = u"\\Registry\\Machine\\System\\kvr";
-    machine::RegistryFile& registry = computer.Hardware().Registry();
-    Require(registry.CreateKey(key), "the driver's key cannot be made");
-    Require(registry.Set(key, u"Hardening", {REG_DWORD, {1, 0, 0, 0}}), "the registry cannot be changed");
-    Require(registry.Flush(), "the registry cannot be saved");
-}
-
 void Stage::BootIfOff() {
     if (!computer.IsOn()) computer.Boot();
 }

@@ -38,8 +38,6 @@ struct Stage {
     // Writes the configuration and boots so that it takes effect; also boots when the power is off.
     void BootWith(const std::u16string& configuration);
     void BootIfOff();
-    // The stricter rules, from the next boot on.
-    void SetHardening();
 };
 
 // The rows, in the order of the demonstration. Each leaves the computer on or off as it happens to be; one that
