@@ -49,6 +49,7 @@ inline constexpr std::uint32_t kSwapPresent = 2;
 inline constexpr std::uint32_t kSwapMapBad = 3;
 inline constexpr std::uint32_t kSwapNoLocation = 4;
 inline constexpr std::uint32_t kSwapNotHeld = 5;
+inline constexpr std::uint32_t kSwapVolumeTooLarge = 6;
 
 class Client {
 public:

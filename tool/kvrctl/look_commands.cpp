@@ -61,8 +61,9 @@ std::string StorageText(std::uint32_t swapStatus) {
         "saved map damaged: make it anew",
         "missing: make it",
         "files used by another program",
+        "volume too large to keep its changes: only discard mode protects it",
     };
-    static_assert(std::size(kWords) == kSwapNotHeld + 1);
+    static_assert(std::size(kWords) == kSwapVolumeTooLarge + 1);
     return WordFor(kWords, swapStatus);
 }
 

@@ -114,8 +114,10 @@ public:
         if (IsMissing(status))
             throw Failure("the driver is not loaded (there is no device \\\\.\\kvr)", kExitNotRunning);
         if (status == STATUS_ACCESS_DENIED)
-            throw Failure("the driver's control device may not be opened; run this as an administrator",
-                          kExitDenied);
+            throw Failure(
+                "the driver's control device is for administrators, and this program runs without the "
+                "Administrators group's rights; run it as an administrator",
+                kExitDenied);
         throw Failure("the driver's control device cannot be opened: " + StatusText(status), kExitNotRunning);
     }
 
