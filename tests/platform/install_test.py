@@ -101,6 +101,7 @@ def tell():
         story.inf("DefaultInstall")
         story.look(name)
     story.run(r"reg add HKLM\System\kvr /v ConfigShareRead /t REG_DWORD /d 1 /f",
+              r"reg add HKLM\System\kvr /v Hardening /t REG_DWORD /d 0 /f",
               r"echo configuration >C:\windows\system32\drivers\kvr.cfg")
     story.inf("DefaultInstall")
     story.look("upgraded")
@@ -137,6 +138,8 @@ class InstallTest(unittest.TestCase):
         self.assertEqual(Seen("again").files, [r"drivers\kvr64.sys", "kvrctl.exe"])
         self.assertEqual(Seen("upgraded").files, [r"drivers\kvr.cfg", r"drivers\kvr64.sys", "kvrctl.exe"])
         self.assertIn('"ConfigShareRead"=dword:00000001', Seen("upgraded").locations)
+        for name, value in (("installed", 1), ("again", 1), ("upgraded", 0)):
+            self.assertIn(f'"Hardening"=dword:{value:08x}', Seen(name).locations, name)
 
     def test_uninstall(self):
         seen = Seen("removed")
