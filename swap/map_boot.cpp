@@ -214,10 +214,6 @@ NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device) {
     return load.status;
 }
 
-BOOLEAN IsSwapMapUnread(PVOLUME_EXTENSION volume) {
-    return gHardening && IsMapLoadDue(volume);
-}
-
 void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume) {
     if (!IsMapLoadDue(volume)) return;
     KernelMutexLock lock(volume->MapLoadMutex);

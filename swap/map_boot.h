@@ -23,13 +23,10 @@ void PostloadSwapMap(PVOLUME_EXTENSION volume);
 // the status is that of the last step. Takes SwapLock, also through the transfers of a merge or a save. To be
 // called under MapLoadMutex.
 [[nodiscard]] NTSTATUS PreloadSwapMap(PDEVICE_OBJECT device);
-// Loads the map if it is due and not loaded; a request that comes during the load waits for its end. Takes
-// MapLoadMutex. The caller holds the record.
+// Loads the map if it is due and not loaded; a request that comes during the load waits for its end. Under
+// gHardening a map of which a part cannot be read is not loaded: the trees are empty, SwapMapLoaded stays FALSE
+// and the next call tries again. Takes MapLoadMutex. The caller holds the record.
 void EnsureSwapMapLoaded(PVOLUME_EXTENSION volume);
-// Under gHardening a map of which a part cannot be read is not loaded: the trees are empty and the next call of
-// EnsureSwapMapLoaded tries again. TRUE while that is so: what the volume shows is not known, and no write may
-// be redirected. Asked after EnsureSwapMapLoaded; always FALSE without gHardening. Takes no lock.
-[[nodiscard]] BOOLEAN IsSwapMapUnread(PVOLUME_EXTENSION volume);
 // Copies every redirected range from the swap to its own sectors; a range that cannot be copied stays as the
 // volume has it. The redirections stay: the caller gives them up. Holds SwapLock throughout.
 void MergeSwapIntoVolume(PDEVICE_OBJECT device);
