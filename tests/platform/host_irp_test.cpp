@@ -42,6 +42,10 @@ TEST_F(HostIrpDeath, ADeviceKeepsTheRulesOfARequest) {
         IoCopyCurrentIrpStackLocationToNext(irp);
         return IofCallDriver(bottom.object, irp);
     };
+    const auto skipsTwice = [&](PDEVICE_OBJECT, PIRP irp) {
+        IoSkipCurrentIrpStackLocation(irp), IoSkipCurrentIrpStackLocation(irp);
+        return IofCallDriver(bottom.object, irp);
+    };
     const auto sendsOn = [&](PDEVICE_OBJECT, PIRP irp) {
         Complete(irp, STATUS_SUCCESS);
         return IofCallDriver(bottom.object, irp);
@@ -62,6 +66,8 @@ TEST_F(HostIrpDeath, ADeviceKeepsTheRulesOfARequest) {
         {"not marked pending", Ends(false, false, STATUS_PENDING)},
         {"a dispatch routine", Ends(false, true, STATUS_SUCCESS, DISPATCH_LEVEL)},
         {"no more stack locations", copies},
+        {"skipped twice", skipsTwice},
+        {"out of range", Succeed, {.major = IRP_MJ_MAXIMUM_FUNCTION + 1}},
         {"page locks out of balance", locks, {.pages = Pages::Unlocked, .length = 8, .buffer = data}},
         {"page locks out of balance", unlocks, {.pages = Pages::Locked, .length = 8, .buffer = data}},
     };
@@ -69,6 +75,8 @@ TEST_F(HostIrpDeath, ADeviceKeepsTheRulesOfARequest) {
         Device device(driver, c.script);
         EXPECT_DEATH((void)host::Send(device.object, c.request), c.rule);
     }
+    EXPECT_DEATH((void)IofCallDriver(bottom.object, IoAllocateIrp(1, FALSE)), "completed past its owner");
+    EXPECT_DEATH(Complete(IoAllocateIrp(1, FALSE), STATUS_SUCCESS), "completed that no driver holds");
 }
 
 TEST_F(HostIrpDeath, PagesAndDevicesAreTakenAndGivenBackInOrder) {
@@ -79,6 +87,7 @@ TEST_F(HostIrpDeath, PagesAndDevicesAreTakenAndGivenBackInOrder) {
     MmProbeAndLockPages(mdl, KernelMode, IoReadAccess);
     EXPECT_DEATH(IoFreeMdl(mdl), "freed with locked pages");
     EXPECT_DEATH(MmProbeAndLockPages(mdl, KernelMode, IoReadAccess), "locked twice");
+    EXPECT_DEATH(MmBuildMdlForNonPagedPool(mdl), "built twice");
     MmUnlockPages(mdl);
     IoFreeMdl(mdl);
 
@@ -86,6 +95,8 @@ TEST_F(HostIrpDeath, PagesAndDevicesAreTakenAndGivenBackInOrder) {
     Device top(driver, stub::PassDown, bottom.object);
     EXPECT_DEATH(IoDeleteDevice(bottom.object), "deleted under another");
     EXPECT_DEATH(IoDeleteDevice(top.object), "deleted while attached");
+    EXPECT_DEATH(IoDetachDevice(top.object), "nothing to detach");
+    EXPECT_DEATH((void)IoAttachDeviceToDeviceStack(top.object, bottom.object), "attached twice");
     EXPECT_DEATH(ObfDereferenceObject(bottom.object), "dereferenced too often");
 }
 

@@ -124,6 +124,18 @@ const Misuse misuses[] = {
          block[7] = 1;
          host::PoolCheck();
      }},
+    {"without a tag", [] { ExAllocatePoolWithTag(NonPagedPool, 8, 0); }},
+    {"code 3", [] { KvrFastFail(3); }},
+    {"released that is not held",
+     [] {
+         IO_REMOVE_LOCK lock;
+         IoInitializeRemoveLock(&lock, 0, 0, 0), IoReleaseRemoveLock(&lock, nullptr);
+     }},
+    {"which it already holds",
+     [] {
+         KSPIN_LOCK spin = 0;
+         KeAcquireSpinLockRaiseToDpc(&spin), KeAcquireSpinLockRaiseToDpc(&spin);
+     }},
     {"which is not open",
      [] {
          const HANDLE handle = host::InsertHandle(host::MakeObject<int>(host::ObjectType::Other));

@@ -117,4 +117,17 @@ TEST_F(Segments, RunsOfFourGigabytesSaturateToWholeSectors) {
     EXPECT_EQ(Build(0, 0xFFFFFFFF).size(), 1u);
 }
 
+TEST_F(Segments, SplitByChunksGivesEachPieceItsPlace) {
+    AddFree(20000 * S, 8 * S);
+    AddFree(40000 * S, 60 << 20);
+    SEGMENT* list = nullptr;
+    const LARGE_INTEGER at = Large(100 * S);
+    ASSERT_EQ(BuildSegments(volume, 32 * S, &at, &list), STATUS_SUCCESS);
+    ASSERT_EQ(LockFreeChunks(volume, &at, 32 * S, &list->pChunk, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(SplitSegmentByChunks(volume, list), STATUS_SUCCESS);
+    EXPECT_EQ(Runs(list),
+              (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S}, {108 * S, 0, false, 108, 8 * S, 24 * S}}));
+    ReleaseSegmentChunks(volume, list, FALSE, 0);
+}
+
 }  // namespace

@@ -96,6 +96,10 @@ TEST(TreeKeys, ChunksAreFoundByTheOffsetsInsideThem) {
     const MAP_LOCATION_ENTRY high = {0x80000000, 0};
     EXPECT_TRUE(key_less_u32(&low, &high));  // sectors are not signed
     EXPECT_FALSE(key_less_u32(&high, &high));
+    TREE empty;
+    tree_init(&empty, node_alloc, node_free, key_less_i64, key_equal_i64, nullptr);
+    tree_delete(&empty, &TreeNil);
+    EXPECT_EQ(nullptr, tree_next(&empty, &TreeNil));
 }
 
 }  // namespace
