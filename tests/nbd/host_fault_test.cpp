@@ -18,6 +18,12 @@ protected:
         std::ifstream(Image(), std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         return bytes;
     }
+    void Configure(const std::u16string& text) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+        ctl::Bytes image(bytes, bytes + text.size() * sizeof(char16_t));
+        image.resize(KVR_CONFIG_BYTES);
+        ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).SetConfig(image);
+    }
     NTSTATUS Write(const std::unique_ptr<Server::Connection>& client, std::uint64_t offset,
                    std::vector<std::uint8_t> bytes) {
         return Transfer(client, Server::Action::Write, offset, bytes);
@@ -61,14 +67,8 @@ TEST_F(HostFault, ATableThatCannotBeReadOpensNothing) {
 // Settings belong to the partition that they were made for: one that takes its place has another number, and
 // while the first is gone its disk is closed.
 TEST_F(HostFault, ANewPartitionHasItsOwnNumberAndNotTheOldOnesSettings) {
-    const auto configure = [&](const std::u16string& text) {
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-        ctl::Bytes image(bytes, bytes + text.size() * sizeof(char16_t));
-        image.resize(KVR_CONFIG_BYTES);
-        ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).SetConfig(image);
-    };
     auto client = Connect("disk0");
-    configure(u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n");
+    Configure(u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n");
     std::vector<machine::NewPartition> partitions;
     std::string error;
     ASSERT_TRUE(machine::LayOutPartitions(client->size, {0, 0}, machine::TableKind::Gpt, partitions, error))
@@ -83,11 +83,34 @@ TEST_F(HostFault, ANewPartitionHasItsOwnNumberAndNotTheOldOnesSettings) {
     EXPECT_FALSE(world.Facts(kFirst).has_value() || world.Facts(kSecond).has_value());
     EXPECT_TRUE(world.Facts(u"\\Device\\HarddiskVolume3").has_value());
     EXPECT_EQ(Write(client, 40 * kMiB, std::vector<std::uint8_t>(512)), STATUS_MEDIA_WRITE_PROTECTED);
-    configure(u"[Global]\nProtection=1\n");
+    Configure(u"[Global]\nProtection=1\n");
     Reboot();
     EXPECT_EQ(server->About().find("warning"), std::string::npos) << server->About();
     EXPECT_TRUE(world.Facts(u"\\Device\\HarddiskVolume3").has_value()) << "as it was first numbered";
     EXPECT_EQ(Write(client, 40 * kMiB, std::vector<std::uint8_t>(512)), STATUS_SUCCESS);
+    server->Disconnect(std::move(client));
+}
+
+// The driver holds its files before the clients have the volume again, however often the machine boots.
+TEST_F(HostFault, ChangesAreKeptOverBootsUnderAClient) {
+    const auto status = [&] {
+        ctl::Client tool(world.OpenDriver(ctl::Access::ReadWrite));
+        return FirstOf(tool).swapStatus;
+    };
+    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kFirst, 64 * kMiB);
+    while (status() == ctl::kSwapProvisioning) std::this_thread::yield();
+    Configure(u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootMode=1\n");
+    auto client = Connect("HarddiskVolume1");
+    for (std::uint8_t boot = 1; boot <= 4; ++boot) {
+        Reboot();
+        EXPECT_EQ(status(), ctl::kSwapPresent) << int{boot};
+        std::vector<std::uint8_t> back(512);
+        if (boot > 1) {
+            EXPECT_EQ(Transfer(client, Server::Action::Read, 48 * kMiB, back), STATUS_SUCCESS);
+            EXPECT_EQ(back, std::vector<std::uint8_t>(512, static_cast<std::uint8_t>(boot - 1)));
+        }
+        EXPECT_EQ(Write(client, 48 * kMiB, std::vector<std::uint8_t>(512, boot)), STATUS_SUCCESS);
+    }
     server->Disconnect(std::move(client));
 }
 
