@@ -608,8 +608,11 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         volume->MapLocation = c.map ? &run : nullptr;
         for (auto& offset : volume->PreloadConfigLocation) offset = c.config ? 0x8000 : 0;
         host::ThreadGate gate;
-        for (int twice = 0; twice < 2; ++twice) Ask(volume, c.file ? IRP_MJ_WRITE : IRP_MJ_READ, c.file);
+        if (c.starts)
+            host::FailCall(host::FaultBit(host::Fault::ThreadCreate), 1);  // the next request tries again
+        for (int times = 0; times < 3; ++times) Ask(volume, c.file ? IRP_MJ_WRITE : IRP_MJ_READ, c.file);
         EXPECT_EQ(c.starts, gate.Held());
+        host::DisarmFaults();
         volume->MapLocation = nullptr;
         gate.ReleaseAll();
         host::JoinSystemThreads();
