@@ -118,14 +118,14 @@ void MapWriter::WriteMapTerminator() {
 
 void MapWriter::Store(LONGLONG volumeOffset, LONGLONG swapOffset, ULONG length) {
     if (!HasRoom()) m_short = true;
-    StoreSectors(static_cast<ULONG64>(volumeOffset / m_unit), swapOffset, length);
+    StoreSectors(static_cast<ULONG>(volumeOffset / m_unit), swapOffset, length);
 }
 
-void MapWriter::StoreSectors(ULONG64 volumeSector, LONGLONG swapOffset, ULONG length) {
+void MapWriter::StoreSectors(ULONG volumeSector, LONGLONG swapOffset, ULONG length) {
     const auto swapSector = static_cast<ULONG64>(swapOffset / m_unit);
-    if (!HasRoom() || volumeSector > kFreeSpaceMark || swapSector > 0xFFFFFFFF) return;
+    if (!HasRoom() || swapSector > 0xFFFFFFFF) return;
     auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(m_buffer.Get()) + m_entries;
-    entry->ulVolumeSector = static_cast<ULONG>(volumeSector);
+    entry->ulVolumeSector = volumeSector;
     entry->ulSwapSector = static_cast<ULONG>(swapSector);
     entry->ulSectors = length / m_unit & kMostMapSectors;
     SealMapEntry(entry);

@@ -18,8 +18,9 @@ public:
     // and nothing is to be stored, when the first of the runs, of which there is one, cannot be used or there
     // is no memory for it; under gHardening also when a step failed.
     [[nodiscard]] bool Begin();
-    // Stores one entry, with offsets and length in bytes. A space that an entry cannot name is left out: cut,
-    // its offset would name another place. It is lost until the storage is made anew.
+    // Stores one entry, with offsets and length in bytes; `volumeOffset` is below Limit(). A space that an
+    // entry cannot name is left out: cut, its offset would name another place. It is lost until the storage is
+    // made anew.
     void Store(LONGLONG volumeOffset, LONGLONG swapOffset, ULONG length);
     void StoreFree(LONGLONG swapOffset, ULONG length) { StoreSectors(kFreeSpaceMark, swapOffset, length); }
     // Writes what is still in the buffer, and the end behind it.
@@ -35,7 +36,7 @@ public:
     [[nodiscard]] NTSTATUS Status() const { return m_status; }  // the first failure of a write or a flush
 
 private:
-    void StoreSectors(ULONG64 volumeSector, LONGLONG swapOffset, ULONG length);
+    void StoreSectors(ULONG volumeSector, LONGLONG swapOffset, ULONG length);
     [[nodiscard]] bool HasRoom() const { return m_buffer && m_run < m_count; }
     [[nodiscard]] bool MakeBuffer();
     void ZeroRun();

@@ -87,13 +87,13 @@ protected:
 
     // Cut at every write, torn ones or several subsets of the unflushed ones too; the storage must be found
     // working after some of the cuts.
-    void SweepCuts(Scenario scenario) {
+    void SweepCuts(Scenario scenario, unsigned subsets = 2) {
         scenario.start = &start;
         if (GetParam().cached)
-            scenario.subsets = 3;
+            scenario.subsets = subsets;
         else
             scenario.kept = {0, 1, 5};
-        EXPECT_GE(Sweep(scenario), 3u * 8);
+        EXPECT_GE(Sweep(scenario), 2u * 8);
         EXPECT_GE(worked, 3u);
     }
 
@@ -127,7 +127,7 @@ protected:
             ExpectUsable(computer, true);
             own.ExpectOthersUnchanged(start, computer);
         };
-        SweepCuts(scenario);
+        SweepCuts(scenario, 3);
     }
 };
 

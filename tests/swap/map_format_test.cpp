@@ -97,6 +97,7 @@ TEST_F(MapFormat, WhatIsSavedIsLoadedAcrossRuns) {
     Locate({{kMap / S, 512}, {kMap / S + 1, 1024}, {kMap / S + 9, 512}, {kMap / S + 20, 512}});
     Save();
     EXPECT_TRUE(Said("map sectors written: 3")) << "42 entries, then 78; the third run ends the map";
+    EXPECT_FALSE(IsZero(kMap + S, 12)) << "a run is filled from its first byte on";
     EXPECT_EQ(STATUS_SUCCESS, Reload(512));
     EXPECT_EQ(STATUS_SUCCESS, LoadFromDisk(kMap + S, 1024));
     EXPECT_EQ(STATUS_END_OF_FILE, LoadFromDisk(kMap + 9 * S, 512));
@@ -144,6 +145,13 @@ TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
         EXPECT_EQ(n == 2, IsZero(kMap + S, 1280));
         EXPECT_EQ(n == 2, volume->MapDirty != FALSE);
     }
+    for (const bool hardening :
+         {false, true}) {  // where the first buffer is missing, the stricter rules try again
+        gHardening = hardening;
+        Save(1);
+        EXPECT_EQ(hardening, volume->MapDirty != FALSE);
+    }
+    gHardening = FALSE;
     device->verdict = [](const StackMemory::Transfer& t) {
         return t.offset == kMap + S ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
