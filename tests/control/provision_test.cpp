@@ -338,10 +338,18 @@ TEST_F(Provisioning, HoldingTheFiles) {
         EXPECT_EQ(18 - c.fails.size() + 1, host::OpenHandles().size()) << "each once, and the driver's file";
         CloseHeldFiles(volume);
     }
+    files.statuses.clear();
+    for (const LONGLONG last : {0, -1, 1}) {
+        for (auto& offset : volume->PreloadConfigLocation) offset = 1;
+        volume->PreloadConfigLocation[15] = last;
+        EXPECT_EQ(STATUS_SUCCESS, Arm());
+        EXPECT_EQ(last > 0, gConfigFileHandle != nullptr) << "the configuration, where it is known";
+    }
     // A protected volume whose changes the next boot would keep: its map ends here.
     files.statuses = cases[1].fails;
     for (const ULONG action : {ULONG{0}, PV_ACTION_DISCARD, PV_ACTION_MERGE}) {
         for (const bool isProtected : {false, true}) {
+            CloseHeldFiles(volume);
             std::fill_n(At(0x1000 * S), S, 0x49);
             volume->SwapState = kSwapUsable;
             volume->IsProtected = isProtected;
@@ -363,14 +371,6 @@ TEST_F(Provisioning, HoldingTheFiles) {
     EXPECT_EQ(STATUS_SUCCESS, Arm());
     EXPECT_EQ(kSwapUsable, volume->SwapState);
     EXPECT_EQ(3u, files.opens.size());
-    files.statuses.clear();
-    KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();  // a protected volume has it held
-    for (const LONGLONG last : {0, -1, 1}) {
-        for (auto& offset : volume->PreloadConfigLocation) offset = 1;
-        volume->PreloadConfigLocation[15] = last;
-        EXPECT_EQ(STATUS_SUCCESS, Arm());
-        EXPECT_EQ(last > 0, gConfigFileHandle != nullptr) << "the configuration, where it is known";
-    }
 }
 
 }  // namespace
