@@ -62,7 +62,7 @@ BOOLEAN SharesFirstComponent(PCUNICODE_STRING a, PCUNICODE_STRING b) {
 
 BOOLEAN IsNowProtected(PVOLUME_EXTENSION volume) {
     if (!volume->IsProtected) UpdateVolumeProtection(volume);
-    return volume->IsProtected;
+    return volume->IsProtected || AreWritesRefused(volume);
 }
 
 // Where the names do not tell, the number does that the disk itself told.

@@ -126,7 +126,8 @@ bool IsLookedAt(ULONG code) {
 
 // The driver reads and writes sectors of this volume by their position: it must not change.
 bool IsGuarded(PVOLUME_EXTENSION volume) {
-    return volume->IsProtected || volume->PreloadConfigLocation[0] != 0 || volume->MapLocation != nullptr;
+    return volume->IsProtected || volume->PreloadConfigLocation[0] != 0 || volume->MapLocation != nullptr ||
+           AreWritesRefused(volume);
 }
 
 // Under gHardening a disk is guarded for the sake of the protected volumes on it.

@@ -30,7 +30,7 @@ NTSTATUS HoldFile(PVOLUME_EXTENSION volume, ULONG index, HANDLE* held) {
 void GiveUpStorage(PVOLUME_EXTENSION volume) {
     ULONG usable = kSwapUsable;
     if (!volume->SwapState.compare_exchange_strong(usable, kSwapFilesNotHeld)) return;
-    if (volume->IsProtected && !(volume->BootAction & PV_ACTION_DISCARD)) RetireSavedMap(volume);
+    if (volume->IsProtected && !IsDroppedAtNextBoot(volume)) RetireSavedMap(volume);
 }
 
 // The status of the last open. A removal forgets MapLocation before it waits for StorageMutex to close the

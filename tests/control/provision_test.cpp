@@ -347,16 +347,18 @@ TEST_F(Provisioning, HoldingTheFiles) {
     }
     // A protected volume whose changes the next boot would keep: its map ends here.
     files.statuses = cases[1].fails;
-    for (const ULONG action : {ULONG{0}, PV_ACTION_DISCARD, PV_ACTION_MERGE}) {
+    UNICODE_STRING id = volume->VolumeName;
+    ASSERT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, PV_PROTECTED, FALSE));
+    for (const bool drops : {false, true}) {
         for (const bool isProtected : {false, true}) {
             CloseHeldFiles(volume);
             std::fill_n(At(0x1000 * S), S, 0x49);
             volume->SwapState = kSwapUsable;
             volume->IsProtected = isProtected;
-            volume->BootAction = action;
+            gProtectedVolumeList.load()->DropsAtNextBoot = drops;
             EXPECT_EQ(STATUS_SUCCESS, Arm());
             EXPECT_EQ(kSwapFilesNotHeld, volume->SwapState);
-            const bool kept = isProtected && action != PV_ACTION_DISCARD;
+            const bool kept = isProtected && !drops;
             EXPECT_EQ(!kept, OnDisk(0x1000 * S, S) == Bytes(S, 0x49));
         }
     }
