@@ -4,6 +4,7 @@ namespace tool {
 
 // A volume that nobody has unlocked yet when the computer starts, as an encrypted one or one on a network disk.
 void ShowLocked(Stage& stage) {
+    stage.BootWith(stage.Protecting(config::kBootModeDiscard));  // whatever was kept is gone
     stage.BootWith(stage.Protecting(config::kBootModeKeep));
     const Work work = DoWork(stage.computer.Data(), stage.fixedFiles, 707);
     stage.computer.Shutdown();

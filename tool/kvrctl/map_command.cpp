@@ -51,6 +51,18 @@ Json MapJson(const SavedMap& map, const MapSummary& summary, const std::u16strin
             {"free", free}};
 }
 
+// The driver saves in place: who reads meanwhile sees a map that is none. Damage lasts.
+SavedMap ReadWhenSaved(const Context& context, const std::u16string& volume) {
+    constexpr std::chrono::milliseconds kPause{200};
+    for (unsigned attempts = 10;; --attempts) {
+        try {
+            return ReadSavedMap(context.world, volume);
+        } catch (const MapDamaged&) {
+            if (attempts == 0 || !context.terminal.Pause(kPause)) throw;
+        }
+    }
+}
+
 }  // namespace
 
 int ShowMap(const Context& context, const MapOptions& options) {
@@ -59,7 +71,7 @@ int ShowMap(const Context& context, const MapOptions& options) {
         Client client = context.Open(Access::Read);
         volume = FindVolume(KnownVolumes(client), options.volume).name;
     }
-    const SavedMap map = ReadSavedMap(context.world, volume);
+    const SavedMap map = ReadWhenSaved(context, volume);
     const MapSummary summary = Summarize(map);
     std::ostream& out = context.terminal.out;
     if (!options.svg.empty()) WriteFile(options.svg, MapSvg(map, ShortName(volume)));

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+#include "client/failure.h"
 #include "formats/saved_map.h"
 #include "tool/kvrctl/world.h"
 
@@ -28,7 +29,12 @@ struct SavedMap {
     std::uint64_t slots = 0;                  // entries for which the map has room
 };
 
-// Throws Failure when there is no map or when it is damaged, with where.
+struct MapDamaged : Failure {
+    using Failure::Failure;
+};
+
+// Throws Failure when there is no map, MapDamaged with where when it makes no sense: it is damaged, or the
+// driver is saving it at this moment.
 SavedMap ReadSavedMap(World& world, const std::u16string& volume);
 
 // ---- what it tells ----
