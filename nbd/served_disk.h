@@ -3,6 +3,7 @@
 #pragma once
 #include <memory>
 #include "machine/boot/machine.h"
+#include "machine/disk/image_disk.h"
 #include "nbd/byte_access.h"
 #include "nbd/disk_map.h"
 
@@ -10,7 +11,7 @@ namespace nbd {
 
 class ServedDisk final : private SectorTarget {
 public:
-    ServedDisk(std::shared_ptr<machine::Disk> medium, unsigned number);
+    ServedDisk(std::shared_ptr<machine::ImageDisk> medium, unsigned number);
 
     // A boot begins: learns the volumes and stacks that it made. Until EndBoot() any number of threads may
     // transfer; the machine's boot must last as long. A partition table that a client rewrites meanwhile holds
@@ -23,6 +24,7 @@ public:
     void SetReadOnly(bool readOnly) { readOnly_ = readOnly; }
 
     std::uint64_t Size() const { return medium_->Size(); }
+    bool LacksRoom() const { return medium_->LacksRoom(); }
     const DiskMap& Map() const { return map_; }
 
     // Byte ranges inside the disk, of any alignment.
@@ -40,7 +42,7 @@ private:
     [[nodiscard]] NTSTATUS SendPiece(UCHAR major, const Piece& piece, std::uint8_t* buffer);
     [[nodiscard]] NTSTATUS SendToDisk(UCHAR major, std::uint64_t offset, void* buffer, std::uint64_t length);
 
-    const std::shared_ptr<machine::Disk> medium_;
+    const std::shared_ptr<machine::ImageDisk> medium_;
     const unsigned number_;
     ByteAccess bytes_;
     bool readOnly_ = false;

@@ -32,9 +32,9 @@ void LogViolation(const char* rule, const char* text) {
     std::abort();
 }
 
-std::shared_ptr<machine::Disk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
+std::shared_ptr<machine::ImageDisk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
     std::string error;
-    std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(path, sectorBytes, error);
+    std::shared_ptr<machine::ImageDisk> disk = machine::ImageDisk::Open(path, sectorBytes, error);
     if (disk == nullptr) throw Error(error);
     return disk;
 }

@@ -99,6 +99,24 @@ void Server::TakeBackVolumes(const Export& target) {
     }
 }
 
+namespace {
+
+NTSTATUS Carry(ServedDisk& disk, Server::Action action, std::uint64_t offset, std::uint64_t length,
+               void* buffer) {
+    switch (action) {
+        case Server::Action::Read:
+            return disk.ReadBytes(offset, buffer, length);
+        case Server::Action::Write:
+            return disk.WriteBytes(offset, buffer, length);
+        case Server::Action::Zero:
+            return disk.ZeroBytes(offset, length);
+        default:
+            return disk.Flush();
+    }
+}
+
+}  // namespace
+
 NTSTATUS Server::Transfer(const Connection& connection, Action action, std::uint64_t offset,
                           std::uint64_t length, void* buffer) {
     const std::shared_lock hold(boot_);
@@ -109,16 +127,11 @@ NTSTATUS Server::Transfer(const Connection& connection, Action action, std::uint
     if (!connection.target.wholeDisk && DiskOf(connection.target, start, size) != connection.disk)
         return on_ ? STATUS_NO_SUCH_DEVICE : STATUS_DEVICE_POWERED_OFF;
     if (offset > size || length > size - offset) return STATUS_INVALID_PARAMETER;
-    switch (action) {
-        case Action::Read:
-            return connection.disk->ReadBytes(start + offset, buffer, length);
-        case Action::Write:
-            return connection.disk->WriteBytes(start + offset, buffer, length);
-        case Action::Zero:
-            return connection.disk->ZeroBytes(start + offset, length);
-        default:
-            return connection.disk->Flush();
-    }
+    const NTSTATUS status = Carry(*connection.disk, action, start + offset, length, buffer);
+    // A virtual machine that hears of a full disk waits until there is room; any other failure it takes for a
+    // broken disk.
+    const bool full = !NT_SUCCESS(status) && action != Action::Read && connection.disk->LacksRoom();
+    return full ? STATUS_DISK_FULL : status;
 }
 
 }  // namespace nbd

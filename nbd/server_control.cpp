@@ -153,6 +153,11 @@ std::string Server::About() {
                        " boots=" + std::to_string(boots_) + " disks=" + std::to_string(disks_.size()) +
                        " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
     for (const std::string& warning : warnings_) text += "\nwarning: " + warning;
+    for (std::size_t number = 0; number < disks_.size(); ++number) {
+        if (disks_[number]->LacksRoom())
+            text += "\nwarning: the host has no room for disk" + std::to_string(number) + ", " +
+                    folder_.DiskPath(folder_.disks[number]);
+    }
     return text;
 }
 

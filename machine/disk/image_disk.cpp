@@ -113,16 +113,29 @@ bool ImageDisk::Create(const std::string& path, std::uint64_t size, std::string&
 ImageDisk::ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize)
     : file_(std::move(file)), path_(std::move(path)), size_(size), sectorSize_(sectorSize) {}
 
+// Of what changes the image, with the host's errno.
+NTSTATUS ImageDisk::Result(bool done) {
+    if (done) return STATUS_SUCCESS;
+    if (errno == ENOSPC || errno == EDQUOT)
+        lackedRoomAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+    return DiskFailure();
+}
+
+bool ImageDisk::LacksRoom() const {
+    const std::chrono::steady_clock::time_point at(std::chrono::steady_clock::duration(lackedRoomAt_.load()));
+    return lackedRoomAt_ != 0 && std::chrono::steady_clock::now() - at < std::chrono::seconds(10);
+}
+
 NTSTATUS ImageDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
     return posix::ReadAt(file_.Get(), buffer, length, offset) ? STATUS_SUCCESS : DiskFailure();
 }
 
 NTSTATUS ImageDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
-    return posix::WriteAt(file_.Get(), buffer, length, offset) ? STATUS_SUCCESS : DiskFailure();
+    return Result(posix::WriteAt(file_.Get(), buffer, length, offset));
 }
 
 NTSTATUS ImageDisk::Flush() {
-    return fdatasync(file_.Get()) == 0 ? STATUS_SUCCESS : DiskFailure();
+    return Result(fdatasync(file_.Get()) == 0);
 }
 
 }  // namespace machine

@@ -1,6 +1,8 @@
 // A disk in an image file or on a block device. The file is opened once, locked against other openers, and
 // stays as sparse as the writes leave it.
 #pragma once
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include "machine/disk/disk.h"
@@ -24,11 +26,17 @@ public:
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
     const std::string& Path() const { return path_; }
+    // A write or flush failed within the last ten seconds since the host had no room for the image. To the
+    // machine such a failure is one of the disk like any other; whoever serves the disk may know better.
+    bool LacksRoom() const;
 
 private:
     ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
 
+    NTSTATUS Result(bool done);
+
     posix::File file_;
+    std::atomic<std::chrono::steady_clock::rep> lackedRoomAt_{0};  // 0: never
     std::string path_;
     std::uint64_t size_;
     std::uint32_t sectorSize_;

@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <sys/mount.h>
 #include "machine/partition/partition_table.h"
 #include "tests/nbd/served.h"
 
@@ -112,6 +113,34 @@ TEST_F(HostFault, ChangesAreKeptOverBootsUnderAClient) {
         EXPECT_EQ(Write(client, 48 * kMiB, std::vector<std::uint8_t>(512, boot)), STATUS_SUCCESS);
     }
     server->Disconnect(std::move(client));
+}
+
+// What a client was told is written stays; what the host has no room for is told as that.
+TEST_F(HostFault, AFullHostIsToldAndNothingAcknowledgedIsLost) {
+    control.reset();
+    server.reset();
+    const std::string place = scratch.File("small");
+    std::filesystem::create_directory(place);
+    if (mount("none", place.c_str(), "tmpfs", 0, "size=32m") != 0) GTEST_SKIP() << "may not mount here";
+    ASSERT_EQ(std::system(("cp --sparse=always " + Image() + " " + place).c_str()), 0);
+    std::ofstream(scratch.File("pc/machine")) << "disk 512 " << place << "/disk0.img\n";
+    PowerOn();
+    auto client = Connect("HarddiskVolume2");
+    std::vector<std::uint8_t> piece(kMiB, 0x5A), back(kMiB);
+    std::uint64_t written = 0;
+    NTSTATUS status = STATUS_SUCCESS;
+    for (; NT_SUCCESS(status) && written < 64 * kMiB; written += NT_SUCCESS(status) ? kMiB : 0)
+        status = Transfer(client, Server::Action::Write, 16 * kMiB + written, piece);
+    EXPECT_EQ(status, STATUS_DISK_FULL);
+    EXPECT_NE(server->About().find("no room for disk0"), std::string::npos);
+    for (std::uint64_t at = 0; at < written; at += kMiB) {
+        ASSERT_EQ(Transfer(client, Server::Action::Read, 16 * kMiB + at, back), STATUS_SUCCESS);
+        EXPECT_TRUE(back == piece) << at;
+    }
+    server->Disconnect(std::move(client));
+    control.reset();
+    server.reset();
+    EXPECT_EQ(umount(place.c_str()), 0);
 }
 
 }  // namespace
