@@ -48,6 +48,14 @@ bool MayControl(const ProgramFile& file, ULONG code) {
     return (file.access & wanted) == wanted;
 }
 
+// Of a disk and its volumes the platform gives everybody a handle to ask with; to read and write they are the
+// administrators' alone.
+bool MayOpen(const ProgramFile& file) {
+    const Token& who = gProgram.client ? *gProgram.client : gProgram.process;
+    return who.isAdministrator || file.object.DeviceObject->DeviceType != FILE_DEVICE_DISK ||
+           (file.access & (FILE_READ_DATA | FILE_WRITE_DATA)) == 0;
+}
+
 NTSTATUS CountOpen(PFILE_OBJECT file) {
     PDEVICE_OBJECT device = file->DeviceObject;
     const HostGuard guard(gDeviceLock);
@@ -98,7 +106,7 @@ NTSTATUS OpenDevice(std::u16string_view path, ACCESS_MASK access, PFILE_OBJECT& 
     auto* opened = MakeObject<ProgramFile>(ObjectType::File);
     opened->access = Granted(access);
     opened->object.DeviceObject = resolved.device;
-    status = CountOpen(&opened->object);
+    status = MayOpen(*opened) ? CountOpen(&opened->object) : STATUS_ACCESS_DENIED;
     if (NT_SUCCESS(status)) status = SendForFile(&opened->object, IRP_MJ_CREATE);
     if (!NT_SUCCESS(status)) {
         ForgetOpen(&opened->object);

@@ -20,7 +20,8 @@ Program SetProgram(const Program& program);
 
 // Opens the device that `path` names (no path behind it) with `access`, and sends IRP_MJ_CREATE to the top of
 // its stack. On failure `file` is null. STATUS_NO_SUCH_DEVICE while the device is being initialised;
-// STATUS_ACCESS_DENIED for a second opener of an exclusive device. IRQL: PASSIVE_LEVEL.
+// STATUS_ACCESS_DENIED for a second opener of an exclusive device, and for a program that is not an
+// administrator's and wants to read or write a disk or its volumes. IRQL: PASSIVE_LEVEL.
 [[nodiscard]] NTSTATUS OpenDevice(std::u16string_view path, ACCESS_MASK access, PFILE_OBJECT& file);
 
 // Sends the control code. STATUS_ACCESS_DENIED without a request when the code asks for read or write access
