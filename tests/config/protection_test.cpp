@@ -112,6 +112,14 @@ TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
     UNICODE_STRING name = std::exchange(unknown->VolumeName, Counted(u"\\Dev"));
     EXPECT_FALSE(HasProtectedVolume(disk11.filter)) << "no second backslash";
     unknown->VolumeName = name;
+    unknown->VolumeDiskExtents.NumberOfDiskExtents = 1;
+    List(u"\\Device\\V", PV_PROTECTED);
+    located->IsProtected = FALSE;
+    located->SwapState = kSwapMapBad;
+    for (const bool hardened : {false, true}) {
+        gHardening = hardened;
+        EXPECT_EQ(hardened, HasProtectedVolume(disk1.filter) != FALSE) << "a volume that takes no writes";
+    }
 }
 
 // What a write to the whole disk may not touch while a volume on it is protected.
@@ -189,7 +197,8 @@ TEST_F(Protection, OfAVolumeTooLargeToKeep) {
                  {PV_PROTECTED, limit, limit, 4096, false},
                  {PV_PROTECTED | PV_ACTION_MERGE, limit, limit, 512, false},
                  {PV_PROTECTED | PV_ACTION_DISCARD, limit, limit, 512, true},
-                 {0, limit, limit, 512, false}};
+                 {0, limit, limit, 512, false},
+                 {PV_PROTECTED, limit, limit, 0, true}};  // nobody told
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         const std::u16string name = u"\\Device\\Large" + std::u16string(1, char16_t(u'A' + (&c - cases)));

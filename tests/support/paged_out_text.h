@@ -26,7 +26,7 @@ public:
         action.sa_flags = SA_NODEFER;  // a raised exception leaves the handler for good
         action.sa_handler = [](int) { current->PageIn(); };
         sigaction(SIGSEGV, &action, &before_);
-        mprotect(page, kPage, PROT_NONE);
+        PageOut();
     }
     ~PagedOutText() {
         sigaction(SIGSEGV, &before_, nullptr);
@@ -34,6 +34,12 @@ public:
     }
     PagedOutText(const PagedOutText&) = delete;
     PagedOutText& operator=(const PagedOutText&) = delete;
+
+    // As it was at first.
+    void PageOut() {
+        faults = 0;
+        mprotect(string.Buffer, kPage, PROT_NONE);
+    }
 
     UNICODE_STRING string;
     int faults = 0;

@@ -148,7 +148,10 @@ TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
     for (const bool hardening :
          {false, true}) {  // where the first buffer is missing, the stricter rules try again
         gHardening = hardening;
+        DiscardSwappedChunks(volume);
+        device->TakeTransfers();
         Save(1);
+        EXPECT_TRUE(device->TakeTransfers().empty());
         EXPECT_EQ(hardening, volume->MapDirty != FALSE);
     }
     gHardening = FALSE;
