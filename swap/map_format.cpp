@@ -1,5 +1,6 @@
 #include "swap/map_format.h"
 #include "driver/record/hardening.h"
+#include "driver/record/requests.h"
 #include "driver/record/sector_io.h"
 #include "platform/owners.h"
 #include "swap/map_writer.h"
@@ -72,11 +73,12 @@ bool CanBeSaved(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
            volume->SwapState == kSwapUsable;
 }
 
-// What the map says now is not on the disk: the next occasion saves again.
+// What the map says now is not on the disk: the next occasion saves again. No name is printed: at the last
+// chance what converts it may be gone.
 void ReportUnsaved(PVOLUME_EXTENSION volume, NTSTATUS status) {
     volume->MapDirty = TRUE;
-    DbgPrint("Kvr!SerializeSwapMap: the map of %wZ is not saved, 0x%08x: to be tried again\n",
-             &volume->VolumeName, status);
+    DbgPrint("Kvr!SerializeSwapMap: the map of 0x%08x is not saved, 0x%08x: to be tried again\n",
+             TraceAddress(volume->FilterDevice), status);
 }
 
 void SaveTrees(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
@@ -124,8 +126,8 @@ NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device) {
 void RetireSavedMap(PVOLUME_EXTENSION volume) {
     const NTSTATUS status = SpoilSavedMap(volume);
     volume->MapRetireDue = !NT_SUCCESS(status);
-    DbgPrint("Kvr!RetireSavedMap: the map of %wZ is no longer to be used, 0x%08x\n", &volume->VolumeName,
-             status);
+    DbgPrint("Kvr!RetireSavedMap: the map of 0x%08x is no longer to be used, 0x%08x\n",
+             TraceAddress(volume->FilterDevice), status);
 }
 
 void FillAsDamagedMap(UCHAR* buffer, ULONG bytes) {

@@ -311,7 +311,10 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
     EXPECT_EQ(200u, saved()[1].ulVolumeSector);
     cache(300 * S, 3);
+    device->onFlush = [] { return STATUS_IO_DEVICE_ERROR; };
     host::NotifyLastChance();
+    device->onFlush = nullptr;
+    EXPECT_NE(0u, TimesSaid(mark, "is not saved, 0xc0000185")) << "for all that is known";
     EXPECT_EQ(300u, saved()[2].ulVolumeSector);
     EXPECT_LE(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
         << "each time the device below is flushed";
@@ -319,6 +322,7 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "only the protected volume asked for it";
     host::NotifyLastChance();
     EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "and once";
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
     device->TakeTransfers();
     EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
     EXPECT_TRUE(device->TakeTransfers().empty()) << "nothing has changed";

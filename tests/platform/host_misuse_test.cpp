@@ -97,6 +97,11 @@ const Misuse misuses[] = {
          KeGetCurrentThread()->IsAtLastChance = true;
          (void)ExAllocatePoolWithTag(PagedPool, 8, Tag);
      }},
+    {"last chance: DbgPrint of a wide text is pageable",
+     [] {
+         KeGetCurrentThread()->IsAtLastChance = true;
+         DbgPrint("%wZ", nullptr);
+     }},
     {"not an initialised event",
      [] {
          KEVENT zero{};

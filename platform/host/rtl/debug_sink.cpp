@@ -8,6 +8,8 @@
 
 #include "platform/host/rtl/format.h"
 #include "platform/host/sync/host_lock.h"
+#include "platform/host/check/verifier.h"
+#include "platform/host/nt/ntke.h"
 
 namespace host {
 namespace {
@@ -93,6 +95,8 @@ void DumpDebugLines(SIZE_T lines) {
 }  // namespace host
 
 ULONG DbgPrint(PCSTR format, ...) {
+    // Wide characters are converted by tables that are pageable.
+    if (std::strstr(format, "%w") != nullptr) host::RequirePageable("DbgPrint of a wide text", APC_LEVEL);
     if (!host::Listening()) return STATUS_SUCCESS;
     char text[host::kDebugLineLimit];
     va_list arguments;
