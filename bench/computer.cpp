@@ -82,8 +82,8 @@ Computer::Computer()
     : systemDisk_(std::make_shared<MemoryDisk>(16 * kMiB, 512)),
       dataDisk_(std::make_shared<FoldedDisk>(kDataBytes, 16 * kMiB, kStorageBegin + kSwapBytes, kWindow)),
       plainDisk_(std::make_shared<MemoryDisk>(kPlainBytes, 512)),
-      systemFiles_(std::make_shared<ScriptedVolume>(kMiB, 16 * kMiB)),
-      dataFiles_(std::make_shared<ScriptedVolume>(kStorageBegin, kDataBytes)),
+      systemFiles_(std::make_shared<PlayedFiles>()),
+      dataFiles_(std::make_shared<PlayedFiles>()),
       buffer_(static_cast<std::uint8_t*>(std::aligned_alloc(kPage, kBufferBytes))) {
     std::memset(buffer_.get(), 0x5A, kBufferBytes);
     MachineOptions options;
@@ -91,7 +91,8 @@ Computer::Computer()
     options.driver = DriverEntry;
     options.fileSystem = [this](const VolumeDevice& volume) {
         if (volume.Number() == 3) return FileSystemDriver{};
-        return ScriptedDriver(volume.Number() == 1 ? systemFiles_ : dataFiles_);
+        return volume.Number() == 1 ? PlayedDriver(systemFiles_, kMiB, 16 * kMiB)
+                                    : PlayedDriver(dataFiles_, kStorageBegin, kDataBytes);
     };
     machine_ = std::make_unique<Machine>(std::move(options));
     Boot();

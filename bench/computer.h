@@ -9,7 +9,7 @@
 #include "driver/record/volume_extension.h"
 #include "machine/boot/machine.h"
 #include "tests/doubles/memory_disk.h"
-#include "tests/doubles/scripted_file_system.h"
+#include "tests/doubles/played_driver.h"
 #include "platform/host/io/request.h"
 
 namespace bench {
@@ -88,7 +88,7 @@ private:
     std::unique_ptr<BareStack> MakeBareStack(std::shared_ptr<machine::Disk> medium, unsigned number);
 
     std::shared_ptr<machine::Disk> systemDisk_, dataDisk_, plainDisk_;
-    std::shared_ptr<machine::ScriptedVolume> systemFiles_, dataFiles_;
+    std::shared_ptr<PlayedFiles> systemFiles_, dataFiles_;
     std::unique_ptr<machine::Machine> machine_;
     std::unique_ptr<BareStack> bareProtected_, barePlain_;
     PDEVICE_OBJECT protected_ = nullptr, plain_ = nullptr;

@@ -10,7 +10,7 @@
 #include "driver/record/volume_extension.h"
 #include "machine/boot/machine.h"
 #include "tests/doubles/memory_disk.h"
-#include "tests/doubles/scripted_file_system.h"
+#include "tests/doubles/played_driver.h"
 #include "platform/host/io/request.h"
 #include "tests/support/map_invariants.h"
 #include "platform/host/sync/thread.h"
@@ -46,9 +46,7 @@ constexpr ULONG kLengths[] = {0, 4, 8, 56, 128, 132, 136, 160, 320, KVR_CONFIG_B
 
 class Computer {
 public:
-    Computer()
-        : system_(std::make_shared<ScriptedVolume>(256 * 1024, 1 << 20)),
-          data_(std::make_shared<ScriptedVolume>(512 * 1024, kDataBytes)) {
+    Computer() {
         MachineOptions options;
         options.disks = {{std::make_shared<MemoryDisk>(1 << 20, 512)},
                          {std::make_shared<MemoryDisk>(kDataBytes, 512)},
@@ -56,7 +54,8 @@ public:
         options.driver = DriverEntry;
         options.fileSystem = [this](const VolumeDevice& volume) {
             if (volume.Removable()) return FileSystemDriver{};
-            return ScriptedDriver(volume.Number() == 1 ? system_ : data_);
+            return volume.Number() == 1 ? PlayedDriver(system_, 256 * 1024, 1 << 20)
+                                        : PlayedDriver(data_, 512 * 1024, kDataBytes);
         };
         machine_ = std::make_unique<Machine>(std::move(options));
         fuzz::Require(NT_SUCCESS(machine_->PowerOn()) && NT_SUCCESS(machine_->DriverStatus()),
@@ -99,7 +98,8 @@ public:
     }
 
 private:
-    std::shared_ptr<ScriptedVolume> system_, data_;
+    std::shared_ptr<PlayedFiles> system_ = std::make_shared<PlayedFiles>();
+    std::shared_ptr<PlayedFiles> data_ = std::make_shared<PlayedFiles>();
     std::unique_ptr<Machine> machine_;
 };
 

@@ -35,15 +35,13 @@ Text InUse() {
     return {gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES};
 }
 
-// The bytes of kvr.cfg on the medium; empty when the file has none.
+// The bytes of kvr.cfg on the medium, where they lie in one piece.
 Text OnMedium(ProtectedComputer& computer) {
-    Text text;
-    for (const machine::Extent& extent : computer.SystemFiles().ExtentsOf(kConfigPath)) {
-        Text part(extent.length);
-        EXPECT_EQ(STATUS_SUCCESS, computer.SystemDisk().Read(computer.SystemOffset() + extent.offset,
-                                                             part.data(), part.size()));
-        text.insert(text.end(), part.begin(), part.end());
-    }
+    Text text(KVR_CONFIG_BYTES);
+    EXPECT_EQ(STATUS_SUCCESS,
+              computer.SystemDisk().Read(
+                  computer.SystemOffset() + computer.SystemFiles().Find(kConfigPath)->Extents.at(0).Offset,
+                  text.data(), text.size()));
     return text;
 }
 

@@ -126,10 +126,9 @@ void Mark(std::vector<bool>& own, std::uint64_t begin, std::uint64_t length) {
     std::fill_n(own.begin() + static_cast<std::ptrdiff_t>(begin / kSector), length / kSector, true);
 }
 
-void MarkFiles(std::vector<bool>& own, const machine::ScriptedVolume& files, std::uint64_t volumeOffset) {
-    for (const std::u16string& path : files.Paths())
-        for (const machine::Extent& extent : files.ExtentsOf(path))
-            Mark(own, volumeOffset + extent.offset, extent.length);
+void MarkFiles(std::vector<bool>& own, const PlayedFiles& files, std::uint64_t volumeOffset) {
+    for (const auto& [path, file] : files.All())
+        for (const FileExtent& extent : file->Extents) Mark(own, volumeOffset + extent.Offset, extent.Length);
 }
 
 void ExpectWithin(const char* disk, const std::vector<machine::MemoryDisk::Range>& differences,

@@ -22,11 +22,11 @@ protected:
         PowerOn(computer);
         PowerOnAndProvision(computer);
         computer.Hardware().Shutdown();
-        const auto place = computer.DataFiles().ExtentsOf(u"\\kvr.MAP").at(0);
+        const auto place = computer.DataFiles().Find(u"\\kvr.MAP")->Extents.at(0);
         std::vector<std::uint8_t> bad(512);
         std::iota(bad.begin(), bad.end(), std::uint8_t{1});
         EXPECT_EQ(STATUS_SUCCESS,
-                  computer.DataDisk().Write(computer.DataOffset() + place.offset, bad.data(), bad.size()));
+                  computer.DataDisk().Write(computer.DataOffset() + place.Offset, bad.data(), bad.size()));
         return computer.Capture();
     }
 

@@ -4,7 +4,7 @@
 #include "platform/host/io/device.h"
 #include "tests/doubles/memory_disk.h"
 #include "machine/partition/partition_table.h"
-#include "tests/doubles/scripted_file_system.h"
+#include "tests/doubles/played_driver.h"
 #include "platform/owners.h"
 #include "platform/host/io/request.h"
 #include "tests/support/stand_in.h"
@@ -46,10 +46,10 @@ using Names = std::vector<std::u16string>;
 const Names kAllUp = {u"\\Device\\Harddisk0\\DR0", u"\\Device\\HarddiskVolume1", u"\\Device\\HarddiskVolume2"};
 
 TEST(Machine, BootsAndShutsDownInOrder) {
-    auto scripted = std::make_shared<ScriptedVolume>(kMiB, 16 * kMiB);
+    auto files = std::make_shared<PlayedFiles>();
     MachineOptions options = Options({{TwoVolumeDisk()}}, {.detachDisksAtShutdown = true});
     options.fileSystem = [&](const VolumeDevice& v) {
-        return v.Number() == 2 ? ScriptedDriver(scripted) : FileSystemDriver{};
+        return v.Number() == 2 ? PlayedDriver(files, kMiB, 16 * kMiB) : FileSystemDriver{};
     };
     Machine machine(std::move(options));
     ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());

@@ -45,7 +45,7 @@ std::u16string Configuration::Text() const {
     return config::GlobalSection(protection, 0) + config::FixedSection(section, 1) + extra;
 }
 
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes) {
+ComputerOptions SmallOptions(ULONG piece, ULONG gap, std::uint64_t dataBytes) {
     ComputerOptions options;
     options.dataBytes = dataBytes;
     options.storageBegin = 8 * kMiB;
@@ -93,9 +93,8 @@ ProtectedComputer::ProtectedComputer(const ComputerImage& image)
 }
 
 void ProtectedComputer::Build() {
-    systemFiles_ = std::make_shared<ScriptedVolume>(kMiB, 12 * kMiB);
-    dataFiles_ = std::make_shared<ScriptedVolume>(options_.storageBegin, options_.dataBytes - dataOffset_);
-    dataFiles_->SetPlacement(options_.piece, options_.gap);
+    dataFiles_->PieceBytes = options_.piece;
+    dataFiles_->GapBytes = options_.gap;
     std::shared_ptr<Disk> data = dataDisk_;
     if (options_.dataCache) data = dataCache_ = std::make_shared<CachedDisk>(dataDisk_);
     MachineOptions machine;
@@ -109,16 +108,17 @@ void ProtectedComputer::Build() {
             driver.mount = options_.dataFileSystem;
             return driver;
         }
-        return volume.Number() <= kDataVolume
-                   ? ScriptedDriver(volume.Number() == kSystemVolume ? systemFiles_ : dataFiles_)
+        if (volume.Number() == kSystemVolume) return PlayedDriver(systemFiles_, kMiB, 12 * kMiB);
+        return volume.Number() == kDataVolume
+                   ? PlayedDriver(dataFiles_, options_.storageBegin, options_.dataBytes - dataOffset_)
                    : FileSystemDriver{};
     };
     machine.atShutdown = options_.atShutdown;
     RankGlobalLocks();
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     machine_ = std::make_unique<Machine>(std::move(machine));
-    systemFiles_->FollowPower(&machine_->Power());
-    dataFiles_->FollowPower(&machine_->Power());
+    for (const auto& files : {systemFiles_, dataFiles_})
+        files->FollowPower([this] { return machine_->Power().IsCut(); });
     if (options_.hardened) Harden();
 }
 

@@ -9,7 +9,7 @@
 #include "machine/boot/machine.h"
 #include "machine/disk/cached_disk.h"
 #include "tests/doubles/memory_disk.h"
-#include "tests/doubles/scripted_file_system.h"
+#include "tests/doubles/played_driver.h"
 
 namespace support {
 
@@ -41,21 +41,21 @@ struct ComputerOptions {
     bool dataCache = false;  // the data disk has a volatile write cache
     // How the data volume's files are laid out: pieces of at most that many bytes with gaps between them. 0: as
     // large as it gets.
-    std::uint64_t piece = 0;
-    std::uint64_t gap = 0;
+    ULONG piece = 0;
+    ULONG gap = 0;
     // Mounts on the data volume in the place of scripted files.
     machine::FileSystemFactory dataFileSystem = {};
     bool hardened = false;  // the registry's Hardening, from the first boot on
     std::function<void(machine::ShutdownStep)> atShutdown = {};
 };
-ComputerOptions SmallOptions(std::uint64_t piece, std::uint64_t gap, std::uint64_t dataBytes = 48 * kMiB);
+ComputerOptions SmallOptions(ULONG piece, ULONG gap, std::uint64_t dataBytes = 48 * kMiB);
 
 // What a computer keeps while its power is off. Many computers can be made from one image, each with disks of
 // its own that share what none of them writes.
 struct ComputerImage {
     ComputerOptions options;
     std::shared_ptr<const machine::MemoryDisk> system, data;
-    std::shared_ptr<const machine::ScriptedVolume::Snapshot> systemFiles, dataFiles;
+    std::shared_ptr<const PlayedFiles::Directory> systemFiles, dataFiles;
     std::string registry;
 };
 
@@ -68,8 +68,8 @@ public:
     machine::Machine& Hardware() { return *machine_; }
     machine::MemoryDisk& SystemDisk() { return *systemDisk_; }
     machine::MemoryDisk& DataDisk() { return *dataDisk_; }
-    machine::ScriptedVolume& SystemFiles() { return *systemFiles_; }
-    machine::ScriptedVolume& DataFiles() { return *dataFiles_; }
+    PlayedFiles& SystemFiles() { return *systemFiles_; }
+    PlayedFiles& DataFiles() { return *dataFiles_; }
     // Where the volumes begin on their disks.
     std::uint64_t SystemOffset() const { return systemOffset_; }
     std::uint64_t DataOffset() const { return dataOffset_; }
@@ -98,8 +98,8 @@ private:
     std::shared_ptr<machine::MemoryDisk> systemDisk_;
     std::shared_ptr<machine::MemoryDisk> dataDisk_;
     std::shared_ptr<machine::CachedDisk> dataCache_;  // in front of it, or null
-    std::shared_ptr<machine::ScriptedVolume> systemFiles_;
-    std::shared_ptr<machine::ScriptedVolume> dataFiles_;
+    std::shared_ptr<PlayedFiles> systemFiles_ = std::make_shared<PlayedFiles>();
+    std::shared_ptr<PlayedFiles> dataFiles_ = std::make_shared<PlayedFiles>();
     std::uint64_t systemOffset_ = 0, dataOffset_ = 0;
     std::unique_ptr<machine::Machine> machine_;
 };

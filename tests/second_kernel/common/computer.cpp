@@ -60,8 +60,8 @@ void MountVolumes(Computer* computer) {
     computer->SystemFiles = FilesOf(gSystemFiles);
     computer->SystemFiles->Mount(computer->System, kFileUnit, kSystemBytes);  // a place at 0 would read as none
     computer->DataFiles = FilesOf(gDataFiles);
-    computer->DataFiles->PieceUnits = options.PieceUnits;
-    computer->DataFiles->GapUnits = options.GapUnits;
+    computer->DataFiles->PieceBytes = options.PieceBytes;
+    computer->DataFiles->GapBytes = options.GapBytes;
     computer->DataFiles->Mount(computer->Data, kRegion, options.DataBytes);
     host::SetSystemRoot(SYSTEM_VOLUME W("\\Windows"));
 }

@@ -3,7 +3,7 @@
 // are its own, the others the story's.
 #pragma once
 #include "tests/second_kernel/common/pattern.h"
-#include "tests/second_kernel/common/played_files.h"
+#include "tests/doubles/played_files.h"
 #include "tests/second_kernel/common/ram_device.h"
 #include "tests/second_kernel/common/tool.h"
 #include "tests/second_kernel/stage.h"
@@ -20,8 +20,8 @@ struct ComputerOptions {
     ULONG DataBytes = 68 * kMiB;
     USHORT DataSector = 512;
     bool IsDataOnDisk = false;
-    ULONG PieceUnits = 0;  // how the data volume's files are laid out
-    ULONG GapUnits = 0;
+    ULONG PieceBytes = 0;  // how the data volume's files are laid out
+    ULONG GapBytes = 0;
 };
 
 // What a shutdown has just done, in its order.

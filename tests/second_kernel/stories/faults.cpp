@@ -13,7 +13,7 @@ namespace {
 using host::Fault;
 
 // The storage comes in pieces of one unit each, so that a write soon needs several.
-const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceUnits = 1, .GapUnits = 1};
+const ComputerOptions kOptions = {.DataBytes = 42 * kMiB, .PieceBytes = 64 * kKiB, .GapBytes = 64 * kKiB};
 constexpr LONGLONG kStorage = 14 * kMiB;
 constexpr ULONG kMostCalls = 400;
 constexpr ULONG kSector = 512;

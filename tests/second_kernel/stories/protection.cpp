@@ -22,10 +22,10 @@ struct Plan {
     LONGLONG storage;
     bool isDataFirst = false;  // the data volume is read and written before the configuration's volume is
 };
-const Plan kKeepPlan = {{.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceUnits = 3, .GapUnits = 1},
-                        14 * kMiB};
+const Plan kKeepPlan = {
+    {.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceBytes = 192 * kKiB, .GapBytes = 64 * kKiB}, 14 * kMiB};
 const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB, true};
-const Plan kMergePlan = {{.PieceUnits = 16}, 56 * kMiB};  // merging wants more than 51 MiB free
+const Plan kMergePlan = {{.PieceBytes = 1024 * kKiB}, 56 * kMiB};  // merging wants more than 51 MiB free
 
 // Before the configuration is known a volume is what its sectors are. Nobody has lost anything then: the same
 // data is written that is there.

@@ -10,7 +10,7 @@ constexpr LONGLONG kStorage = 12 * kMiB;
 constexpr ULONG kProvisioning = 1;
 constexpr ULONG kPresent = 2;
 
-const ComputerOptions kOptions = {.DataBytes = 40 * kMiB, .PieceUnits = 4, .GapUnits = 1};
+const ComputerOptions kOptions = {.DataBytes = 40 * kMiB, .PieceBytes = 256 * kKiB, .GapBytes = 64 * kKiB};
 
 bool WaitFor(PRKEVENT event) {
     LARGE_INTEGER time;

@@ -24,7 +24,7 @@ compiler=(
     -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset -D_WIN32_WINNT=0x0602 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
 )
 
-mapfile -t sources < <(find platform/host tests/second_kernel machine/files/share_access.cpp \
+mapfile -t sources < <(find platform/host tests/second_kernel machine/files/share_access.cpp tests/doubles/played_files.cpp \
     platform/windows/layout_check.cpp -name '*.cpp' ! -path '*/host/os/*' ! -name linked_driver.cpp)
 compile_all "$out/story-objects" "${sources[@]}"
 # Links what is not called that.
