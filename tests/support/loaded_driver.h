@@ -2,6 +2,7 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <algorithm>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <mutex>
