@@ -78,7 +78,48 @@ void Require(const Answer& answer, std::uint32_t code) {
     throw Failure("the driver refused: " + StatusText(answer.status), exitCode);
 }
 
+// The word at that place, for a code that has one.
+template <std::size_t N>
+std::string WordFor(const char* const (&words)[N], std::uint32_t code) {
+    return code < N ? words[code] : "state " + std::to_string(code);
+}
+
 }  // namespace
+
+std::string FixedStateText(std::uint32_t state) {
+    static constexpr const char* kWords[] = {"not protected", "protected by default", "protected",
+                                             "protected and hidden"};
+    return WordFor(kWords, state);
+}
+
+std::string AccessText(std::uint32_t mode) {
+    static constexpr const char* kWords[] = {"not protected", "protected", "protected and hidden"};
+    return WordFor(kWords, mode);
+}
+
+std::string StorageText(std::uint32_t swapStatus) {
+    static constexpr const char* kWords[] = {
+        "none",
+        "being made or removed",
+        "ready",
+        "saved map damaged, make it anew",
+        "missing, make it",
+        "files cannot be held, used by another program or gone",
+        "volume too large to keep its changes, only discard mode protects it",
+    };
+    static_assert(std::size(kWords) == kSwapVolumeTooLarge + 1);
+    return WordFor(kWords, swapStatus);
+}
+
+std::string StorageTrouble(const FixedVolume& volume, std::optional<bool> hardening) {
+    if (volume.swapStatus < kSwapMapBad || volume.swapStatus > kSwapVolumeTooLarge) return {};
+    const std::string storage = " (storage: " + StorageText(volume.swapStatus) + ")";
+    if (volume.state != 0) return "is protected, but changes that it is to keep are refused or lost" + storage;
+    if (volume.swapStatus == kSwapVolumeTooLarge) hardening = false;  // no rule refuses writes for that
+    const std::string text = "is to be protected and is not" + storage;
+    if (!hardening) return text;
+    return text + (*hardening ? "; its writes are refused" : "; its writes change the volume itself");
+}
 
 bool Client::Enabled() {
     Bytes answer(4);

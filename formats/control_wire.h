@@ -31,7 +31,9 @@ enum class Command : std::uint32_t {
     ReadSectors = 4,
     // Input: the registry path of a key, a zero character, the name of a value; UTF-16. Output: its data.
     ReadRegistry = 5,
-    // Output: none; the text is one line of `key=value` pairs about the machine, and behind it a line
+    // Output: none; the text is one line of `key=value` pairs about the machine (`hardening=1`: this boot has
+    // the
+    // driver's stricter rules), and behind it a line
     // "warning: SENTENCE" for each thing that is not as configured. Needs no handle.
     About = 6,
     // Shuts the machine down in order and powers it on again; connected clients wait meanwhile. The handle of
@@ -39,6 +41,12 @@ enum class Command : std::uint32_t {
     Reboot = 7,
     // Shuts down in order, ends the server. The response is sent when the machine is off.
     Stop = 8,
+    // Sets a switch of the driver's registry key: `code` is 0 or 1, the input its name in UTF-16. What is set
+    // holds
+    // from the next boot on. STATUS_INVALID_PARAMETER for every other value. Needs no handle: who may connect
+    // may
+    // write the configuration as well.
+    SetSwitch = 9,
 };
 
 struct RequestHeader {

@@ -47,6 +47,13 @@ bool TakeRecord(const Request& request, Record& record) {
     return true;
 }
 
+std::u16string TextOf(const Request& request) {
+    std::u16string text(request.input.size() / sizeof(char16_t), u'\0');
+    // An empty input has no data that may be named, not even to copy nothing of it.
+    if (!text.empty()) std::memcpy(text.data(), request.input.data(), text.size() * sizeof(char16_t));
+    return text;
+}
+
 }  // namespace
 
 ControlServer::ControlServer(Server& server, std::function<void()> stop)
@@ -142,6 +149,8 @@ Response ControlServer::Answer(Connection& connection, Request& request) {
             return AnswerSectors(request);
         case Command::ReadRegistry:
             return AnswerRegistry(request);
+        case Command::SetSwitch:
+            return AnswerSwitch(request);
         case Command::About:
             return {STATUS_SUCCESS, {}, server_.About()};
         case Command::Reboot:
@@ -190,8 +199,7 @@ Response ControlServer::AnswerSectors(const Request& request) {
 }
 
 Response ControlServer::AnswerRegistry(const Request& request) {
-    std::u16string text(request.input.size() / sizeof(char16_t), u'\0');
-    std::memcpy(text.data(), request.input.data(), text.size() * sizeof(char16_t));
+    const std::u16string text = TextOf(request);
     const std::size_t middle = text.find(u'\0');
     if (middle == text.npos) return Failed(STATUS_INVALID_PARAMETER);
     const std::u16string name = text.substr(middle + 1);
@@ -199,6 +207,13 @@ Response ControlServer::AnswerRegistry(const Request& request) {
     response.status =
         server_.ReadRegistry(text.substr(0, middle), name.substr(0, name.find(u'\0')), response.output);
     return response;
+}
+
+Response ControlServer::AnswerSwitch(const Request& request) {
+    const NTSTATUS status = server_.SetSwitch(TextOf(request), request.code != 0);
+    if (status == STATUS_INVALID_PARAMETER)
+        return Failed(status, "that value of the registry is not a tool's to set");
+    return Failed(status);
 }
 
 Response ControlServer::AnswerReboot() {

@@ -41,6 +41,7 @@ private:
     tool::wire::Response AnswerFacts(const tool::wire::Request& request);
     tool::wire::Response AnswerSectors(const tool::wire::Request& request);
     tool::wire::Response AnswerRegistry(const tool::wire::Request& request);
+    tool::wire::Response AnswerSwitch(const tool::wire::Request& request);
     tool::wire::Response AnswerReboot();
     tool::wire::Response AnswerStop();
 

@@ -4,10 +4,12 @@
 #include <filesystem>
 #include <system_error>
 #include <sys/stat.h>
+#include "client/driver_switches.h"
 #include "client/status.h"
 #include "client/wire_channel.h"
 #include "machine/partition/formatter.h"
 #include "machine/boot/guest_volume.h"
+#include "machine/boot/registry_file.h"
 #include "machine/disk/image_disk.h"
 #include "machine/ntfs/format.h"
 #include "nbd/image_check.h"
@@ -105,6 +107,14 @@ void MakeSystemDisk(const MachineFolder& folder) {
     PrepareSystemDisk(disk.path);
 }
 
+// The stricter rules, as an installation sets them.
+void MakeRegistry(const MachineFolder& folder) {
+    std::string error;
+    const auto registry = machine::RegistryFile::Open(folder.File(kRegistryFile), error);
+    if (registry == nullptr) throw Error(error);
+    RequireDone(ctl::SetDriverSwitch(*registry, ctl::kHardening, true), "the registry cannot be written");
+}
+
 FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
     if (machine.volumes == 0) throw Error("a disk needs a volume");
     if (machine.size < kLeastDisk || machine.size % 4096 != 0)
@@ -141,6 +151,7 @@ void MakeMachine(const NewMachine& machine) {
         throw Error("a machine has at most " + std::to_string(kMostDisks) + " disks");
     Draft draft(machine.path);
     MakeSystemDisk(folder);
+    MakeRegistry(folder);
     if (folder.disks.empty()) folder.disks.push_back(MakeOwnDisk(machine, folder));
     folder.Write();
     draft.Keep();

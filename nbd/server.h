@@ -12,6 +12,7 @@
 #include <string>
 #include <thread>
 #include <vector>
+#include "client/control_client.h"
 #include "machine/boot/machine.h"
 #include "nbd/clients.h"
 #include "nbd/fair_lock.h"
@@ -86,6 +87,8 @@ public:
                                        std::vector<std::uint8_t>& bytes);
     [[nodiscard]] NTSTATUS ReadRegistry(const std::u16string& key, const std::u16string& name,
                                         std::vector<std::uint8_t>& data);
+    // Of the driver's switches in the registry only; STATUS_INVALID_PARAMETER otherwise.
+    [[nodiscard]] NTSTATUS SetSwitch(const std::u16string& name, bool on);
     // One line of key=value pairs, and a line behind it for each thing that is not as configured.
     std::string About();
 
@@ -95,6 +98,7 @@ private:
     void PowerOn(unsigned attempts);
     void PowerOff();
     void BootOnce();
+    void NoteHardening();
     void WriteBootLog();
     void Settle();
     void SaveRegistryNowAndThen();
@@ -103,6 +107,7 @@ private:
     void RequireBoot(NTSTATUS booted);
     void JudgeVolumes();
     void MissVolume(const std::u16string& name);
+    void JudgeVolume(const std::u16string& name, const std::vector<ctl::FixedVolume>& present);
     void Warn(const std::string& sentence);
 
     // server_clients.cpp
@@ -128,6 +133,7 @@ private:
     // Shared by whoever uses the boot, alone for what begins or ends one. Before clientsLock_.
     FairLock boot_;
     bool on_ = false;                    // guarded by boot_
+    bool hardening_ = false;             // the driver read so at this boot; guarded by boot_
     std::vector<std::string> warnings_;  // what is not as configured, one sentence each; guarded by boot_
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`

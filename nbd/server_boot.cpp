@@ -5,6 +5,7 @@
 #include <utility>
 #include "platform/host/sync/clock.h"
 #include "platform/host/rtl/debug_sink.h"
+#include "client/driver_switches.h"
 #include "client/status.h"
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/guest_volume.h"
@@ -111,6 +112,7 @@ void Server::PowerOn(unsigned attempts) {
 void Server::BootOnce() {
     TakeTimeZone();
     const NTSTATUS status = machine_->PowerOn();
+    NoteHardening();
     try {
         RequireBoot(status);
         WriteBootLog();
@@ -125,6 +127,13 @@ void Server::BootOnce() {
     on_ = true;
     ++boots_;
     log_.Line("server: boot " + std::to_string(boots_) + " is up");
+}
+
+// Nobody writes the registry between the driver's look and this one.
+void Server::NoteHardening() {
+    std::vector<std::uint8_t> value;
+    const NTSTATUS status = ReadRegistry(ctl::kDriverKey, ctl::kHardening, value);
+    hardening_ = NT_SUCCESS(status) && ctl::IsSwitchedOn(value);
 }
 
 // The first write to the system volume is the driver's occasion to note in the configuration that what was

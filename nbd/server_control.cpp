@@ -2,6 +2,7 @@
 #include <cstring>
 #include <shared_mutex>
 #include <unistd.h>
+#include "client/driver_switches.h"
 #include "formats/kvr_ioctl.h"
 #include "machine/files/guest_file_system.h"
 #include "machine/names.h"
@@ -146,11 +147,19 @@ NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& n
     return status;
 }
 
+// Between boots only: each has read one value or the other, and `hardening_` says which.
+NTSTATUS Server::SetSwitch(const std::u16string& name, bool on) {
+    if (!ctl::IsDriverSwitch(name)) return STATUS_INVALID_PARAMETER;
+    const std::shared_lock hold(boot_);
+    return ctl::SetDriverSwitch(*registry_, name, on);
+}
+
 std::string Server::About() {
     const std::shared_lock hold(boot_);
     const std::lock_guard guard(clientsLock_);
     std::string text = "on=" + std::to_string(on_ ? 1 : 0) + " pid=" + std::to_string(getpid()) +
-                       " boots=" + std::to_string(boots_) + " disks=" + std::to_string(disks_.size()) +
+                       " boots=" + std::to_string(boots_) + " hardening=" + std::to_string(hardening_ ? 1 : 0) +
+                       " disks=" + std::to_string(disks_.size()) +
                        " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
     for (const std::string& warning : warnings_) text += "\nwarning: " + warning;
     for (std::size_t number = 0; number < disks_.size(); ++number) {

@@ -1,13 +1,12 @@
 // What a boot must have before clients may write: every disk's table, and every volume that the configuration
-// protects. What is missing would leave the fixed state's own sectors open.
+// protects, protected. What is missing would leave the fixed state's own sectors open.
 #include <algorithm>
 #include <utility>
-#include "client/control_client.h"
+#include "client/own_driver.h"
 #include "client/status.h"
 #include "machine/names.h"
 #include "nbd/configured_volumes.h"
 #include "nbd/server.h"
-#include "platform/host/io/user_mode.h"
 
 namespace nbd {
 namespace {
@@ -24,30 +23,20 @@ std::string Shown(const std::u16string& name) {
     return text;
 }
 
-struct Configuration {
-    std::vector<std::uint8_t> text;  // empty: there is none
-    bool enabled = false;            // the driver has read one that switches it on
+// The driver's own answers, over its control device, which nobody else has before the boot is up.
+struct Report {
+    std::vector<std::uint8_t> configuration;  // empty: there is none
+    bool enabled = false;                     // the driver has read one that switches it on
+    std::vector<ctl::FixedVolume> volumes;
 };
 
-// The driver's own answers, over its control device, which nobody else has before the boot is up.
-Configuration ReadConfiguration() {
-    PFILE_OBJECT file = nullptr;
-    const NTSTATUS opened = host::OpenDevice(kControlDevice, GENERIC_READ, file);
-    if (!NT_SUCCESS(opened)) throw Error("the driver does not answer: " + ctl::Hex(opened));
-    const auto ask = [file](ULONG code, void* output, ULONG length, ULONG& returned) {
-        return host::DeviceIoControl(file, code, nullptr, 0, output, length, returned);
-    };
-    Configuration configuration;
-    configuration.text.resize(KVR_CONFIG_BYTES);
-    ULONG returned = 0, enabled = 0, unused = 0;
-    const NTSTATUS read = ask(IOCTL_KVR_GET_CONFIG, configuration.text.data(), KVR_CONFIG_BYTES, returned);
-    const NTSTATUS asked = ask(IOCTL_KVR_GET_ENABLED, &enabled, sizeof enabled, unused);
-    host::CloseDevice(file);
-    const bool none = read == STATUS_NO_SUCH_FILE || read == STATUS_END_OF_FILE;
-    if (!NT_SUCCESS(read) && !none) throw Error("the configuration cannot be read: " + ctl::Hex(read));
-    configuration.text.resize(NT_SUCCESS(read) ? returned : 0);
-    configuration.enabled = NT_SUCCESS(asked) && enabled != 0;
-    return configuration;
+Report AskDriver() {
+    try {
+        ctl::Client driver(std::make_unique<ctl::OwnDriver>(GENERIC_READ));
+        return {driver.GetConfig(), driver.Enabled(), driver.FixedVolumes()};
+    } catch (const ctl::Failure& failure) {
+        throw Error(std::string("the driver does not say what is protected: ") + failure.what());
+    }
 }
 
 }  // namespace
@@ -83,16 +72,31 @@ void Server::MissVolume(const std::u16string& name) {
     Warn(sentence);
 }
 
+// Of a volume that is there and is to be protected.
+void Server::JudgeVolume(const std::u16string& name, const std::vector<ctl::FixedVolume>& present) {
+    const auto same = [&](const ctl::FixedVolume& volume) {
+        return machine::FoldName(volume.name) == machine::FoldName(name);
+    };
+    const auto volume = std::find_if(present.begin(), present.end(), same);
+    const bool isProtected = volume != present.end() && volume->state != 0;
+    std::string trouble = volume == present.end() ? "" : ctl::StorageTrouble(*volume, hardening_);
+    if (trouble.empty() && !isProtected) trouble = "is to be protected and is not";
+    if (!trouble.empty()) Warn(Shown(name) + " " + trouble);
+}
+
 // Throws Error when the configuration cannot be read or was not followed.
 void Server::JudgeVolumes() {
     warnings_.clear();
     for (const auto& disk : disks_) disk->SetReadOnly(false);
-    const Configuration configuration = ReadConfiguration();
-    const std::vector<std::u16string> names = ProtectedVolumes(configuration.text);
-    if (!names.empty() && !configuration.enabled)
+    const Report report = AskDriver();
+    const std::vector<std::u16string> names = ProtectedVolumes(report.configuration);
+    if (!names.empty() && !report.enabled)
         throw Error("the driver could not read the configuration that says what is protected");
     for (const std::u16string& name : names) {
-        if (machine_->VolumeNamed(name) == nullptr) MissVolume(name);
+        if (machine_->VolumeNamed(name) == nullptr)
+            MissVolume(name);
+        else
+            JudgeVolume(name, report.volumes);
     }
 }
 

@@ -114,6 +114,7 @@ TEST_F(Served, TheSocketOutlivesNonsenseAndEndsWithStop) {
     EXPECT_EQ(call(static_cast<Command>(99)), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(call(Command::DeviceControl), STATUS_INVALID_HANDLE);
     EXPECT_EQ(call(Command::Facts, {1, 2, 3}), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(call(Command::SetSwitch, BytesOf(none)), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(call(Command::Facts, BytesOf(none)), STATUS_OBJECT_NAME_NOT_FOUND);
     EXPECT_EQ(call(Command::ReadSectors, BytesOf(place)), STATUS_INVALID_PARAMETER);
     place.offset = 0, place.length = 1024;

@@ -47,7 +47,7 @@ std::vector<std::string> Words(const std::string& text) {
 TEST(CtlCommands, StatusInWords) {
     Machine machine = Office();
     EXPECT_EQ(
-        "Protection is on.\n\n"
+        "Protection is on.\nHardening is off for the next boot, and now if it was so at the last.\n\n"
         "VOLUME            KIND       STATE                 SWAP       USED       FREE"
         "                                   STORAGE\n"
         "HarddiskVolume1   fixed      not protected         -          -          -"
@@ -55,7 +55,7 @@ TEST(CtlCommands, StatusInWords) {
         "HarddiskVolume2   fixed      protected             512 MiB    511.0 MiB  1.0 MiB   "
         "[###################.] 99 %  ready\n"
         "HarddiskVolume3   fixed      protected and hidden  100 bytes  1 bytes    99 bytes  "
-        "[#...................] 1 %   files used by another program\n"
+        "[#...................] 1 %   files cannot be held, used by another program or gone\n"
         "HarddiskVolume13  removable  protected\n",
         RunOn(machine, {"status"}).out);
     const auto json = nlohmann::json::parse(RunOn(machine, {"status", "--json"}).out);
@@ -75,6 +75,16 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
     using Given = std::function<void(Machine&)>;
     const auto refused = [](std::uint32_t code, Status status, const char* text = "") -> Given {
         return [=](Machine& machine) { machine.refusals[code] = {status, text}; };
+    };
+    // The configuration protects volume 2.
+    const auto troubled = [](std::uint32_t swap, std::optional<bool> hardening,
+                             std::uint32_t state = 0) -> Given {
+        return [=](Machine& machine) {
+            machine.config =
+                u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n";
+            machine.fixed[2].SwapStatus = swap, machine.fixed[2].State = state;
+            machine.hardening = hardening;
+        };
     };
     const auto whole = [](std::int64_t bytes) -> Given {
         return [=](Machine& machine) {
@@ -129,6 +139,26 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         {"status", kExitFailed, "stands by", refused(IOCTL_KVR_GET_ENABLED, STATUS_INVALID_DEVICE_REQUEST)},
         {"status", kExitFailed, "0xC0001234", refused(IOCTL_KVR_GET_ENABLED, KvrStatus(0xC0001234))},
         {"status", kExitOk, "Protection", [](Machine& m) { m.busyOpens = 3; }},
+        // What is to be protected and is not, in the first line,
+        {"status", kExitFailed,
+         "WARNING: HarddiskVolume2 is to be protected and is not (storage: missing, make it); its writes are "
+         "refused.\n"
+         "Protection is on.\nHardening is on, from the next boot on off.\n",
+         troubled(4, true)},
+        {"status", kExitFailed, "anew); its writes change the volume itself.\n", troubled(3, false)},
+        {"status", kExitFailed, "protects it); its writes change the volume itself.\n", troubled(6, true)},
+        {"status", kExitFailed,
+         "WARNING: HarddiskVolume2 is protected, but changes that it is to keep are refused",
+         troubled(5, true, 2)},
+        {"status --json", kExitFailed,
+         "\"HarddiskVolume2 is to be protected and is not (storage: missing, make it)\"",
+         troubled(4, std::nullopt)},
+        {"status", kExitOk, "Hardening is on,", troubled(2, true)},
+        {"status", kExitOk, "Protection is off", [=](Machine& m) { troubled(4, true)(m), m.enabled = false; }},
+        {"hardening", kExitOk, "Hardening is off.\n", [](Machine& m) { m.hardening = false; }},
+        {"hardening on", kExitOk, "Hardening is set to on. It holds from the next boot on.\n"},
+        {"hardening on --json", kExitOk, "\"nextBoot\": true"},
+        {"hardening off", kExitDenied, "no right", [](Machine& m) { m.exitOfWrite = kExitDenied; }},
         {"status", kExitBusy, "another program", [](Machine& m) { m.busyOpens = 1000; }},
         {"status", kExitNotRunning, "no driver", [](Machine& m) { m.exitOfOpen = kExitNotRunning; }},
     };
@@ -217,9 +247,9 @@ TEST(CtlCommands, CtrlCEndsWhatWasBegun) {
 
 TEST(CtlCommands, UsageMistakesAndHelp) {
     Machine machine = Office();
-    for (const char* text :
-         {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap make 1", "swap make 1 2X",
-          "protect 1 --until 2020-01-01T00:00", "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
+    for (const char* text : {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap make 1",
+                             "swap make 1 2X", "hardening maybe", "protect 1 --until 2020-01-01T00:00",
+                             "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
         const Result result = RunOn(machine, Words(text));
         EXPECT_EQ(kExitUsage, result.exitCode) << text << result.err;
         EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;

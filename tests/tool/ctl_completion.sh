@@ -24,6 +24,7 @@ gives "protect" kvrctl removable p
 gives "HarddiskVolume1 HarddiskVolume12" kvrctl protect Hard
 gives "" kvrctl swap make HarddiskVolume1 ""
 gives "HarddiskVolume1 HarddiskVolume12" kvrctl removable hide --dry-run ""
+gives "on off" kvrctl hardening ""
 gives "discard keep" kvrctl protect --at-boot ""
 gives "--at-boot" kvrctl protect HarddiskVolume1 --at
 gives "ctl_completion.sh" kvrctl config check ctl_compl

@@ -37,6 +37,7 @@ protected:
 
 TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     EXPECT_TRUE(Run({"status"}).out.starts_with("Protection is off"));
+    EXPECT_EQ("Hardening is on.\n", Run({"hardening"}).out) << "a new machine has the stricter rules";
     EXPECT_EQ("kvrctl: there is no configuration yet\n", Run({"config", "get"}).err);
     Do({{"swap", "make", "2", "16M"},
         {"enable"},
@@ -52,11 +53,43 @@ TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     const MapSummary summary = Summarize(ReadSavedMap(world, nbd_test::kSecond));
     EXPECT_EQ(3 * kMiB / 512, summary.redirectedSectors);
     EXPECT_EQ(13 * kMiB / 512, summary.freeSectors);
-    Do({{"map", "2"}, {"unprotect", "2"}});
+    Do({{"map", "2"}, {"unprotect", "2"}, {"hardening", "off"}});
+    EXPECT_EQ("Hardening is on, from the next boot on off.\n", Run({"hardening"}).out);
     Reboot();
+    EXPECT_EQ("Hardening is off.\n", Run({"hardening"}).out);
     Do({{"swap", "remove", "2"}});
     EXPECT_NE(std::string::npos, Run({"map", "2"}).err.find("has no swap storage"));
     EXPECT_NE(std::string::npos, Run({"volumes"}).out.find("ntfs"));
+}
+
+// The server and the tool say the same, and what they say is what a client meets.
+TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
+    Do({{"enable"}, {"protect", "2"}});
+    EXPECT_EQ(kExitOk, Run({"status"}).exitCode) << "nothing of it holds yet";
+    const struct {
+        const char* hardening;
+        const char* says;
+        NTSTATUS write;
+    } table[] = {
+        {"on", "is to be protected and is not (storage: missing, make it); its writes are refused",
+         STATUS_MEDIA_WRITE_PROTECTED},
+        {"off",
+         "is to be protected and is not (storage: missing, make it); its writes change the volume itself",
+         STATUS_SUCCESS},
+    };
+    std::vector<std::uint8_t> bytes(512, 'w');
+    for (const auto& row : table) {
+        Do({{"hardening", row.hardening}});
+        Reboot();
+        const std::string sentence = std::string("HarddiskVolume2 ") + row.says;
+        EXPECT_NE(std::string::npos, server->About().find("\nwarning: " + sentence)) << server->About();
+        const Result status = Run({"status"});
+        EXPECT_TRUE(status.out.starts_with("WARNING: " + sentence + ".\n")) << status.out;
+        EXPECT_EQ(kExitFailed, status.exitCode);
+        auto client = Connect("HarddiskVolume2");
+        EXPECT_EQ(row.write, Transfer(client, nbd::Server::Action::Write, 40 * kMiB, bytes));
+        server->Disconnect(std::move(client));
+    }
 }
 
 TEST_F(CtlServed, NobodyServes) {

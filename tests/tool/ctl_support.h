@@ -41,6 +41,7 @@ inline Result RunWith(const ctl::WorldMaker& makeWorld, const std::vector<std::s
 // What the made-up machine is and what was asked of it; outlives the tool's run.
 struct Machine {
     bool enabled = false;
+    std::optional<bool> hardening;
     std::vector<KVR_FIXED_VOLUME_STATUS> fixed;
     std::vector<KVR_REMOVABLE_VOLUME_STATUS> removable;
     std::u16string config;
@@ -48,7 +49,7 @@ struct Machine {
     std::map<std::u16string, ctl::VolumeFacts> facts;
     std::map<std::u16string, ctl::Bytes> registry, sectors;  // sectors: a whole volume's bytes
     unsigned busyOpens = 0;                                  // that many find the device held
-    int exitOfOpen = 0;                                      // not 0: opening fails so
+    int exitOfOpen = 0, exitOfWrite = 0;                     // not 0: opening, setting a switch fails so
     std::vector<std::uint32_t> changes;                      // codes that change something, in order
     std::function<void(std::uint32_t code)> onChange;
 
@@ -134,6 +135,11 @@ public:
         const auto found = machine_.registry.find(value);
         return found == machine_.registry.end() ? std::nullopt : std::optional(found->second);
     }
+    void WriteSwitch(const std::u16string& value, bool on) override {
+        if (machine_.exitOfWrite != 0) throw ctl::Failure("no right", machine_.exitOfWrite);
+        machine_.registry[value] = {on, 0, 0, 0};
+    }
+    std::optional<bool> HardeningNow() override { return machine_.hardening; }
     std::string NextBoot() const override { return "the next boot"; }
 
 private:

@@ -5,11 +5,11 @@
 #include <exception>
 #include <thread>
 #include <utility>
-#include "client/failure.h"
+#include "client/driver_switches.h"
+#include "client/own_driver.h"
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/registry_file.h"
 #include "machine/disk/image_disk.h"
-#include "platform/host/io/user_mode.h"
 #include "platform/host/sync/clock.h"
 #include "platform/host/sync/thread.h"
 #include "tool/error.h"
@@ -59,40 +59,9 @@ private:
 
 namespace {
 
-// The control device of the kernel in this process. Throws Error when it cannot be opened.
-class OwnDriver : public ctl::Driver {
-public:
-    OwnDriver() {
-        const NTSTATUS status =
-            host::OpenDevice(u"\\DosDevices\\kvr", FILE_READ_DATA | FILE_WRITE_DATA, device_);
-        if (!NT_SUCCESS(status)) throw Error("the control device cannot be opened: " + StatusText(status));
-    }
-    ~OwnDriver() override { host::CloseDevice(device_); }
-
-    ctl::Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, ctl::Bytes& output) override {
-        ULONG returned = 0;
-        const NTSTATUS status = host::DeviceIoControl(
-            device_, code, input.data(), static_cast<ULONG>(input.size()),
-            output.empty() ? nullptr : output.data(), static_cast<ULONG>(output.size()), returned);
-        output.resize(std::min<std::size_t>(returned, output.size()));
-        return {status, {}};
-    }
-
-private:
-    PFILE_OBJECT device_ = nullptr;
-};
-
-// The stricter rules, as an installation sets them.
-void SetHardening(machine::RegistryFile& registry) {
-    constexpr char16_t kKey[] = u"\\Registry\\Machine\\System\\kvr";
-    Require(registry.CreateKey(kKey), "the registry has no place for the driver");
-    Require(registry.Set(kKey, u"Hardening", {REG_DWORD, {1, 0, 0, 0}}), "the registry keeps no value");
-    Require(registry.Flush(), "the registry cannot be saved");
-}
-
 void Ask(const std::string& what, const std::function<void(ctl::Client&)>& ask) {
-    ctl::Client client(std::make_unique<OwnDriver>());
     try {
+        ctl::Client client(std::make_unique<ctl::OwnDriver>(FILE_READ_DATA | FILE_WRITE_DATA));
         ask(client);
     } catch (const ctl::Failure& failure) {
         throw StepFailed(what + ": " + failure.what());
@@ -118,7 +87,8 @@ Computer::Computer(const Place& system, const Place& data)
     };
     host::SetTimeZoneBias(kMinutesToUtc);
     options.registry = machine::RegistryFile::InMemory();
-    SetHardening(*options.registry);
+    // As an installation sets them.
+    Require(ctl::SetDriverSwitch(*options.registry, ctl::kHardening, true), "the registry keeps no value");
     machine_ = std::make_unique<machine::Machine>(std::move(options));
 }
 

@@ -137,6 +137,7 @@ private:
         AddEdit("discard", "Drop a volume's changes at the next boot, once", DiscardChanges);
         AddEdit("merge", "Write a volume's changes into it for good at the next boot, once", MergeChanges);
         AddRemovable();
+        AddHardening();
         AddSwitch("enable", "Switch protection on as a whole, from the next boot on", true);
         AddSwitch("disable", "Switch protection off as a whole, from the next boot on", false);
     }
@@ -152,6 +153,19 @@ private:
     void AddSwitch(const std::string& name, const std::string& what, bool on) {
         OnParse(WithEdit(Command(app_, name, what, "  kvrctl " + name + "\n  kvrctl " + name + " --dry-run")),
                 [this, on](const Context& context) { return Switch(context, edit_, on); });
+    }
+
+    void AddHardening() {
+        CLI::App* hardening =
+            WithJson(Command(app_, "hardening",
+                             "Show whether the driver's stricter rules hold, or switch them for the next boot",
+                             "  kvrctl hardening\n  kvrctl hardening on"));
+        hardening
+            ->add_option("SWITCH", hardening_, "on: nothing but the system's own files passes protection; off")
+            ->check(CLI::IsMember({"on", "off"}));
+        OnParse(hardening, [this](const Context& context) {
+            return hardening_.empty() ? ShowHardening(context) : SetHardening(context, hardening_ == "on");
+        });
     }
 
     void AddRemovable() {
@@ -241,7 +255,7 @@ private:
     const WorldMaker& makeWorld_;
     CLI::App app_{"Controls the Kvr volume filter driver."};
     std::function<int()> run_;
-    std::string folder_, atBoot_, until_;
+    std::string folder_, atBoot_, until_, hardening_;
     bool json_ = false, namesOnly_ = false;
     WatchOptions watch_;
     MapOptions map_;

@@ -37,6 +37,9 @@ struct MapOptions {
 };
 int ShowMap(const Context& context, const MapOptions& options);
 int Debug(const Context& context);
+// In the registry; it holds from the next boot on.
+int ShowHardening(const Context& context);
+int SetHardening(const Context& context, bool on);
 
 // ---- the configuration ----
 struct EditOptions {

@@ -4,6 +4,7 @@
 #pragma once
 #include <optional>
 #include "client/control_client.h"
+#include "client/driver_switches.h"
 #include "formats/file_system_kind.h"
 #include "tool/kvrctl/host.h"
 
@@ -33,6 +34,11 @@ public:
     virtual Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) = 0;
     // The data of a value of the driver's key; nothing when there is no such value. Throws Failure.
     virtual std::optional<Bytes> ReadRegistry(const std::u16string& value) = 0;
+    // Sets a switch of the driver's key, which the next boot reads. Throws Failure: kExitDenied for who may not
+    // write the configuration either.
+    virtual void WriteSwitch(const std::u16string& value, bool on) = 0;
+    // Are the driver's stricter rules in force? Nothing where the driver alone knows. Throws Failure.
+    virtual std::optional<bool> HardeningNow() = 0;
     // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
     virtual std::string NextBoot() const = 0;
 };
@@ -45,8 +51,6 @@ enum class Patience {
 // Throws Failure as World::OpenDriver does, and when the device stays held (kExitBusy) or the user asks for the
 // end (kExitStopped).
 Client OpenClient(World& world, Terminal& terminal, Access access, Patience = Patience::UntilInterrupted);
-
-inline constexpr char16_t kDriverKey[] = u"\\Registry\\Machine\\System\\kvr";
 
 // The world in which this program runs. `folder`: of the hosted machine; empty where there is none to choose.
 // Reaches for nothing yet. Throws Failure for a folder that makes no sense here.

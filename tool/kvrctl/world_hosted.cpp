@@ -47,6 +47,10 @@ std::span<const std::uint8_t> BytesOf(const Record& record) {
     return {reinterpret_cast<const std::uint8_t*>(&record), sizeof record};
 }
 
+std::span<const std::uint8_t> BytesOf(const std::u16string& text) {
+    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size() * sizeof(char16_t)};
+}
+
 std::string ClientText(std::uint32_t clients, const std::string& names) {
     if (clients == 0) return {};
     return names.empty() ? std::to_string(clients) + (clients == 1 ? " client" : " clients") : names;
@@ -142,20 +146,34 @@ std::optional<Bytes> HostedWorld::ReadRegistry(const std::u16string& value) {
     path += u'\0';
     path += value;
     Bytes output(wire::kMaximumLength);
-    const std::span input(reinterpret_cast<const std::uint8_t*>(path.data()), path.size() * sizeof(char16_t));
-    const Answer answer = Ask(wire::Command::ReadRegistry, input, output);
+    const Answer answer = Ask(wire::Command::ReadRegistry, BytesOf(path), output);
     if (answer.status == STATUS_OBJECT_NAME_NOT_FOUND) return std::nullopt;
     if (!IsSuccess(answer.status)) throw Failure(TextOr(answer, "the machine's registry cannot be read"));
     return output;
+}
+
+void HostedWorld::WriteSwitch(const std::u16string& value, bool on) {
+    Bytes nothing;
+    const Answer answer = Ask(wire::Command::SetSwitch, BytesOf(value), nothing, on ? 1 : 0);
+    if (!IsSuccess(answer.status)) throw Failure(TextOr(answer, "the machine's registry cannot be written"));
+}
+
+std::optional<bool> HostedWorld::HardeningNow() {
+    Bytes nothing;
+    const Answer answer = Ask(wire::Command::About, {}, nothing);
+    if (answer.text.find(" hardening=1 ") != answer.text.npos) return true;
+    if (answer.text.find(" hardening=0 ") != answer.text.npos) return false;
+    return std::nullopt;
 }
 
 std::string HostedWorld::NextBoot() const {
     return "the next boot (kvrhost reboot " + folder_ + ")";
 }
 
-Answer HostedWorld::Ask(wire::Command command, std::span<const std::uint8_t> input, Bytes& output) {
+Answer HostedWorld::Ask(wire::Command command, std::span<const std::uint8_t> input, Bytes& output,
+                        std::uint32_t code) {
     if (!connection_) connection_ = std::make_unique<Connection>(folder_);
-    return connection_->Call(command, 0, input, output);
+    return connection_->Call(command, code, input, output);
 }
 
 std::unique_ptr<World> MakeWorld(const std::string& folder) {

@@ -15,13 +15,16 @@ public:
     std::optional<VolumeFacts> Facts(const std::u16string& volume) override;
     Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) override;
     std::optional<Bytes> ReadRegistry(const std::u16string& value) override;
+    void WriteSwitch(const std::u16string& value, bool on) override;
+    std::optional<bool> HardeningNow() override;
     std::string NextBoot() const override;
 
 private:
     class Connection;
 
     // For the machine's own facts, apart from the handles' connections.
-    Answer Ask(tool::wire::Command command, std::span<const std::uint8_t> input, Bytes& output);
+    Answer Ask(tool::wire::Command command, std::span<const std::uint8_t> input, Bytes& output,
+               std::uint32_t code = 0);
 
     std::string folder_;
     std::unique_ptr<Connection> connection_;

@@ -172,6 +172,26 @@ public:
         return data;
     }
 
+    // The key is made where it was lost. Its rights are the hive's: administrators may write.
+    void WriteSwitch(const std::u16string& value, bool on) override {
+        HKEY key = nullptr;
+        LSTATUS status = RegCreateKeyExW(HKEY_LOCAL_MACHINE, L"System\\kvr", 0, nullptr, 0, KEY_SET_VALUE,
+                                         nullptr, &key, nullptr);
+        const DWORD data = on ? 1 : 0;
+        if (status == ERROR_SUCCESS)
+            status = RegSetValueExW(key, Wide(value).c_str(), 0, REG_DWORD,
+                                    reinterpret_cast<const BYTE*>(&data), sizeof data);
+        if (key) RegCloseKey(key);
+        if (status == ERROR_ACCESS_DENIED)
+            throw Failure("this needs more rights than you have; run it as an administrator", kExitDenied);
+        if (status != ERROR_SUCCESS)
+            throw Failure("the driver's registry key cannot be written: " +
+                          SystemText(static_cast<DWORD>(status)));
+    }
+
+    // No control code tells, and the registry may have changed since.
+    std::optional<bool> HardeningNow() override { return std::nullopt; }
+
     std::string NextBoot() const override { return "the next start of the computer"; }
 };
 

@@ -40,9 +40,12 @@ class Stretch:
         length = min(self.dice.choice((1, 3, 511, 512, 513, 4096, 5000, most)), len(self.bytes))
         return self.dice.randrange(len(self.bytes) - length + 1), length
 
+    def data(self, _start, length):
+        return self.dice.randbytes(length)
+
     def write(self):
         start, length = self.place(70000)
-        data = self.dice.randbytes(length)
+        data = self.data(start, length)
         self.client.pwrite(data, self.offset + start, self.dice.choice((0, nbd.CMD_FLAG_FUA)))
         self.bytes[start:start + length] = data
 
@@ -63,7 +66,7 @@ class Stretch:
         cookies = []
         for number in range(count):
             start = number * step + self.dice.randrange(step // 2)
-            data = self.dice.randbytes(self.dice.randrange(1, min(step // 2, 20000)))
+            data = self.data(start, self.dice.randrange(1, min(step // 2, 20000)))
             cookies.append(write(self.client, data, self.offset + start))
             self.bytes[start:start + len(data)] = data
         wait_for(self.client, cookies)
@@ -96,6 +99,25 @@ class Stretch:
     def check(self):
         data = connect(self.uri).pread(len(self.bytes), self.offset)
         require(data == self.bytes, f"the data at {self.offset} of {self.uri} is not what was written")
+
+
+class Edge(Stretch):
+    """Goes over a volume's first sector, which is written as it is: without it the storage would lie in no file system
+    any more, and a driver that is to keep changes refuses writes from then on."""
+
+    def __init__(self, uri, begin, before, behind, seed):
+        super().__init__(uri, begin - before, before + behind, seed)
+        self.kept = before
+
+    def data(self, start, length):
+        data = bytearray(super().data(start, length))
+        first, last = max(start, self.kept), min(start + length, self.kept + 512)
+        if first < last:
+            data[first - start:last - start] = self.bytes[first:last]
+        return bytes(data)
+
+    def zero(self):
+        self.write()
 
 
 # ---- connections that end badly ----------------------------------------------------------------------------
@@ -181,13 +203,14 @@ class Owner:
 
 # ---- the proof ---------------------------------------------------------------------------------------------
 def misbehave(given, pc, partition):
-    """Inside the volume by both of its exports, and across its first sector, where the disk's own stack ends."""
+    """Inside the volume by both of its exports, and across its first sector, where the disk's own stack ends; behind
+    that sector NTFS has the 8 KiB of its boot code."""
     offset, length = partition
     inside = length // 2 // MIB * MIB + 4 * MIB
     by_volume, by_disk = pc.uri(VOLUME), pc.uri()
     stretches = [Stretch(by_volume, inside, STRETCH, SEED), Stretch(by_volume, inside + STRETCH, STRETCH, SEED + 1),
                  Stretch(by_disk, offset + inside + 2 * STRETCH, STRETCH, SEED + 2),
-                 Stretch(by_disk, offset - 64 * 1024, 128 * 1024, SEED + 3)]
+                 Edge(by_disk, offset, 64 * 1024, 8192, SEED + 3)]
     shared = inside + 4 * STRETCH  # two clients have a half of this sector each
     stretches += [Stretch(by_volume, shared, 256, SEED + 5), Stretch(by_disk, offset + shared + 256, 256, SEED + 6)]
     place = inside + 3 * STRETCH  # where two write to the same sectors

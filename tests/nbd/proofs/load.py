@@ -50,7 +50,8 @@ class Load:
                       f"iodepth={depth}", f"offset={offset}"]
         path = self.scratch / "jobs.fio"
         path.write_text("\n".join(lines) + "\n")
-        return path
+        # What fio remembers of a load that was cut off stays with the rest.
+        return "--aux-path", self.scratch, path
 
     def seen(self):
         (self.scratch / "seen").unlink(missing_ok=True)
@@ -61,7 +62,7 @@ class Load:
         return self.pc.status()["swap"]["usedBytes"]
 
     def run(self):
-        done = run("fio", "--output-format=json", "--output", self.scratch / "fio.json", self.jobs(SECONDS),
+        done = run("fio", "--output-format=json", "--output", self.scratch / "fio.json", *self.jobs(SECONDS),
                    timeout=SECONDS + 60)
         told = (self.scratch / "fio.json").read_text()
         total = json.loads(told[told.index("{"):])["jobs"][0]  # fio's remarks may come first
@@ -70,7 +71,7 @@ class Load:
         require(written > 1000 and read > 1000, f"that is no load: {done.stdout}")
 
     def kill_under(self):
-        fio = self.given.start("fio", self.jobs(60), output=self.scratch / "fio.txt")
+        fio = self.given.start("fio", *self.jobs(60), output=self.scratch / "fio.txt")
         proof.wait_until(lambda: self.used() > 8 * MIB, "the load begins", 20)
         time.sleep(UNDER_LOAD)
         require(fio.poll() is None, "fio ended before the server")

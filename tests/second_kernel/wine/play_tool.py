@@ -22,6 +22,9 @@ WITHOUT_DRIVER = [
     (3, [NOT_LOADED], ["status"]),
     (3, [NOT_LOADED], ["config", "get"]),
     (2, ["--machine is for hosted machines"], ["--machine", "x", "status"]),
+    (0, ["Hardening is set to on. It holds from the next start"], ["hardening", "on"]),
+    (0, ["Hardening is on for the next boot"], ["hardening"]),
+    (0, ['"now": null', '"nextBoot": false'], ["hardening", "off", "--json"]),
     (1, [":3: error: '[FV1]' is no section head"], ["config", "check", "{wrong}"]),
 ]
 WITH_VOLUMES = [
