@@ -22,6 +22,7 @@ constinit std::atomic<BOOLEAN> gProvisionQuit{};
 constinit KMUTEX gProvisionMutex{};
 constinit std::atomic<BOOLEAN> gHardening{};
 constinit std::atomic<BOOLEAN> gHardeningKnown{};
+constinit std::atomic<BOOLEAN> gBootStoreElsewhere{};
 
 // config/parser.h
 constinit std::atomic<BOOLEAN> gTesselEnabled{};
@@ -64,6 +65,7 @@ void InitializeFrameGlobals() {
     gVersionInfo = {};
     gHardening = FALSE;
     gHardeningKnown = FALSE;
+    gBootStoreElsewhere = FALSE;
 }
 
 void InitializeConfigGlobals() {

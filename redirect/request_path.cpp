@@ -86,8 +86,8 @@ BOOLEAN IsExemptFile(const FILE_REQUEST& request) {
     if (!IsConfigLocationComplete(request.Volume)) return FALSE;
     return IsForFile(request, SpecialFileNames.HiberFile) ||
            IsForFile(request, SpecialFileNames.HibernateFile) ||
-           IsForFile(request, SpecialFileNames.BootConfiguration) ||
-           IsForFile(request, SpecialFileNames.SystemBootStat);
+           IsForFile(request, SpecialFileNames.SystemBootStat) ||
+           (!gBootStoreElsewhere && IsForFile(request, SpecialFileNames.BootConfiguration));
 }
 
 void ProtectIfConfigured(PVOLUME_EXTENSION volume) {

@@ -36,8 +36,8 @@ void TraceRequest(const REQUEST_TRACE& trace, const FILE_REQUEST& request, LARGE
 
 // Under gHardening, for reads and writes alike: does the request belong on the volume's own sectors, because
 // the system reaches that file without the file system or before this driver redirects? The paging files, and
-// on the volume that holds the configuration the hibernation files, the boot configuration and the boot status
-// file.
+// on the volume that holds the configuration the hibernation files, the boot status file and, unless it lies
+// elsewhere, the boot configuration.
 [[nodiscard]] BOOLEAN IsExemptFile(const FILE_REQUEST& request);
 
 // Applies the configuration to a volume that is not protected yet.

@@ -7,6 +7,8 @@
 
 extern std::atomic<BOOLEAN> gHardening;
 extern std::atomic<BOOLEAN> gHardeningKnown;  // the registry was asked in this boot
+// Under gHardening: the boot configuration store does not lie on the volume that the system lies on.
+extern std::atomic<BOOLEAN> gBootStoreElsewhere;
 
 // Reads the switch at the first call of a boot, which comes with the first device that starts; later calls do
 // nothing, so a change of the value holds from the next boot on. IRQL: PASSIVE_LEVEL; takes no lock.

@@ -21,11 +21,9 @@ ULONG DataBytes(const UCHAR* information, ULONG returned) {
     return claimed < held ? claimed : held;
 }
 
-}  // namespace
-
-NTSTATUS OpenDriverKey(ACCESS_MASK access, KernelHandle* key) {
+NTSTATUS OpenKey(PCWSTR text, ACCESS_MASK access, KernelHandle* key) {
     UNICODE_STRING path;
-    RtlInitUnicodeString(&path, W("\\Registry\\Machine\\System\\kvr"));
+    RtlInitUnicodeString(&path, text);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, &path, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     HANDLE handle = nullptr;
@@ -35,18 +33,15 @@ NTSTATUS OpenDriverKey(ACCESS_MASK access, KernelHandle* key) {
     return status;
 }
 
-NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length) {
-    *length = 0;
-    KernelHandle key;
-    NTSTATUS status = OpenDriverKey(KEY_QUERY_VALUE, &key);
-    if (!NT_SUCCESS(status)) return status;
+NTSTATUS ReadValue(const KernelHandle& key, PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length) {
     const ULONG size = QueryInformationSize(key.Get(), name);
     if (size <= kDataOffset) return STATUS_INVALID_PARAMETER;
     PoolPtr<UCHAR> information = NewBuffer(size);
     if (!information) return STATUS_INSUFFICIENT_RESOURCES;
     // Another writer may have changed the value since its size was asked for: what came back is what counts.
     ULONG returned = 0;
-    status = ZwQueryValueKey(key.Get(), name, KeyValuePartialInformation, information.Get(), size, &returned);
+    const NTSTATUS status =
+        ZwQueryValueKey(key.Get(), name, KeyValuePartialInformation, information.Get(), size, &returned);
     if (!NT_SUCCESS(status)) return status;
     const ULONG bytes = DataBytes(information.Get(), returned < size ? returned : size);
     if (bytes == 0) return STATUS_INVALID_PARAMETER;
@@ -54,6 +49,30 @@ NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* leng
     *data = std::move(information);
     *length = bytes;
     return STATUS_SUCCESS;
+}
+
+}  // namespace
+
+NTSTATUS OpenDriverKey(ACCESS_MASK access, KernelHandle* key) {
+    return OpenKey(W("\\Registry\\Machine\\System\\kvr"), access, key);
+}
+
+NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length) {
+    *length = 0;
+    KernelHandle key;
+    const NTSTATUS status = OpenDriverKey(KEY_QUERY_VALUE, &key);
+    return NT_SUCCESS(status) ? ReadValue(key, name, data, length) : status;
+}
+
+NTSTATUS ReadSystemValue(PCWSTR text, PoolPtr<UCHAR>* data, ULONG* length) {
+    *length = 0;
+    KernelHandle key;
+    const NTSTATUS status =
+        OpenKey(W("\\Registry\\Machine\\System\\CurrentControlSet\\Control"), KEY_QUERY_VALUE, &key);
+    if (!NT_SUCCESS(status)) return status;
+    UNICODE_STRING name;
+    RtlInitUnicodeString(&name, text);
+    return ReadValue(key, &name, data, length);
 }
 
 BOOLEAN ReadDriverSwitch(PCWSTR text) {

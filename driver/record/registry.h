@@ -1,4 +1,4 @@
-// The driver's registry key and the one way in which its values are read. IRQL: PASSIVE_LEVEL.
+// The driver's registry key and the one way in which values are read. IRQL: PASSIVE_LEVEL.
 #pragma once
 #include "platform/owners.h"
 
@@ -8,6 +8,8 @@
 // or for which there is no memory is a failure status. The block holds at least `length` bytes, never more is
 // read.
 [[nodiscard]] NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length);
+// The same of a value that the system keeps about itself, in the key "Control" of its current control set.
+[[nodiscard]] NTSTATUS ReadSystemValue(PCWSTR name, PoolPtr<UCHAR>* data, ULONG* length);
 // Is the REG_DWORD value there, and not 0?
 [[nodiscard]] BOOLEAN ReadDriverSwitch(PCWSTR name);
 // REG_BINARY value; with `flush` it is on disk when this returns.

@@ -128,6 +128,27 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
         LoadHardening();
         EXPECT_EQ(wanted, gHardening) << "for the whole boot";
     }
+    const struct {
+        UCHAR hardening, firmware, system;  // 0: not told
+        bool elsewhere;
+    } stores[] = {{1, '2', '1', true},
+                  {0, '2', '1', false},
+                  {1, '1', '1', false},
+                  {1, 0, '1', false},
+                  {1, '2', 0, false}};
+    for (const auto& c : stores) {
+        registry.values[u"Hardening"] = {REG_DWORD, Image{c.hardening, 0, 0, 0}};
+        registry.values[u"FirmwareBootDevice"] = {REG_SZ, c.firmware ? Image{c.firmware, 0} : Image{}};
+        registry.values[u"SystemBootDevice"] = {REG_SZ, c.system ? Image{c.system, 0} : Image{}};
+        gHardeningKnown = FALSE;
+        LoadHardening();
+        EXPECT_EQ(c.elsewhere, gBootStoreElsewhere != FALSE);
+    }
+    registry.values[u"SystemBootDevice"] = {REG_SZ, Image(0x10000, 1)};
+    gHardeningKnown = FALSE;
+    LoadHardening();
+    EXPECT_FALSE(gBootStoreElsewhere);
+    gHardening = FALSE;
     registry.values[std::u16string(kName) + u"\\kvr.CFG"] = {REG_BINARY, Image(127, 1)};
     EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadConfigLocation(volume));
     EXPECT_FALSE(IsConfigLocationComplete(volume));

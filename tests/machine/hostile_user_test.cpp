@@ -111,6 +111,12 @@ protected:
         ASSERT_EQ(STATUS_SUCCESS, machine_->Registry().CreateKey(key));
         ASSERT_EQ(STATUS_SUCCESS,
                   machine_->Registry().Set(key, u"Hardening", {REG_DWORD, {UCHAR{GetParam()}, 0, 0, 0}}));
+        // The store lies on a volume of its own, as where the firmware starts from one.
+        constexpr char16_t control[] = u"\\Registry\\Machine\\System\\CurrentControlSet\\Control";
+        ASSERT_EQ(STATUS_SUCCESS, machine_->Registry().CreateKey(control));
+        for (const auto& [name, digit] : {std::pair{u"FirmwareBootDevice", '1'}, {u"SystemBootDevice", '2'}})
+            ASSERT_EQ(STATUS_SUCCESS,
+                      machine_->Registry().Set(control, name, {REG_SZ, {UCHAR(digit), 0, 0, 0}}));
         Install();
         PowerOn();
         for (unsigned number : {kSystem, kData}) LearnStorage(number);
@@ -327,6 +333,7 @@ protected:
                                      u"\\Users\\me\\pagefile.sys", u"\\Users\\me\\$Mft"})
             add(kData, name, false);
         add(kSystem, u"\\Users\\me\\bootstat.dat", true);
+        add(kSystem, u"\\Boot\\BCD", true);  // folders in the root are anybody's to make
         add(kSystem, u"\\Users\\me\\system32\\drivers\\kvr.cfg", false);
         return attempts;
     }

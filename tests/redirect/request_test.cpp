@@ -142,6 +142,9 @@ TEST_F(Requests, FewerFilesStayOnAHardenedVolume) {
         host::RemovePagingFile(&file.object);
     }
     EXPECT_NE(0, KeReadStateEvent(&gBootStatusEvent));
+    gBootStoreElsewhere = TRUE;
+    EXPECT_TRUE(IsRedirected(u"\\Boot\\BCD"));
+    Discard();
     for (auto& offset : volume->PreloadConfigLocation) offset = 0;
     EXPECT_EQ(0, Captured(0)) << "the tool was not writing";
     gConfigToolWrites = 1;

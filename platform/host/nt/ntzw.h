@@ -42,6 +42,7 @@ inline constexpr USHORT COMPRESSION_FORMAT_NONE = 0;
 inline constexpr ULONG FSCTL_SET_COMPRESSION = 0x9C040;
 inline constexpr ULONG REG_OPTION_NON_VOLATILE = 0;
 inline constexpr ULONG REG_OPENED_EXISTING_KEY = 2;
+inline constexpr ULONG REG_SZ = 1;
 inline constexpr ULONG REG_BINARY = 3;
 inline constexpr ULONG REG_DWORD = 4;
 
