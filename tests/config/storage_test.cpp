@@ -301,12 +301,12 @@ TEST_F(Storage, FilesAreLockedUnlessTheyAreShared) {
 TEST_F(Storage, WhatIsParsed) {
     Locate();
     Put(ImageOf(kText));
+    std::ranges::copy(ImageOf(kText), gConfigBuffer);
     for (const bool byTool : {true, false}) {
         gConfigWrittenByTool = byTool;
         EXPECT_EQ(STATUS_SUCCESS, KvrConfigure(volume->FilterDevice));
         EXPECT_EQ(byTool, !gTesselEnabled);
-        EXPECT_EQ(byTool ? Image(KVR_CONFIG_BYTES) : ImageOf(kTextAfter),
-                  Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
+        EXPECT_EQ(ImageOf(byTool ? kText : kTextAfter), Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
     }
     volume->PreloadConfigLocation[15] = 0;
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, KvrConfigure(volume->FilterDevice)) << "a piece is nowhere";

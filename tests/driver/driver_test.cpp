@@ -1,6 +1,7 @@
 // The driver's frame: loading, a device's life under the filter, and what waits for whom.
 #include <atomic>
 #include "control/provision_control.h"
+#include "driver/create_close.h"
 #include "driver/remove.h"
 #include "driver/shutdown.h"
 #include "driver/start.h"
@@ -50,6 +51,7 @@ TEST_F(Entry, WhatCannotBeMadeEndsTheLoad) {
     UNICODE_STRING link = Counted(u"\\DosDevices\\kvr"), old = Counted(u"\\Device\\old");
     ASSERT_EQ(STATUS_SUCCESS, IoCreateSymbolicLink(&link, &old));
     const auto mark = host::DebugMark();
+    gControlOpen = TRUE;  // when the power failed
     EXPECT_EQ(STATUS_SUCCESS, Load());
     EXPECT_EQ(1u, TimesSaid(mark, "Kvr!RtlGetVersion: dwMajorVersion=10, "));
     PFILE_OBJECT tool = nullptr;

@@ -127,6 +127,10 @@ TEST_F(Segments, SplitByChunksGivesEachPieceItsPlace) {
     EXPECT_EQ(SplitSegmentByChunks(volume, list), STATUS_SUCCESS);
     EXPECT_EQ(Runs(list),
               (std::vector<Cut>{{100 * S, 0, false, 100, 0, 8 * S}, {108 * S, 0, false, 108, 8 * S, 24 * S}}));
+    volume->BytesPerSector = 0;
+    EXPECT_EQ(SplitSegmentBySwapRuns(volume, list), STATUS_DEVICE_NOT_READY);
+    EXPECT_EQ(SplitSegmentByChunks(volume, list), STATUS_DEVICE_NOT_READY);
+    volume->BytesPerSector = S;
     ReleaseSegmentChunks(volume, list, FALSE, 0);
 }
 
