@@ -178,6 +178,8 @@ TEST_F(Protection, OfADisksPartitionTables) {
                               answer(at, length))
                         << at;
                 for (const auto& [at, length] : d.passed) EXPECT_EQ(STATUS_SUCCESS, answer(at, length)) << at;
+                Bytes back(d.sector);
+                EXPECT_EQ(STATUS_SUCCESS, Send(disk.stack.volume, IRP_MJ_READ, 0, back).status);
             }
         }
     }

@@ -2,7 +2,6 @@
 // from one disk copies only what each of them writes.
 #pragma once
 #include <array>
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -16,9 +15,6 @@ public:
 
     // `size` must be a multiple of `sectorSize`. Unwritten sectors read as zeros.
     MemoryDisk(std::uint64_t size, std::uint32_t sectorSize);
-    ~MemoryDisk() override;
-    MemoryDisk(const MemoryDisk&) = delete;
-    MemoryDisk& operator=(const MemoryDisk&) = delete;
 
     std::uint64_t Size() const override { return size_; }
     std::uint32_t SectorSize() const override { return sectorSize_; }
@@ -37,24 +33,21 @@ public:
     bool SameContent(const MemoryDisk& other) const { return DifferencesFrom(other).empty(); }
 
 private:
-    struct Chunk {
-        std::atomic<std::uint32_t> references{1};  // disks that hold it; only a sole holder writes to it
-        std::uint8_t data[kChunk];
-    };
+    using Chunk = std::array<std::uint8_t, kChunk>;
     static constexpr std::size_t kStripes = 64;
 
     // Calls `move` for each part of the range, with its chunk's index, where it begins in the chunk and in the
     // range, and its length, under the chunk's stripe.
     template <class Move>
     NTSTATUS ForEachChunk(std::uint64_t offset, std::size_t length, const Move& move);
-    static void Release(Chunk* chunk);
     void CompareChunk(const MemoryDisk& other, std::size_t index, std::vector<Range>& found) const;
-    Chunk* MakeWritable(std::size_t index);  // with the stripe of `index` held
+    Chunk& MakeWritable(std::size_t index);  // with the stripe of `index` held
     std::mutex& StripeOf(std::size_t index) const { return stripes_[index % kStripes]; }
 
     std::uint64_t size_;
     std::uint32_t sectorSize_;
-    std::vector<Chunk*> chunks_;  // null: zeros; a slot is guarded by its stripe
+    // Null: zeros. A slot is guarded by its stripe; only the sole holder of a chunk writes to it.
+    std::vector<std::shared_ptr<Chunk>> chunks_;
     mutable std::array<std::mutex, kStripes> stripes_;
 };
 

@@ -161,8 +161,9 @@ TEST(Machine, RemovalAsksFirstAndTakesAllOrNothing) {
     EXPECT_EQ(nullptr, machine.VolumeOf(3)) << "what was unplugged stays unplugged";
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, machine.RemoveVolume(1));
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, machine.RemoveDisk(0));
-    EXPECT_EQ(2u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_CANCEL_REMOVE_DEVICE));
-    EXPECT_EQ(0u, stand_in::CountOf(IRP_MJ_PNP, IRP_MN_REMOVE_DEVICE));
+    const auto seen = stand_in::TakeSeen();
+    EXPECT_EQ(2u, DevicesOf(seen, IRP_MJ_PNP, IRP_MN_CANCEL_REMOVE_DEVICE).size());
+    EXPECT_TRUE(DevicesOf(seen, IRP_MJ_PNP, IRP_MN_REMOVE_DEVICE).empty());
     EXPECT_EQ(STATUS_SUCCESS, machine.Write(1, 0, sector, 512));
 }
 

@@ -23,6 +23,7 @@ protected:
     // A volume with NTFS that keeps its changes, the driver's Hardening as the parameter says.
     void SetUp() override {
         options_.dataBytes = 112 * kMiB;
+        options_.hardened = GetParam() != 0;
         options_.dataFileSystem = machine::AnyFileSystem().mount;
         options_.atShutdown = [this](ShutdownStep step) {
             if (atShutdown_) atShutdown_(step);
@@ -31,10 +32,6 @@ protected:
         const Bytes& fresh = kNtfs.Fresh(options_.dataBytes - computer_->DataOffset());
         ASSERT_EQ(STATUS_SUCCESS,
                   computer_->DataDisk().Write(computer_->DataOffset(), fresh.data(), fresh.size()));
-        ASSERT_EQ(STATUS_SUCCESS, Hardware().Registry().CreateKey(kKey));
-        ASSERT_EQ(STATUS_SUCCESS,
-                  Hardware().Registry().Set(kKey, u"Hardening",
-                                            {REG_DWORD, {static_cast<UCHAR>(GetParam()), 0, 0, 0}}));
         support::PowerOn(*computer_);
         FindRawFile();
         Hardware().Shutdown();

@@ -453,19 +453,6 @@ TEST_F(Requests, EverythingIsRefusedOnAProtectedRemovableVolume) {
     EXPECT_EQ(STATUS_SUCCESS, Write(stick, kAt, Bytes(S)).status);
 }
 
-TEST_F(Requests, FirstSectorOfAProtectedVolumesDiskIsRefused) {
-    StackMemory& disk = AddMemoryDisk(u"\\Device\\Harddisk0\\DR0");
-    PVOLUME_EXTENSION record = disk.stack.volume;
-    const Bytes data(S, 1);
-    EXPECT_EQ(STATUS_SUCCESS, Write(record, 0, data).status);
-    Protect();
-    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(record, 0, data).status);
-    EXPECT_EQ(STATUS_SUCCESS, Write(record, S, data).status);
-    EXPECT_EQ(1, disk.data[S]);
-    Bytes back(S);
-    EXPECT_EQ(STATUS_SUCCESS, Send(record, IRP_MJ_READ, 0, back).status);
-}
-
 // It would wait for itself, or for a write that waits for it.
 TEST_F(Requests, AWriteFromWithinAWriteDoesNotWait) {
     Protect();

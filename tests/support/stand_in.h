@@ -14,8 +14,6 @@ struct Seen {
     UCHAR minor;
     std::u16string device;  // the name of the stack's bottom
     LONGLONG offset;        // reads and writes
-    ULONG length;
-    std::u16string file;  // name of the file object, if any
 };
 
 struct Plan {
@@ -26,7 +24,6 @@ struct Plan {
 // One boot's record; Reset() before each boot.
 void Reset(const Plan& plan = {});
 std::vector<Seen> TakeSeen();
-unsigned CountOf(UCHAR major, int minor = -1);
 
 NTSTATUS Entry(PDRIVER_OBJECT driver, PUNICODE_STRING path);
 

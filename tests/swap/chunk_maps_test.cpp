@@ -149,7 +149,12 @@ TEST_F(ChunkMaps, WhatChangesTheMapsIsSavedNextTime) {
         [&] { EXPECT_EQ(Lock(0x10000, S, &chain), STATUS_SUCCESS); },
         [&] { EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS); },
         [&] { Redirect(0x20000, 8000 * S, S); },
-        [&] { DiscardSwappedChunks(volume); },
+        [&] {
+            AddSwapMapChunk(volume, M, 4096);
+            DiscardSwappedChunks(volume);
+            FastMutexLock lock(volume->SwapLock);
+            EXPECT_EQ(volume->MapFileChunks.Root, &TreeNil);
+        },
         [&] { MergeSwapIntoVolume(volume->FilterDevice); },
         [&] { ForgetMaps(); },
     };
@@ -158,21 +163,6 @@ TEST_F(ChunkMaps, WhatChangesTheMapsIsSavedNextTime) {
         change();
         EXPECT_TRUE(volume->MapDirty) << &change - changes;
     }
-}
-
-TEST_F(ChunkMaps, DiscardedRedirectionsBecomeFreeSpace) {
-    AddFree(100 * M, S);
-    Redirect(0, 7000 * S, 4 * S);
-    Redirect(10 * S, 8000 * S, 2 * S, 1);
-    AddSwapMapChunk(volume, 1 * M, 4096);
-    Attach();
-    DiscardSwappedChunks(volume);
-    EXPECT_EQ(Used(), 0u);
-    EXPECT_EQ(FreeSpace(), (FreeList{{7000 * S, 4 * S}, {8000 * S, 2 * S}, {100 * M, S}}));
-    EXPECT_EQ(volume->SwapFile.load()->ulFreeBytes.load(), 7 * S);
-    FastMutexLock lock(volume->SwapLock);
-    EXPECT_EQ(volume->SwappedChunks.Root, &TreeNil);
-    EXPECT_EQ(volume->MapFileChunks.Root, &TreeNil);
 }
 
 TEST_F(ChunkMaps, RunsOfTheMapFileThatNoLocationCanNameAreLeftOut) {

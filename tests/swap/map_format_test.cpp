@@ -373,19 +373,4 @@ TEST_F(MapFormat, TheReaderTrustsNothing) {
     EXPECT_EQ(STATUS_END_OF_FILE, LoadEntries({Entry(7, 7, 1), Entry(9, 0, 1)}));  // empty slots
 }
 
-TEST_F(MapFormat, ShortMemoryEndsTheLoad) {
-    for (const bool free : {false, true}) {
-        for (const ULONGLONG n : {1, 2}) {
-            const std::vector<SWAP_MAP_ENTRY> run = {Entry(free ? kFreeSpaceMark : 5, 100, 4),
-                                                     Entry(50, 200, 4)};
-            // The first allocation is the test's own buffer.
-            EXPECT_EQ(n == 1 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_UNSUCCESSFUL,
-                      Starved(n + 1, [&] { return LoadEntries(run); }));
-            EXPECT_NE(std::string::npos,
-                      LastSaid().find(n == 1 ? "STATUS_INSUFFICIENT_RESOURCES" : "STATUS_UNSUCCESSFUL"));
-            EXPECT_EQ(0u, Used() + Free());
-        }
-    }
-}
-
 }  // namespace
