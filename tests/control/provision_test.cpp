@@ -3,7 +3,6 @@
 #include "control/provision_control.h"
 #include "control/reports.h"
 #include "platform/host/object/object.h"
-#include "swap/map_boot.h"
 #include "swap/provision.h"
 #include "tests/support/memory_stack.h"
 #include "tests/support/told_files.h"
@@ -11,6 +10,7 @@
 namespace {
 
 constexpr LONGLONG M = 1 << 20;
+constexpr MAP_LOCATION_ENTRY kRun = {0x1000, 4096};
 
 class Provisioning : public MemoryStackTest {
 protected:
@@ -67,12 +67,6 @@ protected:
         ObDereferenceObject(thread);
         KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
         return status;
-    }
-    void Locate() {
-        MAP_LOCATION_ENTRY* run = NewRecord<MAP_LOCATION_ENTRY>().Release();
-        *run = {0x1000, 4096};
-        EXPECT_EQ(STATUS_SUCCESS, RegSetMapLocation(volume, run, sizeof(*run)));
-        PublishMapLocation(volume, run, sizeof(*run));
     }
     static std::u16string Numbered(int i) {
         return u"\\kvr.SWP." +
@@ -257,7 +251,8 @@ TEST_F(Provisioning, WhatEndsItEarly) {
 
 // The location goes before the files, and nothing is protected by storage that has gone.
 TEST_F(Provisioning, RemovalForgetsBeforeItDeletes) {
-    Locate();
+    Locate({kRun});
+    EXPECT_EQ(STATUS_SUCCESS, RegSetMapLocation(volume, &kRun, sizeof(kRun)));
     AddFree(kSwap, S);
     Redirect(0, kSwap + S, S);
     volume->SwapState = kSwapMapBad;
@@ -295,8 +290,7 @@ TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
     host::MountProvider(memory.stack.pdo.object, &files);
     const SWAP_CONFIG_REQUEST request = For(name.c_str());  // fills the field to its end
     EXPECT_EQ(leaving, FindRequestedVolume(&request).Get());
-    MAP_LOCATION_ENTRY* run = NewRecord<MAP_LOCATION_ENTRY>().Release();
-    PublishMapLocation(leaving, run, sizeof(*run));
+    Locate(leaving, {{}});
     AddFree(leaving, kSwap, S);
     ASSERT_EQ(STATUS_SUCCESS, StartArmThread(leaving));
     host::JoinSystemThreads();
@@ -310,7 +304,7 @@ TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
 TEST_F(Provisioning, HoldingTheFiles) {
     EXPECT_EQ(STATUS_SUCCESS, Arm());
     EXPECT_EQ(1u, files.opens.size()) << "without storage the driver's own file";
-    Locate();
+    Locate({kRun});
     constexpr NTSTATUS missing = STATUS_OBJECT_NAME_NOT_FOUND;
     const struct {
         std::map<std::u16string, NTSTATUS> fails;

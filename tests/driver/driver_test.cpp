@@ -9,7 +9,6 @@
 #include "platform/host/io/device.h"
 #include "platform/host/rtl/version.h"
 #include "redirect/write_cache.h"
-#include "swap/map_boot.h"
 #include "swap/provision.h"
 #include "tests/support/memory_stack.h"
 
@@ -288,9 +287,7 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     FilteredStack& unprotected = AddMemory({.name = u"\\Device\\V2"}).stack;
     Protect();
     Attach();
-    auto* run = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(sizeof(MAP_LOCATION_ENTRY)));
-    *run = {static_cast<ULONG>(map / S), 4096};
-    PublishMapLocation(volume, run, sizeof(*run));
+    Locate({{map / S, 4096}});
     ASSERT_EQ(STATUS_SUCCESS, Write(volume, 100 * S, Data(S, 1)).status);
     host::NotifyShutdown();
     int flushes = device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS);

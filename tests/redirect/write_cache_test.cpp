@@ -1,6 +1,5 @@
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
-#include "swap/map_boot.h"
 #include "tests/support/memory_stack.h"
 #include "tests/support/paged_out_text.h"
 
@@ -120,9 +119,7 @@ TEST_F(WriteCache, AStatusBlockThatIsGoneFailsTheRequestAlone) {
 // What a flush and a shutdown write out, and of which volumes.
 TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
     SWAP_FILE* attached = swapFile;
-    MAP_LOCATION_ENTRY* location = NewRecord<MAP_LOCATION_ENTRY>().Release();
-    *location = {0x1000, 4096};
-    PublishMapLocation(volume, location, sizeof(*location));
+    Locate({{0x1000, 4096}});
     const struct {
         const char* what;
         std::function<void(bool)> prevent;

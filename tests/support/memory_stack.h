@@ -7,6 +7,7 @@
 #include "platform/host/check/verifier.h"
 #include "swap/swap_file.h"
 #include "swap/chunk_maps.h"
+#include "swap/map_boot.h"
 #include "tests/support/loaded_driver.h"
 #include "tests/support/map_invariants.h"
 #include "tests/support/memory_registry.h"
@@ -228,6 +229,14 @@ protected:
             list.emplace_back(c.liSwapOffset.QuadPart, c.uLength);
         return list;
     }
+    // The runs of the saved map, as a boot finds them.
+    static void Locate(PVOLUME_EXTENSION of, const std::vector<MAP_LOCATION_ENTRY>& runs) {
+        const SIZE_T bytes = runs.size() * sizeof(MAP_LOCATION_ENTRY);
+        auto* location = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(bytes));
+        std::memcpy(location, runs.data(), bytes);
+        PublishMapLocation(of, location, static_cast<ULONG>(bytes));
+    }
+    void Locate(const std::vector<MAP_LOCATION_ENTRY>& runs) { Locate(volume, runs); }
     void ForgetMaps() { ResetSwapMaps(volume->FilterDevice); }
 
     support::MemoryRegistry registry;

@@ -1,4 +1,3 @@
-#include "swap/map_boot.h"
 #include "tests/support/memory_stack.h"
 #include "tests/support/paged_out_text.h"
 

@@ -38,10 +38,7 @@ protected:
             AddFree((1ll << 30) + static_cast<LONGLONG>(done),
                     static_cast<ULONG>(std::min<ULONG64>(freeBytes - done, 1 << 20)));
         SetLocation({{kMap / S, 4096}, {kMap / S + 8, 4096}});
-        MAP_LOCATION_ENTRY* location = nullptr;
-        ULONG length = 0;
-        ASSERT_EQ(STATUS_SUCCESS, RegGetMapLocation(volume, &location, &length));
-        PublishMapLocation(volume, location, length);
+        Locate({{kMap / S, 4096}, {kMap / S + 8, 4096}});
         WriteSwapMap(volume->FilterDevice, TRUE);
         ForgetMapLocation(volume);
         ForgetMaps();

@@ -1,7 +1,6 @@
 #include "swap/map_format.h"
 #include <random>
 #include "driver/record/hardening.h"
-#include "swap/map_boot.h"
 #include "redirect/segments.h"
 #include "tests/support/memory_stack.h"
 
@@ -14,12 +13,6 @@ protected:
     void SetUp() override {
         MemoryStackTest::SetUp();
         Attach();
-    }
-    void Locate(const std::vector<MAP_LOCATION_ENTRY>& runs) {
-        const SIZE_T bytes = runs.size() * sizeof(MAP_LOCATION_ENTRY);
-        auto* location = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(bytes));
-        std::memcpy(location, runs.data(), bytes);
-        PublishMapLocation(volume, location, static_cast<ULONG>(bytes));
     }
     // The n-th allocation in it fails; 0: none does.
     void Save(ULONGLONG n = 0) {

@@ -56,6 +56,14 @@ void WakeComputer(Computer* computer);
 void EndComputer(Computer* computer);
 // Sends the system's power state down every stack, the volumes' first; while asleep the media take no transfer.
 void SetPower(Computer* computer, SYSTEM_POWER_STATE state);
+// A boot of a story: the computer is booted, played with and shut down.
+template <const ComputerOptions& options, void (*play)(Computer*)>
+void InBoot() {
+    Computer* computer = BootComputer(options);
+    if (!computer) return;
+    play(computer);
+    EndComputer(computer);
+}
 [[nodiscard]] PDEVICE_OBJECT TopOfData(Computer* computer);
 [[nodiscard]] PDEVICE_OBJECT TopOfSystem(Computer* computer);
 

@@ -201,11 +201,8 @@ void WriteTwice(Computer* computer, bool keepsNewer) {
 
 // ---- the boots -------------------------------------------------------------------------------------------
 
-void Make() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void Make(Computer* computer) {
     Install(computer, kText, kStorage);
-    EndComputer(computer);
 }
 
 // The configuration cannot be read at first, and the thread that holds the files cannot be made at first.
@@ -262,4 +259,4 @@ void UseAgain() {
 }  // namespace
 
 const Story kFaultsStory = {
-    "faults", "what fails ends, leaks nothing and spoils nothing", {Make, Use, UseAgain}};
+    "faults", "what fails ends, leaks nothing and spoils nothing", {InBoot<kOptions, Make>, Use, UseAgain}};

@@ -56,9 +56,7 @@ void NamesPassNothing() {
 }
 
 // Protection that cannot be had is no licence to write; whoever makes the storage anew gets it back.
-void BadMapTakesNoWrites() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void BadMapTakesNoWrites(Computer* computer) {
     WakeComputer(computer);
     stage::Step("a damaged map");
     Bytes data(512, 0x33);
@@ -71,20 +69,17 @@ void BadMapTakesNoWrites() {
     stage::CheckStatus(ReadAt(TopOfData(computer), kPlace, data.data(), 512), STATUS_SUCCESS, "a read");
     stage::Check(IsConfig(&computer->User, kText), "the tool reads the configuration");
     CheckHeld(computer);  // the new files: the old ones were held before
-    EndComputer(computer);
 }
 
-void ProtectedAgain() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void ProtectedAgain(Computer* computer) {
     WakeComputer(computer);
     CheckProtected(computer, kStorage);
     CheckOwnSectors(computer);
-    EndComputer(computer);
 }
 
 }  // namespace
 
 const Story kHardenedStory = {"hardened",
                               "what the stricter rules pass and refuse",
-                              {InstallHardened, NamesPassNothing, BadMapTakesNoWrites, ProtectedAgain}};
+                              {InstallHardened, NamesPassNothing, InBoot<kOptions, BadMapTakesNoWrites>,
+                               InBoot<kOptions, ProtectedAgain>}};

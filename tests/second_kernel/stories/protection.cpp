@@ -112,22 +112,16 @@ void Work(Computer* computer, const Plan& plan, ULONG seed) {
 
 // ---- kept ------------------------------------------------------------------------------------------------
 
-void KeepWork() {
-    Computer* computer = Wake(kKeepPlan);
-    if (!computer) return;
+void KeepWork(Computer* computer) {
     Work(computer, kKeepPlan, 10);
-    End(computer);
 }
 
 // Kept; more work over it; the next boot is to discard, once.
-void KeepMore() {
-    Computer* computer = Wake(kKeepPlan);
-    if (!computer) return;
+void KeepMore(Computer* computer) {
     stage::Step("the redirections were kept");
     CheckThroughStack(computer);
     Work(computer, kKeepPlan, 20);
     stage::CheckStatus(SetConfig(&computer->User, kDiscardOnce), STATUS_SUCCESS, "discard once");
-    End(computer);
 }
 
 // A write to the volume with the configuration file lets the driver reset what counts once.
@@ -138,16 +132,13 @@ void CheckActionReset(Computer* computer, const WCHAR* text) {
     stage::Check(IsConfig(&computer->User, text), "the configuration's text");
 }
 
-void KeepDiscardedOnce() {
-    Computer* computer = Wake(kKeepPlan);
-    if (!computer) return;
+void KeepDiscardedOnce(Computer* computer) {
     stage::Step("the redirections were discarded");
     CheckOwnSectors(computer);
     ForgetModel(computer);
     CheckThroughStack(computer);
     CheckActionReset(computer, kKeep);
     Work(computer, kKeepPlan, 30);
-    End(computer);
 }
 
 void KeepAgain() {
@@ -183,15 +174,12 @@ void KeepDamaged() {
 
 // ---- discarded -------------------------------------------------------------------------------------------
 
-void DiscardWork() {
-    Computer* computer = Wake(kDiscardPlan);
-    if (!computer) return;
+void DiscardWork(Computer* computer) {
     stage::Step("nothing is redirected");
     CheckOwnSectors(computer);
     ForgetModel(computer);
     CheckThroughStack(computer);
     Work(computer, kDiscardPlan, 40);
-    End(computer);
 }
 
 // ---- merged ----------------------------------------------------------------------------------------------
@@ -212,19 +200,14 @@ void WriteHive(Computer* computer) {
     stage::Check(IsSame(data.data(), back.data(), length), "this boot sees it");
 }
 
-void MergeWork() {
-    Computer* computer = Wake(kMergePlan);
-    if (!computer) return;
+void MergeWork(Computer* computer) {
     Work(computer, kMergePlan, 50);
     stage::CheckStatus(SetConfig(&computer->User, kMergeOnce), STATUS_SUCCESS, "merge once");
     WriteHive(computer);
-    End(computer);
 }
 
 // What was redirected is on the volume now; new work is redirected over it.
-void MergeDone() {
-    Computer* computer = Wake(kMergePlan);
-    if (!computer) return;
+void MergeDone(Computer* computer) {
     stage::Step("the redirections were merged");
     std::memcpy(OwnSectors(), Model(), kWorkBytes);
     CheckOwnSectors(computer);
@@ -232,17 +215,21 @@ void MergeDone() {
     CheckThroughStack(computer);
     CheckActionReset(computer, kDiscard);
     Work(computer, kMergePlan, 60);
-    End(computer);
 }
 
-void MergeNotAgain() {
-    Computer* computer = Wake(kMergePlan);
-    if (!computer) return;
+void MergeNotAgain(Computer* computer) {
     stage::Step("the later redirections were discarded, not merged");
     CheckOwnSectors(computer);
     ForgetModel(computer);
     CheckThroughStack(computer);
     CheckProtected(computer, kMergePlan.storage);
+}
+
+template <const Plan& plan, void (*play)(Computer*)>
+void InPlan() {
+    Computer* computer = Wake(plan);
+    if (!computer) return;
+    play(computer);
     End(computer);
 }
 
@@ -251,11 +238,13 @@ void MergeNotAgain() {
 const Story kProtectionKeepStory = {
     "protection_keep",
     "redirections kept, and discarded once",
-    {[] { InstallBoot(kKeepPlan, kKeep); }, KeepWork, KeepMore, KeepDiscardedOnce, KeepAgain, KeepDamaged}};
+    {[] { InstallBoot(kKeepPlan, kKeep); }, InPlan<kKeepPlan, KeepWork>, InPlan<kKeepPlan, KeepMore>,
+     InPlan<kKeepPlan, KeepDiscardedOnce>, KeepAgain, KeepDamaged}};
 const Story kProtectionDiscardStory = {"protection_discard",
                                        "redirections discarded at every boot, large sectors",
-                                       {[] { InstallBoot(kDiscardPlan, kDiscard); }, DiscardWork, DiscardWork}};
-const Story kProtectionMergeStory = {
-    "protection_merge",
-    "redirections merged once",
-    {[] { InstallBoot(kMergePlan, kDiscard); }, MergeWork, MergeDone, MergeNotAgain}};
+                                       {[] { InstallBoot(kDiscardPlan, kDiscard); },
+                                        InPlan<kDiscardPlan, DiscardWork>, InPlan<kDiscardPlan, DiscardWork>}};
+const Story kProtectionMergeStory = {"protection_merge",
+                                     "redirections merged once",
+                                     {[] { InstallBoot(kMergePlan, kDiscard); }, InPlan<kMergePlan, MergeWork>,
+                                      InPlan<kMergePlan, MergeDone>, InPlan<kMergePlan, MergeNotAgain>}};

@@ -97,19 +97,14 @@ void ProvisionInMarkedFolder(Computer* computer) {
     computer->DataFiles->FolderMarks = 0;
 }
 
-void Play() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void Play(Computer* computer) {
     stage::CheckEqual(stage::PoolBlocks(), 0, "pool blocks of an idle driver");
     StopInTheMiddle(computer);
     Provision(computer);
-    EndComputer(computer);
 }
 
 // The storage of the earlier boot is found again, as it was saved, when a configuration asks for it.
-void PlayAgain() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void PlayAgain(Computer* computer) {
     stage::Step("the storage of the earlier boot is replaced");
     stage::CheckStatus(StartStorage(&computer->User, DATA_VOLUME, kStorage), STATUS_SUCCESS, "the request");
     (void)WaitForStorage(&computer->User, DATA_VOLUME);
@@ -118,10 +113,10 @@ void PlayAgain() {
     stage::Check(computer->DataFiles->Find(W("\\kvr.SWP.01")) == nullptr, "the numbered files are gone");
     stage::Step("remove the storage");
     RemoveStorage(computer, 0);
-    EndComputer(computer);
 }
 
 }  // namespace
 
-const Story kProvisioningStory = {
-    "provisioning", "storage made, stopped and removed by the driver's threads", {Play, PlayAgain}};
+const Story kProvisioningStory = {"provisioning",
+                                  "storage made, stopped and removed by the driver's threads",
+                                  {InBoot<kOptions, Play>, InBoot<kOptions, PlayAgain>}};

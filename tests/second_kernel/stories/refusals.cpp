@@ -173,13 +173,10 @@ void TryOthers(Computer* computer) {
 
 // ---- the boots -------------------------------------------------------------------------------------------
 
-void Off() {
-    Computer* computer = BootComputer(kOptions);
-    if (!computer) return;
+void Off(Computer* computer) {
     Install(computer, kText, kStorage);
     stage::Step("while protection is off nothing is refused");
     for (PDEVICE_OBJECT device : {computer->System, computer->Data, computer->Disk}) TryAll(device, Place::Off);
-    EndComputer(computer);
 }
 
 void TryEverywhere(Place guarded, Place disk) {
@@ -214,4 +211,4 @@ void Hardened() {
 }  // namespace
 
 const Story kRefusalsStory = {
-    "refusals", "what is refused on protected volumes and their disks", {Off, On, Hardened}};
+    "refusals", "what is refused on protected volumes and their disks", {InBoot<kOptions, Off>, On, Hardened}};
