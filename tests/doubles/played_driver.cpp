@@ -26,7 +26,7 @@ private:
 
 }  // namespace
 
-machine::FileSystemDriver PlayedDriver(std::shared_ptr<PlayedFiles> files, std::uint64_t begin,
+machine::FileSystemDriver PlayedDriver(const std::shared_ptr<PlayedFiles>& files, std::uint64_t begin,
                                        std::uint64_t end) {
     machine::FileSystemDriver driver;
     driver.mount = [=](machine::VolumeIo& io, NTSTATUS& status) -> std::unique_ptr<machine::FileSystem> {

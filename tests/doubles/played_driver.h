@@ -5,5 +5,5 @@
 
 // Mounts the files in bytes [begin, end) of the volume: reads its first sector, as any file system does, and
 // fails as that does.
-machine::FileSystemDriver PlayedDriver(std::shared_ptr<PlayedFiles> files, std::uint64_t begin,
+machine::FileSystemDriver PlayedDriver(const std::shared_ptr<PlayedFiles>& files, std::uint64_t begin,
                                        std::uint64_t end);

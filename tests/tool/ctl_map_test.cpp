@@ -103,6 +103,23 @@ TEST(CtlMap, DamageIsTold) {
     EXPECT_EQ("", Complaint([&] { whole.Read(); }));
 }
 
+TEST(CtlMap, ASaveUnderWayIsWaitedForAndDamageIsNot) {
+    for (const bool saved : {true, false}) {
+        MapVolume volume;
+        volume.machine.AddFixed(kVolume);
+        const SWAP_MAP_ENTRY good = volume.entries[0];
+        volume.entries[0].ulSwapSector ^= 1;
+        EXPECT_THROW(volume.Read(), DamagedMap);
+        unsigned pauses = 0;
+        const Result result = RunOn(volume.machine, {"map", "V"}, [&] {
+            if (++pauses == 2 && saved) volume.entries[0] = good, volume.Read();
+            return true;
+        });
+        EXPECT_EQ(saved ? kExitOk : kExitFailed, result.exitCode) << result.err;
+        EXPECT_EQ(saved ? 2u : 19u, pauses);
+    }
+}
+
 TEST(CtlMap, PictureShowsEverySector) {
     MapVolume volume;
     const SavedMap map = volume.Read();

@@ -14,6 +14,9 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
+constexpr int kLooks = 20;
+constexpr std::chrono::milliseconds kBetweenLooks{100};
+
 std::string SummaryText(const SavedMap& map, const MapSummary& summary) {
     const auto size = [&](std::uint64_t sectors) { return SizeText(sectors * map.sectorBytes); };
     const std::uint64_t swap = summary.redirectedSectors + summary.freeSectors;
@@ -51,14 +54,13 @@ Json MapJson(const SavedMap& map, const MapSummary& summary, const std::u16strin
             {"free", free}};
 }
 
-// The driver saves in place: who reads meanwhile sees a map that is none. Damage lasts.
-SavedMap ReadWhenSaved(const Context& context, const std::u16string& volume) {
-    constexpr std::chrono::milliseconds kPause{200};
-    for (unsigned attempts = 10;; --attempts) {
+// The driver makes its map unusable for the moment in which it writes it anew.
+SavedMap ReadWholeMap(const Context& context, const std::u16string& volume) {
+    for (int left = kLooks;; --left) {
         try {
             return ReadSavedMap(context.world, volume);
-        } catch (const MapDamaged&) {
-            if (attempts == 0 || !context.terminal.Pause(kPause)) throw;
+        } catch (const DamagedMap&) {
+            if (left == 1 || !context.terminal.Pause(kBetweenLooks)) throw;
         }
     }
 }
@@ -71,7 +73,7 @@ int ShowMap(const Context& context, const MapOptions& options) {
         Client client = context.Open(Access::Read);
         volume = FindVolume(KnownVolumes(client), options.volume).name;
     }
-    const SavedMap map = ReadWhenSaved(context, volume);
+    const SavedMap map = ReadWholeMap(context, volume);
     const MapSummary summary = Summarize(map);
     std::ostream& out = context.terminal.out;
     if (!options.svg.empty()) WriteFile(options.svg, MapSvg(map, ShortName(volume)));

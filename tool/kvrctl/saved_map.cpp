@@ -11,7 +11,7 @@ namespace {
 constexpr std::uint32_t kMostRead = 1024 * 1024;  // bytes at a time
 
 [[noreturn]] void Damaged(const std::string& what) {
-    throw MapDamaged("the saved map is damaged: " + what);
+    throw DamagedMap("the saved map is damaged: " + what);
 }
 
 class MapReader {

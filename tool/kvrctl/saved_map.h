@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 #include <vector>
-#include "client/failure.h"
 #include "formats/saved_map.h"
+#include "client/failure.h"
 #include "tool/kvrctl/world.h"
 
 namespace ctl {
@@ -29,12 +29,13 @@ struct SavedMap {
     std::uint64_t slots = 0;                  // entries for which the map has room
 };
 
-struct MapDamaged : Failure {
+// Where, in words. So it looks in the middle of a save as well.
+class DamagedMap : public Failure {
+public:
     using Failure::Failure;
 };
 
-// Throws Failure when there is no map, MapDamaged with where when it makes no sense: it is damaged, or the
-// driver is saving it at this moment.
+// Throws DamagedMap, and Failure when there is no map.
 SavedMap ReadSavedMap(World& world, const std::u16string& volume);
 
 // ---- what it tells ----
