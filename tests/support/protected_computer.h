@@ -1,5 +1,5 @@
 // A hosted computer for whole-driver tests: a small system disk (volume 1) and a data disk (volume 2) in
-// memory, scripted file systems on both, the real driver in every stack, and a clock that stands until the test
+// memory, played file systems on both, the real driver in every stack, and a clock that stands until the test
 // moves it.
 #pragma once
 #include <memory>
@@ -43,7 +43,7 @@ struct ComputerOptions {
     // large as it gets.
     ULONG piece = 0;
     ULONG gap = 0;
-    // Mounts on the data volume in the place of scripted files.
+    // Mounts on the data volume in the place of played files.
     machine::FileSystemFactory dataFileSystem = {};
     bool hardened = false;  // the registry's Hardening, from the first boot on
     std::function<void(machine::ShutdownStep)> atShutdown = {};
