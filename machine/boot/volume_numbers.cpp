@@ -8,8 +8,6 @@ namespace {
 
 constexpr char16_t kKey[] = u"\\Registry\\Machine\\System\\MountedDevices";
 
-constexpr std::ptrdiff_t kSignatureBytes = 4;
-
 std::u16string NameOf(unsigned number) {
     return u"\\Device\\HarddiskVolume" + Decimal(number);
 }
@@ -23,17 +21,17 @@ std::optional<KnownVolume> Decode(const host::RegistryValue& value) {
 
 // Does it tell the partition on any disk?
 bool IsUnique(const std::vector<std::uint8_t>& identity) {
-    const auto set = [](std::uint8_t byte) { return byte != 0; };
-    return identity.size() >= kSignatureBytes &&
-           (identity.size() == sizeof(Guid) ||
-            std::any_of(identity.begin(), identity.begin() + kSignatureBytes, set));
+    if (identity.size() == sizeof(Guid)) return true;
+    std::uint32_t signature = 0;
+    for (std::size_t i = 0; i < sizeof signature && i < identity.size(); ++i) signature |= identity[i];
+    return signature != 0;
 }
 
 host::RegistryValue Encode(const KnownVolume& volume) {
-    host::RegistryValue value{REG_BINARY, {}};
-    for (unsigned byte = 0; byte < sizeof(std::uint32_t); ++byte)
-        value.data.push_back(static_cast<UCHAR>(volume.disk >> (8 * byte)));
-    value.data.insert(value.data.end(), volume.identity.begin(), volume.identity.end());
+    const std::uint32_t disk = volume.disk;
+    host::RegistryValue value{REG_BINARY, std::vector<UCHAR>(sizeof disk + volume.identity.size())};
+    std::memcpy(value.data.data(), &disk, sizeof disk);
+    std::copy(volume.identity.begin(), volume.identity.end(), value.data.begin() + sizeof disk);
     return value;
 }
 

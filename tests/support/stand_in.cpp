@@ -1,5 +1,4 @@
 #include "tests/support/stand_in.h"
-#include <new>
 #include "platform/host/object/namespace.h"
 #include "platform/owners.h"
 
@@ -9,7 +8,7 @@ namespace {
 struct Filter {
     PDEVICE_OBJECT below;
     bool isDisk;
-    std::u16string name;
+    WCHAR name[64];
 };
 
 Plan plan;
@@ -25,7 +24,6 @@ NTSTATUS End(PIRP irp, NTSTATUS status) {
 void Leave(PDEVICE_OBJECT device) {
     auto* filter = static_cast<Filter*>(device->DeviceExtension);
     IoDetachDevice(filter->below);
-    filter->~Filter();
     IoDeleteDevice(device);
 }
 
@@ -60,12 +58,13 @@ NTSTATUS AddDevice(PDRIVER_OBJECT driver, PDEVICE_OBJECT pdo) {
     const NTSTATUS status =
         IoCreateDevice(driver, sizeof(Filter), nullptr, FILE_DEVICE_DISK, 0, FALSE, &device);
     if (!NT_SUCCESS(status)) return status;
-    auto* filter = ::new (device->DeviceExtension) Filter{};
+    auto* filter = static_cast<Filter*>(device->DeviceExtension);
     alignas(OBJECT_NAME_INFORMATION) UCHAR name[256] = {};
     auto* info = reinterpret_cast<POBJECT_NAME_INFORMATION>(name);
     ULONG length = 0;
-    if (NT_SUCCESS(ObQueryNameString(pdo, info, sizeof name, &length))) filter->name = host::View(&info->Name);
-    filter->isDisk = filter->name.find(u"DR") != filter->name.npos;
+    if (NT_SUCCESS(ObQueryNameString(pdo, info, sizeof name, &length)))
+        host::View(&info->Name).copy(filter->name, 63);
+    filter->isDisk = std::u16string_view(filter->name).find(u"DR") != std::u16string_view::npos;
     device->Flags |= DO_DIRECT_IO;
     filter->below = IoAttachDeviceToDeviceStack(device, pdo);
     device->Flags &= ~DO_DEVICE_INITIALIZING;
