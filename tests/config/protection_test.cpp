@@ -63,7 +63,7 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
 // By its extents, where they are known: by the number, with the separator behind it. Else by the first
 // component of its name.
 TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
-    FilteredStack& disk1 = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
+    FilteredStack& disk1 = AddMemoryDisk(u"\\Device\\HARDDISK1\\DR1").stack;  // case does not count
     FilteredStack& disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack;
     FilteredStack& other = AddMemoryDisk(u"\\KernelObjects\\Disk").stack;
     FilteredStack& filtered = AddMemory({.name = u"\\Device\\0000002e",

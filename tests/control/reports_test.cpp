@@ -52,6 +52,9 @@ TEST_F(Reports, VolumesInTheOrderTheyCame) {
         IO_STATUS_BLOCK iosb{};
         EXPECT_EQ(STATUS_INVALID_PARAMETER,
                   ControlDeviceIoControl(gControlDevice, nullptr, 0, nullptr, 160, code, &iosb));
+        UCHAR input = 0;  // the one buffer is there, with no room for an answer
+        EXPECT_EQ(STATUS_INVALID_PARAMETER,
+                  ControlDeviceIoControl(gControlDevice, &input, 1, &input, 0, code, &iosb));
     }
 }
 
