@@ -65,9 +65,10 @@ void ApplyFlags(PVOLUME_EXTENSION volume, ULONG flags) {
 }
 
 // The saved map counts sectors in 32 bits, the largest of which says "free": changes at or beyond that sector
-// would be lost at the next boot, unless all are to be.
-BOOLEAN IsTooLargeToKeep(PVOLUME_EXTENSION volume, ULONG flags) {
-    if (!(flags & PV_PROTECTED) || (flags & PV_ACTION_DISCARD) || volume->MediaType != FixedMedia) return FALSE;
+// would be lost at the next boot, unless all are to be. What this boot drops says nothing of that.
+BOOLEAN IsTooLargeToKeep(PVOLUME_EXTENSION volume, const PROTECTED_VOLUME* entry) {
+    if (!(entry->Flags & PV_PROTECTED) || entry->DropsAtNextBoot || volume->MediaType != FixedMedia)
+        return FALSE;
     const ULONG sector = volume->BytesPerSector;
     return sector != 0 && static_cast<ULONG64>(volume->DeviceBytes) / sector >= ULONG64{kFreeSpaceMark};
 }
@@ -139,7 +140,7 @@ void UpdateVolumeProtection(PVOLUME_EXTENSION volume) {
     const ULONG media = volume->MediaType;
     if (media == 0 || (volume->ProtectionDeferred && !volume->IsProtected)) return;
     const PROTECTED_VOLUME* entry = FindEntry(&volume->VolumeName);
-    if (entry && IsTooLargeToKeep(volume, entry->Flags))
+    if (entry && IsTooLargeToKeep(volume, entry))
         RefuseToKeep(volume);
     else if (entry)
         ApplyFlags(volume, entry->Flags);

@@ -192,19 +192,21 @@ TEST_F(Protection, OfAVolumeTooLargeToKeep) {
         ULONG flags;
         LONGLONG sectors, extent;  // told, and summed up from the extents
         USHORT sector;
-        bool isProtected;
+        bool isProtected, drops = false;  // the boot mode's word, not this boot's
     } cases[] = {{PV_PROTECTED, limit - 1, limit - 1, 512, true},
                  {PV_PROTECTED, limit, limit, 512, false},
                  {PV_PROTECTED, limit - 1, 2 * limit, 512, true},
                  {PV_PROTECTED, limit, limit, 4096, false},
                  {PV_PROTECTED | PV_ACTION_MERGE, limit, limit, 512, false},
-                 {PV_PROTECTED | PV_ACTION_DISCARD, limit, limit, 512, true},
+                 {PV_PROTECTED | PV_ACTION_DISCARD, limit, limit, 512, false},
+                 {PV_PROTECTED | PV_ACTION_DISCARD, limit, limit, 512, true, true},
                  {0, limit, limit, 512, false},
                  {PV_PROTECTED, limit, limit, 0, true}};  // nobody told
     for (const auto& c : cases) {
         SCOPED_TRACE(&c - cases);
         const std::u16string name = u"\\Device\\Large" + std::u16string(1, char16_t(u'A' + (&c - cases)));
-        List(name.c_str(), c.flags);
+        UNICODE_STRING id = Counted(name.c_str());
+        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, c.flags, c.drops));
         FilteredStack& large =
             AddMemory({.name = name.c_str(), .sectorSize = c.sector, .bytes = c.sectors * c.sector}).stack;
         large.extents = {{3, {}, Large(c.extent * c.sector)}};
@@ -214,7 +216,7 @@ TEST_F(Protection, OfAVolumeTooLargeToKeep) {
         EXPECT_EQ(c.isProtected, Updated(large.volume));
         EXPECT_EQ(refused ? kSwapVolumeTooLarge : kSwapUsable, large.volume->SwapState.load());
     }
-    EXPECT_EQ(3u, TimesSaid(mark, "is too large to keep its changes"));
+    EXPECT_EQ(4u, TimesSaid(mark, "is too large to keep its changes"));
 }
 
 TEST_F(Protection, NamesAreComparedWhole) {
