@@ -134,6 +134,7 @@ private:
     FairLock boot_;
     bool on_ = false;                    // guarded by boot_
     bool hardening_ = false;             // the driver read so at this boot; guarded by boot_
+    int minutesEast_ = 0;                // of UTC, the machine's clock; guarded by boot_
     std::vector<std::string> warnings_;  // what is not as configured, one sentence each; guarded by boot_
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`

@@ -40,12 +40,15 @@ std::shared_ptr<machine::ImageDisk> OpenImage(const std::string& path, std::uint
     return disk;
 }
 
-// The host's time zone is the machine's.
-void TakeTimeZone() {
+// The host's time zone is the machine's. In minutes east of UTC.
+int TakeTimeZone() {
     const std::time_t now = std::time(nullptr);
     std::tm local{};
+    tzset();
     localtime_r(&now, &local);
-    host::SetTimeZoneBias(static_cast<LONG>(-local.tm_gmtoff / 60));
+    const int minutes = static_cast<int>(local.tm_gmtoff / 60);
+    host::SetTimeZoneBias(-minutes);
+    return minutes;
 }
 
 }  // namespace
@@ -110,7 +113,7 @@ void Server::PowerOn(unsigned attempts) {
 
 // A boot that does not have what it needs ends at once, before anybody can write.
 void Server::BootOnce() {
-    TakeTimeZone();
+    minutesEast_ = TakeTimeZone();
     const NTSTATUS status = machine_->PowerOn();
     NoteHardening();
     try {

@@ -159,6 +159,7 @@ std::string Server::About() {
     const std::lock_guard guard(clientsLock_);
     std::string text = "on=" + std::to_string(on_ ? 1 : 0) + " pid=" + std::to_string(getpid()) +
                        " boots=" + std::to_string(boots_) + " hardening=" + std::to_string(hardening_ ? 1 : 0) +
+                       " minutes-east=" + std::to_string(minutesEast_) +
                        " disks=" + std::to_string(disks_.size()) +
                        " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
     for (const std::string& warning : warnings_) text += "\nwarning: " + warning;

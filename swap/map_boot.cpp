@@ -11,10 +11,6 @@
 
 namespace {
 
-// The low-space limit and some room above it. With less free space than this, redirections that are to be
-// merged stay as they are for one more boot.
-constexpr ULONG64 kMergeLimit = 0x3300000;
-
 // The map as it is being loaded.
 struct MAP_LOAD {
     PVOLUME_EXTENSION volume;
@@ -157,7 +153,7 @@ BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
         FastMutexLock lock(volume->SwapLock);
         free = volume->SwapFreeBytes;
     }
-    if (free <= kMergeLimit) return TRUE;
+    if (free <= kMergeSpaceLimit) return TRUE;  // they stay as they are for one more boot
     MergeSwapIntoVolume(volume->FilterDevice);
     return !IsMergeFlushed(volume);
 }

@@ -11,11 +11,10 @@
 // IRQL of every routine: at most APC_LEVEL. Each takes SwapLock itself unless it says otherwise.
 #pragma once
 #include "driver/record/volume_extension.h"
+#include "formats/space_limits.h"
 
-inline constexpr char kSwapSource[] = "swap";  // what assertions here and in redirect/ name as their file
-inline constexpr ULONG64 kLowSpaceLimit = 0x3000000;  // below it only metadata and unnamed writes get space
-inline constexpr ULONG64 kNoSpaceLimit = 0x800000;    // below it nothing does
-inline constexpr ULONG kSectorsPerBlock = 2048;       // longest free chunk, and the unit of provisioning
+inline constexpr char kSwapSource[] = "swap";    // what assertions here and in redirect/ name as their file
+inline constexpr ULONG kSectorsPerBlock = 2048;  // longest free chunk, and the unit of provisioning
 
 struct SWAPPED_CHUNK {
     LARGE_INTEGER liVolumeOffset;  // key

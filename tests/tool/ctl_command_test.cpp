@@ -107,12 +107,6 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
          [](Machine& m) { m.AddFixed(u"\\Device\\Other2"); }},
         {"protect 13", kExitFailed, "is removable"},
         {"removable hide 2", kExitFailed, "is a fixed volume"},
-        {"volumes", kExitOk, "protected; changes are kept until 2030-01-01 18:00",
-         [](Machine& m) {
-             m.config =
-                 u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\nBootMode=1\n"
-                 u"NextDiscardTS=203001011800\n";
-         }},
         // Swap storage: what is known before the driver is asked,
         {"swap make 1 698M", kExitFailed, "has 700 MiB free; the storage and its map need 715 MiB"},
         {"swap make 2 1M", kExitFailed, "is protected"},
@@ -172,6 +166,31 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
         const std::size_t made = row.words == "swap make 1 1.5M" ? 1 : 0;
         EXPECT_EQ(std::vector<std::uint32_t>(made, IOCTL_KVR_ALLOCATE_SWAP), machine.changes);
+    }
+}
+
+// What `volumes` says of the next boot; a date that is over drops once, whatever else the section says.
+TEST(CtlCommands, PlansForTheNextBoot) {
+    const struct {
+        const char16_t* settings;
+        const char* says;
+    } table[] = {
+        {u"BootMode=1\nNextDiscardTS=203001011800\n", "changes are kept until 2030-01-01 18:00 UTC+1\n"},
+        {u"BootMode=1\nNextDiscardTS=202001011800\n",
+         "changes are dropped at the next boot (2020-01-01 18:00 UTC+1 is over), then kept\n"},
+        {u"BootMode=1\nNextDiscardTS=202001011800\nBootAction=2\n", "changes are merged once, then kept\n"},
+        {u"BootMode=1\nNextDiscardTS=203001011800\nBootAction=1\n",
+         "dropped at the next boot, then kept until 2030-01-01 18:00 UTC+1\n"},
+        {u"BootMode=0\nBootAction=1\n", "changes are dropped at every boot\n"},
+        {u"BootMode=0\nBootAction=2\n", "changes are merged once, then dropped at every boot\n"},
+    };
+    for (const auto& row : table) {
+        Machine machine = Office();
+        machine.minutesEast = 60;
+        machine.config = u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n";
+        machine.config += row.settings;
+        const std::string said = RunOn(machine, {"volumes"}).out;
+        EXPECT_NE(said.npos, said.find(row.says)) << row.says << said;
     }
 }
 
@@ -249,7 +268,7 @@ TEST(CtlCommands, UsageMistakesAndHelp) {
     Machine machine = Office();
     for (const char* text : {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap make 1",
                              "swap make 1 2X", "hardening maybe", "protect 1 --until 2020-01-01T00:00",
-                             "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
+                             "protect 1 --until=", "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
         const Result result = RunOn(machine, Words(text));
         EXPECT_EQ(kExitUsage, result.exitCode) << text << result.err;
         EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
@@ -267,10 +286,15 @@ TEST(CtlCommands, SizesAndDates) {
     EXPECT_EQ(INT64_MAX, ParseSize("9223372036854775807"));
     for (const char* bad : {"8388608T", "9223372036854775808", "", "0", "-1", "G", "1.", "1.5", ".5G", "1GG"})
         EXPECT_THROW(ParseSize(bad), Failure) << bad;
-    EXPECT_EQ(u"209902282359", ParseDate("2099-02-28 23:59"));
-    EXPECT_EQ("2099-02-28 23:59", DateText(ParseDate("2099-02-28T23:59")));
-    for (const char* bad : {"2099-02-29 00:00", "2099-2-28 00:00", "2099-02-28", "2001-01-01 00:00"})
-        EXPECT_THROW(ParseDate(bad), Failure) << bad;
+    const Clock clock{-210, u"209902281200"};
+    EXPECT_EQ(u"209902281201", ParseDate("2099-02-28 12:01", clock));
+    EXPECT_EQ("2099-02-28 23:59 UTC-3:30", DateText(ParseDate("2099-02-28T23:59", clock), clock));
+    for (const char* bad : {"", "2100-02-29 00:00", "2100-2-28 00:00", "2100-02-28", "2099-02-28 12:00"})
+        EXPECT_THROW(ParseDate(bad, clock), Failure) << bad;
+    Machine machine;
+    const std::u16string utc = ClockOf(*std::make_unique<MadeUpWorld>(machine)).now;
+    machine.minutesEast = 24 * 60;
+    EXPECT_GT(ClockOf(*std::make_unique<MadeUpWorld>(machine)).now.substr(0, 8), utc.substr(0, 8));
 }
 
 }  // namespace

@@ -92,6 +92,16 @@ TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
     }
 }
 
+// The zone is the one that the server's last boot found, whatever the tool's own is.
+TEST_F(CtlServed, DatesAreTheMachinesOwn) {
+    const auto in = [](const char* zone) { setenv("TZ", zone, 1), tzset(); };
+    in("<+05>-5");
+    Reboot();
+    in("UTC0");
+    EXPECT_EQ(300, world.MinutesEast());
+    unsetenv("TZ"), tzset();
+}
+
 TEST_F(CtlServed, NobodyServes) {
     control.reset();
     EXPECT_EQ(kExitNotRunning, Run({"status"}).exitCode);

@@ -4,6 +4,7 @@
 #include <map>
 #include <sstream>
 #include "formats/kvr_ioctl.h"
+#include "formats/space_limits.h"
 #include "platform/host/nt/ntstatus.h"
 #include "tool/kvrctl/command_line.h"
 #include "client/failure.h"
@@ -42,6 +43,7 @@ inline Result RunWith(const ctl::WorldMaker& makeWorld, const std::vector<std::s
 struct Machine {
     bool enabled = false;
     std::optional<bool> hardening;
+    int minutesEast = 0;
     std::vector<KVR_FIXED_VOLUME_STATUS> fixed;
     std::vector<KVR_REMOVABLE_VOLUME_STATUS> removable;
     std::u16string config;
@@ -140,6 +142,8 @@ public:
         machine_.registry[value] = {on, 0, 0, 0};
     }
     std::optional<bool> HardeningNow() override { return machine_.hardening; }
+    int MinutesEast() override { return machine_.minutesEast; }
+    std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
     std::string NextBoot() const override { return "the next boot"; }
 
 private:

@@ -128,11 +128,12 @@ private:
                 "--at-boot", atBoot_,
                 "What a boot does with the changes: discard (for a volume that had no section) or keep")
             ->check(CLI::IsMember({"discard", "keep"}));
-        protect
-            ->add_option("--until", until_,
-                         "Keep the changes until then, local time, and drop them at the first boot after it")
-            ->type_name("\"YYYY-MM-DD hh:mm\"");
-        OnParse(protect, [this](const Context& context) { return Protect(context, edit_, How()); });
+        untilGiven_ = protect
+                          ->add_option("--until", until_,
+                                       "Keep the changes until then, by the machine's clock, and drop them at "
+                                       "the first boot after it")
+                          ->type_name("\"YYYY-MM-DD hh:mm\"");
+        OnParse(protect, [this](const Context& context) { return Protect(context, edit_, How(context)); });
         AddEdit("unprotect", "Protect a volume no longer, from the next boot on", Unprotect);
         AddEdit("discard", "Drop a volume's changes at the next boot, once", DiscardChanges);
         AddEdit("merge", "Write a volume's changes into it for good at the next boot, once", MergeChanges);
@@ -239,15 +240,15 @@ private:
         OnParse(Command(*swap, "stop", "Stop making or removing storage", "  kvrctl swap stop"), SwapStop);
     }
 
-    Protection How() const {
+    Protection How(const Context& context) const {
         Protection how;
         if (!atBoot_.empty()) how.atBoot = atBoot_ == "keep" ? AtBoot::Keep : AtBoot::Discard;
-        if (until_.empty()) return how;
+        if (untilGiven_->count() == 0) return how;
         if (how.atBoot == AtBoot::Discard)
             throw Failure("--until keeps the changes for a while; it does not go with --at-boot discard",
                           kExitUsage);
         how.atBoot = AtBoot::Keep;
-        how.until = ParseDate(until_);
+        how.until = ParseDate(until_, ClockOf(context.world));
         return how;
     }
 
@@ -256,6 +257,7 @@ private:
     CLI::App app_{"Controls the Kvr volume filter driver."};
     std::function<int()> run_;
     std::string folder_, atBoot_, until_, hardening_;
+    const CLI::Option* untilGiven_ = nullptr;
     bool json_ = false, namesOnly_ = false;
     WatchOptions watch_;
     MapOptions map_;

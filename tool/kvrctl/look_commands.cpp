@@ -4,7 +4,7 @@
 #include "tool/kvrctl/config_text.h"
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_scan.h"
-#include "tool/kvrctl/date.h"
+#include "tool/kvrctl/plan.h"
 #include "client/failure.h"
 #include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
@@ -24,26 +24,6 @@ std::string FileSystemText(FileSystemKind kind) {
     return code < std::size(kWords) ? kWords[code] : "other";
 }
 
-std::string FixedPlan(const VolumeSettings& settings) {
-    std::string text = settings.action == 2   ? "protected; changes are merged once"
-                       : settings.action == 1 ? "protected; changes are dropped once"
-                       : settings.atBoot == 0 ? "protected; changes are dropped at every boot"
-                                              : "protected; changes are kept";
-    if (settings.action == 0 && settings.atBoot == 1 && !settings.date.empty())
-        text += " until " + DateText(settings.date);
-    return text;
-}
-
-// What the configuration holds for the volume at the next boot.
-std::string PlanText(const ConfigScan& scan, const KnownVolume& volume) {
-    if (!scan.protection) return "not protected (protection is off)";
-    const Section* section = scan.Find(volume.name);
-    if (!section && volume.removable) return AccessText(scan.removableAccess);
-    if (!section || !section->volume.isProtected || !section->volume.switchWasOn) return "not protected";
-    if (section->kind == SectionKind::RemovableVolume) return AccessText(section->volume.accessMode);
-    return FixedPlan(section->volume);
-}
-
 struct VolumeRow {
     KnownVolume volume;
     std::optional<VolumeFacts> facts;
@@ -53,9 +33,10 @@ struct VolumeRow {
 std::vector<VolumeRow> QueryVolumes(const Context& context) {
     Client client = context.Open(Access::Read);
     const ConfigScan scan = ScanConfig(tool::ConfigurationText(client.GetConfig()));
+    const Clock clock = ClockOf(context.world);
     std::vector<VolumeRow> rows;
     for (const KnownVolume& volume : KnownVolumes(client))
-        rows.push_back({volume, context.world.Facts(volume.name), PlanText(scan, volume)});
+        rows.push_back({volume, context.world.Facts(volume.name), PlanText(scan, volume, clock)});
     return rows;
 }
 

@@ -6,6 +6,7 @@
 #include "client/control_client.h"
 #include "client/driver_switches.h"
 #include "formats/file_system_kind.h"
+#include "formats/space_limits.h"
 #include "tool/kvrctl/host.h"
 
 namespace ctl {
@@ -39,6 +40,11 @@ public:
     virtual void WriteSwitch(const std::u16string& value, bool on) = 0;
     // Are the driver's stricter rules in force? Nothing where the driver alone knows. Throws Failure.
     virtual std::optional<bool> HardeningNow() = 0;
+    // By how much the machine's clock, in which the configuration's dates stand, is now ahead of UTC. Throws
+    // Failure.
+    virtual int MinutesEast() = 0;
+    // Bytes of a storage that stay out of the reach of those who write here.
+    virtual std::uint64_t StorageReserve() const { return kLowSpaceLimit; }
     // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
     virtual std::string NextBoot() const = 0;
 };

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <sstream>
 #include <unistd.h>
 #include "client/failure.h"
 #include "client/wire_channel.h"
@@ -158,12 +159,21 @@ void HostedWorld::WriteSwitch(const std::u16string& value, bool on) {
     if (!IsSuccess(answer.status)) throw Failure(TextOr(answer, "the machine's registry cannot be written"));
 }
 
-std::optional<bool> HostedWorld::HardeningNow() {
+std::string HostedWorld::About(const std::string& key) {
     Bytes nothing;
-    const Answer answer = Ask(wire::Command::About, {}, nothing);
-    if (answer.text.find(" hardening=1 ") != answer.text.npos) return true;
-    if (answer.text.find(" hardening=0 ") != answer.text.npos) return false;
-    return std::nullopt;
+    std::istringstream line(Ask(wire::Command::About, {}, nothing).text);
+    for (std::string word; line >> word;)
+        if (word.starts_with(key + "=")) return word.substr(key.size() + 1);
+    return {};
+}
+
+std::optional<bool> HostedWorld::HardeningNow() {
+    const std::string value = About("hardening");
+    return value.empty() ? std::nullopt : std::optional(value == "1");
+}
+
+int HostedWorld::MinutesEast() {
+    return std::atoi(About("minutes-east").c_str());
 }
 
 std::string HostedWorld::NextBoot() const {

@@ -17,6 +17,9 @@ public:
     std::optional<Bytes> ReadRegistry(const std::u16string& value) override;
     void WriteSwitch(const std::u16string& value, bool on) override;
     std::optional<bool> HardeningNow() override;
+    int MinutesEast() override;
+    // A network client's writes are made for no file: they get what is kept for metadata as well.
+    std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
     std::string NextBoot() const override;
 
 private:
@@ -25,6 +28,8 @@ private:
     // For the machine's own facts, apart from the handles' connections.
     Answer Ask(tool::wire::Command command, std::span<const std::uint8_t> input, Bytes& output,
                std::uint32_t code = 0);
+    // What the machine says of itself under that key; empty when it does not.
+    std::string About(const std::string& key);
 
     std::string folder_;
     std::unique_ptr<Connection> connection_;

@@ -192,6 +192,17 @@ public:
     // No control code tells, and the registry may have changed since.
     std::optional<bool> HardeningNow() override { return std::nullopt; }
 
+    int MinutesEast() override {
+        TIME_ZONE_INFORMATION zone{};
+        const DWORD kind = GetTimeZoneInformation(&zone);
+        if (kind == TIME_ZONE_ID_INVALID)
+            throw Failure("the computer's time zone is not known: " + SystemText(GetLastError()));
+        const LONG more = kind == TIME_ZONE_ID_DAYLIGHT   ? zone.DaylightBias
+                          : kind == TIME_ZONE_ID_STANDARD ? zone.StandardBias
+                                                          : 0;
+        return static_cast<int>(-(zone.Bias + more));
+    }
+
     std::string NextBoot() const override { return "the next start of the computer"; }
 };
 
