@@ -202,19 +202,117 @@ TEST(CtlCommands, EditsShowTheChangeAndStoreIt) {
         "Nothing was stored (--dry-run).\n",
         dry.out);
     EXPECT_TRUE(machine.changes.empty());
+    machine.registry[kData] = Bytes(8);
     const Result stored = RunOn(machine, {"protect", "2", "--until", "2090-01-31 18:00"});
     EXPECT_NE(std::string::npos, stored.out.find("+ NextDiscardTS = 209001311800\n"));
     EXPECT_NE(std::string::npos, stored.out.find("Stored. It holds from the next boot on.\n"));
     EXPECT_EQ("", stored.err);
     EXPECT_EQ(std::vector<std::uint32_t>{IOCTL_KVR_SET_CONFIG}, machine.changes);
-    EXPECT_EQ(kExitOk, RunOn(machine, {"merge", "2"}).exitCode);
+    EXPECT_EQ(kExitOk, RunOn(machine, {"merge", "2", "--anyway"}).exitCode);
     EXPECT_EQ(kExitOk, RunOn(machine, {"removable", "protect"}).exitCode);
-    const Result disabled = RunOn(machine, {"disable"});
+    const Result disabled = RunOn(machine, {"disable", "--drop-changes"});
     EXPECT_NE(std::string::npos, disabled.err.find("the next boot will merge its changes")) << disabled.err;
     EXPECT_TRUE(machine.config.starts_with(u"[Global]\nProtection=0\nRVAccessMode = 1\n"))
         << ToUtf8(machine.config);
-    EXPECT_NE(std::string::npos, RunOn(machine, {"protect", "1"}).err.find("no usable swap storage"));
     EXPECT_EQ("The configuration says so already; nothing was changed.\n", RunOn(machine, {"disable"}).out);
+}
+
+// Volume 2 keeps 300 MiB of changes in 512 MiB of storage.
+Machine Desk() {
+    Machine machine = Office();
+    machine.fixed[2].SwapUsedBytes = 300 * kMiB;
+    machine.registry[kData] = Bytes(8);
+    machine.config =
+        u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\nBootMode=1\n";
+    return machine;
+}
+
+// Work is not lost without a word: what would lose it is refused, and nothing is stored, until the option says
+// that it is meant; where it cannot work, until --anyway.
+TEST(CtlCommands, WhatWouldLoseWorkIsRefused) {
+    using Given = std::function<void(Machine&)>;
+    const auto text = [](const char16_t* more) -> Given { return [=](Machine& m) { m.config += more; }; };
+    const auto storage = [](std::uint32_t status) -> Given {
+        return [=](Machine& m) { m.fixed[2].SwapStatus = status; };
+    };
+    const Given noLocation = [](Machine& m) { m.registry.clear(); };
+    const Given small = [](Machine& m) { m.fixed[2].SwapTotalBytes = 351 * kMiB; };
+    const char* drops = "the next boot would drop kept changes: 300 MiB on HarddiskVolume2; say --drop-changes";
+    const struct {
+        std::string words;
+        const char* says;  // empty: it is stored at once
+        std::string option = "--drop-changes";
+        Given given = [](Machine&) {};
+    } table[] = {
+        {"unprotect 2", drops},
+        {"disable", drops},
+        {"discard 2", drops},
+        {"protect 2 --at-boot discard", drops},
+        {"cancel 2", drops, "--drop-changes",
+         [](Machine& m) { m.config[m.config.find(u"BootMode=1") + 9] = u'0', m.config += u"BootAction=2\n"; }},
+        {"config set " + std::string("/dev/null"), drops},
+        // What the next boot drops anyway is nobody's loss,
+        {"unprotect 2", "", "", text(u"BootAction=1\n")},
+        {"unprotect 2", "", "", text(u"NextDiscardTS=202001010000\n")},
+        {"unprotect 2", "", "", [](Machine& m) { m.fixed[2].SwapUsedBytes = 0; }},
+        {"cancel 2", "", "", text(u"BootAction=1\n")},
+        // and a merge of what there is room for goes at once.
+        {"merge 2", ""},
+        {"merge 2",
+         "a merge needs more than 51 MiB of free storage at the boot; HarddiskVolume2 has 51 MiB of 351 MiB",
+         "--anyway", small},
+        {"merge 2", "cannot be merged: it has no sound swap storage (saved map damaged", "", storage(3)},
+        {"merge 2", "no sound swap storage (missing", "", storage(4)},
+        {"merge 2", "no sound swap storage (files cannot be held", "", storage(5)},
+        {"merge 2", "storage that is just being made", "", storage(1)},
+        {"merge 2", "was never finished; 'kvrctl swap make HarddiskVolume2 SIZE' makes it anew", "",
+         noLocation},
+        {"protect 1", "cannot be protected: it has no swap storage", "--anyway"},
+        {"protect 2 --at-boot discard --drop-changes", "no sound swap storage (saved map damaged", "--anyway",
+         storage(3)},
+        {"protect 2 --until 2090-01-01T00:00", "only --at-boot discard protects it", "--anyway", storage(6)},
+        {"protect 2 --at-boot discard --drop-changes", "", "", storage(6)},
+        {"protect 2 --until 2090-01-01T00:00", "was never finished", "--anyway", noLocation},
+        {"protect 2 --until 2090-01-01T00:00", "every write fails in the last 8 MiB", "--anyway",
+         [](Machine& m) { m.fixed[2].SwapTotalBytes = 8 * kMiB; }},
+    };
+    const std::vector<std::uint32_t> nothing, stored{IOCTL_KVR_SET_CONFIG};
+    for (const auto& row : table) {
+        const bool isRefused = *row.says != 0;
+        Machine machine = Desk();
+        row.given(machine);
+        const Result result = RunOn(machine, Words(row.words));
+        EXPECT_EQ(isRefused ? kExitFailed : kExitOk, result.exitCode) << row.words << result.err;
+        EXPECT_NE(std::string::npos, result.err.find(row.says)) << row.words << result.err;
+        EXPECT_EQ(isRefused ? nothing : stored, machine.changes) << row.words;
+        if (!isRefused || row.option.empty()) continue;
+        EXPECT_EQ(kExitOk, RunOn(machine, Words(row.words + " " + row.option)).exitCode) << row.words;
+        EXPECT_EQ(stored, machine.changes) << row.words;
+    }
+}
+
+// Where somebody sits at a terminal, a yes is as good as the option, and anything else is a no.
+TEST(CtlCommands, AYesAtTheTerminalWillDo) {
+    for (const bool yes : {false, true}) {
+        Machine machine = Desk();
+        RecordingTerminal terminal;
+        terminal.canAsk = true, terminal.answersYes = yes;
+        const int exitCode = RunCommandLine({"unprotect", "2"}, terminal, [&](const std::string&) {
+            return std::make_unique<MadeUpWorld>(machine);
+        });
+        EXPECT_EQ(yes ? kExitOk : kExitFailed, exitCode);
+        EXPECT_EQ(yes ? 1u : 0u, machine.changes.size());
+        EXPECT_NE(std::string::npos, terminal.errors.str().find("would drop kept changes: 300 MiB"))
+            << terminal.errors.str();
+        EXPECT_EQ(yes, terminal.output.str().find(
+                           "Stored. It holds from the next boot on, which drops kept changes: 300 MiB") !=
+                           std::string::npos);
+    }
+    Machine machine = Desk();
+    const Result dry = RunOn(machine, {"unprotect", "2", "--dry-run"});
+    EXPECT_EQ(kExitOk, dry.exitCode);
+    EXPECT_NE(std::string::npos, dry.err.find("note: the next boot would drop")) << dry.err;
+    EXPECT_TRUE(machine.changes.empty());
 }
 
 TEST(CtlCommands, ConfigTextInAndOut) {

@@ -151,6 +151,8 @@ TEST(ConfigEdit, ChangesItsOwnCharactersOnly) {
         {Replaced(dated, u"; end", u"BootAction = 2\n; end"), MergeOnce(dated, kV)},
         {Replaced(dated, u"ProtectionMode=1", u"ProtectionMode=0"), UnprotectVolume(dated, kV)},
         {own, UnprotectVolume(own, u"\\Device\\Other")},
+        {own, CancelAction(own, kV)},
+        {Replaced(dated, u"; end", u"BootAction = 0\n; end"), CancelAction(MergeOnce(dated, kV), kV)},
         {bare + u"\nProtectionMode = 1\n", ProtectVolume(bare, u"V", {})},
         {u"[Global]\nProtection=0\n", ProtectVolume(u"[Global]\nProtection=0\n", kV, {}).substr(0, 22)},
     };

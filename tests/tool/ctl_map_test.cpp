@@ -54,6 +54,24 @@ struct MapVolume {
     std::size_t cut = 0;  // bytes missing of the registry's value
 };
 
+// A redirected write to a place in the storage, or in the map's file: the sectors that both have.
+TEST(CtlMap, FindsWritesOverTheStorageItself) {
+    EXPECT_EQ(0u, OverwrittenSectors(MapVolume().Read()));
+    const struct {
+        SWAP_MAP_ENTRY more;
+        std::uint64_t sectors;
+    } table[] = {
+        {Entry(4090, 4600, 6), 0},        {Entry(4090, 4600, 7), 1}, {Entry(4549, 4600, 7), 1},
+        {Entry(4550, 4600, 7), 0},        {Entry(6000, 4600, 8), 1}, {Entry(4095, 4600, 12), 10},
+        {Entry(4605, 4600, 100), 0 + 95},
+    };
+    for (const auto& row : table) {
+        MapVolume volume;
+        volume.entries.push_back(row.more);
+        EXPECT_EQ(row.sectors, OverwrittenSectors(volume.Read())) << row.more.ulVolumeSector;
+    }
+}
+
 TEST(CtlMap, ReadsWhatTheDriverWrote) {
     MapVolume volume;
     const SavedMap map = volume.Read();

@@ -53,7 +53,10 @@ TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     const MapSummary summary = Summarize(ReadSavedMap(world, nbd_test::kSecond));
     EXPECT_EQ(3 * kMiB / 512, summary.redirectedSectors);
     EXPECT_EQ(13 * kMiB / 512, summary.freeSectors);
-    Do({{"map", "2"}, {"unprotect", "2"}, {"hardening", "off"}});
+    const Result refused = Run({"unprotect", "2"});
+    EXPECT_NE(refused.err.npos, refused.err.find("would drop kept changes: 3 MiB on HarddiskVolume2"))
+        << refused.err;
+    Do({{"map", "2"}, {"unprotect", "2", "--drop-changes"}, {"hardening", "off"}});
     EXPECT_EQ("Hardening is on, from the next boot on off.\n", Run({"hardening"}).out);
     Reboot();
     EXPECT_EQ("Hardening is off.\n", Run({"hardening"}).out);
@@ -64,7 +67,7 @@ TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
 
 // The server and the tool say the same, and what they say is what a client meets.
 TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
-    Do({{"enable"}, {"protect", "2"}});
+    Do({{"enable"}, {"protect", "2", "--anyway"}});
     EXPECT_EQ(kExitOk, Run({"status"}).exitCode) << "nothing of it holds yet";
     const struct {
         const char* hardening;

@@ -20,8 +20,13 @@ public:
         return !onPause || onPause();
     }
     void CatchInterrupt() override {}
+    bool AskYes(const std::string& question) override {
+        errors << question << "\n";
+        return answersYes;
+    }
 
     std::ostringstream output, errors;
+    bool answersYes = false;
     std::function<bool()> onPause;
     unsigned pauses = 0;
 };

@@ -94,6 +94,17 @@ private:
         return command;
     }
 
+    // For edits that may take kept changes away.
+    CLI::App* WithDrop(CLI::App* command) {
+        command->add_flag("--drop-changes", edit_.dropChanges, "Kept changes may be lost by it");
+        return command;
+    }
+
+    CLI::App* WithAnyway(CLI::App* command) {
+        command->add_flag("--anyway", edit_.anyway, "Although the storage as it is now will not do");
+        return command;
+    }
+
     void AddLooking() {
         OnParse(WithJson(Command(app_, "status", "Is protection on, and how is each volume",
                                  "  kvrctl status\n  kvrctl status --json")),
@@ -119,9 +130,10 @@ private:
     }
 
     void AddEdits() {
-        CLI::App* protect = WithEdit(Command(app_, "protect", "Protect a fixed volume from the next boot on",
-                                             "  kvrctl protect HarddiskVolume2\n  kvrctl protect 2 --at-boot "
-                                             "keep\n  kvrctl protect 2 --until \"2027-01-31 18:00\""));
+        CLI::App* protect = WithAnyway(
+            WithDrop(WithEdit(Command(app_, "protect", "Protect a fixed volume from the next boot on",
+                                      "  kvrctl protect HarddiskVolume2\n  kvrctl protect 2 --at-boot "
+                                      "keep\n  kvrctl protect 2 --until \"2027-01-31 18:00\""))));
         AddVolume(protect)->required();
         protect
             ->add_option(
@@ -136,23 +148,29 @@ private:
         OnParse(protect, [this](const Context& context) { return Protect(context, edit_, How(context)); });
         AddEdit("unprotect", "Protect a volume no longer, from the next boot on", Unprotect);
         AddEdit("discard", "Drop a volume's changes at the next boot, once", DiscardChanges);
-        AddEdit("merge", "Write a volume's changes into it for good at the next boot, once", MergeChanges);
+        WithAnyway(
+            AddEdit("merge", "Write a volume's changes into it for good at the next boot, once", MergeChanges));
+        AddEdit("cancel", "Take a discard or merge back that is still to come",
+                static_cast<EditRun>(ctl::CancelAction));
         AddRemovable();
         AddHardening();
         AddSwitch("enable", "Switch protection on as a whole, from the next boot on", true);
         AddSwitch("disable", "Switch protection off as a whole, from the next boot on", false);
     }
 
-    void AddEdit(const std::string& name, const std::string& what,
-                 int (*run)(const Context&, const EditOptions&)) {
-        CLI::App* command = WithEdit(Command(
-            app_, name, what, "  kvrctl " + name + " HarddiskVolume2\n  kvrctl " + name + " 2 --dry-run"));
+    using EditRun = int (*)(const Context&, const EditOptions&);
+
+    CLI::App* AddEdit(const std::string& name, const std::string& what, EditRun run) {
+        CLI::App* command = WithDrop(WithEdit(Command(
+            app_, name, what, "  kvrctl " + name + " HarddiskVolume2\n  kvrctl " + name + " 2 --dry-run")));
         AddVolume(command)->required();
         OnParse(command, [this, run](const Context& context) { return run(context, edit_); });
+        return command;
     }
 
     void AddSwitch(const std::string& name, const std::string& what, bool on) {
-        OnParse(WithEdit(Command(app_, name, what, "  kvrctl " + name + "\n  kvrctl " + name + " --dry-run")),
+        OnParse(WithDrop(WithEdit(
+                    Command(app_, name, what, "  kvrctl " + name + "\n  kvrctl " + name + " --dry-run"))),
                 [this, on](const Context& context) { return Switch(context, edit_, on); });
     }
 
@@ -203,6 +221,7 @@ private:
         set->add_option("FILE", set_.file, "The text; - for the standard input")->required();
         set->add_flag("--force", set_.force, "Store it although it has errors");
         set->add_flag("--dry-run", set_.dryRun, "Show the change and store nothing");
+        set->add_flag("--drop-changes", set_.dropChanges, "Kept changes may be lost by it");
         OnParse(set, [this](const Context& context) { return ConfigSet(context, set_); });
         CLI::App* check = WithJson(Command(*config, "check",
                                            "Find what the driver would silently take otherwise than it reads",
@@ -213,7 +232,8 @@ private:
         CLI::App* edit =
             Command(*config, "edit", "Edit the stored text ($VISUAL, $EDITOR)", "  kvrctl config edit");
         edit->add_flag("--force", set_.force, "Store it although it has errors");
-        OnParse(edit, [this](const Context& context) { return ConfigEdit(context, set_.force); });
+        edit->add_flag("--drop-changes", set_.dropChanges, "Kept changes may be lost by it");
+        OnParse(edit, [this](const Context& context) { return ConfigEdit(context, set_); });
     }
 
     int CheckConfigText() {

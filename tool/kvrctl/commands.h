@@ -45,11 +45,15 @@ int SetHardening(const Context& context, bool on);
 struct EditOptions {
     std::string volume;
     bool dryRun = false;
+    bool dropChanges = false;  // kept changes may be lost by it
+    bool anyway = false;       // although it would not work as the machine is now
 };
 int Protect(const Context& context, const EditOptions& options, const Protection& how);
 int Unprotect(const Context& context, const EditOptions& options);
 int DiscardChanges(const Context& context, const EditOptions& options);
 int MergeChanges(const Context& context, const EditOptions& options);
+// Takes a discard or merge back that is still to come.
+int CancelAction(const Context& context, const EditOptions& options);
 // `access` as SetRemovable has it; without a volume, for all that have no section.
 int Removable(const Context& context, const EditOptions& options, unsigned access);
 int Switch(const Context& context, const EditOptions& options, bool on);
@@ -59,12 +63,13 @@ struct SetOptions {
     std::string file;  // "-" is the standard input
     bool force = false;
     bool dryRun = false;
+    bool dropChanges = false;
 };
 int ConfigSet(const Context& context, const SetOptions& options);
 // The stored text if `file` is empty; `world` is asked for nothing else.
 int ConfigCheckFile(Terminal& terminal, const std::string& file, bool json);
 int ConfigCheckStored(const Context& context);
-int ConfigEdit(const Context& context, bool force);
+int ConfigEdit(const Context& context, const SetOptions& options);
 
 // ---- swap storage ----
 struct SwapMakeOptions {

@@ -80,7 +80,7 @@ int ConfigGet(const Context& context) {
 int ConfigSet(const Context& context, const SetOptions& options) {
     const std::u16string text = ReadText(options.file);
     RequireSound(context, text, options.file == "-" ? "input" : options.file, options.force);
-    Store(context, ReadStored(context), text, options.dryRun);
+    Store(context, ReadStored(context), text, {options.dryRun, options.dropChanges});
     return kExitOk;
 }
 
@@ -93,7 +93,7 @@ int ConfigCheckStored(const Context& context) {
 }
 
 // What the user wrote is never lost: whatever fails, a changed file stays and is named.
-int ConfigEdit(const Context& context, bool force) {
+int ConfigEdit(const Context& context, const SetOptions& options) {
     const std::u16string before = ReadStored(context);
     const std::string shown = ToUtf8(before);
     const TemporaryFile file("kvr.cfg.txt", shown);
@@ -104,8 +104,8 @@ int ConfigEdit(const Context& context, bool force) {
             context.terminal.out << "Nothing was changed.\n";
             return kExitOk;
         }
-        RequireSound(context, after, "kvr.cfg", force);
-        Store(context, before, after, false);
+        RequireSound(context, after, "kvr.cfg", options.force);
+        Store(context, before, after, {false, options.dropChanges});
     } catch (const Failure& failure) {
         if (ReadFile(file.Path()) == shown) throw;
         file.Keep();

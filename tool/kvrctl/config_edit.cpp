@@ -219,6 +219,15 @@ std::u16string MergeOnce(const std::u16string& text, const std::u16string& volum
     return SetAction(text, volume, config::kActionMerge);
 }
 
+std::u16string CancelAction(const std::u16string& text, const std::u16string& volume) {
+    Draft draft(text);
+    const ConfigScan before = draft.Scan();
+    const Section* section = before.Find(volume);
+    if (!section || section->volume.action == 0) return text;
+    draft.Set(NumberOf(before, section), Key::BootAction, u"0");
+    return Finish(draft, volume, [](const VolumeSettings& settings) { return settings.action == 0; });
+}
+
 std::u16string SetRemovable(const std::u16string& text, const std::u16string& volume, unsigned access) {
     Draft draft(text);
     if (access != 0) SetMissingSwitch(draft);

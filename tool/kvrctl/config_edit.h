@@ -21,6 +21,8 @@ std::u16string UnprotectVolume(const std::u16string& text, const std::u16string&
 // For the next boot only: BootAction 1 or 2. The volume must be protected by the text.
 std::u16string DiscardOnce(const std::u16string& text, const std::u16string& volume);
 std::u16string MergeOnce(const std::u16string& text, const std::u16string& volume);
+// The text itself when none is pending.
+std::u16string CancelAction(const std::u16string& text, const std::u16string& volume);
 // `access` as AccessMode has it: 0, 1 or 2. An empty `volume` is the default of all without a section.
 std::u16string SetRemovable(const std::u16string& text, const std::u16string& volume, unsigned access);
 std::u16string SetSwitch(const std::u16string& text, bool on);

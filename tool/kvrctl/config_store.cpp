@@ -3,7 +3,9 @@
 #include <vector>
 #include "tool/kvrctl/config_text.h"
 #include "client/control_client.h"
-#include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/host.h"
+#include "tool/kvrctl/plan.h"
+#include "tool/text.h"
 #include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
 
@@ -85,6 +87,22 @@ void TellPendingActions(const Context& context, const std::u16string& before, co
     }
 }
 
+// The changes that the next boot was to keep or to merge, and drops by `after`: "57 MiB on HarddiskVolume2".
+// Empty when none are.
+std::string LostChanges(const Context& context, const std::u16string& before, const std::u16string& after) {
+    const ConfigScan earlier = ScanConfig(before), later = ScanConfig(after);
+    const Clock clock = ClockOf(context.world);
+    std::string text;
+    for (const FixedVolume& volume : context.Open(Access::Read).FixedVolumes()) {
+        const bool lost = volume.swapUsed > 0 && FateOf(earlier, volume.name, clock) != Fate::Dropped &&
+                          FateOf(later, volume.name, clock) == Fate::Dropped;
+        if (!lost) continue;
+        text += (text.empty() ? "" : ", ") + SizeText(static_cast<std::uint64_t>(volume.swapUsed)) + " on " +
+                ShortName(volume.name);
+    }
+    return text;
+}
+
 }  // namespace
 
 std::string DiffText(const std::string& before, const std::string& after, bool colour) {
@@ -109,21 +127,28 @@ std::u16string ReadStored(const Context& context) {
     return tool::ConfigurationText(context.Open(Access::Read).GetConfig());
 }
 
-void Store(const Context& context, const std::u16string& before, const std::u16string& after, bool dryRun) {
+void Store(const Context& context, const std::u16string& before, const std::u16string& after,
+           const StoreOptions& options) {
     Terminal& terminal = context.terminal;
     if (before == after) {
         terminal.out << "The configuration says so already; nothing was changed.\n";
         return;
     }
     const std::string diff = DiffText(ToUtf8(before), ToUtf8(after), terminal.isTerminal);
-    terminal.out << diff;
+    terminal.out << diff << std::flush;
     const Bytes image = tool::ConfigurationImage(after.substr(0, KVR_CONFIG_BYTES / 2));
-    if (dryRun) {
+    const std::string lost = LostChanges(context, before, after), then = context.world.NextBoot();
+    const std::string loss = lost.empty() ? "" : then + " would drop kept changes: " + lost;
+    if (options.dryRun) {
+        if (!lost.empty()) terminal.err << "kvrctl: note: " << loss << "\n";
         terminal.out << "Nothing was stored (--dry-run).\n";
         return;
     }
+    if (!lost.empty()) RequireConsent(terminal, options.dropChanges, loss, "--drop-changes");
     context.Open(Access::ReadWrite).SetConfig(image);
-    terminal.out << "Stored. It holds from " << context.world.NextBoot() << " on.\n";
+    terminal.out << "Stored. It holds from " << then << " on";
+    if (!lost.empty()) terminal.out << ", which drops kept changes: " << lost;
+    terminal.out << ".\n";
     TellPendingActions(context, before, after);
 }
 

@@ -12,7 +12,13 @@ std::u16string ReadStored(const Context& context);
 // are shown without their line ends; a line of which only the end changed counts as changed.
 std::string DiffText(const std::string& before, const std::string& after, bool colour);
 
-// Shows the difference, stores `after` (not with `dryRun`) and says from when on it holds. Throws Failure.
-void Store(const Context& context, const std::u16string& before, const std::u16string& after, bool dryRun);
+struct StoreOptions {
+    bool dryRun = false;       // show only
+    bool dropChanges = false;  // changes that the next boot was to keep or merge may be lost by it
+};
+// Shows the difference, stores `after` and says from when on it holds. Throws Failure, also where changes would
+// be lost and the user has not said that this is meant.
+void Store(const Context& context, const std::u16string& before, const std::u16string& after,
+           const StoreOptions& options);
 
 }  // namespace ctl

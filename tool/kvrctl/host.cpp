@@ -20,6 +20,18 @@ std::filesystem::path PathOf(const std::string& utf8) {
 
 }  // namespace
 
+bool HostTerminal::AskYes(const std::string& question) {
+    err << question << " [y/N] " << std::flush;
+    std::string answer;
+    return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
+}
+
+void RequireConsent(Terminal& terminal, bool given, const std::string& why, const std::string& option) {
+    if (given) return;
+    if (!terminal.canAsk) throw Failure(why + "; say " + option + " if that is meant");
+    if (!terminal.AskYes("kvrctl: " + why + ". Go on?")) throw Failure("nothing was changed");
+}
+
 std::string ReadFile(const std::string& path) {
     if (std::filesystem::is_directory(PathOf(path))) throw Failure("'" + path + "' is a folder");
     errno = 0;

@@ -18,10 +18,13 @@ public:
     virtual bool Pause(std::chrono::milliseconds time) = 0;
     // From now on Ctrl-C makes Pause answer false instead of ending the program.
     virtual void CatchInterrupt() = 0;
+    // Shows the question and waits for the answer; true for a yes. Only where somebody can answer (`canAsk`).
+    virtual bool AskYes(const std::string& question) = 0;
 
     std::ostream& out;
     std::ostream& err;
     bool isTerminal = false;  // `out` is a screen: redraw, colour
+    bool canAsk = false;      // somebody reads `err` and types
     unsigned width = 80;      // of it, in characters
 };
 
@@ -31,7 +34,12 @@ public:
     HostTerminal(std::ostream& output, std::ostream& errors);
     bool Pause(std::chrono::milliseconds time) override;
     void CatchInterrupt() override;
+    bool AskYes(const std::string& question) override;
 };
+
+// Goes on when the user has given `option`, or says yes now. Else throws Failure that says why and names the
+// option; without a terminal nobody is asked.
+void RequireConsent(Terminal& terminal, bool given, const std::string& why, const std::string& option);
 
 // Each throws Failure with the system's reason.
 std::string ReadFile(const std::string& path);

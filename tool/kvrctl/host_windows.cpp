@@ -28,6 +28,8 @@ HostTerminal::HostTerminal(std::ostream& output, std::ostream& errors) : Termina
     const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
     CONSOLE_SCREEN_BUFFER_INFO info{};
+    canAsk = GetConsoleMode(GetStdHandle(STD_INPUT_HANDLE), &mode) &&
+             GetConsoleMode(GetStdHandle(STD_ERROR_HANDLE), &mode);
     // Without the screen's control sequences there is no redrawing.
     isTerminal =
         GetConsoleMode(console, &mode) && SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);

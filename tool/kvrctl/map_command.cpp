@@ -14,9 +14,6 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-constexpr int kLooks = 20;
-constexpr std::chrono::milliseconds kBetweenLooks{100};
-
 std::string SummaryText(const SavedMap& map, const MapSummary& summary) {
     const auto size = [&](std::uint64_t sectors) { return SizeText(sectors * map.sectorBytes); };
     const std::uint64_t swap = summary.redirectedSectors + summary.freeSectors;
@@ -54,17 +51,6 @@ Json MapJson(const SavedMap& map, const MapSummary& summary, const std::u16strin
             {"free", free}};
 }
 
-// The driver makes its map unusable for the moment in which it writes it anew.
-SavedMap ReadWholeMap(const Context& context, const std::u16string& volume) {
-    for (int left = kLooks;; --left) {
-        try {
-            return ReadSavedMap(context.world, volume);
-        } catch (const DamagedMap&) {
-            if (left == 1 || !context.terminal.Pause(kBetweenLooks)) throw;
-        }
-    }
-}
-
 }  // namespace
 
 int ShowMap(const Context& context, const MapOptions& options) {
@@ -73,7 +59,7 @@ int ShowMap(const Context& context, const MapOptions& options) {
         Client client = context.Open(Access::Read);
         volume = FindVolume(KnownVolumes(client), options.volume).name;
     }
-    const SavedMap map = ReadWholeMap(context, volume);
+    const SavedMap map = ReadWholeMap(context.world, context.terminal, volume);
     const MapSummary summary = Summarize(map);
     std::ostream& out = context.terminal.out;
     if (!options.svg.empty()) WriteFile(options.svg, MapSvg(map, ShortName(volume)));

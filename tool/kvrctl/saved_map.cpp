@@ -9,6 +9,8 @@ namespace ctl {
 namespace {
 
 constexpr std::uint32_t kMostRead = 1024 * 1024;  // bytes at a time
+constexpr int kLooks = 20;
+constexpr std::chrono::milliseconds kBetweenLooks{100};
 
 [[noreturn]] void Damaged(const std::string& what) {
     throw DamagedMap("the saved map is damaged: " + what);
@@ -157,6 +159,34 @@ SavedMap ReadSavedMap(World& world, const std::u16string& volume) {
         throw Failure(ToUtf8(volume) +
                       " has no saved map: it has no swap storage ('kvrctl swap make' makes it)");
     return MapReader(world, volume, *facts).Read(*location);
+}
+
+// The driver makes its map unusable for the moment in which it writes it anew.
+SavedMap ReadWholeMap(World& world, Terminal& terminal, const std::u16string& volume) {
+    for (int left = kLooks;; --left) {
+        try {
+            return ReadSavedMap(world, volume);
+        } catch (const DamagedMap&) {
+            if (left == 1 || !terminal.Pause(kBetweenLooks)) throw;
+        }
+    }
+}
+
+std::uint64_t OverwrittenSectors(const SavedMap& map) {
+    std::vector<SectorRange> storage = map.free;
+    storage.insert(storage.end(), map.file.begin(), map.file.end());
+    for (const RedirectedRange& range : map.redirected) storage.push_back({range.swap, range.length});
+    std::sort(storage.begin(), storage.end(),
+              [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
+    std::uint64_t sectors = 0;
+    auto first = storage.begin();
+    for (const RedirectedRange& range : map.redirected) {
+        const std::uint64_t end = range.volume + range.length;
+        while (first != storage.end() && first->first + first->length <= range.volume) ++first;
+        for (auto at = first; at != storage.end() && at->first < end; ++at)
+            sectors += std::min(end, at->first + at->length) - std::max(range.volume, at->first);
+    }
+    return sectors;
 }
 
 MapSummary Summarize(const SavedMap& map) {

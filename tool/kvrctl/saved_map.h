@@ -38,6 +38,9 @@ public:
 // Throws DamagedMap, and Failure when there is no map.
 SavedMap ReadSavedMap(World& world, const std::u16string& volume);
 
+// As ReadSavedMap; waits for the end of a save that is under way.
+SavedMap ReadWholeMap(World& world, Terminal& terminal, const std::u16string& volume);
+
 // ---- what it tells ----
 struct MapSummary {
     std::uint64_t redirectedSectors = 0;
@@ -50,5 +53,8 @@ struct MapSummary {
     std::uint64_t entries = 0;
 };
 MapSummary Summarize(const SavedMap& map);
+// Sectors of the storage, or of the map's own file, that hold redirected writes to something else: the file
+// system whose changes these are has given the storage files' space to others.
+std::uint64_t OverwrittenSectors(const SavedMap& map);
 
 }  // namespace ctl

@@ -91,7 +91,7 @@ def body(given):
     fixed.require_same(pc.image, "the image under kept changes")
 
     say("discard")
-    pc.ctl("discard", VOLUME)
+    pc.ctl("discard", VOLUME, "--drop-changes")
     pc.reboot()
     require_seen(given, pc, first, "after a boot that discards")
 

@@ -243,7 +243,7 @@ def body(given):
     pc.serve()
     misbehave(given, pc, partition)
     fixed.require_same(pc.image, "the image")
-    pc.ctl("discard", VOLUME)
+    pc.ctl("discard", VOLUME, "--drop-changes")
     pc.reboot()
     pc.require_protected()
     run("nbdcopy", pc.uri(), given.scratch / "seen")

@@ -108,7 +108,7 @@ def body(given):
     pc.reboot()
     pc.require_protected()
     worked.require_same(load.seen(), "what was kept over the boot")
-    pc.ctl("discard", VOLUME)
+    pc.ctl("discard", VOLUME, "--drop-changes")
     pc.reboot()
     load.fixed.require_same(load.seen(), "what a client sees in the end")
     pc.stop()
