@@ -25,6 +25,9 @@ public:
 
     std::uint64_t Size() const { return medium_->Size(); }
     bool LacksRoom() const { return medium_->LacksRoom(); }
+    // Of the image, as ImageDisk has them.
+    int Failure() const { return medium_->Failure(); }
+    void ForgetFailure() { medium_->ForgetFailure(); }
     const DiskMap& Map() const { return map_; }
 
     // Byte ranges inside the disk, of any alignment.

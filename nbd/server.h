@@ -118,7 +118,9 @@ private:
     bool IsMakingStorage(const Export& target);
 
     // server_control.cpp
-    [[nodiscard]] NTSTATUS CheckNobodyUses(const ControlCall& call, std::string& text, unsigned& volume);
+    [[nodiscard]] NTSTATUS CheckUsable(const ControlCall& call, std::string& text, unsigned& volume);
+    void BeginStorage(unsigned volume);
+    std::string StorageFailure();
     [[nodiscard]] NTSTATUS Send(ControlCall& call);
     void CloseHandle();
 

@@ -4,7 +4,7 @@
 #include <unistd.h>
 #include "client/driver_switches.h"
 #include "formats/kvr_ioctl.h"
-#include "machine/files/guest_file_system.h"
+#include "machine/files/mounted_file_system.h"
 #include "machine/names.h"
 #include "nbd/server.h"
 #include "platform/host/object/registry_store.h"
@@ -66,17 +66,40 @@ void Server::CloseHandle() {
 }
 
 // Success with the volume's number, 0 for a request that needs no file system or a volume that is not known
-// here.
-NTSTATUS Server::CheckNobodyUses(const ControlCall& call, std::string& text, unsigned& volume) {
+// here. Refused, with the reason, is what could not be done: nothing has been removed for it then.
+NTSTATUS Server::CheckUsable(const ControlCall& call, std::string& text, unsigned& volume) {
     volume = 0;
     if (!NeedsTheFileSystem(call.code)) return STATUS_SUCCESS;
     const machine::Volume* named = machine_->VolumeNamed(VolumeIn(call.input));
     if (named == nullptr) return STATUS_SUCCESS;
     volume = named->device->Number();
     const unsigned disk = named->device->DiskNumber();
-    if (clients_.CountOn(volume, disk) == 0) return STATUS_SUCCESS;
-    text = ShortName(*named) + " is in use: " + clients_.DescribeOn(volume, disk);
-    return STATUS_DEVICE_BUSY;
+    if (clients_.CountOn(volume, disk) != 0) {
+        text = ShortName(*named) + " is in use: " + clients_.DescribeOn(volume, disk);
+        return STATUS_DEVICE_BUSY;
+    }
+    const auto* files = dynamic_cast<const machine::MountedFileSystem*>(named->files.get());
+    const std::string why = files != nullptr ? files->ReadOnlyReason() : std::string();
+    if (why.empty()) return STATUS_SUCCESS;
+    text = "the file system of " + ShortName(*named) +
+           " cannot be changed, no storage is made or removed there: " + why;
+    return STATUS_MEDIA_WRITE_PROTECTED;
+}
+
+void Server::BeginStorage(unsigned volume) {
+    storageVolume_ = volume;
+    for (const auto& disk : disks_) disk->ForgetFailure();
+}
+
+// What the host did to the storage that was asked for last: a line, or empty when nothing.
+std::string Server::StorageFailure() {
+    const machine::Volume* volume = machine_->VolumeOf(storageVolume_);
+    const unsigned number = volume != nullptr ? volume->device->DiskNumber() : ~0U;
+    const int error = number < disks_.size() ? disks_[number]->Failure() : 0;
+    if (error == 0) return {};
+    return "\nstorage-failure: " + ShortName(*volume) + " the host does not write disk" +
+           std::to_string(number) + ", " + folder_.DiskPath(folder_.disks[number]) + ": " +
+           std::strerror(error);
 }
 
 NTSTATUS Server::Send(ControlCall& call) {
@@ -96,13 +119,13 @@ NTSTATUS Server::Control(Handle handle, ControlCall& call) {
     std::unique_lock guard(clientsLock_);
     unsigned volume = 0;
     NTSTATUS status = STATUS_INVALID_HANDLE;
-    if (handle != 0 && handle == handle_) status = CheckNobodyUses(call, call.text, volume);
+    if (handle != 0 && handle == handle_) status = CheckUsable(call, call.text, volume);
     if (!NT_SUCCESS(status)) {
         if (!call.text.empty()) log_.Line("control: refused: " + call.text);
         call.output.clear();
         return status;
     }
-    if (call.code == IOCTL_KVR_ALLOCATE_SWAP) storageVolume_ = volume;
+    if (call.code == IOCTL_KVR_ALLOCATE_SWAP) BeginStorage(volume);
     if (volume == 0) guard.unlock();
     return Send(call);
 }
@@ -168,7 +191,7 @@ std::string Server::About() {
             text += "\nwarning: the host has no room for disk" + std::to_string(number) + ", " +
                     folder_.DiskPath(folder_.disks[number]);
     }
-    return text;
+    return text + (on_ ? StorageFailure() : std::string());
 }
 
 }  // namespace nbd

@@ -116,6 +116,7 @@ ImageDisk::ImageDisk(posix::File file, std::string path, std::uint64_t size, std
 // Of what changes the image, with the host's errno.
 NTSTATUS ImageDisk::Result(bool done) {
     if (done) return STATUS_SUCCESS;
+    failure_ = errno;
     if (errno == ENOSPC || errno == EDQUOT)
         lackedRoomAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
     return DiskFailure();

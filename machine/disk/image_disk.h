@@ -29,6 +29,9 @@ public:
     // A write or flush failed within the last ten seconds since the host had no room for the image. To the
     // machine such a failure is one of the disk like any other; whoever serves the disk may know better.
     bool LacksRoom() const;
+    // The host's errno of the last write or flush that failed since ForgetFailure, or 0.
+    int Failure() const { return failure_; }
+    void ForgetFailure() { failure_ = 0; }
 
 private:
     ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
@@ -37,6 +40,7 @@ private:
 
     posix::File file_;
     std::atomic<std::chrono::steady_clock::rep> lackedRoomAt_{0};  // 0: never
+    std::atomic<int> failure_{0};
     std::string path_;
     std::uint64_t size_;
     std::uint32_t sectorSize_;

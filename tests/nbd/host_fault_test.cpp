@@ -4,6 +4,7 @@
 #include <thread>
 #include <sys/mount.h>
 #include "machine/partition/partition_table.h"
+#include "platform/host/sync/thread.h"
 #include "tests/nbd/served.h"
 
 namespace {
@@ -138,6 +139,11 @@ TEST_F(HostFault, AFullHostIsToldAndNothingAcknowledgedIsLost) {
         EXPECT_TRUE(back == piece) << at;
     }
     server->Disconnect(std::move(client));
+    EXPECT_EQ(world.WhyUnfinished(kFirst), "");
+    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kFirst, 16 * kMiB);
+    host::JoinSystemThreads();
+    EXPECT_EQ(world.WhyUnfinished(kFirst),
+              "the host does not write disk0, " + place + "/disk0.img: No space left on device");
     control.reset();
     server.reset();
     EXPECT_EQ(umount(place.c_str()), 0);

@@ -34,6 +34,25 @@ volume() { # volume FILE SIZE
 
 refused "which command"
 refused "nonsense" nonsense
+refused "did you mean 'serve'?" sreve
+made() { # made WORDS ARGUMENTS...: as refused, of create
+    local words=$1
+    shift
+    refused "$words" create "$images/never" "$@"
+    [ ! -e "$images/never" ] || fail "'$*' made a machine"
+}
+made "which disk?"
+made "'0' is no size" --size 0
+made "'1.5X' is no size" --size 1.5X
+made "--fs 'fat32': a new volume gets ntfs, ext4 or none" --size 1.5G --fs fat32
+made "--layout 'apm': a new disk" --size 64M --layout apm
+made "--volumes '129': a disk has 1 to 128" --size 64M --volumes 129
+made "--volumes 'x': a disk has" --size 64M --volumes x
+made "--sector-size '1024': sectors have 512 or 4096" --disk a --sector-size 1024
+made "'b' is not understood here; --disk stands before each image" --disk a b
+made "which of them?" --disk a --size 64M
+made "--fs is for a new disk" --disk a --fs ext4
+made "--sector-size is for images" --size 64M --sector-size 512
 refused "--nonsense" demo --nonsense
 refused "--image" demo --image
 refused "No such file" demo --image "$images/missing"

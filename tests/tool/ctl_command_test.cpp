@@ -109,24 +109,38 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         {"removable hide 2", kExitFailed, "is a fixed volume"},
         // Swap storage: what is known before the driver is asked,
         {"swap make 1 698M", kExitFailed, "has 700 MiB free; the storage and its map need 715 MiB"},
-        {"swap make 2 1M", kExitFailed, "is protected"},
+        {"swap make 2 64M", kExitFailed, "is protected"},
         {"swap remove 2", kExitFailed, "is protected"},
-        {"swap make 13 1M", kExitFailed, "removable"},
+        {"swap make 13 64M", kExitFailed, "removable"},
+        {"swap make 1 100", kExitUsage, "'100' means 100 bytes; for megabytes write 100M"},
+        {"swap make 1 100k", kExitUsage,
+         "100 KiB of storage are of no use: every write fails in the last 8 MiB"},
+        {"swap make 1 8M", kExitUsage, "a merge needs more than 51 MiB"},
+        {"swap make 1 64M", kExitFailed,
+         "holds 1 MiB of changes, which would be dropped now; say --drop-changes",
+         [](Machine& m) { m.fixed[1].SwapUsedBytes = kMiB; }},
+        {"swap remove 1", kExitFailed, "say --drop-changes",
+         [](Machine& m) { m.fixed[1].SwapUsedBytes = kMiB; }},
         {"swap make 1 200000G", kExitFailed, "at most"},
-        {"swap make 1 1M", kExitBusy, "in use by nbdcopy (pid 1)",
+        {"swap make 1 64M", kExitBusy, "in use by nbdcopy (pid 1)",
          [](Machine& m) { m.facts[kSystem].clients = "nbdcopy (pid 1)"; }},
-        {"swap make 1 1M", kExitFailed, "no file system",
+        {"swap make 1 64M", kExitFailed, "no file system",
          [](Machine& m) { m.facts[kSystem].fileSystem = FileSystemKind::None; }},
-        {"swap make 1 1M", kExitBusy, "already", [](Machine& m) { m.fixed[1].SwapStatus = 1; }},
+        {"swap make 1 64M", kExitBusy, "already", [](Machine& m) { m.fixed[1].SwapStatus = 1; }},
         // what it answers, and what came of it.
-        {"swap make 1 1M", kExitFailed, "holds the configuration",
+        {"swap make 1 64M", kExitFailed, "holds the configuration",
          refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_INVALID_PARAMETER)},
-        {"swap make 1 1M", kExitBusy, "swap stop", refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_FILE_LOCK_CONFLICT)},
+        {"swap make 1 64M", kExitBusy, "swap stop",
+         refused(IOCTL_KVR_ALLOCATE_SWAP, STATUS_FILE_LOCK_CONFLICT)},
         {"swap remove 1", kExitBusy, "in use: x",
          refused(IOCTL_KVR_REMOVE_SWAP, STATUS_DEVICE_BUSY, "HarddiskVolume1 is in use: x")},
-        {"swap make 1 1.5M", kExitFailed, "not finished: 0 bytes of 2 MiB"},
-        {"swap make 1 1.5M", kExitFailed, "has 1 MiB instead of 2 MiB", whole(1 * kMiB)},
-        {"swap make 1 1.5M", kExitOk, "Made 2 MiB", whole(2 * kMiB)},
+        {"swap make 1 9.5M", kExitFailed, "not finished: 0 bytes of 10 MiB were made; the volume"},
+        {"swap make 1 9.5M", kExitFailed, "were made (the host is full); the volume",
+         [](Machine& m) { m.whyUnfinished = "the host is full"; }},
+        {"swap make 1 9.5M", kExitFailed, "were made (the volume has 512 KiB free); the volume",
+         [](Machine& m) { m.onChange = [&m](std::uint32_t) { m.facts[kSystem].freeBytes = kMiB / 2; }; }},
+        {"swap make 1 9.5M", kExitFailed, "has 9 MiB instead of 10 MiB", whole(9 * kMiB)},
+        {"swap make 1 9.5M", kExitOk, "Made 10 MiB", whole(10 * kMiB)},
         {"enable", kExitOk, "nothing was changed", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
         {"disable", kExitFailed, "system32\\drivers", refused(IOCTL_KVR_SET_CONFIG, STATUS_NO_SUCH_FILE)},
         {"disable", kExitDenied, "administrator", refused(IOCTL_KVR_SET_CONFIG, STATUS_ACCESS_DENIED)},
@@ -164,7 +178,7 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         EXPECT_EQ(row.exitCode, result.exitCode) << said;
         EXPECT_NE(std::string::npos, said.find(row.says)) << row.says << said;
         EXPECT_LE(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
-        const std::size_t made = row.words == "swap make 1 1.5M" ? 1 : 0;
+        const std::size_t made = row.words == "swap make 1 9.5M" ? 1 : 0;
         EXPECT_EQ(std::vector<std::uint32_t>(made, IOCTL_KVR_ALLOCATE_SWAP), machine.changes);
     }
 }
@@ -351,7 +365,7 @@ TEST(CtlCommands, CtrlCEndsWhatWasBegun) {
         machine.fixed[1].SwapStatus = code == IOCTL_KVR_ALLOCATE_SWAP;
         machine.busyOpens = 3;
     };
-    const Result stopped = RunOn(machine, {"swap", "make", "1", "1M"}, interrupted);
+    const Result stopped = RunOn(machine, {"swap", "make", "1", "64M"}, interrupted);
     EXPECT_EQ(kExitStopped, stopped.exitCode);
     EXPECT_NE(std::string::npos, stopped.err.find("what was made is removed again")) << stopped.err;
     EXPECT_EQ((std::vector<std::uint32_t>{IOCTL_KVR_ALLOCATE_SWAP, IOCTL_KVR_STOP_SWAP_THREAD}),
@@ -364,13 +378,25 @@ TEST(CtlCommands, CtrlCEndsWhatWasBegun) {
 
 TEST(CtlCommands, UsageMistakesAndHelp) {
     Machine machine = Office();
-    for (const char* text : {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap make 1",
-                             "swap make 1 2X", "hardening maybe", "protect 1 --until 2020-01-01T00:00",
-                             "protect 1 --until=", "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
+    for (const char* text :
+         {"", "nonsense", "status x", "protect", "protect 1 --at-boot never", "swap make 1", "swap make 1 2X",
+          "hardening maybe", "--json protect 1", "protect 1 --until 2020-01-01T00:00",
+          "protect 1 --until=", "protect 1 --at-boot discard --until 2090-01-01T00:00"}) {
         const Result result = RunOn(machine, Words(text));
         EXPECT_EQ(kExitUsage, result.exitCode) << text << result.err;
         EXPECT_EQ(1, std::count(result.err.begin(), result.err.end(), '\n')) << result.err;
     }
+    const struct {
+        const char *words, *meant;
+    } misspelt[] = {{"statsu", "status"},        {"sawp make 1 64M", "swap"}, {"swap mkae 1 64M", "make"},
+                    {"unprotct 1", "unprotect"}, {"status --jsno", "--json"}, {"frobnicate", nullptr}};
+    for (const auto& row : misspelt) {
+        const std::string said = RunOn(machine, Words(row.words)).err;
+        const std::string wanted =
+            row.meant ? std::string("; did you mean '") + row.meant + "'?" : "understood here (see";
+        EXPECT_NE(said.npos, said.find(wanted)) << said;
+    }
+    EXPECT_EQ(RunOn(machine, {"status", "--json"}).out, RunOn(machine, {"--json", "status"}).out);
     for (const char* command : {"status", "map", "protect", "removable", "config", "swap"})
         EXPECT_NE(std::string::npos,
                   RunOn(machine, {command, "--help"}).out.find("Examples:\n  kvrctl " + std::string(command)));

@@ -1,5 +1,6 @@
 // The command line against the real driver of a served machine, through its control socket.
 #include <gtest/gtest.h>
+#include <filesystem>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
@@ -92,6 +93,29 @@ TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
         auto client = Connect("HarddiskVolume2");
         EXPECT_EQ(row.write, Transfer(client, nbd::Server::Action::Write, 40 * kMiB, bytes));
         server->Disconnect(std::move(client));
+    }
+}
+
+// What keeps storage from being made is told before anything goes: here a file system that was not unmounted.
+TEST_F(CtlServed, AFileSystemThatMayNotBeChangedIsNamed) {
+    control.reset();
+    server.reset();
+    std::filesystem::remove_all(Folder());
+    nbd::NewMachine machine;
+    machine.path = Folder();
+    machine.size = 128 * kMiB;
+    machine.fileSystem = FileSystemKind::Ext;
+    nbd::MakeMachine(machine);
+    const std::string image = "'" + Folder() + "/disk0.img?offset=1048576'";
+    ASSERT_EQ(0, std::system(("debugfs -w -R 'ssv state 0' " + image + " 2>/dev/null").c_str()));
+    PowerOn();
+    for (const auto& words :
+         std::vector<std::vector<std::string>>{{"swap", "make", "1", "16M"}, {"swap", "remove", "1"}}) {
+        const Result result = Run(words, Wait);
+        EXPECT_EQ(kExitFailed, result.exitCode);
+        EXPECT_NE(result.err.npos,
+                  result.err.find("cannot be changed, no storage is made or removed there: it was not"))
+            << result.err;
     }
 }
 

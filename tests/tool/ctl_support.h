@@ -49,6 +49,7 @@ struct Machine {
     bool enabled = false;
     std::optional<bool> hardening;
     int minutesEast = 0;
+    std::string whyUnfinished;
     std::vector<KVR_FIXED_VOLUME_STATUS> fixed;
     std::vector<KVR_REMOVABLE_VOLUME_STATUS> removable;
     std::u16string config;
@@ -149,6 +150,7 @@ public:
     std::optional<bool> HardeningNow() override { return machine_.hardening; }
     int MinutesEast() override { return machine_.minutesEast; }
     std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
+    std::string WhyUnfinished(const std::u16string&) override { return machine_.whyUnfinished; }
     std::string NextBoot() const override { return "the next boot"; }
 
 private:

@@ -4,6 +4,7 @@
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/completion.h"
 #include "tool/kvrctl/date.h"
+#include "tool/nearest_word.h"
 #include "client/failure.h"
 
 namespace ctl {
@@ -31,6 +32,7 @@ public:
             std::string(kExitCodes));
         app_.add_option("--machine", folder_, "Folder of the hosted machine (default: $KVR_MACHINE)")
             ->type_name("DIR");
+        app_.add_flag("--json", jsonFirst_, "Print JSON, where the command can");
         AddLooking();
         AddEdits();
         AddConfig();
@@ -60,7 +62,16 @@ private:
     // What is missing is told only when nothing is there that makes no sense.
     std::string Explain(const CLI::ParseError& error) const {
         const std::vector<std::string> unknown = app_.remaining(true);
-        return unknown.empty() ? error.what() : "'" + unknown[0] + "' is not understood here";
+        if (unknown.empty()) return error.what();
+        const std::string near = NearestWord(unknown[0], app_);
+        return "'" + unknown[0] + "' is not understood here" +
+               (near.empty() ? "" : "; did you mean '" + near + "'?");
+    }
+
+    void RequireJson(const CLI::App& command) {
+        if (jsonFirst_ && command.get_option_no_throw("--json") == nullptr)
+            throw Failure("'" + command.get_name() + "' has no --json", kExitUsage);
+        json_ = json_ || jsonFirst_;
     }
 
     CLI::App* Command(CLI::App& parent, const std::string& name, const std::string& what,
@@ -72,8 +83,9 @@ private:
 
     // `run` is what the command does, with a world.
     void OnParse(CLI::App* command, Run run) {
-        command->final_callback([this, run = std::move(run)] {
-            run_ = [this, run] {
+        command->final_callback([this, command, run = std::move(run)] {
+            run_ = [this, command, run] {
+                RequireJson(*command);
                 const std::unique_ptr<World> world = makeWorld_(folder_);
                 return run(Context{*world, terminal_, json_});
             };
@@ -228,7 +240,12 @@ private:
                                            "  kvrctl config check\n  kvrctl config check kvr.cfg.txt"));
         check->add_option("FILE", set_.file,
                           "The text, needing no machine; - for the standard input (default: the stored text)");
-        check->final_callback([this] { run_ = [this] { return CheckConfigText(); }; });
+        check->final_callback([this, check] {
+            run_ = [this, check] {
+                RequireJson(*check);
+                return CheckConfigText();
+            };
+        });
         CLI::App* edit =
             Command(*config, "edit", "Edit the stored text ($VISUAL, $EDITOR)", "  kvrctl config edit");
         edit->add_flag("--force", set_.force, "Store it although it has errors");
@@ -252,11 +269,12 @@ private:
         make->add_option("VOLUME", make_.volume, "HarddiskVolume2, 2 or the full object name")->required();
         make->add_option("SIZE", make_.size, "2G, 512M, 1.5GiB or bytes")->required();
         make->add_flag("--no-wait", make_.noWait, "Start it and return");
+        make->add_flag("--drop-changes", make_.dropChanges, "Changes in the storage that is there may be lost");
         OnParse(make, [this](const Context& context) { return SwapMake(context, make_); });
         CLI::App* remove =
-            Command(*swap, "remove", "Remove the storage", "  kvrctl swap remove HarddiskVolume2");
+            WithDrop(Command(*swap, "remove", "Remove the storage", "  kvrctl swap remove HarddiskVolume2"));
         AddVolume(remove)->required();
-        OnParse(remove, [this](const Context& context) { return SwapRemove(context, edit_.volume); });
+        OnParse(remove, [this](const Context& context) { return SwapRemove(context, edit_); });
         OnParse(Command(*swap, "stop", "Stop making or removing storage", "  kvrctl swap stop"), SwapStop);
     }
 
@@ -278,7 +296,7 @@ private:
     std::function<int()> run_;
     std::string folder_, atBoot_, until_, hardening_;
     const CLI::Option* untilGiven_ = nullptr;
-    bool json_ = false, namesOnly_ = false;
+    bool json_ = false, jsonFirst_ = false, namesOnly_ = false;
     WatchOptions watch_;
     MapOptions map_;
     EditOptions edit_;

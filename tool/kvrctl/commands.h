@@ -76,9 +76,10 @@ struct SwapMakeOptions {
     std::string volume;
     std::string size;
     bool noWait = false;
+    bool dropChanges = false;  // kept changes in the storage that is there may be lost
 };
 int SwapMake(const Context& context, const SwapMakeOptions& options);
-int SwapRemove(const Context& context, const std::string& volume);
+int SwapRemove(const Context& context, const EditOptions& options);
 int SwapStop(const Context& context);
 
 }  // namespace ctl

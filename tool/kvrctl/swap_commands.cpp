@@ -17,10 +17,12 @@ constexpr unsigned kBarWidth = 40;
 // ---- whether it can be done, before anything starts --------------------------------------------------------
 
 struct SwapPlan {
+    FixedVolume now;
     std::uint64_t swapBytes;      // in whole blocks
     std::uint64_t replacedBytes;  // of the storage that is there and goes
 };
 
+constexpr std::int64_t kLeastBytes = 1024 * 1024;
 constexpr std::uint64_t kBlockSectors = 2048;  // by which the storage files grow
 constexpr std::uint64_t kMapEntryBytes = 12;   // of the map's file, for every sector of storage
 constexpr std::uint64_t kMostSectors = 0xFFFFFFFF / kMapEntryBytes;
@@ -61,6 +63,33 @@ FixedVolume RequireChangeable(const Context& context, const KnownVolume& volume)
     return status;
 }
 
+// In a boot that could not use its storage, this may hold what the one before kept.
+void RequireNoLoss(const Context& context, const KnownVolume& volume, const FixedVolume& status, bool given) {
+    if (status.swapUsed <= 0) return;
+    RequireConsent(context.terminal, given,
+                   "the storage of " + ShortName(volume.name) + " holds " +
+                       SizeText(static_cast<std::uint64_t>(status.swapUsed)) +
+                       " of changes, which would be dropped now",
+                   "--drop-changes");
+}
+
+// Small numbers are most often meant in another unit, and the last of any storage is kept in reserve.
+std::uint64_t RequireUseful(const Context& context, const std::string& text) {
+    const std::int64_t size = ParseSize(text);
+    if (size < kLeastBytes && text.find_first_not_of("0123456789") == text.npos)
+        throw Failure("'" + text + "' means " + SizeText(static_cast<std::uint64_t>(size)) +
+                          "; for megabytes write " + text + "M",
+                      kExitUsage);
+    const std::uint64_t reserve = context.world.StorageReserve();
+    if (static_cast<std::uint64_t>(size) <= reserve)
+        throw Failure(SizeText(static_cast<std::uint64_t>(size)) +
+                          " of storage are of no use: every write fails in the last " + SizeText(reserve) +
+                          " of a volume's storage, and a merge needs more than " + SizeText(kMergeSpaceLimit) +
+                          " free; make it larger",
+                      kExitUsage);
+    return static_cast<std::uint64_t>(size);
+}
+
 // ... nor made: removable, without a file system for it, without the room.
 SwapPlan PlanSwap(const Context& context, const KnownVolume& volume, std::uint64_t size) {
     const FixedVolume status = RequireChangeable(context, volume);
@@ -70,7 +99,7 @@ SwapPlan PlanSwap(const Context& context, const KnownVolume& volume, std::uint64
     const auto replaced = static_cast<std::uint64_t>(std::max<std::int64_t>(status.swapTotal, 0));
     if (size > kMostSectors * sector - kBlockSectors * sector)
         throw Failure("a volume's storage has at most " + SizeText(kMostSectors * sector));
-    const SwapPlan plan{WholeBlocks(size, kBlockSectors * sector), replaced};
+    const SwapPlan plan{status, WholeBlocks(size, kBlockSectors * sector), replaced};
     if (!facts) return plan;
     if (facts->removable) throw Failure(name + " is removable; swap storage lies on fixed volumes only");
     if (facts->fileSystem == FileSystemKind::None)
@@ -157,11 +186,21 @@ void TellMade(const Context& context, const std::u16string& name, std::uint64_t 
                          << ". A protected volume uses it from " << context.world.NextBoot() << " on.\n";
 }
 
+// Why it ended early, in brackets, as far as somebody knows.
+std::string CauseText(const Context& context, const std::u16string& name) {
+    std::string why = context.world.WhyUnfinished(name);
+    const auto facts = context.world.Facts(name);
+    if (why.empty() && facts && facts->freeBytes && *facts->freeBytes < kBlockSectors * facts->sectorBytes)
+        why = "the volume has " + SizeText(*facts->freeBytes) + " free";
+    return why.empty() ? "" : " (" + why + ")";
+}
+
 int EndMade(const Context& context, const std::u16string& name, const FixedVolume& status, std::uint64_t size) {
     const Outcome outcome = OutcomeOf(context, name, status);
     if (!outcome.complete)
         throw Failure("the storage was not finished: " + SizeText(outcome.bytes) + " of " + SizeText(size) +
-                      " were made, and the volume will not use them; 'kvrctl swap remove " + ShortName(name) +
+                      " were made" + CauseText(context, name) +
+                      "; the volume will not use them, and 'kvrctl swap remove " + ShortName(name) +
                       "' removes them");
     if (outcome.bytes < size)
         throw Failure("the machine ran short of memory: the storage has " + SizeText(outcome.bytes) +
@@ -188,25 +227,27 @@ KnownVolume Resolve(const Context& context, const std::string& words) {
 }  // namespace
 
 int SwapMake(const Context& context, const SwapMakeOptions& options) {
-    const auto size = static_cast<std::uint64_t>(ParseSize(options.size));
+    const std::uint64_t size = RequireUseful(context, options.size);
     const KnownVolume volume = Resolve(context, options.volume);
     const SwapPlan plan = PlanSwap(context, volume, size);
+    RequireNoLoss(context, volume, plan.now, options.dropChanges);
     if (!options.noWait) context.terminal.CatchInterrupt();
     context.Open(Access::ReadWrite).AllocateSwap(volume.name, static_cast<std::int64_t>(size));
     if (!context.json)
         context.terminal.out << "Making " << SizeText(plan.swapBytes) << " of swap storage on "
                              << ShortName(volume.name)
                              << (plan.replacedBytes ? ", in place of " + SizeText(plan.replacedBytes) : "")
-                             << ".\n"
+                             << "; " << SizeText(plan.swapBytes - context.world.StorageReserve())
+                             << " of it can hold changes.\n"
                              << std::flush;
     if (options.noWait) return kExitOk;
     const std::optional<FixedVolume> status = Follow(context, volume.name, plan.swapBytes);
     return status ? EndMade(context, volume.name, *status, plan.swapBytes) : EndStopped(context, volume.name);
 }
 
-int SwapRemove(const Context& context, const std::string& words) {
-    const KnownVolume volume = Resolve(context, words);
-    RequireChangeable(context, volume);
+int SwapRemove(const Context& context, const EditOptions& options) {
+    const KnownVolume volume = Resolve(context, options.volume);
+    RequireNoLoss(context, volume, RequireChangeable(context, volume), options.dropChanges);
     Client client = context.Open(Access::ReadWrite);
     client.RemoveSwap(volume.name);
     if (context.world.ReadRegistry(volume.name))

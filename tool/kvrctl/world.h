@@ -45,6 +45,9 @@ public:
     virtual int MinutesEast() = 0;
     // Bytes of a storage that stay out of the reach of those who write here.
     virtual std::uint64_t StorageReserve() const { return kLowSpaceLimit; }
+    // Why the volume's storage could not be made whole, as far as the machine knows; else empty. Throws
+    // Failure.
+    virtual std::string WhyUnfinished(const std::u16string&) { return {}; }
     // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
     virtual std::string NextBoot() const = 0;
 };

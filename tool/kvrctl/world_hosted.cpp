@@ -159,9 +159,13 @@ void HostedWorld::WriteSwitch(const std::u16string& value, bool on) {
     if (!IsSuccess(answer.status)) throw Failure(TextOr(answer, "the machine's registry cannot be written"));
 }
 
-std::string HostedWorld::About(const std::string& key) {
+std::string HostedWorld::About() {
     Bytes nothing;
-    std::istringstream line(Ask(wire::Command::About, {}, nothing).text);
+    return Ask(wire::Command::About, {}, nothing).text;
+}
+
+std::string HostedWorld::About(const std::string& key) {
+    std::istringstream line(About());
     for (std::string word; line >> word;)
         if (word.starts_with(key + "=")) return word.substr(key.size() + 1);
     return {};
@@ -174,6 +178,14 @@ std::optional<bool> HostedWorld::HardeningNow() {
 
 int HostedWorld::MinutesEast() {
     return std::atoi(About("minutes-east").c_str());
+}
+
+std::string HostedWorld::WhyUnfinished(const std::u16string& volume) {
+    const std::string head = "storage-failure: " + ToUtf8(volume.substr(volume.rfind(u'\\') + 1)) + " ";
+    std::istringstream lines(About());
+    for (std::string line; std::getline(lines, line);)
+        if (line.starts_with(head)) return line.substr(head.size());
+    return {};
 }
 
 std::string HostedWorld::NextBoot() const {

@@ -20,6 +20,7 @@ public:
     int MinutesEast() override;
     // A network client's writes are made for no file: they get what is kept for metadata as well.
     std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
+    std::string WhyUnfinished(const std::u16string& volume) override;
     std::string NextBoot() const override;
 
 private:
@@ -28,7 +29,9 @@ private:
     // For the machine's own facts, apart from the handles' connections.
     Answer Ask(tool::wire::Command command, std::span<const std::uint8_t> input, Bytes& output,
                std::uint32_t code = 0);
-    // What the machine says of itself under that key; empty when it does not.
+    // What the machine says of itself.
+    std::string About();
+    // Under that key of the first line; empty when it says nothing there.
     std::string About(const std::string& key);
 
     std::string folder_;

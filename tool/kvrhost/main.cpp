@@ -4,17 +4,46 @@
 #include <CLI/CLI.hpp>
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
+#include "tool/error.h"
 #include "tool/kvrhost/paste.h"
 #include "tool/kvrhost/serve.h"
+#include "tool/nearest_word.h"
 #include "tool/text.h"
 
 namespace tool {
 namespace {
 
-const std::map<std::string, FileSystemKind> kFileSystems = {
+template <class Kind>
+using Kinds = std::map<std::string, Kind>;
+const Kinds<FileSystemKind> kFileSystems = {
     {"ntfs", FileSystemKind::Ntfs}, {"ext4", FileSystemKind::Ext}, {"none", FileSystemKind::None}};
-const std::map<std::string, machine::TableKind> kLayouts = {{"gpt", machine::TableKind::Gpt},
-                                                            {"mbr", machine::TableKind::Mbr}};
+const Kinds<machine::TableKind> kLayouts = {{"gpt", machine::TableKind::Gpt}, {"mbr", machine::TableKind::Mbr}};
+const Kinds<std::uint32_t> kSectorSizes = {{"512", 512}, {"4096", 4096}};
+constexpr int kMostVolumes = 128;
+
+// An option that takes one of these words.
+template <class Kind>
+CLI::Option* AddChoice(CLI::App& app, const std::string& name, Kind& chosen, const Kinds<Kind>& kinds,
+                       const std::string& what, const std::string& otherwise) {
+    return app
+        .add_option_function<std::string>(
+            name,
+            [&chosen, &kinds, name, otherwise](const std::string& word) {
+                const auto found = kinds.find(word);
+                if (found == kinds.end()) throw Error(name + " '" + word + "': " + otherwise);
+                chosen = found->second;
+            },
+            what)
+        ->type_name("KIND");
+}
+
+unsigned ParseVolumes(const std::string& text) {
+    const bool number = !text.empty() && text.size() <= 3 && text.find_first_not_of("0123456789") == text.npos;
+    const int volumes = number ? std::stoi(text) : 0;
+    if (volumes < 1 || volumes > kMostVolumes)
+        throw Error("--volumes '" + text + "': a disk has 1 to " + std::to_string(kMostVolumes) + " volumes");
+    return static_cast<unsigned>(volumes);
+}
 
 // The commands as CLI11 holds them, and the options into which it parses.
 class CommandLine {
@@ -38,7 +67,7 @@ public:
             app_.parse(argc, argv);
         } catch (const CLI::ParseError& error) {
             if (error.get_exit_code() == 0) return app_.exit(error);
-            std::fprintf(stderr, "kvrhost: %s (see kvrhost --help)\n", error.what());
+            std::fprintf(stderr, "kvrhost: %s (see kvrhost --help)\n", Explain(error).c_str());
             return kExitError;
         }
         if (run_) return run_();
@@ -47,6 +76,17 @@ public:
     }
 
 private:
+    // What is missing is told only when nothing is there that makes no sense.
+    std::string Explain(const CLI::ParseError& error) const {
+        const std::vector<std::string> unknown = app_.remaining(true);
+        if (unknown.empty()) return error.what();
+        if (!machine_.images.empty())
+            return "'" + unknown[0] + "' is not understood here; --disk stands before each image";
+        const std::string near = ctl::NearestWord(unknown[0], app_);
+        return "'" + unknown[0] + "' is not understood here" +
+               (near.empty() ? "" : "; did you mean '" + near + "'?");
+    }
+
     void OnParse(CLI::App* command, std::function<int()> run) {
         command->final_callback([this, run = std::move(run)] { run_ = run; });
     }
@@ -76,37 +116,31 @@ private:
     void AddCreate() {
         CLI::App* create = app_.add_subcommand("create", "Make a machine's folder");
         create->add_option("DIR", machine_.path, "The folder: new, or empty")->required();
-        auto* images = create
-                           ->add_option("--disk", machine_.images,
-                                        "Take this raw image in place as a disk (again for more)")
-                           ->type_name("IMAGE")
-                           ->allow_extra_args(false);
-        auto* size = create->add_option("--size", machine_.size, "Make a disk of this size, 8G for example")
-                         ->transform(CLI::Validator(
-                             [](std::string& text) {
-                                 text = std::to_string(ctl::ParseSize(text));
-                                 return std::string();
-                             },
-                             ""))
-                         ->type_name("SIZE")
-                         ->excludes(images);
-        create->add_option("--sector-size", machine_.sectorBytes, "The images' sectors: 512 or 4096 bytes")
-            ->check(CLI::IsMember({512u, 4096u}))
-            ->type_name("BYTES")
-            ->needs(images);
+        create->add_option("--disk", machine_.images, "Take this raw image in place as a disk (again for more)")
+            ->type_name("IMAGE")
+            ->allow_extra_args(false);
         create
-            ->add_option("--fs", machine_.fileSystem, "Its volumes' file system: ntfs (default), ext4 or none")
-            ->transform(CLI::CheckedTransformer(kFileSystems))
-            ->type_name("KIND")
-            ->needs(size);
-        create->add_option("--layout", machine_.layout, "Its partition table: gpt (default) or mbr")
-            ->transform(CLI::CheckedTransformer(kLayouts))
-            ->type_name("KIND")
-            ->needs(size);
-        create->add_option("--volumes", machine_.volumes, "How many volumes share it (default: 1)")
-            ->check(CLI::Range(1, 128))
-            ->type_name("N")
-            ->needs(size);
+            ->add_option_function<std::string>(
+                "--size",
+                [this](const std::string& text) {
+                    machine_.size = static_cast<std::uint64_t>(ctl::ParseSize(text));
+                },
+                "Make a disk of this size: 8G, 1.5GiB, 512M or bytes")
+            ->type_name("SIZE");
+        AddChoice(*create, "--sector-size", machine_.sectorBytes, kSectorSizes,
+                  "The images' sectors: 512 or 4096 bytes", "sectors have 512 or 4096 bytes")
+            ->type_name("BYTES");
+        ofANewDisk_ = {
+            AddChoice(*create, "--fs", machine_.fileSystem, kFileSystems,
+                      "Its volumes' file system: ntfs (default), ext4 or none",
+                      "a new volume gets ntfs, ext4 or none; FAT cannot hold the storage for changes"),
+            AddChoice(*create, "--layout", machine_.layout, kLayouts,
+                      "Its partition table: gpt (default) or mbr", "a new disk gets a gpt or an mbr"),
+            create
+                ->add_option_function<std::string>(
+                    "--volumes", [this](const std::string& text) { machine_.volumes = ParseVolumes(text); },
+                    "How many volumes share it (default: 1)")
+                ->type_name("N")};
         create->footer(
             "Examples:\n"
             "  kvrhost create pc --size 8G --volumes 2\n"
@@ -127,9 +161,18 @@ private:
         OnParse(serving, [this] { return Serve(serve_); });
     }
 
+    void RequireOneKindOfDisk() const {
+        const bool made = machine_.size != 0, taken = !machine_.images.empty();
+        if (!made && !taken) throw Error("which disk? Give --size for a new one or --disk for an image");
+        if (made && taken) throw Error("--size makes a new disk and --disk takes an image: which of them?");
+        if (made && machine_.sectorBytes != 0) throw Error("--sector-size is for images, with --disk");
+        for (const CLI::Option* option : ofANewDisk_)
+            if (taken && option->count() != 0)
+                throw Error(option->get_name() + " is for a new disk, with --size; an image stays as it is");
+    }
+
     int Create() {
-        if (machine_.images.empty() && machine_.size == 0)
-            throw nbd::Error("which disk? Give --size for a new one or --disk for an image");
+        RequireOneKindOfDisk();
         nbd::MakeMachine(machine_);
         std::printf("The machine in %s is made; power it on with: kvrhost serve %s\n", machine_.path.c_str(),
                     ShellWord(machine_.path).c_str());
@@ -138,6 +181,7 @@ private:
 
     CLI::App app_{"Hosted computers for the Kvr volume filter driver.", "kvrhost"};
     std::function<int()> run_;
+    std::vector<const CLI::Option*> ofANewDisk_;
     DemoOptions demo_;
     nbd::NewMachine machine_;
     ServeOptions serve_;
