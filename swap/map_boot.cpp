@@ -149,9 +149,16 @@ BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
         volume->SwapState != kSwapUsable)
         return FALSE;
     ULONG64 free;
+    bool isOverwritten;
     {
         FastMutexLock lock(volume->SwapLock);
         free = volume->SwapFreeBytes;
+        isOverwritten = gHardening && IsStorageRedirected(volume);
+    }
+    if (isOverwritten) {
+        DbgPrint("Kvr!PreloadSwapMap: %wZ is not merged, its storage files were given up or changed\n",
+                 &volume->VolumeName);
+        return TRUE;
     }
     if (free <= kMergeSpaceLimit) return TRUE;  // they stay as they are for one more boot
     MergeSwapIntoVolume(volume->FilterDevice);

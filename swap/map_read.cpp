@@ -33,18 +33,19 @@ LONGLONG EndOfRedirections(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLo
     return node == &TreeNil ? 0 : ChunkEnd(static_cast<const SWAPPED_CHUNK*>(node->Record));
 }
 
-bool IsRedirectedAlready(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range) KVR_REQUIRES(volume->SwapLock) {
-    TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &range.volumeOffset);
+bool IsAnyRedirected(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length) KVR_REQUIRES(volume->SwapLock) {
+    TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &offset);
     if (!node) return false;
     const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
-    return chunk->liVolumeOffset.QuadPart < range.volumeOffset + range.length;
+    return chunk->liVolumeOffset.QuadPart < offset + length;
 }
 
 // `end` is EndOfRedirections before and after. A map is written in ascending order, so most entries need no
 // search.
 NTSTATUS LoadSwappedEntry(PVOLUME_EXTENSION volume, const ENTRY_RANGE& range, LONGLONG* end)
     KVR_REQUIRES(volume->SwapLock) {
-    if (range.volumeOffset < *end && IsRedirectedAlready(volume, range)) return STATUS_INVALID_PARAMETER;
+    if (range.volumeOffset < *end && IsAnyRedirected(volume, range.volumeOffset, range.length))
+        return STATUS_INVALID_PARAMETER;
     const NTSTATUS status = RecordSwappedChunk(volume, range.volumeOffset, range.swapOffset, range.length, 0);
     if (!NT_SUCCESS(status)) return status;
     if (range.volumeOffset + range.length > *end) *end = range.volumeOffset + range.length;
@@ -144,4 +145,23 @@ NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {
     if (!ranges || !other) return STATUS_INSUFFICIENT_RESOURCES;
     SortBySector(ranges.Get(), other.Get(), PackRanges(volume, ranges.Get()));
     return HasOverlap(ranges.Get(), count) ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}
+
+bool IsStorageRedirected(PVOLUME_EXTENSION volume) {
+    TREE* swapped = &volume->SwappedChunks;
+    TREE* free = &volume->FreeChunks;
+    for (TREE_NODE* node = tree_first(swapped, swapped->Root); node; node = tree_next(swapped, node)) {
+        const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+        if (IsAnyRedirected(volume, chunk->liSwapOffset.QuadPart, chunk->uLength)) return true;
+    }
+    for (TREE_NODE* node = tree_first(free, free->Root); node; node = tree_next(free, node)) {
+        const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
+        if (IsAnyRedirected(volume, chunk->liSwapOffset.QuadPart, chunk->uLength)) return true;
+    }
+    const ULONG runs = volume->MapLocation ? volume->ulMapLocationLength / sizeof(MAP_LOCATION_ENTRY) : 0;
+    for (ULONG r = 0; r < runs; ++r) {
+        const MAP_LOCATION_ENTRY& run = volume->MapLocation[r];
+        if (IsAnyRedirected(volume, RunOffset(run, volume->BytesPerSector), run.ulLength)) return true;
+    }
+    return false;
 }

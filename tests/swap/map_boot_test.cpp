@@ -384,6 +384,34 @@ TEST_F(MapBoot, MergedDataIsFlushedBeforeTheMapDropsItsRedirections) {
     }
 }
 
+// Redirected writes to a place of the storage, or of the map: under the stricter rules they are not copied
+// there.
+TEST_F(MapBoot, AMergeOverTheStorageItselfIsNotMade) {
+    constexpr LONGLONG end = kSwap + kUsed + 24 * S;  // of the storage's low part
+    const struct {
+        LONGLONG place;
+        bool isStorage;
+    } table[] = {{kSwap - kUsed, false}, {kSwap - kUsed + S, true}, {end - S, true},
+                 {end, false},           {kMap - kUsed, false},     {kMap + kMapBytes - S, true}};
+    for (const bool hardening : {false, true}) {
+        for (const auto& row : table) {
+            SaveMap();
+            gHardening = hardening;
+            volume->BootAction = PV_ACTION_MERGE;
+            if (!row.isStorage) std::fill(At(row.place), At(row.place + kUsed), 0);
+            auto* entry = reinterpret_cast<SWAP_MAP_ENTRY*>(At(kMap));
+            entry->ulVolumeSector = static_cast<ULONG>(row.place / S);
+            SealMapEntry(entry);
+            const Bytes before = OnDisk(row.place, kUsed);
+            EnsureSwapMapLoaded(volume);
+            gHardening = FALSE;
+            const bool kept = hardening && row.isStorage;
+            EXPECT_EQ(kept ? kUsed : 0, Used()) << row.place;
+            EXPECT_EQ(kept, OnDisk(row.place, kUsed) == before) << row.place;
+        }
+    }
+}
+
 // A range that cannot be copied is given up like the others.
 TEST_F(MapBoot, MergeThatFailsKeepsTheVolumesOwnSectors) {
     for (const bool isWrite : {false, true}) {
