@@ -2,6 +2,7 @@
 #include "driver/record/requests.h"
 #include "platform/assert.h"
 #include "redirect/request_io.h"
+#include "redirect/run_transfers.h"
 
 namespace {
 
@@ -15,30 +16,26 @@ struct READ_CALL {
     RequestPages pages{};
     UCHAR* mapped = nullptr;
     PoolPtr<UCHAR> bounce{};
-    RUN_TRANSFERS transfers{};
+    RunTransfers transfers{IRP_MJ_READ, volume};
+
+    UCHAR* Data() const { return bounce ? bounce.Get() : mapped; }
 };
 
 bool IsAllOnVolume(const SEGMENT* list) {
     return !list || (!list->bInSwap && !list->pNext);
 }
 
-// The status below 0 that ended the walk, or the last one. Every byte of `data` has a defined value
-// afterwards: what the devices did not deliver is zero, so nothing of the pool's past reaches the caller.
+// The status below 0 that ended the walk, or the last one.
 NTSTATUS ReadRuns(READ_CALL& call, UCHAR* data) {
-    NTSTATUS status = STATUS_SUCCESS;
-    ULONG filled = 0;
-    for (SEGMENT* pCurrent = call.list; pCurrent; pCurrent = pCurrent->pNext) {
+    RunTransfers& transfers = call.transfers;
+    for (SEGMENT* pCurrent = call.list; pCurrent && transfers.MayBegin(); pCurrent = pCurrent->pNext) {
         KVR_ASSERT(kSwapSource, 0 != pCurrent->uLength);
-        PDEVICE_OBJECT device = pCurrent->bInSwap ? call.transfers.swap.Of(call.volume) : call.volume->Target;
-        status = call.transfers.Transfer(IRP_MJ_READ, device, data + pCurrent->uOffset, pCurrent->uLength,
-                                         pCurrent->bInSwap ? pCurrent->liSwapOffset : pCurrent->liVolumeOffset);
-        if (!NT_SUCCESS(status)) break;
-        filled = pCurrent->uOffset + pCurrent->uLength;
-        const ULONG_PTR got = call.transfers.iosb.Information;
-        if (got < pCurrent->uLength) RtlZeroMemory(data + pCurrent->uOffset + got, pCurrent->uLength - got);
+        if (pCurrent->bInSwap)
+            transfers.Begin(pCurrent, transfers.SwapTarget(), pCurrent->liSwapOffset.QuadPart, data);
+        else
+            transfers.Begin(pCurrent, call.volume->Target, pCurrent->liVolumeOffset.QuadPart, data);
     }
-    RtlZeroMemory(data + filled, call.length - filled);
-    return status;
+    return transfers.End();
 }
 
 NTSTATUS ReadBody(READ_CALL& call) {
@@ -50,14 +47,19 @@ NTSTATUS ReadBody(READ_CALL& call) {
     }
     call.mapped = static_cast<UCHAR*>(pBuffer);
     call.bounce = NewBuffer(call.length);
-    return ReadRuns(call, call.bounce ? call.bounce.Get() : call.mapped);
+    return ReadRuns(call, call.Data());
 }
 
+// Every byte that the caller gets has a defined value: what the devices did not deliver is zero, so nothing of
+// the pool's past is among them.
 void CleanUp(READ_CALL& call) {
+    KVR_DISCARD(call.transfers.End(), "under way only where the body has left by an exception");
+    if (call.mapped)
+        RtlZeroMemory(call.Data() + call.transfers.Filled(), call.length - call.transfers.Filled());
     ReleaseSegmentChunks(call.volume, call.list, FALSE, 0);
     if (call.bounce) RtlCopyMemory(call.mapped, call.bounce.Get(), call.length);
     call.bounce.Reset();
-    call.transfers.swap.Release();
+    call.transfers.Release();
     call.pages.Unlock();
 }
 
@@ -77,5 +79,5 @@ NTSTATUS ReadSegments(PVOLUME_EXTENSION volume, PIRP request) {
         status = RunWithCleanup([&] { return ReadBody(call); }, [&] { CleanUp(call); });
     else
         ReleaseSegmentChunks(volume, call.list, FALSE, 0);
-    return CompleteRequest(request, status, BytesOf(status, call.transfers.transferred));
+    return CompleteRequest(request, status, BytesOf(status, call.transfers.Moved()));
 }

@@ -1,4 +1,4 @@
-// The requests of a protected volume, carried out run by run with synchronous lower requests. A redirected
+// The requests of a protected volume, carried out run by run with lower requests. A redirected
 // write never changes the sectors that it addresses. IRQL: below DISPATCH_LEVEL (page locking: at most
 // APC_LEVEL); no lock is held while a lower request is in flight. The caller holds the volume's record
 // throughout.
@@ -32,19 +32,6 @@ public:
 private:
     PMDL m_master = nullptr;
     PMDL m_own = nullptr;
-};
-
-// The lower transfers of one request: one event and one status block for all, as they follow each other.
-struct RUN_TRANSFERS {
-    RUN_TRANSFERS();
-    // STATUS_NO_SUCH_DEVICE for no device. Success adds to `transferred`.
-    [[nodiscard]] NTSTATUS Transfer(ULONG major, PDEVICE_OBJECT device, UCHAR* buffer, ULONG length,
-                                    LARGE_INTEGER offset);
-
-    SwapDevice swap;
-    KEVENT event;
-    IO_STATUS_BLOCK iosb{};
-    ULONG_PTR transferred = 0;
 };
 
 // body(), then cleanup() however the body ends; an exception of the kernel becomes the status. What both work

@@ -32,16 +32,3 @@ void RequestPages::Unlock() {
     m_own = nullptr;
     m_master = nullptr;
 }
-
-RUN_TRANSFERS::RUN_TRANSFERS() {
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-}
-
-NTSTATUS RUN_TRANSFERS::Transfer(ULONG major, PDEVICE_OBJECT device, UCHAR* buffer, ULONG length,
-                                 LARGE_INTEGER offset) {
-    iosb = {};
-    if (!device) return STATUS_NO_SUCH_DEVICE;
-    const NTSTATUS status = TransferSectors(major, device, buffer, length, &offset, &iosb, &event);
-    if (NT_SUCCESS(status)) transferred += iosb.Information;
-    return status;
-}

@@ -2,6 +2,7 @@
 // swap space that is contiguous on the volume and in the swap. The map is looked at once per run, under
 // SwapLock, which each routine takes itself. IRQL: at most APC_LEVEL.
 #pragma once
+#include "driver/record/sector_io.h"
 #include "swap/swap.h"
 
 struct SEGMENT {
@@ -13,6 +14,7 @@ struct SEGMENT {
     ULONG uOffset;          // inside the request's buffer
     ULONG uLength;          // whole sectors, never 0
     PENDING_CHUNK* pChunk;  // space taken for this run by a write
+    TRANSFER Transfer;      // of this run, while it is under way
 };
 
 // What one look at the map says about the bytes at an offset.

@@ -2,6 +2,7 @@
 #include "driver/record/requests.h"
 #include "platform/assert.h"
 #include "redirect/request_io.h"
+#include "redirect/run_transfers.h"
 
 namespace {
 
@@ -14,7 +15,7 @@ struct WRITE_CALL {
     SEGMENT* list = nullptr;
     RequestPages pages{};
     PoolPtr<UCHAR> copy{};
-    RUN_TRANSFERS transfers{};
+    RunTransfers transfers{IRP_MJ_WRITE, volume};
     NTSTATUS status = STATUS_UNSUCCESSFUL;  // commits are for STATUS_SUCCESS alone
 };
 
@@ -34,21 +35,24 @@ NTSTATUS PlaceSegment(WRITE_CALL& call, SEGMENT* segment) {
     return segment->pChunk->pNext ? SplitSegmentByChunks(call.volume, segment) : STATUS_SUCCESS;
 }
 
-// The status below 0 that ended the walk, or the last one.
+// The status below 0 that ended the walk, or the last one. A run's place is found while earlier runs are under
+// way: nothing of it counts before the commit, which comes after all.
 NTSTATUS WriteRuns(WRITE_CALL& call, UCHAR* data) {
-    PDEVICE_OBJECT device = call.list ? call.transfers.swap.Of(call.volume) : nullptr;
-    NTSTATUS status = call.list && !device ? STATUS_NO_SUCH_DEVICE : STATUS_SUCCESS;
-    for (SEGMENT* pCurrent = call.list; pCurrent && NT_SUCCESS(status); pCurrent = pCurrent->pNext) {
-        status = PlaceSegment(call, pCurrent);
-        if (!NT_SUCCESS(status)) break;
+    RunTransfers& transfers = call.transfers;
+    PDEVICE_OBJECT device = call.list ? transfers.SwapTarget() : nullptr;
+    if (call.list && !device) return STATUS_NO_SUCH_DEVICE;
+    NTSTATUS placed = STATUS_SUCCESS;
+    for (SEGMENT* pCurrent = call.list; pCurrent && transfers.MayBegin(); pCurrent = pCurrent->pNext) {
+        placed = PlaceSegment(call, pCurrent);
+        if (!NT_SUCCESS(placed)) break;
+        const LARGE_INTEGER at = pCurrent->pChunk ? pCurrent->pChunk->liSwapOffset : pCurrent->liSwapOffset;
         KVR_ASSERT(kSwapSource, 0 != pCurrent->uLength);
         KVR_ASSERT(kSwapSource, 0 != (pCurrent->pChunk ? pCurrent->pChunk->liSwapOffset.QuadPart
                                                        : pCurrent->liSwapOffset.QuadPart));
-        status =
-            call.transfers.Transfer(IRP_MJ_WRITE, device, data + pCurrent->uOffset, pCurrent->uLength,
-                                    pCurrent->pChunk ? pCurrent->pChunk->liSwapOffset : pCurrent->liSwapOffset);
+        transfers.Begin(pCurrent, device, at.QuadPart, data);
     }
-    return status;
+    const NTSTATUS status = transfers.End();
+    return NT_SUCCESS(placed) || !NT_SUCCESS(status) ? status : placed;
 }
 
 // A volume's sectors are written whole. A write that begins inside one would be recorded as a range that no
@@ -87,10 +91,11 @@ NTSTATUS WriteBufferBody(WRITE_CALL& call, PVOID pBuffer, ULONG length, const LA
 }
 
 void CleanUp(WRITE_CALL& call) {
+    KVR_DISCARD(call.transfers.End(), "under way only where the body has left by an exception");
     ReleaseSegmentChunks(call.volume, call.list, call.status == STATUS_SUCCESS, call.bVolatile);
     call.place->Leave();
     call.copy.Reset();
-    call.transfers.swap.Release();
+    call.transfers.Release();
     call.pages.Unlock();
 }
 
@@ -102,7 +107,7 @@ NTSTATUS WriteSegments(PVOLUME_EXTENSION volume, PIRP request, ULONG bVolatile, 
     request->IoStatus.Information = 0;
     const NTSTATUS status =
         RunWithCleanup([&] { return call.status = WriteBody(call); }, [&] { CleanUp(call); });
-    return CompleteRequest(request, status, BytesOf(status, call.transfers.transferred));
+    return CompleteRequest(request, status, BytesOf(status, call.transfers.Moved()));
 }
 
 NTSTATUS WriteSectorsFromBuffer(PVOLUME_EXTENSION volume, PVOID buffer, ULONG length,

@@ -1,23 +1,46 @@
 #include "driver/record/sector_io.h"
 #include "driver/record/requests.h"
 
-NTSTATUS TransferSectors(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
-                         const LARGE_INTEGER* offset, PIO_STATUS_BLOCK iosb, PKEVENT event) {
-    LARGE_INTEGER position = *offset;
+namespace {
+
+// What the device returned; STATUS_PENDING: `event` tells the end.
+NTSTATUS Send(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, LARGE_INTEGER position,
+              PIO_STATUS_BLOCK iosb, PKEVENT event) {
     PIRP lower = IoBuildAsynchronousFsdRequest(major, device, buffer, length, &position, iosb);
     if (!lower) return STATUS_INSUFFICIENT_RESOURCES;
     KeClearEvent(event);
     IoSetCompletionRoutine(lower, SegmentIoComplete, event, TRUE, TRUE, TRUE);
-    return AwaitRequest(IofCallDriver(device, lower), event, iosb);
+    return IofCallDriver(device, lower);
+}
+
+}  // namespace
+
+NTSTATUS TransferSectors(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
+                         const LARGE_INTEGER* offset, PIO_STATUS_BLOCK iosb, PKEVENT event) {
+    return AwaitRequest(Send(major, device, buffer, length, *offset, iosb, event), event, iosb);
+}
+
+void BeginTransfer(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, LONGLONG offset,
+                   TRANSFER* transfer) {
+    LARGE_INTEGER position;
+    position.QuadPart = offset;
+    KeInitializeEvent(&transfer->Done, NotificationEvent, FALSE);
+    transfer->Block = {};
+    transfer->Sent = Send(major, device, buffer, length, position, &transfer->Block, &transfer->Done);
+}
+
+BOOLEAN IsTransferOver(TRANSFER* transfer) {
+    return transfer->Sent != STATUS_PENDING || KeReadStateEvent(&transfer->Done) != 0;
+}
+
+NTSTATUS EndTransfer(TRANSFER* transfer) {
+    return AwaitRequest(transfer->Sent, &transfer->Done, &transfer->Block);
 }
 
 NTSTATUS TransferOnce(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, LONGLONG offset) {
-    KEVENT event;
-    KeInitializeEvent(&event, NotificationEvent, FALSE);
-    IO_STATUS_BLOCK iosb{};
-    LARGE_INTEGER position;
-    position.QuadPart = offset;
-    return TransferSectors(major, device, buffer, length, &position, &iosb, &event);
+    TRANSFER transfer;
+    BeginTransfer(major, device, buffer, length, offset, &transfer);
+    return EndTransfer(&transfer);
 }
 
 NTSTATUS FlushDevice(PDEVICE_OBJECT device) {

@@ -10,6 +10,19 @@
 // of the caller, reused from one transfer to the next.
 [[nodiscard]] NTSTATUS TransferSectors(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
                                        const LARGE_INTEGER* offset, PIO_STATUS_BLOCK iosb, PKEVENT event);
+// The same in two steps, for who has several under way at once.
+struct TRANSFER {
+    KEVENT Done;
+    IO_STATUS_BLOCK Block;  // the device's status and byte count once the transfer is over
+    NTSTATUS Sent;
+};
+// Sends the transfer and comes back without waiting. `transfer` lies in resident memory and stays there until
+// EndTransfer, which follows exactly once, whatever became of it.
+void BeginTransfer(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, LONGLONG offset,
+                   TRANSFER* transfer);
+[[nodiscard]] BOOLEAN IsTransferOver(TRANSFER* transfer);
+// Waits for the end. The status is the device's; STATUS_INSUFFICIENT_RESOURCES when no request could be built.
+[[nodiscard]] NTSTATUS EndTransfer(TRANSFER* transfer);
 // The same for who makes one transfer and does not ask for its byte count.
 [[nodiscard]] NTSTATUS TransferOnce(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length,
                                     LONGLONG offset);

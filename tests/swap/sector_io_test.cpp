@@ -1,4 +1,6 @@
 // The transfers of redirected requests: what reaches the devices, what the caller gets, whatever goes wrong.
+#include <algorithm>
+#include <thread>
 #include "driver/record/sector_io.h"
 #include "tests/support/memory_stack.h"
 
@@ -209,6 +211,84 @@ TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
     EXPECT_EQ(STATUS_SUCCESS, Write(volume, 100 * S, data, &file.object).status);
     EXPECT_EQ(data, Read(100 * S, 12 * S));
     EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, Write(volume, 200 * S, data, &file.object).status);
+}
+
+// Has a device keep the transfers that come until the test ends them, in whatever order.
+class HeldTransfers {
+public:
+    explicit HeldTransfers(StackMemory& device) : m_answer(device.stack.answer) {
+        device.stack.answer = [this](PIRP irp, PIO_STACK_LOCATION) {
+            IoMarkIrpPending(irp);
+            const std::lock_guard lock(m_lock);
+            m_held.push_back(irp);
+            return STATUS_PENDING;
+        };
+    }
+    std::vector<PIRP> Take(std::size_t count) {
+        for (;; std::this_thread::yield()) {
+            const std::lock_guard lock(m_lock);
+            EXPECT_LE(m_held.size(), count);
+            if (m_held.size() >= count) return std::exchange(m_held, {});
+        }
+    }
+    void End(PIRP irp, NTSTATUS status = STATUS_SUCCESS) {
+        if (status == STATUS_SUCCESS)
+            KVR_DISCARD(m_answer(irp, IoGetCurrentIrpStackLocation(irp)), "the sender gets it");
+        else
+            KVR_DISCARD(stub::Complete(irp, status), "the sender gets it");
+    }
+
+private:
+    FilteredStack::Answer m_answer;
+    std::mutex m_lock;
+    std::vector<PIRP> m_held;
+};
+
+// Above a device that takes its time a request has 32 of its runs under way, whichever ends first; the list's
+// first failure is the request's, and nothing begins once one is known.
+TEST_F(SectorIo, RunsAreUnderWayTogether) {
+    constexpr ULONG kRuns = 80, kAtOnce = 32;
+    const auto sendHeld = [&](UCHAR major, Bytes& data, bool fails) {
+        const auto answer = device->stack.answer;
+        HeldTransfers held(*device);
+        host::Outcome outcome;
+        std::thread sender([&] { outcome = Send(volume, major, 100 * S, data); });
+        for (ULONG left = kRuns, count; left > 0; left = fails ? 0 : left - count) {
+            count = std::min(left, kAtOnce);
+            const std::vector<PIRP> irps = held.Take(count);
+            const ULONG64 used = Used();
+            for (ULONG i = count; i-- > 0;) {
+                EXPECT_EQ(used, Used()) << "nothing is recorded before everything is written";
+                held.End(irps[i], !fails || (i != 3 && i != 20) ? STATUS_SUCCESS
+                                  : i == 3                      ? STATUS_DEVICE_BUSY
+                                                                : STATUS_IO_DEVICE_ERROR);
+            }
+        }
+        sender.join();
+        device->stack.answer = answer;
+        EXPECT_EQ(fails ? STATUS_DEVICE_BUSY : STATUS_SUCCESS, outcome.status);
+        EXPECT_EQ(fails ? 0 : kRuns * S, outcome.information);
+    };
+    // Every second sector lies somewhere in the swap, so each is a run of its own, and so is each that is new:
+    // its free space comes in single sectors.
+    ForgetMaps();
+    AddFree(1ll << 40, 0x4000000);
+    for (ULONG i = 0; i < kRuns; i += 2) Redirect((100 + i) * S, kSwap + (1 << 20) + i * S, S);
+    for (ULONG i = 0; i < kRuns; ++i) AddFree(kSwap + 2 * i * S, S);
+    Bytes data = Data(kRuns * S, 1), seen(kRuns * S, 0xEE);
+    const FreeList free = FreeSpace();
+    const ULONG64 used = Used();
+    sendHeld(IRP_MJ_WRITE, data, true);
+    EXPECT_EQ(free, FreeSpace());
+    EXPECT_EQ(used, Used());
+    sendHeld(IRP_MJ_WRITE, data, false);
+    EXPECT_EQ(kRuns * S, Used());
+    sendHeld(IRP_MJ_READ, seen, false);
+    EXPECT_EQ(data, seen);
+    sendHeld(IRP_MJ_READ, seen, true);
+    std::fill(data.begin() + 3 * S, data.end(), 0);
+    EXPECT_EQ(data, seen);
+    ForgetMaps();
 }
 
 }  // namespace
