@@ -32,10 +32,10 @@ enum class Command : std::uint32_t {
     // Input: the registry path of a key, a zero character, the name of a value; UTF-16. Output: its data.
     ReadRegistry = 5,
     // Output: none; the text is one line of `key=value` pairs about the machine (`hardening=1`: this boot has
-    // the driver's stricter rules; `minutes-east=60`: its clock is that far ahead of UTC), and behind it a line
-    // "warning: SENTENCE" for each thing that is not as configured, and a line "storage-failure: VOLUME
-    // SENTENCE"
-    // when the host failed the making of the storage that was asked for last. Needs no handle.
+    // the driver's stricter rules; `minutes-east=60`: its clock is that far ahead of UTC), and behind it lines:
+    // "warning: SENTENCE" for each thing that is not as configured, "note: SENTENCE" for each that its user
+    // should know, and "storage-failure: VOLUME SENTENCE" when the host failed the making of the storage that
+    // was asked for last. Needs no handle.
     About = 6,
     // Shuts the machine down in order and powers it on again; connected clients wait meanwhile. The handle of
     // every control connection is closed by it.

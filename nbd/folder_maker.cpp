@@ -8,11 +8,13 @@
 #include "client/status.h"
 #include "client/wire_channel.h"
 #include "machine/partition/formatter.h"
+#include "machine/boot/any_file_system.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/boot/registry_file.h"
 #include "machine/disk/image_disk.h"
 #include "machine/ntfs/format.h"
 #include "nbd/image_check.h"
+#include "platform/owners.h"
 
 namespace nbd {
 namespace {
@@ -60,6 +62,22 @@ private:
     const mode_t before_;
 };
 
+// An image that is only looked at.
+class LookedAt final : public machine::Disk {
+public:
+    explicit LookedAt(std::shared_ptr<machine::Disk> disk) : disk_(std::move(disk)) {}
+    std::uint64_t Size() const override { return disk_->Size(); }
+    std::uint32_t SectorSize() const override { return disk_->SectorSize(); }
+    NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override {
+        return disk_->Read(offset, buffer, length);
+    }
+    NTSTATUS Write(std::uint64_t, const void*, std::size_t) override { return STATUS_MEDIA_WRITE_PROTECTED; }
+    NTSTATUS Flush() override { return STATUS_SUCCESS; }
+
+private:
+    const std::shared_ptr<machine::Disk> disk_;
+};
+
 void CheckSocketPath(const MachineFolder& folder) {
     sockaddr_un ignored;
     if (!tool::wire::MakeAddress(folder.File(tool::wire::kSocketName), ignored))
@@ -69,6 +87,23 @@ void CheckSocketPath(const MachineFolder& folder) {
 
 void RequireDone(NTSTATUS status, const std::string& what) {
     if (!NT_SUCCESS(status)) throw Error(what + ": " + ctl::Hex(status));
+}
+
+// A boot without the driver and with nothing but the images, on which nothing is changed.
+std::vector<std::string> LookAt(const std::vector<FolderDisk>& images) {
+    machine::MachineOptions options;
+    for (const FolderDisk& image : images) {
+        std::string error;
+        std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(image.path, image.sectorBytes, error);
+        if (disk == nullptr) throw Error(error);
+        options.disks.push_back({.medium = std::make_shared<LookedAt>(std::move(disk))});
+    }
+    options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
+    machine::Machine computer(std::move(options));
+    RequireDone(computer.PowerOn(), "the images cannot be used");
+    std::vector<std::string> notes = machine::ReadOnlyVolumes(computer);
+    KVR_DISCARD(computer.Shutdown().dismount, "there was nothing to write");
+    return notes;
 }
 
 void MakeSystemFolders(machine::Machine& computer) {
@@ -134,9 +169,10 @@ FolderDisk MakeOwnDisk(const NewMachine& machine, const MachineFolder& folder) {
 
 }  // namespace
 
-void MakeMachine(const NewMachine& machine) {
+std::vector<std::string> MakeMachine(const NewMachine& machine) {
     MachineFolder folder;
-    folder.path = std::filesystem::absolute(machine.path).string();
+    // As the server will find it, behind links.
+    folder.path = std::filesystem::weakly_canonical(machine.path).string();
     CheckSocketPath(folder);
     const OwnFilesOnly only;
     for (const std::string& image : machine.images) {
@@ -150,11 +186,14 @@ void MakeMachine(const NewMachine& machine) {
     if (folder.disks.size() > kMostDisks)
         throw Error("a machine has at most " + std::to_string(kMostDisks) + " disks");
     Draft draft(machine.path);
+    std::vector<std::string> notes;
+    if (!folder.disks.empty()) notes = LookAt(folder.disks);
     MakeSystemDisk(folder);
     MakeRegistry(folder);
     if (folder.disks.empty()) folder.disks.push_back(MakeOwnDisk(machine, folder));
     folder.Write();
     draft.Keep();
+    return notes;
 }
 
 }  // namespace nbd

@@ -20,7 +20,8 @@ struct NewMachine {
     unsigned volumes = 1;
 };
 
-// Makes the folder. Throws Error; then no image was changed and nothing of the folder is left.
-void MakeMachine(const NewMachine& machine);
+// Makes the folder. Throws Error; then no image was changed and nothing of the folder is left. What the images
+// hold that their user should know, a sentence each.
+std::vector<std::string> MakeMachine(const NewMachine& machine);
 
 }  // namespace nbd

@@ -1,5 +1,6 @@
 #include "nbd/log.h"
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -26,6 +27,18 @@ std::string TimeStamp() {
 
 }  // namespace
 
+// In UTF-8 the second half of the control characters is C2 80 to C2 9F.
+std::string Printable(std::string text) {
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        const auto byte = [&](std::size_t i) {
+            return i < text.size() ? static_cast<unsigned char>(text[i]) : 0xFFu;
+        };
+        if (byte(at) < ' ' || byte(at) == 0x7F) text[at] = ' ';
+        if (byte(at) == 0xC2 && byte(at + 1) >= 0x80 && byte(at + 1) < 0xA0) text.replace(at, 2, "  ");
+    }
+    return text;
+}
+
 void Log::Open(const std::string& path) {
     const std::lock_guard hold(lock_);
     path_ = path;
@@ -36,16 +49,17 @@ void Log::Begin() {
     struct stat info;
     if (stat(path_.c_str(), &info) == 0 && static_cast<std::size_t>(info.st_size) > kMostBytes)
         (void)std::rename(path_.c_str(), (path_ + ".old").c_str());  // else it goes on growing
-    file_ = posix::File(open(path_.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOFOLLOW | O_CLOEXEC;
+    file_ = posix::File(open(path_.c_str(), kFlags, 0600));
+    if (!file_.IsOpen() && errno == ELOOP) {  // a link that somebody put there is not written through
+        unlink(path_.c_str());
+        file_ = posix::File(open(path_.c_str(), kFlags, 0600));
+    }
     bytes_ = fstat(file_.Get(), &info) == 0 ? static_cast<std::size_t>(info.st_size) : 0;
 }
 
 void Log::Line(const std::string& text) {
-    std::string line = TimeStamp() + text;
-    // Names that clients choose must not speak to the reader's terminal.
-    std::replace_if(
-        line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7F; }, ' ');
-    line += '\n';
+    const std::string line = TimeStamp() + Printable(text) + '\n';
     const std::lock_guard hold(lock_);
     if (!file_.IsOpen()) return;
     if (bytes_ > kMostBytes) Begin();

@@ -7,6 +7,9 @@
 
 namespace nbd {
 
+// The text with a blank for each control character: names that clients choose must not speak to a terminal.
+std::string Printable(std::string text);
+
 // Thread-safe. A line that cannot be written is lost: the log must not stop what it tells about.
 class Log {
 public:

@@ -33,6 +33,7 @@ MachineFolder MachineFolder::Read(const std::string& path) {
     folder.path = absolute;
     std::free(absolute);
     std::ifstream text(folder.File(kMachineFile));
+    if (!text && errno == EACCES) throw Error("the machine in " + path + " belongs to another user");
     if (!text) throw Error("there is no machine in " + path + ": it has no file \"" + kMachineFile + "\"");
     std::string line;
     for (int number = 1; std::getline(text, line); ++number) {
@@ -58,7 +59,7 @@ std::string MachineFolder::DiskPath(const FolderDisk& disk) const {
 }
 
 FolderLock::FolderLock(const MachineFolder& folder)
-    : file_(open(folder.File(kLockFile).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+    : file_(open(folder.File(kLockFile).c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600)) {
     if (!file_.IsOpen()) throw Error("cannot open " + folder.File(kLockFile) + ": " + std::strerror(errno));
     if (flock(file_.Get(), LOCK_EX | LOCK_NB) == 0) return;
     if (errno == EWOULDBLOCK) throw Error("the machine in " + folder.path + " is being served already");

@@ -119,7 +119,7 @@ std::string ProgramOf(std::int64_t pid) {
     std::ifstream file("/proc/" + std::to_string(pid) + "/comm");
     std::string name;
     std::getline(file, name);
-    return (name.empty() ? "a program" : name) + " (pid " + std::to_string(pid) + ")";
+    return (name.empty() ? "a program" : nbd::Printable(name)) + " (pid " + std::to_string(pid) + ")";
 }
 
 // The client at the other end of this thread's connection.
@@ -148,7 +148,7 @@ void* Open(int) {
     try {
         const std::string name = nbdkit_export_name();
         const std::optional<nbd::Export> target = nbd::Export::Parse(name);
-        if (!target) throw nbd::Error("there is no export '" + name + "'");
+        if (!target) throw nbd::Error("there is no export '" + nbd::Printable(name) + "'");
         connection = gServer->Connect(*target, Peer());
     } catch (const std::exception& error) {
         nbdkit_error("%s", error.what());

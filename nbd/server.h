@@ -89,7 +89,8 @@ public:
                                         std::vector<std::uint8_t>& data);
     // Of the driver's switches in the registry only; STATUS_INVALID_PARAMETER otherwise.
     [[nodiscard]] NTSTATUS SetSwitch(const std::u16string& name, bool on);
-    // One line of key=value pairs, and a line behind it for each thing that is not as configured.
+    // One line of key=value pairs, behind it a line "warning: ..." for each thing that is not as configured,
+    // and a line "note: ..." for what else its user should know.
     std::string About();
 
 private:
@@ -138,6 +139,7 @@ private:
     bool hardening_ = false;             // the driver read so at this boot; guarded by boot_
     int minutesEast_ = 0;                // of UTC, the machine's clock; guarded by boot_
     std::vector<std::string> warnings_;  // what is not as configured, one sentence each; guarded by boot_
+    std::vector<std::string> notes_;     // what this boot found that its user should know; guarded by boot_
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`
     Clients clients_;

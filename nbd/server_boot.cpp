@@ -126,6 +126,8 @@ void Server::BootOnce() {
         log_.Line(std::string("server: ") + error.what());
         throw;
     }
+    notes_ = machine::ReadOnlyVolumes(*machine_);
+    for (const std::string& note : notes_) log_.Line("server: note: " + note);
     for (const auto& disk : disks_) disk->BeginBoot(*machine_);
     on_ = true;
     ++boots_;

@@ -78,7 +78,7 @@ NTSTATUS Server::CheckUsable(const ControlCall& call, std::string& text, unsigne
         text = ShortName(*named) + " is in use: " + clients_.DescribeOn(volume, disk);
         return STATUS_DEVICE_BUSY;
     }
-    const auto* files = dynamic_cast<const machine::MountedFileSystem*>(named->files.get());
+    const auto* files = dynamic_cast<const machine::GuestFileSystem*>(named->files.get());
     const std::string why = files != nullptr ? files->ReadOnlyReason() : std::string();
     if (why.empty()) return STATUS_SUCCESS;
     text = "the file system of " + ShortName(*named) +
@@ -191,6 +191,7 @@ std::string Server::About() {
             text += "\nwarning: the host has no room for disk" + std::to_string(number) + ", " +
                     folder_.DiskPath(folder_.disks[number]);
     }
+    for (const std::string& note : notes_) text += "\nnote: " + note;
     return text + (on_ ? StorageFailure() : std::string());
 }
 

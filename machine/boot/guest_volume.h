@@ -1,5 +1,7 @@
 // From a machine's volume to the files on it, where the file system is NTFS.
 #pragma once
+#include <string>
+#include <vector>
 #include "machine/boot/machine.h"
 #include "machine/files/guest_files.h"
 
@@ -11,6 +13,18 @@ inline GuestFileSystem* NtfsOn(Machine& machine, unsigned volume) {
     const bool ntfs =
         found != nullptr && found->files != nullptr && found->files->Kind() == FileSystemKind::Ntfs;
     return ntfs ? dynamic_cast<GuestFileSystem*>(found->files.get()) : nullptr;
+}
+
+// A line for each volume whose file system can only be read, with the reason.
+inline std::vector<std::string> ReadOnlyVolumes(Machine& machine) {
+    std::vector<std::string> lines;
+    for (const Volume* volume : machine.Volumes()) {
+        const auto* files = dynamic_cast<const GuestFileSystem*>(volume->files.get());
+        const std::string why = files == nullptr ? "" : files->ReadOnlyReason();
+        const std::string name = "HarddiskVolume" + std::to_string(volume->device->Number());
+        if (!why.empty()) lines.push_back(name + " can only be read: " + why);
+    }
+    return lines;
 }
 
 }  // namespace machine

@@ -20,7 +20,9 @@ public:
     // What stands at a path; STATUS_OBJECT_NAME_NOT_FOUND or STATUS_OBJECT_PATH_NOT_FOUND when nothing does.
     [[nodiscard]] virtual NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) = 0;
     [[nodiscard]] virtual NTSTATUS FreeSpace(std::uint64_t& bytes) = 0;
-    virtual bool ReadOnly() const = 0;
+    // Why nothing can be changed, one line without a full stop; empty when it can.
+    virtual std::string ReadOnlyReason() const = 0;
+    bool ReadOnly() const { return !ReadOnlyReason().empty(); }
     // Sends a flush down the volume's stack; everything this file system knows is at the stack already.
     [[nodiscard]] virtual NTSTATUS Flush() = 0;
 };

@@ -43,9 +43,7 @@ public:
     [[nodiscard]] NTSTATUS List(const std::u16string& path, std::vector<DirectoryEntry>& entries) override;
     [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) override;
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
-    bool ReadOnly() const override { return !ReadOnlyReason().empty(); }
-    // Why it is read-only, one line without a full stop; empty when it is not.
-    std::string ReadOnlyReason() const;
+    std::string ReadOnlyReason() const override;
     FileSystemKind Kind() const override;
     std::u16string DriverName() const override;
     [[nodiscard]] NTSTATUS Flush() override;

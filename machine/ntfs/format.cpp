@@ -41,6 +41,16 @@ constexpr LibraryError kErrors[] = {{ENOENT, STATUS_OBJECT_NAME_NOT_FOUND},
 constexpr LibraryError kMountErrors[] = {{EINVAL, STATUS_UNRECOGNIZED_VOLUME},
                                          {ENOMEM, STATUS_INSUFFICIENT_RESOURCES}};
 
+// The library refuses to change what a sleeping system believes to know.
+std::string WhyReadOnly(_ntfs_volume* volume) {
+    if (NVolReadOnly(volume) == 0) return {};
+    if (ntfs_volume_check_hiberfile(volume, 0) != 0 && errno == EPERM)
+        return "the system that it belongs to is hibernated (a fast start-up is that as well): start it and "
+               "shut "
+               "it down in full";
+    return "it was not left clean by the system that it belongs to";
+}
+
 }  // namespace
 
 NTSTATUS NtfsFormat::Failed(int error) const {
@@ -61,7 +71,7 @@ NTSTATUS NtfsFormat::OpenOnce() {
         return status;
     }
     names_.SetVolume(volume_);
-    readOnly_ = NVolReadOnly(volume_) != 0 ? "it was not left clean by the system that it belongs to" : "";
+    readOnly_ = WhyReadOnly(volume_);
     return ntfs_set_ignore_case(volume_) == 0 ? Commit(CommitOrder::TakeFirst) : STATUS_INSUFFICIENT_RESOURCES;
 }
 

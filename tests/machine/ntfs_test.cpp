@@ -96,7 +96,7 @@ TEST(Ntfs, AHibernatedVolumeIsOnlyRead) {
     std::memcpy(header.data(), "hibr", 4);
     ASSERT_EQ(Mounted(kNtfs, volume).files->WriteFile(u"\\hiberfil.sys", header), STATUS_SUCCESS);
     const Mounted mounted(kNtfs, volume);
-    EXPECT_TRUE(mounted.fileSystem->ReadOnly());
+    EXPECT_NE(mounted.fileSystem->ReadOnlyReason().find("hibernated"), std::string::npos);
     EXPECT_EQ(mounted.files->WriteFile(u"\\new", header), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(mounted.files->WriteFile(u"\\hiberfil.sys", header), STATUS_MEDIA_WRITE_PROTECTED);
     EXPECT_EQ(mounted.files->Delete(u"\\hiberfil.sys"), STATUS_MEDIA_WRITE_PROTECTED);

@@ -1,9 +1,12 @@
 // What may become a machine, and what is said of everything else.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include "formats/kvr_ioctl.h"
 #include "machine/partition/formatter.h"
+#include "machine/partition/subprocess.h"
 #include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
+#include "nbd/server.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
@@ -74,6 +77,73 @@ TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
     EXPECT_NE(Complaint(read).find("no machine"), std::string::npos);
     file(nbd::kMachineFile, "disk 513 x\n");
     EXPECT_NE(Complaint(read).find("line 1"), std::string::npos);
+}
+
+TEST(Folders, NothingOfAMachineIsForOthersAndNoPlantedLinkIsFollowed) {
+    const TestFolder scratch;
+    nbd::NewMachine machine;
+    machine.path = scratch.File("pc");
+    machine.size = 16 * kMiB;
+    std::filesystem::create_directory(machine.path);
+    nbd::MakeMachine(machine);
+    for (const auto& entry : std::filesystem::directory_iterator(machine.path))
+        EXPECT_EQ(entry.status().permissions(), std::filesystem::perms(0600)) << entry.path();
+    for (const char* name : {"log", "registry.new", "lock"})
+        std::filesystem::create_symlink(scratch.File("target"), machine.path + "/" + name);
+
+    nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
+    EXPECT_NE(Complaint([&] { const nbd::FolderLock refused(folder); }).find("symbolic link"),
+              std::string::npos);
+    std::filesystem::remove(folder.File(nbd::kLockFile));
+    nbd::FolderLock lock(folder);
+    nbd::Server server(std::move(folder), std::move(lock));
+    server.Start();
+    server.Log().Line("client: \x1b[31m\xc2\x9bred\x07");
+    server.Stop();
+    EXPECT_FALSE(std::filesystem::exists(scratch.File("target")));
+    const std::vector<char> log = TestFolder::Bytes(machine.path + "/log");
+    EXPECT_NE(std::string(log.begin(), log.end()).find("client:  [31m  red "), std::string::npos);
+
+    // The path of a socket has room for about a hundred characters; a short link to a long path does not help.
+    std::filesystem::create_directory(scratch.File(std::string(90, 'l')));
+    std::filesystem::create_symlink(scratch.File(std::string(90, 'l')), scratch.File("short"));
+    machine.path = scratch.File("short") + "/pc";
+    EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("too long"), std::string::npos);
+}
+
+// The library that mounts it refuses to change it; the user is told why, by whatever he does with it.
+TEST(Folders, AHibernatedVolumeIsNamed) {
+    const TestFolder scratch;
+    const std::string image = scratch.Sparse("image", 32 * kMiB);
+    ASSERT_EQ(machine::RunTool("mkntfs", {"-q", "-F", "-Q", image}).exitCode, 0);
+    TestFolder::Put(scratch.Sparse("hiber", 8192), 0, {'h', 'i', 'b', 'r'});
+    ASSERT_EQ(machine::RunTool("ntfscp", {"-q", image, scratch.File("hiber"), "hiberfil.sys"}).exitCode, 0);
+    const std::vector<char> before = TestFolder::Bytes(image);
+    nbd::NewMachine machine;
+    machine.path = scratch.File("pc");
+    machine.images = {image};
+    const std::vector<std::string> notes = nbd::MakeMachine(machine);
+    ASSERT_EQ(notes.size(), 1u);
+    EXPECT_NE(notes[0].find("HarddiskVolume1 can only be read: "), std::string::npos) << notes[0];
+    EXPECT_NE(notes[0].find("hibernated"), std::string::npos) << notes[0];
+
+    nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
+    nbd::FolderLock lock(folder);
+    nbd::Server server(std::move(folder), std::move(lock));
+    server.Start();
+    EXPECT_NE(server.About().find("\nnote: " + notes[0]), std::string::npos) << server.About();
+    SWAP_CONFIG_REQUEST request{};
+    const std::u16string name = u"\\Device\\HarddiskVolume1";
+    std::copy(name.begin(), name.end(), request.VolumeName);
+    request.SwapSize = kMiB;
+    nbd::Server::ControlCall call{IOCTL_KVR_ALLOCATE_SWAP, {}, {}, {}};
+    call.input.assign(reinterpret_cast<const UCHAR*>(&request), reinterpret_cast<const UCHAR*>(&request + 1));
+    nbd::Server::Handle handle = 0;
+    ASSERT_EQ(server.OpenControl(GENERIC_READ | FILE_WRITE_DATA, handle), STATUS_SUCCESS);
+    EXPECT_EQ(server.Control(handle, call), STATUS_MEDIA_WRITE_PROTECTED);
+    EXPECT_EQ(call.text, notes[0]);
+    server.Stop();
+    EXPECT_TRUE(TestFolder::Bytes(image) == before);
 }
 
 }  // namespace

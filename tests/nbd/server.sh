@@ -44,6 +44,13 @@ serve
 [ "$(stat -c %a "$pc/nbd.sock" "$pc/control.sock" | tr '\n' ' ')" = "600 600 " ] || fail "the sockets' modes"
 refused "served already" "$kvrhost" serve "$pc"
 refused "another program" "$kvrhost" create "$scratch/other" --disk "$pc/disk0.img"
+if [ "$(id -u)" -eq 0 ]; then  # who can become somebody else
+    chmod 711 "$scratch"
+    cp "$kvrhost" "$scratch/theirs"
+    for command in stop log reboot serve; do
+        refused "another user" setpriv --reuid 65534 --clear-groups "$scratch/theirs" "$command" "$pc"
+    done
+fi
 "$kvrhost" reboot "$pc" || fail "reboot"
 grep -q "boot 2 is up" <("$kvrhost" log "$pc") || fail "the log does not tell of the reboot"
 

@@ -70,7 +70,7 @@ public:
     machine::GuestFiles Data() { return FilesOf(dataNumber_); }
     // Files of another volume, one that was plugged in for example.
     machine::GuestFiles FilesOf(unsigned volume) { return machine::GuestFiles(MountOn(volume)); }
-    bool DataIsReadOnly() { return MountOn(dataNumber_).ReadOnly(); }
+    std::string WhyDataIsReadOnly() { return MountOn(dataNumber_).ReadOnlyReason(); }
     unsigned SystemNumber() const { return systemNumber_; }
     unsigned DataNumber() const { return dataNumber_; }
     // Of the present boot or the last one.

@@ -65,8 +65,12 @@ Places CopyPlaces(const std::string& folder, const std::string& image, const Pla
                   Report& report) {
     MakeDisk(folder + "/system.img", {NewVolume(kSystemVolume, "SYSTEM")});
     CopySparse(image, folder + "/disk.img");
+    const std::uint32_t sectors = OfflineVolume::SectorBytes(image, found.offset);
+    const std::string larger = sectors == found.sectorBytes
+                                   ? ""
+                                   : ", with larger sectors than its disk (" + std::to_string(sectors) + ")";
     report.Note("a copy of " + image + ": its NTFS volume of " + Bytes(found.length) + " at " +
-                Bytes(found.offset) + ", beside a system disk");
+                Bytes(found.offset) + larger + ", beside a system disk");
     Places places{PartitionOf(folder + "/system.img", 0), found, plan.swapBytes};
     places.data.image = folder + "/disk.img";
     return places;
@@ -91,8 +95,8 @@ void StartFirstTime(Computer& computer) {
 
 void FirstBoot(Stage& stage) {
     StartFirstTime(stage.computer);
-    if (stage.computer.DataIsReadOnly())
-        throw Error("the NTFS volume was not shut down cleanly; it can only be used read-only");
+    const std::string why = stage.computer.WhyDataIsReadOnly();
+    if (!why.empty()) throw Error("the NTFS volume can only be read: " + why);
     MakeSystemFolders(stage.computer.System());
     std::u16string folder = u"\\kvr demonstration";
     bool exists = true;

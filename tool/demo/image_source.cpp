@@ -36,14 +36,15 @@ std::uint64_t SizeOf(const std::string& image) {
 Place FindVolume(const std::string& image) {
     const std::uint64_t size = SizeOf(image);
     Place best;
-    for (const std::uint32_t sector : {512u, 4096u}) {
+    // The size that both the table and the volume count in comes before one that only the volume allows.
+    for (const std::uint32_t sector : {4096u, 512u}) {
         machine::PartitionTable table;
         std::string error;
         if (size < sector || size % sector != 0) continue;
         if (!machine::ReadImagePartitions(image, sector, table, error)) throw Error(error);
         for (const machine::Partition& partition : table.partitions) {
             if (partition.length <= best.length) continue;
-            if (OfflineVolume::SectorBytes(image, partition.offset) != sector) continue;
+            if (OfflineVolume::SectorBytes(image, partition.offset) < sector) continue;
             best = {image, partition.offset, partition.length, sector};
         }
     }

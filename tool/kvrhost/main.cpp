@@ -173,7 +173,7 @@ private:
 
     int Create() {
         RequireOneKindOfDisk();
-        nbd::MakeMachine(machine_);
+        for (const std::string& note : nbd::MakeMachine(machine_)) std::printf("Note: %s\n", note.c_str());
         std::printf("The machine in %s is made; power it on with: kvrhost serve %s\n", machine_.path.c_str(),
                     ShellWord(machine_.path).c_str());
         return 0;

@@ -197,11 +197,13 @@ std::string Ask(const MachineFolder& folder, Command command) {
     return response.text;
 }
 
-// What is not as configured, before anything else is said. The exit code says so too.
+// What is not as configured, before anything else is said. The exit code says so too. Notes are for the user to
+// know and change no exit code.
 int PrintWarnings(const MachineFolder& folder) {
     std::istringstream lines(Ask(folder, Command::About));
     int exitCode = 0;
     for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with("note: ")) std::printf("Note: %s\n", line.c_str() + line.find(' ') + 1);
         if (!line.starts_with("warning: ")) continue;
         std::printf("WARNING: %s\n", line.c_str() + line.find(' ') + 1);
         exitCode = kExitNotAsConfigured;
