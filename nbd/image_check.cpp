@@ -7,6 +7,7 @@
 #include <string_view>
 #include <fcntl.h>
 #include "machine/partition/formatter.h"
+#include "machine/disk/host_use.h"
 #include "machine/disk/image_disk.h"
 #include "posix/file_io.h"
 
@@ -47,6 +48,8 @@ public:
         std::string read(mark.size(), '\0');
         return posix::ReadAt(file_.Get(), read.data(), read.size(), offset) && read == mark;
     }
+
+    std::string Membership() const { return machine::MembershipOf(file_.Get()); }
 
 private:
     posix::File file_;
@@ -110,6 +113,8 @@ void CheckFormat(const Image& image, const std::string& path) {
             throw Error("disk image " + path + " is no raw image but " + known.format +
                         " (qemu-img convert -O raw makes one)");
     }
+    const std::string member = image.Membership();
+    if (!member.empty()) throw Error("cannot use disk image " + path + ": it is " + member);
 }
 
 void CheckContents(const Image& image, const FolderDisk& disk) {

@@ -81,8 +81,7 @@ NTSTATUS Server::CheckUsable(const ControlCall& call, std::string& text, unsigne
     const auto* files = dynamic_cast<const machine::GuestFileSystem*>(named->files.get());
     const std::string why = files != nullptr ? files->ReadOnlyReason() : std::string();
     if (why.empty()) return STATUS_SUCCESS;
-    text = "the file system of " + ShortName(*named) +
-           " cannot be changed, no storage is made or removed there: " + why;
+    text = ShortName(*named) + " can only be read: " + why;
     return STATUS_MEDIA_WRITE_PROTECTED;
 }
 

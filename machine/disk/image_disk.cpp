@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "machine/disk/host_use.h"
 
 namespace machine {
 namespace {
@@ -25,9 +26,14 @@ bool SizeOf(int file, std::uint64_t& size, std::uint32_t sectorSize, std::string
         return false;
     }
     if (S_ISBLK(info.st_mode)) {
-        int logical = 0;
-        if (ioctl(file, BLKGETSIZE64, &size) != 0 || ioctl(file, BLKSSZGET, &logical) != 0) {
+        int logical = 0, readOnly = 0;
+        if (ioctl(file, BLKGETSIZE64, &size) != 0 || ioctl(file, BLKSSZGET, &logical) != 0 ||
+            ioctl(file, BLKROGET, &readOnly) != 0) {
             why = std::strerror(errno);
+            return false;
+        }
+        if (readOnly != 0) {
+            why = "it is read-only";
             return false;
         }
         if (static_cast<std::uint32_t>(logical) > sectorSize) {
@@ -45,14 +51,35 @@ bool SizeOf(int file, std::uint64_t& size, std::uint32_t sectorSize, std::string
     return true;
 }
 
+// A block device is taken so that until it is closed nobody mounts it, swaps to it or makes something larger
+// of it, and the open fails where somebody has.
+posix::File OpenToHave(const std::string& path) {
+    struct stat info {};
+    const bool device = stat(path.c_str(), &info) == 0 && S_ISBLK(info.st_mode);
+    return posix::File(open(path.c_str(), O_RDWR | O_CLOEXEC | (device ? O_EXCL : 0)));
+}
+
+// Why the host did not open it.
+std::string WhyNotOpened(const std::string& path, int error) {
+    const posix::File looked(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+    int readOnly = 0;
+    if (looked.IsOpen() && ioctl(looked.Get(), BLKROGET, &readOnly) == 0 && readOnly != 0)
+        return "it is read-only";
+    if (error != EBUSY) return std::strerror(error);
+    const std::string user = looked.IsOpen() ? HostUserOf(looked.Get()) : std::string();
+    return user.empty() ? "another program has it for itself" : user;
+}
+
 // For a file just opened, or not; `why` says what is wrong.
-bool LockAndMeasure(const posix::File& opened, std::uint32_t sectorSize, std::uint64_t& size,
-                    std::string& why) {
+bool LockAndMeasure(const std::string& path, const posix::File& opened, std::uint32_t sectorSize,
+                    std::uint64_t& size, std::string& why) {
     const int file = opened.Get();
     if (file < 0) {
-        why = std::strerror(errno);
+        why = WhyNotOpened(path, errno);
         return false;
     }
+    why = HostUserOf(file);
+    if (!why.empty()) return false;
     if (flock(file, LOCK_EX | LOCK_NB) != 0) {
         why = errno == EWOULDBLOCK ? "another program is using it" : std::strerror(errno);
         return false;
@@ -83,10 +110,10 @@ std::unique_ptr<ImageDisk> ImageDisk::Open(const std::string& path, std::uint32_
         error = "sector size " + std::to_string(sectorSize) + " is neither 512 nor 4096";
         return nullptr;
     }
-    posix::File file(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    posix::File file = OpenToHave(path);
     std::uint64_t size = 0;
     std::string why;
-    if (!LockAndMeasure(file, sectorSize, size, why)) {
+    if (!LockAndMeasure(path, file, sectorSize, size, why)) {
         error = "cannot use disk image " + path + ": " + why;
         return nullptr;
     }

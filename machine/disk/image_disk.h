@@ -1,5 +1,5 @@
 // A disk in an image file or on a block device. The file is opened once, locked against other openers, and
-// stays as sparse as the writes leave it.
+// stays as sparse as the writes leave it; a device is nobody else's meanwhile.
 #pragma once
 #include <atomic>
 #include <chrono>
@@ -13,8 +13,8 @@ namespace machine {
 class ImageDisk final : public Disk {
 public:
     // Opens `path` for reading and writing under an exclusive lock that lasts as long as the object.
-    // Null with one clear sentence in `error` when it is missing, not writable, in use, empty or not a
-    // whole number of sectors.
+    // Null with one clear sentence in `error` when it is missing, not writable, in use (host_use.h), empty or
+    // not a whole number of sectors.
     static std::unique_ptr<ImageDisk> Open(const std::string& path, std::uint32_t sectorSize,
                                            std::string& error);
     // Creates a sparse image of `size` bytes; fails when `path` exists.

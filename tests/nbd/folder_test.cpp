@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include "formats/kvr_ioctl.h"
+#include "machine/disk/image_disk.h"
 #include "machine/partition/formatter.h"
 #include "machine/partition/subprocess.h"
 #include "nbd/folder_maker.h"
@@ -53,6 +54,13 @@ TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
     ASSERT_EQ(mkfifo(scratch.File("pipe").c_str(), 0600), 0);
 
     const std::string rest(2 * kMiB, '\0');
+    const auto marked = [&](std::size_t offset, const std::string& mark) {
+        return std::string(rest).replace(offset, mark.size(), mark);
+    };
+    // Of a record at the end, its own sector stands in it.
+    std::string raid = marked(rest.size() - 8192, "\xfc\x4e\x2b\xa9");
+    const std::uint64_t sector = (rest.size() - 8192) / 512;
+    raid.replace(rest.size() - 8192 + 144, 8, std::string(reinterpret_cast<const char*>(&sector), 8));
     const struct {
         std::vector<std::string> images;
         const char* reason;
@@ -69,6 +77,10 @@ TEST(Folders, WhatCannotBeADiskIsRefusedWithItsReason) {
         {{large.path, scratch.File("pipe")}, "neither a file nor a block device"},
         {{scratch.File("cut")}, "cut short"},
         {{file("two\nlines", rest)}, "control characters"},
+        {{file("volume group", marked(512, "LABELONE"))}, "LVM physical volume"},
+        {{file("encrypted", marked(0, "LUKS\xba\xbe"))}, "encrypted"},
+        {{file("raid first", marked(4096, "\xfc\x4e\x2b\xa9"))}, "RAID"},
+        {{file("raid last", raid)}, "RAID"},
     };
     for (const auto& row : table)
         EXPECT_NE(RefusalOf(scratch, row.images).find(row.reason), std::string::npos) << row.reason;
@@ -144,6 +156,47 @@ TEST(Folders, AHibernatedVolumeIsNamed) {
     EXPECT_EQ(call.text, notes[0]);
     server.Stop();
     EXPECT_TRUE(TestFolder::Bytes(image) == before);
+}
+
+// What the host uses already, of a file and of the device that is made of it.
+TEST(Folders, WhatTheHostUsesIsRefusedWithItsUser) {
+    const TestFolder scratch;
+    const std::string image = scratch.Sparse("image", 32 * kMiB);
+    const auto loop = [&](std::vector<std::string> how) {
+        how.insert(how.end(), {"--find", "--show", image});
+        const machine::ToolResult made = machine::RunTool("losetup", how);
+        return made.started && made.exitCode == 0 ? made.output.substr(0, made.output.find('\n')) : "";
+    };
+    const auto run = [](const char* tool, std::vector<std::string> words) {
+        EXPECT_EQ(machine::RunTool(tool, words).exitCode, 0) << tool;
+    };
+    const auto check = [&](const std::string& disk) {
+        return Complaint([&] { EXPECT_EQ(nbd::CheckImage(disk).path, disk); });
+    };
+    run("mke2fs", {"-q", "-F", image});
+    const std::string device = loop({});
+    if (device.empty()) GTEST_SKIP() << "no loop devices here";
+    EXPECT_NE(check(image).find("the loop device " + device + " is made of it"), std::string::npos);
+    EXPECT_EQ(check(device), "");
+    const std::string place = scratch.File("a place");
+    std::filesystem::create_directory(place);
+    run("mount", {device, place});
+    EXPECT_EQ(check(device), "cannot use disk image " + device + ": " + device + " is mounted on " + place);
+    EXPECT_NE(check(image).find(device + " is mounted on " + place), std::string::npos) << check(image);
+    run("umount", {place});
+    {
+        // Held: nobody else gets the device.
+        std::string error;
+        const auto held = machine::ImageDisk::Open(device, 512, error);
+        ASSERT_NE(held, nullptr) << error;
+        EXPECT_NE(machine::RunTool("mount", {device, place}).exitCode, 0);
+        EXPECT_NE(check(device).find("another program"), std::string::npos);
+    }
+    run("losetup", {"-d", device});
+    const std::string readOnly = loop({"-r"});
+    EXPECT_EQ(check(readOnly), "cannot use disk image " + readOnly + ": it is read-only");
+    run("losetup", {"-d", readOnly});
+    EXPECT_EQ(check(image), "");
 }
 
 }  // namespace

@@ -114,7 +114,7 @@ TEST_F(CtlServed, AFileSystemThatMayNotBeChangedIsNamed) {
         const Result result = Run(words, Wait);
         EXPECT_EQ(kExitFailed, result.exitCode);
         EXPECT_NE(result.err.npos,
-                  result.err.find("cannot be changed, no storage is made or removed there: it was not"))
+                  result.err.find("can only be read: it was not"))
             << result.err;
     }
 }
