@@ -13,6 +13,7 @@
 #include "machine/boot/registry_file.h"
 #include "machine/disk/image_disk.h"
 #include "machine/ntfs/format.h"
+#include "nbd/disk_owner.h"
 #include "nbd/image_check.h"
 #include "platform/owners.h"
 
@@ -177,6 +178,7 @@ std::vector<std::string> MakeMachine(const NewMachine& machine) {
     const OwnFilesOnly only;
     for (const std::string& image : machine.images) {
         folder.disks.push_back(CheckImage(image, machine.sectorBytes));
+        if (!machine.takesOver) RequireNobodys(folder.disks.back().path);
         const auto same = [&](const FolderDisk& disk) {
             return std::filesystem::equivalent(disk.path, folder.disks.back().path);
         };
@@ -192,6 +194,7 @@ std::vector<std::string> MakeMachine(const NewMachine& machine) {
     MakeRegistry(folder);
     if (folder.disks.empty()) folder.disks.push_back(MakeOwnDisk(machine, folder));
     folder.Write();
+    MarkDisks(folder);
     draft.Keep();
     return notes;
 }

@@ -13,6 +13,7 @@ struct NewMachine {
     std::string path;                 // of the folder, which must be missing or empty
     std::vector<std::string> images;  // taken in place; none: the machine gets a disk of its own
     std::uint32_t sectorBytes = 0;    // of the images: 512, 4096, or 0 to be found out
+    bool takesOver = false;           // also images that belong to another machine
     // The disk of its own:
     std::uint64_t size = 0;  // bytes
     machine::TableKind layout = machine::TableKind::Gpt;

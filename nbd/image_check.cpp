@@ -6,9 +6,9 @@
 #include <filesystem>
 #include <string_view>
 #include <fcntl.h>
-#include "machine/partition/formatter.h"
+#include "machine/disk/host_disk.h"
 #include "machine/disk/host_use.h"
-#include "machine/disk/image_disk.h"
+#include "machine/partition/partition_table.h"
 #include "posix/file_io.h"
 
 namespace nbd {
@@ -40,20 +40,24 @@ constexpr struct {
     {0, "\x28\xb5\x2f\xfd", "zstd"},
 };
 
-class Image {
-public:
-    explicit Image(const std::string& path) : file_(open(path.c_str(), O_RDONLY | O_CLOEXEC)) {}
+using machine::HostDisk;
 
-    bool Holds(std::uint64_t offset, std::string_view mark) const {
-        std::string read(mark.size(), '\0');
-        return posix::ReadAt(file_.Get(), read.data(), read.size(), offset) && read == mark;
-    }
+std::unique_ptr<HostDisk> OpenDisk(const std::string& name, std::uint32_t sectorBytes) {
+    std::string error;
+    std::unique_ptr<HostDisk> disk = HostDisk::Open(name, sectorBytes, error);
+    if (disk == nullptr) throw Error(error);
+    return disk;
+}
 
-    std::string Membership() const { return machine::MembershipOf(file_.Get()); }
-
-private:
-    posix::File file_;
-};
+// False for bytes that the disk does not have, or cannot read.
+bool Holds(HostDisk& disk, std::uint64_t offset, std::string_view mark) {
+    const std::uint64_t sector = disk.SectorSize();
+    const std::uint64_t first = offset / sector * sector;
+    const std::uint64_t end = (offset + mark.size() + sector - 1) / sector * sector;
+    std::string read(end - first, '\0');
+    return end <= disk.Size() && NT_SUCCESS(disk.Read(first, read.data(), read.size())) &&
+           read.compare(offset - first, mark.size(), mark) == 0;
+}
 
 std::string Absolute(const std::string& path) {
     char* found = realpath(path.c_str(), nullptr);
@@ -63,32 +67,38 @@ std::string Absolute(const std::string& path) {
     return absolute;
 }
 
-bool HoldsFileSystem(const Image& image, std::uint64_t offset = 0) {
-    return image.Holds(offset + 3, "NTFS    ") || image.Holds(offset + 1080, "\x53\xef") ||
-           image.Holds(offset + 3, "EXFAT   ") || image.Holds(offset + 54, "FAT") ||
-           image.Holds(offset + 82, "FAT32");
+bool HoldsFileSystem(HostDisk& disk, std::uint64_t offset = 0) {
+    return Holds(disk, offset + 3, "NTFS    ") || Holds(disk, offset + 1080, "\x53\xef") ||
+           Holds(disk, offset + 3, "EXFAT   ") || Holds(disk, offset + 54, "FAT") ||
+           Holds(disk, offset + 82, "FAT32");
+}
+
+// The table's numbers may count larger sectors than the disk is opened with.
+machine::PartitionTable TableOf(HostDisk& disk, std::uint32_t sectorBytes) {
+    const auto read = [&](std::uint64_t offset, void* buffer, std::uint32_t length) {
+        return NT_SUCCESS(disk.Read(offset, buffer, length));
+    };
+    return machine::ReadPartitionTable(read, disk.Size() / sectorBytes * sectorBytes, sectorBytes);
 }
 
 // Do the partitions lie where file systems begin, when the table's numbers count sectors of that size?
-bool FindsFileSystems(const Image& image, const std::string& path, std::uint32_t sectorBytes) {
-    machine::PartitionTable table;
-    std::string ignored;
-    if (!machine::ReadImagePartitions(path, sectorBytes, table, ignored)) return false;
+bool FindsFileSystems(HostDisk& disk, std::uint32_t sectorBytes) {
+    const machine::PartitionTable table = TableOf(disk, sectorBytes);
     return table.kind == machine::TableKind::Mbr &&
            std::any_of(table.partitions.begin(), table.partitions.end(),
-                       [&](const auto& partition) { return HoldsFileSystem(image, partition.offset); });
+                       [&](const auto& partition) { return HoldsFileSystem(disk, partition.offset); });
 }
 
 // A GPT or a bare file system tells; an MBR does not, but what lies where it points does. 512 where nothing
-// tells.
-std::uint32_t SectorBytes(const Image& image, const std::string& path) {
-    if (image.Holds(512, "EFI PART")) return 512;
-    if (image.Holds(4096, "EFI PART")) return 4096;
-    if (HoldsFileSystem(image))
-        return image.Holds(3, "NTFS    ") && image.Holds(11, std::string_view("\x00\x10", 2)) ? 4096 : 512;
-    const bool large = FindsFileSystems(image, path, 4096);
-    if (large && FindsFileSystems(image, path, 512))
-        throw Error("disk image " + path +
+// tells and the disk can address them.
+std::uint32_t SectorBytes(HostDisk& disk, const std::string& name) {
+    if (disk.SectorSize() == 4096 || Holds(disk, 4096, "EFI PART")) return 4096;
+    if (Holds(disk, 512, "EFI PART")) return 512;
+    if (HoldsFileSystem(disk))
+        return Holds(disk, 3, "NTFS    ") && Holds(disk, 11, std::string_view("\x00\x10", 2)) ? 4096 : 512;
+    const bool large = FindsFileSystems(disk, 4096);
+    if (large && FindsFileSystems(disk, 512))
+        throw Error("disk image " + name +
                     " makes sense with sectors of 512 and of 4096 bytes; say which with --sector-size");
     return large ? 4096 : 512;
 }
@@ -107,44 +117,46 @@ void CheckName(const std::string& path) {
         throw Error("disk image " + path + " has a name with control characters; rename it");
 }
 
-void CheckFormat(const Image& image, const std::string& path) {
+// By the file itself: one of another format need not have a disk's size.
+void CheckFormat(const std::string& path) {
+    const posix::File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     for (const auto& known : kFormats) {
-        if (image.Holds(known.offset, known.mark))
+        std::string read(known.mark.size(), '\0');
+        if (posix::ReadAt(file.Get(), read.data(), read.size(), known.offset) && read == known.mark)
             throw Error("disk image " + path + " is no raw image but " + known.format +
                         " (qemu-img convert -O raw makes one)");
     }
-    const std::string member = image.Membership();
+    const std::string member = machine::MembershipOf(file.Get());
     if (!member.empty()) throw Error("cannot use disk image " + path + ": it is " + member);
 }
 
-void CheckContents(const Image& image, const FolderDisk& disk) {
-    machine::PartitionTable table;
-    std::string error;
-    if (!machine::ReadImagePartitions(disk.path, disk.sectorBytes, table, error)) throw Error(error);
-    if (table.kind == machine::TableKind::None && !HoldsFileSystem(image))
-        throw Error("disk image " + disk.path + " holds neither a partition table nor a file system");
+void CheckContents(HostDisk& disk, const std::string& name) {
+    if (disk.Size() < kLeastDisk)
+        throw Error("disk image " + name + " is too small: " + std::to_string(disk.Size()) + " bytes");
+    const machine::PartitionTable table = TableOf(disk, disk.SectorSize());
+    if (table.kind == machine::TableKind::None && !HoldsFileSystem(disk))
+        throw Error("disk image " + name + " holds neither a partition table nor a file system");
     if (!table.partitions.empty()) return;
-    throw Error("disk image " + disk.path + " holds no partition that can be used" +
+    throw Error("disk image " + name + " holds no partition that can be used" +
                 (table.problems.empty() ? "" : ": " + table.problems.front()));
 }
 
 }  // namespace
 
 FolderDisk CheckImage(const std::string& path, std::uint32_t sectorBytes) {
-    FolderDisk disk{Absolute(path), sectorBytes};
-    CheckName(disk.path);
-    CheckKind(disk.path);
-    const Image image(disk.path);
-    CheckFormat(image, disk.path);
-    if (sectorBytes == 0) disk.sectorBytes = SectorBytes(image, disk.path);
-    std::string error;
+    FolderDisk found{Absolute(path), sectorBytes};
+    CheckName(found.path);
+    CheckKind(found.path);
+    CheckFormat(found.path);
     // Opened as a machine opens it: for writing, and by nobody else.
-    const auto opened = machine::ImageDisk::Open(disk.path, disk.sectorBytes, error);
-    if (opened == nullptr) throw Error(error);
-    if (opened->Size() < kLeastDisk)
-        throw Error("disk image " + disk.path + " is too small: " + std::to_string(opened->Size()) + " bytes");
-    CheckContents(image, disk);
-    return disk;
+    std::unique_ptr<HostDisk> disk = OpenDisk(found.path, sectorBytes);
+    if (sectorBytes == 0) found.sectorBytes = SectorBytes(*disk, found.path);
+    if (found.sectorBytes != disk->SectorSize()) {
+        disk.reset();
+        disk = OpenDisk(found.path, found.sectorBytes);
+    }
+    CheckContents(*disk, found.path);
+    return found;
 }
 
 }  // namespace nbd

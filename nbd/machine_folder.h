@@ -4,6 +4,7 @@
 //   disk0.img     a disk of its own; disks that were taken in place lie elsewhere
 //   system.img    the system disk: small, holds the configuration, is served to nobody
 //   registry      the registry's flushed values
+//   identity      what it is called on its disks' marks (disk_mark.h)
 //   log           what the server and the driver said
 //   lock          locked by the server that has the machine powered on
 //   nbd.sock, control.sock   the sockets of a running server
@@ -32,11 +33,14 @@ struct MachineFolder {
 
     std::string File(const char* name) const { return path + "/" + name; }
     std::string DiskPath(const FolderDisk& disk) const;
+    // A disk of its own, which lies in the folder.
+    bool IsInside(const FolderDisk& disk) const { return DiskPath(disk) != disk.path; }
 };
 
 inline constexpr char kMachineFile[] = "machine";
 inline constexpr char kRegistryFile[] = "registry";
 inline constexpr char kSystemImage[] = "system.img";
+inline constexpr char kIdentityFile[] = "identity";
 inline constexpr char kLogFile[] = "log";
 inline constexpr char kLockFile[] = "lock";
 inline constexpr char kNbdSocket[] = "nbd.sock";

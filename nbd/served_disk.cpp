@@ -13,7 +13,7 @@ constexpr std::uint64_t kZeroBytes = 1024 * 1024;
 
 }  // namespace
 
-ServedDisk::ServedDisk(std::shared_ptr<machine::ImageDisk> medium, unsigned number)
+ServedDisk::ServedDisk(std::shared_ptr<machine::HostDisk> medium, unsigned number)
     : medium_(std::move(medium)), number_(number), bytes_(medium_->SectorSize()) {}
 
 void ServedDisk::BeginBoot(machine::Machine& machine) {

@@ -3,7 +3,7 @@
 #pragma once
 #include <memory>
 #include "machine/boot/machine.h"
-#include "machine/disk/image_disk.h"
+#include "machine/disk/host_disk.h"
 #include "nbd/byte_access.h"
 #include "nbd/disk_map.h"
 
@@ -11,7 +11,7 @@ namespace nbd {
 
 class ServedDisk final : private SectorTarget {
 public:
-    ServedDisk(std::shared_ptr<machine::ImageDisk> medium, unsigned number);
+    ServedDisk(std::shared_ptr<machine::HostDisk> medium, unsigned number);
 
     // A boot begins: learns the volumes and stacks that it made. Until EndBoot() any number of threads may
     // transfer; the machine's boot must last as long. A partition table that a client rewrites meanwhile holds
@@ -45,7 +45,7 @@ private:
     [[nodiscard]] NTSTATUS SendPiece(UCHAR major, const Piece& piece, std::uint8_t* buffer);
     [[nodiscard]] NTSTATUS SendToDisk(UCHAR major, std::uint64_t offset, void* buffer, std::uint64_t length);
 
-    const std::shared_ptr<machine::ImageDisk> medium_;
+    const std::shared_ptr<machine::HostDisk> medium_;
     const unsigned number_;
     ByteAccess bytes_;
     bool readOnly_ = false;

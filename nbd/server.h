@@ -27,7 +27,8 @@ inline constexpr std::u16string_view kControlDevice = u"\\DosDevices\\kvr";
 
 class Server {
 public:
-    // Opens what the folder names and changes nothing yet; the lock stays with the server. Throws Error.
+    // Opens what the folder names and marks the disks as its machine's; changes nothing else yet. The lock
+    // stays with the server. Throws Error, for a disk of another machine too.
     Server(MachineFolder folder, FolderLock lock);
     ~Server();  // stops
     Server(const Server&) = delete;

@@ -9,7 +9,8 @@
 #include "client/status.h"
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/guest_volume.h"
-#include "machine/disk/image_disk.h"
+#include "machine/disk/host_disk.h"
+#include "nbd/disk_owner.h"
 #include "nbd/server.h"
 #include "platform/host/sync/thread.h"
 #include "platform/host/check/verifier.h"
@@ -33,9 +34,9 @@ void LogViolation(const char* rule, const char* text) {
     std::abort();
 }
 
-std::shared_ptr<machine::ImageDisk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
+std::shared_ptr<machine::HostDisk> OpenImage(const std::string& path, std::uint32_t sectorBytes) {
     std::string error;
-    std::shared_ptr<machine::ImageDisk> disk = machine::ImageDisk::Open(path, sectorBytes, error);
+    std::shared_ptr<machine::HostDisk> disk = machine::HostDisk::Open(path, sectorBytes, error);
     if (disk == nullptr) throw Error(error);
     return disk;
 }
@@ -68,6 +69,7 @@ Server::~Server() {
 }
 
 void Server::OpenDisks() {
+    RequireOwn(folder_);
     machine::MachineOptions options;
     options.driver = DriverEntry;
     options.registry = registry_;
@@ -81,6 +83,7 @@ void Server::OpenDisks() {
     }
     options.disks.push_back(
         {.medium = OpenImage(folder_.File(kSystemImage), 512), .firstVolume = kSystemVolume});
+    MarkDisks(folder_);
     machine_ = std::make_unique<machine::Machine>(std::move(options));
 }
 

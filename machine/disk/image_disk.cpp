@@ -19,12 +19,19 @@ NTSTATUS DiskFailure() {
     return STATUS_IO_DEVICE_ERROR;
 }
 
-bool SizeOf(int file, std::uint64_t& size, std::uint32_t sectorSize, std::string& why) {
+std::uint32_t SmallestSector(int file, const struct stat& info) {
+    int logical = 0;
+    const bool large = S_ISBLK(info.st_mode) && ioctl(file, BLKSSZGET, &logical) == 0 && logical > 512;
+    return large ? 4096 : 512;
+}
+
+bool SizeOf(int file, std::uint64_t& size, std::uint32_t& sectorSize, std::string& why) {
     struct stat info;
     if (fstat(file, &info) != 0) {
         why = std::strerror(errno);
         return false;
     }
+    if (sectorSize == 0) sectorSize = SmallestSector(file, info);
     if (S_ISBLK(info.st_mode)) {
         int logical = 0, readOnly = 0;
         if (ioctl(file, BLKGETSIZE64, &size) != 0 || ioctl(file, BLKSSZGET, &logical) != 0 ||
@@ -71,7 +78,7 @@ std::string WhyNotOpened(const std::string& path, int error) {
 }
 
 // For a file just opened, or not; `why` says what is wrong.
-bool LockAndMeasure(const std::string& path, const posix::File& opened, std::uint32_t sectorSize,
+bool LockAndMeasure(const std::string& path, const posix::File& opened, std::uint32_t& sectorSize,
                     std::uint64_t& size, std::string& why) {
     const int file = opened.Get();
     if (file < 0) {
@@ -106,7 +113,7 @@ bool LockAndMeasure(const std::string& path, const posix::File& opened, std::uin
 
 std::unique_ptr<ImageDisk> ImageDisk::Open(const std::string& path, std::uint32_t sectorSize,
                                            std::string& error) {
-    if (!IsValidSectorSize(sectorSize)) {
+    if (sectorSize != 0 && !IsValidSectorSize(sectorSize)) {
         error = "sector size " + std::to_string(sectorSize) + " is neither 512 nor 4096";
         return nullptr;
     }
@@ -143,15 +150,8 @@ ImageDisk::ImageDisk(posix::File file, std::string path, std::uint64_t size, std
 // Of what changes the image, with the host's errno.
 NTSTATUS ImageDisk::Result(bool done) {
     if (done) return STATUS_SUCCESS;
-    failure_ = errno;
-    if (errno == ENOSPC || errno == EDQUOT)
-        lackedRoomAt_ = std::chrono::steady_clock::now().time_since_epoch().count();
+    NoteFailure(errno);
     return DiskFailure();
-}
-
-bool ImageDisk::LacksRoom() const {
-    const std::chrono::steady_clock::time_point at(std::chrono::steady_clock::duration(lackedRoomAt_.load()));
-    return lackedRoomAt_ != 0 && std::chrono::steady_clock::now() - at < std::chrono::seconds(10);
 }
 
 NTSTATUS ImageDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {

@@ -2,6 +2,7 @@
 #include <functional>
 #include <map>
 #include <CLI/CLI.hpp>
+#include "nbd/adopter.h"
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
 #include "tool/error.h"
@@ -52,6 +53,7 @@ public:
         app_.require_subcommand(0, 1);
         AddDemo();
         AddCreate();
+        AddAdopt();
         AddServe();
         OnParse(AddFolderCommand("reboot", "Reboot a machine that is being served; its clients wait"),
                 [this] { return Reboot(folder_); });
@@ -148,6 +150,23 @@ private:
         OnParse(create, [this] { return Create(); });
     }
 
+    void AddAdopt() {
+        CLI::App* adopt = app_.add_subcommand("adopt", "Take over disks that belong to another machine");
+        adopt->add_option("DIR", machine_.path, "The machine's folder; a new one with --disk")->required();
+        adopt->add_option("--disk", machine_.images, "Make the machine on this image (again for more)")
+            ->type_name("IMAGE")
+            ->allow_extra_args(false);
+        adopt->add_flag("--drop-changes", dropChanges_, "Also where the other machine's kept changes are lost");
+        adopt->footer(
+            "Examples:\n"
+            "  kvrhost adopt pc\n"
+            "  kvrhost adopt new --disk windows.raw --drop-changes");
+        OnParse(adopt, [this] {
+            for (const std::string& line : nbd::Adopt(machine_, dropChanges_)) std::puts(line.c_str());
+            return 0;
+        });
+    }
+
     void AddServe() {
         CLI::App* serving = app_.add_subcommand("serve", "Power a machine on and serve its disks over NBD");
         serving->add_option("DIR", serve_.folder, "The machine's folder")->required();
@@ -186,7 +205,7 @@ private:
     nbd::NewMachine machine_;
     ServeOptions serve_;
     std::string folder_;
-    bool follow_ = false;
+    bool follow_ = false, dropChanges_ = false;
 };
 
 }  // namespace

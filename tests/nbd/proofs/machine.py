@@ -24,7 +24,8 @@ class Machine:
         self._server = None  # a descriptor of the process: a process id may come to mean another one
         # A disk of its own, unless the machine takes one in place.
         self.image = pathlib.Path(create[1]) if create[0] == "--disk" else self.folder / "disk0.img"
-        run(self.kvrhost, "create", self.folder, *create)
+        # A disk that a proof has taken out of another machine still bears its mark.
+        run(self.kvrhost, "adopt" if create[0] == "--disk" else "create", self.folder, *create)
         proof.at_end(self._end)
 
     def uri(self, export="disk0"):
