@@ -12,9 +12,11 @@ need_packages() {
     DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# libntfs and libext2fs are the file systems of the hosted machine, nbdkit serves its disks.
+# libntfs and libext2fs are the file systems of the hosted machine, nbdkit serves its disks, libnbd
+# reaches those of other servers.
 BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libgtest-dev libcli11-dev libssl-dev nlohmann-json3-dev
-    libutfcpp-dev zlib1g-dev ntfs-3g-dev ntfs-3g libext2fs-dev e2fsprogs nbdkit nbdkit-plugin-dev)
+    libutfcpp-dev zlib1g-dev ntfs-3g-dev ntfs-3g libext2fs-dev e2fsprogs nbdkit nbdkit-plugin-dev
+    libnbd-dev)
 TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 g++-mingw-w64-x86-64-win32
-    g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev python3 wine wine64 libnbd-bin libnbd-dev python3-libnbd qemu-utils fio
+    g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev python3 wine wine64 libnbd-bin python3-libnbd qemu-utils fio
     fuse3 strace)

@@ -180,7 +180,9 @@ std::vector<std::string> MakeMachine(const NewMachine& machine) {
         folder.disks.push_back(CheckImage(image, machine.sectorBytes));
         if (!machine.takesOver) RequireNobodys(folder.disks.back().path);
         const auto same = [&](const FolderDisk& disk) {
-            return std::filesystem::equivalent(disk.path, folder.disks.back().path);
+            std::error_code ignored;
+            return disk.path == folder.disks.back().path ||
+                   std::filesystem::equivalent(disk.path, folder.disks.back().path, ignored);
         };
         if (std::count_if(folder.disks.begin(), folder.disks.end(), same) != 1)
             throw Error("disk image " + image + " is named twice");

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include "machine/disk/host_disk.h"
 #include "machine/disk/host_use.h"
+#include "machine/disk/remote_disk.h"
 #include "machine/partition/partition_table.h"
 #include "posix/file_io.h"
 
@@ -117,6 +118,18 @@ void CheckName(const std::string& path) {
         throw Error("disk image " + path + " has a name with control characters; rename it");
 }
 
+// The server's working folder is not the user's.
+void CheckUri(const std::string& uri) {
+    for (const std::string_view key : {"socket=", "tls-certificates=", "tls-psk-file="}) {
+        const std::size_t found = uri.find(key);
+        if (found == uri.npos) continue;
+        const std::string_view path = std::string_view(uri).substr(found + key.size());
+        if (!path.starts_with('/') && !path.starts_with("%2F") && !path.starts_with("%2f"))
+            throw Error("cannot use disk " + uri + ": behind " + std::string(key) +
+                        " an absolute path has to stand");
+    }
+}
+
 // By the file itself: one of another format need not have a disk's size.
 void CheckFormat(const std::string& path) {
     const posix::File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -144,10 +157,15 @@ void CheckContents(HostDisk& disk, const std::string& name) {
 }  // namespace
 
 FolderDisk CheckImage(const std::string& path, std::uint32_t sectorBytes) {
-    FolderDisk found{Absolute(path), sectorBytes};
+    const bool remote = machine::RemoteDisk::IsUri(path);
+    FolderDisk found{remote ? path : Absolute(path), sectorBytes};
     CheckName(found.path);
-    CheckKind(found.path);
-    CheckFormat(found.path);
+    if (remote) {
+        CheckUri(path);
+    } else {
+        CheckKind(found.path);
+        CheckFormat(found.path);
+    }
     // Opened as a machine opens it: for writing, and by nobody else.
     std::unique_ptr<HostDisk> disk = OpenDisk(found.path, sectorBytes);
     if (sectorBytes == 0) found.sectorBytes = SectorBytes(*disk, found.path);

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <fcntl.h>
 #include <sys/file.h>
+#include "machine/disk/remote_disk.h"
 
 namespace nbd {
 namespace {
@@ -55,7 +56,8 @@ void MachineFolder::Write() const {
 }
 
 std::string MachineFolder::DiskPath(const FolderDisk& disk) const {
-    return disk.path.starts_with('/') ? disk.path : path + "/" + disk.path;
+    return disk.path.starts_with('/') || machine::RemoteDisk::IsUri(disk.path) ? disk.path
+                                                                               : path + "/" + disk.path;
 }
 
 FolderLock::FolderLock(const MachineFolder& folder)

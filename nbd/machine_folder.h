@@ -18,7 +18,7 @@
 namespace nbd {
 
 struct FolderDisk {
-    std::string path;  // absolute, or relative to the folder
+    std::string path;  // absolute, relative to the folder, or a URI
     std::uint32_t sectorBytes = 512;
 };
 

@@ -1,11 +1,13 @@
 #include "machine/disk/host_disk.h"
 #include <cerrno>
 #include "machine/disk/image_disk.h"
+#include "machine/disk/remote_disk.h"
 
 namespace machine {
 
 std::unique_ptr<HostDisk> HostDisk::Open(const std::string& name, std::uint32_t sectorSize,
                                          std::string& error) {
+    if (RemoteDisk::IsUri(name)) return RemoteDisk::Open(name, sectorSize, error);
     return ImageDisk::Open(name, sectorSize, error);
 }
 

@@ -1,4 +1,4 @@
-// A disk that the host gives the machine: an image file or a block device.
+// A disk that the host gives the machine: an image file, a block device, or a remote disk.
 #pragma once
 #include <atomic>
 #include <chrono>
@@ -10,10 +10,10 @@ namespace machine {
 
 class HostDisk : public Disk {
 public:
-    // Opens `name` for reading and writing and for nobody else, for as long as the object lives. `sectorSize`
-    // in bytes: 512, 4096, or 0 for the smallest of them that the disk can address. Null with one clear
-    // sentence in `error` when it is missing, not writable, in use (host_use.h), empty or not a whole number of
-    // sectors.
+    // Opens `name`, a path or a URI, for reading and writing and for nobody else, for as long as the object
+    // lives. `sectorSize` in bytes: 512, 4096, or 0 for the smallest of them that the disk can address. Null
+    // with one clear sentence in `error` when it is missing, not writable, in use (host_use.h), empty or not a
+    // whole number of sectors.
     static std::unique_ptr<HostDisk> Open(const std::string& name, std::uint32_t sectorSize,
                                           std::string& error);
 
