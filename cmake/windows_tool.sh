@@ -30,6 +30,7 @@ ln -sfn /usr/include/utf8.h "$headers/utf8.h"
 flags=(
     -std=c++20 -O2 -Wall -Wextra -Werror -municode -ffunction-sections -fdata-sections
     "-ffile-prefix-map=$root=." "-ffile-prefix-map=$out=out"
+    "-DKVR_VERSION=\"$(cat VERSION)\""
     -DUNICODE -D_UNICODE -D_WIN32_WINNT=0x0601 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
     -I. -isystem "$headers"
 )

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include "client/status.h"
+#include "client/version.h"
 #include "nbd/control_server.h"
 #include "nbd/end_watch.h"
 #include "nbd/server.h"
@@ -293,6 +294,7 @@ int Flush(void* handle, std::uint32_t) {
 nbdkit_plugin MakePlugin() {
     nbdkit_plugin plugin{};
     plugin.name = "kvr";
+    plugin.version = ctl::Version();
     plugin.longname = "Kvr: disks of a hosted machine";
     plugin.description = "Serves the disks and volumes of a hosted machine through the Kvr driver.";
     plugin.config = Config;

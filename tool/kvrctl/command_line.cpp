@@ -6,6 +6,7 @@
 #include "tool/kvrctl/date.h"
 #include "tool/nearest_word.h"
 #include "client/failure.h"
+#include "client/version.h"
 
 namespace ctl {
 namespace {
@@ -33,6 +34,7 @@ public:
         app_.add_option("--machine", folder_, "Folder of the hosted machine (default: $KVR_MACHINE)")
             ->type_name("DIR");
         app_.add_flag("--json", jsonFirst_, "Print JSON, where the command can");
+        app_.set_version_flag("--version", std::string("kvrctl ") + ctl::Version(), "Print the version");
         AddLooking();
         AddEdits();
         AddConfig();

@@ -3,6 +3,7 @@
 #include <map>
 #include <CLI/CLI.hpp>
 #include "nbd/adopter.h"
+#include "client/version.h"
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
 #include "tool/error.h"
@@ -51,6 +52,7 @@ class CommandLine {
 public:
     CommandLine() {
         app_.require_subcommand(0, 1);
+        app_.set_version_flag("--version", std::string("kvrhost ") + ctl::Version(), "Print the version");
         AddDemo();
         AddCreate();
         AddAdopt();

@@ -17,6 +17,7 @@
 #include "client/wire_channel.h"
 #include "nbd/machine_folder.h"
 #include "tool/error.h"
+#include "tool/kvrhost/notify.h"
 #include "tool/kvrhost/paste.h"
 
 namespace tool {
@@ -222,6 +223,7 @@ int Serve(const ServeOptions& options) {
     if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
     exitCode = PrintWarnings(folder);
     PrintLinesToPaste(folder);
+    NotifyReady();
     return options.background ? exitCode : WaitFor(child);
 }
 

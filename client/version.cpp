@@ -1,0 +1,9 @@
+#include "client/version.h"
+
+namespace ctl {
+
+const char* Version() {
+    return KVR_VERSION;
+}
+
+}  // namespace ctl

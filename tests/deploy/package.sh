@@ -1,0 +1,122 @@
+#!/usr/bin/env bash
+# The Debian package as an administrator meets it: installed, used by others than root, served by systemd, purged. It
+# happens in namespaces of its own over an overlay of this system, so that the packages, users and files of the machine
+# stay as they are. Argument: the build folder. Exit code 77: a facility is missing.
+set -eu
+
+fail() { echo "FAILED: $*"; exit 1; }
+as() { runuser -u "$1" -- env HOME=/nonexistent "${@:2}"; }
+
+# ---- this system ---------------------------------------------------------------------------------------------
+
+outside() {
+    [ "$(id -u)" -eq 0 ] || { echo "SKIPPED: needs root"; exit 77; }
+    cmake --build "$1" --target deb -- --quiet >/dev/null
+    scratch=$(mktemp -d /tmp/kvr-package-XXXXXX)
+    trap 'rm -rf "$scratch"' EXIT
+    cp "$1"/kvr_*.deb "$0" "$scratch"
+    [ "$(dpkg-deb -f "$scratch"/*.deb Version)" = "$(cat "$(dirname "$0")/../../VERSION")" ] || fail "another version"
+    lintian --allow-root --fail-on error,warning "$scratch"/*.deb || fail "lintian complains"
+    timeout -s KILL 100 unshare --mount --pid --fork --kill-child=KILL --cgroup --uts --ipc \
+        "$0" overlaid "$scratch" </dev/null >"$scratch/result" 2>&1 || true
+    cat "$scratch/result"
+    case $(tail -n 1 "$scratch/result") in
+        "all done") exit 0 ;;
+        SKIPPED*) exit 77 ;;
+    esac
+    fail "the stages in the overlay did not end well"
+}
+
+overlaid() {
+    mkdir "$1/system"
+    mount -t tmpfs none "$1/system" && cd "$1/system" && mkdir upper work root
+    mount -t overlay none -o lowerdir=/,upperdir=upper,workdir=work root || { echo "SKIPPED: no overlay"; exit; }
+    cd root
+    mount -t proc none proc
+    for folder in run tmp dev sys; do mount -t tmpfs none $folder; done
+    for node in null:3 zero:5 full:7 random:8 urandom:9; do mknod -m 666 "dev/${node%:*}" c 1 "${node#*:}"; done
+    mkdir -p dev/shm sys/fs/cgroup
+    mount -t cgroup2 none sys/fs/cgroup || rmdir sys/fs/cgroup
+    mount --bind "$1" mnt
+    exec chroot . /mnt/package.sh inside
+}
+
+# ---- a copy of it --------------------------------------------------------------------------------------------
+
+# What dpkg, adduser, man and systemd keep about themselves is theirs.
+everything() {
+    find /etc /usr /var /opt -xdev \( -path /var/lib/dpkg -o -path /var/cache -o -path /var/log -o -path /var/backups \
+        -o -path /etc/systemd -o -path /var/lib/systemd -o -path /etc/machine-id -o -path '/etc/*-' -o -path /etc/.pwd.lock \) \
+        -prune -o -printf '%p %y\n' | sort
+    cat /etc/passwd /etc/group
+}
+
+inside() {
+    useradd --create-home worker
+    rm -rf /usr/sbin/policy-rc.d /etc/dpkg/dpkg.cfg.d  # images of containers forbid with them what is tried here
+    everything >/mnt/before
+    dpkg -i /mnt/*.deb >/dev/null 2>/mnt/dpkg || fail "$(cat /mnt/dpkg)"
+    local version
+    version=$(dpkg-query -W -f '${Version}' kvr)
+    [ "$(kvrhost --version) $(kvrctl --version)" = "kvrhost $version kvrctl $version" ] || fail "the tools' versions"
+    nbdkit kvr --dump-plugin | grep -qx "version=$version" || fail "the plugin's version"
+    bash -c '. /usr/share/bash-completion/completions/kvrctl && complete -p kvrctl' >/dev/null || fail "completion"
+    for page in kvrhost kvrctl nbdkit-kvr-plugin; do [ -e /usr/share/man/man1/$page.1.gz ] || fail "no page $page"; done
+
+    # Somebody of no rights, in a folder of his own.
+    local pc=/home/worker/pc process
+    as worker kvrhost create $pc --size 64M >/dev/null
+    as worker kvrhost serve $pc --background >/dev/null
+    as worker kvrctl --machine $pc status >/dev/null || fail "status for its owner"
+    as nobody kvrctl --machine $pc status >/dev/null 2>&1 && fail "status for anybody"
+    process=$(sed -n 's/.*process \([0-9]*\)$/\1/p' $pc/log)
+    for library in nbdkit-kvr-plugin kvr-send-guard; do
+        grep -q "/usr/lib/kvr/$library.so" "/proc/$process/maps" || fail "$library is not the installed one"
+    done
+    as worker kvrhost stop $pc
+    rm -r $pc
+
+    local unit=/usr/lib/systemd/system/kvr@.service exposure
+    sed 's/%I/pc/' $unit >/run/kvr@pc.service
+    systemd-analyze verify --man=no /run/kvr@pc.service || fail "the unit"
+    systemd-analyze security --offline=true --threshold=20 /run/kvr@pc.service >/run/security ||
+        fail "the unit lets more through than it should: $(grep Overall /run/security)"
+    as kvr kvrhost create /var/lib/kvr/pc --size 64M >/dev/null
+    [ -d /sys/fs/cgroup ] || { echo "without systemd: no second hierarchy of control groups"; purge; exit; }
+    printf '[Service]\nType=oneshot\nExecStart=/mnt/package.sh service\nStandardOutput=append:/mnt/result\n%s' \
+        "StandardError=inherit" >/etc/systemd/system/stages.service
+    printf '[Unit]\nWants=stages.service\n' >/etc/systemd/system/stages.target
+    container=other exec /lib/systemd/systemd --unit=stages.target
+}
+
+# ---- with systemd --------------------------------------------------------------------------------------------
+
+service() {
+    trap 'systemctl --no-block exit 0' EXIT
+    systemctl start kvr@pc || fail "$(systemctl status kvr@pc)"
+    local process
+    process=$(sed -n 's/.*process \([0-9]*\)$/\1/p' /var/lib/kvr/pc/log)
+    [ "$(stat -c %U "/proc/$process")" = kvr ] || fail "the server is another user's"
+    grep -qx "Seccomp:.2" "/proc/$process/status" || fail "the server may call anything"
+    as kvr kvrctl --machine /var/lib/kvr/pc status >/dev/null || fail "status of a served machine"
+    [ "$(kvrhost reboot /var/lib/kvr/pc 2>&1)" = "" ] || fail "a reboot under systemd"
+    dpkg --remove kvr >/dev/null 2>&1 || fail "it is not removed"
+    grep -q "server: ends" /var/lib/kvr/pc/log || fail "the machine was not shut down before its tools went"
+    purge
+}
+
+# Machines stay; when none is left, nothing is.
+purge() {
+    dpkg --purge kvr >/dev/null 2>&1 || fail "it is not purged"
+    [ -e /var/lib/kvr/pc/disk0.img ] || fail "a purge took a machine along"
+    dpkg -i /mnt/*.deb >/dev/null 2>&1
+    rm -r /var/lib/kvr/pc
+    dpkg --purge kvr >/dev/null 2>&1 || fail "it is not purged"
+    everything | diff /mnt/before - >/mnt/left || fail "left behind: $(cat /mnt/left)"
+    echo "all done"
+}
+
+case $1 in
+    overlaid | inside | service) "$@" ;;
+    *) outside "$1" ;;
+esac
