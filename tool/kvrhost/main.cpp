@@ -7,6 +7,7 @@
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
 #include "tool/error.h"
+#include "tool/kvrhost/machines.h"
 #include "tool/kvrhost/paste.h"
 #include "tool/kvrhost/serve.h"
 #include "tool/nearest_word.h"
@@ -61,6 +62,7 @@ public:
                 [this] { return Reboot(folder_); });
         OnParse(AddFolderCommand("stop", "Shut a machine down and end its server"),
                 [this] { return Stop(folder_); });
+        AddMachines();
         CLI::App* log = AddFolderCommand("log", "Show what a machine's server and driver said");
         log->add_flag("-f,--follow", follow_, "Go on with what is added, until interrupted");
         OnParse(log, [this] { return ShowLog(folder_, follow_); });
@@ -192,6 +194,28 @@ private:
                 throw Error(option->get_name() + " is for a new disk, with --size; an image stays as it is");
     }
 
+    CLI::App* AddMachinesCommand(const char* name, const char* description) {
+        CLI::App* command = app_.add_subcommand(name, description);
+        command->add_option("DIR", machines_.places,
+                            "Machines' folders, or folders of such (default: $KVR_MACHINES, /var/lib/kvr)");
+        command->add_flag("--json", machines_.json, "Print JSON");
+        return command;
+    }
+
+    void AddMachines() {
+        OnParse(AddMachinesCommand("list", "The machines of this host, a line each"),
+                [this] { return ListMachines(machines_); });
+        OnParse(AddMachinesCommand("status", "Each machine with its disks and what is not as configured"),
+                [this] { return ShowMachines(machines_); });
+        CLI::App* deletion =
+            AddFolderCommand("delete", "Delete a machine, but no disk that was taken in place");
+        deletion->add_flag("--yes", deletion_.yes, "Do not ask");
+        OnParse(deletion, [this] {
+            deletion_.folder = folder_;
+            return DeleteMachine(deletion_);
+        });
+    }
+
     int Create() {
         RequireOneKindOfDisk();
         for (const std::string& note : nbd::MakeMachine(machine_)) std::printf("Note: %s\n", note.c_str());
@@ -206,6 +230,8 @@ private:
     DemoOptions demo_;
     nbd::NewMachine machine_;
     ServeOptions serve_;
+    MachinesOptions machines_;
+    DeleteOptions deletion_;
     std::string folder_;
     bool follow_ = false, dropChanges_ = false;
 };
