@@ -48,6 +48,8 @@ enum class Command : std::uint32_t {
     // may
     // write the configuration as well.
     SetSwitch = 9,
+    // As ReadSectors, but as the volume's users see them: through the driver, in this moment. Needs no handle.
+    ReadPresent = 10,
 };
 
 struct RequestHeader {

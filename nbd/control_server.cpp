@@ -146,7 +146,9 @@ Response ControlServer::Answer(Connection& connection, Request& request) {
         case Command::Facts:
             return AnswerFacts(request);
         case Command::ReadSectors:
-            return AnswerSectors(request);
+            return AnswerSectors(request, false);
+        case Command::ReadPresent:
+            return AnswerSectors(request, true);
         case Command::ReadRegistry:
             return AnswerRegistry(request);
         case Command::SetSwitch:
@@ -188,12 +190,14 @@ Response ControlServer::AnswerFacts(const Request& request) {
     return response;
 }
 
-Response ControlServer::AnswerSectors(const Request& request) {
+Response ControlServer::AnswerSectors(const Request& request, bool present) {
     SectorsAt place;
     if (!TakeRecord(request, place) || place.length > kMaximumLength) return Failed(STATUS_INVALID_PARAMETER);
     Response response;
     response.output.resize(place.length);
-    response.status = server_.ReadSectors(NameOf(place.volume), place.offset, response.output);
+    const std::u16string volume = NameOf(place.volume);
+    response.status = present ? server_.ReadPresent(volume, place.offset, response.output)
+                              : server_.ReadSectors(volume, place.offset, response.output);
     if (!NT_SUCCESS(response.status)) response.output.clear();
     return response;
 }

@@ -83,8 +83,11 @@ public:
     [[nodiscard]] NTSTATUS Control(Handle handle, ControlCall& call);
     [[nodiscard]] NTSTATUS Facts(const std::u16string& volume, tool::wire::VolumeFacts& facts,
                                  std::string& clients);
-    // As the disk below the driver holds them.
+    // As the disk below the driver holds them (server_sectors.cpp).
     [[nodiscard]] NTSTATUS ReadSectors(const std::u16string& volume, std::uint64_t offset,
+                                       std::vector<std::uint8_t>& bytes);
+    // As the top of the volume's stack gives them.
+    [[nodiscard]] NTSTATUS ReadPresent(const std::u16string& volume, std::uint64_t offset,
                                        std::vector<std::uint8_t>& bytes);
     [[nodiscard]] NTSTATUS ReadRegistry(const std::u16string& key, const std::u16string& name,
                                         std::vector<std::uint8_t>& data);

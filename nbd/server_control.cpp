@@ -148,19 +148,6 @@ NTSTATUS Server::Facts(const std::u16string& name, tool::wire::VolumeFacts& fact
     return STATUS_SUCCESS;
 }
 
-NTSTATUS Server::ReadSectors(const std::u16string& name, std::uint64_t offset,
-                             std::vector<std::uint8_t>& bytes) {
-    const std::shared_lock hold(boot_);
-    machine::Volume* volume = on_ ? machine_->VolumeNamed(name) : nullptr;
-    if (volume == nullptr) return STATUS_OBJECT_NAME_NOT_FOUND;
-    const machine::VolumeDevice& device = *volume->device;
-    const std::uint32_t sector = device.SectorSize();
-    const bool inside = offset % sector == 0 && bytes.size() % sector == 0 && offset <= device.Length() &&
-                        bytes.size() <= device.Length() - offset;
-    if (!inside) return STATUS_INVALID_PARAMETER;
-    return machine_->MediumOf(device.DiskNumber()).Read(device.Offset() + offset, bytes.data(), bytes.size());
-}
-
 NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& name,
                               std::vector<std::uint8_t>& data) {
     host::RegistryValue value;

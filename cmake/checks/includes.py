@@ -35,11 +35,12 @@ ROOMS = {room: set(below.split()) for room, below in {
                     "platform formats posix",
     # Servers and tools.
     "client": "formats platform/host posix",
-    "nbd": f"client formats machine {MACHINE} platform/host platform posix",
+    "inspect": "formats posix",
+    "nbd": f"client formats inspect machine {MACHINE} platform/host platform posix",
     "tool": "client",
-    "tool/kvrctl": "client formats tool platform/host posix",
-    "tool/demo": f"tool/kvrctl client tool formats machine {MACHINE} platform/host platform posix",
-    "tool/kvrhost": "tool/demo tool/kvrctl client tool nbd formats posix",
+    "tool/kvrctl": "client formats inspect tool platform/host posix",
+    "tool/demo": f"tool/kvrctl client tool formats inspect machine {MACHINE} platform/host platform posix",
+    "tool/kvrhost": "tool/demo tool/kvrctl client tool nbd formats inspect posix",
 }.items()}
 # Whoever tries things out may know everything, and each other.
 TRIALS = ("tests", "fuzz", "bench")

@@ -140,7 +140,27 @@ private:
         map->add_option("VOLUME", map_.volume, "HarddiskVolume2, 2 or the full object name")->required();
         map->add_option("--svg", map_.svg, "Write the picture into this file as well")->type_name("FILE");
         OnParse(map, [this](const Context& context) { return ShowMap(context, map_); });
+        AddChanges();
         OnParse(Command(app_, "debug", "Let the driver write its debug lines", "  kvrctl debug"), Debug);
+    }
+
+    void AddChanges() {
+        CLI::App* changes = WithJson(
+            Command(app_, "changes", "The files that differ from a volume's fixed state, and what they take",
+                    "  kvrctl changes 2\n  kvrctl changes 2 --diff docs/report.txt"));
+        changes->add_option("VOLUME", changes_.volume, "HarddiskVolume2, 2 or the full object name")
+            ->required();
+        changes->add_option("--diff", changes_.diff, "Show what changed in this file")->type_name("FILE");
+        OnParse(changes, [this](const Context& context) { return ShowChanges(context, changes_); });
+        CLI::App* restore =
+            Command(app_, "restore-from-changes", "Copy a file out of the present state before it is dropped",
+                    "  kvrctl restore-from-changes 2 docs/report.txt saved");
+        restore->add_option("VOLUME", restore_.volume, "HarddiskVolume2, 2 or the full object name")
+            ->required();
+        restore->add_option("FILE", restore_.file, "Its path on the volume")->required();
+        restore->add_option("DIR", restore_.folder, "A folder of this computer")->required();
+        restore->add_flag("--force", restore_.force, "Replace a file of that name");
+        OnParse(restore, [this](const Context& context) { return RestoreFromChanges(context, restore_); });
     }
 
     void AddEdits() {
@@ -301,6 +321,8 @@ private:
     bool json_ = false, jsonFirst_ = false, namesOnly_ = false;
     WatchOptions watch_;
     MapOptions map_;
+    ChangesOptions changes_;
+    RestoreOptions restore_;
     EditOptions edit_;
     SetOptions set_;
     SwapMakeOptions make_;

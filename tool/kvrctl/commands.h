@@ -36,6 +36,19 @@ struct MapOptions {
     std::string svg;  // file, or empty
 };
 int ShowMap(const Context& context, const MapOptions& options);
+// The files that differ from a volume's fixed state.
+struct ChangesOptions {
+    std::string volume;
+    std::string diff;  // this file's difference alone
+};
+int ShowChanges(const Context& context, const ChangesOptions& options);
+struct RestoreOptions {
+    std::string volume;
+    std::string file;
+    std::string folder;  // into which it is copied
+    bool force = false;  // in place of what is there
+};
+int RestoreFromChanges(const Context& context, const RestoreOptions& options);
 int Debug(const Context& context);
 // In the registry; it holds from the next boot on.
 int ShowHardening(const Context& context);

@@ -9,6 +9,14 @@ constexpr std::chrono::milliseconds kRetryPause{100};
 
 }  // namespace
 
+Bytes World::ReadPresent(const std::u16string&, std::uint64_t, std::uint32_t) {
+    throw Failure("this computer does not show a volume's fixed state beside its present one");
+}
+
+std::string World::BootMark() {
+    return {};
+}
+
 Client OpenClient(World& world, Terminal& terminal, Access access, Patience patience) {
     const bool insist = patience == Patience::Insistent;
     for (int left = insist ? 300 : 20; left != 0; --left) {

@@ -33,6 +33,10 @@ public:
     virtual std::optional<VolumeFacts> Facts(const std::u16string& volume) = 0;
     // Whole sectors as the volume holds them. Throws Failure.
     virtual Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) = 0;
+    // ... as its users see them, through the driver, and where that can be had: what tells this boot from every
+    // other one. Throws Failure, always where there is no reading below the driver.
+    virtual Bytes ReadPresent(const std::u16string& volume, std::uint64_t offset, std::uint32_t length);
+    virtual std::string BootMark();
     // The data of a value of the driver's key; nothing when there is no such value. Throws Failure.
     virtual std::optional<Bytes> ReadRegistry(const std::u16string& value) = 0;
     // Sets a switch of the driver's key, which the next boot reads. Throws Failure: kExitDenied for who may not

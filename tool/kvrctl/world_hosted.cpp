@@ -133,13 +133,32 @@ std::optional<VolumeFacts> HostedWorld::Facts(const std::u16string& volume) {
     return facts;
 }
 
-Bytes HostedWorld::ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) {
+Bytes HostedWorld::ReadWith(wire::Command command, const std::u16string& volume, std::uint64_t offset,
+                            std::uint32_t length) {
     const wire::SectorsAt place{WireName(volume), offset, length, 0};
     Bytes output(length);
-    const Answer answer = Ask(wire::Command::ReadSectors, BytesOf(place), output);
+    const Answer answer = Ask(command, BytesOf(place), output);
     if (!IsSuccess(answer.status) || output.size() != length)
         throw Failure(TextOr(answer, "sectors of " + ToUtf8(volume) + " cannot be read"));
     return output;
+}
+
+Bytes HostedWorld::ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) {
+    return ReadWith(wire::Command::ReadSectors, volume, offset, length);
+}
+
+Bytes HostedWorld::ReadPresent(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) {
+    return ReadWith(wire::Command::ReadPresent, volume, offset, length);
+}
+
+std::string HostedWorld::BootMark() {
+    Bytes nothing;
+    const std::string text = Ask(wire::Command::About, {}, nothing).text;
+    const auto field = [&](const char* name) {
+        const std::size_t at = text.find(name);
+        return at == text.npos ? std::string() : text.substr(at, text.find(' ', at + 1) - at);
+    };
+    return field(" pid=") + field(" boots=");
 }
 
 std::optional<Bytes> HostedWorld::ReadRegistry(const std::u16string& value) {

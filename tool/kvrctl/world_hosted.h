@@ -14,6 +14,8 @@ public:
     std::unique_ptr<Driver> OpenDriver(Access access) override;
     std::optional<VolumeFacts> Facts(const std::u16string& volume) override;
     Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) override;
+    Bytes ReadPresent(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) override;
+    std::string BootMark() override;
     std::optional<Bytes> ReadRegistry(const std::u16string& value) override;
     void WriteSwitch(const std::u16string& value, bool on) override;
     std::optional<bool> HardeningNow() override;
@@ -33,6 +35,9 @@ private:
     std::string About();
     // Under that key of the first line; empty when it says nothing there.
     std::string About(const std::string& key);
+
+    Bytes ReadWith(tool::wire::Command command, const std::u16string& volume, std::uint64_t offset,
+                   std::uint32_t length);
 
     std::string folder_;
     std::unique_ptr<Connection> connection_;
