@@ -1,5 +1,6 @@
 #include "machine/disk/remote_disk.h"
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <system_error>
 #include <utility>
@@ -80,11 +81,12 @@ RemoteDisk::RemoteDisk(std::unique_ptr<RemoteLink> link, std::uint64_t size, std
 
 RemoteDisk::~RemoteDisk() = default;
 
-// To the machine the want of room elsewhere is an error of the disk like any other.
+// Of what changes the disk. To the machine the want of room elsewhere is an error of the disk like any other.
 NTSTATUS RemoteDisk::Result(NTSTATUS status) {
-    if (status != STATUS_DISK_FULL) return status;
-    NoteLackOfRoom();
-    return STATUS_IO_DEVICE_ERROR;
+    if (NT_SUCCESS(status)) return status;
+    const bool full = status == STATUS_DISK_FULL;
+    NoteFailure(full ? ENOSPC : EIO);
+    return full ? STATUS_IO_DEVICE_ERROR : status;
 }
 
 NTSTATUS RemoteDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
