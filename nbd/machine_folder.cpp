@@ -36,21 +36,33 @@ MachineFolder MachineFolder::Read(const std::string& path) {
     std::ifstream text(folder.File(kMachineFile));
     if (!text && errno == EACCES) throw Error("the machine in " + path + " belongs to another user");
     if (!text) throw Error("there is no machine in " + path + ": it has no file \"" + kMachineFile + "\"");
+    folder.disks = ParseDisks(text, folder.File(kMachineFile));
+    return folder;
+}
+
+std::vector<FolderDisk> MachineFolder::ParseDisks(std::istream& text, const std::string& where) {
+    std::vector<FolderDisk> disks;
     std::string line;
     for (int number = 1; std::getline(text, line); ++number) {
         if (line.empty() || line[0] == '#') continue;
-        folder.disks.push_back(ParseDisk(line, folder.File(kMachineFile) + " line " + std::to_string(number)));
+        disks.push_back(ParseDisk(line, where + " line " + std::to_string(number)));
     }
-    if (folder.disks.empty()) throw Error(folder.File(kMachineFile) + " names no disk");
-    if (folder.disks.size() > kMostDisks)
-        throw Error(folder.File(kMachineFile) + " names more than " + std::to_string(kMostDisks) + " disks");
-    return folder;
+    if (disks.empty()) throw Error(where + " names no disk");
+    if (disks.size() > kMostDisks)
+        throw Error(where + " names more than " + std::to_string(kMostDisks) + " disks");
+    return disks;
+}
+
+std::string MachineFolder::Text() const {
+    std::string text = std::string(kHead) + '\n';
+    for (const FolderDisk& disk : disks)
+        text += "disk " + std::to_string(disk.sectorBytes) + ' ' + disk.path + '\n';
+    return text;
 }
 
 void MachineFolder::Write() const {
     std::ofstream text(File(kMachineFile));
-    text << kHead << '\n';
-    for (const FolderDisk& disk : disks) text << "disk " << disk.sectorBytes << ' ' << disk.path << '\n';
+    text << Text();
     text.close();
     if (!text) throw Error("cannot write " + File(kMachineFile) + ": " + std::strerror(errno));
 }

@@ -10,6 +10,7 @@
 //   nbd.sock, control.sock   the sockets of a running server
 #pragma once
 #include <cstdint>
+#include <istream>
 #include <string>
 #include <vector>
 #include "nbd/error.h"
@@ -30,6 +31,9 @@ struct MachineFolder {
     static MachineFolder Read(const std::string& path);
     // Writes the text of a folder that has none yet. Throws Error.
     void Write() const;
+    // That text, and its reverse; `where` names the file in what is thrown. Throws Error.
+    std::string Text() const;
+    static std::vector<FolderDisk> ParseDisks(std::istream& text, const std::string& where);
 
     std::string File(const char* name) const { return path + "/" + name; }
     std::string DiskPath(const FolderDisk& disk) const;

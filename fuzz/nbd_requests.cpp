@@ -1,0 +1,207 @@
+// What clients may ask of a served machine through nbdkit, by the plugin's own calls: several connections to
+// its disk and its volumes, one of them protected, requests of any place and length inside the export with any
+// flags. What was written is read back, by whichever export.
+#include "fuzz/plugin_host.h"
+#include "fuzz/served.h"
+#include <thread>
+#include "client/own_driver.h"
+#include "machine/partition/formatter.h"
+#include "tool/kvrctl/config_writer.h"
+
+namespace {
+
+constexpr std::uint64_t kMiB = 1 << 20;
+constexpr unsigned kMostSteps = 24;
+constexpr std::uint32_t kMostBytes = 96 * 1024;
+
+// What the disk holds as far as it was written here, for all inputs.
+class Disk {
+public:
+    explicit Disk(std::uint64_t size) : bytes_(size), known_(size, false) {}
+    std::uint64_t Size() const { return bytes_.size(); }
+    void Write(std::uint64_t offset, const std::uint8_t* data, std::size_t length) {
+        std::copy_n(data, length, bytes_.begin() + static_cast<std::ptrdiff_t>(offset));
+        Mark(offset, length, true);
+    }
+    // Of a write that failed nothing is known.
+    void Forget(std::uint64_t offset, std::size_t length) { Mark(offset, length, false); }
+    void Check(std::uint64_t offset, const std::vector<std::uint8_t>& read) const {
+        for (std::size_t i = 0; i < read.size(); ++i)
+            if (known_[offset + i] && bytes_[offset + i] != read[i])
+                fuzz::Require(false, "byte " + std::to_string(offset + i) + " is read as it was written");
+    }
+
+private:
+    void Mark(std::uint64_t offset, std::size_t length, bool known) {
+        std::fill_n(known_.begin() + static_cast<std::ptrdiff_t>(offset), length, known);
+    }
+    std::vector<std::uint8_t> bytes_;
+    std::vector<bool> known_;
+};
+
+// The machine's first volume is protected, with little storage.
+class Computer {
+public:
+    Computer() : folder_(Made()), plugin_(folder_.Path()) {
+        machine::PartitionTable table;
+        std::string why;
+        fuzz::Require(machine::ReadImagePartitions(folder_.File("disk0.img"), 512, table, why), why);
+        places_ = table.partitions;
+        Protect();
+    }
+    const nbdkit_plugin& Calls() const { return plugin_.Calls(); }
+    Disk& Contents() { return disk_; }
+    const std::vector<machine::Partition>& Places() const { return places_; }
+    // Where an export begins on the disk.
+    std::uint64_t Begin(const std::string& name) const {
+        return name.starts_with("Harddisk") ? places_.at(static_cast<unsigned>(name.back() - '1')).offset : 0;
+    }
+
+private:
+    static nbd::NewMachine Made() {
+        nbd::NewMachine machine;
+        machine.size = 16 * kMiB;
+        machine.volumes = 2;
+        return machine;
+    }
+    void Protect() {
+        {
+            ctl::Client driver(std::make_unique<ctl::OwnDriver>(GENERIC_READ | FILE_WRITE_DATA));
+            driver.AllocateSwap(fuzz::kVolumes[0], 2 * kMiB);
+            while (driver.FixedVolumes().at(0).swapStatus == ctl::kSwapProvisioning)
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            config::FixedVolumeText volume = {fuzz::kVolumes[0]};
+            volume.bootMode = config::kBootModeDiscard;
+            const std::u16string text = config::GlobalSection(true, 0) + config::FixedSection(volume, 1);
+            ctl::Bytes image(KVR_CONFIG_BYTES);
+            std::memcpy(image.data(), text.data(), text.size() * sizeof(char16_t));
+            driver.SetConfig(image);
+        }
+        tool::wire::Response response;
+        tool::wire::Channel channel(tool::wire::ConnectToServer(folder_.Path()));
+        fuzz::Require(channel.Call({tool::wire::Command::Reboot, 0, {}, 0}, response) && response.status == 0,
+                      "the machine boots again");
+        ctl::Client driver(std::make_unique<ctl::OwnDriver>(GENERIC_READ));
+        bool isProtected = false;
+        for (const ctl::FixedVolume& volume : driver.FixedVolumes())
+            isProtected = isProtected || (volume.name == fuzz::kVolumes[0] && volume.state != 0);
+        fuzz::Require(isProtected, "the first volume is protected");
+    }
+
+    const fuzz::Folder folder_;
+    const fuzz::Plugin plugin_;
+    std::vector<machine::Partition> places_;
+    Disk disk_{16 * kMiB};
+};
+
+class Client {
+public:
+    Client(Computer& computer, FuzzedDataProvider& input)
+        : computer_(computer), calls_(computer.Calls()), input_(input) {
+        name_ = input.PickValueInArray(
+            {"disk0", "HarddiskVolume1", "HarddiskVolume2", "", "disk1", "HarddiskVolume0"});
+        if (input.ConsumeIntegral<std::uint8_t>() == 3) name_ = input.ConsumeBytesAsString(12);
+        fuzz::tExportName = name_;
+        handle_ = calls_.open(0);
+        if (handle_ != nullptr) Greet();
+    }
+    ~Client() {
+        if (handle_ != nullptr) calls_.close(handle_);
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void Step() {
+        if (handle_ == nullptr) return;
+        const int kind = input_.ConsumeIntegralInRange(0, 7);
+        const std::uint32_t flags = input_.ConsumeBool() ? NBDKIT_FLAG_FUA : 0;
+        if (kind == 0) return static_cast<void>(Done(calls_.flush(handle_, 0)));
+        const std::uint64_t offset = Place();
+        const auto length = static_cast<std::uint32_t>(std::min<std::uint64_t>(Length(), size_ - offset));
+        const std::uint64_t at = begin_ + offset;
+        if (kind < 4) return Read(at, offset, length);
+        if (kind < 7) return Write(at, offset, length, flags);
+        const std::vector<std::uint8_t> zeros(length);
+        Note(Done(calls_.zero(handle_, length, offset, flags | NBDKIT_FLAG_MAY_TRIM)), at, zeros);
+    }
+
+private:
+    void Greet() {
+        if (name_.empty()) name_ = calls_.default_export(0, 0);
+        begin_ = computer_.Begin(name_);
+        size_ = static_cast<std::uint64_t>(calls_.get_size(handle_));
+        std::uint32_t least = 0, liked = 0, most = 0;
+        fuzz::Require(begin_ + size_ <= computer_.Contents().Size(), "the export lies on the disk");
+        fuzz::Require(calls_.block_size(handle_, &least, &liked, &most) == 0 && least == 1,
+                      "any part may be asked for");
+    }
+    // Whether it was done; a failure says why, and which error it is.
+    static bool Done(int result) {
+        fuzz::Require(result == 0 || (fuzz::tSaid && fuzz::tError != 0), "a request that fails says why");
+        fuzz::tSaid = false, fuzz::tError = 0;
+        return result == 0;
+    }
+    // Around the places where something changes: volumes' ends, the disk's end, stripes of locks.
+    std::uint64_t Place() {
+        const auto& places = computer_.Places();
+        const std::uint64_t marks[] = {0,
+                                       places[0].offset,
+                                       places[0].offset + places[0].length - 4096,
+                                       places[1].offset,
+                                       places[1].offset + places[1].length,
+                                       6 * kMiB,
+                                       5 * kMiB + 300,
+                                       computer_.Contents().Size()};
+        const std::uint64_t mark = input_.PickValueInArray(marks);
+        const std::uint64_t near = input_.ConsumeIntegralInRange<std::uint64_t>(0, 16384);
+        const std::uint64_t at = mark + near < 8192 ? 0 : mark + near - 8192;
+        return at < begin_ ? 0 : std::min(at - begin_, size_ - 1);
+    }
+    std::uint64_t Length() {
+        static constexpr std::uint32_t kLengths[] = {1, 511, 512, 513, 4096, 5000, 65536};
+        return input_.ConsumeBool() ? input_.PickValueInArray(kLengths)
+                                    : input_.ConsumeIntegralInRange<std::uint32_t>(1, kMostBytes);
+    }
+    void Read(std::uint64_t at, std::uint64_t offset, std::uint32_t length) {
+        const fuzz::ExactBytes buffer(std::vector<std::uint8_t>(length, 0xEE));
+        const auto* bytes = static_cast<const std::uint8_t*>(buffer.Get());
+        if (Done(calls_.pread(handle_, buffer.Get(), length, offset, 0)))
+            computer_.Contents().Check(at, {bytes, bytes + length});
+    }
+    void Write(std::uint64_t at, std::uint64_t offset, std::uint32_t length, std::uint32_t flags) {
+        std::vector<std::uint8_t> data(length);
+        std::uint32_t state = input_.ConsumeIntegral<std::uint16_t>() | 0x10000u;
+        for (std::uint8_t& byte : data)
+            byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
+        const fuzz::ExactBytes buffer(data);
+        Note(Done(calls_.pwrite(handle_, buffer.Get(), length, offset, flags)), at, data);
+    }
+    void Note(bool done, std::uint64_t at, const std::vector<std::uint8_t>& data) {
+        if (done)
+            computer_.Contents().Write(at, data.data(), data.size());
+        else
+            computer_.Contents().Forget(at, data.size());
+    }
+
+    Computer& computer_;
+    const nbdkit_plugin& calls_;
+    FuzzedDataProvider& input_;
+    std::string name_;
+    void* handle_ = nullptr;
+    std::uint64_t begin_ = 0, size_ = 0;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static Computer computer;
+    FuzzedDataProvider input(data, size);
+    std::unique_ptr<Client> clients[3];
+    for (unsigned step = 0; step < kMostSteps && input.remaining_bytes() != 0; ++step) {
+        std::unique_ptr<Client>& client = clients[input.ConsumeIntegralInRange(0, 2)];
+        if (client == nullptr) client = std::make_unique<Client>(computer, input);
+        client->Step();
+        if (input.ConsumeIntegral<std::uint8_t>() == 9) client.reset();
+    }
+    return 0;
+}
