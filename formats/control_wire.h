@@ -50,6 +50,12 @@ enum class Command : std::uint32_t {
     SetSwitch = 9,
     // As ReadSectors, but as the volume's users see them: through the driver, in this moment. Needs no handle.
     ReadPresent = 10,
+    // Input: a VolumeName. Output: StorageRun records, where the volume's storage files (the map's among them)
+    // lie by
+    // its file system, as its users see that now. STATUS_OBJECT_NAME_NOT_FOUND when one that must be there is
+    // not,
+    // STATUS_DEVICE_BUSY while the file system is a client's. Needs no handle.
+    StorageRuns = 11,
 };
 
 struct RequestHeader {
@@ -98,5 +104,11 @@ struct SectorsAt {
     std::uint32_t reserved;
 };
 static_assert(sizeof(SectorsAt) == 144 && offsetof(SectorsAt, offset) == 128);
+
+struct StorageRun {
+    std::uint64_t offset;  // bytes on the volume
+    std::uint64_t length;  // bytes
+};
+static_assert(sizeof(StorageRun) == 16);
 
 }  // namespace tool::wire

@@ -149,6 +149,8 @@ Response ControlServer::Answer(Connection& connection, Request& request) {
             return AnswerSectors(request, false);
         case Command::ReadPresent:
             return AnswerSectors(request, true);
+        case Command::StorageRuns:
+            return AnswerRuns(request);
         case Command::ReadRegistry:
             return AnswerRegistry(request);
         case Command::SetSwitch:
@@ -200,6 +202,16 @@ Response ControlServer::AnswerSectors(const Request& request, bool present) {
                               : server_.ReadSectors(volume, place.offset, response.output);
     if (!NT_SUCCESS(response.status)) response.output.clear();
     return response;
+}
+
+Response ControlServer::AnswerRuns(const Request& request) {
+    VolumeName name;
+    if (!TakeRecord(request, name)) return Failed(STATUS_INVALID_PARAMETER);
+    std::vector<StorageRun> runs;
+    const NTSTATUS status = server_.StorageRuns(NameOf(name), runs);
+    if (!NT_SUCCESS(status)) return Failed(status);
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(runs.data());
+    return {status, {bytes, bytes + runs.size() * sizeof(StorageRun)}, {}};
 }
 
 Response ControlServer::AnswerRegistry(const Request& request) {

@@ -89,6 +89,8 @@ public:
     // As the top of the volume's stack gives them.
     [[nodiscard]] NTSTATUS ReadPresent(const std::u16string& volume, std::uint64_t offset,
                                        std::vector<std::uint8_t>& bytes);
+    // As Command::StorageRuns has it.
+    [[nodiscard]] NTSTATUS StorageRuns(const std::u16string& volume, std::vector<tool::wire::StorageRun>& runs);
     [[nodiscard]] NTSTATUS ReadRegistry(const std::u16string& key, const std::u16string& name,
                                         std::vector<std::uint8_t>& data);
     // Of the driver's switches in the registry only; STATUS_INVALID_PARAMETER otherwise.

@@ -33,6 +33,16 @@ FileSystemKind KindOf(const machine::FileSystem* files) {
     return files == nullptr ? FileSystemKind::None : files->Kind();
 }
 
+constexpr unsigned kMostStorageFiles = 17;
+
+// The map's, the first one for changes, and those behind it, which there need not be.
+std::u16string StorageFile(unsigned number) {
+    if (number == 0) return u"\\kvr.MAP";
+    if (number == 1) return u"\\kvr.SWP";
+    return std::u16string(u"\\kvr.SWP.") + static_cast<char16_t>(u'0' + (number - 1) / 10) +
+           static_cast<char16_t>(u'0' + (number - 1) % 10);
+}
+
 std::uint64_t FreeBytesOf(machine::FileSystem* files) {
     std::uint64_t bytes = 0;
     auto* guest = dynamic_cast<machine::GuestFileSystem*>(files);
@@ -79,6 +89,7 @@ NTSTATUS Server::CheckUsable(const ControlCall& call, std::string& text, unsigne
         return STATUS_DEVICE_BUSY;
     }
     const auto* files = dynamic_cast<const machine::GuestFileSystem*>(named->files.get());
+    FreeBytesOf(named->files.get());  // mounts what a client has had in between, and may have mended
     const std::string why = files != nullptr ? files->ReadOnlyReason() : std::string();
     if (why.empty()) return STATUS_SUCCESS;
     text = ShortName(*named) + " can only be read: " + why;
@@ -145,6 +156,25 @@ NTSTATUS Server::Facts(const std::u16string& name, tool::wire::VolumeFacts& fact
     facts.system = device.Number() == kSystemVolume ? 1 : 0;
     facts.diskOffset = device.Offset();
     clients = clients_.DescribeOn(device.Number(), device.DiskNumber());
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS Server::StorageRuns(const std::u16string& name, std::vector<tool::wire::StorageRun>& runs) {
+    const std::shared_lock hold(boot_);
+    const std::lock_guard guard(clientsLock_);
+    machine::Volume* volume = on_ ? machine_->VolumeNamed(name) : nullptr;
+    if (volume == nullptr) return STATUS_NO_SUCH_DEVICE;
+    if (clients_.CountOn(volume->device->Number(), volume->device->DiskNumber()) != 0)
+        return STATUS_DEVICE_BUSY;
+    auto* files = dynamic_cast<machine::MountedFileSystem*>(volume->files.get());
+    if (files == nullptr) return STATUS_UNRECOGNIZED_VOLUME;
+    for (unsigned file = 0; file <= kMostStorageFiles; ++file) {
+        machine::FileRuns found;
+        const NTSTATUS status = files->Runs(StorageFile(file), found);
+        if (status == STATUS_OBJECT_NAME_NOT_FOUND && file > 1) break;
+        if (!NT_SUCCESS(status)) return status;
+        for (const machine::FileRun& run : found.All()) runs.push_back({run.volume, run.length});
+    }
     return STATUS_SUCCESS;
 }
 

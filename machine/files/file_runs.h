@@ -20,6 +20,7 @@ public:
     void Clear() { runs_.clear(); }
     // Continues the file at its present end.
     void Append(std::uint64_t volume, std::uint64_t length);
+    const std::vector<FileRun>& All() const { return runs_; }
     std::uint64_t Allocated() const { return runs_.empty() ? 0 : runs_.back().at + runs_.back().length; }
 
     // Transfers any byte range within the allocation. On a failure the failing request's status; parts before

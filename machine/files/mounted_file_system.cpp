@@ -278,6 +278,17 @@ NTSTATUS MountedFileSystem::Query(const std::u16string& path, DirectoryEntry& en
     return status;
 }
 
+NTSTATUS MountedFileSystem::Runs(const std::u16string& path, FileRuns& runs) {
+    const host::HostGuard guard(state_->files.volume.Lock());
+    FilePlace place;
+    NTSTATUS status = state_->LocateExisting(path, place);
+    if (!NT_SUCCESS(status)) return status;
+    FileShape shape;
+    status = state_->files.volume.Look([&](VolumeFormat& format) { return format.LoadShape(place.id, shape); });
+    if (NT_SUCCESS(status)) runs = shape.runs;
+    return status;
+}
+
 NTSTATUS MountedFileSystem::FreeSpace(std::uint64_t& bytes) {
     const host::HostGuard guard(state_->files.volume.Lock());
     return state_->files.volume.Look([&](VolumeFormat& format) { return format.FreeSpace(bytes); });

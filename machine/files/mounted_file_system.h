@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <vector>
+#include "machine/files/file_runs.h"
 #include "machine/files/guest_file_system.h"
 #include "machine/files/volume_format.h"
 
@@ -44,6 +45,8 @@ public:
     [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) override;
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
     std::string ReadOnlyReason() const override;
+    // Where the file's data lies; none for data that the format keeps in another form than runs.
+    [[nodiscard]] NTSTATUS Runs(const std::u16string& path, FileRuns& runs);
     FileSystemKind Kind() const override;
     std::u16string DriverName() const override;
     [[nodiscard]] NTSTATUS Flush() override;

@@ -72,6 +72,22 @@ TEST(CtlMap, FindsWritesOverTheStorageItself) {
     }
 }
 
+// Files that still have all of it, in whatever pieces, and such that have not.
+TEST(CtlMap, FindsStorageThatItsFilesNoLongerHave) {
+    const SectorRange map{6000, 200}, swap{4096, 454}, more{5000, 9};
+    const struct {
+        std::vector<SectorRange> files;
+        std::uint64_t sectors;
+    } table[] = {
+        {{swap, map, more}, 0},
+        {{{4200, 400}, {4090, 110}, map}, 0},
+        {{swap}, 3},
+        {{map, {4096, 8}, {4106, 444}}, 2},
+        {{}, 3 + 8 + 2 + 1 + 64 + 150},
+    };
+    for (const auto& row : table) EXPECT_EQ(row.sectors, SectorsOutside(MapVolume().Read(), row.files));
+}
+
 TEST(CtlMap, ReadsWhatTheDriverWrote) {
     MapVolume volume;
     const SavedMap map = volume.Read();

@@ -96,27 +96,57 @@ TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
     }
 }
 
-// What keeps storage from being made is told before anything goes: here a file system that was not unmounted.
-TEST_F(CtlServed, AFileSystemThatMayNotBeChangedIsNamed) {
-    control.reset();
-    server.reset();
-    std::filesystem::remove_all(Folder());
-    nbd::NewMachine machine;
-    machine.path = Folder();
-    machine.size = 128 * kMiB;
-    machine.fileSystem = FileSystemKind::Ext;
-    nbd::MakeMachine(machine);
-    const std::string image = "'" + Folder() + "/disk0.img?offset=1048576'";
-    ASSERT_EQ(0, std::system(("debugfs -w -R 'ssv state 0' " + image + " 2>/dev/null").c_str()));
-    PowerOn();
-    for (const auto& words :
-         std::vector<std::vector<std::string>>{{"swap", "make", "1", "16M"}, {"swap", "remove", "1"}}) {
+// A machine of one ext4 volume, and what e2fsprogs' debugfs does to it while the machine is off.
+class CtlServedExt : public CtlServed {
+protected:
+    CtlServedExt() {
+        PowerOff();
+        std::filesystem::remove_all(Folder());
+        nbd::NewMachine machine;
+        machine.path = Folder();
+        machine.size = 128 * kMiB;
+        machine.fileSystem = FileSystemKind::Ext;
+        nbd::MakeMachine(machine);
+        PowerOn();
+    }
+    void PowerOff() {
+        control.reset();
+        server.reset();
+    }
+    void WhileOff(const std::string& what) {
+        PowerOff();
+        const std::string image = "'" + Folder() + "/disk0.img?offset=1048576'";
+        EXPECT_EQ(0, std::system(("debugfs -w -R '" + what + "' " + image + " 2>/dev/null").c_str()));
+        PowerOn();
+    }
+    void ExpectRefused(const std::vector<std::string>& words, const std::string& why) {
         const Result result = Run(words, Wait);
         EXPECT_EQ(kExitFailed, result.exitCode);
-        EXPECT_NE(result.err.npos,
-                  result.err.find("can only be read: it was not"))
-            << result.err;
+        EXPECT_NE(result.err.npos, result.err.find(why)) << result.err;
     }
+};
+
+// What keeps storage from being made is told before anything goes: here a file system that was not unmounted.
+TEST_F(CtlServedExt, AFileSystemThatMayNotBeChangedIsNamed) {
+    WhileOff("ssv state 0");
+    const std::string why = "can only be read: it was not";
+    ExpectRefused({"swap", "make", "1", "16M"}, why);
+    ExpectRefused({"swap", "remove", "1"}, why);
+}
+
+// Files that are gone, or no longer lie where the driver knows them, protect nothing.
+TEST_F(CtlServedExt, StorageWithoutItsFilesIsNotWhole) {
+    Do({{"swap", "make", "1", "16M"}, {"protect", "1", "--dry-run"}});
+    EXPECT_EQ("", Run({"protect", "1", "--dry-run"}).err);
+    WhileOff("ln kvr.MAP moved");
+    EXPECT_EQ("", Run({"protect", "1", "--dry-run"}).err) << "not loaded yet, and whole";
+    WhileOff("unlink kvr.SWP");
+    ExpectRefused({"protect", "1"}, "has lost its storage files: kvr.SWP or kvr.MAP was deleted or renamed");
+    WhileOff("ln moved kvr.SWP");
+    ExpectRefused({"protect", "1"}, "has lost its storage files: 16 MiB lie elsewhere now");
+    auto client = Connect("HarddiskVolume1");
+    EXPECT_EQ(kExitOk, Run({"protect", "1"}).exitCode) << "the boot will find it; nobody can look now";
+    server->Disconnect(std::move(client));
 }
 
 // The zone is the one that the server's last boot found, whatever the tool's own is.

@@ -172,21 +172,63 @@ SavedMap ReadWholeMap(World& world, Terminal& terminal, const std::u16string& vo
     }
 }
 
-std::uint64_t OverwrittenSectors(const SavedMap& map) {
+namespace {
+
+void Sort(std::vector<SectorRange>& ranges) {
+    std::sort(ranges.begin(), ranges.end(),
+              [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
+}
+
+// Ascending, and what stands twice once.
+std::vector<SectorRange> Joined(std::vector<SectorRange> ranges) {
+    Sort(ranges);
+    std::vector<SectorRange> joined;
+    for (const SectorRange& range : ranges) {
+        const std::uint64_t end = range.first + range.length;
+        const std::uint64_t before = joined.empty() ? 0 : joined.back().first + joined.back().length;
+        if (joined.empty() || before < range.first)
+            joined.push_back(range);
+        else
+            joined.back().length = std::max(before, end) - joined.back().first;
+    }
+    return joined;
+}
+
+// All that the storage has, its map's file as well, ascending.
+std::vector<SectorRange> StorageOf(const SavedMap& map) {
     std::vector<SectorRange> storage = map.free;
     storage.insert(storage.end(), map.file.begin(), map.file.end());
     for (const RedirectedRange& range : map.redirected) storage.push_back({range.swap, range.length});
-    std::sort(storage.begin(), storage.end(),
-              [](const SectorRange& a, const SectorRange& b) { return a.first < b.first; });
+    Sort(storage);
+    return storage;
+}
+
+// Sectors that stand in both; each is ascending.
+std::uint64_t CommonSectors(const std::vector<SectorRange>& one, const std::vector<SectorRange>& other) {
     std::uint64_t sectors = 0;
-    auto first = storage.begin();
-    for (const RedirectedRange& range : map.redirected) {
-        const std::uint64_t end = range.volume + range.length;
-        while (first != storage.end() && first->first + first->length <= range.volume) ++first;
-        for (auto at = first; at != storage.end() && at->first < end; ++at)
-            sectors += std::min(end, at->first + at->length) - std::max(range.volume, at->first);
+    auto at = other.begin();
+    for (const SectorRange& range : one) {
+        const std::uint64_t end = range.first + range.length;
+        while (at != other.end() && at->first + at->length <= range.first) ++at;
+        for (auto same = at; same != other.end() && same->first < end; ++same)
+            sectors += std::min(end, same->first + same->length) - std::max(range.first, same->first);
     }
     return sectors;
+}
+
+}  // namespace
+
+std::uint64_t OverwrittenSectors(const SavedMap& map) {
+    std::vector<SectorRange> targets;
+    for (const RedirectedRange& range : map.redirected) targets.push_back({range.volume, range.length});
+    return CommonSectors(targets, StorageOf(map));
+}
+
+std::uint64_t SectorsOutside(const SavedMap& map, std::vector<SectorRange> files) {
+    const std::vector<SectorRange> storage = StorageOf(map);
+    std::uint64_t sectors = 0;
+    for (const SectorRange& range : storage) sectors += range.length;
+    return sectors - CommonSectors(storage, Joined(std::move(files)));
 }
 
 MapSummary Summarize(const SavedMap& map) {

@@ -56,5 +56,7 @@ MapSummary Summarize(const SavedMap& map);
 // Sectors of the storage, or of the map's own file, that hold redirected writes to something else: the file
 // system whose changes these are has given the storage files' space to others.
 std::uint64_t OverwrittenSectors(const SavedMap& map);
+// Sectors of the storage, or of the map's own file, that lie in none of these ranges, given in sectors.
+std::uint64_t SectorsOutside(const SavedMap& map, std::vector<SectorRange> files);
 
 }  // namespace ctl

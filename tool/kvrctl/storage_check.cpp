@@ -6,6 +6,22 @@
 namespace ctl {
 namespace {
 
+// Do the files still have the space that the driver takes for theirs? Who deletes or moves them gives it to
+// others.
+std::string LossOfFiles(const Context& context, const SavedMap& map, const std::u16string& volume) {
+    const std::string gone = "has lost its storage files: ";
+    if (const std::uint64_t sectors = OverwrittenSectors(map); sectors != 0)
+        return gone + SizeText(sectors * map.sectorBytes) + " of their space hold changes of other files";
+    const StorageFiles files = context.world.FilesOfStorage(volume);
+    if (files.look == StorageFiles::Look::Missing) return gone + "kvr.SWP or kvr.MAP was deleted or renamed";
+    if (files.look == StorageFiles::Look::Unknown) return {};
+    std::vector<SectorRange> ranges;
+    for (const StorageFiles::Run& run : files.runs)
+        ranges.push_back({run.offset / map.sectorBytes, run.length / map.sectorBytes});
+    const std::uint64_t sectors = SectorsOutside(map, std::move(ranges));
+    return sectors == 0 ? std::string() : gone + SizeText(sectors * map.sectorBytes) + " lie elsewhere now";
+}
+
 // The location of its map is stored last: storage without one was not finished. Storage that this boot has not
 // loaded, for want of a configuration, is there all the same.
 std::string FileFault(const Context& context, const FixedVolume& volume) {
@@ -19,15 +35,10 @@ std::string FileFault(const Context& context, const FixedVolume& volume) {
         return "has " + SizeText(total) + " of swap storage, and every write fails in the last " +
                SizeText(context.world.StorageReserve()) + anew + " larger";
     try {
-        const SavedMap map = ReadWholeMap(context.world, context.terminal, volume.name);
-        if (const std::uint64_t sectors = OverwrittenSectors(map); sectors != 0)
-            return "has lost its storage files: " + SizeText(sectors * map.sectorBytes) +
-                   " of their space were given to other files (were kvr.SWP or kvr.MAP deleted, or the volume "
-                   "formatted?)";
+        return LossOfFiles(context, ReadWholeMap(context.world, context.terminal, volume.name), volume.name);
     } catch (const DamagedMap& damage) {
         return "has damaged swap storage (" + std::string(damage.what()) + ")" + anew + " anew";
     }
-    return {};
 }
 
 }  // namespace

@@ -20,6 +20,15 @@ struct VolumeFacts {
     std::string clients;  // who else uses the volume, in words; empty for nobody
 };
 
+// Where a volume's storage files lie by its file system, as far as somebody can look.
+struct StorageFiles {
+    enum class Look { Unknown, Missing, Found } look = Look::Unknown;
+    struct Run {
+        std::uint64_t offset, length;  // bytes on the volume
+    };
+    std::vector<Run> runs;
+};
+
 enum class Access { Read, ReadWrite };
 
 class World {
@@ -37,6 +46,8 @@ public:
     // other one. Throws Failure, always where there is no reading below the driver.
     virtual Bytes ReadPresent(const std::u16string& volume, std::uint64_t offset, std::uint32_t length);
     virtual std::string BootMark();
+    // Throws Failure.
+    virtual StorageFiles FilesOfStorage(const std::u16string&) { return {}; }
     // The data of a value of the driver's key; nothing when there is no such value. Throws Failure.
     virtual std::optional<Bytes> ReadRegistry(const std::u16string& value) = 0;
     // Sets a switch of the driver's key, which the next boot reads. Throws Failure: kExitDenied for who may not

@@ -161,6 +161,22 @@ std::string HostedWorld::BootMark() {
     return field(" pid=") + field(" boots=");
 }
 
+// Whatever keeps the machine from looking leaves it unknown: a client that has the volume, above all.
+StorageFiles HostedWorld::FilesOfStorage(const std::u16string& volume) {
+    const wire::VolumeName name = WireName(volume);
+    Bytes output(wire::kMaximumLength);
+    const Answer answer = Ask(wire::Command::StorageRuns, BytesOf(name), output);
+    StorageFiles files;
+    if (answer.status == STATUS_OBJECT_NAME_NOT_FOUND) files.look = StorageFiles::Look::Missing;
+    if (!IsSuccess(answer.status)) return files;
+    files.look = StorageFiles::Look::Found;
+    files.runs.resize(output.size() / sizeof(wire::StorageRun));
+    static_assert(sizeof(StorageFiles::Run) == sizeof(wire::StorageRun));
+    if (!files.runs.empty())
+        std::memcpy(files.runs.data(), output.data(), files.runs.size() * sizeof(wire::StorageRun));
+    return files;
+}
+
 std::optional<Bytes> HostedWorld::ReadRegistry(const std::u16string& value) {
     std::u16string path = kDriverKey;
     path += u'\0';

@@ -16,6 +16,7 @@ public:
     Bytes ReadSectors(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) override;
     Bytes ReadPresent(const std::u16string& volume, std::uint64_t offset, std::uint32_t length) override;
     std::string BootMark() override;
+    StorageFiles FilesOfStorage(const std::u16string& volume) override;
     std::optional<Bytes> ReadRegistry(const std::u16string& value) override;
     void WriteSwitch(const std::u16string& value, bool on) override;
     std::optional<bool> HardeningNow() override;
