@@ -15,6 +15,7 @@
 #include "client/version.h"
 #include "nbd/control_server.h"
 #include "nbd/end_watch.h"
+#include "nbd/idle_reboot.h"
 #include "nbd/server.h"
 
 #define NBDKIT_API_VERSION 2
@@ -28,9 +29,11 @@ using nbd::Server;
 
 std::string gFolder;
 int gLock = -1;
+int gIdleSeconds = -1;  // negative: nobody's going reboots the machine
 std::unique_ptr<Server> gServer;
 std::unique_ptr<nbd::EndWatch> gEnd;
 std::unique_ptr<nbd::ControlServer> gControl;
+std::unique_ptr<nbd::IdleReboot> gIdle;
 
 // Runs `body`, which may throw; false with the reason told to nbdkit.
 template <class Body>
@@ -55,6 +58,7 @@ int Config(const char* key, const char* value) {
         return 0;
     }
     if (std::strcmp(key, "lock") == 0) return nbdkit_parse_int("lock", value, &gLock);
+    if (std::strcmp(key, "reboot-when-idle") == 0) return nbdkit_parse_int(key, value, &gIdleSeconds);
     nbdkit_error("unknown parameter '%s'; the plugin takes machine=FOLDER", key);
     return -1;
 }
@@ -102,12 +106,15 @@ int AfterFork() {
         gEnd = std::make_unique<nbd::EndWatch>(End, GiveUp);
         gServer->Start();
         gControl = std::make_unique<nbd::ControlServer>(*gServer, [] { gEnd->Ask(); });
+        if (gIdleSeconds >= 0)
+            gIdle = std::make_unique<nbd::IdleReboot>(*gServer, std::chrono::seconds(gIdleSeconds));
     });
     return started ? 0 : -1;
 }
 
 // No connection is left when nbdkit comes here.
 void Cleanup() {
+    gIdle.reset();
     gControl.reset();
     if (gServer != nullptr) RemoveSockets();
     gEnd.reset();
@@ -161,6 +168,7 @@ void* Open(int) {
 void Close(void* handle) {
     try {
         gServer->Disconnect(std::unique_ptr<Server::Connection>(&ConnectionOf(handle)));
+        if (gIdle != nullptr) gIdle->ClientLeft();
     } catch (const std::bad_alloc&) {
         gServer->NoMemory("client");
     }
@@ -299,7 +307,9 @@ nbdkit_plugin MakePlugin() {
     plugin.description = "Serves the disks and volumes of a hosted machine through the Kvr driver.";
     plugin.config = Config;
     plugin.config_complete = ConfigComplete;
-    plugin.config_help = "machine=FOLDER   (required) The machine's folder, made by kvrhost create.";
+    plugin.config_help =
+        "machine=FOLDER         (required) The machine's folder, made by kvrhost create.\n"
+        "reboot-when-idle=N     Reboot it when its last client has been gone for N seconds.";
     plugin.magic_config_key = "machine";
     plugin.get_ready = GetReady;
     plugin.after_fork = AfterFork;

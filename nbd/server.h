@@ -40,6 +40,9 @@ public:
     void Stop();
     // False with a sentence in `why` when the machine did not come up again; it is off then.
     bool Reboot(std::string& why);
+    // Reboots unless a client is connected or storage is being made; which of these it was. None comes between.
+    enum class Idle { Rebooted, InUse, Busy };
+    Idle RebootWhenIdle();
 
     const MachineFolder& Folder() const { return folder_; }
     nbd::Log& Log() { return log_; }
@@ -104,6 +107,7 @@ private:
     void OpenDisks();
     void PowerOn(unsigned attempts);
     void PowerOff();
+    bool RebootAlone(std::string& why);
     void BootOnce();
     void NoteHardening();
     void WriteBootLog();

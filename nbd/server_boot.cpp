@@ -192,6 +192,24 @@ void Server::Stop() {
 
 bool Server::Reboot(std::string& why) {
     const std::lock_guard alone(boot_);
+    return RebootAlone(why);
+}
+
+Server::Idle Server::RebootWhenIdle() {
+    const std::lock_guard alone(boot_);
+    {
+        const std::lock_guard hold(clientsLock_);
+        if (!on_ || clients_.Count() != 0) return Idle::InUse;
+        if (storageVolume_ != 0 && host::RunningSystemThreads() != 0) return Idle::Busy;
+    }
+    log_.Line("server: the last client has gone: reboots");
+    std::string why;
+    if (!RebootAlone(why)) log_.Line("server: the machine is off: " + why);
+    return Idle::Rebooted;
+}
+
+// With the boot's lock held.
+bool Server::RebootAlone(std::string& why) {
     if (!on_) {
         why = "the machine is off";
         return false;

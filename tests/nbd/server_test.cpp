@@ -5,6 +5,7 @@
 #include <thread>
 #include <unistd.h>
 #include "client/wire_channel.h"
+#include "nbd/idle_reboot.h"
 #include "tests/nbd/served.h"
 
 namespace {
@@ -98,6 +99,23 @@ TEST_F(Served, TheMachineLooksAgainWhenAClientIsGone) {
             EXPECT_EQ(world.Facts(kSecond)->freeBytes.has_value(), action == Server::Action::Write);
         }
     }
+}
+
+// Two clients come and go; only when both are gone is there another boot.
+TEST_F(Served, TheMachineRebootsWhenTheLastClientHasGone) {
+    const auto boots = [&](unsigned number) {
+        return server->About().find(" boots=" + std::to_string(number) + " ") != std::string::npos;
+    };
+    nbd::IdleReboot idle(*server, std::chrono::seconds(0));
+    auto first = Connect("disk0"), second = Connect("HarddiskVolume2");
+    server->Disconnect(std::move(first));
+    idle.ClientLeft();
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(server->RebootWhenIdle(), Server::Idle::InUse);
+    EXPECT_TRUE(boots(1));
+    server->Disconnect(std::move(second));
+    idle.ClientLeft();
+    while (!boots(2)) std::this_thread::yield();
 }
 
 // What breaks the layout ends that connection and no other; Stop answers when the machine is off.

@@ -43,6 +43,17 @@ KVR_MACHINES=$scratch/missing refused "cannot look for machines in $scratch/miss
 runuser -u nobody -- "$kvrhost" --version >/dev/null 2>/dev/null && chmod 755 "$scratch" "$scratch/all" &&
     runuser -u nobody -- "$kvrhost" list "$scratch/all" | grep -Eq "^one +another user's" || fail "another user's"
 
+# Without the flag a client's going is nothing; with it, it is a boot.
+boots() { "$kvrhost" list "$scratch/apart" | awk 'NR > 1 { print $4 }'; }
+visit() { nbdinfo --size "nbd+unix:///disk0?socket=$scratch/apart/nbd.sock" >/dev/null; }
+visit
+[ "$(boots)" = 1 ] || fail "a boot that nobody asked for: $(boots)"
+"$kvrhost" stop "$scratch/apart"
+"$kvrhost" serve --background --reboot-when-idle --idle-seconds 0 "$scratch/apart" >/dev/null || fail "serve --reboot-when-idle"
+visit
+for ((i = 0; i < 100; i++)); do [ "$(boots)" = 2 ] && break || sleep 0.05; done
+[ "$(boots)" = 2 ] || fail "no boot when the last client has gone"
+
 # A volume that is to be protected and is not: said, and an exit code.
 kvrctl=$(dirname "$kvrhost")/kvrctl
 for words in "swap make 1 10M" "protect 1" enable; do

@@ -175,6 +175,11 @@ private:
         CLI::App* serving = app_.add_subcommand("serve", "Power a machine on and serve its disks over NBD");
         serving->add_option("DIR", serve_.folder, "The machine's folder")->required();
         serving->add_flag("--background", serve_.background, "Return when the server is ready");
+        auto* reboots = serving->add_flag("--reboot-when-idle", serve_.rebootWhenIdle,
+                                          "Reboot when the last client has been gone for a while");
+        serving->add_option("--idle-seconds", serve_.idleSeconds, "How long that is (default: 10)")
+            ->check(CLI::Range(0, 86400))
+            ->needs(reboots);
         serving->add_option("NBDKIT", serve_.further, "Further arguments for nbdkit, behind --")
             ->type_name("...");
         serving->footer(

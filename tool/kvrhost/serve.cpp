@@ -58,6 +58,7 @@ std::vector<std::string> NbdkitArguments(const MachineFolder& folder, const Serv
     arguments.push_back(FindPlugin());
     arguments.push_back("machine=" + folder.path);
     arguments.push_back("lock=" + std::to_string(lock));
+    if (options.rebootWhenIdle) arguments.push_back("reboot-when-idle=" + std::to_string(options.idleSeconds));
     // Behind the plugin's name: nbdkit takes its options anywhere, but a filter's KEY=VALUE only there.
     arguments.insert(arguments.end(), options.further.begin(), options.further.end());
     return arguments;

@@ -10,7 +10,9 @@ inline constexpr int kExitNotAsConfigured = 3;
 
 struct ServeOptions {
     std::string folder;
-    bool background = false;           // return when the server is ready
+    bool background = false;      // return when the server is ready
+    bool rebootWhenIdle = false;  // once its last client has been gone for so long:
+    int idleSeconds = 10;
     std::vector<std::string> further;  // arguments for nbdkit
 };
 
