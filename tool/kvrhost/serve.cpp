@@ -17,8 +17,8 @@
 #include "client/wire_channel.h"
 #include "nbd/machine_folder.h"
 #include "tool/error.h"
+#include "tool/kvrhost/lines.h"
 #include "tool/kvrhost/notify.h"
-#include "tool/kvrhost/paste.h"
 
 namespace tool {
 namespace {
@@ -169,19 +169,6 @@ bool WaitUntilReady(const MachineFolder& folder, const ServeOptions& options, pi
     }
 }
 
-void PrintLinesToPaste(const MachineFolder& folder) {
-    const std::string at = "?socket=" + UriPath(folder.File(nbd::kNbdSocket));
-    std::printf(
-        "The machine in %s is on. Its disk, for a virtual machine, a mount and a copy:\n"
-        "  qemu-system-x86_64 -m 2048 -drive file='nbd+unix:///disk0%s',format=raw,if=virtio\n"
-        "  nbdfuse MOUNTPOINT 'nbd+unix:///HarddiskVolume1%s'\n"
-        "  qemu-img convert -p -O qcow2 'nbd+unix:///disk0%s' COPY.qcow2\n"
-        "All exports: nbdinfo --list 'nbd+unix:///%s'\n"
-        "Stop it with: kvrhost stop %s\n",
-        folder.path.c_str(), at.c_str(), at.c_str(), at.c_str(), at.c_str(), ShellWord(folder.path).c_str());
-    std::fflush(stdout);
-}
-
 // ---- a running server ------------------------------------------------------------------------------------
 
 // Throws Error when it refuses. What it says beside its answer.
@@ -223,7 +210,8 @@ int Serve(const ServeOptions& options) {
     int exitCode = 0;
     if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
     exitCode = PrintWarnings(folder);
-    PrintLinesToPaste(folder);
+    std::printf("%s", LinesToPaste(folder).c_str());
+    std::fflush(stdout);
     NotifyReady();
     return options.background ? exitCode : WaitFor(child);
 }
