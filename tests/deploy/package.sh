@@ -38,6 +38,7 @@ overlaid() {
     mkdir -p dev/shm sys/fs/cgroup
     mount -t cgroup2 none sys/fs/cgroup || rmdir sys/fs/cgroup
     mount --bind "$1" mnt
+    pivot_root . srv
     exec chroot . /mnt/package.sh inside
 }
 
@@ -52,6 +53,7 @@ everything() {
 }
 
 inside() {
+    umount -l /srv
     useradd --create-home worker
     rm -rf /usr/sbin/policy-rc.d /etc/dpkg/dpkg.cfg.d  # images of containers forbid with them what is tried here
     everything >/mnt/before
@@ -76,11 +78,14 @@ inside() {
     as worker kvrhost stop $pc
     rm -r $pc
 
-    local unit=/usr/lib/systemd/system/kvr@.service exposure
-    sed 's/%I/pc/' $unit >/run/kvr@pc.service
-    systemd-analyze verify --man=no /run/kvr@pc.service || fail "the unit"
-    systemd-analyze security --offline=true --threshold=20 /run/kvr@pc.service >/run/security ||
-        fail "the unit lets more through than it should: $(grep Overall /run/security)"
+    local unit
+    cd /usr/lib/systemd/system
+    cp kvr@.service /run/kvr@pc.service
+    for unit in /run/kvr@pc.service $PWD/kvr-metrics.service; do
+        systemd-analyze verify --man=no "$unit" || fail "$unit is not understood"
+        systemd-analyze security --offline=true --threshold=20 "$unit" >/run/security ||
+            fail "$unit lets more through than it should: $(grep Overall /run/security)"
+    done
     as kvr kvrhost create /var/lib/kvr/pc --size 64M >/dev/null
     [ -d /sys/fs/cgroup ] || { echo "without systemd: no second hierarchy of control groups"; purge; exit; }
     printf '[Service]\nType=oneshot\nExecStart=/mnt/package.sh service\nStandardOutput=append:/mnt/result\n%s' \
@@ -100,6 +105,11 @@ service() {
     grep -qx "Seccomp:.2" "/proc/$process/status" || fail "the server may call anything"
     as kvr kvrctl --machine /var/lib/kvr/pc status >/dev/null || fail "status of a served machine"
     [ "$(kvrhost reboot /var/lib/kvr/pc 2>&1)" = "" ] || fail "a reboot under systemd"
+    mkdir -p /var/lib/prometheus/node-exporter
+    systemctl start kvr-metrics || fail "$(systemctl status kvr-metrics)"
+    grep -qx 'kvr_machine_up{machine="pc"} [01]' /var/lib/prometheus/node-exporter/kvr-pc.prom || fail "no figures"
+    rm /var/lib/prometheus/node-exporter/kvr-pc.prom
+    rmdir -p --ignore-fail-on-non-empty /var/lib/prometheus/node-exporter
     dpkg --remove kvr >/dev/null 2>&1 || fail "it is not removed"
     grep -q "server: ends" /var/lib/kvr/pc/log || fail "the machine was not shut down before its tools went"
     purge
