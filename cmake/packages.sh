@@ -1,15 +1,18 @@
 # Installs what the project builds with and what is missing here. Sourced by ./run and ./test.
+. cmake/progress.sh
 need_packages() {
     local missing=() package
     for package in "$@"; do
         dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
     done
     [ ${#missing[@]} -eq 0 ] && return 0
-    echo "installing: ${missing[*]}"
+    echo "installing ${#missing[@]} packages and what they need: ${missing[*]}" >&2
     local sudo=""
     [ "$(id -u)" -eq 0 ] || sudo=sudo
+    tell "packages: reading the lists"
     $sudo apt-get update -qq
-    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+    $sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends -o APT::Status-Fd=1 \
+        "${missing[@]}" | show_packages
 }
 
 # libntfs and libext2fs are the file systems of the hosted machine, nbdkit serves its disks, libnbd
