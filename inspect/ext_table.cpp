@@ -161,9 +161,9 @@ public:
         return tables;
     }
 
-protected:
     std::uint32_t RecordBytes() const override { return EXT2_INODE_SIZE(library_->super); }
 
+protected:
     bool RawRecords(FileId first, std::uint64_t count, std::uint8_t* bytes) override {
         const std::uint64_t size = RecordBytes(), perGroup = library_->super->s_inodes_per_group;
         while (count != 0) {

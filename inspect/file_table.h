@@ -79,10 +79,12 @@ public:
     // Where the file system's tables lie that belong to no file, with what each is.
     virtual std::vector<std::pair<Extent, std::string>> Tables() { return {}; }
 
+    // Of a stored record or inode.
+    virtual std::uint32_t RecordBytes() const = 0;
+
 protected:
     explicit FileTable(VolumeView& view) : reader_(view) {}
 
-    virtual std::uint32_t RecordBytes() const = 0;
     // The records [first, first + count) as they are stored. False when they cannot be read.
     [[nodiscard]] virtual bool RawRecords(FileId first, std::uint64_t count, std::uint8_t* bytes) = 0;
     // Adds the file to which a stored record belongs.

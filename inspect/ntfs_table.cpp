@@ -237,9 +237,9 @@ public:
         return {{{end, size - end}, "the copy of the boot sector"}};
     }
 
-protected:
     std::uint32_t RecordBytes() const override { return volume_->mft_record_size; }
 
+protected:
     bool RawRecords(FileId first, std::uint64_t count, std::uint8_t* bytes) override {
         const auto length = static_cast<s64>(count * RecordBytes());
         return ntfs_attr_pread(volume_->mft_na, static_cast<s64>(first * RecordBytes()), length, bytes) ==

@@ -10,7 +10,7 @@ namespace {
 
 class Reading {
 public:
-    explicit Reading(std::u16string text) : text_(std::move(text)) {}
+    Reading(std::u16string text, bool merges) : text_(std::move(text)), merges_(merges) {}
 
     std::vector<std::u16string> Run() {
         config::Scanner scanner(text_.data(), static_cast<std::uint32_t>(text_.size()));
@@ -39,10 +39,13 @@ private:
         std::u16string name(id, config::NameLength(id, section.ID.Length()));
         if (!seen_.insert(machine::FoldName(name)).second) return;
         const bool fixed = settings_.Kind == config::SectionKind::FixedVolume;
-        if (fixed && section.VOLUME_Mode == 1 && settings_.TesselEnabled) names_.push_back(std::move(name));
+        const bool wanted = !merges_ || section.Action == config::kActionMerge;
+        if (fixed && section.VOLUME_Mode == 1 && settings_.TesselEnabled && wanted)
+            names_.push_back(std::move(name));
     }
 
     const std::u16string text_;
+    const bool merges_;  // those alone that are to be merged
     config::Settings settings_;
     std::set<std::u16string> seen_;  // folded
     std::vector<std::u16string> names_;
@@ -50,10 +53,18 @@ private:
 
 }  // namespace
 
-std::vector<std::u16string> ProtectedVolumes(const std::vector<std::uint8_t>& text) {
+static std::vector<std::u16string> Read(const std::vector<std::uint8_t>& text, bool merges) {
     std::u16string characters(text.size() / sizeof(char16_t), u'\0');
     if (!characters.empty()) std::memcpy(characters.data(), text.data(), characters.size() * sizeof(char16_t));
-    return Reading(std::move(characters)).Run();
+    return Reading(std::move(characters), merges).Run();
+}
+
+std::vector<std::u16string> ProtectedVolumes(const std::vector<std::uint8_t>& text) {
+    return Read(text, false);
+}
+
+std::vector<std::u16string> VolumesToMerge(const std::vector<std::uint8_t>& text) {
+    return Read(text, true);
 }
 
 }  // namespace nbd

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -18,6 +19,7 @@
 #include "nbd/fair_lock.h"
 #include "nbd/log.h"
 #include "nbd/machine_folder.h"
+#include "nbd/seal_keeper.h"
 #include "nbd/served_disk.h"
 #include "formats/control_wire.h"
 
@@ -121,6 +123,11 @@ private:
     void JudgeVolume(const std::u16string& name, const std::vector<ctl::FixedVolume>& present);
     void Warn(const std::string& sentence);
 
+    // server_seals.cpp
+    std::set<unsigned> NumbersOf(const std::vector<std::u16string>& names);
+    std::set<unsigned> MergesDue();
+    void TakeSealsAlong(const std::set<unsigned>& due);
+
     // server_clients.cpp
     ServedDisk* DiskOf(const Export& target, std::uint64_t& offset, std::uint64_t& size);
     void LendVolumes(const Export& target);
@@ -139,6 +146,7 @@ private:
     FolderLock lock_;
     nbd::Log log_;
     std::shared_ptr<machine::RegistryFile> registry_;
+    SealKeeper seals_{folder_, log_};
     std::vector<std::unique_ptr<ServedDisk>> disks_;
     std::unique_ptr<machine::Machine> machine_;
     unsigned boots_ = 0;

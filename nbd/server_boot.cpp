@@ -119,8 +119,10 @@ void Server::BootOnce() {
     minutesEast_ = TakeTimeZone();
     const NTSTATUS status = machine_->PowerOn();
     NoteHardening();
+    std::set<unsigned> merging;
     try {
         RequireBoot(status);
+        merging = MergesDue();
         WriteBootLog();
         Settle();
         JudgeVolumes();
@@ -131,6 +133,7 @@ void Server::BootOnce() {
     }
     notes_ = machine::ReadOnlyVolumes(*machine_);
     for (const std::string& note : notes_) log_.Line("server: note: " + note);
+    TakeSealsAlong(merging);
     for (const auto& disk : disks_) disk->BeginBoot(*machine_);
     on_ = true;
     ++boots_;
@@ -166,6 +169,7 @@ void Server::Settle() {
 
 void Server::PowerOff() {
     on_ = false;
+    seals_.Stop();
     for (const auto& disk : disks_) disk->EndBoot();
     CloseHandle();
     const machine::ShutdownReport report = machine_->Shutdown();

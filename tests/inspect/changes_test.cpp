@@ -182,12 +182,11 @@ class Changes : public testing::TestWithParam<Format> {
 protected:
     inspect::ChangeReport Find(const Bytes& before, const Bytes& now, bool mapKnown) {
         ImageView fixedView(before), presentView(now);
-        fixed = inspect::FileTable::Open(fixedView), present = inspect::FileTable::Open(presentView);
+        const auto fixed = inspect::FileTable::Open(fixedView), present = inspect::FileTable::Open(presentView);
         return inspect::FindChanges({fixedView, *fixed, presentView, *present},
                                     mapKnown ? Differing(before, now) : std::vector<inspect::Extent>{},
                                     inspect::IsOwnFile, [](const char*, std::uint64_t, std::uint64_t) {});
     }
-    std::unique_ptr<inspect::FileTable> fixed, present;
 };
 
 TEST_P(Changes, AreWhatWasDone) {

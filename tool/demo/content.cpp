@@ -31,7 +31,7 @@ void ListBelow(machine::GuestFiles volume, const std::u16string& folder, const F
         std::vector<std::uint8_t> bytes;
         Require(volume.ReadFile(path, bytes), "cannot read " + Narrow(path));
         file.size = bytes.size();
-        file.digest = HashBytes(bytes.data(), bytes.size());
+        file.digest = inspect::DigestOfBytes(bytes.data(), bytes.size());
         file.hashed = true;
     }
 }
@@ -130,7 +130,7 @@ private:
     void Remember(const std::u16string& path, const std::vector<std::uint8_t>& content) {
         work_.after[path] = {.path = path,
                              .size = content.size(),
-                             .digest = HashBytes(content.data(), content.size()),
+                             .digest = inspect::DigestOfBytes(content.data(), content.size()),
                              .plain = true,
                              .hashed = true};
     }

@@ -244,7 +244,7 @@ struct OfflineVolume::Mount {
         if (NAttrEncrypted(data.get()) || (inode->flags & FILE_ATTR_REPARSE_POINT) != 0) return;
         if (file.size > budget || !ReadAll(data.get(), content)) return;
         budget -= file.size;
-        file.digest = HashBytes(content.data(), content.size());
+        file.digest = inspect::DigestOfBytes(content.data(), content.size());
         file.hashed = true;
     }
 

@@ -58,7 +58,7 @@ void CheckDisk(Stage& stage) {
     CheckStatus(stage, "writing the disk's boot sector", WriteRaw(disk, 0, other, nullptr),
                 STATUS_MEDIA_WRITE_PROTECTED);
     stage.report.Check("it still holds what it held", ReadRaw(disk, 0, sector) == boot && boot != other,
-                       "sha256 " + Short(HashBytes(boot.data(), boot.size())));
+                       "sha256 " + Short(inspect::DigestOfBytes(boot.data(), boot.size())));
     CheckStatus(stage, "writing the partition table behind it", WriteRaw(disk, sector, second, nullptr),
                 STATUS_MEDIA_WRITE_PROTECTED);
     CheckStatus(stage, "changing the partition layout", SendCode(disk, IOCTL_DISK_SET_DRIVE_LAYOUT_EX),

@@ -25,7 +25,7 @@ NTSTATUS FillWithFiles(Stage& stage, FileTable& after, unsigned& files) {
         if (!NT_SUCCESS(status)) return status;
         after[path] = {.path = path,
                        .size = bytes.size(),
-                       .digest = HashBytes(bytes.data(), bytes.size()),
+                       .digest = inspect::DigestOfBytes(bytes.data(), bytes.size()),
                        .hashed = true};
         if (files % 16 == 0) stage.report.Progress("filling the storage: " + Count(files, "file"));
     }
@@ -61,7 +61,7 @@ void CheckReadable(Stage& stage, const FileTable& written) {
         std::vector<std::uint8_t> content;
         const NTSTATUS status = stage.computer.Data().ReadFile(path, content);
         if (!NT_SUCCESS(status)) problem = Narrow(path) + ": " + StatusText(status);
-        if (NT_SUCCESS(status) && HashBytes(content.data(), content.size()) != file.digest)
+        if (NT_SUCCESS(status) && inspect::DigestOfBytes(content.data(), content.size()) != file.digest)
             problem = Narrow(path) + " has other content";
         bytes += content.size();
     }

@@ -1,18 +1,13 @@
 // A digest of a volume's sectors, read from the disk image and not through the driver.
 #pragma once
-#include <array>
-#include <cstdint>
 #include <string>
-#include <vector>
+#include "inspect/sha256.h"
+#include "inspect/volume_view.h"
 
 namespace tool {
 
-struct Extent {
-    std::uint64_t offset;  // bytes on the volume
-    std::uint64_t length;  // bytes
-};
-
-using Digest = std::array<std::uint8_t, 32>;
+using inspect::Digest;
+using inspect::Extent;
 
 struct VolumeHash {
     Digest digest{};
@@ -25,8 +20,6 @@ struct VolumeHash {
 // holes cost nothing. Throws Error when the image cannot be read.
 VolumeHash HashVolume(const std::string& image, std::uint64_t offset, std::uint64_t length,
                       const std::vector<Extent>& excluded);
-
-Digest HashBytes(const void* data, std::size_t length);
 
 // The first 12 digits.
 std::string Short(const Digest& digest);

@@ -12,6 +12,7 @@
 #include <unistd.h>
 #include "client/failure.h"
 #include "posix/file_io.h"
+#include "tool/kvrctl/printable.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 #include "tool/text.h"

@@ -1,9 +1,11 @@
 // changes.
+#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include "client/failure.h"
 #include "inspect/own_files.h"
 #include "tool/kvrctl/changed_files.h"
+#include "tool/kvrctl/printable.h"
 #include "tool/kvrctl/unicode.h"
 #include "tool/kvrctl/volumes.h"
 #include "tool/text.h"
@@ -129,6 +131,9 @@ int ShowChanges(const Context& context, const ChangesOptions& options) {
             states.Both(), states.Redirected(), inspect::IsOwnFile,
             [&](const char* what, std::uint64_t done, std::uint64_t total) { line.Draw(what, done, total); });
         states.RequireSameBoot();
+        // The saved map may lack the latest; how much there is in all the driver knows.
+        const std::uint64_t told = report.fileStorage + report.systemStorage;
+        if (states.Used() > told) report.elsewhere = std::max(report.elsewhere, states.Used() - told);
     }
     if (context.json)
         out << ReportJson(states, report).dump(2) << "\n";

@@ -37,6 +37,7 @@ public:
     const std::u16string& Name() const { return name_; }
     const VolumeFacts& Facts() const { return facts_; }
     inspect::StatesOfVolume Both() { return {*fixedView_, *fixed_, *presentView_, *present_}; }
+    std::uint64_t Used() const { return used_; }  // bytes of storage, by the driver
     // What the driver's map redirected when it was saved last; empty when it cannot be read now.
     std::vector<inspect::Extent> Redirected();
     // Throws Failure when the machine was booted since this began, or the connection was lost.
@@ -46,13 +47,11 @@ private:
     World& world_;
     std::u16string name_;
     bool protected_ = false;
+    std::uint64_t used_ = 0;
     VolumeFacts facts_;
     std::string boot_;
     std::unique_ptr<StateView> fixedView_, presentView_;
     std::unique_ptr<inspect::FileTable> fixed_, present_;
 };
-
-// For a terminal: control characters and bytes that are no UTF-8 as \x1B; `lines`: line ends and tabs stay.
-std::string Printable(const std::string& text, bool lines = false);
 
 }  // namespace ctl

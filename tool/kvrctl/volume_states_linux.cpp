@@ -32,8 +32,11 @@ VolumeStates::VolumeStates(const Context& context, const std::string& words) : w
     {
         Client client = context.Open(Access::Read);
         name_ = FindVolume(KnownVolumes(client), words).name;
-        for (const FixedVolume& volume : client.FixedVolumes())
-            if (EqualIgnoringCase(volume.name, name_)) protected_ = volume.state != 0;
+        for (const FixedVolume& volume : client.FixedVolumes()) {
+            if (!EqualIgnoringCase(volume.name, name_)) continue;
+            protected_ = volume.state != 0;
+            used_ = static_cast<std::uint64_t>(volume.swapUsed);
+        }
     }
     const std::optional<VolumeFacts> facts = world_.Facts(name_);
     if (!facts || facts->sectorBytes == 0) throw Failure("the machine does not describe " + ShortName(name_));
@@ -63,31 +66,6 @@ void VolumeStates::RequireSameBoot() {
     for (const StateView* view : {fixedView_.get(), presentView_.get()})
         if (!view->Trouble().empty()) throw Failure(view->Trouble());
     if (world_.BootMark() != boot_) throw Failure("the machine was booted meanwhile; ask again");
-}
-
-std::string Printable(const std::string& text, bool lines) {
-    static constexpr char kDigits[] = "0123456789ABCDEF";
-    std::string shown;
-    for (std::size_t at = 0; at < text.size();) {
-        std::u16string understood;
-        const std::string_view rest = std::string_view(text).substr(at);
-        std::size_t length = 1;
-        while (length < std::min<std::size_t>(4, rest.size()) && (rest[length] & 0xC0) == 0x80) ++length;
-        const bool whole =
-            posix::AppendUtf8(rest.substr(0, length), posix::Halves::Refused, understood) == length;
-        const bool control = whole && (understood[0] < 0x20 || (understood[0] >= 0x7F && understood[0] < 0xA0));
-        if (whole && (!control || (lines && (understood[0] == u'\n' || understood[0] == u'\t')))) {
-            shown += rest.substr(0, length);
-        } else {
-            length = whole ? length : 1;
-            for (const char c : rest.substr(0, length)) {
-                const auto byte = static_cast<unsigned char>(c);
-                shown += {'\\', 'x', kDigits[byte >> 4], kDigits[byte & 15]};
-            }
-        }
-        at += length;
-    }
-    return shown;
 }
 
 }  // namespace ctl

@@ -9,6 +9,7 @@
 #include "tool/error.h"
 #include "tool/kvrhost/machines.h"
 #include "tool/kvrhost/paste.h"
+#include "tool/kvrhost/seal.h"
 #include "tool/kvrhost/serve.h"
 #include "tool/nearest_word.h"
 #include "tool/text.h"
@@ -63,6 +64,10 @@ public:
         OnParse(AddFolderCommand("stop", "Shut a machine down and end its server"),
                 [this] { return Stop(folder_); });
         AddMachines();
+        OnParse(AddFolderCommand("seal", "Note digests of every volume's fixed state, for verify"),
+                [this] { return Seal(folder_); });
+        OnParse(AddFolderCommand("verify", "Prove that no sector changed since the seal, or say whose did"),
+                [this] { return Verify(folder_); });
         CLI::App* log = AddFolderCommand("log", "Show what a machine's server and driver said");
         log->add_flag("-f,--follow", follow_, "Go on with what is added, until interrupted");
         OnParse(log, [this] { return ShowLog(folder_, follow_); });
