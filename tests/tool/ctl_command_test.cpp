@@ -46,25 +46,40 @@ std::vector<std::string> Words(const std::string& text) {
 
 TEST(CtlCommands, StatusInWords) {
     Machine machine = Office();
+    machine.config +=
+        u"RVAccessMode=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\nBootMode=1\n"
+        u"NextDiscardTS=203001011800\nBootAction=2\n";
+    const std::string text = RunOn(machine, {"status"}).out;
     EXPECT_EQ(
+        "WARNING: HarddiskVolume2 is to be merged and will not be: a merge needs more\n"
+        "  than 51 MiB of free storage.\n"
+        "WARNING: HarddiskVolume2 is FULL: writes find no room.\n"
+        "WARNING: HarddiskVolume3 is FULL: writes find no room.\n"
         "Protection is on.\nHardening is off for the next boot, and now if it was so at the last.\n\n"
-        "VOLUME            KIND       STATE                 SWAP       USED       FREE"
-        "                                   STORAGE\n"
-        "HarddiskVolume1   fixed      not protected         -          -          -"
-        "                                      none\n"
-        "HarddiskVolume2   fixed      protected             512 MiB    511.0 MiB  1.0 MiB   "
-        "[###################.] 99 %  ready\n"
-        "HarddiskVolume3   fixed      protected and hidden  100 bytes  1 bytes    99 bytes  "
-        "[#...................] 1 %   files cannot be held, used by another program or gone\n"
-        "HarddiskVolume13  removable  protected\n",
-        RunOn(machine, {"status"}).out);
+        "VOLUME            NOW            NEXT BOOT       STORAGE    USED   USABLE\n"
+        "HarddiskVolume1   not protected  not protected   -          -      -\n"
+        "HarddiskVolume2   protected      merges changes  512 MiB    100 %  FULL\n"
+        "  [####################] 511.0 MiB used, FULL, writes find no room\n"
+        "  keeps changes until 2030-01-01 18:00 UTC\n"
+        "  merge at the next boot, once; after that changes are kept\n"
+        "HarddiskVolume3   hidden         not protected   100 bytes  100 %  0 bytes\n"
+        "  not protected from the next boot on\n"
+        "  storage: files cannot be held, used by another program or gone\n"
+        "HarddiskVolume13  read-only      read-only       -          -      -\n",
+        text);
+    machine.notes.warnings = {std::string(70, 'w') + " " + std::string(90, 'x')};
+    machine.facts[kData].clients = std::string(30, 'a') + " " + std::string(50, 'b') + " on export disk0";
+    std::istringstream lines(RunOn(machine, {"status"}).out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 80u) << line;
     const auto json = nlohmann::json::parse(RunOn(machine, {"status", "--json"}).out);
-    EXPECT_TRUE(json["protection"]);
+    EXPECT_TRUE(json["protection"]["now"]);
     EXPECT_EQ(4u, json["volumes"].size());
+    EXPECT_EQ("full", json["volumes"][1]["swap"]["status"]);
     EXPECT_EQ(511 * kMiB + 1, json["volumes"][1]["swap"]["usedBytes"]);
     EXPECT_EQ("HarddiskVolume1\nHarddiskVolume2\nHarddiskVolume3\nHarddiskVolume13\n",
               RunOn(machine, {"volumes", "--names"}).out);
-    EXPECT_EQ(json, nlohmann::json::parse(RunOn(machine, {"watch", "--json", "--count", "1"}).out));
+    EXPECT_EQ(json["volumes"],
+              nlohmann::json::parse(RunOn(machine, {"watch", "--json", "--count", "1"}).out)["volumes"]);
     unsigned pauses = 0;
     EXPECT_EQ(kExitOk, RunOn(machine, {"watch"}, [&] { return ++pauses < 3; }).exitCode);
     EXPECT_EQ(3u, pauses);
@@ -84,6 +99,13 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
                 u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n";
             machine.fixed[2].SwapStatus = swap, machine.fixed[2].State = state;
             machine.hardening = hardening;
+        };
+    };
+    // ... and its 512 MiB of storage hold so much.
+    const auto filled = [&](std::int64_t mebibytes) -> Given {
+        return [=](Machine& machine) {
+            troubled(2, true, 2)(machine);
+            machine.fixed[2].SwapUsedBytes = mebibytes * kMiB;
         };
     };
     const auto whole = [](std::int64_t bytes) -> Given {
@@ -149,19 +171,32 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         {"status", kExitOk, "Protection", [](Machine& m) { m.busyOpens = 3; }},
         // What is to be protected and is not, in the first line,
         {"status", kExitFailed,
-         "WARNING: HarddiskVolume2 is to be protected and is not (storage: missing, make it); its writes are "
-         "refused.\n"
+         "WARNING: HarddiskVolume2 is to be protected and is not (storage: missing, make\n"
+         "  it); its writes are refused.\n"
+         "WARNING: HarddiskVolume3 is FULL: writes find no room.\n"
          "Protection is on.\nHardening is on, from the next boot on off.\n",
          troubled(4, true)},
-        {"status", kExitFailed, "anew); its writes change the volume itself.\n", troubled(3, false)},
-        {"status", kExitFailed, "protects it); its writes change the volume itself.\n", troubled(6, true)},
-        {"status", kExitFailed,
-         "WARNING: HarddiskVolume2 is protected, but changes that it is to keep are refused",
+        {"status", kExitFailed, "its writes change the volume itself.\n", troubled(3, false)},
+        {"status", kExitFailed, "protects it); its writes change\n", troubled(6, true)},
+        {"status", kExitFailed, "WARNING: HarddiskVolume2 is protected, but changes that it is to keep are",
          troubled(5, true, 2)},
         {"status --json", kExitFailed,
          "\"HarddiskVolume2 is to be protected and is not (storage: missing, make it)\"",
          troubled(4, std::nullopt)},
         {"status", kExitOk, "Hardening is on,", troubled(2, true)},
+        // As it should be is more than as this boot was told: protected, with room, and sound.
+        {"status --check", kExitOk, "", [](Machine&) {}},
+        {"status --check", kExitOk, "", filled(410)},
+        {"status", kExitOk, "WARNING: HarddiskVolume2's storage is more than 80 % used.\n", filled(410)},
+        {"status --check", kExitFailed, "HarddiskVolume2 is FULL: writes find no room.\n", filled(504)},
+        {"status --check", kExitFailed, "HarddiskVolume2 is to be protected and is not yet.\n",
+         troubled(2, true)},
+        {"status --check", kExitFailed, "HarddiskVolume2 is protected, but changes that it is to keep are",
+         troubled(5, true, 2)},
+        {"status --check", kExitFailed, "HarddiskVolume7 is to be protected and is not there.\n",
+         [](Machine& m) {
+             m.config = u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume7\nProtectionMode=1\n";
+         }},
         {"status", kExitOk, "Protection is off", [=](Machine& m) { troubled(4, true)(m), m.enabled = false; }},
         {"hardening", kExitOk, "Hardening is off.\n", [](Machine& m) { m.hardening = false; }},
         {"hardening on", kExitOk, "Hardening is set to on. It holds from the next boot on.\n"},

@@ -88,7 +88,10 @@ TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
         const std::string sentence = std::string("HarddiskVolume2 ") + row.says;
         EXPECT_NE(std::string::npos, server->About().find("\nwarning: " + sentence)) << server->About();
         const Result status = Run({"status"});
-        EXPECT_TRUE(status.out.starts_with("WARNING: " + sentence + ".\n")) << status.out;
+        EXPECT_TRUE(status.out.starts_with("WARNING: HarddiskVolume2 is to be protected and is not (storage:"))
+            << status.out;
+        const Result metrics = Run({"status", "--openmetrics"});
+        EXPECT_NE(std::string::npos, metrics.out.find("kvr_as_configured{machine=\"pc\"} 0\n")) << metrics.out;
         EXPECT_EQ(kExitFailed, status.exitCode);
         auto client = Connect("HarddiskVolume2");
         EXPECT_EQ(row.write, Transfer(client, nbd::Server::Action::Write, 40 * kMiB, bytes));

@@ -53,6 +53,7 @@ struct Machine {
     std::vector<KVR_FIXED_VOLUME_STATUS> fixed;
     std::vector<KVR_REMOVABLE_VOLUME_STATUS> removable;
     std::u16string config;
+    ctl::MachineNotes notes;
     std::map<std::uint32_t, ctl::Answer> refusals;  // by control code
     std::map<std::u16string, ctl::VolumeFacts> facts;
     std::map<std::u16string, ctl::Bytes> registry, sectors;  // sectors: a whole volume's bytes
@@ -151,6 +152,7 @@ public:
     int MinutesEast() override { return machine_.minutesEast; }
     std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
     std::string WhyUnfinished(const std::u16string&) override { return machine_.whyUnfinished; }
+    ctl::MachineNotes Notes() override { return machine_.notes; }
     std::string NextBoot() const override { return "the next boot"; }
 
 private:

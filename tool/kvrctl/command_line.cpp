@@ -120,9 +120,12 @@ private:
     }
 
     void AddLooking() {
-        OnParse(WithJson(Command(app_, "status", "Is protection on, and how is each volume",
-                                 "  kvrctl status\n  kvrctl status --json")),
-                ShowStatus);
+        CLI::App* status = WithJson(Command(app_, "status", "How is each volume, now and at the next boot",
+                                            "  kvrctl status\n  kvrctl status --check || mail admin"));
+        status->add_flag("--check", status_.check,
+                         "Say what is not as configured; exit code 0 only when nothing is");
+        status->add_flag("--openmetrics", status_.openMetrics, "Print OpenMetrics text for a collector");
+        OnParse(status, [this](const Context& context) { return ShowStatus(context, status_); });
         CLI::App* watch = WithJson(Command(app_, "watch", "Status, drawn anew all the time; Ctrl-C ends",
                                            "  kvrctl watch\n  kvrctl watch --interval 0.5"));
         watch->add_option("--interval", watch_.seconds, "Seconds between two drawings")
@@ -319,6 +322,7 @@ private:
     std::string folder_, atBoot_, until_, hardening_;
     const CLI::Option* untilGiven_ = nullptr;
     bool json_ = false, jsonFirst_ = false, namesOnly_ = false;
+    StatusOptions status_;
     WatchOptions watch_;
     MapOptions map_;
     ChangesOptions changes_;

@@ -23,7 +23,11 @@ struct Context {
 };
 
 // ---- looking ----
-int ShowStatus(const Context& context);
+struct StatusOptions {
+    bool check = false;  // only what is not as configured, and the exit code
+    bool openMetrics = false;
+};
+int ShowStatus(const Context& context, const StatusOptions& options);
 struct WatchOptions {
     double seconds = 1;
     unsigned count = 0;  // 0: until Ctrl-C

@@ -134,7 +134,7 @@ void Store(const Context& context, const std::u16string& before, const std::u16s
         terminal.out << "The configuration says so already; nothing was changed.\n";
         return;
     }
-    const std::string diff = DiffText(ToUtf8(before), ToUtf8(after), terminal.isTerminal);
+    const std::string diff = DiffText(ToUtf8(before), ToUtf8(after), terminal.colour);
     terminal.out << diff << std::flush;
     const Bytes image = tool::ConfigurationImage(after.substr(0, KVR_CONFIG_BYTES / 2));
     const std::string lost = LostChanges(context, before, after), then = context.world.NextBoot();

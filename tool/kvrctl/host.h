@@ -23,7 +23,8 @@ public:
 
     std::ostream& out;
     std::ostream& err;
-    bool isTerminal = false;  // `out` is a screen: redraw, colour
+    bool isTerminal = false;  // `out` is a screen: redraw
+    bool colour = false;      // ... and the user has nothing against colours (NO_COLOR)
     bool canAsk = false;      // somebody reads `err` and types
     unsigned width = 80;      // of it, in characters
 };

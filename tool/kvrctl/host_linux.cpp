@@ -37,6 +37,8 @@ const char* EditorCommand() {
 HostTerminal::HostTerminal(std::ostream& output, std::ostream& errors) : Terminal(output, errors) {
     isTerminal = isatty(STDOUT_FILENO) == 1;
     canAsk = isatty(STDIN_FILENO) == 1 && isatty(STDERR_FILENO) == 1;
+    const char* const plain = std::getenv("NO_COLOR");
+    colour = isTerminal && (plain == nullptr || *plain == 0);
     winsize size{};
     if (isTerminal && ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col >= 20) width = size.ws_col;
 }

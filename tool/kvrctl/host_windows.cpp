@@ -33,6 +33,8 @@ HostTerminal::HostTerminal(std::ostream& output, std::ostream& errors) : Termina
     // Without the screen's control sequences there is no redrawing.
     isTerminal =
         GetConsoleMode(console, &mode) && SetConsoleMode(console, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+    wchar_t plain[2];
+    colour = isTerminal && GetEnvironmentVariableW(L"NO_COLOR", plain, 2) == 0;
     if (isTerminal && GetConsoleScreenBufferInfo(console, &info)) {
         const int columns = info.srWindow.Right - info.srWindow.Left + 1;
         if (columns >= 20) width = static_cast<unsigned>(columns);

@@ -69,7 +69,7 @@ int ShowMap(const Context& context, const MapOptions& options) {
     }
     out << ShortName(volume) << ", " << SizeText(map.volumeSectors * map.sectorBytes)
         << ", as the driver last saved its map; what changed since is not shown.\n"
-        << MapText(map, std::min(context.terminal.width, 120u), context.terminal.isTerminal)
+        << MapText(map, std::min(context.terminal.width, 120u), context.terminal.colour)
         << SummaryText(map, summary);
     return kExitOk;
 }

@@ -2,6 +2,7 @@
 // hosted machine. The driver is reached through its control device alone; what the driver does not tell (free
 // room, clients, sectors, the registry) the machine tells.
 #pragma once
+#include <map>
 #include <optional>
 #include "client/control_client.h"
 #include "client/driver_switches.h"
@@ -27,6 +28,23 @@ struct StorageFiles {
         std::uint64_t offset, length;  // bytes on the volume
     };
     std::vector<Run> runs;
+};
+
+// What a hosted machine's server tells of the present boot, as far as it does.
+struct MachineNotes {
+    // What the boot did with a volume's changes.
+    struct BootDeed {
+        std::u16string volume;
+        std::string did;  // "dropped", "merged", "kept", "lost": formats/control_wire.h
+        std::uint64_t bytes = 0, ranges = 0;
+        std::string text;
+    };
+    std::vector<std::string> warnings;  // one sentence each, without the point
+    std::vector<BootDeed> deeds;
+    std::vector<std::u16string> making;  // volumes whose storage is being made or removed
+    bool knowsMaking = false;            // ... none, if there are none
+    std::map<std::u16string, std::int64_t>
+        bytesPerSecond;  // at which a volume's storage fills; unknown without
 };
 
 enum class Access { Read, ReadWrite };
@@ -63,6 +81,9 @@ public:
     // Why the volume's storage could not be made whole, as far as the machine knows; else empty. Throws
     // Failure.
     virtual std::string WhyUnfinished(const std::u16string&) { return {}; }
+    virtual MachineNotes Notes() { return {}; }
+    // Which machine it is, for people and for a picture.
+    virtual std::string Name() const { return "this computer"; }
     // How the machine is booted anew, as the end of a sentence: "the next boot (kvrhost reboot m)".
     virtual std::string NextBoot() const = 0;
 };

@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <sstream>
 #include <unistd.h>
 #include "client/failure.h"
@@ -55,6 +56,24 @@ std::span<const std::uint8_t> BytesOf(const std::u16string& text) {
 std::string ClientText(std::uint32_t clients, const std::string& names) {
     if (clients == 0) return {};
     return names.empty() ? std::to_string(clients) + (clients == 1 ? " client" : " clients") : names;
+}
+
+void TakeNote(const std::string& line, MachineNotes& notes) {
+    std::istringstream words(line);
+    std::string kind, volume;
+    words >> kind >> volume;
+    const std::u16string name = volume.empty() ? u"" : u"\\Device\\" + FromUtf8(volume, "the server's answer");
+    if (kind == "warning:") notes.warnings.push_back(line.substr(kind.size() + 1));
+    if (kind == "storage:") {
+        notes.knowsMaking = true;
+        if (volume != "-") notes.making.push_back(name);
+    }
+    std::int64_t rate = 0;
+    if (kind == "rate:" && words >> rate) notes.bytesPerSecond[name] = rate;
+    MachineNotes::BootDeed deed{name, {}, 0, 0, {}};
+    if (kind == "boot:" && words >> deed.did >> deed.bytes >> deed.ranges &&
+        std::getline(words >> std::ws, deed.text))
+        notes.deeds.push_back(deed);
 }
 
 std::string TextOr(const Answer& answer, const std::string& otherwise) {
@@ -221,6 +240,19 @@ std::string HostedWorld::WhyUnfinished(const std::u16string& volume) {
     for (std::string line; std::getline(lines, line);)
         if (line.starts_with(head)) return line.substr(head.size());
     return {};
+}
+
+// The lines behind the first one, each of a kind and what is said; a kind that is not known is passed over.
+MachineNotes HostedWorld::Notes() {
+    std::istringstream lines(About());
+    MachineNotes notes;
+    for (std::string line; std::getline(lines, line);) TakeNote(line, notes);
+    return notes;
+}
+
+std::string HostedWorld::Name() const {
+    const std::filesystem::path path = std::filesystem::absolute(folder_).lexically_normal();
+    return (path.has_filename() ? path : path.parent_path()).filename().string();
 }
 
 std::string HostedWorld::NextBoot() const {

@@ -24,6 +24,8 @@ public:
     // A network client's writes are made for no file: they get what is kept for metadata as well.
     std::uint64_t StorageReserve() const override { return kNoSpaceLimit; }
     std::string WhyUnfinished(const std::u16string& volume) override;
+    MachineNotes Notes() override;
+    std::string Name() const override;
     std::string NextBoot() const override;
 
 private:
