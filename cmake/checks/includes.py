@@ -40,7 +40,8 @@ ROOMS = {room: set(below.split()) for room, below in {
     "tool": "client",
     "tool/kvrctl": "client formats inspect tool platform/host posix",
     "tool/demo": f"tool/kvrctl client tool formats inspect machine {MACHINE} platform/host platform posix",
-    "tool/kvrhost": "tool/demo tool/kvrctl client tool nbd formats inspect posix",
+    "tool/inject": "tool/demo tool/kvrctl tool formats machine/partition posix",
+    "tool/kvrhost": "tool/inject tool/demo tool/kvrctl client tool nbd formats inspect posix",
 }.items()}
 # Whoever tries things out may know everything, and each other.
 TRIALS = ("tests", "fuzz", "bench")

@@ -7,6 +7,7 @@
 #include "nbd/folder_maker.h"
 #include "tool/demo/demo.h"
 #include "tool/error.h"
+#include "tool/inject/command.h"
 #include "tool/kvrhost/machines.h"
 #include "tool/kvrhost/paste.h"
 #include "tool/kvrhost/seal.h"
@@ -59,6 +60,7 @@ public:
         AddCreate();
         AddAdopt();
         AddServe();
+        OnParse(AddInjectCommand(app_, inject_), [this] { return RunInject(inject_); });
         OnParse(AddFolderCommand("reboot", "Reboot a machine that is being served; its clients wait"),
                 [this] { return Reboot(folder_); });
         OnParse(AddFolderCommand("stop", "Shut a machine down and end its server"),
@@ -242,6 +244,7 @@ private:
     ServeOptions serve_;
     MachinesOptions machines_;
     DeleteOptions deletion_;
+    InjectOptions inject_;
     std::string folder_;
     bool follow_ = false, dropChanges_ = false;
 };

@@ -1,0 +1,375 @@
+#include "tests/inject/fake_windows.h"
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+#include <hivex.h>
+#include <sys/stat.h>
+extern "C" {
+#include <ntfs-3g/attrib.h>
+#include <ntfs-3g/dir.h>
+#include <ntfs-3g/inode.h>
+#include <ntfs-3g/logging.h>
+#include <ntfs-3g/security.h>
+#include <ntfs-3g/volume.h>
+}
+#undef min
+#undef max
+#include "machine/partition/partition_format.h"
+#include "machine/partition/partition_table.h"
+#include "machine/partition/subprocess.h"
+
+namespace fake_windows {
+namespace {
+
+using namespace machine::table;
+
+constexpr std::uint64_t kBootOffset = 1ull << 20;
+
+constexpr std::uint64_t BootLength(bool efi) {
+    return VolumeOffset(efi) - 2 * kBootOffset;
+}
+
+constexpr std::uint64_t DiskLength(bool efi) {
+    return VolumeOffset(efi) + kVolumeLength + kBootOffset;
+}
+constexpr char kClassVolume[] = "{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+constexpr char kClassDisk[] = "{4D36E967-E325-11CE-BFC1-08002BE10318}";
+
+void Run(const std::string& tool, const std::vector<std::string>& arguments) {
+    const machine::ToolResult result = machine::RunTool(tool, arguments);
+    if (!result.started || result.exitCode != 0) throw std::runtime_error(tool + ": " + result.output);
+}
+
+std::vector<char> Chars(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+ntfs_inode* Open(ntfs_volume* volume, const std::string& path) {
+    return ntfs_pathname_to_inode(volume, nullptr, path.c_str());
+}
+
+void Add(ntfs_volume* volume, const std::string& path, const Bytes* content) {
+    const std::size_t last = path.rfind('/');
+    ntfs_inode* folder = Open(volume, path.substr(0, last + 1));
+    const std::string name = path.substr(last + 1);
+    std::vector<ntfschar> text(name.begin(), name.end());
+    ntfs_inode* made = ntfs_create(folder, 0, text.data(), static_cast<u8>(text.size()),
+                                   content != nullptr ? S_IFREG : S_IFDIR);
+    if (made == nullptr) throw std::runtime_error("cannot make " + path);
+    ntfs_inode_close(folder);  // first: closing the file writes its size into the folder
+    if (content != nullptr) {
+        ntfs_attr* data = ntfs_attr_open(made, AT_DATA, AT_UNNAMED, 0);
+        ntfs_attr_pwrite(data, 0, static_cast<s64>(content->size()), content->data());
+        ntfs_attr_close(data);
+    }
+    ntfs_inode_close(made);
+}
+
+std::vector<machine::DiskPiece> Table(bool efi) {
+    const std::vector<machine::NewPartition> partitions = {{kBootOffset, BootLength(efi)},
+                                                           {VolumeOffset(efi), kVolumeLength}};
+    if (efi) return machine::MakeGpt(DiskLength(efi), 512, partitions, 1);
+    auto pieces = machine::MakeMbr(DiskLength(efi), 512, partitions, 1);
+    pieces[0].bytes[kMbrEntries] = 0x80;
+    return pieces;
+}
+
+// The first partition becomes the EFI system one, in both copies of the table.
+void MarkEfi(std::vector<machine::DiskPiece>& pieces) {
+    static constexpr std::uint8_t kType[] = {0x28, 0x73, 0x2A, 0xC1, 0x1F, 0xF8, 0xD2, 0x11,
+                                             0xBA, 0x4B, 0x00, 0xA0, 0xC9, 0x3E, 0xC9, 0x3B};
+    for (auto& piece : pieces) {
+        if (piece.bytes.size() > 512) std::memcpy(piece.bytes.data(), kType, sizeof kType);
+    }
+    const auto entries =
+        std::find_if(pieces.begin(), pieces.end(), [](auto& piece) { return piece.bytes.size() > 512; });
+    for (auto& piece : pieces) {
+        if (std::memcmp(piece.bytes.data(), kGptMagic, 8) != 0) continue;
+        Put<std::uint32_t>(&piece.bytes[kGptEntriesCrc],
+                           machine::Crc32(entries->bytes.data(), entries->bytes.size()));
+        Put<std::uint32_t>(&piece.bytes[kGptHeaderCrc], 0);
+        Put<std::uint32_t>(&piece.bytes[kGptHeaderCrc], machine::Crc32(piece.bytes.data(), kGptHeaderSize));
+    }
+}
+
+std::string VolumeFile(const TestFolder& folder, const std::string& name, std::uint64_t size) {
+    const std::string file = folder.Sparse(name, size);
+    Run("mkntfs", {"-F", "-Q", "-q", "-s", "512", "-c", "4096", file});
+    return file;
+}
+
+void Populate(const std::string& file, const std::vector<std::string>& folders,
+              const std::map<std::string, Bytes>& files) {
+    ntfs_log_set_handler(ntfs_log_handler_null);
+    ntfs_volume* volume = ntfs_mount(file.c_str(), 0);
+    if (volume == nullptr) throw std::runtime_error("cannot mount " + file);
+    for (const std::string& path : folders) Add(volume, path, nullptr);
+    for (const auto& [path, content] : files) Add(volume, path, &content);
+    ntfs_umount(volume, FALSE);
+}
+
+constexpr std::uint32_t kAllSecurity = 7;  // owner, group, access list
+
+// Owner and group are the administrators; they may do everything, users read, here and in what is made below.
+Bytes FolderSecurity() {
+    Bytes bytes = {1, 0, 4, 0x80, 72, 0, 0, 0, 72, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0, 2, 0, 52, 0, 2, 0, 0, 0};
+    const auto sid = [&](std::uint8_t who) {
+        const Bytes text = {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, who, 2, 0, 0};
+        bytes.insert(bytes.end(), text.begin(), text.end());
+    };
+    bytes.insert(bytes.end(), {0, 3, 24, 0, 0xFF, 0x01, 0x1F, 0});
+    sid(32);
+    bytes.insert(bytes.end(), {0, 3, 24, 0, 0xA9, 0x00, 0x12, 0});
+    sid(33);
+    bytes[22] = static_cast<std::uint8_t>(bytes.size() - 20);
+    bytes[4] = bytes[8] = static_cast<std::uint8_t>(bytes.size());
+    sid(32);
+    return bytes;
+}
+
+void Secure(const std::string& file, const std::string& path) {
+    const Bytes security = FolderSecurity();
+    SECURITY_API* api = ntfs_initialize_file_security(file.c_str(), 0);
+    const bool done =
+        api != nullptr && ntfs_set_file_security(api, path.c_str(), kAllSecurity,
+                                                 reinterpret_cast<const char*>(security.data())) != 0;
+    ntfs_leave_file_security(api);
+    if (!done) throw std::runtime_error("cannot secure " + path);
+}
+
+Bytes ReadFrom(const std::string& file, const std::string& path) {
+    Bytes bytes;
+    ntfs_volume* volume = ntfs_mount(file.c_str(), NTFS_MNT_RDONLY);
+    if (volume == nullptr) throw std::runtime_error("cannot mount " + file);
+    if (ntfs_inode* inode = Open(volume, path)) {
+        ntfs_attr* data = ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0);
+        bytes.resize(static_cast<std::size_t>(data->data_size));
+        ntfs_attr_pread(data, 0, data->data_size, bytes.data());
+        ntfs_attr_close(data);
+        ntfs_inode_close(inode);
+    }
+    ntfs_umount(volume, FALSE);
+    return bytes;
+}
+
+std::string CopyOut(const TestFolder& folder, const std::string& image, std::uint64_t offset,
+                    std::uint64_t length) {
+    const std::string file = folder.Sparse("volume.out", 0);
+    std::vector<char> bytes(length);
+    std::ifstream stream(image, std::ios::binary);
+    stream.seekg(static_cast<std::streamoff>(offset));
+    stream.read(bytes.data(), static_cast<std::streamsize>(length));
+    TestFolder::Put(file, 0, bytes);
+    return file;
+}
+
+void PutVolume(const std::string& image, std::uint64_t offset, const std::string& file) {
+    TestFolder::Put(image, offset, TestFolder::Bytes(file));
+}
+
+void PutBootStore(const TestFolder& folder, const std::string& image, const Key& boot, bool efi) {
+    const Bytes store = hive_maker::Maker::Make(boot, hive_maker::Lists::Lf);
+    if (!efi) {
+        const std::string volume = VolumeFile(folder, "boot", BootLength(efi));
+        Populate(volume, {"/Boot"}, {{"/Boot/BCD", store}});
+        return PutVolume(image, kBootOffset, volume);
+    }
+    const std::string volume = folder.Sparse("boot", BootLength(efi)), file = folder.File("BCD");
+    Run("mkfs.fat", {"-F", "32", "-s", "1", volume});
+    folder.Sparse("BCD", 0);
+    TestFolder::Put(file, 0, Chars(store));
+    Run("mmd", {"-i", volume, "::/EFI", "::/EFI/Microsoft", "::/EFI/Microsoft/Boot"});
+    Run("mcopy", {"-i", volume, file, "::/EFI/Microsoft/Boot/BCD"});
+    Run("mattrib", {"-i", volume, "+h", "+s", "::/EFI/Microsoft/Boot/BCD"});
+    PutVolume(image, kBootOffset, volume);
+}
+
+std::string Upper(std::string text) {
+    for (char& c : text) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// Kept in the order that hives want.
+Key& Child(Key& key, const std::string& name) {
+    const auto same = std::find_if(key.keys.begin(), key.keys.end(),
+                                   [&](auto& one) { return Upper(one.name) == Upper(name); });
+    if (same != key.keys.end()) return *same;
+    const auto place = std::find_if(key.keys.begin(), key.keys.end(),
+                                    [&](auto& one) { return Upper(one.name) > Upper(name); });
+    return *key.keys.insert(place, {name, {}, {}});
+}
+
+void DumpKey(hive_h* hive, hive_node_h node, const std::string& path, std::vector<std::string>& lines) {
+    lines.push_back(path);
+    hive_value_h* values = hivex_node_values(hive, node);
+    for (hive_value_h* value = values; *value != 0; ++value) {
+        hive_type type = hive_t_REG_NONE;
+        std::uint32_t number;
+        std::size_t length;
+        char* name = hivex_value_key(hive, *value);
+        char* data = hivex_value_value(hive, *value, &type, &length);
+        std::memcpy(&number, &type, sizeof number);
+        lines.push_back(path + " " + name + " " + std::to_string(number) + " " + std::string(data, length));
+        std::free(name);
+        std::free(data);
+    }
+    std::free(values);
+    hive_node_h* children = hivex_node_children(hive, node);
+    for (hive_node_h* child = children; *child != 0; ++child) {
+        char* name = hivex_node_name(hive, *child);
+        DumpKey(hive, *child, path + "\\" + name, lines);
+        std::free(name);
+    }
+    std::free(children);
+}
+
+}  // namespace
+
+Bytes Dword(std::uint32_t number) {
+    Bytes bytes(4);
+    std::memcpy(bytes.data(), &number, 4);
+    return bytes;
+}
+
+Bytes Sz(const std::string& text) {
+    Bytes bytes;
+    for (const char c : text + '\0') bytes.insert(bytes.end(), {static_cast<std::uint8_t>(c), 0});
+    return bytes;
+}
+
+Bytes MultiSz(const std::vector<std::string>& texts) {
+    std::string all;
+    for (const std::string& text : texts) all += text + '\0';
+    return Sz(all);
+}
+
+Key& Below(Key& key, const std::string& path) {
+    const std::size_t end = std::min(path.find('\\'), path.size());
+    Key& child = Child(key, path.substr(0, end));
+    return end == path.size() ? child : Below(child, path.substr(end + 1));
+}
+
+Key SystemHive() {
+    Key root{"ROOT", {}, {}};
+    Below(root, "Select").values = {{"Current", 4, Dword(1)}, {"Default", 4, Dword(1)}};
+    for (const std::string set : {"ControlSet001", "ControlSet002"}) {
+        Below(root, set + "\\Control\\Class\\" + kClassVolume).values = {
+            {"Class", 1, Sz("Volume")}, {"UpperFilters", 7, MultiSz({"volsnap"})}};
+        Below(root, set + "\\Control\\Class\\" + kClassDisk).values = {
+            {"UpperFilters", 7, MultiSz({"partmgr"})}};
+        Below(root, set + "\\Control\\Session Manager\\Environment").values = {
+            {"PROCESSOR_ARCHITECTURE", 1, Sz("AMD64")}};
+        Below(root, set + "\\Control\\Session Manager\\Memory Management").values = {
+            {"PagingFiles", 7, MultiSz({"?:\\pagefile.sys"})}};
+        Below(root, set + "\\Services\\disk").values = {{"Start", 4, Dword(0)}};
+        Below(root, set + "\\Services\\zzz").values = {{"Big", 3, Bytes(40000, 7)}};
+    }
+    Below(root, "ControlSet001\\Services\\bam\\State\\UserSettings\\S-1-5-18").values = {
+        {"\\Device\\HarddiskVolume3\\Windows\\explorer.exe", 3, Bytes(24, 1)},
+        {"\\Device\\HarddiskVolume7\\Setup\\setup.exe", 3, Bytes(24, 1)},
+        {"\\device\\harddiskvolume3\\WINDOWS\\System32\\cmd.exe", 3, Bytes(24, 1)}};
+    return root;
+}
+
+Key SoftwareHive() {
+    Key root{"ROOT", {}, {}};
+    for (const char* store : {"ROOT", "TrustedPublisher"})
+        Below(root, std::string("Microsoft\\SystemCertificates\\") + store + "\\Certificates");
+    return root;
+}
+
+Key BootHive() {
+    Key root{"NewStoreRoot", {}, {}};
+    const std::pair<const char*, std::uint32_t> objects[] = {
+        {"{9dea862c-5cdd-4e70-acc1-f32b344d4795}", 0x10100002},
+        {"{b2721d73-1db4-4c62-bf78-c548a880142d}", 0x10200003},
+        {"{c2721d73-1db4-4c62-bf78-c548a880142d}", 0x10200003}};
+    for (const auto& [name, type] : objects) {
+        Below(root, std::string("Objects\\") + name + "\\Description").values = {{"Type", 4, Dword(type)}};
+        Below(root, std::string("Objects\\") + name + "\\Elements\\12000004").values = {
+            {"Element", 1, Sz("Windows")}};
+    }
+    return root;
+}
+
+std::string Make(const TestFolder& folder, const Shape& shape) {
+    const std::string image = folder.Sparse("disk.raw", DiskLength(shape.efi));
+    auto table = Table(shape.efi);
+    if (shape.efi) MarkEfi(table);
+    for (const auto& piece : table) TestFolder::Put(image, piece.offset, Chars(piece.bytes));
+    PutBootStore(folder, image, shape.boot, shape.efi);
+    const std::string volume = VolumeFile(folder, "windows", kVolumeLength);
+    std::map<std::string, Bytes> files = shape.further;
+    files["/Windows/System32/config/SYSTEM"] = hive_maker::Maker::Make(shape.system, shape.lists);
+    files["/Windows/System32/config/SOFTWARE"] = hive_maker::Maker::Make(SoftwareHive(), shape.lists);
+    Populate(volume, {"/Windows", "/Windows/System32", "/Windows/System32/config", "/Windows/System32/drivers"},
+             {});
+    Secure(volume, "/Windows/System32/drivers");
+    Populate(volume, {}, files);
+    if (shape.dirty) Run("ntfsfix", {volume});  // leaves it for Windows to check
+    PutVolume(image, VolumeOffset(shape.efi), volume);
+    return image;
+}
+
+Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::string& path, bool efi) {
+    return ReadFrom(CopyOut(folder, image, VolumeOffset(efi), kVolumeLength), path);
+}
+
+Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path) {
+    const std::string volume = CopyOut(folder, image, VolumeOffset(false), kVolumeLength);
+    SECURITY_API* api = ntfs_initialize_file_security(volume.c_str(), NTFS_MNT_RDONLY);
+    if (api == nullptr) throw std::runtime_error("cannot read " + path);
+    Bytes security(512);
+    u32 length = 0;
+    ntfs_get_file_security(api, path.c_str(), kAllSecurity, reinterpret_cast<char*>(security.data()),
+                           static_cast<u32>(security.size()), &length);
+    ntfs_leave_file_security(api);
+    security.resize(length);
+    return security;
+}
+
+Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi) {
+    const std::string volume = CopyOut(folder, image, kBootOffset, BootLength(efi));
+    if (!efi) return ReadFrom(volume, "/Boot/BCD");
+    const auto attributes = machine::RunTool("mattrib", {"-i", volume, "::/EFI/Microsoft/Boot/BCD"});
+    if (attributes.output.find(" SH ") == std::string::npos)
+        throw std::runtime_error("not hidden: " + attributes.output);
+    Run("mcopy", {"-n", "-o", "-i", volume, "::/EFI/Microsoft/Boot/BCD", folder.File("BCD.out")});
+    const std::vector<char> bytes = TestFolder::Bytes(folder.File("BCD.out"));
+    return {bytes.begin(), bytes.end()};
+}
+
+Bytes DriverImage() {
+    Bytes image(2048);
+    const auto put = [&](std::size_t at, std::uint32_t number) { Put<std::uint32_t>(&image[at], number); };
+    std::memcpy(image.data(), "MZ", 2);
+    put(60, 64);
+    std::memcpy(&image[64], "PE\0\0\x64\x86\x01\0", 8);
+    put(84, 240 | 0x22 << 16);  // the optional header's size, characteristics
+    put(88, 0x20B);
+    put(88 + 32, 4096), put(88 + 36, 512);  // alignments
+    put(88 + 56, 8192), put(88 + 60, 512);  // sizes
+    put(88 + 68, 1);                        // native
+    put(88 + 108, 16);                      // directories
+    std::memcpy(&image[328], ".rsrc", 5);
+    put(336, 512), put(340, 4096), put(344, 1536), put(348, 512);
+    const std::uint32_t fixed[] = {0xFEEF04BD, 0x00010000, 0x00010002, 0x00030004};
+    std::memcpy(&image[600], fixed, sizeof fixed);
+    return image;
+}
+
+std::vector<std::string> Dump(const Bytes& hive) {
+    const TestFolder folder;
+    TestFolder::Put(folder.Sparse("hive", 0), 0, Chars(hive));
+    hive_h* opened = hivex_open(folder.File("hive").c_str(), 0);
+    if (opened == nullptr) throw std::runtime_error("cannot read the hive");
+    std::vector<std::string> lines;
+    DumpKey(opened, hivex_root(opened), "", lines);
+    hivex_close(opened);
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+}  // namespace fake_windows

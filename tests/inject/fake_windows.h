@@ -1,0 +1,55 @@
+// A disk that looks like one with a Windows: partitions, the folders and files that count, hives. What it holds
+// is made by other tools than those under test: mkntfs and the NTFS library's own device, mkfs.fat and mtools,
+// hives from the maker.
+#pragma once
+#include <map>
+#include <string>
+#include <vector>
+#include "tests/inject/hive_maker.h"
+#include "tests/support/scratch_folder.h"
+
+namespace fake_windows {
+
+using hive_maker::Bytes;
+using hive_maker::Key;
+
+Bytes Dword(std::uint32_t number);
+Bytes Sz(const std::string& text);
+Bytes MultiSz(const std::vector<std::string>& texts);
+
+// The hives of a plain installation. `Below` finds a key in one.
+Key SystemHive();
+Key SoftwareHive();
+Key BootHive();
+Key& Below(Key& key, const std::string& path);
+
+struct Shape {
+    bool efi = false;
+    bool dirty = false;
+    Key system = SystemHive(), boot = BootHive();
+    hive_maker::Lists lists = hive_maker::Lists::Lh;
+    std::map<std::string, Bytes> further = {};  // files on the volume of Windows; their folders exist
+};
+
+// Makes the image file "disk.raw" in the folder.
+std::string Make(const TestFolder& folder, const Shape& shape);
+// Where the volume of Windows begins; its length. Before it lies the boot volume; FAT32 is never smaller.
+constexpr std::uint64_t VolumeOffset(bool efi) {
+    return (efi ? 40ull : 6ull) << 20;
+}
+constexpr std::uint64_t kVolumeLength = 12ull << 20;
+
+// A file of the volume of Windows, as the NTFS library's own device sees it; empty when there is none.
+Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::string& path, bool efi = false);
+// Its security descriptor. The folder of drivers gives administrators all and users reading.
+Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path);
+// The boot store's file.
+Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi);
+
+// A driver for 64-bit Windows as far as its head goes, version 1.2.3.4.
+Bytes DriverImage();
+
+// Key for key and value for value, a line for each, the same for hives that say the same.
+std::vector<std::string> Dump(const Bytes& hive);
+
+}  // namespace fake_windows

@@ -1,0 +1,521 @@
+#include "tool/inject/inject.h"
+#include <algorithm>
+#include <cstdlib>
+#include <random>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <gtest/gtest.h>
+#include "machine/partition/subprocess.h"
+#include "tests/inject/fake_windows.h"
+#include "tool/inject/hive.h"
+#include "tool/inject/image_edit.h"
+#include "tool/inject/test_sign.h"
+
+namespace {
+
+using namespace fake_windows;
+using hive_maker::Lists;
+using hive_maker::Maker;
+using tool::InjectOptions;
+
+constexpr char kSystem[] = "/Windows/System32/config/SYSTEM";
+constexpr char kSoftware[] = "/Windows/System32/config/SOFTWARE";
+constexpr char kDriver[] = "/Windows/System32/drivers/kvr64.sys";
+constexpr char kConfig[] = "/Windows/System32/drivers/kvr.cfg";
+
+std::vector<char> Chars(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes) {
+    TestFolder::Put(folder.Sparse(name, 0), 0, Chars(bytes));
+    return folder.File(name);
+}
+
+InjectOptions Options(const TestFolder& folder, const std::string& image) {
+    InjectOptions options;
+    options.image = image;
+    options.driver = HostFile(folder, "kvr64.sys", DriverImage());
+    options.tool = options.driver;
+    options.allowUnsigned = true;
+    return options;
+}
+
+std::string Said(const tool::Report& report) {
+    std::string all;
+    for (const std::string& line : report) all += line + "\n";
+    return all;
+}
+
+// The lines that the second has and the first has not.
+std::vector<std::string> Added(const std::vector<std::string>& before, const std::vector<std::string>& after) {
+    std::vector<std::string> added;
+    std::set_difference(after.begin(), after.end(), before.begin(), before.end(), std::back_inserter(added));
+    return added;
+}
+
+std::string Raw(const Bytes& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+// A line of Dump().
+std::string Line(const std::string& key, const std::string& value, int type, const Bytes& data) {
+    return key + " " + value + " " + std::to_string(type) + " " + Raw(data);
+}
+
+// What kvr.inf says, so that both ways of installing write the same; its strings stand behind what uses them.
+std::string FromInf(const std::string& name) {
+    std::ifstream inf(std::string(KVR_SOURCE_FOLDER) + "/install/kvr.inf");
+    std::string value;
+    for (std::string line; std::getline(inf, line);) {
+        const std::size_t equals = line.find('=');
+        if (equals == std::string::npos || line.substr(0, line.find_last_not_of(' ', equals - 1) + 1) != name)
+            continue;
+        value = line.substr(line.find_first_not_of(' ', equals + 1));
+        std::erase(value, '"');
+    }
+    return value;
+}
+
+Bytes InfNumber(const std::string& name) {
+    return Dword(static_cast<std::uint32_t>(std::stoul(FromInf(name))));
+}
+
+const std::string kClass = "\\ControlSet001\\Control\\Class\\";
+const std::string kVolumeClass = kClass + "{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
+const std::string kDiskClass = kClass + "{4D36E967-E325-11CE-BFC1-08002BE10318}";
+
+// What the registry of the plain installation gains, and nothing else.
+std::vector<std::string> ExpectedAdditions(const Bytes& location) {
+    const std::string service = "\\ControlSet001\\Services\\kvr", own = "\\kvr";
+    std::vector<std::string> lines = {service,
+                                      own,
+                                      Line(service, "Type", 4, InfNumber("ServiceType")),
+                                      Line(service, "Start", 4, InfNumber("StartType")),
+                                      Line(service, "ErrorControl", 4, InfNumber("ErrorControl")),
+                                      Line(service, "DisplayName", 1, Sz(FromInf("Service"))),
+                                      Line(service, "Description", 1, Sz(FromInf("Description"))),
+                                      Line(service, "Group", 1, Sz(FromInf("LoadOrderGroup"))),
+                                      Line(service, "ImagePath", 2, Sz("System32\\drivers\\kvr64.sys")),
+                                      Line(own, "Hardening", 4, Dword(1)),
+                                      Line(own, "InjectedVersion", 1, Sz("1.2.3.4")),
+                                      Line(own, "\\Device\\HarddiskVolume3\\kvr.CFG", 3, location),
+                                      Line(kVolumeClass, "UpperFilters", 7, MultiSz({"volsnap", "kvr"})),
+                                      Line(kDiskClass, "UpperFilters", 7, MultiSz({"partmgr", "kvr"}))};
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+// The configuration's bytes, by the sectors that the registry names.
+Bytes BySectors(const std::string& image, const Bytes& location) {
+    Bytes content;
+    std::ifstream stream(image, std::ios::binary);
+    for (std::size_t i = 0; i + 8 <= location.size(); i += 8) {
+        std::int64_t offset;
+        std::memcpy(&offset, &location[i], 8);
+        Bytes sector(512);
+        stream.seekg(static_cast<std::streamoff>(VolumeOffset(false)) + offset);
+        stream.read(reinterpret_cast<char*>(sector.data()), 512);
+        content.insert(content.end(), sector.begin(), sector.end());
+    }
+    return content;
+}
+
+TEST(Inject, AddsWhatTheInfAddsOnceAndTakesItOutAgain) {
+    for (const Lists lists : {Lists::Lf, Lists::Lh, Lists::Ri, Lists::Li}) {
+        SCOPED_TRACE(static_cast<int>(lists));
+        const TestFolder folder;
+        const std::string image = Make(folder, {.lists = lists});
+        const auto before = Dump(ReadFile(folder, image, kSystem));
+        const InjectOptions options = Options(folder, image);
+        tool::Inject(options);
+
+        const Bytes system = ReadFile(folder, image, kSystem);
+        const Bytes location =
+            tool::Hive("SYSTEM", system).Get("kvr", "\\Device\\HarddiskVolume3\\kvr.CFG")->bytes;
+        EXPECT_EQ(Added(before, Dump(system)), ExpectedAdditions(location));
+        EXPECT_EQ(Added(Dump(system), before).size(), 2u);  // the two lists as they were
+        EXPECT_EQ(ReadFile(folder, image, kDriver), DriverImage());
+        const std::string security = Raw(ReadSecurity(folder, image, kDriver));
+        EXPECT_NE(security.find(Raw({0xA9, 0x00, 0x12, 0, 1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, 33, 2, 0, 0})),
+                  std::string::npos);  // users read
+        EXPECT_EQ(security.find(Raw({1, 1, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0})), std::string::npos)
+            << "everybody may write";
+        const Bytes text = BySectors(image, location);
+        EXPECT_EQ(text.size(), 8192u);
+        EXPECT_EQ(text, ReadFile(folder, image, kConfig));
+        EXPECT_EQ(Raw(text).find(Raw(Sz("[Global]\r\nProtection = 0\r\n")).substr(0, 50)), 0u);
+
+        EXPECT_NE(Said(tool::Inject(options)).find("1.2.3.4 (was 1.2.3.4)"), std::string::npos);
+        EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), Dump(system));
+        EXPECT_EQ(BySectors(image, location), text);
+
+        if (lists == Lists::Li) continue;  // of that old kind nothing is deleted
+        InjectOptions remove;
+        remove.image = image;
+        remove.remove = true;
+        tool::Inject(remove);
+        EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), before);
+        for (const char* file : {kDriver, kConfig, "/Windows/System32/kvrctl.exe"})
+            EXPECT_TRUE(ReadFile(folder, image, file).empty()) << file;
+        EXPECT_NE(Said(tool::Inject(remove)).find("nothing of Kvr"), std::string::npos);
+    }
+}
+
+TEST(Inject, KeepsOddListsAndLeavesAConfigurationAlone) {
+    const TestFolder folder;
+    Key system = SystemHive();
+    std::vector<std::string> many;
+    for (int i = 0; i < 300; ++i) many.push_back("filter" + std::to_string(i));
+    many.insert(many.begin() + 7, "KVR");
+    Below(system, "Select").values = {{"cURRENT", 4, Dword(2)}};
+    Key& set = Below(system, "ControlSet002\\Control\\Class");
+    for (Key& one : set.keys) one.values.clear();  // no lists at all
+    Below(system, "ControlSet001\\Control\\Class\\{4D36E967-E325-11CE-BFC1-08002BE10318}").values = {
+        {"upperfilters", 7, MultiSz(many)}};
+    Below(system, "ControlSet002\\Control\\Class\\{4d36e967-e325-11ce-bfc1-08002be10318}").values = {
+        {"upperfilters", 7, MultiSz(many)}, {"odd", 0xFFFF0012, Sz("type")}};
+    Below(system, "KVR").values = {{"hardening", 4, Dword(0)}};
+    const Bytes text(8192, 0x20);
+    const std::string image = Make(folder, {.system = system, .further = {{kConfig, text}}});
+    tool::Inject(Options(folder, image));
+
+    const tool::Hive hive("SYSTEM", ReadFile(folder, image, kSystem));
+    const std::string classes = "ControlSet002\\Control\\Class\\";
+    EXPECT_EQ(hive.Get(classes + "{4D36E967-E325-11CE-BFC1-08002BE10318}", "UpperFilters")->bytes,
+              MultiSz(many));
+    EXPECT_EQ(hive.Get(classes + "{71A27CDD-812A-11D0-BEC7-08002BE2092F}", "UpperFilters")->bytes,
+              MultiSz({"kvr"}));
+    EXPECT_EQ(hive.Get(classes + "{4D36E967-E325-11CE-BFC1-08002BE10318}", "odd")->type, 0xFFFF0012u);
+    EXPECT_TRUE(hive.HasKey("ControlSet002\\Services\\kvr"));
+    EXPECT_FALSE(hive.HasKey("ControlSet001\\Services\\kvr"));
+    EXPECT_EQ(hive.Get("kvr", "Hardening")->bytes, Dword(0));
+    EXPECT_EQ(ReadFile(folder, image, kConfig), text);
+
+    // Taken out of every control set, and a list that is left empty with it.
+    InjectOptions remove;
+    remove.image = image;
+    remove.remove = true;
+    tool::Inject(remove);
+    const tool::Hive after("SYSTEM", ReadFile(folder, image, kSystem));
+    many.erase(many.begin() + 7);
+    for (const char* name : {"ControlSet001", "ControlSet002"})
+        EXPECT_EQ(after
+                      .Get(std::string(name) + "\\Control\\Class\\{4D36E967-E325-11CE-BFC1-08002BE10318}",
+                           "UpperFilters")
+                      ->bytes,
+                  MultiSz(many));
+    EXPECT_FALSE(after.Get(classes + "{71A27CDD-812A-11D0-BEC7-08002BE2092F}", "UpperFilters"));
+}
+
+TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
+    for (const bool efi : {true, false}) {
+        SCOPED_TRACE(efi);
+        const TestFolder folder;
+        const std::string image = Make(folder, {.efi = efi});
+        const auto software = Dump(ReadFile(folder, image, kSoftware, efi)),
+                   store = Dump(ReadBootStore(folder, image, efi));
+        InjectOptions options = Options(folder, image);
+        options.testSign = true;
+        options.output = folder.File("out.raw");
+        const std::string said = Said(tool::Inject(options));
+        EXPECT_EQ(said.find("Secure Boot must be off") != std::string::npos, efi);
+        EXPECT_TRUE(ReadFile(folder, image, kDriver, efi).empty()) << "the image itself was edited";
+
+        const std::string pem = options.output + ".kvr-test.pem";
+        const std::string driver =
+            HostFile(folder, "signed.sys", ReadFile(folder, options.output, kDriver, efi));
+        const auto verified = machine::RunTool("osslsigncode", {"verify", "-CAfile", pem, "-in", driver});
+        EXPECT_EQ(verified.exitCode, 0) << verified.output;
+        // The certificate as others make it binary, in both stores.
+        const auto made =
+            machine::RunTool("openssl", {"x509", "-in", pem, "-outform", "DER", "-out", folder.File("der")});
+        ASSERT_EQ(made.exitCode, 0) << made.output;
+        const auto der = TestFolder::Bytes(folder.File("der"));
+        const auto added = Added(software, Dump(ReadFile(folder, options.output, kSoftware, efi)));
+        ASSERT_EQ(added.size(), 4u);  // in each store a key and its value
+        for (const std::size_t at : {1u, 3u}) {
+            EXPECT_EQ(added[at].substr(added[at].size() - der.size()), std::string(der.begin(), der.end()));
+            EXPECT_EQ(added[at].find(added[at - 1] + " Blob 3 " + Raw({3, 0, 0, 0, 1, 0, 0, 0, 20, 0, 0, 0})),
+                      0u);
+        }
+        const auto changes = Added(store, Dump(ReadBootStore(folder, options.output, efi)));
+        EXPECT_EQ(changes.size(), 4u);  // for each of the two loaders a key and its value
+        EXPECT_EQ(
+            std::count_if(changes.begin(), changes.end(),
+                          [](auto& line) { return line.ends_with(std::string("\\16000049 Element 3 \1")); }),
+            2);
+
+        InjectOptions remove;
+        remove.image = options.output;
+        remove.remove = true;
+        tool::Inject(remove);
+        EXPECT_EQ(Dump(ReadFile(folder, options.output, kSoftware, efi)), software);
+        EXPECT_EQ(Dump(ReadBootStore(folder, options.output, efi)), store);
+    }
+}
+
+TEST(Inject, PreparesAndTellsWhatWas) {
+    const TestFolder folder;
+    const std::string image = Make(folder, {});
+    InjectOptions options = Options(folder, image);
+    options.prepare = {"trim=off", "fast-startup=off", "paging-file=2048", "defragmentation=off"};
+    const std::string said = Said(tool::Inject(options));
+    EXPECT_NE(said.find("trim: DisableDeleteNotification = 1 (was not set)"), std::string::npos) << said;
+    EXPECT_NE(said.find("paging-file: PagingFiles = C:\\pagefile.sys 2048 2048 (was ?:\\pagefile.sys)"),
+              std::string::npos)
+        << said;
+    const tool::Hive hive("SYSTEM", ReadFile(folder, image, kSystem));
+    EXPECT_EQ(hive.Get("ControlSet001\\Services\\defragsvc", "Start"), tool::Number(4));
+    EXPECT_EQ(hive.Get("ControlSet001\\Control\\Session Manager\\Power", "HiberbootEnabled"), tool::Number(0));
+    for (const char* bad : {"trim", "trim=maybe", "sleep=off", "paging-file=8"}) {
+        options.prepare = {bad};
+        EXPECT_FALSE(Complaint([&] { tool::Inject(options); }).empty()) << bad;
+    }
+}
+
+struct Refusal {
+    const char* says;
+    std::function<void(Shape&)> shape;
+    std::function<void(const std::string& image)> damage;
+    std::function<void(InjectOptions&)> options;
+};
+
+Bytes Hibernated() {
+    Bytes file(8192);
+    std::memcpy(file.data(), "hibr", 4);
+    return file;
+}
+
+TEST(Inject, RefusesWithOneLineAndLeavesTheImage) {
+    const auto none = [](auto&) {};
+    const auto processor = [](const char* name) {
+        return [name](Shape& shape) {
+            Below(shape.system, "ControlSet001\\Control\\Session Manager\\Environment").values = {
+                {"PROCESSOR_ARCHITECTURE", 1, Sz(name)}};
+        };
+    };
+    const Refusal cases[] = {
+        {"not dismounted cleanly", [](Shape& s) { s.dirty = true; }, none, none},
+        {"hibernated", [](Shape& s) { s.further["/hiberfil.sys"] = Hibernated(); }, none, none},
+        {"BitLocker", none,
+         [](auto& image) {
+             TestFolder::Put(image, VolumeOffset(false) + 3, {'-', 'F', 'V', 'E', '-', 'F', 'S', '-'});
+         },
+         none},
+        {"32-bit", processor("x86"), none, none},
+        {"for ARM64", processor("ARM64"), none, none},
+        {"no volume of the disk has a Windows in \\Other", none, none, [](auto& o) { o.root = "Other"; }},
+        {"which control set", [](Shape& s) { Below(s.system, "Select").values.clear(); }, none, none},
+        {"no ControlSet009",
+         [](Shape& s) {
+             Below(s.system, "Select").values = {{"Current", 4, Dword(9)}};
+         },
+         none, none},
+        {"no class for disks",
+         [](Shape& s) {
+             Below(s.system, "ControlSet001\\Control\\Class")
+                 .keys.erase(Below(s.system, "ControlSet001\\Control\\Class").keys.begin());
+         },
+         none, none},
+        {"is no list",
+         [](Shape& s) {
+             Below(s.system, kDiskClass.substr(1)).values = {{"UpperFilters", 1, Sz("partmgr")}};
+         },
+         none, none},
+        {"partition table", none,
+         [](auto& image) {
+             TestFolder::Put(image, 510, {0, 0});
+         },
+         none},
+        {"no raw image", none,
+         [](auto& image) {
+             TestFolder::Put(image, 0, {'Q', 'F', 'I', '\xFB'});
+         },
+         none},
+        {"not signed", none, none, [](auto& o) { o.allowUnsigned = false; }},
+        {"no program for 64-bit", none, none, [](auto& o) { o.tool = o.image; }},
+        {"no room", [](Shape& s) { s.further["/full"] = Bytes(8 << 20, 1); }, none, none},
+        {"sectors of a kvr.cfg that is gone",
+         [](Shape& s) {
+             Below(s.system, "kvr").values = {{"\\Device\\HarddiskVolume3\\kvr.CFG", 3, Bytes(128, 1)}};
+         },
+         none, none},
+        {"has storage (kvr.SWP)", [](Shape& s) { s.further["/kvr.SWP"] = Bytes(8192); }, none,
+         [](auto& o) { o.remove = true; }},
+        {"starts no Windows", [](Shape& s) { s.boot.keys.clear(); }, none, [](auto& o) { o.testSign = true; }},
+    };
+    for (const Refusal& refusal : cases) {
+        SCOPED_TRACE(refusal.says);
+        const TestFolder folder;
+        Shape shape;
+        refusal.shape(shape);
+        const std::string image = Make(folder, shape);
+        refusal.damage(image);
+        InjectOptions options = Options(folder, image);
+        if (refusal.options) refusal.options(options);
+        const auto before = TestFolder::Bytes(image);
+        const std::string complaint = Complaint([&] { tool::Inject(options); });
+        EXPECT_NE(complaint.find(refusal.says), std::string::npos) << complaint;
+        EXPECT_EQ(complaint.find('\n'), std::string::npos);
+        EXPECT_TRUE(TestFolder::Bytes(image) == before) << "the image was changed";
+        options.output = folder.File("copy");
+        EXPECT_FALSE(Complaint([&] { tool::Inject(options); }).empty());
+        EXPECT_FALSE(std::filesystem::exists(options.output) ||
+                     std::filesystem::exists(options.output + ".part"));
+    }
+}
+
+// The line is of a key on the way to what is edited, or of a value there.
+bool IsEdited(const std::string& line) {
+    const std::string key = line.substr(0, std::min(line.find(" U"), line.find(" S")));
+    for (const std::string& edited : {std::string("\\ControlSet001\\Services\\kvr"), kDiskClass})
+        if (edited.compare(0, key.size(), key) == 0) return true;
+    return false;
+}
+
+// A hive with wrong bytes is refused, or edited so that everything else that can be read in it is as it was.
+TEST(Inject, DamagedHivesAreRefusedOrKeptAsTheyAre) {
+    std::mt19937 random(12);
+    const char* longRun = std::getenv("KVR_LONG");
+    const int rounds = longRun != nullptr && *longRun == '1' ? 100000 : 250;
+    const Bytes sound = Maker::Make(SystemHive(), Lists::Ri);
+    int edited = 0;
+    for (int round = 0; round < rounds; ++round) {
+        Bytes hive = sound;
+        if (round % 10 == 0) hive.resize(random() % hive.size());
+        for (unsigned n = random() % 4; n-- > 0 && hive.size() > 4;)
+            hive[(round % 3 == 0 ? random() % 8192 : random()) % hive.size()] =
+                static_cast<std::uint8_t>(random());
+        if (hive.size() > 512 && round % 2 != 0) Maker::Seal(hive);
+        Complaint([&] {
+            tool::Hive opened("SYSTEM", hive);
+            opened.Set("ControlSet001\\Services\\kvr", "Start", tool::Number(0));
+            opened.Set(kDiskClass, "UpperFilters", tool::List({"partmgr", "kvr"}));
+            // What is new is named by the edit; nothing else is gone.
+            const Bytes saved = opened.Save();
+            const auto before = Dump(hive), after = Dump(saved);
+            for (const std::string& line : Added(before, after)) EXPECT_TRUE(IsEdited(line)) << line;
+            for (const std::string& line : Added(after, before)) EXPECT_EQ(line.find(kDiskClass), 0u) << line;
+            ++edited;
+        });
+    }
+    EXPECT_GT(edited, rounds / 20);
+    EXPECT_LT(edited, rounds);
+}
+
+// Two keys with one list of values, as a damaged hive may have them: an edit of the one would change the other.
+TEST(Inject, AnEditThatWouldReachAnotherKeyIsRefused) {
+    Bytes hive = Maker::Make(SystemHive(), Lists::Lh);
+    const std::string name = kDiskClass.substr(kClass.size());
+    constexpr std::size_t kValues = 40, kNameAt = 76;  // in a key's record: its list of values, its name
+    const auto first = std::search(hive.begin(), hive.end(), name.begin(), name.end());
+    const auto second = std::search(first + 1, hive.end(), name.begin(), name.end());
+    ASSERT_NE(second, hive.end());
+    std::copy_n(first - kNameAt + kValues, 4, second - kNameAt + kValues);
+    tool::Hive opened("SYSTEM", hive);
+    opened.Set(kDiskClass, "UpperFilters", tool::List({"partmgr", "kvr"}));
+    EXPECT_NE(Complaint([&] { opened.Save(); }).find("is not edited"), std::string::npos);
+}
+
+TEST(Inject, LaysAConfigurationWhereItsVolumeIsKnown) {
+    const TestFolder folder;
+    Key system = SystemHive();
+    Below(system, "ControlSet001\\Services\\dam\\UserSettings\\S-1-5-18").values = {
+        {"\\Device\\HarddiskVolume4\\Windows\\notepad.exe", 3, Bytes(24, 1)}};
+    const std::string image = Make(folder, {.system = system});
+    InjectOptions options = Options(folder, image);
+    EXPECT_NE(Said(tool::Inject(options)).find("not noted what it calls its volume"), std::string::npos);
+    EXPECT_TRUE(ReadFile(folder, image, kConfig).empty());
+
+    const auto configure = [&](const std::string& text) {
+        options.configuration = HostFile(folder, "config", Bytes(text.begin(), text.end()));
+        return Complaint([&] { tool::Inject(options); });
+    };
+    EXPECT_NE(configure("[Global]\nProtection=1\nRVAccessMode=2\n").find("--volume-name"), std::string::npos);
+    options.volumeName = "HarddiskVolume9";
+    EXPECT_NE(configure("[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume9\nProtectionMode=1\n")
+                  .find("no storage yet"),
+              std::string::npos);
+    EXPECT_EQ(configure("[Global]\nProtection=1\nRVAccessMode=2\n"), "");
+    const auto location =
+        tool::Hive("SYSTEM", ReadFile(folder, image, kSystem)).Get("kvr", "\\Device\\HarddiskVolume9\\kvr.CFG");
+    ASSERT_TRUE(location);
+    EXPECT_NE(Raw(BySectors(image, location->bytes)).find(Raw(Sz("RVAccessMode=2")).substr(0, 28)),
+              std::string::npos);
+    EXPECT_NE(configure("[Global]\nProtection=0\n").find("a configuration already"), std::string::npos);
+}
+
+TEST(Inject, AHiveInTheMiddleOfAWriteIsRefused) {
+    const Bytes sound = Maker::Make(SystemHive(), Lists::Lh);
+    for (const bool sealed : {true, false}) {
+        Bytes hive = sound;
+        hive[sealed ? 8 : 40] ^= 1;
+        if (sealed) Maker::Seal(hive);
+        EXPECT_NE(Complaint([&] { tool::Hive("SYSTEM", hive); }).find("needs recovery from its logs"),
+                  std::string::npos);
+    }
+}
+
+// The image holds 32 MiB; a limit on the size of files stops a commit between its two writes.
+class HalfWay : public testing::Test {
+protected:
+    static constexpr std::uint64_t kFirst = 1 << 20, kSecond = 40 << 20, kLimit = 32 << 20;
+
+    HalfWay() : image_(folder_.Sparse("disk.raw", 48 << 20)) {
+        TestFolder::Put(image_, kFirst, std::vector<char>(512, 'a'));
+        const pid_t child = fork();
+        if (child == 0) {
+            signal(SIGXFSZ, SIG_IGN);
+            const rlimit limit{kLimit, kLimit};
+            setrlimit(RLIMIT_FSIZE, &limit);
+            _exit(Complaint([&] { Edit(); }).empty() ? 1 : 0);
+        }
+        int status = 1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(status, 0) << "the commit was to fail";
+    }
+    void Edit() const {
+        tool::ImageEdit edit(image_);
+        for (const std::uint64_t at : {kFirst, kSecond}) edit.Write(at, std::string(512, 'b').data(), 512);
+        edit.Commit();
+    }
+    char At(std::uint64_t offset) const { return TestFolder::Bytes(image_)[offset]; }
+
+    const TestFolder folder_;
+    const std::string image_;
+    const std::string undo_ = image_ + ".kvr-undo";
+};
+
+TEST_F(HalfWay, TheNextEditUndoesIt) {
+    ASSERT_TRUE(std::filesystem::exists(undo_));
+    TestFolder::Put(image_, kFirst, std::vector<char>(512, 'b'));  // as a host that stopped would leave it
+    EXPECT_NE(Complaint([&] { tool::CopyImage(image_, folder_.File("copy")); }).find("half-way"),
+              std::string::npos);
+    {
+        const tool::ImageEdit edit(image_);
+        EXPECT_TRUE(edit.WasUndone());
+        EXPECT_NE(Complaint([&] { tool::ImageEdit other(image_); }).find("in use"), std::string::npos);
+    }
+    EXPECT_EQ(At(kFirst), 'a');
+    EXPECT_FALSE(std::filesystem::exists(undo_));
+    Edit();
+    EXPECT_EQ(At(kFirst), 'b');
+    EXPECT_EQ(At(kSecond), 'b');
+    EXPECT_FALSE(std::filesystem::exists(undo_));
+}
+
+TEST_F(HalfWay, NothingIsUndoneInAnImageThatWasWrittenToSince) {
+    TestFolder::Put(image_, kSecond, std::vector<char>(512, 'c'));
+    EXPECT_NE(Complaint([&] { tool::ImageEdit edit(image_); }).find("written to since"), std::string::npos);
+    EXPECT_TRUE(std::filesystem::exists(undo_));
+}
+
+TEST_F(HalfWay, AnUndoFileThatWasNotFinishedCountsForNothing) {
+    std::filesystem::resize_file(undo_, std::filesystem::file_size(undo_) - 1);
+    EXPECT_FALSE(tool::ImageEdit(image_).WasUndone());
+    EXPECT_FALSE(std::filesystem::exists(undo_));
+}
+
+}  // namespace
