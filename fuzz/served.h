@@ -105,10 +105,12 @@ public:
         Require(socket.IsOpen(), "the control socket takes connections");
         return socket;
     }
-    // The server's answer to a request that is whole.
+    // The server's answer to a request that is whole; nothing of it is under way any more.
     tool::wire::Response Ask(const tool::wire::Request& request) const {
         tool::wire::Response response;
-        Require(tool::wire::Channel(Connect()).Call(request, response), "a whole request is answered");
+        tool::wire::Channel channel(Connect());
+        Require(channel.Call(request, response), "a whole request is answered");
+        channel.Finish();
         return response;
     }
 
