@@ -33,11 +33,11 @@ WITH_VOLUMES = [
     (0, [], ["config", "get"]),
     (0, [], ["config", "set", "{text}"]),
     (0, ["; kept as it is"], ["config", "get"]),
-    (0, ["; kept as it is", "HarddiskVolume71"], ["protect", "71", "--at-boot", "keep"]),
+    (0, ["; kept as it is", "HarddiskVolume71"], ["protect", "71", "--at-boot", "keep", "--anyway"]),
     (0, ["; kept as it is", "BootMode = 1"], ["config", "get"]),
     (2, ["HarddiskVolume9", "HarddiskVolume71"], ["protect", "HarddiskVolume9"]),
-    (1, ["HarddiskVolume72", "removable"], ["swap", "make", "72", "1M"]),
-    (1, ["HarddiskVolume71"], ["swap", "make", "71", "1M"]),  # it has no file system
+    (1, ["HarddiskVolume72", "removable"], ["swap", "make", "72", "64M"]),
+    (1, ["HarddiskVolume71"], ["swap", "make", "71", "64M"]),  # it has no file system
     (0, [], ["swap", "stop"]),
     (0, [], ["debug"]),
 ]
