@@ -92,6 +92,15 @@ TEST(ConfigCheck, FindsWhatTheDriverWouldIgnore) {
     }
 }
 
+TEST(ConfigCheck, FindsDatesThatAreOverByTheMachinesClock) {
+    const std::u16string text = Wide(kOnV + "BootMode=1\r\nNextDiscardTS=" + kDate);
+    const Clock before{60, u"202712302359"}, then{60, u"202712310000"};
+    EXPECT_TRUE(CheckConfig(text, &before).empty());
+    ASSERT_EQ(1u, CheckConfig(text, &then).size());
+    EXPECT_EQ("2027-12-31 00:00 UTC+1 is over: the next boot drops the changes",
+              CheckConfig(text, &then)[0].text);
+}
+
 TEST(ConfigScan, TellsWhatTheNextBootWillDo) {
     std::string text =
         kOn + "RVAccessMode=2\nFVBootMode=1\nFVNextDiscardTS=" + kDate + kVolume +

@@ -26,7 +26,8 @@ std::string Quoted(std::u16string_view text) {
 
 class Check {
 public:
-    explicit Check(const std::u16string& text) : text_(text), scan_(ScanConfig(text)) {}
+    Check(const std::u16string& text, const Clock* clock)
+        : text_(text), clock_(clock), scan_(ScanConfig(text)) {}
 
     std::vector<Finding> Run() {
         CheckText();
@@ -250,6 +251,8 @@ private:
             Error(setting.line, "the date counts only behind " + gate + " in its section; it is ignored");
         else if (!global && section.volume.bootMode != config::kBootModeKeep)
             Warn(setting.line, "the date has no use: the section's boot mode is not 1");
+        else if (clock_ && IsOver(setting.text, *clock_))
+            Warn(setting.line, DateText(setting.text, *clock_) + " is over: the next boot drops the changes");
     }
 
     // Sections follow the default date only from a BootMode=2 of their own on.
@@ -276,14 +279,15 @@ private:
     }
 
     const std::u16string& text_;
+    const Clock* clock_;
     ConfigScan scan_;
     std::vector<Finding> findings_;
 };
 
 }  // namespace
 
-std::vector<Finding> CheckConfig(const std::u16string& text) {
-    return Check(text).Run();
+std::vector<Finding> CheckConfig(const std::u16string& text, const Clock* clock) {
+    return Check(text, clock).Run();
 }
 
 bool HasErrors(const std::vector<Finding>& findings) {

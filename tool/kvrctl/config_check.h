@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <vector>
+#include "tool/kvrctl/date.h"
 
 namespace ctl {
 
@@ -18,8 +19,8 @@ struct Finding {
 };
 
 // In the order of the lines. Empty: the driver takes the text as it reads. `text` is what the driver gets,
-// without the zeros that fill its buffer.
-std::vector<Finding> CheckConfig(const std::u16string& text);
+// without the zeros that fill its buffer. With the machine's clock dates that are over are found too.
+std::vector<Finding> CheckConfig(const std::u16string& text, const Clock* clock = nullptr);
 
 bool HasErrors(const std::vector<Finding>& findings);
 

@@ -62,7 +62,8 @@ int TellFindings(Terminal& terminal, bool json, const std::vector<Finding>& find
 
 // Warnings are shown, errors refused; with `force`, shown as well.
 void RequireSound(const Context& context, const std::u16string& text, const std::string& name, bool force) {
-    const std::vector<Finding> findings = CheckConfig(text);
+    const Clock clock = ClockOf(context.world);
+    const std::vector<Finding> findings = CheckConfig(text, &clock);
     context.terminal.err << FindingsText(findings, name);
     if (HasErrors(findings) && !force)
         throw Failure("the text has errors and was not stored (--force stores it all the same)");
@@ -89,7 +90,8 @@ int ConfigCheckFile(Terminal& terminal, const std::string& file, bool json) {
 }
 
 int ConfigCheckStored(const Context& context) {
-    return TellFindings(context.terminal, context.json, CheckConfig(ReadStored(context)), "stored");
+    const Clock clock = ClockOf(context.world);
+    return TellFindings(context.terminal, context.json, CheckConfig(ReadStored(context), &clock), "stored");
 }
 
 // What the user wrote is never lost: whatever fails, a changed file stays and is named.

@@ -23,7 +23,8 @@ std::filesystem::path PathOf(const std::string& utf8) {
 bool HostTerminal::AskYes(const std::string& question) {
     err << question << " [y/N] " << std::flush;
     std::string answer;
-    return std::getline(std::cin, answer) && (answer == "y" || answer == "Y" || answer == "yes");
+    if (!std::getline(std::cin, answer)) err << "\n";
+    return answer == "y" || answer == "Y" || answer == "yes";
 }
 
 void RequireConsent(Terminal& terminal, bool given, const std::string& why, const std::string& option) {
