@@ -33,9 +33,12 @@ enum class Command : std::uint32_t {
     ReadRegistry = 5,
     // Output: none; the text is one line of `key=value` pairs about the machine (`hardening=1`: this boot has
     // the driver's stricter rules; `minutes-east=60`: its clock is that far ahead of UTC), and behind it lines:
-    // "warning: SENTENCE" for each thing that is not as configured, "note: SENTENCE" for each that its user
-    // should know, and "storage-failure: VOLUME SENTENCE" when the host failed the making of the storage that
-    // was asked for last. Needs no handle.
+    // "warning: SENTENCE" for each thing that is not as configured; "note: SENTENCE" for each that its user
+    // should know; "storage-failure: VOLUME SENTENCE" when the host failed the making of the storage that was
+    // asked for last; "boot: VOLUME DID BYTES RANGES SENTENCE" for what this boot did with a volume's changes
+    // (DID is nothing, dropped, merged, kept or lost); "rate: VOLUME NUMBER" for the bytes a second by which a
+    // storage fills, where that is known; "storage: VOLUME" for the one that is being made or removed, "-" for
+    // none. Needs no handle.
     About = 6,
     // Shuts the machine down in order and powers it on again; connected clients wait meanwhile. The handle of
     // every control connection is closed by it.

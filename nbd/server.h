@@ -6,21 +6,25 @@
 //
 // A reboot takes place under the clients' feet: their requests wait for its end.
 #pragma once
+#include <atomic>
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 #include "client/control_client.h"
 #include "machine/boot/machine.h"
+#include "nbd/boot_deeds.h"
 #include "nbd/clients.h"
 #include "nbd/fair_lock.h"
 #include "nbd/log.h"
 #include "nbd/machine_folder.h"
 #include "nbd/seal_keeper.h"
 #include "nbd/served_disk.h"
+#include "nbd/storage_watch.h"
 #include "formats/control_wire.h"
 
 namespace nbd {
@@ -63,6 +67,7 @@ public:
         ServedDisk* disk = nullptr;
         std::uint64_t size = 0;  // bytes, as the client was told
         Clients::Place client;
+        mutable std::atomic<bool> hasWritten{false};
     };
     // Throws Error when there is no such export or the volume cannot be had now.
     std::unique_ptr<Connection> Connect(const Export& target, const std::string& who);
@@ -135,6 +140,21 @@ private:
     std::vector<machine::Volume*> VolumesOf(const Export& target);
     bool IsMakingStorage(const Export& target);
 
+    // server_storage.cpp
+    std::optional<std::vector<ctl::FixedVolume>> AskVolumes();
+    bool IsOutOfRoom(const ServedDisk& disk, std::uint64_t offset, std::uint64_t length);
+    void WatchStorage();
+    std::string StorageNotes();
+
+    // server_audit.cpp
+    void FollowDriver();
+    void TellBoot(const std::vector<ctl::FixedVolume>& report);
+    void AuditConfiguration(const std::vector<std::uint8_t>& image);
+    void Audit(const ControlCall& call, NTSTATUS status);
+    void NoteWriter(const Connection& connection);
+    bool Overlap(const Export& one, const Export& other);
+    std::string SharedWriters();
+
     // server_control.cpp
     [[nodiscard]] NTSTATUS CheckUsable(const ControlCall& call, std::string& text, unsigned& volume);
     void BeginStorage(unsigned volume);
@@ -159,12 +179,20 @@ private:
     std::vector<std::string> warnings_;  // what is not as configured, one sentence each; guarded by boot_
     std::vector<std::string> notes_;     // what this boot found that its user should know; guarded by boot_
 
+    BootDeeds bootDeeds_;
+    std::vector<BootDeed> deeds_;  // of this boot; guarded by boot_
+    StorageWatch storage_;
+
+    std::mutex auditLock_;                         // guards what follows
+    std::optional<std::u16string> configuration_;  // as it was last stored
+
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`
     Clients clients_;
     PFILE_OBJECT control_ = nullptr;  // the one handle that is open
     Handle handle_ = 0;
     Handle lastHandle_ = 0;
     unsigned storageVolume_ = 0;  // where storage was last asked for in this boot
+    bool isMaking_ = false;       // ... and not yet seen to be finished
 
     std::mutex stopLock_;  // held by whoever stops the server; before all others
     std::mutex savingLock_;

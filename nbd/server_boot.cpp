@@ -75,6 +75,7 @@ void Server::OpenDisks() {
     options.registry = registry_;
     options.systemVolume = kSystemVolume;
     options.mostVolumes = kSystemVolume - 1;
+    options.beforeDriver = [this] { bootDeeds_.LookBefore(*machine_, disks_.size(), kSystemVolume - 1); };
     options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     for (const FolderDisk& disk : folder_.disks) {
         const auto medium = OpenImage(folder_.DiskPath(disk), disk.sectorBytes);
@@ -90,9 +91,7 @@ void Server::OpenDisks() {
 void Server::Start() {
     log_.Open(folder_.File(kLogFile));
     log_.Line("server: starts in " + folder_.path + ", process " + std::to_string(getpid()));
-    host::FollowDebug(
-        [](void* log, const char* line) { static_cast<nbd::Log*>(log)->Line(std::string("driver: ") + line); },
-        &log_);
+    FollowDriver();
     gViolationLog = &log_;
     host::SetViolationHandler(LogViolation);
     {
@@ -178,6 +177,7 @@ void Server::PowerOff() {
     if (!NT_SUCCESS(report.registry))
         log_.Line("server: the registry is not saved: " + ctl::Hex(report.registry));
     storageVolume_ = 0;
+    isMaking_ = false;
     log_.Line("server: boot " + std::to_string(boots_) + " has shut down");
 }
 
@@ -239,6 +239,7 @@ void Server::SaveRegistryNowAndThen() {
         try {
             const NTSTATUS status = registry_->Flush();
             if (!NT_SUCCESS(status)) log_.Line("server: the registry is not saved: " + ctl::Hex(status));
+            WatchStorage();
         } catch (const std::bad_alloc&) {
             NoMemory("server: the registry is not saved");
         }

@@ -50,6 +50,8 @@ std::vector<Server::ExportLine> Server::Exports() {
 bool Server::IsMakingStorage(const Export& target) {
     const machine::Volume* volume = machine_->VolumeOf(storageVolume_);
     if (volume == nullptr || host::RunningSystemThreads() == 0) return false;
+    const auto report = AskVolumes();
+    if (report && !report->empty() && report->front().swapStatus != ctl::kSwapProvisioning) return false;
     return Client{target, {}}.Uses(storageVolume_, volume->device->DiskNumber());
 }
 
@@ -127,10 +129,15 @@ NTSTATUS Server::Transfer(const Connection& connection, Action action, std::uint
     if (!connection.target.wholeDisk && DiskOf(connection.target, start, size) != connection.disk)
         return on_ ? STATUS_NO_SUCH_DEVICE : STATUS_DEVICE_POWERED_OFF;
     if (offset > size || length > size - offset) return STATUS_INVALID_PARAMETER;
+    const bool isWrite = action == Action::Write || action == Action::Zero;
+    if (isWrite && !connection.hasWritten.exchange(true)) NoteWriter(connection);
     const NTSTATUS status = Carry(*connection.disk, action, start + offset, length, buffer);
     // A virtual machine that hears of a full disk waits until there is room; any other failure it takes for a
     // broken disk.
-    const bool full = !NT_SUCCESS(status) && action != Action::Read && connection.disk->LacksRoom();
+    const bool noStorage = isWrite && status == STATUS_MEDIA_WRITE_PROTECTED &&
+                           IsOutOfRoom(*connection.disk, start + offset, length);
+    const bool full =
+        noStorage || (!NT_SUCCESS(status) && action != Action::Read && connection.disk->LacksRoom());
     return full ? STATUS_DISK_FULL : status;
 }
 

@@ -98,6 +98,7 @@ NTSTATUS Server::CheckUsable(const ControlCall& call, std::string& text, unsigne
 
 void Server::BeginStorage(unsigned volume) {
     storageVolume_ = volume;
+    isMaking_ = true;
     for (const auto& disk : disks_) disk->ForgetFailure();
 }
 
@@ -137,7 +138,9 @@ NTSTATUS Server::Control(Handle handle, ControlCall& call) {
     }
     if (call.code == IOCTL_KVR_ALLOCATE_SWAP) BeginStorage(volume);
     if (volume == 0) guard.unlock();
-    return Send(call);
+    status = Send(call);
+    Audit(call, status);
+    return status;
 }
 
 NTSTATUS Server::Facts(const std::u16string& name, tool::wire::VolumeFacts& facts, std::string& clients) {
@@ -190,6 +193,7 @@ NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& n
 NTSTATUS Server::SetSwitch(const std::u16string& name, bool on) {
     if (!ctl::IsDriverSwitch(name)) return STATUS_INVALID_PARAMETER;
     const std::shared_lock hold(boot_);
+    log_.Line(std::string("audit: a switch of the driver is set for the next boot: ") + (on ? "on" : "off"));
     return ctl::SetDriverSwitch(*registry_, name, on);
 }
 
@@ -202,6 +206,7 @@ std::string Server::About() {
                        " disks=" + std::to_string(disks_.size()) +
                        " clients=" + std::to_string(clients_.Count()) + " folder=" + folder_.path;
     for (const std::string& warning : warnings_) text += "\nwarning: " + warning;
+    text += SharedWriters() + StorageNotes();
     for (std::size_t number = 0; number < disks_.size(); ++number) {
         if (disks_[number]->LacksRoom())
             text += "\nwarning: the host has no room for disk" + std::to_string(number) + ", " +

@@ -98,6 +98,9 @@ void Server::JudgeVolumes() {
         else
             JudgeVolume(name, report.volumes);
     }
+    AuditConfiguration(report.configuration);
+    TellBoot(report.volumes);
+    storage_.Begin();
 }
 
 }  // namespace nbd

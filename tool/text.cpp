@@ -1,7 +1,5 @@
 #include "tool/text.h"
 #include <algorithm>
-#include <cstdio>
-#include <iterator>
 #include "client/failure.h"
 
 namespace ctl {
@@ -58,17 +56,6 @@ std::int64_t ParseSize(std::string_view text) {
     return bytes;
 }
 
-std::string SizeText(std::uint64_t bytes) {
-    static constexpr const char* kUnits[] = {"bytes", "KiB", "MiB", "GiB", "TiB", "PiB"};
-    double value = static_cast<double>(bytes);
-    std::size_t unit = 0;
-    while (value >= 1023.95 && unit + 1 < std::size(kUnits)) value /= 1024, ++unit;
-    char text[64];
-    const bool isWhole = unit == 0 || value == static_cast<double>(static_cast<std::uint64_t>(value));
-    std::snprintf(text, sizeof text, isWhole ? "%.0f %s" : "%.1f %s", value, kUnits[unit]);
-    return text;
-}
-
 std::string Bar(std::uint64_t part, std::uint64_t whole, unsigned width) {
     part = std::min(part, whole);
     std::uint64_t full =
@@ -82,10 +69,6 @@ std::string PercentText(std::uint64_t part, std::uint64_t whole) {
     if (whole == 0 || part == 0) return "0 %";
     const auto percent = static_cast<unsigned>(static_cast<long double>(std::min(part, whole)) * 100 / whole);
     return percent == 0 ? "<1 %" : std::to_string(percent) + " %";
-}
-
-std::string CountText(std::uint64_t number, const std::string& thing) {
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
 }
 
 std::string TableText(const std::vector<Row>& rows) {

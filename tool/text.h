@@ -4,21 +4,17 @@
 #include <string>
 #include <string_view>
 #include <vector>
+#include "client/size_text.h"
 
 namespace ctl {
 
 // "2G", "512M", "1.5GiB", "1048576", "64 kB"; every unit is a power of 1024. Throws Failure (kExitUsage) for
 // what is none, is 0 or does not fit.
 std::int64_t ParseSize(std::string_view text);
-// "1.5 GiB", "512 bytes".
-std::string SizeText(std::uint64_t bytes);
 // Full and empty characters, `width` in all; what is neither all nor nothing never looks like it.
 std::string Bar(std::uint64_t part, std::uint64_t whole, unsigned width);
 // "37 %", rounded down, so that 100 % is all of it; "<1 %" for what is not nothing.
 std::string PercentText(std::uint64_t part, std::uint64_t whole);
-
-// "1 file", "3 files".
-std::string CountText(std::uint64_t number, const std::string& thing);
 
 using Row = std::vector<std::string>;
 // Columns as wide as their widest cell. Every line ended; no blanks at the end of one.

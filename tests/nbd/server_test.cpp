@@ -65,6 +65,44 @@ TEST_F(Served, WhatNeedsTheFileSystemIsRefusedWhileAClientHasTheVolume) {
     server->Disconnect(std::move(elsewhere));
 }
 
+// Several connections of one client are one; two that write to one disk are told of.
+TEST_F(Served, ClientsThatShareADisk) {
+    std::vector<std::uint8_t> sector(512);
+    auto one = Connect("disk0"), same = Connect("disk0"), other = Connect("HarddiskVolume1");
+    const std::string clients = world.Facts(kFirst)->clients;
+    EXPECT_NE(clients.find("the test's disk0 on export disk0, 2 connections, since"), std::string::npos)
+        << clients;
+    EXPECT_EQ(clients.find("disk0 on", clients.find("disk0 on") + 1), std::string::npos) << clients;
+    const auto isTold = [&] { return server->About().find("two clients write") != std::string::npos; };
+    for (const auto* client : {&one, &same, &other}) {
+        EXPECT_FALSE(isTold());
+        EXPECT_EQ(Transfer(*client, Server::Action::Write, kMiB, sector), STATUS_SUCCESS);
+    }
+    EXPECT_TRUE(isTold());
+    for (auto* client : {&one, &same, &other}) server->Disconnect(std::move(*client));
+    EXPECT_FALSE(isTold());
+}
+
+TEST(StorageWatch, LevelsAreToldOnceAndRatesWhenTheyAreKnown) {
+    nbd::StorageWatch watch;
+    ctl::FixedVolume volume{kFirst, 2, 108 * static_cast<std::int64_t>(kMiB), 0, ctl::kSwapPresent};
+    const struct {
+        int seconds;
+        std::int64_t used;  // MiB, of 100 that can be used
+        std::size_t lines;
+        std::int64_t rate;  // MiB a second; -1: not known
+    } table[] = {{0, 0, 0, -1},   {5, 40, 0, -1},  {10, 80, 1, 8},  {20, 81, 0, 4}, {25, 96, 1, 3},
+                 {30, 100, 1, 3}, {40, 100, 0, 2}, {45, 10, 0, -1}, {60, 85, 1, 5}};
+    for (const auto& row : table) {
+        volume.swapUsed = row.used * static_cast<std::int64_t>(kMiB);
+        const auto time = nbd::StorageWatch::Clock::time_point(std::chrono::seconds(row.seconds));
+        EXPECT_EQ(watch.Look(time, {volume}).size(), row.lines) << row.seconds;
+        const auto rates = watch.BytesPerSecond();
+        EXPECT_EQ(rates.empty() ? -1 : rates.at(kFirst) / static_cast<std::int64_t>(kMiB), row.rate)
+            << row.seconds;
+    }
+}
+
 // A client's NTFS is not written by the machine's own, neither meanwhile nor at shutdown.
 TEST_F(Served, NobodyElseWritesToAVolumeThatAClientHas) {
     auto client = Connect("HarddiskVolume1");

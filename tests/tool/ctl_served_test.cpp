@@ -162,6 +162,75 @@ TEST_F(CtlServed, DatesAreTheMachinesOwn) {
     unsetenv("TZ"), tzset();
 }
 
+// The last mebibyte from which on so many of the second volume hold nothing of the storage; 0 without.
+std::uint64_t Unused(World& world, std::uint64_t mebibytes) {
+    const SavedMap map = ReadSavedMap(world, nbd_test::kSecond);
+    std::vector<SectorRange> storage = map.free;
+    storage.insert(storage.end(), map.file.begin(), map.file.end());
+    for (const RedirectedRange& range : map.redirected) storage.push_back({range.swap, range.length});
+    for (std::uint64_t at = map.volumeSectors * 512 / kMiB - mebibytes - 1; at > 0; --at) {
+        const std::uint64_t first = at * kMiB / 512, end = (at + mebibytes) * kMiB / 512;
+        const auto hits = [&](const SectorRange& range) {
+            return range.first < end && first < range.first + range.length;
+        };
+        if (std::none_of(storage.begin(), storage.end(), hits)) return at;
+    }
+    return 0;
+}
+
+// By what the disks held before and hold behind it, whatever was ordered; and what finds no room is told so.
+TEST_F(CtlServed, ABootTellsWhatItDidWithTheChanges) {
+    const auto write = [&](std::uint64_t mebibytes) {
+        auto client = Connect("HarddiskVolume2");
+        std::vector<std::uint8_t> bytes(mebibytes * kMiB, 'w');
+        const NTSTATUS status =
+            Transfer(client, nbd::Server::Action::Write, Unused(world, mebibytes) * kMiB, bytes);
+        server->Disconnect(std::move(client));
+        return status;
+    };
+    Do({{"swap", "make", "2", "64M"}, {"enable"}, {"protect", "2", "--at-boot", "keep"}});
+    Reboot();
+    const struct {
+        std::uint64_t mebibytes;  // written before
+        std::vector<std::string> order;
+        const char* deed;
+        const char* warning = "";
+    } table[] = {
+        {3, {}, "kept 3145728 1 HarddiskVolume2: kept 3 MiB in 1 range\n"},
+        {3, {"merge", "2"}, "merged 3145728 1 HarddiskVolume2: merged 3 MiB in 1 range\n"},
+        {0, {}, "nothing 0 0 HarddiskVolume2: had no changes\n"},
+        {14,
+         {"merge", "2", "--anyway"},
+         "kept 14680064 1 HarddiskVolume2: was NOT merged, kept 14 MiB in 1 range",
+         "warning: HarddiskVolume2: was NOT merged, kept 14 MiB in 1 range (a merge needs more than 51 MiB of "
+         "free "
+         "storage, there are 50 MiB)\n"},
+        {14,
+         {"discard", "2", "--drop-changes"},
+         "dropped 14680064 1 HarddiskVolume2: dropped 14 MiB in 1 range\n"},
+        {14,
+         {"unprotect", "2", "--drop-changes"},
+         "dropped 14680064 1 HarddiskVolume2: dropped 14 MiB in 1 range, no longer protected\n"},
+    };
+    for (const auto& row : table) {
+        if (row.mebibytes != 0) {
+            EXPECT_EQ(STATUS_SUCCESS, write(row.mebibytes));
+        }
+        if (!row.order.empty()) Do({row.order});
+        Reboot();
+        const std::string about = server->About() + "\n";
+        EXPECT_NE(std::string::npos, about.find(std::string("\nboot: HarddiskVolume2 ") + row.deed)) << about;
+        EXPECT_NE(std::string::npos, about.find(row.warning)) << about;
+        EXPECT_EQ(*row.warning == 0, about.find("warning: ") == about.npos) << about;
+    }
+    Do({{"protect", "2"}});
+    Reboot();
+    EXPECT_EQ(STATUS_DISK_FULL, write(70))
+        << "a virtual machine waits then, and does not take its disk for broken";
+    EXPECT_NE(std::string::npos, Run({"status"}).out.find("FULL"));
+    EXPECT_EQ(kExitFailed, Run({"status", "--check"}).exitCode);
+}
+
 TEST_F(CtlServed, NobodyServes) {
     control.reset();
     EXPECT_EQ(kExitNotRunning, Run({"status"}).exitCode);

@@ -41,7 +41,7 @@ def main() -> None:
             before = look(pc, [])
             assert before["HarddiskVolume1"]["swap"]["status"] == "none" and before["HarddiskVolume1"]["asConfigured"]
             ordered = look(pc, ["kvrctl swap make 1 16M", "kvrctl enable", "kvrctl protect 1 --until 2090-01-01T00:00",
-                                "kvrctl merge 1", "kvrctl removable hide"])
+                                "kvrctl merge 1 --anyway", "kvrctl removable hide"])
             volume = ordered["HarddiskVolume1"]
             assert not volume["asConfigured"] and volume["nextBoot"]["changes"] == "merged", volume
             assert volume["nextBoot"]["until"].startswith("2090-01-01T00:00:00"), volume

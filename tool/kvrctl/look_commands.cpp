@@ -4,6 +4,7 @@
 #include "tool/kvrctl/config_text.h"
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/folded.h"
 #include "tool/kvrctl/plan.h"
 #include "client/failure.h"
 #include "tool/text.h"
@@ -24,6 +25,12 @@ std::string FileSystemText(FileSystemKind kind) {
     return code < std::size(kWords) ? kWords[code] : "other";
 }
 
+// While a client has the volume its file system is the client's, and nobody else knows.
+std::string FreeText(const VolumeFacts& facts) {
+    if (facts.freeBytes) return SizeText(*facts.freeBytes);
+    return facts.clients.empty() ? "?" : "in use";
+}
+
 struct VolumeRow {
     KnownVolume volume;
     std::optional<VolumeFacts> facts;
@@ -41,22 +48,22 @@ std::vector<VolumeRow> QueryVolumes(const Context& context) {
 }
 
 std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
-    std::vector<Row> rows = {
-        {"VOLUME", "KIND", "SIZE", "FREE", "FILES", "SECTOR", "IN USE BY", "FROM THE NEXT BOOT"}};
+    std::vector<Row> rows = {{"VOLUME", "KIND", "SIZE", "FREE", "FILES", "SECTOR"}};
+    std::vector<std::string> details = {""};
     for (const VolumeRow& row : volumes) {
         Row cells = {ShortName(row.volume.name), row.volume.removable ? "removable" : "fixed"};
         if (row.facts)
-            cells.insert(
-                cells.end(),
-                {SizeText(row.facts->bytes), row.facts->freeBytes ? SizeText(*row.facts->freeBytes) : "?",
-                 FileSystemText(row.facts->fileSystem), std::to_string(row.facts->sectorBytes),
-                 row.facts->clients.empty() ? "-" : row.facts->clients});
+            cells.insert(cells.end(),
+                         {SizeText(row.facts->bytes), FreeText(*row.facts),
+                          FileSystemText(row.facts->fileSystem), std::to_string(row.facts->sectorBytes)});
         else
-            cells.insert(cells.end(), {"?", "?", "?", "?", "-"});
-        cells.push_back(row.plan);
+            cells.insert(cells.end(), {"?", "?", "?", "?"});
         rows.push_back(std::move(cells));
+        const bool isUsed = row.facts && !row.facts->clients.empty();
+        details.push_back(Detail("next boot: " + row.plan) +
+                          (isUsed ? Detail("in use by " + row.facts->clients) : ""));
     }
-    return volumes.empty() ? "There are no volumes.\n" : TableText(rows);
+    return volumes.empty() ? "There are no volumes.\n" : TableWith(rows, details);
 }
 
 Json VolumeJson(const VolumeRow& row) {
@@ -83,6 +90,8 @@ int ShowVolumes(const Context& context, bool namesOnly) {
     }
     const std::vector<VolumeRow> volumes = QueryVolumes(context);
     if (!context.json) {
+        for (const std::string& warning : context.world.Notes().warnings)
+            context.terminal.out << Folded("WARNING: " + warning + ".", 2);
         context.terminal.out << VolumeTable(volumes);
         return kExitOk;
     }

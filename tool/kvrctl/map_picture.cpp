@@ -7,7 +7,8 @@ namespace ctl {
 namespace {
 
 constexpr unsigned kRows = 16;
-constexpr unsigned kSvgColumns = 128, kSvgRows = 48, kSvgCell = 7, kMargin = 16, kHead = 60, kFoot = 40;
+constexpr unsigned kSvgColumns = 128, kSvgRows = 48, kSvgCell = 7, kMargin = 16, kLeft = 92, kHead = 60,
+                   kFoot = 40;
 
 struct Look {
     const char* sign;
@@ -86,11 +87,20 @@ std::string SvgCells(const std::vector<Cell>& cells) {
         for (unsigned from = 0; from < kSvgColumns;) {
             unsigned to = from;
             while (to < kSvgColumns && cells[row * kSvgColumns + to] == cells[row * kSvgColumns + from]) ++to;
-            text += Rectangle(kMargin + from * kSvgCell, kHead + row * kSvgCell, (to - from) * kSvgCell,
-                              kSvgCell, cells[row * kSvgColumns + from]);
+            text += Rectangle(kLeft + from * kSvgCell, kHead + row * kSvgCell, (to - from) * kSvgCell, kSvgCell,
+                              cells[row * kSvgColumns + from]);
             from = to;
         }
     }
+    return text;
+}
+
+// Where every eighth row begins in the volume.
+std::string SvgOffsets(const SavedMap& map) {
+    std::string text;
+    for (unsigned row = 0; row < kSvgRows; row += 8)
+        text += SvgText(kMargin, kHead + row * kSvgCell + 9, 11,
+                        SizeText(map.volumeSectors * row / kSvgRows * map.sectorBytes));
     return text;
 }
 
@@ -143,18 +153,19 @@ std::string MapText(const SavedMap& map, unsigned width, bool colour) {
     return text;
 }
 
-std::string MapSvg(const SavedMap& map, const std::string& title) {
-    const unsigned width = 2 * kMargin + kSvgColumns * kSvgCell, height = kHead + kSvgRows * kSvgCell + kFoot;
+std::string MapSvg(const SavedMap& map, const std::string& title, const std::string& note) {
+    const unsigned width = kLeft + kMargin + kSvgColumns * kSvgCell,
+                   height = kHead + kSvgRows * kSvgCell + kFoot;
     const MapSummary summary = Summarize(map);
     const std::uint64_t swap = (summary.redirectedSectors + summary.freeSectors) * map.sectorBytes;
     const std::string line = SizeText(map.volumeSectors * map.sectorBytes) + ", " +
                              SizeText(summary.redirectedSectors * map.sectorBytes) + " redirected in " +
                              std::to_string(summary.ranges) + (summary.ranges == 1 ? " range" : " ranges") +
-                             ", swap of " + SizeText(swap);
+                             ", swap of " + SizeText(swap) + (note.empty() ? "" : ", " + note);
     return "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<svg xmlns=\"http://www.w3.org/2000/svg\"" +
            Attribute("width", width) + Attribute("height", height) + " font-family=\"sans-serif\">\n<title>" +
            Escaped(title) + "</title>\n<rect width=\"100%\" height=\"100%\" fill=\"white\"/>\n" +
-           SvgText(kMargin, 26, 18, title) + SvgText(kMargin, 46, 12, line) +
+           SvgText(kMargin, 26, 18, title) + SvgText(kMargin, 46, 12, line) + SvgOffsets(map) +
            SvgCells(MapCells(map, std::size_t{kSvgColumns} * kSvgRows)) + SvgLegend() + "</svg>\n";
 }
 

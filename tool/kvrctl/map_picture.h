@@ -20,7 +20,7 @@ std::vector<Cell> MapCells(const SavedMap& map, std::size_t count);
 
 // Lines of `width` characters, with a legend below.
 std::string MapText(const SavedMap& map, unsigned width, bool colour);
-// A whole document; `title` is text.
-std::string MapSvg(const SavedMap& map, const std::string& title);
+// A whole document, with the volume's offsets beside it; `title` and `note` are text.
+std::string MapSvg(const SavedMap& map, const std::string& title, const std::string& note = {});
 
 }  // namespace ctl

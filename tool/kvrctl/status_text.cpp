@@ -3,34 +3,15 @@
 #include "client/control_client.h"
 #include "tool/kvrctl/status_model.h"
 #include "tool/kvrctl/unicode.h"
+#include "tool/kvrctl/folded.h"
 #include "tool/text.h"
 
 namespace ctl {
 namespace {
 
-constexpr std::size_t kWidth = 80;
 constexpr std::size_t kLongestName = 18;  // HarddiskVolume1000
 constexpr unsigned kBarWidth = 20;
 constexpr char kYellow[] = "\033[33m", kRed[] = "\033[1;31m", kPlain[] = "\033[0m";
-
-// Cut into lines at blanks, those behind the first one indented; a word longer than a line is cut anywhere.
-std::string Folded(const std::string& text, std::size_t indent) {
-    std::string folded, line;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t room = kWidth - line.size();
-        std::size_t end = std::min(text.size(), at + room);
-        const std::size_t blank = end == text.size() ? text.npos : text.rfind(' ', end);
-        if (blank != text.npos && blank > at) end = blank;
-        folded += line + text.substr(at, end - at) + "\n";
-        at = end + (end < text.size() && text[end] == ' ' ? 1 : 0);
-        line.assign(indent, ' ');
-    }
-    return folded;
-}
-
-std::string Detail(const std::string& text) {
-    return text.empty() ? "" : Folded("  " + text, 4);
-}
 
 std::string NowText(const VolumeStatus& volume) {
     if (!volume.isThere) return "missing";
@@ -125,15 +106,9 @@ std::string SwitchText(const MachineStatus& status) {
 std::string VolumesText(const MachineStatus& status) {
     std::vector<Row> rows = {{"VOLUME", "NOW", "NEXT BOOT", "STORAGE", "USED", "USABLE"}};
     for (const VolumeStatus& volume : status.volumes) rows.push_back(RowOf(volume));
-    const std::string table = TableText(rows);
-    std::string text;
-    std::size_t at = 0;
-    for (std::size_t i = 0; i < rows.size(); ++i) {
-        const std::size_t end = table.find('\n', at) + 1;
-        text += table.substr(at, end - at) + (i == 0 ? "" : VolumeText(status.volumes[i - 1], status.clock));
-        at = end;
-    }
-    return text;
+    std::vector<std::string> details = {""};
+    for (const VolumeStatus& volume : status.volumes) details.push_back(VolumeText(volume, status.clock));
+    return TableWith(rows, details);
 }
 
 std::string Coloured(const std::string& text) {

@@ -72,7 +72,8 @@ public:
                 [this] { return Verify(folder_); });
         CLI::App* log = AddFolderCommand("log", "Show what a machine's server and driver said");
         log->add_flag("-f,--follow", follow_, "Go on with what is added, until interrupted");
-        OnParse(log, [this] { return ShowLog(folder_, follow_); });
+        log->add_flag("--driver", withDriver_, "The driver's own lines as well");
+        OnParse(log, [this] { return ShowLog(folder_, follow_, withDriver_); });
     }
 
     int Run(int argc, char** argv) {
@@ -246,7 +247,7 @@ private:
     DeleteOptions deletion_;
     InjectOptions inject_;
     std::string folder_;
-    bool follow_ = false, dropChanges_ = false;
+    bool follow_ = false, withDriver_ = false, dropChanges_ = false;
 };
 
 }  // namespace

@@ -186,19 +186,48 @@ std::string Ask(const MachineFolder& folder, Command command) {
     return response.text;
 }
 
-// What is not as configured, before anything else is said. The exit code says so too. Notes are for the user to
-// know and change no exit code.
-int PrintWarnings(const MachineFolder& folder) {
+// What is not as configured, before anything else is said, and what the boot did with each volume's changes.
+// The exit code says what is not as configured too. Notes are for the user to know and change no exit code.
+int PrintBoot(const MachineFolder& folder) {
     std::istringstream lines(Ask(folder, Command::About));
     int exitCode = 0;
+    std::string deeds;
     for (std::string line; std::getline(lines, line);) {
-        if (line.starts_with("note: ")) std::printf("Note: %s\n", line.c_str() + line.find(' ') + 1);
-        if (!line.starts_with("warning: ")) continue;
+        std::istringstream words(line);
+        std::string kind, volume, did, bytes, ranges, sentence;
+        words >> kind;
+        if (kind == "boot:" && words >> volume >> did >> bytes >> ranges &&
+            std::getline(words >> std::ws, sentence))
+            deeds += sentence + "\n";
+        if (kind == "note:") std::printf("Note: %s\n", line.c_str() + line.find(' ') + 1);
+        if (kind != "warning:") continue;
         std::printf("WARNING: %s\n", line.c_str() + line.find(' ') + 1);
         exitCode = kExitNotAsConfigured;
     }
+    std::fputs(deeds.c_str(), stdout);
     std::fflush(stdout);
     return exitCode;
+}
+
+// Is it a line of the driver's own? "2026-05-01 12:00:00.123 driver: Kvr!..."
+bool IsDrivers(const std::string& line) {
+    constexpr std::size_t kTime = 24;
+    return line.compare(std::min(kTime, line.size()), 8, "driver: ") == 0;
+}
+
+// Whole lines only: what is still being written is left for the next time.
+void PrintLines(std::ifstream& log, bool withDriver) {
+    for (;;) {
+        const std::streampos begin = log.tellg();
+        std::string line;
+        if (!std::getline(log, line) || log.eof()) {
+            log.clear();
+            log.seekg(begin);
+            break;
+        }
+        if (withDriver || !IsDrivers(line)) std::cout << line << "\n";
+    }
+    std::cout << std::flush;
 }
 
 }  // namespace
@@ -209,7 +238,7 @@ int Serve(const ServeOptions& options) {
     if (!options.background) PassSignalsOn(child);
     int exitCode = 0;
     if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
-    exitCode = PrintWarnings(folder);
+    exitCode = PrintBoot(folder);
     std::printf("%s", LinesToPaste(folder).c_str());
     std::fflush(stdout);
     NotifyReady();
@@ -219,7 +248,7 @@ int Serve(const ServeOptions& options) {
 int Reboot(const std::string& path) {
     const MachineFolder folder = MachineFolder::Read(path);
     Ask(folder, Command::Reboot);
-    return PrintWarnings(folder);
+    return PrintBoot(folder);
 }
 
 int Stop(const std::string& path) {
@@ -234,16 +263,15 @@ int Stop(const std::string& path) {
     return 0;
 }
 
-int ShowLog(const std::string& path, bool follow) {
+int ShowLog(const std::string& path, bool follow, bool withDriver) {
     const MachineFolder folder = MachineFolder::Read(path);
     std::ifstream log(folder.File(nbd::kLogFile));
     if (!log && access(folder.File(nbd::kLogFile).c_str(), F_OK) == 0)
         throw Error("the log of " + folder.path + " cannot be read: " + std::strerror(errno));
     if (!log) throw Error("the machine in " + folder.path + " has no log; it was never served");
     for (;;) {
-        if (log.peek() != std::ifstream::traits_type::eof()) std::cout << log.rdbuf() << std::flush;
+        PrintLines(log, withDriver);
         if (!follow || !std::cout) return 0;
-        log.clear();
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     }
 }

@@ -23,7 +23,8 @@ int Serve(const ServeOptions& options);
 int Reboot(const std::string& folder);
 // Returns when the server is gone and the machine off.
 int Stop(const std::string& folder);
-// Prints the log; `follow`: and what is added to it, until interrupted.
-int ShowLog(const std::string& folder, bool follow);
+// Prints the log, without the driver's own lines unless asked for; `follow`: and what is added to it, until
+// interrupted.
+int ShowLog(const std::string& folder, bool follow, bool withDriver);
 
 }  // namespace tool
