@@ -35,7 +35,7 @@ struct MachineNotes {
     // What the boot did with a volume's changes.
     struct BootDeed {
         std::u16string volume;
-        std::string did;  // "dropped", "merged", "kept", "lost": formats/control_wire.h
+        std::string did;  // a word of formats/control_wire.h
         std::uint64_t bytes = 0, ranges = 0;
         std::string text;
     };

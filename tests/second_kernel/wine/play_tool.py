@@ -28,7 +28,8 @@ WITHOUT_DRIVER = [
     (1, [":3: error: '[FV1]' is no section head"], ["config", "check", "{wrong}"]),
 ]
 WITH_VOLUMES = [
-    (0, ["HarddiskVolume71", "HarddiskVolume72", "removable"], ["status"]),
+    (0, ["HarddiskVolume71", "HarddiskVolume72"], ["status"]),
+    (0, ["# EOF"], ["status", "--openmetrics"]),
     (0, ['HarddiskVolume71"', '"kind": "removable"'], ["volumes", "--json"]),
     (0, [], ["config", "get"]),
     (0, [], ["config", "set", "{text}"]),
