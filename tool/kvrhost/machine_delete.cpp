@@ -21,10 +21,9 @@ std::vector<std::string> OwnFiles(const nbd::MachineFolder& folder) {
     for (const nbd::FolderDisk& disk : folder.disks) {
         if (disk.path.find('/') == std::string::npos) names.push_back(disk.path);
     }
-    for (const char* name : {nbd::kSystemImage, nbd::kRegistryFile, nbd::kLogFile}) names.emplace_back(name);
-    names.push_back(std::string(nbd::kRegistryFile) + ".new");
-    names.push_back(std::string(nbd::kLogFile) + ".old");
-    for (const char* name : {nbd::kNbdSocket, wire::kSocketName, nbd::kMachineFile, nbd::kLockFile})
+    for (const char* name :
+         {nbd::kSystemImage, nbd::kRegistryFile, "registry.new", nbd::kLogFile, "log.old", "seal", "seal.new",
+          nbd::kNbdSocket, wire::kSocketName, nbd::kMachineFile, nbd::kLockFile})
         names.emplace_back(name);
     return names;
 }
