@@ -79,6 +79,15 @@ private:
     const std::shared_ptr<machine::Disk> disk_;
 };
 
+// Whether both name one file, or one block device by whatever nodes.
+bool IsSameDisk(const std::string& one, const std::string& other) {
+    if (one == other) return true;
+    struct stat first, second;
+    if (stat(one.c_str(), &first) != 0 || stat(other.c_str(), &second) != 0) return false;
+    if (S_ISBLK(first.st_mode) && S_ISBLK(second.st_mode)) return first.st_rdev == second.st_rdev;
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 void CheckSocketPath(const MachineFolder& folder) {
     sockaddr_un ignored;
     if (!tool::wire::MakeAddress(folder.File(tool::wire::kSocketName), ignored))
@@ -180,9 +189,7 @@ std::vector<std::string> MakeMachine(const NewMachine& machine) {
         folder.disks.push_back(CheckImage(image, machine.sectorBytes));
         if (!machine.takesOver) RequireNobodys(folder.disks.back().path);
         const auto same = [&](const FolderDisk& disk) {
-            std::error_code ignored;
-            return disk.path == folder.disks.back().path ||
-                   std::filesystem::equivalent(disk.path, folder.disks.back().path, ignored);
+            return IsSameDisk(disk.path, folder.disks.back().path);
         };
         if (std::count_if(folder.disks.begin(), folder.disks.end(), same) != 1)
             throw Error("disk image " + image + " is named twice");

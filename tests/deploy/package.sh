@@ -13,7 +13,7 @@ outside() {
     [ "$(id -u)" -eq 0 ] || { echo "SKIPPED: needs root"; exit 77; }
     cmake --build "$1" --target deb -- --quiet >/dev/null
     scratch=$(mktemp -d /tmp/kvr-package-XXXXXX)
-    trap 'rm -rf "$scratch"' EXIT
+    trap 'losetup -j "$scratch/disk.img" -O NAME -n | xargs -r losetup -d; rm -rf "$scratch"' EXIT
     cp "$1"/kvr_*.deb "$0" "$scratch"
     [ "$(dpkg-deb -f "$scratch"/*.deb Version)" = "$(cat "$(dirname "$0")/../../VERSION")" ] || fail "another version"
     lintian --allow-root --fail-on error,warning "$scratch"/*.deb || fail "lintian complains"
@@ -35,6 +35,8 @@ overlaid() {
     mount -t proc none proc
     for folder in run tmp dev sys; do mount -t tmpfs none $folder; done
     for node in null:3 zero:5 full:7 random:8 urandom:9; do mknod -m 666 "dev/${node%:*}" c 1 "${node#*:}"; done
+    for node in {0..15}; do mknod "dev/loop$node" b 7 "$node"; done
+    mknod dev/loop-control c 10 237
     mkdir -p dev/shm sys/fs/cgroup
     mount -t cgroup2 none sys/fs/cgroup || rmdir sys/fs/cgroup
     mount --bind "$1" mnt
@@ -87,6 +89,7 @@ inside() {
             fail "$unit lets more through than it should: $(grep Overall /run/security)"
     done
     as kvr kvrhost create /var/lib/kvr/pc --size 64M >/dev/null
+    cp --sparse=always /var/lib/kvr/pc/disk0.img /mnt/disk.img
     [ -d /sys/fs/cgroup ] || { echo "without systemd: no second hierarchy of control groups"; purge; exit; }
     printf '[Service]\nType=oneshot\nExecStart=/mnt/package.sh service\nStandardOutput=append:/mnt/result\n%s' \
         "StandardError=inherit" >/etc/systemd/system/stages.service
@@ -99,11 +102,23 @@ inside() {
 service() {
     trap 'systemctl --no-block exit 0' EXIT
     systemctl start kvr@pc || fail "$(systemctl status kvr@pc)"
-    local process
+    local process loop
     process=$(sed -n 's/.*process \([0-9]*\)$/\1/p' /var/lib/kvr/pc/log)
     [ "$(stat -c %U "/proc/$process")" = kvr ] || fail "the server is another user's"
     grep -qx "Seccomp:.2" "/proc/$process/status" || fail "the server may call anything"
     as kvr kvrctl --machine /var/lib/kvr/pc status >/dev/null || fail "status of a served machine"
+    # A disk that is a block device, let in by the unit; one that is named twice is two of one.
+    loop=$(losetup --find --show /mnt/disk.img 2>/dev/null) || loop=
+    if [ -n "$loop" ]; then
+        chown kvr "$loop"
+        as kvr kvrhost create /var/lib/kvr/twice --disk "$loop" --disk "$loop" >/dev/null 2>&1 && fail "a device twice"
+        as kvr kvrhost create /var/lib/kvr/loop --disk "$loop" >/dev/null || fail "no machine on a block device"
+        systemctl start kvr@loop || fail "$(systemctl status kvr@loop)"
+        kvrctl --machine /var/lib/kvr/loop volumes --names | grep -qx HarddiskVolume1 || fail "a block device's volumes"
+        systemctl stop kvr@loop
+        losetup --detach "$loop"
+        rm -r /var/lib/kvr/loop
+    fi
     [ "$(kvrhost reboot /var/lib/kvr/pc 2>&1)" = "" ] || fail "a reboot under systemd"
     mkdir -p /var/lib/prometheus/node-exporter
     systemctl start kvr-metrics || fail "$(systemctl status kvr-metrics)"
