@@ -31,7 +31,7 @@ public:
             progress_("looking at what changed", done++, suspects.size());
             Compare(id);
         }
-        if (!redirected_.empty()) ShareOut(suspects);
+        if (!redirected_.empty() || states_.thorough) FindSilent(suspects);
         PairReplaced();
         Order();
         report_.damagedRecords = states_.fixed.Damaged() + states_.present.Damaged();
@@ -160,41 +160,24 @@ private:
         return found;
     }
 
-    // To whom the redirected sectors belong. It also finds the files whose content changed and nothing else.
-    void ShareOut(const std::set<FileId>& suspects) {
-        std::uint64_t owned = 0;
+    // Files whose content changed and nothing else.
+    void FindSilent(const std::set<FileId>& suspects) {
         for (FileId id = states_.present.First(); id < states_.present.End(); ++id) {
-            if (id % 1024 == 0) progress_("finding the owners of the storage", id, states_.present.End());
+            if (id % 1024 == 0) progress_("looking at the other files", id, states_.present.End());
             FileRecord record;
-            if (!states_.present.Read(id, record)) continue;
-            const std::uint64_t data = RedirectedOf(record.data), tables = RedirectedOf(record.tables);
-            owned += data + tables;
-            report_.systemStorage += tables;
-            if (data == 0) continue;
-            if (IsFolder(record) || states_.present.IsSystem(record))
-                report_.systemStorage += data;
-            else if (!suspects.contains(id) && !record.names.empty())
-                AddSilent(record);
+            if (suspects.contains(id) || !states_.present.Read(id, record) || record.names.empty()) continue;
+            const bool read = states_.thorough ||
+                              std::any_of(record.data.begin(), record.data.end(), [&](const Extent& extent) {
+                                  return !Common(extent, redirected_).empty();
+                              });
+            if (read && !IsFolder(record) && !states_.present.IsSystem(record)) AddSilent(record);
         }
-        for (const auto& [extent, what] : states_.present.Tables()) {
-            const std::uint64_t tables = RedirectedOf({extent});
-            report_.systemStorage += tables;
-            owned += tables;
-        }
-        const std::uint64_t all = TotalLength(redirected_);
-        report_.elsewhere = all > owned ? all - owned : 0;
     }
 
     // A file whose record is as it was.
     void AddSilent(const FileRecord& record) {
         const auto [storage, differs] = Measure(record.data, true);
         if (differs) AddPresent(Change::Kind::Changed, record, record.size, record.names[0], storage);
-    }
-
-    std::uint64_t RedirectedOf(const std::vector<Extent>& extents) const {
-        std::uint64_t bytes = 0;
-        for (const Extent& extent : extents) bytes += TotalLength(Common(extent, redirected_));
-        return bytes;
     }
 
     // A program that saves a file by writing a new one and renaming it changes the file, for who looks at it.

@@ -26,8 +26,6 @@ struct Change {
 struct ChangeReport {
     std::vector<Change> changes;       // what takes most first, then by path
     std::uint64_t fileStorage = 0;     // of `changes`, bytes
-    std::uint64_t systemStorage = 0;   // redirected: the file systems' own tables, folders, journal
-    std::uint64_t elsewhere = 0;       // redirected: what belongs to no file any more
     std::uint64_t damagedRecords = 0;  // of both states
     std::string unwritten;             // as FileTable has it, of the present state
 };
@@ -37,6 +35,9 @@ struct StatesOfVolume {
     FileTable& fixed;
     VolumeView& presentView;
     FileTable& present;
+    // Read every file in both states, for content that changed without a trace in its record; otherwise such a
+    // change is found where something is known to be redirected.
+    bool thorough = false;
 };
 
 // `redirected`: what is known to be redirected, Normalised; it may lack some, and be empty. `isOwn`: paths that

@@ -1,5 +1,4 @@
 // changes.
-#include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include "client/failure.h"
@@ -79,8 +78,8 @@ Json ReportJson(VolumeStates& states, const inspect::ChangeReport& report) {
     for (const Change& change : report.changes) files.push_back(ChangeJson(change));
     Json json = {{"volume", ToUtf8(states.Name())},          {"protected", states.Protected()},
                  {"inUse", !states.Facts().clients.empty()}, {"changes", files},
-                 {"storageBytes", report.fileStorage},       {"fileSystemStorageBytes", report.systemStorage},
-                 {"otherStorageBytes", report.elsewhere},    {"damagedRecords", report.damagedRecords}};
+                 {"storageBytes", report.fileStorage},       {"storageUsedBytes", states.Used()},
+                 {"damagedRecords", report.damagedRecords}};
     if (!report.unwritten.empty()) json["unwritten"] = report.unwritten;
     return json;
 }
@@ -104,13 +103,14 @@ std::string ReportText(VolumeStates& states, const inspect::ChangeReport& report
                 ": this is what stands on the disk now, as after a power cut.\n";
     if (!report.unwritten.empty()) text += "Note: " + report.unwritten + ".\n";
     if (report.damagedRecords != 0)
-        text += "Note: " + CountText(report.damagedRecords, "record") + " made no sense and was left out.\n";
+        text += "Note: left out is what makes no sense: " + CountText(report.damagedRecords, "record") + ".\n";
     std::vector<Row> rows = {{"CHANGE", "STORAGE", "SIZE", "FILE"}};
     for (const Change& change : report.changes) rows.push_back(LineOf(change));
     if (rows.size() > 1) text += TableText(rows);
-    text += "Storage: " + SizeText(report.fileStorage) + " in these files, " + SizeText(report.systemStorage) +
-            " in the file system's own tables, " + SizeText(report.elsewhere) +
-            " in what is no file's any more.\n";
+    const std::uint64_t rest = states.Used() > report.fileStorage ? states.Used() - report.fileStorage : 0;
+    text += "Storage: " + SizeText(states.Used()) + " used, " + SizeText(report.fileStorage) +
+            " by these files, " + SizeText(rest) +
+            " by the file system's own tables and what is no file's any more.\n";
     return text;
 }
 
@@ -119,7 +119,7 @@ std::string ReportText(VolumeStates& states, const inspect::ChangeReport& report
 int ShowChanges(const Context& context, const ChangesOptions& options) {
     std::ostream& out = context.terminal.out;
     VolumeStates states(context, options.volume);
-    if (!states.Protected() && !context.json) {
+    if (!states.Protected() && (!context.json || !options.diff.empty())) {
         out << ShortName(states.Name()) << " is not protected: what is written changes the volume itself.\n";
         return kExitOk;
     }
@@ -127,13 +127,12 @@ int ShowChanges(const Context& context, const ChangesOptions& options) {
     inspect::ChangeReport report;
     if (states.Protected()) {
         ProgressLine line(context);
+        inspect::StatesOfVolume both = states.Both();
+        both.thorough = options.thorough;
         report = inspect::FindChanges(
-            states.Both(), states.Redirected(), inspect::IsOwnFile,
+            both, states.Redirected(), inspect::IsOwnFile,
             [&](const char* what, std::uint64_t done, std::uint64_t total) { line.Draw(what, done, total); });
         states.RequireSameBoot();
-        // The saved map may lack the latest; how much there is in all the driver knows.
-        const std::uint64_t told = report.fileStorage + report.systemStorage;
-        if (states.Used() > told) report.elsewhere = std::max(report.elsewhere, states.Used() - told);
     }
     if (context.json)
         out << ReportJson(states, report).dump(2) << "\n";

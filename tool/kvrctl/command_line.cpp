@@ -154,6 +154,8 @@ private:
         changes->add_option("VOLUME", changes_.volume, "HarddiskVolume2, 2 or the full object name")
             ->required();
         changes->add_option("--diff", changes_.diff, "Show what changed in this file")->type_name("FILE");
+        changes->add_flag("--thorough", changes_.thorough,
+                          "Read every file in both states: finds content that changed without a trace");
         OnParse(changes, [this](const Context& context) { return ShowChanges(context, changes_); });
         CLI::App* restore =
             Command(app_, "restore-from-changes", "Copy a file out of the present state before it is dropped",

@@ -44,6 +44,7 @@ int ShowMap(const Context& context, const MapOptions& options);
 struct ChangesOptions {
     std::string volume;
     std::string diff;  // this file's difference alone
+    bool thorough = false;
 };
 int ShowChanges(const Context& context, const ChangesOptions& options);
 struct RestoreOptions {
