@@ -220,6 +220,49 @@ TEST_P(Changes, AreWhatWasDone) {
     EXPECT_EQ(expected, Found(Find(before, worker.volume.bytes, false, true))) << "without a trace as well";
 }
 
+// The blocks of a file, as the file system's own tool lists them.
+std::vector<std::uint64_t> BlocksByTool(const Format& format, Bytes& bytes, const std::string& path) {
+    std::vector<std::uint64_t> blocks;
+    if (!format.IsNtfs()) {
+        const std::string text = Debugfs(bytes, "blocks " + path);
+        std::istringstream words(text.substr(text.find('\n') + 1));  // the tool's version stands before it
+        for (std::uint64_t block; words >> block;) blocks.push_back(block);
+        return blocks;
+    }
+    const std::string text = RunOn(bytes, "ntfsinfo", {"-v", "-F", path}).output;
+    const std::size_t data = std::min(text.find("$DATA (0x80)"), text.size());
+    std::istringstream lines(text.substr(std::min(text.find("Runlist:", data), text.size())));
+    std::string line;
+    std::getline(lines, line);
+    for (std::uint64_t vcn, first, count; lines >> std::hex >> vcn >> first >> count;)
+        for (; count != 0; --count) blocks.push_back(first++);
+    return blocks;
+}
+
+TEST_P(Changes, FilesLieWhereTheFileSystemsOwnToolsSay) {
+    Worker worker(GetParam(), 16 * kMiB, 7);
+    for (int i = 0; i < 60; ++i) worker.Make(i % 10 == 0);
+    ImageView view(worker.volume.bytes);
+    const auto table = inspect::FileTable::Open(view);
+    int left = 4;
+    for (const auto& [key, file] : worker.model.files) {
+        if (file.folder || file.size < 5000 || left == 0) continue;
+        --left;
+        const std::string path = worker.model.Path(key);
+        inspect::FileRecord record;
+        const auto id = table->Find(path);
+        ASSERT_TRUE(id && table->Read(*id, record)) << path;
+        EXPECT_EQ(record.size, file.size);
+        EXPECT_EQ(table->PathOf(record.names.at(0)), path);
+        std::vector<std::uint64_t> blocks;
+        for (const inspect::Extent& extent : record.data)
+            for (std::uint64_t at = extent.offset; at < extent.End(); at += table->BlockBytes())
+                blocks.push_back(at / table->BlockBytes());
+        EXPECT_EQ(blocks, BlocksByTool(GetParam(), worker.volume.bytes, path)) << path;
+        EXPECT_EQ(blocks.size(), (file.size + table->BlockBytes() - 1) / table->BlockBytes());
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Formats, Changes, testing::Values(kNtfs, kExt4));
 
 }  // namespace
