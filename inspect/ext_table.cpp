@@ -238,7 +238,8 @@ private:
         if (inode.i_file_acl != 0)
             Append(record.tables, ext2fs_file_acl_block(library_.get(), &inode) * BlockBytes(), BlockBytes());
         if ((inode.i_flags & EXT4_INLINE_DATA_FL) != 0) {
-            std::string content(library_->blocksize, '\0');
+            // More than an inode and a block of its attributes hold.
+            std::string content(2 * std::size_t{library_->blocksize}, '\0');
             std::size_t length = content.size();
             if (ext2fs_inline_data_get(library_.get(), number, &inode, content.data(), &length) != 0)
                 return false;
