@@ -20,7 +20,7 @@ public:
                 Name(extent, [&] { return "what the file system keeps about " + NameOf(record); });
         }
         NameRecords();
-        for (const auto& [extent, what] : table_.Tables()) Name(extent, [&] { return what; });
+        for (const auto& table : table_.Tables()) Name(table.first, [&] { return table.second; });
     }
 
 private:
