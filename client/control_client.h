@@ -19,6 +19,15 @@ struct Answer {
     std::string text;  // why the machine itself refused, if it did
 };
 
+// What the machine says of a volume beside the driver's reports, for people; each may be empty.
+struct VolumeDescription {
+    std::u16string name;
+    std::string label;
+    std::string partition;   // its GUID
+    std::string fileSystem;  // "ntfs", "fat32", ...
+    std::string what;        // "EFI system partition, cannot hold storage"
+};
+
 // An open handle to the control device, closed with its owner. There is one for the whole machine.
 class Driver {
 public:
@@ -26,6 +35,8 @@ public:
     // `output` has the size of the answer's room and is cut to what was filled. Throws Failure when the machine
     // is lost.
     virtual Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) = 0;
+    // As far as the machine knows more of them than the driver.
+    virtual std::vector<VolumeDescription> Descriptions() { return {}; }
 };
 
 struct FixedVolume {
@@ -73,6 +84,7 @@ public:
     // In the order in which the machine found the devices; whole disks are among the fixed ones.
     std::vector<FixedVolume> FixedVolumes();
     std::vector<RemovableVolume> RemovableVolumes();
+    std::vector<VolumeDescription> Descriptions() { return driver_->Descriptions(); }
     // Starts the work and returns; FixedVolumes tells how far it is.
     void AllocateSwap(const std::u16string& volume, std::int64_t bytes);
     // Returns when the storage is gone.

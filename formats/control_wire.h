@@ -59,6 +59,8 @@ enum class Command : std::uint32_t {
     // not,
     // STATUS_DEVICE_BUSY while the file system is a client's. Needs no handle.
     StorageRuns = 11,
+    // Output: a VolumeText for each volume of this boot, the machine's own among them. Needs no handle.
+    Volumes = 12,
 };
 
 struct RequestHeader {
@@ -99,6 +101,18 @@ struct VolumeFacts {
 };
 static_assert(sizeof(VolumeFacts) == 48 && offsetof(VolumeFacts, diskOffset) == 40);
 inline constexpr std::uint64_t kUnknown = ~std::uint64_t{0};
+
+// What a volume is, for people, as its boot found it; UTF-8 with zero characters behind it, cut where it is
+// longer.
+struct VolumeText {
+    VolumeName name;
+    std::uint64_t bytes;
+    char label[136];
+    char partition[40];   // its GUID, as Linux and Windows write it; empty for a partition that has none
+    char fileSystem[16];  // "ntfs", "ext", "fat32", ...; empty for a raw volume
+    char what[72];        // clauses such as "EFI system partition, cannot hold storage"; often empty
+};
+static_assert(sizeof(VolumeText) == 400 && offsetof(VolumeText, what) == 328);
 
 struct SectorsAt {
     VolumeName volume;

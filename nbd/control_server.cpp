@@ -157,6 +157,8 @@ Response ControlServer::Answer(Connection& connection, Request& request) {
             return AnswerSwitch(request);
         case Command::About:
             return {STATUS_SUCCESS, {}, server_.About()};
+        case Command::Volumes:
+            return AnswerVolumes();
         case Command::Reboot:
             return AnswerReboot();
         case Command::Stop:
@@ -190,6 +192,12 @@ Response ControlServer::AnswerFacts(const Request& request) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(&facts);
     response.output.assign(bytes, bytes + sizeof facts);
     return response;
+}
+
+Response ControlServer::AnswerVolumes() {
+    const std::vector<VolumeText> volumes = server_.Descriptions();
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(volumes.data());
+    return {STATUS_SUCCESS, {bytes, bytes + volumes.size() * sizeof(VolumeText)}, {}};
 }
 
 Response ControlServer::AnswerSectors(const Request& request, bool present) {

@@ -39,6 +39,7 @@ private:
     tool::wire::Response AnswerOpen(Connection& connection, const tool::wire::Request& request);
     tool::wire::Response AnswerControl(const Connection& connection, tool::wire::Request& request);
     tool::wire::Response AnswerFacts(const tool::wire::Request& request);
+    tool::wire::Response AnswerVolumes();
     tool::wire::Response AnswerSectors(const tool::wire::Request& request, bool present);
     tool::wire::Response AnswerRuns(const tool::wire::Request& request);
     tool::wire::Response AnswerRegistry(const tool::wire::Request& request);

@@ -8,6 +8,7 @@
 #pragma once
 #include <atomic>
 #include <condition_variable>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -93,6 +94,8 @@ public:
     [[nodiscard]] NTSTATUS Control(Handle handle, ControlCall& call);
     [[nodiscard]] NTSTATUS Facts(const std::u16string& volume, tool::wire::VolumeFacts& facts,
                                  std::string& clients);
+    // Of the volumes of this boot, as no client was last there; the system disk's last.
+    std::vector<tool::wire::VolumeText> Descriptions();
     // As the disk below the driver holds them (server_sectors.cpp).
     [[nodiscard]] NTSTATUS ReadSectors(const std::u16string& volume, std::uint64_t offset,
                                        std::vector<std::uint8_t>& bytes);
@@ -137,6 +140,7 @@ private:
     ServedDisk* DiskOf(const Export& target, std::uint64_t& offset, std::uint64_t& size);
     void LendVolumes(const Export& target);
     void TakeBackVolumes(const Export& target);
+    void Redescribe(machine::Volume& volume);
     std::vector<machine::Volume*> VolumesOf(const Export& target);
     bool IsMakingStorage(const Export& target);
 
@@ -188,7 +192,8 @@ private:
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`
     Clients clients_;
-    PFILE_OBJECT control_ = nullptr;  // the one handle that is open
+    std::map<unsigned, tool::wire::VolumeText> descriptions_;  // as no client was last there
+    PFILE_OBJECT control_ = nullptr;                           // the one handle that is open
     Handle handle_ = 0;
     Handle lastHandle_ = 0;
     unsigned storageVolume_ = 0;  // where storage was last asked for in this boot

@@ -125,6 +125,9 @@ void Server::BootOnce() {
         WriteBootLog();
         Settle();
         JudgeVolumes();
+        const std::lock_guard hold(clientsLock_);
+        descriptions_.clear();
+        for (machine::Volume* volume : machine_->Volumes()) Redescribe(*volume);
     } catch (const Error& error) {
         machine_->PowerCut();
         log_.Line(std::string("server: ") + error.what());

@@ -1,6 +1,7 @@
 #include <shared_mutex>
 #include <utility>
 #include "nbd/server.h"
+#include "nbd/volume_description.h"
 #include "platform/owners.h"
 #include "platform/host/sync/thread.h"
 
@@ -98,7 +99,12 @@ void Server::TakeBackVolumes(const Export& target) {
             volume->files->Resume();
         else
             KVR_DISCARD(machine_->MountRaw(number), "a volume that is still raw stays so");
+        Redescribe(*volume);
     }
+}
+
+void Server::Redescribe(machine::Volume& volume) {
+    descriptions_.insert_or_assign(volume.device->Number(), DescribeVolume(*machine_, volume));
 }
 
 namespace {

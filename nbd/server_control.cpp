@@ -181,6 +181,15 @@ NTSTATUS Server::StorageRuns(const std::u16string& name, std::vector<tool::wire:
     return STATUS_SUCCESS;
 }
 
+std::vector<tool::wire::VolumeText> Server::Descriptions() {
+    const std::shared_lock hold(boot_);
+    const std::lock_guard guard(clientsLock_);
+    std::vector<tool::wire::VolumeText> volumes;
+    if (!on_) return volumes;
+    for (const auto& [number, text] : descriptions_) volumes.push_back(text);
+    return volumes;
+}
+
 NTSTATUS Server::ReadRegistry(const std::u16string& key, const std::u16string& name,
                               std::vector<std::uint8_t>& data) {
     host::RegistryValue value;

@@ -171,6 +171,11 @@ NTSTATUS ExtFormat::FreeSpace(std::uint64_t& bytes) {
     return STATUS_SUCCESS;
 }
 
+std::string ExtFormat::Label() const {
+    const auto* name = reinterpret_cast<const char*>(library_->super->s_volume_name);
+    return std::string(name, strnlen(name, sizeof library_->super->s_volume_name));
+}
+
 std::unique_ptr<VolumeFormat> MakeExtFormat(VolumeIo& io) {
     return std::make_unique<ExtFormat>(io);
 }

@@ -36,6 +36,7 @@ public:
     [[nodiscard]] NTSTATUS Remove(const FileLink& link, const FileId& id) override;
     [[nodiscard]] NTSTATUS EmptyForRemoval(const FileId& id) override;
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
+    std::string Label() const override;
 
     [[nodiscard]] NTSTATUS LoadShape(const FileId& id, FileShape& shape) override;
     [[nodiscard]] NTSTATUS ReadByLibrary(const FileId& id, std::uint64_t offset, void* buffer,

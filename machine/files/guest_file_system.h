@@ -20,6 +20,8 @@ public:
     // What stands at a path; STATUS_OBJECT_NAME_NOT_FOUND or STATUS_OBJECT_PATH_NOT_FOUND when nothing does.
     [[nodiscard]] virtual NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) = 0;
     [[nodiscard]] virtual NTSTATUS FreeSpace(std::uint64_t& bytes) = 0;
+    // The volume's name for people, UTF-8; empty when it has none or cannot be read now.
+    virtual std::string Label() = 0;
     // Why nothing can be changed, one line without a full stop; empty when it can.
     virtual std::string ReadOnlyReason() const = 0;
     bool ReadOnly() const { return !ReadOnlyReason().empty(); }

@@ -294,6 +294,17 @@ NTSTATUS MountedFileSystem::FreeSpace(std::uint64_t& bytes) {
     return state_->files.volume.Look([&](VolumeFormat& format) { return format.FreeSpace(bytes); });
 }
 
+std::string MountedFileSystem::Label() {
+    const host::HostGuard guard(state_->files.volume.Lock());
+    std::string label;
+    const auto look = [&](VolumeFormat& format) {
+        label = format.Label();
+        return STATUS_SUCCESS;
+    };
+    KVR_DISCARD(state_->files.volume.Look(look), "a volume that cannot be read shows no label");
+    return label;
+}
+
 std::string MountedFileSystem::ReadOnlyReason() const {
     const host::HostGuard guard(state_->files.volume.Lock());
     return state_->files.volume.ReadOnlyReason();

@@ -44,6 +44,7 @@ public:
     [[nodiscard]] NTSTATUS List(const std::u16string& path, std::vector<DirectoryEntry>& entries) override;
     [[nodiscard]] NTSTATUS Query(const std::u16string& path, DirectoryEntry& entry) override;
     [[nodiscard]] NTSTATUS FreeSpace(std::uint64_t& bytes) override;
+    std::string Label() override;
     std::string ReadOnlyReason() const override;
     // Where the file's data lies; none for data that the format keeps in another form than runs.
     [[nodiscard]] NTSTATUS Runs(const std::u16string& path, FileRuns& runs);

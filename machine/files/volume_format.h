@@ -101,6 +101,8 @@ public:
     // With `showsSizesInFolder`: brings the directory's copy up to date, and the times to now.
     [[nodiscard]] virtual NTSTATUS Refresh(const FileId&) { return STATUS_NOT_SUPPORTED; }
     [[nodiscard]] virtual NTSTATUS FreeSpace(std::uint64_t& bytes) = 0;
+    // The volume's name for people, UTF-8; empty when it has none. While the view is open.
+    virtual std::string Label() const = 0;
 
     // ---- one file's data ---------------------------------------------------------------------------------
     // STATUS_FILE_CORRUPT_ERROR also when the number is another file's by now.

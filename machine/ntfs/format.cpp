@@ -104,6 +104,10 @@ NTSTATUS NtfsFormat::FreeSpace(std::uint64_t& bytes) {
     return STATUS_SUCCESS;
 }
 
+std::string NtfsFormat::Label() const {
+    return volume_->vol_name != nullptr ? volume_->vol_name : "";
+}
+
 std::unique_ptr<VolumeFormat> MakeNtfsFormat(VolumeIo& io) {
     return std::make_unique<NtfsFormat>(io);
 }

@@ -47,20 +47,26 @@ std::vector<VolumeRow> QueryVolumes(const Context& context) {
     return rows;
 }
 
+std::string FilesText(const VolumeRow& row) {
+    return row.volume.told.fileSystem.empty() ? FileSystemText(row.facts->fileSystem)
+                                              : row.volume.told.fileSystem;
+}
+
 std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
-    std::vector<Row> rows = {{"VOLUME", "KIND", "SIZE", "FREE", "FILES", "SECTOR"}};
+    std::vector<Row> rows = {{"VOLUME", "LABEL", "KIND", "SIZE", "FREE", "FILES", "SECTOR"}};
     std::vector<std::string> details = {""};
     for (const VolumeRow& row : volumes) {
-        Row cells = {ShortName(row.volume.name), row.volume.removable ? "removable" : "fixed"};
+        const VolumeDescription& told = row.volume.told;
+        Row cells = {ShortName(row.volume.name), told.label.empty() ? "-" : told.label,
+                     row.volume.removable ? "removable" : "fixed"};
         if (row.facts)
-            cells.insert(cells.end(),
-                         {SizeText(row.facts->bytes), FreeText(*row.facts),
-                          FileSystemText(row.facts->fileSystem), std::to_string(row.facts->sectorBytes)});
+            cells.insert(cells.end(), {SizeText(row.facts->bytes), FreeText(*row.facts), FilesText(row),
+                                       std::to_string(row.facts->sectorBytes)});
         else
             cells.insert(cells.end(), {"?", "?", "?", "?"});
         rows.push_back(std::move(cells));
         const bool isUsed = row.facts && !row.facts->clients.empty();
-        details.push_back(Detail("next boot: " + row.plan) +
+        details.push_back((told.what.empty() ? "" : Detail(told.what)) + Detail("next boot: " + row.plan) +
                           (isUsed ? Detail("in use by " + row.facts->clients) : ""));
     }
     return volumes.empty() ? "There are no volumes.\n" : TableWith(rows, details);
@@ -68,11 +74,14 @@ std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
 
 Json VolumeJson(const VolumeRow& row) {
     Json json = {{"name", ToUtf8(row.volume.name)}, {"kind", row.volume.removable ? "removable" : "fixed"}};
+    json["label"] = row.volume.told.label;
+    json["partition"] = row.volume.told.partition;
+    json["what"] = row.volume.told.what;
     if (row.facts) {
         json["bytes"] = row.facts->bytes;
         json["freeBytes"] = row.facts->freeBytes ? Json(*row.facts->freeBytes) : Json(nullptr);
         json["sectorBytes"] = row.facts->sectorBytes;
-        json["fileSystem"] = FileSystemText(row.facts->fileSystem);
+        json["fileSystem"] = FilesText(row);
         json["inUseBy"] = row.facts->clients;
     }
     json["nextBoot"] = row.plan;

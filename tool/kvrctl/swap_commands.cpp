@@ -229,6 +229,7 @@ KnownVolume Resolve(const Context& context, const std::string& words) {
 int SwapMake(const Context& context, const SwapMakeOptions& options) {
     const std::uint64_t size = RequireUseful(context, options.size);
     const KnownVolume volume = Resolve(context, options.volume);
+    RequireRoomForStorage(volume);
     const SwapPlan plan = PlanSwap(context, volume, size);
     RequireNoLoss(context, volume, plan.now, options.dropChanges);
     if (!options.noWait) context.terminal.CatchInterrupt();

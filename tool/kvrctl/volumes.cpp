@@ -23,7 +23,10 @@ std::u16string NumberOf(const std::u16string& name) {
 
 std::string Listed(const std::vector<KnownVolume>& volumes) {
     std::string text;
-    for (const KnownVolume& volume : volumes) text += (text.empty() ? "" : ", ") + ToUtf8(volume.name);
+    for (const KnownVolume& volume : volumes) {
+        text += (text.empty() ? "" : ", ") + ToUtf8(volume.name);
+        if (!volume.told.label.empty()) text += " \"" + volume.told.label + "\"";
+    }
     return text.empty() ? "there are none" : text;
 }
 
@@ -47,9 +50,12 @@ bool IsDisk(const std::u16string& name) {
 std::vector<KnownVolume> KnownVolumes(Client& client) {
     std::vector<KnownVolume> volumes;
     for (const FixedVolume& volume : client.FixedVolumes())
-        if (!IsDisk(volume.name) && !volume.name.empty()) volumes.push_back({volume.name, false});
+        if (!IsDisk(volume.name) && !volume.name.empty()) volumes.push_back({volume.name, false, {}});
     for (const RemovableVolume& volume : client.RemovableVolumes())
-        if (!IsDisk(volume.name) && !volume.name.empty()) volumes.push_back({volume.name, true});
+        if (!IsDisk(volume.name) && !volume.name.empty()) volumes.push_back({volume.name, true, {}});
+    for (VolumeDescription& told : client.Descriptions())
+        for (KnownVolume& volume : volumes)
+            if (EqualIgnoringCase(volume.name, told.name)) volume.told = told;
     return volumes;
 }
 
@@ -61,10 +67,24 @@ KnownVolume FindVolume(const std::vector<KnownVolume>& volumes, const std::strin
             Select(volumes, [&](const KnownVolume& v) { return EqualIgnoringCase(LastPart(v.name), wanted); });
     if (found.empty() && IsNumber(wanted))
         found = Select(volumes, [&](const KnownVolume& v) { return NumberOf(v.name) == wanted; });
+    for (const auto field : {&VolumeDescription::partition, &VolumeDescription::label}) {
+        if (!found.empty() || wanted.empty()) continue;
+        found = Select(volumes, [&](const KnownVolume& v) {
+            return EqualIgnoringCase(FromUtf8(v.told.*field, "the volume's label"), wanted);
+        });
+    }
     if (found.size() == 1) return found[0];
     if (found.empty())
         throw Failure("there is no volume '" + words + "'; the volumes are: " + Listed(volumes), kExitUsage);
     throw Failure("'" + words + "' can mean several volumes: " + Listed(found), kExitUsage);
+}
+
+void RequireRoomForStorage(const KnownVolume& volume) {
+    if (volume.told.what.find("cannot hold storage") == std::string::npos) return;
+    throw Failure(ShortName(volume.name) + " (" +
+                      (volume.told.fileSystem.empty() ? "no file system" : volume.told.fileSystem) +
+                      ") cannot hold storage; only NTFS and ext volumes can",
+                  kExitUsage);
 }
 
 std::string ShortName(const std::u16string& name) {

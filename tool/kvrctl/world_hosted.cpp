@@ -93,6 +93,20 @@ public:
         return Call(wire::Command::DeviceControl, code, input, output);
     }
 
+    std::vector<VolumeDescription> Descriptions() override {
+        Bytes output(wire::kMaximumLength);
+        const Answer answer = Call(wire::Command::Volumes, 0, {}, output);
+        std::vector<VolumeDescription> volumes;
+        if (!IsSuccess(answer.status)) return volumes;
+        for (std::size_t at = 0; at + sizeof(wire::VolumeText) <= output.size();
+             at += sizeof(wire::VolumeText)) {
+            wire::VolumeText text;
+            std::memcpy(&text, &output[at], sizeof text);
+            volumes.push_back({text.name.text, text.label, text.partition, text.fileSystem, text.what});
+        }
+        return volumes;
+    }
+
     // One request and its response, as Driver::Control has it. Throws Failure when the connection breaks or the
     // response breaks the layout.
     Answer Call(wire::Command command, std::uint32_t code, std::span<const std::uint8_t> input, Bytes& output) {

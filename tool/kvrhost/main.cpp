@@ -5,6 +5,7 @@
 #include "nbd/adopter.h"
 #include "client/version.h"
 #include "nbd/folder_maker.h"
+#include "nbd/volume_look.h"
 #include "tool/demo/demo.h"
 #include "tool/error.h"
 #include "tool/inject/command.h"
@@ -13,6 +14,7 @@
 #include "tool/kvrhost/seal.h"
 #include "tool/kvrhost/serve.h"
 #include "tool/nearest_word.h"
+#include "tool/kvrhost/volume_lines.h"
 #include "tool/text.h"
 
 namespace tool {
@@ -175,6 +177,7 @@ private:
             "  kvrhost adopt new --disk windows.raw --drop-changes");
         OnParse(adopt, [this] {
             for (const std::string& line : nbd::Adopt(machine_, dropChanges_)) std::puts(line.c_str());
+            if (!machine_.images.empty()) PrintVolumes();
             return 0;
         });
     }
@@ -232,9 +235,14 @@ private:
     int Create() {
         RequireOneKindOfDisk();
         for (const std::string& note : nbd::MakeMachine(machine_)) std::printf("Note: %s\n", note.c_str());
+        PrintVolumes();
         std::printf("The machine in %s is made; power it on with: kvrhost serve %s\n", machine_.path.c_str(),
                     ShellWord(machine_.path).c_str());
         return 0;
+    }
+
+    void PrintVolumes() const {
+        std::fputs(VolumeLines(nbd::LookAtVolumes(nbd::MachineFolder::Read(machine_.path))).c_str(), stdout);
     }
 
     CLI::App app_{"Hosted computers for the Kvr volume filter driver.", "kvrhost"};

@@ -19,6 +19,7 @@
 #include "tool/error.h"
 #include "tool/kvrhost/lines.h"
 #include "tool/kvrhost/notify.h"
+#include "tool/kvrhost/volume_lines.h"
 
 namespace tool {
 namespace {
@@ -171,19 +172,31 @@ bool WaitUntilReady(const MachineFolder& folder, const ServeOptions& options, pi
 
 // ---- a running server ------------------------------------------------------------------------------------
 
-// Throws Error when it refuses. What it says beside its answer.
-std::string Ask(const MachineFolder& folder, Command command) {
+// Throws Error when it refuses. `room`: for an answer's output, bytes.
+wire::Response Call(const MachineFolder& folder, Command command, std::uint32_t room = 0) {
     posix::File socket = wire::ConnectToServer(folder.path);
     if (!socket.IsOpen() && (errno == EACCES || errno == EPERM))
         throw Error("the machine in " + folder.path + " belongs to another user");
     if (!socket.IsOpen()) throw Error("the machine in " + folder.path + " is not being served");
     wire::Response response;
-    if (!wire::Channel(std::move(socket)).Call({command, 0, {}, 0}, response))
+    if (!wire::Channel(std::move(socket)).Call({command, 0, {}, room}, response))
         throw Error("the server of " + folder.path + " ended without an answer");
     if (!ctl::IsSuccess(response.status))
         throw Error(response.text.empty() ? "the server answers " + ctl::StatusText(response.status)
                                           : response.text);
-    return response.text;
+    return response;
+}
+
+// What it says beside its answer.
+std::string Ask(const MachineFolder& folder, Command command) {
+    return Call(folder, command).text;
+}
+
+void PrintVolumes(const MachineFolder& folder) {
+    const std::vector<std::uint8_t> bytes = Call(folder, Command::Volumes, wire::kMaximumLength).output;
+    std::vector<wire::VolumeText> volumes(bytes.size() / sizeof(wire::VolumeText));
+    if (!volumes.empty()) std::memcpy(volumes.data(), bytes.data(), volumes.size() * sizeof(wire::VolumeText));
+    std::fputs(VolumeLines(volumes).c_str(), stdout);
 }
 
 // What is not as configured, before anything else is said, and what the boot did with each volume's changes.
@@ -239,6 +252,7 @@ int Serve(const ServeOptions& options) {
     int exitCode = 0;
     if (!WaitUntilReady(folder, options, child, exitCode)) return exitCode;
     exitCode = PrintBoot(folder);
+    PrintVolumes(folder);
     std::printf("%s", LinesToPaste(folder).c_str());
     std::fflush(stdout);
     NotifyReady();
