@@ -8,10 +8,10 @@ bool IsDateOver(const VolumeSettings& settings, const Clock& clock) {
 }
 
 // A section that the driver acts on, or null.
-const VolumeSettings* Protecting(const ConfigScan& scan, const std::u16string& volume) {
+const Section* Protecting(const ConfigScan& scan, const std::u16string& volume) {
     const Section* section = scan.protection ? scan.Find(volume) : nullptr;
     const bool counts = section && section->volume.isProtected && section->volume.switchWasOn;
-    return counts ? &section->volume : nullptr;
+    return counts ? section : nullptr;
 }
 
 // A merge comes before everything else; a date that is over counts for one boot, and is gone then.
@@ -42,18 +42,17 @@ std::string FixedPlan(const VolumeSettings& settings, const Clock& clock) {
 }  // namespace
 
 Fate FateOf(const ConfigScan& scan, const std::u16string& volume, const Clock& clock) {
-    const VolumeSettings* settings = Protecting(scan, volume);
-    return settings ? FateOf(*settings, clock) : Fate::Dropped;
+    const Section* section = Protecting(scan, volume);
+    return section ? FateOf(section->volume, clock) : Fate::Dropped;
 }
 
 std::string PlanText(const ConfigScan& scan, const KnownVolume& volume, const Clock& clock) {
     if (!scan.protection) return "not protected (protection is off)";
-    const Section* section = scan.Find(volume.name);
-    if (!section && volume.removable) return AccessText(scan.removableAccess);
-    const VolumeSettings* settings = Protecting(scan, volume.name);
-    if (!settings) return "not protected";
-    if (section->kind == SectionKind::RemovableVolume) return AccessText(settings->accessMode);
-    return FixedPlan(*settings, clock);
+    if (volume.removable && !scan.Find(volume.name)) return AccessText(scan.removableAccess);
+    const Section* section = Protecting(scan, volume.name);
+    if (!section) return "not protected";
+    if (section->kind == SectionKind::RemovableVolume) return AccessText(section->volume.accessMode);
+    return FixedPlan(section->volume, clock);
 }
 
 }  // namespace ctl
