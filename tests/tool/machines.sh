@@ -55,11 +55,8 @@ for ((i = 0; i < 100; i++)); do [ "$(boots)" = 2 ] && break || sleep 0.05; done
 [ "$(boots)" = 2 ] || fail "no boot when the last client has gone"
 
 # A volume that is to be protected and is not: said, and an exit code.
-kvrctl=$(dirname "$kvrhost")/kvrctl
-for words in "swap make 1 10M" "protect 1" enable; do
-    # shellcheck disable=SC2086
-    "$kvrctl" --machine "$scratch/apart" $words >/dev/null 2>&1
-done
+printf '[Global]\nProtection = 1\n[FV 1]\nID = \\Device\\HarddiskVolume1\nProtectionMode = 1\nBootMode = 0\n' >"$scratch/text"
+"$(dirname "$kvrhost")/kvrctl" --machine "$scratch/apart" config set "$scratch/text" --force >/dev/null || fail "the text"
 "$kvrhost" reboot "$scratch/apart" >/dev/null
 "$kvrhost" status "$scratch/apart" >"$scratch/said"
 [ $? -eq 3 ] || fail "a volume without protection is no exit code"
