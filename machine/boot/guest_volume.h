@@ -21,8 +21,9 @@ inline std::vector<std::string> ReadOnlyVolumes(Machine& machine) {
     for (const Volume* volume : machine.Volumes()) {
         const auto* files = dynamic_cast<const GuestFileSystem*>(volume->files.get());
         const std::string why = files == nullptr ? "" : files->ReadOnlyReason();
-        const std::string name = "HarddiskVolume" + std::to_string(volume->device->Number());
-        if (!why.empty()) lines.push_back(name + " can only be read: " + why);
+        if (why.empty()) continue;
+        lines.push_back("HarddiskVolume" + std::to_string(volume->device->Number()));
+        lines.back().append(" can only be read: ").append(why);
     }
     return lines;
 }
