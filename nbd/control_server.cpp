@@ -2,18 +2,21 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <system_error>
 #include <utility>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include "platform/host/check/host_memory.h"
 
 namespace nbd {
 namespace {
 
 using namespace tool::wire;
+
+constexpr int kPause = 50;  // milliseconds until the host is asked again
 
 posix::File Listen(const std::string& path) {
     sockaddr_un address;
@@ -34,6 +37,10 @@ posix::File Listen(const std::string& path) {
 std::u16string NameOf(const VolumeName& name) {
     std::u16string text(name.text, std::size(name.text));
     return text.substr(0, text.find(u'\0'));
+}
+
+posix::File OpenSpare() {
+    return posix::File(open("/dev/null", O_RDONLY | O_CLOEXEC));
 }
 
 Response Failed(NTSTATUS status, std::string text = {}) {
@@ -59,9 +66,16 @@ std::u16string TextOf(const Request& request) {
 ControlServer::ControlServer(Server& server, std::function<void()> stop)
     : server_(server), stop_(std::move(stop)), path_(server.Folder().File(kSocketName)) {
     listener_ = Listen(path_);
+    spare_ = OpenSpare();
     ends_ = posix::File(eventfd(0, EFD_CLOEXEC));
     if (!ends_.IsOpen()) throw Error(std::string("cannot make an event: ") + std::strerror(errno));
-    accepter_ = std::thread([this] { Accept(); });
+    if (host::WithinMemory(false, [this] {
+            accepter_ = std::thread([this] { Accept(); });
+            return true;
+        }))
+        return;
+    unlink(path_.c_str());
+    throw Error("the host has no thread for the control socket");
 }
 
 ControlServer::~ControlServer() {
@@ -78,31 +92,50 @@ ControlServer::~ControlServer() {
 void ControlServer::Accept() {
     pollfd waits[2] = {{listener_.Get(), POLLIN, 0}, {ends_.Get(), POLLIN, 0}};
     for (;;) {
-        if (poll(waits, 2, -1) < 0 && errno != EINTR) return;
-        if (waits[1].revents != 0) return;
-        posix::File socket(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        const bool told = poll(waits, 2, -1) >= 0;
+        if (told && waits[1].revents != 0) return;
+        posix::File socket = told ? Take() : posix::File();
         JoinEnded();
-        try {
-            if (socket.IsOpen()) Begin(std::move(socket));
-        } catch (const std::bad_alloc&) {
-            continue;  // the client sees its connection closed
-        }
+        if (socket.IsOpen())
+            Begin(std::move(socket));
+        else
+            poll(&waits[1], 1, kPause);
     }
 }
 
+// None where the host has no descriptor for it: the client is then told so by its connection's end, for which
+// the spare one is there.
+posix::File ControlServer::Take() {
+    const auto accept = [this] {
+        return posix::File(accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    };
+    if (!spare_.IsOpen()) spare_ = OpenSpare();
+    if (posix::File socket = accept(); socket.IsOpen()) return socket;
+    if (errno != EMFILE && errno != ENFILE) return posix::File();
+    // nbdkit's own loop may take what is given up here; the client then waits, and the spare is found anew
+    // later.
+    spare_ = posix::File();
+    if (accept().IsOpen()) server_.Log().Line("control: no descriptor for another connection");
+    spare_ = OpenSpare();
+    return posix::File();
+}
+
+// A client for whom there is no thread or memory sees its connection closed.
 void ControlServer::Begin(posix::File socket) {
     const std::lock_guard hold(lock_);
     if (connections_.size() >= kMostConnections) {
         server_.Log().Line("control: too many connections at once");
         return;
     }
-    Connection& connection = connections_.emplace_back(std::move(socket));
-    try {
+    const std::size_t before = connections_.size();
+    const bool begun = host::WithinMemory(false, [&] {
+        Connection& connection = connections_.emplace_back(std::move(socket));
         connection.thread = std::thread([this, &connection] { Serve(connection); });
-    } catch (const std::system_error&) {
-        connections_.pop_back();
-        server_.Log().Line("control: no thread for another connection");
-    }
+        return true;
+    });
+    if (begun) return;
+    if (connections_.size() > before) connections_.pop_back();
+    server_.Log().Line("control: no thread or memory for another connection");
 }
 
 void ControlServer::JoinEnded() {

@@ -31,6 +31,7 @@ private:
     static constexpr std::size_t kMostConnections = 32;
 
     void Accept();
+    posix::File Take();
     void Begin(posix::File socket);
     void Converse(Connection& connection);
     void Serve(Connection& connection);
@@ -51,7 +52,8 @@ private:
     const std::function<void()> stop_;
     const std::string path_;
     posix::File listener_;
-    posix::File ends_;  // an eventfd: not 0 ends Accept()
+    posix::File spare_;  // gives its descriptor up where the host has no other
+    posix::File ends_;   // an eventfd: not 0 ends Accept()
     std::mutex lock_;
     std::list<Connection> connections_;  // guarded by lock_
     std::thread accepter_;

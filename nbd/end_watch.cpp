@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include "nbd/error.h"
+#include "platform/host/check/host_memory.h"
 
 namespace nbd {
 
@@ -21,7 +22,11 @@ EndWatch::EndWatch(std::function<void()> end, std::function<void()> giveUp)
     destroyed_ = posix::File(eventfd(0, EFD_CLOEXEC));
     if (!signals_.IsOpen() || !asked_.IsOpen() || !destroyed_.IsOpen())
         throw Error(std::string("cannot watch for signals: ") + std::strerror(errno));
-    thread_ = std::thread([this] { Watch(); });
+    const bool watched = host::WithinMemory(false, [this] {
+        thread_ = std::thread([this] { Watch(); });
+        return true;
+    });
+    if (!watched) throw Error("the host has no thread for watching for signals");
 }
 
 EndWatch::~EndWatch() {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include "posix/file_io.h"
 
 namespace nbd {
@@ -15,15 +16,18 @@ class Log {
 public:
     // Appends to `path`; a log of more than kMostBytes becomes `path`.old first, here and later.
     void Open(const std::string& path);
-    void Line(const std::string& text);
+    // Needs no memory; a line of more than kMostLine bytes loses its end.
+    void Line(std::string_view text) noexcept { Line(text, {}); }
+    void Line(std::string_view text, std::string_view more) noexcept;
 
+    static constexpr std::size_t kMostLine = 4096;
     static constexpr std::size_t kMostBytes = 4 * 1024 * 1024;
 
 private:
     void Begin();
 
     std::mutex lock_;  // guards what follows
-    std::string path_;
+    std::string path_, old_;
     posix::File file_;
     std::size_t bytes_ = 0;
 };

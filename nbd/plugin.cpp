@@ -41,10 +41,12 @@ bool Guarded(const Body& body) {
     try {
         body();
         return true;
+    } catch (const std::bad_alloc&) {
+        nbdkit_error("the host has no memory for it");
     } catch (const std::exception& error) {
         nbdkit_error("%s", error.what());
-        return false;
     }
+    return false;
 }
 
 // ---- start and end ---------------------------------------------------------------------------------------
@@ -158,20 +160,19 @@ void* Open(int) {
         const std::optional<nbd::Export> target = nbd::Export::Parse(name);
         if (!target) throw nbd::Error("there is no export '" + nbd::Printable(name) + "'");
         connection = gServer->Connect(*target, Peer());
+    } catch (const std::bad_alloc&) {
+        nbdkit_error("the host has no memory for another client");
+        gServer->NoMemory("client: refused");
     } catch (const std::exception& error) {
         nbdkit_error("%s", error.what());
-        gServer->Log().Line(std::string("client: refused: ") + error.what());
+        gServer->Log().Line("client: refused: ", error.what());
     }
     return connection.release();
 }
 
 void Close(void* handle) {
-    try {
-        gServer->Disconnect(std::unique_ptr<Server::Connection>(&ConnectionOf(handle)));
-        if (gIdle != nullptr) gIdle->ClientLeft();
-    } catch (const std::bad_alloc&) {
-        gServer->NoMemory("client");
-    }
+    gServer->Disconnect(std::unique_ptr<Server::Connection>(&ConnectionOf(handle)));
+    if (gIdle != nullptr) gIdle->ClientLeft();
 }
 
 int ListExports(int, int, nbdkit_exports* exports) {

@@ -88,11 +88,11 @@ NTSTATUS ServedDisk::ZeroBytes(std::uint64_t offset, std::uint64_t length) {
 NTSTATUS ServedDisk::Flush() {
     if (machine_ == nullptr) return STATUS_DEVICE_POWERED_OFF;
     NTSTATUS result = STATUS_SUCCESS;
-    for (machine::Volume* volume : machine_->Volumes()) {
-        if (volume->device->DiskNumber() != number_) continue;
-        const NTSTATUS status = volume->io->Flush();
+    machine_->ForEachVolume([&](const machine::Volume& volume) {
+        if (volume.device->DiskNumber() != number_) return;
+        const NTSTATUS status = volume.io->Flush();
         if (NT_SUCCESS(result)) result = status;
-    }
+    });
     const NTSTATUS status = SendToDisk(IRP_MJ_FLUSH_BUFFERS, 0, nullptr, 0);
     return NT_SUCCESS(result) ? status : result;
 }

@@ -72,7 +72,7 @@ public:
     };
     // Throws Error when there is no such export or the volume cannot be had now.
     std::unique_ptr<Connection> Connect(const Export& target, const std::string& who);
-    void Disconnect(std::unique_ptr<Connection> connection);
+    void Disconnect(std::unique_ptr<Connection> connection) noexcept;
 
     enum class Action { Read, Write, Zero, Flush };
     // A byte range of the connection's export, inside the size that the client was told; a buffer for Read and
@@ -119,6 +119,8 @@ private:
     void PowerOff();
     bool RebootAlone(std::string& why);
     void BootOnce();
+    bool BootWithinMemory();
+    void EndFailedBoot(const char* why);
     void NoteHardening();
     void WriteBootLog();
     void Settle();
@@ -141,7 +143,8 @@ private:
     void LendVolumes(const Export& target);
     void TakeBackVolumes(const Export& target);
     void Redescribe(machine::Volume& volume);
-    std::vector<machine::Volume*> VolumesOf(const Export& target);
+    template <class Each>
+    void ForEachVolumeOf(const Export& target, const Each& each);
     bool IsMakingStorage(const Export& target);
 
     // server_storage.cpp

@@ -8,6 +8,7 @@
 #include "machine/names.h"
 #include "nbd/server.h"
 #include "client/size_text.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/rtl/debug_sink.h"
 
 namespace nbd {
@@ -46,8 +47,12 @@ std::u16string NamedIn(const std::vector<std::uint8_t>& input) {
 void Server::FollowDriver() {
     host::FollowDebug(
         [](void* server, const char* line) {
-            static_cast<Server*>(server)->log_.Line(std::string("driver: ") + line);
-            static_cast<Server*>(server)->bootDeeds_.NoteMessage(line);
+            static_cast<Server*>(server)->log_.Line("driver: ", line);
+            const bool noted = host::WithinMemory(false, [&] {
+                static_cast<Server*>(server)->bootDeeds_.NoteMessage(line);
+                return true;
+            });
+            if (!noted) static_cast<Server*>(server)->NoMemory("a line of the driver");
         },
         this);
 }

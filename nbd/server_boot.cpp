@@ -1,4 +1,5 @@
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include "nbd/disk_owner.h"
 #include "nbd/server.h"
 #include "platform/host/sync/thread.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace nbd {
@@ -30,7 +32,9 @@ nbd::Log* gViolationLog = nullptr;
 // A driver that breaks a rule of its kernel brings the machine down, as on the platform: for the disks it is a
 // power cut.
 void LogViolation(const char* rule, const char* text) {
-    gViolationLog->Line(std::string("kernel: stops: ") + rule + ": " + text);
+    char line[600];
+    std::snprintf(line, sizeof line, "kernel: stops: %s: %s", rule, text);
+    gViolationLog->Line(line);
     std::abort();
 }
 
@@ -99,7 +103,11 @@ void Server::Start() {
         PowerOn(1);
     }
     saving_ = true;
-    saver_ = std::thread([this] { SaveRegistryNowAndThen(); });
+    const bool saved = host::WithinMemory(false, [this] {
+        saver_ = std::thread([this] { SaveRegistryNowAndThen(); });
+        return true;
+    });
+    if (!saved) throw Error("the host has no thread for saving the registry");
 }
 
 // What cannot be read now may be readable in a moment; the clients wait meanwhile.
@@ -116,30 +124,44 @@ void Server::PowerOn(unsigned attempts) {
 // A boot that does not have what it needs ends at once, before anybody can write.
 void Server::BootOnce() {
     minutesEast_ = TakeTimeZone();
+    const char* why = "the host has no memory or no thread for the boot";
+    try {
+        if (host::WithinMemory(false, [this] { return BootWithinMemory(); })) return;
+    } catch (const Error& error) {
+        EndFailedBoot(error.what());
+        throw;
+    }
+    EndFailedBoot(why);
+    throw Error(why);
+}
+
+bool Server::BootWithinMemory() {
     const NTSTATUS status = machine_->PowerOn();
     NoteHardening();
-    std::set<unsigned> merging;
-    try {
-        RequireBoot(status);
-        merging = MergesDue();
-        WriteBootLog();
-        Settle();
-        JudgeVolumes();
+    RequireBoot(status);
+    const std::set<unsigned> merging = MergesDue();
+    WriteBootLog();
+    Settle();
+    JudgeVolumes();
+    {
         const std::lock_guard hold(clientsLock_);
         descriptions_.clear();
         for (machine::Volume* volume : machine_->Volumes()) Redescribe(*volume);
-    } catch (const Error& error) {
-        machine_->PowerCut();
-        log_.Line(std::string("server: ") + error.what());
-        throw;
     }
     notes_ = machine::ReadOnlyVolumes(*machine_);
-    for (const std::string& note : notes_) log_.Line("server: note: " + note);
+    for (const std::string& note : notes_) log_.Line("server: note: ", note);
     TakeSealsAlong(merging);
     for (const auto& disk : disks_) disk->BeginBoot(*machine_);
+    log_.Line("server: boot " + std::to_string(boots_ + 1) + " is up");
     on_ = true;
     ++boots_;
-    log_.Line("server: boot " + std::to_string(boots_) + " is up");
+    return true;
+}
+
+void Server::EndFailedBoot(const char* why) {
+    for (const auto& disk : disks_) disk->EndBoot();
+    machine_->PowerCut();
+    log_.Line("server: ", why);
 }
 
 // Nobody writes the registry between the driver's look and this one.
@@ -175,13 +197,15 @@ void Server::PowerOff() {
     for (const auto& disk : disks_) disk->EndBoot();
     CloseHandle();
     const machine::ShutdownReport report = machine_->Shutdown();
-    if (!NT_SUCCESS(report.dismount))
-        log_.Line("server: a volume's last flush failed: " + ctl::Hex(report.dismount));
-    if (!NT_SUCCESS(report.registry))
-        log_.Line("server: the registry is not saved: " + ctl::Hex(report.registry));
     storageVolume_ = 0;
     isMaking_ = false;
-    log_.Line("server: boot " + std::to_string(boots_) + " has shut down");
+    host::Insist("the report of a shutdown", [&] {
+        if (!NT_SUCCESS(report.dismount))
+            log_.Line("server: a volume's last flush failed: ", ctl::Hex(report.dismount));
+        if (!NT_SUCCESS(report.registry))
+            log_.Line("server: the registry is not saved: ", ctl::Hex(report.registry));
+        log_.Line("server: boot " + std::to_string(boots_) + " has shut down");
+    });
 }
 
 void Server::Stop() {
@@ -229,10 +253,10 @@ bool Server::RebootAlone(std::string& why) {
         return false;
     }
     const std::lock_guard hold(clientsLock_);
-    for (machine::Volume* volume : machine_->Volumes()) {
-        const bool used = clients_.CountOn(volume->device->Number(), volume->device->DiskNumber()) != 0;
-        if (used && volume->files != nullptr) volume->files->Suspend();
-    }
+    machine_->ForEachVolume([&](machine::Volume& volume) {
+        const bool used = clients_.CountOn(volume.device->Number(), volume.device->DiskNumber()) != 0;
+        if (used && volume.files != nullptr) volume.files->Suspend();
+    });
     return true;
 }
 
@@ -250,11 +274,7 @@ void Server::SaveRegistryNowAndThen() {
 }
 
 void Server::NoMemory(const char* whose) noexcept {
-    try {
-        log_.Line(std::string(whose) + ": no memory");
-    } catch (const std::bad_alloc&) {
-        return;  // who asked is told all the same
-    }
+    log_.Line(whose, ": no memory");
 }
 
 }  // namespace nbd

@@ -1,19 +1,19 @@
 #include <shared_mutex>
 #include <utility>
 #include "nbd/server.h"
+#include "platform/host/check/host_memory.h"
 #include "nbd/volume_description.h"
 #include "platform/owners.h"
 #include "platform/host/sync/thread.h"
 
 namespace nbd {
 
-std::vector<machine::Volume*> Server::VolumesOf(const Export& target) {
+template <class Each>
+void Server::ForEachVolumeOf(const Export& target, const Each& each) {
     const Client client{target, {}};
-    std::vector<machine::Volume*> volumes = machine_->Volumes();
-    std::erase_if(volumes, [&](const machine::Volume* volume) {
-        return !client.Uses(volume->device->Number(), volume->device->DiskNumber());
+    machine_->ForEachVolume([&](machine::Volume& volume) {
+        if (client.Uses(volume.device->Number(), volume.device->DiskNumber())) each(volume);
     });
-    return volumes;
 }
 
 // Null when this boot has no such disk or volume. The system disk is not among the served ones.
@@ -67,44 +67,58 @@ std::unique_ptr<Server::Connection> Server::Connect(const Export& target, const 
     const std::lock_guard guard(clientsLock_);
     if (IsMakingStorage(target))
         throw Error(target.Name() + " cannot be had while swap storage is being made on it");
-    LendVolumes(target);
     connection->client = clients_.Add({target, who});
-    log_.Line("client: connects: " + connection->client->Describe());
+    try {
+        log_.Line("client: connects: ", connection->client->Describe());
+    } catch (const std::bad_alloc&) {
+        clients_.Remove(connection->client);
+        throw;
+    }
+    LendVolumes(target);
     return connection;
 }
 
-void Server::Disconnect(std::unique_ptr<Connection> connection) {
+void Server::Disconnect(std::unique_ptr<Connection> connection) noexcept {
     const std::shared_lock hold(boot_);
     const std::lock_guard guard(clientsLock_);
     const Client client = std::move(*connection->client);
     clients_.Remove(connection->client);
     if (on_) TakeBackVolumes(connection->target);
-    log_.Line("client: disconnects: " + client.Describe());
+    try {
+        log_.Line("client: disconnects: ", client.Describe());
+    } catch (const std::bad_alloc&) {
+        NoMemory("client: disconnects");
+    }
 }
 
-// Before the client is counted.
+// The client is counted: it is the first one of a volume when it is the only one there.
 void Server::LendVolumes(const Export& target) {
-    for (machine::Volume* volume : VolumesOf(target)) {
-        const bool free = clients_.CountOn(volume->device->Number(), volume->device->DiskNumber()) == 0;
-        if (free && volume->files != nullptr) volume->files->Suspend();
-    }
+    ForEachVolumeOf(target, [&](machine::Volume& volume) {
+        const bool first = clients_.CountOn(volume.device->Number(), volume.device->DiskNumber()) == 1;
+        if (first && volume.files != nullptr) volume.files->Suspend();
+    });
 }
 
 // After the client is no longer counted.
 void Server::TakeBackVolumes(const Export& target) {
-    for (machine::Volume* volume : VolumesOf(target)) {
-        const unsigned number = volume->device->Number();
-        if (clients_.CountOn(number, volume->device->DiskNumber()) != 0) continue;
-        if (volume->files != nullptr)
-            volume->files->Resume();
+    ForEachVolumeOf(target, [&](machine::Volume& volume) {
+        const unsigned number = volume.device->Number();
+        if (clients_.CountOn(number, volume.device->DiskNumber()) != 0) return;
+        if (volume.files != nullptr)
+            volume.files->Resume();
         else
             KVR_DISCARD(machine_->MountRaw(number), "a volume that is still raw stays so");
-        Redescribe(*volume);
-    }
+        Redescribe(volume);
+    });
 }
 
+// Where the host has no memory for it the last description stays.
 void Server::Redescribe(machine::Volume& volume) {
-    descriptions_.insert_or_assign(volume.device->Number(), DescribeVolume(*machine_, volume));
+    if (!host::WithinMemory(false, [&] {
+            descriptions_.insert_or_assign(volume.device->Number(), DescribeVolume(*machine_, volume));
+            return true;
+        }))
+        NoMemory("description of a volume");
 }
 
 namespace {

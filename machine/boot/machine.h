@@ -108,7 +108,9 @@ public:
     // Boots. Fixed disks come first, then removable ones; each group's file systems are mounted when all its
     // volumes have started, the system volume's first. A driver that fails to load is left out, as on the
     // platform (DriverStatus); a failure returned here is one of the machine's own devices.
+    // Throws std::bad_alloc where the host has no memory for these; PowerCut() then ends what has begun.
     [[nodiscard]] NTSTATUS PowerOn();
+    // Nothing of it can be refused: what finds no host memory is tried again until there is some.
     // In the platform's order: notifies the drivers, writes the registry out, dismounts the file systems,
     // notifies those who asked for the last chance, and sends the power request to every stack. Then waits for
     // the driver's threads and ends the boot. A thread held by a gate of the test must
@@ -140,6 +142,12 @@ public:
     Volume* VolumeOf(unsigned number);
     Volume* VolumeNamed(std::u16string_view name);
     std::vector<Volume*> Volumes();
+    // The same without a list, which would have to be made first.
+    template <class Action>
+    void ForEachVolume(const Action& action) {
+        if (boot_ == nullptr) return;
+        for (const auto& [number, volume] : boot_->volumes) action(*volume);
+    }
     // Every volume that was ever numbered, the present ones among them; empty unless mostVolumes says so.
     std::map<unsigned, KnownVolume> KnownVolumes() const;
     // False when the disk of that number did not start in this boot, or its partition table could not be read:

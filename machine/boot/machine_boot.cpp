@@ -1,6 +1,7 @@
 #include <utility>
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
+#include "platform/host/check/host_memory.h"
 #include "machine/disk/device_support.h"
 #include "machine/boot/machine.h"
 #include "machine/partition/partition_table.h"
@@ -176,8 +177,15 @@ NTSTATUS Machine::MountRaw(unsigned number) {
     Volume* volume = VolumeOf(number);
     if (volume == nullptr) return STATUS_NO_SUCH_DEVICE;
     if (volume->files != nullptr) return STATUS_DEVICE_BUSY;
-    Mount(*volume);
-    return volume->mountStatus;
+    const NTSTATUS status = host::WithinMemory([&] {
+        Mount(*volume);
+        return volume->mountStatus;
+    });
+    if (NT_SUCCESS(status) || volume->files == nullptr) return status;
+    NTSTATUS ignored = STATUS_SUCCESS;
+    Dismount(*volume, ignored);  // nothing was changed there that a flush could fail for
+    volume->files.reset();
+    return volume->mountStatus = status;
 }
 
 PDRIVER_OBJECT Machine::FileSystemDriverOf(const std::u16string& name) {

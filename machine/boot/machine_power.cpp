@@ -1,6 +1,7 @@
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
 #include "machine/boot/machine.h"
+#include "platform/host/check/host_memory.h"
 #include <chrono>
 #include <thread>
 #include "platform/host/object/namespace.h"
@@ -49,7 +50,7 @@ void Machine::SendPowerOff() {
         KVR_DISCARD(host::SendPower(device, IRP_MN_SET_POWER, SystemPowerState, state),
                     "a set-power request cannot be refused");
     };
-    for (Volume* volume : Volumes()) send(volume->device->Device());
+    for (const auto& [number, volume] : boot_->volumes) send(volume->device->Device());
     for (DiskSlot& slot : disks_) {
         if (slot.device != nullptr) send(slot.device->Device());
     }
@@ -76,17 +77,17 @@ ShutdownReport Machine::Shutdown() {
     if (boot_ == nullptr) return report;
     host::NotifyShutdown();
     // The disks' filters may be gone now; who goes on writing must not meet them.
-    for (Volume* volume : Volumes()) volume->device->Retarget();
+    for (const auto& [number, volume] : boot_->volumes) volume->device->Retarget();
     Reached(ShutdownStep::Notified);
-    report.registry = options_.registry->Flush();
+    report.registry = host::Insist("the registry", [&] { return options_.registry->Flush(); });
     Reached(ShutdownStep::RegistryWritten);
-    for (Volume* volume : Volumes()) Dismount(*volume, report.dismount);
+    for (const auto& [number, volume] : boot_->volumes) Dismount(*volume, report.dismount);
     Reached(ShutdownStep::Dismounted);
     host::NotifyLastChance();
     Reached(ShutdownStep::LastChance);
     SendPowerOff();
     report.threads = host::JoinSystemThreads();
-    for (Volume* volume : Volumes()) volume->device->DropTargets();
+    for (const auto& [number, volume] : boot_->volumes) volume->device->DropTargets();
     EndBoot(report);
     return report;
 }
@@ -97,14 +98,14 @@ void Machine::PowerCut() {
     StopDisks();
     const std::unique_lock hold(use_);
     if (boot_ == nullptr) return;
-    for (Volume* volume : Volumes()) {
+    for (const auto& [number, volume] : boot_->volumes) {
         volume->io->Close();
         if (volume->files == nullptr) continue;
         host::UnmountProvider(volume->device->Device());
         volume->files->Abandon();
     }
     host::JoinSystemThreads();
-    for (Volume* volume : Volumes()) volume->device->DropTargets();
+    for (const auto& [number, volume] : boot_->volumes) volume->device->DropTargets();
     ShutdownReport ignored;
     EndBoot(ignored);
 }
@@ -119,7 +120,7 @@ ShutdownReport Machine::Reboot(NTSTATUS& booted) {
 void Machine::EndBoot(ShutdownReport& report) {
     StopDisks();
     report.leaks = host::PowerOff();
-    report.pool = host::PoolReclaimAll();
+    report.pool = host::Insist("the report of the pool", host::PoolReclaimAll);
     host::SetRegistryStore(nullptr);
     boot_.reset();
     for (DiskSlot& slot : disks_) slot.device.reset();

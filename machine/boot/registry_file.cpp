@@ -7,6 +7,7 @@
 #include <unistd.h>
 #include "machine/boot/registry_text.h"
 #include "machine/names.h"
+#include "platform/host/check/host_memory.h"
 #include "posix/file_io.h"
 #include "posix/utf.h"
 
@@ -97,7 +98,8 @@ void RegistryFile::SetPower(std::shared_ptr<PowerSwitch> power) {
 
 void RegistryFile::DropUnflushed() {
     std::lock_guard hold(lock_);
-    keys_ = flushed_;
+    Keys kept = host::Insist("the registry", [&] { return flushed_; });
+    keys_.swap(kept);
     changed_ = false;
 }
 
@@ -108,7 +110,7 @@ NTSTATUS RegistryFile::CreateKey(const std::u16string& key) {
     if (keys_.contains(folded)) return STATUS_SUCCESS;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
-    keys_[std::move(folded)].name = key;
+    keys_.emplace(std::move(folded), Key{key, {}});
     changed_ = true;
     return STATUS_SUCCESS;
 }
@@ -131,9 +133,10 @@ NTSTATUS RegistryFile::Set(const std::u16string& key, const std::u16string& name
     if (found == keys_.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
-    Value& item = found->second.values[FoldName(name)];
-    if (item.name.empty()) item.name = name;
-    item.data = value;
+    // Whole or not at all: a value without its name or data would be written out as such.
+    Value changed{name, value};
+    const auto [item, isNew] = found->second.values.try_emplace(FoldName(name), std::move(changed));
+    if (!isNew) std::swap(item->second.data, changed.data);
     changed_ = true;
     return STATUS_SUCCESS;
 }
@@ -156,8 +159,9 @@ NTSTATUS RegistryFile::Flush() {
     if (!changed_) return STATUS_SUCCESS;
     const Admission admitted(power_);
     if (!admitted) return STATUS_DEVICE_POWERED_OFF;
-    if (!path_.empty() && !ReplaceFile(Write(keys_))) return STATUS_IO_DEVICE_ERROR;
-    flushed_ = keys_;
+    Keys written = keys_;
+    if (!path_.empty() && !ReplaceFile(Write(written))) return STATUS_IO_DEVICE_ERROR;
+    flushed_.swap(written);
     changed_ = false;
     return STATUS_SUCCESS;
 }

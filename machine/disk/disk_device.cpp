@@ -3,6 +3,7 @@
 #include "platform/host/check/injector.h"
 #include "machine/disk/data_sets.h"
 #include "machine/disk/device_support.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/sync/sync.h"
 
 namespace machine {
@@ -68,7 +69,7 @@ NTSTATUS DiskDevice::DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
 
 NTSTATUS DiskDevice::DispatchControl(PDEVICE_OBJECT device, PIRP irp) {
     ULONG_PTR information = 0;
-    const NTSTATUS status = Of(device).Control(irp, information);
+    const NTSTATUS status = host::WithinMemory([&] { return Of(device).Control(irp, information); });
     return Complete(irp, status, information);
 }
 
@@ -133,13 +134,13 @@ NTSTATUS DiskDevice::Control(PIRP irp, ULONG_PTR& information) {
 
 NTSTATUS DiskDevice::Trim(PIRP irp) {
     constexpr ULONGLONG kPart = 0x10000;
-    const std::vector<UCHAR> zeros(kPart);
+    static const UCHAR zeros[kPart]{};
     for (const DataSetRange& range : TrimRanges(irp)) {
         for (ULONGLONG done = 0; done < range.length; done += kPart) {
             const auto at = static_cast<std::uint64_t>(range.offset) + done;
             const auto part = static_cast<ULONG>(std::min(kPart, range.length - done));
             if (!IsOnDisk(at, part, *medium_)) return STATUS_INVALID_PARAMETER;
-            const NTSTATUS status = medium_->Write(at, zeros.data(), part);
+            const NTSTATUS status = medium_->Write(at, zeros, part);
             if (!NT_SUCCESS(status)) return status;
         }
     }

@@ -36,7 +36,9 @@ VolumeDevice::VolumeDevice(const DiskDevice& disk, unsigned number, std::uint64_
       disk_(disk),
       number_(number),
       offset_(offset),
-      length_(length) {}
+      length_(length) {
+    referenced_.reserve(2);  // of the start and of the shutdown, which cannot be refused
+}
 
 void VolumeDevice::Retarget() {
     const PDEVICE_OBJECT top = IoGetAttachedDeviceReference(disk_.Device());

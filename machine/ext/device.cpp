@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <vector>
 #include "machine/ext/library.h"
+#include "platform/host/check/host_memory.h"
 
 namespace machine {
 namespace {
@@ -51,19 +52,26 @@ errcode_t SetBlockSize(io_channel channel, int size) {
     return 0;
 }
 
+errcode_t ErrorOf(NTSTATUS status, errcode_t otherwise) {
+    return status == STATUS_INSUFFICIENT_RESOURCES ? EXT2_ET_NO_MEMORY : otherwise;
+}
+
 errcode_t Read(io_channel channel, std::uint64_t offset, void* buffer, std::uint64_t length) {
     MetadataCache& cache = CacheOf(channel);
-    const bool read = cache.Contains(offset, length) && NT_SUCCESS(cache.Read(offset, buffer, length));
-    return read ? 0 : EXT2_ET_SHORT_READ;
+    if (!cache.Contains(offset, length)) return EXT2_ET_SHORT_READ;
+    const NTSTATUS status = host::WithinMemory([&] { return cache.Read(offset, buffer, length); });
+    return NT_SUCCESS(status) ? 0 : ErrorOf(status, EXT2_ET_SHORT_READ);
 }
 
 // What is there is read first: the library writes whole tables back for one changed entry, and bytes that are
 // there already are no change to the cache.
 errcode_t Write(io_channel channel, std::uint64_t offset, const void* buffer, std::uint64_t length) {
-    std::vector<std::uint8_t> old(length);
-    const bool written = Read(channel, offset, old.data(), length) == 0 &&
-                         NT_SUCCESS(CacheOf(channel).Write(offset, buffer, length));
-    return written ? 0 : EXT2_ET_SHORT_WRITE;
+    const NTSTATUS status = host::WithinMemory([&] {
+        std::vector<std::uint8_t> old(length);
+        if (Read(channel, offset, old.data(), length) != 0) return STATUS_IO_DEVICE_ERROR;
+        return CacheOf(channel).Write(offset, buffer, length);
+    });
+    return NT_SUCCESS(status) ? 0 : ErrorOf(status, EXT2_ET_SHORT_WRITE);
 }
 
 errcode_t ReadBlocks(io_channel channel, unsigned long long block, int count, void* data) {
@@ -87,12 +95,10 @@ errcode_t WriteBytes(io_channel channel, unsigned long offset, int count, const 
 }
 
 errcode_t ZeroBlocks(io_channel channel, unsigned long long block, unsigned long long count) {
-    constexpr std::uint64_t kPiece = 1 << 20;
+    static const std::uint8_t kZeros[1 << 16]{};
     const std::uint64_t end = OffsetOf(channel, block + count);
-    const std::vector<std::uint8_t> zeros(std::min(OffsetOf(channel, count), kPiece));
-    for (std::uint64_t at = OffsetOf(channel, block); at < end; at += zeros.size()) {
-        const errcode_t error =
-            Write(channel, at, zeros.data(), std::min<std::uint64_t>(end - at, zeros.size()));
+    for (std::uint64_t at = OffsetOf(channel, block); at < end; at += sizeof kZeros) {
+        const errcode_t error = Write(channel, at, kZeros, std::min<std::uint64_t>(end - at, sizeof kZeros));
         if (error != 0) return error;
     }
     return 0;

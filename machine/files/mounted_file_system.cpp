@@ -4,6 +4,7 @@
 #include "machine/files/open_files.h"
 #include "machine/files/open_rights.h"
 #include "machine/names.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/owners.h"
 
 namespace machine {
@@ -70,7 +71,8 @@ public:
 
     ~MountedOpen() override {
         const host::HostGuard guard(state_->files.volume.Lock());
-        KVR_DISCARD(state_->files.Leave(file_, claim_), "a close has nobody to report a failure to");
+        KVR_DISCARD(host::WithinMemory([&]() KVR_REQUIRES(state_->files.volume.Lock()) { return Leave(); }),
+                    "a close has nobody to report a failure to");
     }
     MountedOpen(const MountedOpen&) = delete;
     MountedOpen& operator=(const MountedOpen&) = delete;
@@ -90,6 +92,8 @@ public:
     }
 
 private:
+    NTSTATUS Leave() KVR_REQUIRES(state_->files.volume.Lock()) { return state_->files.Leave(file_, claim_); }
+
     const std::shared_ptr<MountedFileSystem::State> state_;
     const std::shared_ptr<SharedFile> file_;
     const std::shared_ptr<NamedFileObject> object_;
@@ -200,8 +204,15 @@ NTSTATUS MountedFileSystem::Open(const host::FileOpen& request, std::unique_ptr<
         NTSTATUS status = state_->Locate(request.path, place);
         if (NT_SUCCESS(status)) status = state_->Admit(request, claim, place, target, information);
         if (!NT_SUCCESS(status)) return status;
-        opened = std::make_unique<MountedOpen>(state_, target, state_->MakeFileObject(request.path, *target),
-                                               claim, request);
+        status = host::WithinMemory([&]() KVR_REQUIRES(state_->files.volume.Lock()) {
+            opened = std::make_unique<MountedOpen>(
+                state_, target, state_->MakeFileObject(request.path, *target), claim, request);
+            return STATUS_SUCCESS;
+        });
+        if (!NT_SUCCESS(status)) {
+            KVR_DISCARD(state_->files.Leave(target, claim), "the open has failed already");
+            return status;
+        }
     }
     if (information == FILE_OVERWRITTEN) {
         const NTSTATUS status = target->data.Truncate(request.attributes);
@@ -337,7 +348,9 @@ NTSTATUS MountedFileSystem::End(bool orderly) {
     {
         const host::HostGuard guard(state_->files.volume.Lock());
         if (state_->files.volume.Closed()) return STATUS_SUCCESS;
-        open = state_->files.ForgetAll(orderly);
+        open = host::Insist("the end of a file system", [&]() KVR_REQUIRES(state_->files.volume.Lock()) {
+            return state_->files.ForgetAll(orderly);
+        });
         state_->files.volume.Close();
     }
     for (const std::shared_ptr<SharedFile>& file : open) file->data.Disconnect();
@@ -349,7 +362,9 @@ void MountedFileSystem::Suspend() {
     SharedFiles open;
     {
         const host::HostGuard guard(state_->files.volume.Lock());
-        open = state_->files.BringUpToDate();
+        open = host::Insist("a file system's open files", [&]() KVR_REQUIRES(state_->files.volume.Lock()) {
+            return state_->files.BringUpToDate();
+        });
         state_->files.volume.Suspend();
     }
     for (const std::shared_ptr<SharedFile>& file : open) file->data.Suspend();
@@ -360,7 +375,8 @@ void MountedFileSystem::Resume() {
     {
         const host::HostGuard guard(state_->files.volume.Lock());
         state_->files.volume.Resume();
-        open = state_->files.All();
+        open = host::Insist("a file system's open files",
+                            [&]() KVR_REQUIRES(state_->files.volume.Lock()) { return state_->files.All(); });
     }
     for (const std::shared_ptr<SharedFile>& file : open) file->data.Resume();
 }

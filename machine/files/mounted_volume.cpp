@@ -1,4 +1,5 @@
 #include "machine/files/mounted_volume.h"
+#include "platform/host/check/host_memory.h"
 
 namespace machine {
 
@@ -8,7 +9,7 @@ MountedVolume::~MountedVolume() {
 }
 
 NTSTATUS MountedVolume::Mount() {
-    const NTSTATUS status = format_->Open();
+    const NTSTATUS status = host::WithinMemory([&]() KVR_REQUIRES(lock_) { return format_->Open(); });
     if (NT_SUCCESS(status))
         closed_ = false;
     else
@@ -37,7 +38,9 @@ NTSTATUS MountedVolume::Look(PFILE_OBJECT file, const Body& body) {
     NTSTATUS status = Begin();
     if (!NT_SUCCESS(status)) return status;
     format_->Names().BeginOperation(file);
-    status = body(*format_);
+    status = host::WithinMemory([&]() KVR_REQUIRES(lock_) { return body(*format_); });
+    // A library that threw half-way is in no state to be asked again.
+    if (status == STATUS_INSUFFICIENT_RESOURCES) Forget();
     EndOperation();
     return status;
 }
@@ -51,7 +54,7 @@ NTSTATUS MountedVolume::Change(CommitOrder order, PFILE_OBJECT file, const Body&
     if (!NT_SUCCESS(status)) return status;
     if (!format_->ReadOnlyReason().empty()) return STATUS_MEDIA_WRITE_PROTECTED;
     format_->Names().BeginOperation(file);
-    status = ChangeWithin(order, body);
+    status = host::WithinMemory([&]() KVR_REQUIRES(lock_) { return ChangeWithin(order, body); });
     if (!NT_SUCCESS(status)) Forget();
     EndOperation();
     return status;

@@ -19,9 +19,9 @@ NTSTATUS OpenFiles::Find(const FilePlace& place, std::shared_ptr<SharedFile>& fi
 
 NTSTATUS OpenFiles::Enter(const std::shared_ptr<SharedFile>& file, const ShareClaim& claim) {
     if (!file->share.Allows(claim)) return STATUS_SHARING_VIOLATION;
+    files_.emplace(file->data.Id().number, file);
     file->share.Admit(claim);
     ++file->opens;
-    files_.emplace(file->data.Id().number, file);
     return STATUS_SUCCESS;
 }
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 #include "machine/ntfs/library.h"
+#include "platform/host/check/host_memory.h"
 
 namespace machine {
 
@@ -17,6 +18,10 @@ MetadataCache& CacheOf(ntfs_device* device) {
 s64 Refuse(int error) {
     errno = error;
     return -1;
+}
+
+int ErrnoOf(NTSTATUS status) {
+    return status == STATUS_INSUFFICIENT_RESOURCES ? ENOMEM : EIO;
 }
 
 int Open(ntfs_device* device, int flags) {
@@ -51,9 +56,10 @@ s64 ReadAt(ntfs_device* device, void* buffer, s64 count, s64 offset) {
     if (count < 0 || offset < 0) return Refuse(EINVAL);
     if (offset >= size) return 0;
     count = std::min(count, size - offset);
-    const NTSTATUS status =
-        cache.Read(static_cast<std::uint64_t>(offset), buffer, static_cast<std::size_t>(count));
-    return NT_SUCCESS(status) ? count : Refuse(EIO);
+    const NTSTATUS status = host::WithinMemory([&] {
+        return cache.Read(static_cast<std::uint64_t>(offset), buffer, static_cast<std::size_t>(count));
+    });
+    return NT_SUCCESS(status) ? count : Refuse(ErrnoOf(status));
 }
 
 s64 WriteAt(ntfs_device* device, const void* buffer, s64 count, s64 offset) {
@@ -62,7 +68,8 @@ s64 WriteAt(ntfs_device* device, const void* buffer, s64 count, s64 offset) {
     const auto at = static_cast<std::uint64_t>(offset);
     const auto length = static_cast<std::uint64_t>(count);
     if (count < 0 || offset < 0 || !cache.Contains(at, length)) return Refuse(EINVAL);
-    return NT_SUCCESS(cache.Write(at, buffer, length)) ? count : Refuse(EIO);
+    const NTSTATUS status = host::WithinMemory([&] { return cache.Write(at, buffer, length); });
+    return NT_SUCCESS(status) ? count : Refuse(ErrnoOf(status));
 }
 
 // Nothing is held back here: the cache is written by Commit(), and a flush of the stack is asked for by name.

@@ -5,6 +5,7 @@
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/object/registry_store.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/sync/thread.h"
 
 namespace host {
@@ -20,7 +21,7 @@ void PowerOn() {
 }
 
 LeakReport PowerOff() {
-    const LeakReport report = CountLeaks();
+    const LeakReport report = Insist("the report of a boot", CountLeaks);
     CloseAllHandles();
     DropProgramFiles();
     DropShutdownLists();

@@ -4,6 +4,7 @@
 #include "platform/host/check/injector.h"
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -41,6 +42,7 @@ PDEVICE_OBJECT NewDevice(PDRIVER_OBJECT driver, ULONG extensionSize) {
     return device;
 }
 
+// The last step of a device's making that can fail.
 void LinkDevice(PDEVICE_OBJECT device) {
     const HostGuard guard(gDeviceLock);
     gDevices.push_back(device);
@@ -88,11 +90,10 @@ ULONG DeviceCount() {
 }
 
 void DropAllDevices() {
-    std::vector<PDEVICE_OBJECT> devices;
-    {
+    const std::vector<PDEVICE_OBJECT> devices = Insist("the list of devices", [] {
         const HostGuard guard(gDeviceLock);
-        devices = gDevices;
-    }
+        return gDevices;
+    });
     for (PDEVICE_OBJECT device : devices) {
         device->Host->Deleted = true;
         for (LONG n = ReferencesOf(device); n > 0; --n) ObfDereferenceObject(device);
@@ -115,18 +116,23 @@ NTSTATUS IoCreateDevice(PDRIVER_OBJECT driver, ULONG extensionSize, PUNICODE_STR
     made->DeviceType = type;
     made->Characteristics = characteristics;
     made->Flags = DO_DEVICE_INITIALIZING | (exclusive ? DO_EXCLUSIVE : 0);
-    if (name != nullptr && name->Length != 0) {
-        const NTSTATUS status = host::AddDeviceName(host::View(name), made);
-        if (!NT_SUCCESS(status)) {
-            made->Host->Deleted = true;
-            ObfDereferenceObject(made);
-            return status;
+    const NTSTATUS status = host::WithinMemory([&] {
+        if (name != nullptr && name->Length != 0) {
+            made->Host->Name = host::View(name);
+            const NTSTATUS named = host::AddDeviceName(host::View(name), made);
+            if (!NT_SUCCESS(named)) return named;
         }
-        made->Host->Name = host::View(name);
+        host::LinkDevice(made);
+        return STATUS_SUCCESS;
+    });
+    if (NT_SUCCESS(status)) {
+        *device = made;
+        return status;
     }
-    host::LinkDevice(made);
-    *device = made;
-    return STATUS_SUCCESS;
+    host::RemoveDeviceName(made);
+    made->Host->Deleted = true;
+    ObfDereferenceObject(made);
+    return status;
 }
 
 void IoDeleteDevice(PDEVICE_OBJECT device) {
@@ -140,7 +146,7 @@ void IoDeleteDevice(PDEVICE_OBJECT device) {
         device->Host->Deleted = true;
     }
     host::UnmountProvider(device);
-    if (!device->Host->Name.empty()) host::RemoveDeviceName(device->Host->Name);
+    if (!device->Host->Name.empty()) host::RemoveDeviceName(device);
     ObfDereferenceObject(device);
 }
 

@@ -5,6 +5,7 @@
 #include "platform/host/io/device_table.h"
 #include "platform/host/object/object.h"
 #include "platform/host/io/request.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 #include "platform/host/sync/thread.h"
 
@@ -21,7 +22,7 @@ struct DriverBody {
 };
 
 std::vector<PDRIVER_OBJECT> gDrivers KVR_GUARDED_BY(gDeviceLock);
-// Referenced, in order of registration.
+// Referenced, in order of registration; who takes one from its end needs no memory.
 using ShutdownList = std::vector<PDEVICE_OBJECT>;
 ShutdownList gShutdownList KVR_GUARDED_BY(gDeviceLock);
 ShutdownList gLastChanceList KVR_GUARDED_BY(gDeviceLock);
@@ -47,7 +48,8 @@ template <class Fill>
 NTSTATUS SendToTop(PDEVICE_OBJECT device, UCHAR major, UCHAR minor, NTSTATUS initial, const Fill& fill) {
     RequireIrql("sending to a device stack", PASSIVE_LEVEL);
     ObjectRef<DEVICE_OBJECT> top(IoGetAttachedDeviceReference(device));
-    SyncRequest sync(NewIrp(top->StackSize, nullptr, nullptr));
+    // What the system itself asks of its devices, the end of a boot above all, is asked.
+    SyncRequest sync(Insist("a request", [&] { return NewIrp(top->StackSize, nullptr, nullptr); }));
     sync.irp()->IoStatus.Status = initial;
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(sync.irp());
     next->MajorFunction = major;
@@ -64,13 +66,16 @@ PDEVICE_OBJECT TakeLastRegistered(ShutdownList& list) {
     return device;
 }
 
-void Register(const char* routine, PDEVICE_OBJECT device, ShutdownList& list) {
+NTSTATUS Register(const char* routine, PDEVICE_OBJECT device, ShutdownList& list) {
     RequirePageable(routine, PASSIVE_LEVEL);
     CheckDevice(device, routine);
-    ObfReferenceObject(device);
-    const HostGuard guard(gDeviceLock);
-    list.push_back(device);
-    device->Flags |= DO_SHUTDOWN_REGISTERED;
+    return WithinMemory([&] {
+        const HostGuard guard(gDeviceLock);
+        list.push_back(device);
+        ObfReferenceObject(device);
+        device->Flags |= DO_SHUTDOWN_REGISTERED;
+        return STATUS_SUCCESS;
+    });
 }
 
 // The platform goes on with its shutdown whatever a driver answers.
@@ -90,16 +95,17 @@ PDRIVER_OBJECT CreateDriver(std::u16string_view name) {
     body->object.DriverExtension = &body->extension;
     body->object.DriverName = Counted(body->name);
     for (PDRIVER_DISPATCH& slot : body->object.MajorFunction) slot = RefuseRequest;
+    ObjectRef<DRIVER_OBJECT> made(&body->object);
     const HostGuard guard(gDeviceLock);
     gDrivers.push_back(&body->object);
-    return &body->object;
+    return made.release();
 }
 
 NTSTATUS LoadDriver(PDRIVER_INITIALIZE entry, std::u16string_view name, PDRIVER_OBJECT& driver) {
     RequireIrql("LoadDriver", PASSIVE_LEVEL);
     driver = nullptr;
-    PDRIVER_OBJECT made = CreateDriver(name);
     std::u16string path = ServicePath(name);
+    PDRIVER_OBJECT made = CreateDriver(name);
     UNICODE_STRING registryPath = Counted(path);
     const NTSTATUS status = entry(made, &registryPath);
     if (NT_SUCCESS(status)) {
@@ -181,13 +187,11 @@ void DropAllDrivers() {
 }  // namespace host
 
 NTSTATUS IoRegisterShutdownNotification(PDEVICE_OBJECT device) KVR_NO_ANALYSIS {
-    host::Register("IoRegisterShutdownNotification", device, host::gShutdownList);
-    return STATUS_SUCCESS;
+    return host::Register("IoRegisterShutdownNotification", device, host::gShutdownList);
 }
 
 NTSTATUS IoRegisterLastChanceShutdownNotification(PDEVICE_OBJECT device) KVR_NO_ANALYSIS {
-    host::Register("IoRegisterLastChanceShutdownNotification", device, host::gLastChanceList);
-    return STATUS_SUCCESS;
+    return host::Register("IoRegisterLastChanceShutdownNotification", device, host::gLastChanceList);
 }
 
 void IoUnregisterShutdownNotification(PDEVICE_OBJECT device) {

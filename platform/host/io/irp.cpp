@@ -3,6 +3,7 @@
 #include "platform/host/check/injector.h"
 #include "platform/host/memory/mdl.h"
 #include "platform/host/io/thread_io.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -35,7 +36,7 @@ HostIrp* Allocate(ThreadIo& io, CCHAR stackSize) {
     const SIZE_T bytes =
         kHeaderSize + sizeof(IRP) + static_cast<SIZE_T>(kSpareLocations + capacity) * sizeof(IO_STACK_LOCATION);
     void* memory = std::malloc(bytes);
-    if (memory == nullptr) Violation("host memory", "no memory for a request of %d stack locations", stackSize);
+    if (memory == nullptr) throw std::bad_alloc();
     auto* own = new (memory) HostIrp{};
     own->Capacity = capacity;
     return own;
@@ -96,7 +97,7 @@ void FreeCachedIrps(ThreadIo& io) {
 
 PIRP IoAllocateIrp(CCHAR stackSize, BOOLEAN) {
     if (host::InjectFault(host::Fault::BuildRequest)) return nullptr;
-    return host::NewIrp(stackSize, nullptr, nullptr);
+    return host::WithinMemory(PIRP{}, [&] { return host::NewIrp(stackSize, nullptr, nullptr); });
 }
 
 BOOLEAN IoIs32bitProcess(PIRP irp) {

@@ -38,7 +38,7 @@ struct HostIrp {
 
 namespace host {
 
-// A request with every field zero, `finish` to be called at its end. Never null.
+// A request with every field zero, `finish` to be called at its end. Throws std::bad_alloc.
 PIRP NewIrp(CCHAR stackSize, IrpFinish finish, PVOID context);
 // Gives the request back; its MDLs must be gone. IoFreeIrp is the same for drivers.
 void ReleaseIrp(PIRP irp);
@@ -46,7 +46,7 @@ void ReleaseIrp(PIRP irp);
 void ReleaseMdls(PIRP irp);
 
 // A device-control request as IoBuildDeviceIoControlRequest makes it, without injected failures, event or
-// status block.
+// status block. Throws std::bad_alloc.
 PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG inputLength, PVOID output,
                   ULONG outputLength, UCHAR major);
 // Copies the system buffer of a completed request of that kind to the caller's, unless it ended in an error.

@@ -1,11 +1,13 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/io/irp.h"
 #include "platform/host/memory/mdl.h"
 #include "platform/host/nt/ntddctl.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 // Requests that drivers have the kernel build. When one passes its last stack location the kernel reports its
@@ -39,7 +41,7 @@ void GiveSystemBuffer(PIRP irp, const void* input, ULONG inputLength, PVOID outp
     const ULONG length = std::max(inputLength, outputLength);
     if (length == 0) return;
     PVOID buffer = std::malloc(length);
-    if (buffer == nullptr) Violation("host memory", "no memory for a buffer of %u bytes", length);
+    if (buffer == nullptr) throw std::bad_alloc();
     std::memset(buffer, 0xA5, length);
     if (inputLength != 0) RtlCopyMemory(buffer, input, inputLength);
     irp->AssociatedIrp.SystemBuffer = buffer;
@@ -49,6 +51,23 @@ void GiveSystemBuffer(PIRP irp, const void* input, ULONG inputLength, PVOID outp
     irp->Host->OutputLength = output != nullptr ? outputLength : 0;
 }
 
+// A request under way to whoever asked for it; one that is not finished is taken back.
+class Unfinished {
+public:
+    explicit Unfinished(PIRP irp) : irp_(irp) {}
+    ~Unfinished() {
+        if (irp_ == nullptr) return;
+        ReleaseMdls(irp_);
+        ReleaseIrp(irp_);
+    }
+    Unfinished(const Unfinished&) = delete;
+    Unfinished& operator=(const Unfinished&) = delete;
+    PIRP Done() { return std::exchange(irp_, nullptr); }
+
+private:
+    PIRP irp_;
+};
+
 void DescribeBuffer(PIRP irp, PDEVICE_OBJECT device, PVOID buffer, ULONG length) {
     if ((device->Flags & DO_DIRECT_IO) == 0 || length == 0) {
         irp->UserBuffer = buffer;
@@ -56,6 +75,21 @@ void DescribeBuffer(PIRP irp, PDEVICE_OBJECT device, PVOID buffer, ULONG length)
     }
     irp->MdlAddress = NewMdl(buffer, length);
     LockMdl(irp->MdlAddress);
+}
+
+PIRP BuildFsd(ULONG major, PDEVICE_OBJECT device, PVOID buffer, ULONG length, PLARGE_INTEGER offset,
+              PIO_STATUS_BLOCK iosb) {
+    PIRP irp = NewIrp(device->StackSize, FinishBuilt, nullptr);
+    Unfinished made(irp);
+    irp->Tail.Overlay.Thread = KeGetCurrentThread();
+    irp->UserIosb = iosb;
+    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
+    next->MajorFunction = static_cast<UCHAR>(major);
+    if (major != IRP_MJ_READ && major != IRP_MJ_WRITE) return made.Done();
+    next->Parameters.Read.Length = length;
+    next->Parameters.Read.ByteOffset = *offset;
+    DescribeBuffer(irp, device, buffer, length);
+    return made.Done();
 }
 
 }  // namespace
@@ -74,6 +108,7 @@ PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG in
     CheckDevice(device, "IoBuildDeviceIoControlRequest");
     constexpr ULONG kNeither = 3;
     PIRP irp = NewIrp(device->StackSize, FinishBuilt, nullptr);
+    Unfinished made(irp);
     irp->Tail.Overlay.Thread = KeGetCurrentThread();
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
     next->MajorFunction = major;
@@ -92,7 +127,7 @@ PIRP BuildControl(ULONG code, PDEVICE_OBJECT device, const void* input, ULONG in
             LockMdl(irp->MdlAddress);
         }
     }
-    return irp;
+    return made.Done();
 }
 
 }  // namespace host
@@ -102,16 +137,8 @@ PIRP IoBuildAsynchronousFsdRequest(ULONG major, PDEVICE_OBJECT device, PVOID buf
     host::RequireIrql("IoBuildAsynchronousFsdRequest", APC_LEVEL);
     host::CheckDevice(device, "IoBuildAsynchronousFsdRequest");
     if (host::InjectFault(host::Fault::BuildRequest)) return nullptr;
-    PIRP irp = host::NewIrp(device->StackSize, host::FinishBuilt, nullptr);
-    irp->Tail.Overlay.Thread = KeGetCurrentThread();
-    irp->UserIosb = iosb;
-    PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(irp);
-    next->MajorFunction = static_cast<UCHAR>(major);
-    if (major != IRP_MJ_READ && major != IRP_MJ_WRITE) return irp;
-    next->Parameters.Read.Length = length;
-    next->Parameters.Read.ByteOffset = *offset;
-    host::DescribeBuffer(irp, device, buffer, length);
-    return irp;
+    return host::WithinMemory(PIRP{},
+                              [&] { return host::BuildFsd(major, device, buffer, length, offset, iosb); });
 }
 
 PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID input, ULONG inputLength,
@@ -119,8 +146,11 @@ PIRP IoBuildDeviceIoControlRequest(ULONG code, PDEVICE_OBJECT device, PVOID inpu
                                    PIO_STATUS_BLOCK iosb) {
     host::RequirePageable("IoBuildDeviceIoControlRequest", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::BuildRequest)) return nullptr;
-    PIRP irp = host::BuildControl(code, device, input, inputLength, output, outputLength,
+    PIRP irp = host::WithinMemory(PIRP{}, [&] {
+        return host::BuildControl(code, device, input, inputLength, output, outputLength,
                                   internal ? IRP_MJ_INTERNAL_DEVICE_CONTROL : IRP_MJ_DEVICE_CONTROL);
+    });
+    if (irp == nullptr) return nullptr;
     irp->UserEvent = event;
     irp->UserIosb = iosb;
     return irp;

@@ -1,6 +1,7 @@
 #include "platform/host/io/device.h"
 #include "platform/host/sync/thread.h"
 #include "platform/host/io/thread_io.h"
+#include <new>
 #include "platform/host/check/verifier.h"
 
 // The way of a request down through IofCallDriver and up through IofCompleteRequest, with the checks of irp.h.
@@ -109,6 +110,15 @@ bool PassLocation(PIRP irp) {
     return routine(device, irp, done->Context) != STATUS_MORE_PROCESSING_REQUIRED;
 }
 
+// Nothing may leave a dispatch routine for want of memory: what it holds would stay held.
+NTSTATUS Dispatch(PDRIVER_DISPATCH routine, PDEVICE_OBJECT device, PIRP irp) {
+    try {
+        return routine(device, irp);
+    } catch (const std::bad_alloc&) {
+        Violation("host memory", "none in a dispatch routine of device %p", static_cast<void*>(device));
+    }
+}
+
 }  // namespace
 
 NTSTATUS IofCallDriver(PDEVICE_OBJECT device, PIRP irp) {
@@ -121,7 +131,7 @@ NTSTATUS IofCallDriver(PDEVICE_OBJECT device, PIRP irp) {
     const KTHREAD* thread = KeGetCurrentThread();
     const host::LockState before{thread->Irql, thread->HeldCount};
     EnteredFrame frame(irp);
-    const NTSTATUS status = device->DriverObject->MajorFunction[major](device, irp);
+    const NTSTATUS status = Dispatch(device->DriverObject->MajorFunction[major], device, irp);
     frame.CheckReturned(device, major, status);
     if (thread->Irql != before.irql || thread->HeldCount != before.held)
         host::CheckLockState(before, "a dispatch routine");

@@ -1,6 +1,7 @@
 #include "platform/host/io/request.h"
 #include "platform/host/io/device.h"
 #include "platform/host/memory/mdl.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -20,11 +21,11 @@ PMDL DescribePages(const Request& request, Pages pages) {
 
 void AddMaster(PIRP irp, const Request& request) {
     PIRP master = NewIrp(1, nullptr, nullptr);
+    irp->AssociatedIrp.MasterIrp = master;
+    irp->Flags |= IRP_ASSOCIATED_IRP;
     master->Flags = request.flags;
     master->Tail.Overlay.OriginalFileObject = request.masterFile;
     master->MdlAddress = DescribePages(request, request.masterPages);
-    irp->AssociatedIrp.MasterIrp = master;
-    irp->Flags |= IRP_ASSOCIATED_IRP;
 }
 
 bool PagesLocked(const IRP* irp) {
@@ -36,9 +37,7 @@ UCHAR LockedPages(const IRP* irp) {
     return static_cast<UCHAR>((PagesLocked(irp) ? kOwnLocked : 0) | (master ? kMasterLocked : 0));
 }
 
-PIRP Build(PDEVICE_OBJECT device, const Request& request) {
-    CheckDevice(device, "Send");
-    PIRP irp = NewIrp(device->StackSize, nullptr, nullptr);
+void Fill(PIRP irp, const Request& request) {
     irp->Flags = request.flags;
     irp->Tail.Overlay.Thread = KeGetCurrentThread();
     irp->Tail.Overlay.OriginalFileObject = request.originalFile;
@@ -53,7 +52,6 @@ PIRP Build(PDEVICE_OBJECT device, const Request& request) {
         next->Parameters.Read.Length = request.length;
         next->Parameters.Read.ByteOffset.QuadPart = request.offset;
     }
-    return irp;
 }
 
 // The pages belong to the sender: a driver that locked them has unlocked them by the end, and no others.
@@ -68,6 +66,24 @@ void Release(PIRP irp) {
     ReleaseMdls(irp);
     ReleaseIrp(irp);
 }
+
+// Null when the host has no memory for it.
+PIRP Build(PDEVICE_OBJECT device, const Request& request) {
+    CheckDevice(device, "Send");
+    return WithinMemory(PIRP{}, [&] {
+        PIRP irp = NewIrp(device->StackSize, nullptr, nullptr);
+        try {
+            Fill(irp, request);
+        } catch (const std::bad_alloc&) {
+            irp->Host->LockedAtStart = LockedPages(irp);
+            Release(irp);
+            throw;
+        }
+        return irp;
+    });
+}
+
+constexpr Outcome kNoMemory{STATUS_INSUFFICIENT_RESOURCES, 0};
 
 void FinishAsync(PIRP irp, PVOID context) {
     const RequestDone done = irp->Host->Done;
@@ -118,12 +134,15 @@ Outcome SyncRequest::Call(PDEVICE_OBJECT device) {
 }
 
 Outcome Send(PDEVICE_OBJECT device, const Request& request) {
-    SyncRequest sync(Build(device, request));
+    PIRP irp = Build(device, request);
+    if (irp == nullptr) return kNoMemory;
+    SyncRequest sync(irp);
     return sync.Call(device);
 }
 
 void SendAsync(PDEVICE_OBJECT device, const Request& request, RequestDone done, void* context) {
     PIRP irp = Build(device, request);
+    if (irp == nullptr) return done(context, kNoMemory);
     irp->Host->Finish = FinishAsync;
     irp->Host->FinishContext = context;
     irp->Host->Done = done;
@@ -133,8 +152,12 @@ void SendAsync(PDEVICE_OBJECT device, const Request& request, RequestDone done, 
 
 Outcome SendControl(PDEVICE_OBJECT device, const Control& control) {
     RequireIrql("SendControl", PASSIVE_LEVEL);
-    SyncRequest sync(BuildControl(control.code, device, control.input, control.inputLength, control.output,
-                                  control.outputLength, control.major));
+    PIRP irp = WithinMemory(PIRP{}, [&] {
+        return BuildControl(control.code, device, control.input, control.inputLength, control.output,
+                            control.outputLength, control.major);
+    });
+    if (irp == nullptr) return kNoMemory;
+    SyncRequest sync(irp);
     sync.irp()->RequestorMode = control.mode;
     sync.irp()->Host->From32Bit = control.from32Bit;
     sync.irp()->Tail.Overlay.OriginalFileObject = control.file;

@@ -39,7 +39,9 @@ struct Outcome {
     ULONG_PTR information;
 };
 
-// Sends a read, write, flush or other buffer request and waits for its end. IRQL: below DISPATCH_LEVEL.
+// Sends a read, write, flush or other buffer request and waits for its end. IRQL: below DISPATCH_LEVEL. A
+// request for which the host has no memory ends with STATUS_INSUFFICIENT_RESOURCES, here and below, without
+// being sent.
 [[nodiscard]] Outcome Send(PDEVICE_OBJECT device, const Request& request);
 
 // Sends the request and returns; `done` is called exactly once, perhaps before the return and on any thread.

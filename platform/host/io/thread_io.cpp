@@ -1,5 +1,4 @@
 #include "platform/host/io/thread_io.h"
-#include <vector>
 #include "platform/host/sync/host_lock.h"
 
 namespace host {
@@ -9,8 +8,8 @@ constinit thread_local ThreadIo* gThreadIo = nullptr;
 namespace {
 
 HostLock gLock;
-std::vector<ThreadIo*> gThreads KVR_GUARDED_BY(gLock);
-Outstanding gEnded KVR_GUARDED_BY(gLock);  // the shares of threads that have ended
+ThreadIo* gThreads KVR_GUARDED_BY(gLock) = nullptr;  // the first of the living threads' records
+Outstanding gEnded KVR_GUARDED_BY(gLock);            // the shares of threads that have ended
 
 void Add(Outstanding& sum, const ThreadIo& io) {
     sum.irps += io.irpCount.Read();
@@ -18,37 +17,44 @@ void Add(Outstanding& sum, const ThreadIo& io) {
     sum.lockedMdls += io.lockedCount.Read();
 }
 
-// Takes the thread's record away when the thread ends.
-struct ThreadEnd {
-    ThreadIo* io = nullptr;
-    ~ThreadEnd() {
-        if (io == nullptr) return;
-        FreeCachedIrps(*io);
-        FreeCachedMdls(*io);
+void Unlink(const ThreadIo& io) KVR_REQUIRES(gLock) {
+    ThreadIo** link = &gThreads;
+    while (*link != &io) link = &(*link)->next;
+    *link = io.next;
+}
+
+// The thread's record, with the thread's own storage and so without an allocation that could fail.
+struct ListedIo {
+    ThreadIo io;
+    ListedIo() {
         const HostGuard guard(gLock);
-        Add(gEnded, *io);
-        std::erase(gThreads, io);
-        gThreadIo = nullptr;
-        delete io;
+        io.next = gThreads;
+        gThreads = &io;
     }
+    ~ListedIo() {
+        FreeCachedIrps(io);
+        FreeCachedMdls(io);
+        const HostGuard guard(gLock);
+        Add(gEnded, io);
+        Unlink(io);
+        gThreadIo = nullptr;
+    }
+    ListedIo(const ListedIo&) = delete;
+    ListedIo& operator=(const ListedIo&) = delete;
 };
-thread_local ThreadEnd gThreadEnd;
 
 }  // namespace
 
 ThreadIo& MakeThreadIo() {
-    auto* io = new ThreadIo;
-    const HostGuard guard(gLock);
-    gThreads.push_back(io);
-    gThreadEnd.io = io;
-    gThreadIo = io;
-    return *io;
+    static thread_local ListedIo own;
+    gThreadIo = &own.io;
+    return own.io;
 }
 
 Outstanding CountOutstanding() {
     const HostGuard guard(gLock);
     Outstanding sum = gEnded;
-    for (const ThreadIo* io : gThreads) Add(sum, *io);
+    for (const ThreadIo* io = gThreads; io != nullptr; io = io->next) Add(sum, *io);
     return sum;
 }
 

@@ -67,6 +67,7 @@ struct FreeList {
 inline constexpr CCHAR kIrpSizes[] = {4, 8, 16};  // stack locations of the cached sizes
 
 struct ThreadIo {
+    ThreadIo* next = nullptr;
     CallFrame* frames = nullptr;
     FreeList<HostIrp> irps[sizeof(kIrpSizes)];
     FreeList<HostMdl> mdls;

@@ -6,6 +6,7 @@
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/io/request.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -61,8 +62,8 @@ NTSTATUS CountOpen(PFILE_OBJECT file) {
     const HostGuard guard(gDeviceLock);
     if (device->Host->Deleted || (device->Flags & DO_DEVICE_INITIALIZING) != 0) return STATUS_NO_SUCH_DEVICE;
     if ((device->Flags & DO_EXCLUSIVE) != 0 && device->Host->Opens != 0) return STATUS_ACCESS_DENIED;
-    ++device->Host->Opens;
     gFiles.push_back(file);
+    ++device->Host->Opens;
     return STATUS_SUCCESS;
 }
 
@@ -76,9 +77,23 @@ void ForgetOpen(PFILE_OBJECT file) {
     ObfDereferenceObject(device);
 }
 
+// What is made has references to itself and its device.
+NTSTATUS MakeOpen(std::u16string_view path, ACCESS_MASK access, ProgramFile*& opened) {
+    ResolvedPath resolved;
+    const NTSTATUS status = ResolvePath(path, resolved);
+    if (!NT_SUCCESS(status)) return status;
+    if (!resolved.rest.empty()) return STATUS_OBJECT_PATH_NOT_FOUND;
+    opened = MakeObject<ProgramFile>(ObjectType::File);
+    ObfReferenceObject(resolved.device);
+    opened->access = Granted(access);
+    opened->object.DeviceObject = resolved.device;
+    return MayOpen(*opened) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+}
+
 NTSTATUS SendForFile(PFILE_OBJECT file, UCHAR major) {
     ObjectRef<DEVICE_OBJECT> top(IoGetAttachedDeviceReference(file->DeviceObject));
-    SyncRequest sync(NewIrp(top->StackSize, nullptr, nullptr));
+    // Also what closes a file, which nobody can refuse.
+    SyncRequest sync(Insist("a request", [&] { return NewIrp(top->StackSize, nullptr, nullptr); }));
     sync.irp()->RequestorMode = UserMode;
     sync.irp()->Tail.Overlay.OriginalFileObject = file;
     PIO_STACK_LOCATION next = IoGetNextIrpStackLocation(sync.irp());
@@ -98,15 +113,10 @@ Program SetProgram(const Program& program) {
 NTSTATUS OpenDevice(std::u16string_view path, ACCESS_MASK access, PFILE_OBJECT& file) {
     RequireIrql("OpenDevice", PASSIVE_LEVEL);
     file = nullptr;
-    ResolvedPath resolved;
-    NTSTATUS status = ResolvePath(path, resolved);
-    if (!NT_SUCCESS(status)) return status;
-    if (!resolved.rest.empty()) return STATUS_OBJECT_PATH_NOT_FOUND;
-    ObfReferenceObject(resolved.device);
-    auto* opened = MakeObject<ProgramFile>(ObjectType::File);
-    opened->access = Granted(access);
-    opened->object.DeviceObject = resolved.device;
-    status = MayOpen(*opened) ? CountOpen(&opened->object) : STATUS_ACCESS_DENIED;
+    ProgramFile* opened = nullptr;
+    NTSTATUS status = WithinMemory([&] { return MakeOpen(path, access, opened); });
+    if (opened == nullptr) return status;
+    if (NT_SUCCESS(status)) status = WithinMemory([&] { return CountOpen(&opened->object); });
     if (NT_SUCCESS(status)) status = SendForFile(&opened->object, IRP_MJ_CREATE);
     if (!NT_SUCCESS(status)) {
         ForgetOpen(&opened->object);
@@ -141,11 +151,10 @@ void CloseDevice(PFILE_OBJECT file) {
 }
 
 void DropProgramFiles() {
-    std::vector<PFILE_OBJECT> files;
-    {
+    const std::vector<PFILE_OBJECT> files = Insist("the list of open devices", [] {
         const HostGuard guard(gDeviceLock);
-        files = gFiles;
-    }
+        return gFiles;
+    });
     for (PFILE_OBJECT file : files) ForgetOpen(file);
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include "platform/host/check/injector.h"
 #include "platform/host/io/thread_io.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -38,7 +39,7 @@ PMDL NewMdl(PVOID address, ULONG length) {
     ThreadIo& io = ThisThreadIo();
     HostMdl* own = io.mdls.Take();
     if (own == nullptr) own = static_cast<HostMdl*>(std::malloc(sizeof(HostMdl)));
-    if (own == nullptr) Violation("host memory", "no memory for an MDL");
+    if (own == nullptr) throw std::bad_alloc();
     io.mdlCount.Add(1);
     const auto start = reinterpret_cast<ULONG_PTR>(address);
     *own = {HostMdl::kLive, false, nullptr, {}};
@@ -69,8 +70,8 @@ void FreeCachedMdls(ThreadIo& io) {
 
 PMDL IoAllocateMdl(PVOID address, ULONG length, BOOLEAN secondary, BOOLEAN, PIRP irp) {
     if (host::InjectFault(host::Fault::AllocateMdl)) return nullptr;
-    PMDL mdl = host::NewMdl(address, length);
-    if (irp == nullptr) return mdl;
+    PMDL mdl = host::WithinMemory(PMDL{}, [&] { return host::NewMdl(address, length); });
+    if (irp == nullptr || mdl == nullptr) return mdl;
     PMDL* link = &irp->MdlAddress;
     while (secondary && *link != nullptr) link = &(*link)->Next;
     *link = mdl;

@@ -6,6 +6,7 @@
 namespace host {
 
 // An MDL for `length` bytes at `address`, neither locked nor built: IoAllocateMdl without injected failures.
+// Throws std::bad_alloc.
 PMDL NewMdl(PVOID address, ULONG length);
 
 // MmProbeAndLockPages of this MDL raises STATUS_ACCESS_VIOLATION, as for a user buffer that went away.

@@ -1,5 +1,6 @@
 // The handle table. A handle's value names a slot and the slot's turn, so that a handle that was closed is
 // told from the one that took its slot.
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 #include "platform/host/object/object.h"
 #include "platform/host/sync/host_lock.h"
@@ -47,13 +48,14 @@ void* TakeSlot(HANDLE handle) {
 }  // namespace
 
 HANDLE InsertHandle(void* body) {
-    ObfReferenceObject(body);
     const HostGuard guard(gLock);
     if (gFreeSlots.empty()) {
         if (gSlots.size() == kSlotLimit) Violation("handle", "more than %zu handles are open", kSlotLimit);
+        gFreeSlots.reserve(gSlots.size() + 1);  // so that a close has room
         gSlots.push_back({nullptr, 1});
         gFreeSlots.push_back(gSlots.size() - 1);
     }
+    ObfReferenceObject(body);
     const SIZE_T slot = gFreeSlots.back();
     gFreeSlots.pop_back();
     gSlots[slot].body = body;
@@ -93,7 +95,8 @@ std::vector<OpenHandle> OpenHandles() {
 }
 
 void CloseAllHandles() {
-    for (const OpenHandle& open : OpenHandles()) CloseHandle(open.handle);
+    const std::vector<OpenHandle> all = Insist("the list of open handles", OpenHandles);
+    for (const OpenHandle& open : all) CloseHandle(open.handle);
 }
 
 }  // namespace host

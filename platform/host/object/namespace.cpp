@@ -5,6 +5,7 @@
 #include "platform/host/sync/host_lock.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/object/object.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -150,22 +151,21 @@ NTSTATUS AddDeviceName(std::u16string_view name, PDEVICE_OBJECT device) {
     return AddName(name, {device, nullptr, {}});
 }
 
-void RemoveDeviceName(std::u16string_view name) {
+void RemoveDeviceName(PDEVICE_OBJECT device) {
     const HostGuard guard(gLock);
-    gNames.erase(Upcase(Canonical(name)));
+    std::erase_if(gNames, [device](const auto& item) { return item.second.device == device; });
 }
 
 PKEVENT NamedEvent(std::u16string_view name) {
     const HostGuard guard(gLock);
     const std::u16string key = Upcase(Canonical(name));
     if (key.empty() || !MayHold(key)) return nullptr;
-    Node& node = gNames[key];
-    if (node.device != nullptr || !node.target.empty()) return nullptr;
-    if (node.event == nullptr) {
-        node.event = MakeObject<KEVENT>(ObjectType::Event);
-        KeInitializeEvent(node.event, NotificationEvent, TRUE);
-    }
-    return node.event;
+    const auto found = gNames.find(key);
+    if (found != gNames.end()) return found->second.event;
+    ObjectRef<KEVENT> event(MakeObject<KEVENT>(ObjectType::Event));
+    KeInitializeEvent(event.get(), NotificationEvent, TRUE);
+    gNames[key].event = event.get();
+    return event.release();
 }
 
 void ResetNamespace() {
@@ -184,14 +184,18 @@ void ResetNamespace() {
 NTSTATUS IoCreateSymbolicLink(PUNICODE_STRING link, PUNICODE_STRING target) {
     host::RequirePageable("IoCreateSymbolicLink", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::CreateDevice)) return STATUS_INSUFFICIENT_RESOURCES;
-    const host::HostGuard guard(host::gLock);
-    return host::AddName(host::View(link), {nullptr, nullptr, std::u16string(host::View(target))});
+    return host::WithinMemory([&] {
+        const host::HostGuard guard(host::gLock);
+        return host::AddName(host::View(link), {nullptr, nullptr, std::u16string(host::View(target))});
+    });
 }
 
 NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING link) {
     host::RequirePageable("IoDeleteSymbolicLink", PASSIVE_LEVEL);
+    const std::u16string key =
+        host::Insist("a link's name", [&] { return host::Upcase(host::Canonical(host::View(link))); });
     const host::HostGuard guard(host::gLock);
-    const auto found = host::gNames.find(host::Upcase(host::Canonical(host::View(link))));
+    const auto found = host::gNames.find(key);
     if (found == host::gNames.end()) return STATUS_OBJECT_NAME_NOT_FOUND;
     if (found->second.target.empty()) return STATUS_OBJECT_TYPE_MISMATCH;
     host::gNames.erase(found);
@@ -200,7 +204,9 @@ NTSTATUS IoDeleteSymbolicLink(PUNICODE_STRING link) {
 
 PKEVENT IoCreateNotificationEvent(PUNICODE_STRING name, PHANDLE handle) {
     host::RequirePageable("IoCreateNotificationEvent", PASSIVE_LEVEL);
-    PKEVENT event = host::NamedEvent(host::View(name));
-    if (event != nullptr) *handle = host::InsertHandle(event);
-    return event;
+    return host::WithinMemory(PKEVENT{}, [&] {
+        PKEVENT event = host::NamedEvent(host::View(name));
+        if (event != nullptr) *handle = host::InsertHandle(event);
+        return event;
+    });
 }

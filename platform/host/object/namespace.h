@@ -43,7 +43,7 @@ struct ResolvedPath {
 // Named devices, for IoCreateDevice and IoDeleteDevice. STATUS_OBJECT_NAME_COLLISION when the name is taken,
 // STATUS_OBJECT_PATH_NOT_FOUND when its directory does not exist.
 [[nodiscard]] NTSTATUS AddDeviceName(std::u16string_view name, PDEVICE_OBJECT device);
-void RemoveDeviceName(std::u16string_view name);
+void RemoveDeviceName(PDEVICE_OBJECT device);
 
 // The named event, made on first use; signal it with KeSetEvent. Lives until the next reset.
 PKEVENT NamedEvent(std::u16string_view name);

@@ -27,10 +27,12 @@ struct alignas(16) HostObject {
 // host itself has no memory. These allocations are not pool and no fault is injected into them.
 void* AllocateObject(ObjectType type, SIZE_T bytes, void (*destroy)(void* body));
 
+// Throws std::bad_alloc then.
 template <class T, class... Args>
 T* MakeObject(ObjectType type, Args&&... args) {
     static_assert(alignof(T) <= 16);
     void* body = AllocateObject(type, sizeof(T), [](void* b) { static_cast<T*>(b)->~T(); });
+    if (body == nullptr) throw std::bad_alloc();
     return new (body) T{std::forward<Args>(args)...};
 }
 
@@ -41,7 +43,8 @@ inline ObjectType TypeOf(const void* body) {
 }
 LONG ReferencesOf(const void* body);
 
-// A new handle to `body`. The handle takes a reference of its own; the caller's stays the caller's.
+// A new handle to `body`. The handle takes a reference of its own; the caller's stays the caller's. Throws
+// std::bad_alloc, and has taken none then.
 HANDLE InsertHandle(void* body);
 // The object behind `handle`, with a reference for the caller to release, or null when the handle is not open.
 void* LookupHandle(HANDLE handle);

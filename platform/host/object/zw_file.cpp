@@ -1,6 +1,7 @@
 #include "platform/host/check/injector.h"
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 #include "platform/host/sync/host_lock.h"
 
@@ -62,7 +63,7 @@ NTSTATUS Transfer(const char* routine, HANDLE handle, PIO_STATUS_BLOCK iosb, PLA
     NTSTATUS status = STATUS_INSUFFICIENT_RESOURCES;
     if (!InjectFault(Fault::FileIo)) {
         const HostGuard one(file->transfer);
-        status = run(*file->file, offset->QuadPart, done);
+        status = WithinMemory([&] { return run(*file->file, offset->QuadPart, done); });
     }
     iosb->Status = status;
     iosb->Information = NT_SUCCESS(status) ? done : 0;
@@ -77,8 +78,10 @@ NTSTATUS ZwCreateFile(PHANDLE handle, ACCESS_MASK access, POBJECT_ATTRIBUTES att
                       PVOID, ULONG) {
     host::RequirePageable("ZwCreateFile", PASSIVE_LEVEL);
     ULONG_PTR information = 0;
-    const NTSTATUS status =
-        host::Open(handle, {{}, access, share, disposition, options, fileAttributes}, attributes, information);
+    const NTSTATUS status = host::WithinMemory([&] {
+        return host::Open(handle, {{}, access, share, disposition, options, fileAttributes}, attributes,
+                          information);
+    });
     iosb->Status = status;
     iosb->Information = NT_SUCCESS(status) ? information : 0;
     return status;
@@ -124,7 +127,7 @@ NTSTATUS ZwFsControlFile(HANDLE handle, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK i
     if (!file->readsAndWrites) return STATUS_ACCESS_DENIED;
     if (inputLength < sizeof(USHORT) || *static_cast<USHORT*>(input) != COMPRESSION_FORMAT_NONE)
         return STATUS_INVALID_PARAMETER;
-    *iosb = {{file->file->Decompress()}, 0};
+    *iosb = {{host::WithinMemory([&] { return file->file->Decompress(); })}, 0};
     return iosb->Status;
 }
 
@@ -132,7 +135,9 @@ NTSTATUS ZwFsControlFile(HANDLE handle, HANDLE, PVOID, PVOID, PIO_STATUS_BLOCK i
 NTSTATUS ZwDeleteFile(POBJECT_ATTRIBUTES attributes) {
     host::RequirePageable("ZwDeleteFile", PASSIVE_LEVEL);
     if (host::InjectFault(host::Fault::FileOpen)) return STATUS_INSUFFICIENT_RESOURCES;
-    host::ResolvedPath path;
-    const NTSTATUS status = host::Resolve(attributes, path);
-    return NT_SUCCESS(status) ? path.provider->Delete(path.rest) : status;
+    return host::WithinMemory([&] {
+        host::ResolvedPath path;
+        const NTSTATUS status = host::Resolve(attributes, path);
+        return NT_SUCCESS(status) ? path.provider->Delete(path.rest) : status;
+    });
 }

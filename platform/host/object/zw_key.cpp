@@ -4,6 +4,7 @@
 #include "platform/host/object/namespace.h"
 #include "platform/host/object/object.h"
 #include "platform/host/object/registry_store.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -25,11 +26,25 @@ NTSTATUS WithKey(HANDLE handle, const char* routine, const Call& call) {
     if (!key) return STATUS_INVALID_HANDLE;
     if (InjectFault(Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
     const HostGuard guard(gLock);
-    return gStore == nullptr ? STATUS_OBJECT_PATH_NOT_FOUND : call(*gStore, key->path);
+    if (gStore == nullptr) return STATUS_OBJECT_PATH_NOT_FOUND;
+    RegistryStore& store = *gStore;
+    return WithinMemory([&] { return call(store, key->path); });
 }
 
 std::u16string Name(PCUNICODE_STRING name) {
     return std::u16string(View(name));
+}
+
+NTSTATUS OpenKey(std::u16string path, HANDLE& handle) {
+    {
+        const HostGuard guard(gLock);
+        if (gStore == nullptr) return STATUS_OBJECT_PATH_NOT_FOUND;
+        const NTSTATUS status = gStore->CreateKey(path);
+        if (!NT_SUCCESS(status)) return status;
+    }
+    ObjectRef<KeyObject> key(MakeObject<KeyObject>(ObjectType::Key, std::move(path)));
+    handle = InsertHandle(key.get());
+    return STATUS_SUCCESS;
 }
 
 // The fixed part must fit or nothing is written; of the data as much as fits is copied.
@@ -66,18 +81,8 @@ NTSTATUS ZwCreateKey(PHANDLE handle, ACCESS_MASK, POBJECT_ATTRIBUTES attributes,
     if (attributes->RootDirectory != nullptr || attributes->ObjectName == nullptr)
         return STATUS_INVALID_PARAMETER;
     if (host::InjectFault(host::Fault::Registry)) return STATUS_INSUFFICIENT_RESOURCES;
-    std::u16string path = host::Name(attributes->ObjectName);
-    {
-        const HostGuard guard(host::gLock);
-        if (host::gStore == nullptr) return STATUS_OBJECT_PATH_NOT_FOUND;
-        const NTSTATUS status = host::gStore->CreateKey(path);
-        if (!NT_SUCCESS(status)) return status;
-    }
     if (disposition != nullptr) *disposition = REG_OPENED_EXISTING_KEY;
-    host::ObjectRef<host::KeyObject> key(
-        host::MakeObject<host::KeyObject>(host::ObjectType::Key, std::move(path)));
-    *handle = host::InsertHandle(key.get());
-    return STATUS_SUCCESS;
+    return host::WithinMemory([&] { return host::OpenKey(host::Name(attributes->ObjectName), *handle); });
 }
 
 NTSTATUS ZwQueryValueKey(HANDLE key, PUNICODE_STRING name, KEY_VALUE_INFORMATION_CLASS kind, PVOID info,

@@ -11,6 +11,7 @@
 #include "platform/host/nt/exception.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/object/object.h"
+#include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -137,6 +138,8 @@ NTSTATUS RunRoutine(PKTHREAD thread) {
     } catch (const KernelException& exception) {
         Violation("exception", "exception %08x left the routine of thread %u",
                   static_cast<unsigned>(exception.status), thread->Number);
+    } catch (const std::bad_alloc&) {
+        Violation("host memory", "none in the routine of thread %u", thread->Number);
     }
 }
 
@@ -155,13 +158,16 @@ void ThreadMain(PKTHREAD thread) {
 bool StartThread(PKTHREAD thread) {
     EnterGate(thread);
     const HostGuard guard(gThreadsLock);
-    try {
-        gSystemThreads.push_back({thread, std::thread(ThreadMain, thread)});
+    const SIZE_T before = gSystemThreads.size();
+    const bool started = WithinMemory(false, [&]() KVR_REQUIRES(gThreadsLock) {
+        gSystemThreads.push_back({thread, {}});
+        gSystemThreads.back().worker = std::thread(ThreadMain, thread);
         return true;
-    } catch (const std::system_error&) {
-        ForgetAtGate(thread);
-        return false;
-    }
+    });
+    if (started) return true;
+    if (gSystemThreads.size() > before) gSystemThreads.pop_back();
+    ForgetAtGate(thread);
+    return false;
 }
 
 }  // namespace
@@ -254,11 +260,18 @@ NTSTATUS PsCreateSystemThread(PHANDLE handle, ULONG, POBJECT_ATTRIBUTES attribut
         Violation("thread", "a system thread's handle that a process could use");
     if (InjectFault(Fault::ThreadCreate)) return STATUS_INSUFFICIENT_RESOURCES;
     JoinEnded();
-    PKTHREAD thread = NewThread(true);
+    ObjectRef<KTHREAD> made;
+    HANDLE opened = nullptr;
+    const NTSTATUS status = WithinMemory([&] {
+        made = ObjectRef<KTHREAD>(NewThread(true));
+        opened = InsertHandle(made.get());
+        return STATUS_SUCCESS;
+    });
+    if (!NT_SUCCESS(status)) return status;
+    PKTHREAD thread = made.release();
     thread->Routine = routine;
     thread->Context = context;
     ObfReferenceObject(thread);
-    const HANDLE opened = InsertHandle(thread);
     if (!StartThread(thread)) {
         CloseHandle(opened);
         ObfDereferenceObject(thread);

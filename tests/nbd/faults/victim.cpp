@@ -1,0 +1,270 @@
+#include "tests/nbd/faults/victim.h"
+#include <fstream>
+#include <sstream>
+#include <thread>
+#include "client/failure.h"
+#include "nbd/folder_maker.h"
+#include "tool/kvrctl/world_hosted.h"
+
+namespace fault_sweep {
+namespace {
+
+using nbd::Server;
+
+constexpr std::uint64_t kMiB = 1024 * 1024;
+constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume1";
+constexpr char kExport[] = "HarddiskVolume1";
+constexpr char16_t kConfiguration[] =
+    u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootMode=1\n";
+constexpr std::uint64_t kMarkBytes = 4096;
+constexpr unsigned kMarks = 4;
+
+// Free places of the volume.
+std::uint64_t PlaceOf(unsigned mark) {
+    return 45 * kMiB + mark * 3 * kMarkBytes;
+}
+
+std::vector<std::uint8_t> ContentOf(unsigned mark) {
+    return std::vector<std::uint8_t>(kMarkBytes, static_cast<std::uint8_t>(0xA0 + mark));
+}
+
+void Require(bool holds, const std::string& what) {
+    if (!holds) throw Broken(what);
+}
+
+std::unique_ptr<Server> MakeServer(const std::string& path) {
+    nbd::MachineFolder folder = nbd::MachineFolder::Read(path);
+    nbd::FolderLock lock(folder);
+    return std::make_unique<Server>(std::move(folder), std::move(lock));
+}
+
+void Configure(ctl::HostedWorld& world, std::u16string text) {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
+    ctl::Bytes image(bytes, bytes + text.size() * sizeof(char16_t));
+    image.resize(KVR_CONFIG_BYTES);
+    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).SetConfig(image);
+}
+
+ctl::FixedVolume VolumeIn(ctl::HostedWorld& world) {
+    ctl::Client tool(world.OpenDriver(ctl::Access::Read));
+    for (const ctl::FixedVolume& volume : tool.FixedVolumes())
+        if (volume.name == kVolume) return volume;
+    return {};
+}
+
+// What the server, now or earlier, said of changes that are not kept.
+bool SaysLoss(const std::string& folder) {
+    std::ostringstream log;
+    log << std::ifstream(folder + "/log").rdbuf();
+    for (const char* words : {"warning: HarddiskVolume1", "last flush failed", "is not saved"})
+        if (log.str().find(words) != std::string::npos) return true;
+    return false;
+}
+
+}  // namespace
+
+void MakeTemplate(const std::string& folder) {
+    nbd::NewMachine machine;
+    machine.path = folder;
+    machine.size = 64 * kMiB;
+    nbd::MakeMachine(machine);
+    const auto server = MakeServer(folder);
+    server->Start();
+    nbd::ControlServer control(*server, [] {});
+    ctl::HostedWorld world(folder);
+    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kVolume, 16 * kMiB);
+    while (VolumeIn(world).swapStatus == ctl::kSwapProvisioning) std::this_thread::yield();
+    Configure(world, kConfiguration);
+    std::string why;
+    Require(server->Reboot(why), why);
+    auto client = server->Connect(*nbd::Export::Parse(kExport), "the first client");
+    std::vector<std::uint8_t> content = ContentOf(0);
+    Require(
+        NT_SUCCESS(server->Transfer(*client, Server::Action::Write, PlaceOf(0), kMarkBytes, content.data())),
+        "the first mark is refused");
+    server->Disconnect(std::move(client));
+    Require(VolumeIn(world).state != 0 && !SaysLoss(folder), "the volume is not protected");
+}
+
+// ---- the victim ------------------------------------------------------------------------------------------
+
+// From here to the end of the block the plan strikes.
+class Victim::Armed {
+public:
+    explicit Armed(Victim& victim) : plan_(victim.plan_) { plan_.armed = 1; }
+    ~Armed() { plan_.armed = 0; }
+    Armed(const Armed&) = delete;
+    Armed& operator=(const Armed&) = delete;
+
+private:
+    host_faults::Plan& plan_;
+};
+
+Victim::Victim(std::string folder, host_faults::Plan& plan, Promises& promises)
+    : folder_(std::move(folder)), plan_(plan), promises_(promises) {}
+
+Victim::~Victim() {
+    CloseAll();
+    control_.reset();
+}
+
+void Victim::PowerOn() {
+    server_ = MakeServer(folder_);
+    server_->Start();
+    control_ = std::make_unique<nbd::ControlServer>(*server_, [] {});
+}
+
+void Victim::Open(const char* name) {
+    clients_.push_back(server_->Connect(*nbd::Export::Parse(name), "a client"));
+}
+
+void Victim::CloseAll() {
+    for (auto& client : clients_) server_->Disconnect(std::move(client));
+    clients_.clear();
+}
+
+NTSTATUS Victim::Mark(unsigned mark) {
+    std::vector<std::uint8_t> content = ContentOf(mark);
+    const NTSTATUS status =
+        server_->Transfer(*clients_.back(), Server::Action::Write, PlaceOf(mark), kMarkBytes, content.data());
+    if (!NT_SUCCESS(status)) return status;
+    const NTSTATUS flushed = server_->Transfer(*clients_.back(), Server::Action::Flush, 0, 0, nullptr);
+    if (NT_SUCCESS(flushed)) promises_.durable |= 1u << mark;
+    return flushed;
+}
+
+bool Victim::Holds(unsigned mark) {
+    std::vector<std::uint8_t> found(kMarkBytes);
+    const NTSTATUS status =
+        server_->Transfer(*clients_.back(), Server::Action::Read, PlaceOf(mark), kMarkBytes, found.data());
+    Require(NT_SUCCESS(status), "a mark cannot be read: " + ctl::Hex(status));
+    return found == ContentOf(mark);
+}
+
+void Victim::AskTool() {
+    ctl::HostedWorld world(folder_);
+    static_cast<void>(VolumeIn(world));
+    static_cast<void>(world.Facts(kVolume));
+    ctl::Client(world.OpenDriver(ctl::Access::Read)).GetConfig();
+}
+
+void Victim::Start() {
+    const Armed armed(*this);
+    try {
+        PowerOn();
+    } catch (const std::bad_alloc&) {
+        throw nbd::Error("the host has no memory for it");  // as the plugin says
+    }
+}
+
+// A client's own want of memory, or of an answer, is its own trouble.
+template <class Body>
+static void AsClient(const Body& body) {
+    try {
+        body();
+    } catch (const nbd::Error&) {
+    } catch (const ctl::Failure&) {
+    } catch (const std::bad_alloc&) {
+    }
+}
+
+void Victim::Use(unsigned mark) {
+    std::vector<std::uint8_t> bytes(70000);
+    for (const char* name : {"disk0", kExport}) AsClient([&] { Open(name); });
+    if (clients_.empty() || clients_.back()->target.wholeDisk) return;
+    static_cast<void>(Mark(mark));
+    Server::Connection& client = *clients_.back();
+    const auto transfer = [&](Server::Action action, std::uint64_t at) {
+        return server_->Transfer(client, action, at, bytes.size(), bytes.data());
+    };
+    static_cast<void>(transfer(Server::Action::Read, 20 * kMiB + 100));
+    static_cast<void>(transfer(Server::Action::Write, 24 * kMiB + 100));
+    static_cast<void>(transfer(Server::Action::Zero, 25 * kMiB));
+}
+
+void Victim::Requests() {
+    PowerOn();
+    {
+        const Armed armed(*this);
+        AsClient([&] { AskTool(); });
+        AsClient([&] { Use(1); });
+        AsClient([&] { CloseAll(); });
+    }
+    CloseAll();
+}
+
+void Victim::Save() {
+    PowerOn();
+    Open(kExport);
+    const Armed armed(*this);
+    AsClient([&] { static_cast<void>(Mark(1)); });  // a boot's first write has the map saved
+    AsClient([&] {
+        ctl::HostedWorld world(folder_);
+        Configure(world, std::u16string(kConfiguration) + u";\n");
+        world.WriteSwitch(u"ConfigShareRead", true);
+    });
+}
+
+void Victim::Reboot() {
+    PowerOn();
+    for (const char* name : {"disk0", kExport}) Open(name);
+    // A boot's first write has the map saved, the second one waits for the shutdown's save.
+    Require(NT_SUCCESS(Mark(1)) && NT_SUCCESS(Mark(3)), "a write is refused");
+    bool up = false;
+    std::string why;
+    {
+        const Armed armed(*this);
+        up = server_->Reboot(why);
+    }
+    if (!up && why.empty()) throw Broken("a reboot fails without a reason");
+    if (!up) throw nbd::Error(why);
+}
+
+void Victim::Stop() {
+    PowerOn();
+    for (const char* name : {"disk0", kExport}) Open(name);
+    // A boot's first write has the map saved, the second one waits for the shutdown's save.
+    Require(NT_SUCCESS(Mark(1)) && NT_SUCCESS(Mark(3)), "a write is refused");
+    const Armed armed(*this);
+    server_->Stop();
+    CloseAll();
+    control_.reset();
+    server_.reset();
+}
+
+void Victim::CheckServes() {
+    AskTool();
+    Open(kExport);
+    const NTSTATUS status = Mark(2);
+    Require(NT_SUCCESS(status) || SaysLoss(folder_), "a write is refused: " + ctl::Hex(status));
+    CheckPromises();
+    CloseAll();
+}
+
+void Victim::CheckPromises() {
+    for (unsigned mark = 0; mark < kMarks; ++mark) {
+        if ((promises_.durable & 1u << mark) != 0)
+            Require(Holds(mark) || SaysLoss(folder_), "mark " + std::to_string(mark) + " is lost");
+    }
+}
+
+// ---- the one behind it -----------------------------------------------------------------------------------
+
+void CheckNextStart(const std::string& folder, const Promises& promises, bool inOrder) {
+    host_faults::Plan none{};
+    Promises owed{};
+    owed.durable = 1u | (inOrder ? promises.durable.load() : 0);
+    Victim next(folder, none, owed);
+    try {
+        next.Start();
+    } catch (const std::exception& error) {
+        throw Broken(std::string("the next start fails: ") + error.what());
+    }
+    {
+        ctl::HostedWorld world(folder);
+        Require(VolumeIn(world).state != 0 || SaysLoss(folder), "the volume is protected no more");
+    }
+    next.CheckServes();
+}
+
+}  // namespace fault_sweep
