@@ -1,4 +1,5 @@
 """A hosted machine under proof: made, served and controlled with the project's own two tools."""
+import contextlib
 import json
 import os
 import pathlib
@@ -44,6 +45,15 @@ class Machine:
         run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
         self._server = os.pidfd_open(self.pid)
 
+    def try_serve(self):
+        """The same where the start may fail; what it said and its exit code."""
+        self._pidfile.unlink(missing_ok=True)
+        told = run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env,
+                   check=False)
+        with contextlib.suppress(FileNotFoundError, ValueError, ProcessLookupError):
+            self._server = os.pidfd_open(self.pid)
+        return told
+
     @property
     def pid(self):
         return int(self._pidfile.read_text())
@@ -53,7 +63,7 @@ class Machine:
 
     def stop(self):
         run(self.kvrhost, "stop", self.folder)
-        if self._env is not None:
+        if self._plugin or "ASAN_OPTIONS" in (self._env or {}):
             self._end_sanitized()
         self._gone()
 

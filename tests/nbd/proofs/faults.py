@@ -1,0 +1,198 @@
+#!/usr/bin/python3
+"""The served machine on a host that is short of files, memory or threads, under clients that come and go: each gets an
+error or an answer, the server lives, and once the host is well again everything works. Then single calls of the whole
+server fail, at its start, at a reboot and at its stop under a client. The base never changes. Arguments: the build's
+folder."""
+import contextlib
+import errno
+import mmap
+import os
+import resource
+import struct
+import sys
+import threading
+import time
+
+import image
+import proof
+from clients import connect, nbd
+from machine import MIB, VOLUME, Machine
+from proof import require, run, say, wait_until
+
+SWAP = 24 * MIB
+MARK, PLACE = b"\xA5" * 65536, 70 * MIB
+CALLS = ("read", "write", "sync", "descriptor", "thread", "small allocation", "large allocation", "map", "name", "size")
+ERRORS = {"descriptor": errno.EMFILE, "thread": errno.EAGAIN, "small allocation": errno.ENOMEM,
+          "large allocation": errno.ENOMEM, "map": errno.ENOMEM, "size": errno.ENOSPC}
+LONG = "KVR_LONG" in os.environ
+STRUCK = CALLS if LONG else ("read", "write", "thread", "small allocation")  # in the whole server
+POINTS = 40 if LONG else 1  # of each of them in each phase
+
+
+class Plan:
+    """What the preloaded library reads: tests/nbd/faults/host_faults.h has the layout."""
+
+    def __init__(self, path):
+        path.write_bytes(bytes(32 + 8 * 11))
+        with open(path, "r+b") as file:
+            self._bytes = mmap.mmap(file.fileno(), 0)
+
+    def arm(self, call, nth=1 << 62, lasts=False):
+        self._bytes[:] = struct.pack("<IIQiI", 0, CALLS.index(call), nth, ERRORS.get(call, errno.EIO), lasts).ljust(
+            len(self._bytes), b"\0")
+        self._bytes[0] = 1
+
+    def disarm(self):
+        """How many such calls there were."""
+        self._bytes[0] = 0
+        return struct.unpack_from("<Q", self._bytes, 32 + 8 * struct.unpack_from("<I", self._bytes, 4)[0])[0]
+
+
+class Crowd:
+    """Clients at once, each in a thread of its own: one for whom nbdkit has no descriptor waits to be accepted."""
+
+    def __init__(self, pc, count):
+        self._pc, self.served, self.refused, self._done = pc, 0, 0, threading.Event()
+        self._threads = [threading.Thread(target=self._work, args=(number,), daemon=True) for number in range(count)]
+        for thread in self._threads:
+            thread.start()
+
+    def _work(self, number):
+        try:
+            client = connect(self._pc.uri(VOLUME if number % 2 else "disk0"))
+            client.pread(65536, 20 * MIB)
+            client.pread(16 * MIB, 20 * MIB)
+            client.pwrite(MARK, 80 * MIB + number * 65536)
+            self.served += 1
+            self._done.wait(10)
+            client.shutdown()
+        except nbd.Error:
+            self.refused += 1
+
+    def settle(self, seconds):
+        end = time.monotonic() + seconds
+        while self.served + self.refused < len(self._threads) and time.monotonic() < end:
+            time.sleep(0.02)
+        self._done.set()
+        return self.served
+
+    def leave(self):
+        """How many still wait: nbdkit forgets a connection for which it could not make its own pipe, open as it is."""
+        end = time.monotonic() + 3
+        for thread in self._threads:
+            thread.join(max(0, end - time.monotonic()))
+        return sum(thread.is_alive() for thread in self._threads)
+
+
+def under(pc, given, old_client, what, limit, lift):
+    """The old client's requests are answered, new ones' too or refused; later all is well."""
+    limit()
+    crowd = Crowd(pc, 12)
+    served = crowd.settle(3)
+    with contextlib.suppress(nbd.Error):
+        old_client.pread(len(MARK), PLACE)
+    tool = given.start(pc.kvrctl, "--machine", pc.folder, "status")
+    require(pc.lives(), f"{what}: the server is gone: {pc.log()[-600:]}")
+    lift()
+    waiting = crowd.leave()
+    wait_until(lambda: tool.poll() is not None, "the tool is answered", 20)
+    say(f"{what}: {served} of 12 clients served, {crowd.refused} refused, {waiting} left waiting")
+    require(served < 12, f"{what} was not felt")
+    well = Crowd(pc, 3)
+    require(well.settle(20) == 3, f"after {what} not everybody is served")
+    well.leave()
+    require(old_client.pread(len(MARK), PLACE) == MARK, f"{what}: what was written is lost")
+
+
+def limits(pc, given, client, plan):
+    files, memory = resource.RLIMIT_NOFILE, resource.RLIMIT_AS
+    opened = len(os.listdir(f"/proc/{pc.pid}/fd"))
+    pages = int((lambda text: text.split()[0])(open(f"/proc/{pc.pid}/statm").read()))
+    for what, kind, most in (("few files", files, opened + 4), ("little memory", memory, pages * 4096 + 300 * MIB)):
+        old = resource.prlimit(pc.pid, kind)
+        under(pc, given, client, what, lambda: resource.prlimit(pc.pid, kind, (most, old[1])),
+              lambda: resource.prlimit(pc.pid, kind, old))
+    under(pc, given, client, "no threads", lambda: plan.arm("thread", 20, lasts=True), plan.disarm)
+    under(pc, given, client, "no large blocks", lambda: plan.arm("large allocation", 1, lasts=True), plan.disarm)
+
+
+def stop(pc):
+    """Ends the server whatever it has been through; True when it was there to be asked."""
+    if not pc.lives():
+        return False
+    run(pc.kvrhost, "stop", pc.folder, check=False)
+    wait_until(lambda: not pc.lives(), "the server ends", 60)
+    return True
+
+
+def start(pc):
+    told = pc.try_serve()
+    require(told.returncode in (0, 3) or len(told.stdout.strip()) > 0, "a start fails without a word")
+
+
+def renew(given, pc):
+    run("cp", "-a", f"{given.scratch}/kept/.", pc.folder)
+
+
+def strike(given, pc, plan, call, nth, phase):
+    """One point; returns how many calls the phase had."""
+    renew(given, pc)
+    if phase != "start":
+        pc.serve()
+        client = connect(pc.uri(VOLUME))
+        client.pwrite(MARK, PLACE)
+        client.flush()
+    plan.arm(call, nth)
+    if phase == "start":
+        start(pc)
+    elif phase == "reboot":
+        run(pc.kvrhost, "reboot", pc.folder, check=False)
+    else:
+        run(pc.kvrhost, "stop", pc.folder, check=False)
+    calls = plan.disarm()
+    stop(pc)
+    return calls
+
+
+def whole_server(pc, given, plan, fixed):
+    points = 0
+    for phase in ("start", "reboot", "stop"):
+        for call in STRUCK:
+            calls = strike(given, pc, plan, call, 1 << 62, phase)
+            steps = min(POINTS, calls)
+            for step in range(steps):
+                nth = 1 + (2 * step + 1) * calls // (2 * steps)
+                strike(given, pc, plan, call, nth, phase)
+                points += 1
+                fixed.require_same(pc.image, f"the image behind {call} {nth} of a {phase}")
+    renew(given, pc)
+    pc.serve()
+    pc.require_protected()
+    say(f"{points} points of the whole server")
+
+
+def body(given):
+    plan_file = given.scratch / "plan"
+    plan = Plan(plan_file)
+    library = f"{sys.argv[1]}/tests/nbd/faults/libkvr-host-faults.so"
+    pc = Machine(given, sys.argv[1], "--size", "128M",
+                 env=dict(os.environ, LD_PRELOAD=library, KVR_FAULT_PLAN=str(plan_file)))
+    pc.serve()
+    pc.protect("24M", at_boot="keep")
+    pc.stop()
+    fixed = image.Fixed(pc.image, given.scratch, image.storage(pc.image, SWAP, given.scratch))
+    run("cp", "-a", pc.folder, given.scratch / "kept")
+    pc.serve()
+    client = connect(pc.uri(VOLUME))
+    client.pwrite(MARK, PLACE)
+    client.flush()
+    limits(pc, given, client, plan)
+    client.pread(65536, PLACE)
+    client.shutdown()
+    pc.stop()
+    fixed.require_same(pc.image, "the image behind the limits")
+    whole_server(pc, given, plan, fixed)
+    pc.stop()
+
+
+proof.main(body, seconds=3000 if LONG else 120)
