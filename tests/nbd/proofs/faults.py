@@ -21,11 +21,13 @@ from proof import require, run, say, wait_until
 
 SWAP = 24 * MIB
 MARK, PLACE = b"\xA5" * 65536, 70 * MIB
-CALLS = ("read", "write", "sync", "descriptor", "thread", "small allocation", "large allocation", "map", "name", "size")
+CALLS = ("read", "write", "sync", "descriptor", "thread", "small allocation", "large allocation", "map", "name", "size",
+         "killed")  # before a call that changes what is stored
 ERRORS = {"descriptor": errno.EMFILE, "thread": errno.EAGAIN, "small allocation": errno.ENOMEM,
-          "large allocation": errno.ENOMEM, "map": errno.ENOMEM, "size": errno.ENOSPC}
+          "large allocation": errno.ENOMEM, "map": errno.ENOMEM, "size": errno.ENOSPC,
+          "killed": 0}
 LONG = "KVR_LONG" in os.environ
-STRUCK = CALLS if LONG else ("read", "write", "thread", "small allocation")  # in the whole server
+STRUCK = CALLS if LONG else ("read", "write", "thread", "small allocation", "killed")  # in the whole server
 POINTS = 40 if LONG else 1  # of each of them in each phase
 
 
@@ -125,9 +127,9 @@ def stop(pc):
     return True
 
 
-def start(pc):
+def start(pc, killed=False):
     told = pc.try_serve()
-    require(told.returncode in (0, 3) or len(told.stdout.strip()) > 0, "a start fails without a word")
+    require(killed or told.returncode in (0, 3) or told.stdout.strip(), "a start fails without a word")
 
 
 def renew(given, pc):
@@ -144,13 +146,15 @@ def strike(given, pc, plan, call, nth, phase):
         client.flush()
     plan.arm(call, nth)
     if phase == "start":
-        start(pc)
+        start(pc, call == "killed")
     elif phase == "reboot":
         run(pc.kvrhost, "reboot", pc.folder, check=False)
     else:
         run(pc.kvrhost, "stop", pc.folder, check=False)
     calls = plan.disarm()
     stop(pc)
+    told = pc.try_serve()
+    require(told.returncode in (0, 3) and stop(pc), f"the start behind {call} {nth} of a {phase}: {told.stdout}")
     return calls
 
 
