@@ -106,6 +106,7 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         return [=](Machine& machine) {
             troubled(2, true, 2)(machine);
             machine.fixed[2].SwapUsedBytes = mebibytes * kMiB;
+            machine.fixed[3].SwapStatus = 2;
         };
     };
     const auto whole = [](std::int64_t bytes) -> Given {
@@ -185,7 +186,7 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
          troubled(4, std::nullopt)},
         {"status", kExitOk, "Hardening is on,", troubled(2, true)},
         // As it should be is more than as this boot was told: protected, with room, and sound.
-        {"status --check", kExitOk, "", [](Machine&) {}},
+        {"status --check", kExitFailed, "HarddiskVolume3 has bad storage.\n", [](Machine&) {}},
         {"status --check", kExitOk, "", filled(410)},
         {"status", kExitOk, "WARNING: HarddiskVolume2's storage is more than 80 % used.\n", filled(410)},
         {"status --check", kExitFailed, "HarddiskVolume2 is FULL: writes find no room.\n", filled(504)},

@@ -50,15 +50,19 @@ void Draw(const Context& context, const MachineStatus& status) {
     out.flush();
 }
 
+std::string WhyShort(const VolumeStatus& volume) {
+    if (!volume.trouble.empty()) return volume.trouble;
+    if (volume.IsStorageBad()) return "has bad storage";
+    if (!volume.isProtected) return "is to be protected and is not yet";
+    return volume.storage == StorageState::Full ? "is FULL: writes find no room"
+                                                : "has no storage that is ready";
+}
+
 int Check(const Context& context, const MachineStatus& status) {
     const bool good = status.IsAsConfigured();
     for (const VolumeStatus& volume : status.volumes) {
         if (!volume.IsShort() || context.json) continue;
-        const std::string why = !volume.trouble.empty() ? volume.trouble
-                                : volume.storage == StorageState::Full && volume.isProtected
-                                    ? "is FULL: writes find no room"
-                                : volume.isProtected ? "has no sound storage"
-                                                     : "is to be protected and is not yet";
+        const std::string why = WhyShort(volume);
         context.terminal.out << ShortName(volume.name) << " " << why << ".\n";
     }
     if (context.json) context.terminal.out << StatusJson(status).dump(2) << "\n";

@@ -170,9 +170,9 @@ std::optional<std::uint64_t> VolumeStatus::SecondsLeft() const {
 }
 
 bool VolumeStatus::IsShort() const {
-    if (!next.isProtected) return false;
-    const bool bad = !removable && storage != StorageState::Ready;
-    return !isThere || !isProtected || !trouble.empty() || bad;
+    const bool isReady = removable || storage == StorageState::Ready;
+    if (!next.isProtected) return IsStorageBad();
+    return !isThere || !isProtected || !trouble.empty() || !isReady;
 }
 
 bool MachineStatus::IsAsBooted() const {

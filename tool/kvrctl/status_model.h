@@ -35,7 +35,9 @@ struct VolumeStatus {
 
     // The seconds until it is full; nothing while it does not fill, or nobody knows.
     std::optional<std::uint64_t> SecondsLeft() const;
-    // Not as the configuration, as it is stored now, wants it.
+    // It has storage that no boot will use.
+    bool IsStorageBad() const { return storage >= StorageState::MapDamaged; }
+    // Not as the configuration, as it is stored now, wants it, or with bad storage.
     bool IsShort() const;
 };
 
@@ -57,7 +59,7 @@ struct MachineStatus {
 
     // Something that this boot was to protect is not, or is not quite.
     bool IsAsBooted() const;
-    // Every volume that the stored configuration protects is protected, has room and sound storage.
+    // Every volume that the stored configuration protects is protected and has room, and no storage is bad.
     bool IsAsConfigured() const;
 };
 
