@@ -1,3 +1,5 @@
+#include <chrono>
+#include <thread>
 #include <utility>
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
@@ -151,6 +153,30 @@ void Machine::MountVolumes(const std::vector<Volume*>& volumes) {
     }
 }
 
+namespace {
+
+constexpr unsigned kMountAttempts = 3;
+constexpr std::chrono::milliseconds kBetweenMounts{100};
+
+bool MayPass(NTSTATUS status) {
+    return status == STATUS_IO_DEVICE_ERROR || status == STATUS_INSUFFICIENT_RESOURCES;
+}
+
+// One read that fails must not leave the volume raw: a driver that keeps changes there would find its files
+// gone and give them up. Whoever wants files of the volume waits meanwhile.
+void MountPatiently(const FileSystemDriver& driver, Volume& volume) {
+    for (unsigned left = kMountAttempts;; std::this_thread::sleep_for(kBetweenMounts)) {
+        const bool tried = host::WithinMemory(false, [&] {
+            volume.files = driver.mount(*volume.io, volume.mountStatus);
+            return true;
+        });
+        if (!tried) volume.mountStatus = STATUS_INSUFFICIENT_RESOURCES;
+        if (volume.files != nullptr || !MayPass(volume.mountStatus) || --left == 0) return;
+    }
+}
+
+}  // namespace
+
 void Machine::Mount(Volume& volume) {
     if (!NT_SUCCESS(volume.startStatus) || !options_.fileSystem) return;
     const FileSystemDriver driver = options_.fileSystem(*volume.device);
@@ -158,7 +184,7 @@ void Machine::Mount(Volume& volume) {
     volume.mountStatus = STATUS_UNRECOGNIZED_VOLUME;
     // The mount's own reads wake the driver, whose threads may want files of this volume at once.
     const host::MountInProgress mounting(volume.device->Device());
-    volume.files = driver.mount(*volume.io, volume.mountStatus);
+    MountPatiently(driver, volume);
     if (volume.files == nullptr) return;
     volume.mountStatus = STATUS_SUCCESS;
     const host::FaultPause pause;

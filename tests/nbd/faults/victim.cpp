@@ -234,6 +234,9 @@ void Victim::Stop() {
 
 void Victim::CheckServes() {
     AskTool();
+    // A volume left raw by one fault would cost what is kept there.
+    const auto facts = ctl::HostedWorld(folder_).Facts(kVolume);
+    Require(facts && facts->fileSystem == FileSystemKind::Ntfs, "the volume is not mounted");
     Open(kExport);
     const NTSTATUS status = Mark(2);
     Require(NT_SUCCESS(status) || SaysLoss(folder_), "a write is refused: " + ctl::Hex(status));
