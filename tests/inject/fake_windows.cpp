@@ -291,6 +291,9 @@ Key BootHive() {
         Below(root, std::string("Objects\\") + name + "\\Elements\\12000004").values = {
             {"Element", 1, Sz("Windows")}};
     }
+    // In one of the two the test mode is on already.
+    Below(root, "Objects\\{c2721d73-1db4-4c62-bf78-c548a880142d}\\Elements\\16000049").values = {
+        {"Element", 3, {1}}};
     return root;
 }
 

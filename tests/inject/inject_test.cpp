@@ -241,11 +241,11 @@ TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
                       0u);
         }
         const auto changes = Added(store, Dump(ReadBootStore(folder, options.output, efi)));
-        EXPECT_EQ(changes.size(), 4u);  // for each of the two loaders a key and its value
+        EXPECT_EQ(changes.size(), 2u);  // for one of the two loaders a key and its value
         EXPECT_EQ(
             std::count_if(changes.begin(), changes.end(),
                           [](auto& line) { return line.ends_with(std::string("\\16000049 Element 3 \1")); }),
-            2);
+            1);
 
         InjectOptions remove;
         remove.image = options.output;
