@@ -46,8 +46,8 @@ TEST_F(Sealed, AreTakenAlongByAMergeAndByNothingElse) {
     Do({"enable"});
     Reboot();
     EXPECT_EQ(0, tool::Seal(Folder()));
-    Write("HarddiskVolume1", 100 * kMiB);
-    Write("HarddiskVolume2", 100 * kMiB);
+    Write("HarddiskVolume1", 40 * kMiB);
+    Write("HarddiskVolume2", 40 * kMiB);
     EXPECT_EQ(0, tool::Verify(Folder())) << "what is redirected changes nothing";
     Do({"merge", "2"});
     Reboot();
