@@ -120,7 +120,11 @@ std::optional<DiskMark> ReadFile(const Place& place, const std::string& disk) {
 
 void WriteFile(const Place& place, const std::string& disk, const std::string& text) {
     std::error_code error;
-    if (place.image.empty()) fs::create_directories(fs::path(place.file).parent_path(), error);
+    if (place.image.empty()) {
+        const mode_t before = umask(0077);  // a server's own lets nobody use a folder
+        fs::create_directories(fs::path(place.file).parent_path(), error);
+        umask(before);
+    }
     const std::string draft = place.file + "." + std::to_string(getpid());
     std::ofstream file(draft);
     file << place.identity << '\n' << text << '\n';
@@ -132,8 +136,10 @@ void WriteFile(const Place& place, const std::string& disk, const std::string& t
     }
 }
 
+// Of a file system, or of a file on it: the mark is to lie beside the file.
 bool HasNoAttributes(int error) {
-    return error == ENOTSUP || error == ENOSPC || error == EDQUOT || error == E2BIG;
+    return error == ENOTSUP || error == ENOSYS || error == EPERM || error == EINVAL || error == ENOSPC ||
+           error == EDQUOT || error == E2BIG;
 }
 
 }  // namespace
@@ -158,6 +164,12 @@ void WriteMark(const std::string& disk, const DiskMark& mark) {
             throw Error("cannot mark disk " + disk + " as a machine's: " + std::strerror(errno));
     }
     WriteFile(place, disk, text);
+}
+
+void EraseMark(const std::string& disk) {
+    const Place place = PlaceOf(disk);
+    if (!place.image.empty()) removexattr(place.image.c_str(), kAttribute);
+    unlink(place.file.c_str());
 }
 
 }  // namespace nbd

@@ -23,5 +23,7 @@ struct DiskMark {
 std::optional<DiskMark> ReadMark(const std::string& disk);
 // Replaces the mark. Throws Error.
 void WriteMark(const std::string& disk, const DiskMark& mark);
+// The disk is nobody's any more. A mark that cannot be removed stays.
+void EraseMark(const std::string& disk);
 
 }  // namespace nbd

@@ -88,4 +88,13 @@ void MarkDisks(const MachineFolder& folder) {
     }
 }
 
+void ReleaseDisks(const MachineFolder& folder) {
+    const std::string identity = ReadIdentity(folder.path);
+    for (const FolderDisk& disk : folder.disks) {
+        const std::optional<DiskMark> mark = ReadMark(folder.DiskPath(disk));
+        const bool own = mark && mark->machine == identity && IsSameFolder(mark->folder, folder.path);
+        if (own) EraseMark(folder.DiskPath(disk));
+    }
+}
+
 }  // namespace nbd

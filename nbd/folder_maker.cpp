@@ -11,6 +11,7 @@
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/guest_volume.h"
 #include "machine/boot/registry_file.h"
+#include "machine/disk/host_disk.h"
 #include "machine/disk/image_disk.h"
 #include "machine/ntfs/format.h"
 #include "nbd/disk_owner.h"
@@ -104,7 +105,7 @@ std::vector<std::string> LookAt(const std::vector<FolderDisk>& images) {
     machine::MachineOptions options;
     for (const FolderDisk& image : images) {
         std::string error;
-        std::shared_ptr<machine::Disk> disk = machine::ImageDisk::Open(image.path, image.sectorBytes, error);
+        std::shared_ptr<machine::Disk> disk = machine::HostDisk::Open(image.path, image.sectorBytes, error);
         if (disk == nullptr) throw Error(error);
         options.disks.push_back({.medium = std::make_shared<LookedAt>(std::move(disk))});
     }

@@ -7,6 +7,7 @@
 #include <iostream>
 #include <unistd.h>
 #include "formats/control_wire.h"
+#include "nbd/disk_owner.h"
 #include "nbd/machine_folder.h"
 #include "tool/error.h"
 #include "tool/kvrhost/machines.h"
@@ -19,11 +20,12 @@ namespace {
 std::vector<std::string> OwnFiles(const nbd::MachineFolder& folder) {
     std::vector<std::string> names;
     for (const nbd::FolderDisk& disk : folder.disks) {
-        if (disk.path.find('/') == std::string::npos) names.push_back(disk.path);
+        if (disk.path.find('/') == std::string::npos)
+            names.insert(names.end(), {disk.path, "." + disk.path + ".kvr"});
     }
     for (const char* name :
-         {nbd::kSystemImage, nbd::kRegistryFile, "registry.new", nbd::kLogFile, "log.old", "seal", "seal.new",
-          nbd::kNbdSocket, wire::kSocketName, nbd::kMachineFile, nbd::kLockFile})
+         {nbd::kIdentityFile, nbd::kSystemImage, nbd::kRegistryFile, "registry.new", nbd::kLogFile, "log.old",
+          "seal", "seal.new", nbd::kNbdSocket, wire::kSocketName, nbd::kMachineFile, nbd::kLockFile})
         names.emplace_back(name);
     return names;
 }
@@ -75,6 +77,7 @@ int DeleteMachine(const DeleteOptions& options) {
     const std::vector<std::string> own = OwnFiles(folder);
     PrintWhatGoes(folder, own);
     if (!options.yes && !SaysYes()) throw Error("nothing is deleted");
+    nbd::ReleaseDisks(folder);
     Remove(folder, own);
     return 0;
 }

@@ -70,6 +70,10 @@ def body(given):
     read(0)
     run(pc.kvrhost, "stop", moved)
 
+    # A machine that is deleted gives its disks up.
+    run(pc.kvrhost, "delete", moved, "--yes")
+    run(pc.kvrhost, "create", given.scratch / "fifth", "--disk", user)
+
     # Where attributes have no room, the mark lies beside the image.
     full = given.scratch / "full.raw"
     shutil.copyfile(user, full)
