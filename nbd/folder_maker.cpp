@@ -16,6 +16,7 @@
 #include "machine/ntfs/format.h"
 #include "nbd/disk_owner.h"
 #include "nbd/image_check.h"
+#include "nbd/looked_at.h"
 #include "platform/owners.h"
 
 namespace nbd {
@@ -62,22 +63,6 @@ public:
 
 private:
     const mode_t before_;
-};
-
-// An image that is only looked at.
-class LookedAt final : public machine::Disk {
-public:
-    explicit LookedAt(std::shared_ptr<machine::Disk> disk) : disk_(std::move(disk)) {}
-    std::uint64_t Size() const override { return disk_->Size(); }
-    std::uint32_t SectorSize() const override { return disk_->SectorSize(); }
-    NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override {
-        return disk_->Read(offset, buffer, length);
-    }
-    NTSTATUS Write(std::uint64_t, const void*, std::size_t) override { return STATUS_MEDIA_WRITE_PROTECTED; }
-    NTSTATUS Flush() override { return STATUS_SUCCESS; }
-
-private:
-    const std::shared_ptr<machine::Disk> disk_;
 };
 
 // Whether both name one file, or one block device by whatever nodes.

@@ -94,7 +94,7 @@ public:
     [[nodiscard]] NTSTATUS Control(Handle handle, ControlCall& call);
     [[nodiscard]] NTSTATUS Facts(const std::u16string& volume, tool::wire::VolumeFacts& facts,
                                  std::string& clients);
-    // Of the volumes of this boot, as no client was last there; the system disk's last.
+    // Of the volumes of this boot, as it found them or they were first mounted; the system disk's last.
     std::vector<tool::wire::VolumeText> Descriptions();
     // As the disk below the driver holds them (server_sectors.cpp).
     [[nodiscard]] NTSTATUS ReadSectors(const std::u16string& volume, std::uint64_t offset,
@@ -195,7 +195,7 @@ private:
 
     std::mutex clientsLock_;  // guards what follows, and every volume's `files`
     Clients clients_;
-    std::map<unsigned, tool::wire::VolumeText> descriptions_;  // as no client was last there
+    std::map<unsigned, tool::wire::VolumeText> descriptions_;  // by number
     PFILE_OBJECT control_ = nullptr;                           // the one handle that is open
     Handle handle_ = 0;
     Handle lastHandle_ = 0;

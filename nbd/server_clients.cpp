@@ -104,10 +104,8 @@ void Server::TakeBackVolumes(const Export& target) {
     ForEachVolumeOf(target, [&](machine::Volume& volume) {
         const unsigned number = volume.device->Number();
         if (clients_.CountOn(number, volume.device->DiskNumber()) != 0) return;
-        if (volume.files != nullptr)
-            volume.files->Resume();
-        else
-            KVR_DISCARD(machine_->MountRaw(number), "a volume that is still raw stays so");
+        if (volume.files != nullptr) return volume.files->Resume();  // looked at when somebody needs it
+        KVR_DISCARD(machine_->MountRaw(number), "a volume that is still raw stays so");
         Redescribe(volume);
     });
 }

@@ -3,11 +3,12 @@
 #include "machine/boot/any_file_system.h"
 #include "machine/boot/machine.h"
 #include "machine/disk/host_disk.h"
+#include "nbd/looked_at.h"
 #include "nbd/volume_description.h"
 
 namespace nbd {
 
-// By a boot without the driver: a mount writes nothing, nor does its end.
+// By a boot without the driver.
 std::vector<tool::wire::VolumeText> LookAtVolumes(const MachineFolder& folder) {
     machine::MachineOptions options;
     options.mostVolumes = kSystemVolume - 1;
@@ -15,9 +16,10 @@ std::vector<tool::wire::VolumeText> LookAtVolumes(const MachineFolder& folder) {
     options.fileSystem = [](const machine::VolumeDevice&) { return machine::AnyFileSystem(); };
     for (const FolderDisk& disk : folder.disks) {
         std::string error;
-        options.disks.push_back(
-            {.medium = machine::HostDisk::Open(folder.DiskPath(disk), disk.sectorBytes, error)});
-        if (options.disks.back().medium == nullptr) throw Error(error);
+        std::shared_ptr<machine::Disk> medium =
+            machine::HostDisk::Open(folder.DiskPath(disk), disk.sectorBytes, error);
+        if (medium == nullptr) throw Error(error);
+        options.disks.push_back({.medium = std::make_shared<LookedAt>(std::move(medium))});
     }
     machine::Machine machine(std::move(options));
     const NTSTATUS status = machine.PowerOn();
