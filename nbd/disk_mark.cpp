@@ -38,7 +38,7 @@ std::string FirstLineOf(const fs::path& path) {
 std::string StateFolder() {
     const char* state = std::getenv("XDG_STATE_HOME");
     if (state != nullptr && state[0] == '/') return std::string(state) + "/kvr/disks";
-    if (geteuid() == 0) return "/var/lib/kvr/disks";
+    if (geteuid() == 0) return "/var/lib/kvr-disks";
     const char* home = std::getenv("HOME");
     if (home == nullptr || home[0] != '/')
         throw Error("HOME names no folder, so there is none for marks on disks");
@@ -53,8 +53,11 @@ bool IsBlockDevice(const std::string& disk) {
 fs::path FolderOfDevice(const std::string& device) {
     struct stat info {};
     if (stat(device.c_str(), &info) != 0) Fail(device, std::strerror(errno));
-    return fs::canonical("/sys/dev/block/" + std::to_string(major(info.st_rdev)) + ":" +
-                         std::to_string(minor(info.st_rdev)));
+    std::error_code error;
+    const std::string number = std::to_string(major(info.st_rdev)) + ":" + std::to_string(minor(info.st_rdev));
+    fs::path folder = fs::canonical("/sys/dev/block/" + number, error);
+    if (error) Fail(device, "/sys/dev/block/" + number + ": " + error.message());
+    return folder;
 }
 
 // What stays the device's own when its name changes, as far as it has anything of that kind.
@@ -85,9 +88,10 @@ Place PlaceOf(const std::string& disk) {
         std::string identity = disk;
         if (disk.starts_with('/')) {
             const fs::path folder = FolderOfDevice(disk);
-            // A loop device is its file, whose mark other paths to it find as well.
+            // A loop device is its file, whose mark other paths to it find as well; for who may see it.
+            std::error_code unseen;
             const std::string backing = FirstLineOf(folder / "loop/backing_file");
-            if (!backing.empty() && fs::exists(backing)) return PlaceOf(backing);
+            if (!backing.empty() && fs::exists(backing, unseen)) return PlaceOf(backing);
             identity = IdentityOfDevice(folder);
         }
         std::array<char, 16> name{};

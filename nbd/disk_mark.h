@@ -4,7 +4,7 @@
 // An image file carries the mark in its extended attribute user.kvr.machine, which moves with it and with
 // copies that keep attributes; where the file system has none, the file .NAME.kvr beside it holds the mark. A
 // block device's and a remote disk's mark is a file of the user's state folder ($XDG_STATE_HOME/kvr/disks,
-// /var/lib/kvr/disks, or ~/.local/state/kvr/disks), found by the device's lasting identity or the URI: nothing
+// /var/lib/kvr-disks, or ~/.local/state/kvr/disks), found by the device's lasting identity or the URI: nothing
 // is written to the disk itself, of which every sector is the guest's. Such a mark is known to this host and
 // user only.
 #pragma once

@@ -5,7 +5,7 @@
 set -eu
 
 fail() { echo "FAILED: $*"; exit 1; }
-as() { runuser -u "$1" -- env HOME=/nonexistent "${@:2}"; }
+as() { runuser -u "$1" -- env HOME="$(getent passwd "$1" | cut -d: -f6)" "${@:2}"; }
 
 # ---- this system ---------------------------------------------------------------------------------------------
 
@@ -33,12 +33,13 @@ overlaid() {
     mount -t overlay none -o lowerdir=/,upperdir=upper,workdir=work root || { echo "SKIPPED: no overlay"; exit; }
     cd root
     mount -t proc none proc
-    for folder in run tmp dev sys; do mount -t tmpfs none $folder; done
+    mount -t sysfs -o ro none sys
+    for folder in run tmp dev; do mount -t tmpfs none $folder; done
     for node in null:3 zero:5 full:7 random:8 urandom:9; do mknod -m 666 "dev/${node%:*}" c 1 "${node#*:}"; done
     for node in {0..15}; do mknod "dev/loop$node" b 7 "$node"; done
     mknod dev/loop-control c 10 237
-    mkdir -p dev/shm sys/fs/cgroup
-    mount -t cgroup2 none sys/fs/cgroup || rmdir sys/fs/cgroup
+    mkdir -p dev/shm
+    mount -t cgroup2 none sys/fs/cgroup || true
     mount --bind "$1" mnt
     pivot_root . srv
     exec chroot . /mnt/package.sh inside
@@ -90,7 +91,7 @@ inside() {
     done
     as kvr kvrhost create /var/lib/kvr/pc --size 64M >/dev/null
     cp --sparse=always /var/lib/kvr/pc/disk0.img /mnt/disk.img
-    [ -d /sys/fs/cgroup ] || { echo "without systemd: no second hierarchy of control groups"; purge; exit; }
+    [ -e /sys/fs/cgroup/cgroup.procs ] || { echo "without systemd: no second hierarchy of control groups"; purge; exit; }
     printf '[Service]\nType=oneshot\nExecStart=/mnt/package.sh service\nStandardOutput=append:/mnt/result\n%s' \
         "StandardError=inherit" >/etc/systemd/system/stages.service
     printf '[Unit]\nWants=stages.service\n' >/etc/systemd/system/stages.target
@@ -117,7 +118,8 @@ service() {
         kvrctl --machine /var/lib/kvr/loop volumes --names | grep -qx HarddiskVolume1 || fail "a block device's volumes"
         systemctl stop kvr@loop
         losetup --detach "$loop"
-        rm -r /var/lib/kvr/loop
+        as kvr kvrhost delete --yes /var/lib/kvr/loop >/dev/null || fail "a machine on a block device is not deleted"
+        rm -r /var/lib/kvr/.local
     fi
     [ "$(kvrhost reboot /var/lib/kvr/pc 2>&1)" = "" ] || fail "a reboot under systemd"
     mkdir -p /var/lib/prometheus/node-exporter

@@ -75,7 +75,8 @@ void RefuseFor(const Context& context, const EditOptions& options, const std::st
 void RequireStorage(const Context& context, const EditOptions& options, const Situation& situation,
                     const std::u16string& after, const std::u16string& name) {
     const FixedVolume* volume = StatusOf(situation, name);
-    const Section* section = ScanConfig(after).Find(name);
+    const ConfigScan scan = ScanConfig(after);
+    const Section* section = scan.Find(name);
     if (!volume || !section || after == situation.text || volume->swapStatus == kSwapProvisioning) return;
     const bool keeps = section->volume.atBoot == config::kBootModeKeep;
     const std::string fault = StorageFault(context, *volume, keeps);
