@@ -68,9 +68,15 @@ bool HasMapPlace(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
            volume->BytesPerSector != 0;
 }
 
+// Under gHardening a protected volume whose files are not held keeps a true map: until its writes are refused
+// they change trees and swap as always.
+bool IsSavedInItsState(PVOLUME_EXTENSION volume) {
+    const ULONG state = volume->SwapState;
+    return state == kSwapUsable || (state == kSwapFilesNotHeld && gHardening && volume->IsProtected);
+}
+
 bool CanBeSaved(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
-    return volume->MapDirty && !volume->MapReadFailed && HasMapPlace(volume) &&
-           volume->SwapState == kSwapUsable;
+    return volume->MapDirty && !volume->MapReadFailed && HasMapPlace(volume) && IsSavedInItsState(volume);
 }
 
 // What the map says now is not on the disk: the next occasion saves again. No name is printed: at the last
@@ -102,7 +108,7 @@ NTSTATUS SpoilSavedMap(PVOLUME_EXTENSION volume) {
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force) {
     PVOLUME_EXTENSION volume = VolumeOf(device);
     if (volume->MapRetireDue) RetireSavedMap(volume);
-    if (volume->SwapState != kSwapUsable) return STATUS_SUCCESS;
+    if (!IsSavedInItsState(volume)) return STATUS_SUCCESS;
     const bool forced = force && volume->MapLocation;
     if (!forced && !volume->SwapFile && !volume->SwapAllocating) return STATUS_SUCCESS;
     KVR_DISCARD(SerializeSwapMap(device), "it has no other result than success");

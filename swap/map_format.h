@@ -9,10 +9,10 @@
 }
 
 // Saves the map when the trees changed, on a volume that redirects or whose storage was made in this boot
-// (`force`: on any that has a place for it). A volume whose storage is unusable, or whose saved map could not
-// be read whole, is never saved. Always STATUS_SUCCESS: a save that fails is reported and leaves MapDirty set,
-// so that the next occasion saves again. What the save points to is flushed before it, and the save itself
-// behind.
+// (`force`: on any that has a place for it). A volume whose storage is unusable (under gHardening: not one that
+// is protected and whose files could not be held), or whose saved map could not be read whole, is never saved.
+// Always STATUS_SUCCESS: a save that fails is reported and leaves MapDirty set, so that the next occasion saves
+// again. What the save points to is flushed before it, and the save itself behind.
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
 // The save itself, with none of these questions but whether the trees changed. Always STATUS_SUCCESS.
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);

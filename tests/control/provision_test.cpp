@@ -2,7 +2,9 @@
 #include <atomic>
 #include "control/provision_control.h"
 #include "control/reports.h"
+#include "driver/record/hardening.h"
 #include "platform/host/object/object.h"
+#include "swap/map_format.h"
 #include "swap/provision.h"
 #include "tests/support/memory_stack.h"
 #include "tests/support/told_files.h"
@@ -367,6 +369,56 @@ TEST_F(Provisioning, HoldingTheFiles) {
     EXPECT_EQ(STATUS_SUCCESS, Arm());
     EXPECT_EQ(kSwapUsable, volume->SwapState);
     EXPECT_EQ(3u, files.opens.size());
+}
+
+// One read error, or a program that looks at a file in that moment, does not cost what the volume keeps.
+// Without the stricter rules each file is tried once.
+TEST_F(Provisioning, AFileThatIsNotHeldAtOnceIsTriedAgain) {
+    constexpr NTSTATUS error = STATUS_IO_DEVICE_ERROR, busy = STATUS_SHARING_VIOLATION,
+                       missing = STATUS_OBJECT_NAME_NOT_FOUND;
+    constexpr ULONG bad = kSwapFilesNotHeld;
+    const struct {
+        std::u16string path;
+        NTSTATUS status;
+        int fails, tries;  // with the stricter rules
+        ULONG hardened, otherwise;
+    } cases[] = {{u"\\kvr.SWP", error, 1, 2, 0, bad},
+                 {u"\\kvr.MAP", busy, 4, 5, 0, bad},
+                 {u"\\kvr.SWP", error, 9, 5, bad, bad},
+                 {u"\\kvr.MAP", missing, 9, 1, bad, bad},
+                 {Numbered(3), error, 1, 2, 0, 0}};
+    UNICODE_STRING id = volume->VolumeName;
+    ASSERT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, PV_PROTECTED, FALSE));
+    for (const bool hardened : {true, false}) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(testing::Message() << &c - cases << (hardened ? ", hardened" : ""));
+            gHardening = hardened;
+            Locate({kRun});
+            volume->SwapState = kSwapUsable;
+            volume->IsProtected = TRUE;
+            volume->MapDirty = FALSE;
+            std::fill_n(At(0x1000 * S), S, 0x49);
+            int tries = 0;
+            files.onOpen = [&](const std::u16string& path) {
+                if (path == c.path) files.statuses[path] = ++tries <= c.fails ? c.status : STATUS_SUCCESS;
+            };
+            KVR_DISCARD(Arm(), "another file's");
+            EXPECT_EQ(hardened ? c.tries : 1, tries);
+            EXPECT_EQ(hardened ? c.hardened : c.otherwise, volume->SwapState);
+            const bool retired = !hardened && c.otherwise == bad;
+            EXPECT_EQ(!retired, OnDisk(0x1000 * S, S) == Bytes(S, 0x49)) << "the saved map";
+            // What was written before the writes were refused is saved.
+            Bytes map = OnDisk(0x1000 * S, S);
+            volume->MapDirty = TRUE;
+            KVR_DISCARD(WriteSwapMap(volume->FilterDevice, TRUE), "always a success");
+            EXPECT_EQ(retired, OnDisk(0x1000 * S, S) == map);
+            files.onOpen = nullptr;
+            files.statuses.clear();
+            CloseHeldFiles(volume);
+        }
+    }
+    volume->IsProtected = FALSE;
+    gHardening = FALSE;
 }
 
 }  // namespace

@@ -246,18 +246,19 @@ void Victim::CheckServes() {
 
 void Victim::CheckPromises() {
     for (unsigned mark = 0; mark < kMarks; ++mark) {
-        if ((promises_.durable & 1u << mark) != 0)
-            Require(Holds(mark) || SaysLoss(folder_), "mark " + std::to_string(mark) + " is lost");
+        if ((promises_.durable & 1u << mark) == 0 || Holds(mark)) continue;
+        promises_.lost |= 1u << mark;
+        Require(SaysLoss(folder_), "mark " + std::to_string(mark) + " is lost");
     }
 }
 
 // ---- the one behind it -----------------------------------------------------------------------------------
 
-void CheckNextStart(const std::string& folder, const Promises& promises, bool inOrder) {
+void CheckNextStart(const std::string& folder, Promises& promises, bool inOrder) {
     host_faults::Plan none{};
-    Promises owed{};
-    owed.durable = 1u | (inOrder ? promises.durable.load() : 0);
-    Victim next(folder, none, owed);
+    if (!inOrder) promises.durable = 1;
+    promises.lost = 0;
+    Victim next(folder, none, promises);
     try {
         next.Start();
     } catch (const std::exception& error) {

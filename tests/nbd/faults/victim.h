@@ -16,6 +16,7 @@ inline constexpr int kBroken = 4;  // broke a promise and said which
 // What a victim was promised, seen by the sweep whatever becomes of it: bit n for the n-th mark.
 struct Promises {
     std::atomic<std::uint32_t> durable;
+    std::atomic<std::uint32_t> lost;  // those found missing since it was cleared
 };
 
 struct Broken : std::runtime_error {
@@ -64,6 +65,6 @@ private:
 
 // In a process of its own behind a victim's: the machine starts and keeps what was promised, or says why not.
 // `inOrder`: the victim was shut down in order.
-void CheckNextStart(const std::string& folder, const Promises& promises, bool inOrder);
+void CheckNextStart(const std::string& folder, Promises& promises, bool inOrder);
 
 }  // namespace fault_sweep
