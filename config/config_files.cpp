@@ -117,7 +117,9 @@ NTSTATUS WriteConfig(PVOID buffer, ULONG length) {
 }
 
 BOOLEAN QueryConfigShareRead() {
-    return ReadDriverSwitch(W("ConfigShareRead"));
+    BOOLEAN on = FALSE;
+    KVR_DISCARD(ReadDriverSwitch(W("ConfigShareRead"), &on), "what is not known is not shared");
+    return on;
 }
 
 void LockConfig() {

@@ -4,11 +4,11 @@ namespace {
 
 constexpr ULONG kDataOffset = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
 
-// The size of the value's information as the registry reports it, 0 when there is none.
-ULONG QueryInformationSize(HANDLE key, PUNICODE_STRING name) {
-    ULONG size = 0;
-    const NTSTATUS status = ZwQueryValueKey(key, name, KeyValuePartialInformation, nullptr, 0, &size);
-    return status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL ? size : 0;
+// The size of the value's information as the registry reports it.
+NTSTATUS QueryInformationSize(HANDLE key, PUNICODE_STRING name, ULONG* size) {
+    const NTSTATUS status = ZwQueryValueKey(key, name, KeyValuePartialInformation, nullptr, 0, size);
+    if (status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL) return STATUS_SUCCESS;
+    return NT_SUCCESS(status) ? STATUS_INVALID_PARAMETER : status;
 }
 
 // How many bytes of data an information block of `returned` bytes truly holds.
@@ -34,7 +34,9 @@ NTSTATUS OpenKey(PCWSTR text, ACCESS_MASK access, KernelHandle* key) {
 }
 
 NTSTATUS ReadValue(const KernelHandle& key, PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length) {
-    const ULONG size = QueryInformationSize(key.Get(), name);
+    ULONG size = 0;
+    const NTSTATUS asked = QueryInformationSize(key.Get(), name, &size);
+    if (!NT_SUCCESS(asked)) return asked;
     if (size <= kDataOffset) return STATUS_INVALID_PARAMETER;
     PoolPtr<UCHAR> information = NewBuffer(size);
     if (!information) return STATUS_INSUFFICIENT_RESOURCES;
@@ -75,15 +77,24 @@ NTSTATUS ReadSystemValue(PCWSTR text, PoolPtr<UCHAR>* data, ULONG* length) {
     return ReadValue(key, &name, data, length);
 }
 
-BOOLEAN ReadDriverSwitch(PCWSTR text) {
+BOOLEAN IsValueAbsent(NTSTATUS status) {
+    return status == STATUS_OBJECT_NAME_NOT_FOUND || status == STATUS_OBJECT_PATH_NOT_FOUND ||
+           status == STATUS_INVALID_PARAMETER;
+}
+
+NTSTATUS ReadDriverSwitch(PCWSTR text, BOOLEAN* on) {
+    *on = FALSE;
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, text);
     PoolPtr<UCHAR> data;
     ULONG length = 0;
     ULONG value = 0;
-    if (!NT_SUCCESS(ReadDriverValue(&name, &data, &length)) || length < sizeof(value)) return FALSE;
+    const NTSTATUS status = ReadDriverValue(&name, &data, &length);
+    if (!NT_SUCCESS(status)) return IsValueAbsent(status) ? STATUS_SUCCESS : status;
+    if (length < sizeof(value)) return STATUS_SUCCESS;
     RtlCopyMemory(&value, data.Get(), sizeof(value));
-    return value != 0;
+    *on = value != 0;
+    return STATUS_SUCCESS;
 }
 
 NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush) {

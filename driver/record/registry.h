@@ -10,7 +10,10 @@
 [[nodiscard]] NTSTATUS ReadDriverValue(PUNICODE_STRING name, PoolPtr<UCHAR>* data, ULONG* length);
 // The same of a value that the system keeps about itself, in the key "Control" of its current control set.
 [[nodiscard]] NTSTATUS ReadSystemValue(PCWSTR name, PoolPtr<UCHAR>* data, ULONG* length);
-// Is the REG_DWORD value there, and not 0?
-[[nodiscard]] BOOLEAN ReadDriverSwitch(PCWSTR name);
+// Does that failure of a reading say that there is no such value, or none with data? Any other leaves open what
+// the registry says.
+[[nodiscard]] BOOLEAN IsValueAbsent(NTSTATUS status);
+// Is the REG_DWORD value there, and not 0? A failure leaves that open; `on` is FALSE then.
+[[nodiscard]] NTSTATUS ReadDriverSwitch(PCWSTR name, BOOLEAN* on);
 // REG_BINARY value; with `flush` it is on disk when this returns.
 [[nodiscard]] NTSTATUS WriteDriverValue(PUNICODE_STRING name, const void* data, ULONG length, BOOLEAN flush);

@@ -144,6 +144,25 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
         LoadHardening();
         EXPECT_EQ(c.elsewhere, gBootStoreElsewhere != FALSE);
     }
+    // What the registry cannot say now counts as a yes, and is asked for again.
+    for (const UCHAR wanted : {UCHAR{1}, UCHAR{0}}) {
+        registry.values[u"Hardening"] = {REG_DWORD, Image{wanted, 0, 0, 0}};
+        registry.values[u"FirmwareBootDevice"] = {REG_SZ, Image{'2', 0}};
+        registry.values[u"SystemBootDevice"] = {REG_SZ, Image{'1', 0}};
+        for (const ULONGLONG failing : {1, 2, 3}) {
+            SCOPED_TRACE(testing::Message() << int{wanted} << ", allocation " << failing);
+            gHardeningKnown = gHardening = FALSE;
+            const auto load = [] { return LoadHardening(), gHardening.load(); };
+            const bool isOpen = wanted || failing == 1;
+            EXPECT_EQ(isOpen, Starved(failing, load));
+            EXPECT_EQ(!isOpen, gHardeningKnown);
+            LoadHardening();
+            EXPECT_TRUE(gHardeningKnown);
+            EXPECT_EQ(wanted, gHardening);
+            EXPECT_EQ(wanted, gBootStoreElsewhere);
+        }
+    }
+    registry.values[u"Hardening"] = {REG_DWORD, Image{1, 0, 0, 0}};
     registry.values[u"SystemBootDevice"] = {REG_SZ, Image(0x10000, 1)};
     gHardeningKnown = FALSE;
     LoadHardening();
