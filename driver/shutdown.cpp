@@ -1,6 +1,7 @@
 // Flush, power and shutdown of filter devices: the points at which cached writes and the map reach the disk.
 #include "config/parser.h"
 #include "config/protected_volumes.h"
+#include "driver/record/hardening.h"
 #include "driver/remove.h"
 #include "driver/shutdown.h"
 #include "driver/record/requests.h"
@@ -62,6 +63,9 @@ NTSTATUS KvrFlush(PDEVICE_OBJECT device, PIRP request) {
     NTSTATUS status = PassIrpDown(device, request);
     if (IsVolumeInList(volume) && !volume->IsDisk && gTesselEnabled && IsRedirected(volume)) {
         KVR_DISCARD(FlushWriteCache(volume), "the flush below is what the caller is told about");
+        // The last writes before a silence have no later one that saves them. Not at each flush: a power cut
+        // that tears a save takes everything that is kept.
+        if (gHardening && volume->MapDirty) SaveMapWhenDue(volume);
     }
     return status;
 }

@@ -17,7 +17,6 @@ namespace {
 constexpr REQUEST_TRACE kWriteTrace = {
     "Kvr!Write(%p:0x%08x): file 0x%08x, Flags: 0x%08x at %I64x %d bytes [%wZ:%wZ]\n",
     "Kvr!Write(%p:0x%08x): at %I64x %d bytes [%wZ]\n"};
-constexpr LONGLONG kMapSaveInterval = 300000000;  // 30 seconds
 
 struct WRITE_REQUEST : FILE_REQUEST {
     LARGE_INTEGER Offset;
@@ -153,19 +152,6 @@ BOOLEAN IsSystemHive(const WRITE_REQUEST& write) {
     return IsForFileEnding(write, SpecialFileNames.SystemHive) ||
            IsForFileEnding(write, SpecialFileNames.SystemHiveLog) ||
            IsForFileEnding(write, SpecialFileNames.SystemHiveLog1);
-}
-
-// At most once in 30 seconds; of several requests that find it due, one saves. A last time in the future is
-// that of a clock that was set back since.
-void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
-    // A save that a power cut tears would leave the volume unprotected, and the next boot wants none of it.
-    if (gHardening && IsDroppedAtNextBoot(volume)) return;
-    LARGE_INTEGER now;
-    KeQuerySystemTime(&now);
-    LONGLONG last = volume->LastMapSaveTime;
-    if (now.QuadPart >= last && now.QuadPart <= last + kMapSaveInterval) return;
-    if (!volume->LastMapSaveTime.compare_exchange_strong(last, now.QuadPart)) return;
-    KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "a save that fails is made up for by the next one");
 }
 
 // Completes the request; the record is held by the caller.

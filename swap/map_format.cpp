@@ -1,4 +1,5 @@
 #include "swap/map_format.h"
+#include "config/protected_volumes.h"
 #include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/sector_io.h"
@@ -6,6 +7,8 @@
 #include "swap/map_writer.h"
 
 namespace {
+
+constexpr LONGLONG kMapSaveInterval = 300000000;  // 30 seconds, in 100 ns
 
 // A redirection that does not outlast the boot is saved as free space, and so is one that the map cannot name.
 bool IsKept(const SWAPPED_CHUNK* chunk, LONGLONG limit) {
@@ -114,6 +117,18 @@ NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force) {
     KVR_DISCARD(SerializeSwapMap(device), "it has no other result than success");
     DbgPrint("Kvr!WriteSwapMap: Saved\n");
     return STATUS_SUCCESS;
+}
+
+// A last time in the future is that of a clock that was set back since.
+void SaveMapWhenDue(PVOLUME_EXTENSION volume) {
+    // A save that a power cut tears would leave the volume unprotected, and the next boot wants none of it.
+    if (gHardening && IsDroppedAtNextBoot(volume)) return;
+    LARGE_INTEGER now;
+    KeQuerySystemTime(&now);
+    LONGLONG last = volume->LastMapSaveTime;
+    if (now.QuadPart >= last && now.QuadPart <= last + kMapSaveInterval) return;
+    if (!volume->LastMapSaveTime.compare_exchange_strong(last, now.QuadPart)) return;
+    KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "a save that fails is made up for by the next one");
 }
 
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device) {

@@ -14,6 +14,9 @@
 // Always STATUS_SUCCESS: a save that fails is reported and leaves MapDirty set, so that the next occasion saves
 // again. What the save points to is flushed before it, and the save itself behind.
 NTSTATUS WriteSwapMap(PDEVICE_OBJECT device, BOOLEAN force);
+// WriteSwapMap without `force`, at most once in 30 seconds: of several requests that find it due, one saves.
+// Under gHardening not while the next boot gives every change up anyway.
+void SaveMapWhenDue(PVOLUME_EXTENSION volume);
 // The save itself, with none of these questions but whether the trees changed. Always STATUS_SUCCESS.
 NTSTATUS SerializeSwapMap(PDEVICE_OBJECT device);
 // From now on the swap changes while no map of it can be saved: the saved one is made unusable, so that the

@@ -512,6 +512,30 @@ TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
         expected += c.saved;
         EXPECT_EQ(expected, saves());
     }
+    // What was written last before a silence is saved by a flush, when a write would save it; with the stricter
+    // rules only.
+    entry->DropsAtNextBoot = gConfigWrittenByTool = gConfigDirty = FALSE;
+    for (const bool hardened : {true, false}) {
+        gHardening = hardened;
+        for (const int seconds : {30, 31}) {
+            host::AdvanceTime(31 * host::kTicksPerSecond);
+            EXPECT_EQ(++expected, saves());
+            host::AdvanceTime(seconds * host::kTicksPerSecond);
+            volume->MapDirty = TRUE;
+            expected += hardened && seconds > 30;
+            for (int flush = 0; flush < 2; ++flush) {
+                EXPECT_EQ(STATUS_SUCCESS,
+                          host::Send(volume->FilterDevice, {.major = IRP_MJ_FLUSH_BUFFERS}).status);
+                EXPECT_EQ(expected, TimesSaid(mark, "Kvr!WriteSwapMap: Saved"));
+            }
+        }
+    }
+    host::AdvanceTime(31 * host::kTicksPerSecond);
+    gHardening = TRUE;
+    volume->MapDirty = FALSE;
+    EXPECT_EQ(STATUS_SUCCESS, host::Send(volume->FilterDevice, {.major = IRP_MJ_FLUSH_BUFFERS}).status);
+    EXPECT_EQ(expected, TimesSaid(mark, "Kvr!WriteSwapMap: Saved")) << "nothing has changed";
+    gHardening = FALSE;
     host::FollowRealClock();
 }
 
