@@ -18,6 +18,11 @@ public:
     virtual std::uint64_t Size() const = 0;        // bytes, a multiple of SectorSize()
     virtual std::uint32_t SectorSize() const = 0;  // bytes, 512 or 4096
     [[nodiscard]] virtual NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) = 0;
+    // The same without waiting for the medium, as far as it can tell: STATUS_PENDING when it would have to, and
+    // then what is missing is on its way to where Read finds it. The buffer's content is undefined until then.
+    [[nodiscard]] virtual NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) {
+        return Read(offset, buffer, length);
+    }
     [[nodiscard]] virtual NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) = 0;
     // Everything written before is on stable storage when this returns.
     [[nodiscard]] virtual NTSTATUS Flush() = 0;

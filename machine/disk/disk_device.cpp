@@ -3,6 +3,7 @@
 #include "platform/host/check/injector.h"
 #include "machine/disk/data_sets.h"
 #include "machine/disk/device_support.h"
+#include "machine/disk/held_reads.h"
 #include "platform/host/check/host_memory.h"
 #include "platform/host/sync/sync.h"
 
@@ -63,8 +64,11 @@ NTSTATUS DiskDevice::DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
         return STATUS_PENDING;
     }
     ULONG_PTR information = 0;
-    const NTSTATUS status = disk.Transfer(irp, information);
-    return Complete(irp, status, information);
+    const NTSTATUS status = disk.Transfer(irp, true, information);
+    if (status != STATUS_PENDING) return Complete(irp, status, information);
+    IoMarkIrpPending(irp);
+    HoldRead(irp, CarryOutHeld);
+    return STATUS_PENDING;
 }
 
 NTSTATUS DiskDevice::DispatchControl(PDEVICE_OBJECT device, PIRP irp) {
@@ -85,7 +89,7 @@ NTSTATUS DiskDevice::DispatchSucceed(PDEVICE_OBJECT, PIRP irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
-NTSTATUS DiskDevice::Transfer(PIRP irp, ULONG_PTR& information) {
+NTSTATUS DiskDevice::Transfer(PIRP irp, bool mayWait, ULONG_PTR& information) {
     if (host::InjectFault(host::Fault::LowerIo)) return STATUS_IO_DEVICE_ERROR;
     const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
     if (location.MajorFunction == IRP_MJ_FLUSH_BUFFERS) return medium_->Flush();
@@ -96,8 +100,10 @@ NTSTATUS DiskDevice::Transfer(PIRP irp, ULONG_PTR& information) {
     const bool read = location.MajorFunction == IRP_MJ_READ;
     const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
     if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
-    const NTSTATUS status =
-        read ? medium_->Read(offset, buffer.Get(), length) : medium_->Write(offset, buffer.Get(), length);
+    const NTSTATUS status = !read     ? medium_->Write(offset, buffer.Get(), length)
+                            : mayWait ? medium_->ReadAtOnce(offset, buffer.Get(), length)
+                                      : medium_->Read(offset, buffer.Get(), length);
+    if (status == STATUS_PENDING) return status;
     if (NT_SUCCESS(status)) information = length;
     return status;
 }
@@ -160,11 +166,15 @@ bool DiskDevice::Queue(PIRP irp) {
 
 void DiskDevice::CarryOut(PIRP irp) {
     ULONG_PTR information = 0;
-    const NTSTATUS status = Transfer(irp, information);
+    const NTSTATUS status = Transfer(irp, false, information);
     // As after an interrupt: whoever waits above must cope with DISPATCH_LEVEL.
     const KIRQL before = host::SetIrql(DISPATCH_LEVEL);
     Complete(irp, status, information);
     host::SetIrql(before);
+}
+
+void DiskDevice::CarryOutHeld(PIRP irp) {
+    Of(IoGetCurrentIrpStackLocation(irp)->DeviceObject).CarryOut(irp);
 }
 
 void DiskDevice::Work() {

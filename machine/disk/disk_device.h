@@ -14,7 +14,7 @@
 namespace machine {
 
 enum class Completion {
-    Immediate,  // in the dispatch routine
+    Immediate,  // in the dispatch routine, but a read that waits for its medium when its sender waits
     Pended,     // marked pending and completed by a thread of the disk, at DISPATCH_LEVEL
     Stepped,    // marked pending and completed by Release(), in the order that the test chooses
 };
@@ -62,7 +62,9 @@ private:
 
     bool Queue(PIRP irp);
     void CarryOut(PIRP irp);
-    NTSTATUS Transfer(PIRP irp, ULONG_PTR& information);
+    static void CarryOutHeld(PIRP irp);
+    // STATUS_PENDING only for a read that `mayWait`, for its medium.
+    NTSTATUS Transfer(PIRP irp, bool mayWait, ULONG_PTR& information);
     NTSTATUS Control(PIRP irp, ULONG_PTR& information);
     NTSTATUS Trim(PIRP irp);
     void Work();

@@ -47,6 +47,10 @@ NTSTATUS FaultDisk::Read(std::uint64_t offset, void* buffer, std::size_t length)
     return power_->IsCut() ? STATUS_DEVICE_POWERED_OFF : disk_->Read(offset, buffer, length);
 }
 
+NTSTATUS FaultDisk::ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) {
+    return power_->IsCut() ? STATUS_DEVICE_POWERED_OFF : disk_->ReadAtOnce(offset, buffer, length);
+}
+
 NTSTATUS FaultDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
     const PowerSwitch::Permit permit = power_->AdmitWrite();
     if (permit.Full()) return disk_->Write(offset, buffer, length);

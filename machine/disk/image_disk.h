@@ -19,6 +19,7 @@ public:
     std::uint64_t Size() const override { return size_; }
     std::uint32_t SectorSize() const override { return sectorSize_; }
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
     const std::string& Path() const { return path_; }

@@ -2,6 +2,7 @@
 // from one disk copies only what each of them writes.
 #pragma once
 #include <array>
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -19,8 +20,14 @@ public:
     std::uint64_t Size() const override { return size_; }
     std::uint32_t SectorSize() const override { return sectorSize_; }
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) override {
+        return cold_ ? STATUS_PENDING : Read(offset, buffer, length);
+    }
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override { return STATUS_SUCCESS; }
+
+    // From now on no read is ready at once.
+    void SetCold() { cold_ = true; }
 
     // The disk as it is now. Writes that run meanwhile are in the copy or not, sector by sector.
     std::unique_ptr<MemoryDisk> Clone() const;
@@ -46,6 +53,7 @@ private:
 
     std::uint64_t size_;
     std::uint32_t sectorSize_;
+    std::atomic<bool> cold_{false};
     // Null: zeros. A slot is guarded by its stripe; only the sole holder of a chunk writes to it.
     std::vector<std::shared_ptr<Chunk>> chunks_;
     mutable std::array<std::mutex, kStripes> stripes_;

@@ -26,6 +26,7 @@ struct Case {
     std::uint64_t swapMiB;
     machine::Completion completion;
     bool hardened = false;
+    bool cold = false;
 };
 
 class ModelRun {
@@ -36,6 +37,7 @@ public:
           hardened_(parameters.hardened),
           computer_({.dataSector = parameters.sector,
                      .completion = parameters.completion,
+                     .cold = parameters.cold,
                      .hardened = parameters.hardened}),
           model_(kRegionBytes / parameters.sector, parameters.sector) {}
 
@@ -208,6 +210,6 @@ INSTANTIATE_TEST_SUITE_P(Volumes, Model,
                          testing::Values(Case{512, 80, machine::Completion::Immediate},
                                          Case{512, 60, machine::Completion::Pended, true},
                                          Case{512, 60, machine::Completion::Pended},
-                                         Case{4096, 80, machine::Completion::Immediate, true}));
+                                         Case{4096, 80, machine::Completion::Immediate, true, true}));
 
 }  // namespace

@@ -96,6 +96,7 @@ void ProtectedComputer::Build() {
     dataFiles_->PieceBytes = options_.piece;
     dataFiles_->GapBytes = options_.gap;
     std::shared_ptr<Disk> data = dataDisk_;
+    if (options_.cold) dataDisk_->SetCold();
     if (options_.dataCache) data = dataCache_ = std::make_shared<CachedDisk>(dataDisk_);
     MachineOptions machine;
     machine.disks = {{systemDisk_}, {data, false, options_.completion}};

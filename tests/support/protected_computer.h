@@ -38,6 +38,7 @@ struct ComputerOptions {
     // The storage files are placed from here to the end of the data volume; what lies below is the test's.
     std::uint64_t storageBegin = 64 * kMiB;
     machine::Completion completion = machine::Completion::Immediate;
+    bool cold = false;       // of the data disk no read is ready at once
     bool dataCache = false;  // the data disk has a volatile write cache
     // How the data volume's files are laid out: pieces of at most that many bytes with gaps between them. 0: as
     // large as it gets.

@@ -3,6 +3,7 @@
 #include "platform/host/memory/mdl.h"
 #include "platform/host/check/host_memory.h"
 #include "platform/host/check/verifier.h"
+#include "platform/host/sync/wait_work.h"
 
 namespace host {
 namespace {
@@ -148,6 +149,9 @@ void SendAsync(PDEVICE_OBJECT device, const Request& request, RequestDone done, 
     irp->Host->Done = done;
     // The answer is of no use: the request ends through `done` either way, and may be gone already.
     (void)IofCallDriver(device, irp);
+    // This thread may never wait.
+    while (DoWaitWork()) {
+    }
 }
 
 Outcome SendControl(PDEVICE_OBJECT device, const Control& control) {

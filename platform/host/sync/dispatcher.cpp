@@ -6,6 +6,7 @@
 #include "platform/host/sync/clock.h"
 #include "platform/host/sync/futex.h"
 #include "platform/host/sync/lock_order.h"
+#include "platform/host/sync/wait_work.h"
 #include "platform/host/check/verifier.h"
 
 namespace host {
@@ -62,6 +63,12 @@ bool TryTakeSignal(DISPATCHER_HEADER& header, LONG start, bool slept, LONG& seen
             seen |= kSleepers;
             return false;
         }
+    }
+}
+
+// What the thread waits for may come of its own work.
+void WorkBeforeSleeping(const DISPATCHER_HEADER& header) {
+    while ((header.SignalState.load(std::memory_order_acquire) & kSignalled) == 0 && DoWaitWork()) {
     }
 }
 
@@ -190,6 +197,7 @@ NTSTATUS KeWaitForSingleObject(PVOID object, KWAIT_REASON, KPROCESSOR_MODE, BOOL
     switch (header.Type) {
         case HostDispatcherType::Event:
         case HostDispatcherType::Thread:
+            if (!poll) WorkBeforeSleeping(header);
             return WaitForSignal(header, timeout);
         case HostDispatcherType::Mutex:
             return WaitForMutex(*static_cast<KMUTEX*>(object), timeout);
