@@ -40,8 +40,12 @@ ROOMS = {room: set(below.split()) for room, below in {
     "tool": "client",
     "tool/kvrctl": "client formats inspect tool platform/host posix",
     "tool/demo": f"tool/kvrctl client tool formats inspect machine {MACHINE} platform/host platform posix",
+    # What plays a proof inside a guest: freestanding, like the driver.
+    "prove": "formats",
+    "prove/windows": "prove formats",
+    "tool/prove": "tool/inject tool/demo tool/kvrctl tool inspect formats machine/partition posix",
     "tool/inject": "tool/demo tool/kvrctl tool formats machine/partition posix",
-    "tool/kvrhost": "tool/inject tool/demo tool/kvrctl client tool nbd formats inspect posix",
+    "tool/kvrhost": "tool/prove tool/inject tool/demo tool/kvrctl client tool nbd formats inspect posix",
 }.items()}
 # Whoever tries things out may know everything, and each other.
 TRIALS = ("tests", "fuzz", "bench")
@@ -77,7 +81,7 @@ def complaint(path: str, bracket: str, target: str) -> str | None:
     if room is None:
         return "the folder is no room of the table"
     if bracket == "<":
-        return "hosted header in freestanding code" if room in DRIVER + ("formats",) and target not in FREESTANDING else None
+        return "hosted header in freestanding code" if room in DRIVER + ("formats", "prove") and target not in FREESTANDING else None
     below = room_of(target)
     if below is None or room in TRIALS or below == room:
         return None
@@ -93,7 +97,8 @@ def self_test() -> list[str]:
     refused = [("swap/a.cpp", '"', "redirect/redirect.h"), ("driver/record/a.h", '"', "driver/pnp.h"),
                ("config/a.cpp", "<", "vector"), ("formats/a.h", '"', "platform/kernel.h"),
                ("machine/disk/a.cpp", '"', "swap/swap.h"), ("swap/a.cpp", '"', "tests/support/a.h"),
-               ("swap/a.cpp", '"', "platform/host/kernel_host.h"), ("nobody/a.cpp", '"', "swap/swap.h")]
+               ("swap/a.cpp", '"', "platform/host/kernel_host.h"), ("nobody/a.cpp", '"', "swap/swap.h"),
+               ("prove/a.cpp", "<", "string")]
     wrong = [f"not refused: {path} includes {target}" for path, bracket, target in refused
              if not complaint(path, bracket, target)]
     allowed = [("driver/a.cpp", '"', "redirect/redirect.h"), ("tests/swap/a.cpp", '"', "driver/pnp.h"),
