@@ -21,6 +21,7 @@ namespace {
 
 constexpr char kDriverFile[] = "System32\\drivers\\kvr64.sys";
 constexpr char kConfigFile[] = "System32\\drivers\\kvr.cfg";
+constexpr char kProofFile[] = "System32\\kvrprove.exe";
 constexpr char kToolFile[] = "System32\\kvrctl.exe";
 // For what grows besides the files: the hives and the file system's own structures.
 constexpr std::uint64_t kReserve = 4 * 1024 * 1024;
@@ -126,6 +127,10 @@ void PutIn(ImageEdit& image, Installation& windows, const InjectOptions& options
     const std::vector<std::uint8_t> driver = SignedDriver(image, windows, files, options, report);
     windows.Volume().Write(windows.Path(kDriverFile), driver);
     windows.Volume().Write(windows.Path(kToolFile), files.tool);
+    if (!options.proof.empty()) {
+        windows.Volume().Write(windows.Path(kProofFile), ReadHostFile(options.proof));
+        StartAtBoot(windows, "kvrprove", report);
+    }
     AddConfiguration(windows, options, report);
     Register(windows, files.version, report);
     Prepare(windows, options.prepare, report);

@@ -17,6 +17,7 @@ struct InjectOptions {
     std::vector<std::string> prepare;
     bool testSign = false;
     bool allowUnsigned = false;
+    std::string proof;  // kvrprove.exe, for a copy that is started to prove the driver and then deleted
     bool remove = false;
     bool dropStorage = false;  // with remove
 };

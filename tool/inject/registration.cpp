@@ -110,6 +110,20 @@ void Register(Installation& windows, const std::string& version, Report& report)
     for (const FilterClass& filtered : kClasses) AddFilter(windows, filtered, report);
 }
 
+void StartAtBoot(Installation& windows, const std::string& program, Report& report) {
+    Hive& hive = windows.System();
+    const std::string key = windows.Current("Control\\Session Manager");
+    const auto value = hive.Get(key, "BootExecute");
+    auto list = ListOf(value);
+    if (value && !list) throw Error("BootExecute is no list");
+    if (!list) list.emplace();
+    if (std::none_of(list->begin(), list->end(), [&](auto& name) { return SameName(name, program); }))
+        list->push_back(program);
+    hive.Set(key, "BootExecute", List(*list));
+    hive.Set(windows.Current("Control\\CrashControl"), "AutoReboot", Number(1));
+    report.push_back("started at boot: " + Show(List(*list)));
+}
+
 void Unregister(Installation& windows, Report& report) {
     Hive& hive = windows.System();
     const std::vector<std::string> sets = ControlSets(hive);

@@ -20,6 +20,9 @@ using Report = std::vector<std::string>;
 // The service first, names last: what is interrupted leaves no name without a driver. Behind what stands in a
 // list, once. Throws Error where the layout is not that of a Windows.
 void Register(Installation& windows, const std::string& version, Report& report);
+// A native program of System32 is started at every boot, before anybody logs in; a Windows that stops with a
+// blue screen restarts. For a copy that proves the driver: nothing takes it out again. Throws Error.
+void StartAtBoot(Installation& windows, const std::string& program, Report& report);
 // Names first, then the service, from every control set.
 void Unregister(Installation& windows, Report& report);
 // The driver's own key goes, with what it and the injection noted there: the last step.

@@ -14,6 +14,7 @@
 #include "tool/kvrhost/seal.h"
 #include "tool/kvrhost/serve.h"
 #include "tool/nearest_word.h"
+#include "tool/prove/command.h"
 #include "tool/kvrhost/volume_lines.h"
 #include "tool/text.h"
 
@@ -63,6 +64,7 @@ public:
         AddAdopt();
         AddServe();
         OnParse(AddInjectCommand(app_, inject_), [this] { return RunInject(inject_); });
+        OnParse(AddProveCommand(app_, prove_), [this] { return Prove(prove_); });
         OnParse(AddFolderCommand("reboot", "Reboot a machine that is being served; its clients wait"),
                 [this] { return Reboot(folder_); });
         OnParse(AddFolderCommand("stop", "Shut a machine down and end its server"),
@@ -254,6 +256,7 @@ private:
     MachinesOptions machines_;
     DeleteOptions deletion_;
     InjectOptions inject_;
+    ProveOptions prove_;
     std::string folder_;
     bool follow_ = false, withDriver_ = false, dropChanges_ = false;
 };

@@ -1,0 +1,128 @@
+// `kvrhost prove` with a guest that plays no Windows, on a disk that looks like one with a Windows.
+#include "tool/prove/prove.h"
+#include <cstdlib>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include "tests/inject/fake_windows.h"
+#include "tool/demo/demo.h"
+#include "tool/inject/hive.h"
+
+namespace {
+
+using namespace fake_windows;
+
+// A byte of the volume of Windows in which nothing lies.
+constexpr std::uint64_t kFreePlace = VolumeOffset(false) + kVolumeLength - (1 << 20);
+
+std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes) {
+    TestFolder::Put(folder.Sparse(name, 0), 0, {bytes.begin(), bytes.end()});
+    return folder.File(name);
+}
+
+tool::ProveOptions Options(const TestFolder& folder, const std::string& image) {
+    tool::ProveOptions options;
+    options.image = image;
+    options.folder = folder.File("proof");
+    options.emulator = KVR_STAND_IN;
+    options.driver = HostFile(folder, "kvr64.sys", DriverImage());
+    options.tool = options.proof = options.driver;
+    options.allowUnsigned = true;
+    options.storageBytes = 1 << 20;
+    options.seconds = 20;
+    return options;
+}
+
+std::string Rows(const TestFolder& folder) {
+    const auto bytes = TestFolder::Bytes(folder.File("proof/proof.txt"));
+    return {bytes.begin(), bytes.end()};
+}
+
+std::size_t CountOf(const std::string& text, const std::string& word) {
+    std::size_t count = 0;
+    for (std::size_t at = text.find(word); at != text.npos; at = text.find(word, at + 1)) ++count;
+    return count;
+}
+
+struct Case {
+    const char* guest;
+    bool changesAtMerge;
+    std::size_t failed;  // rows
+    std::size_t played;  // acts
+    std::string said;
+};
+
+const Case kCases[] = {
+    {"honest:0", true, 0, 10, "not one of "},
+    {"fails:3", true, 1, 10, "something must work"},
+    {"lies:4", true, 1, 4, "4 KiB differ, at byte "},
+    {"honest:0", false, 1, 6, "the merge reached the volume's own sectors"},
+    {"hangs:2", true, 1, 2,
+     "did not power off in time and was ended; the last it said was 'the stand-in answers'"},
+    {"stops:5", true, 1, 5, "restarted or powered off before the act was over"},
+    {"crashes:2", true, 1, 2, "the emulator ended with 1; it never answered"},
+    {"silent:1", true, 1, 1, "it never answered: Windows did not start"},
+    {"torn:3", true, 1, 3, "it never answered"},
+    {"stale:3", true, 1, 3, "it never answered"},
+};
+
+TEST(Prove, SeesWhatAGuestDoes) {
+    const TestFolder source;
+    const std::string image = Make(source, {});
+    const auto before = TestFolder::Bytes(image);
+    for (const Case& one : kCases) {
+        SCOPED_TRACE(one.guest);
+        const TestFolder folder;
+        setenv("KVR_STAND_IN", one.guest, 1);
+        setenv("KVR_STAND_IN_AT", std::to_string(kFreePlace).c_str(), 1);
+        if (!one.changesAtMerge) unsetenv("KVR_STAND_IN_AT");
+        tool::ProveOptions options = Options(folder, image);
+        if (std::string(one.guest) == "hangs:2") options.seconds = 2;
+        EXPECT_EQ(tool::Prove(options), one.failed == 0 ? 0 : tool::kExitFailed);
+        const std::string rows = Rows(folder);
+        EXPECT_EQ(CountOf(rows, "FAIL"), one.failed) << rows;
+        EXPECT_NE(rows.find(one.said), rows.npos) << rows;
+        EXPECT_EQ(CountOf(rows, "the guest played the act"), one.played) << rows;
+        EXPECT_FALSE(std::filesystem::exists(folder.File("proof/disk.raw")));
+    }
+    EXPECT_EQ(TestFolder::Bytes(image), before);
+}
+
+TEST(Prove, StartsTheProgramInTheCopyAlone) {
+    const TestFolder folder;
+    Key system = SystemHive();
+    Below(system, "ControlSet001\\Control\\Session Manager").values = {
+        {"BootExecute", 7, MultiSz({"autocheck autochk *"})}};
+    const std::string image = Make(folder, {.system = system});
+    tool::ProveOptions options = Options(folder, image);
+    options.keepDisk = true;
+    setenv("KVR_STAND_IN", "silent:1", 1);
+    EXPECT_EQ(tool::Prove(options), tool::kExitFailed);
+    const std::string copy = folder.File("proof/disk.raw");
+    const tool::Hive hive("SYSTEM", ReadFile(folder, copy, "/Windows/System32/config/SYSTEM"));
+    const std::string control = "ControlSet001\\Control\\";
+    EXPECT_EQ(hive.Get(control + "Session Manager", "BootExecute"),
+              tool::List({"autocheck autochk *", "kvrprove"}));
+    EXPECT_EQ(hive.Get(control + "CrashControl", "AutoReboot"), tool::Number(1));
+    EXPECT_EQ(ReadFile(folder, copy, "/Windows/System32/kvrprove.exe"), DriverImage());
+    EXPECT_TRUE(ReadFile(folder, image, "/Windows/System32/kvrprove.exe").empty());
+}
+
+TEST(Prove, SaysWhyItCannotBeGivenAndLeavesNothing) {
+    const TestFolder folder;
+    const std::string image = Make(folder, {});
+    const auto refused = [&](auto change, const std::string& why) {
+        tool::ProveOptions options = Options(folder, image);
+        change(options);
+        const std::string said = Complaint([&] { tool::Prove(options); });
+        EXPECT_NE(said.find(why), said.npos) << said;
+        EXPECT_FALSE(std::filesystem::exists(folder.File("proof/disk.raw")));
+    };
+    refused([](auto& o) { o.emulator = "/no/such"; }, "is no program that can be started");
+    std::filesystem::remove_all(folder.File("proof"));
+    refused([](auto& o) { o.storageBytes = 1ull << 60; }, "there is no room for the copy");
+    refused([](auto& o) { o.allowUnsigned = false, o.root = "Winnt"; }, "no volume of the disk has a Windows");
+    refused([&](auto& o) { o.folder = folder.Path(); }, "exists already");
+    EXPECT_FALSE(std::filesystem::exists(folder.File("proof"))) << "an empty folder is left";
+}
+
+}  // namespace

@@ -1,0 +1,84 @@
+#!/usr/bin/env python3
+"""Runs kvrprove.exe on Wine, an act of it: on a computer without the driver, and against kvr64.sys on the host kernel
+behind kvrgate.sys. The order and the answers lie in a file that stands for the answers' disk.
+
+  play_prove.py KVRPROVE      the program; drivers and prefix are those that play.py prepared
+
+Exit status as play.py's."""
+import pathlib
+import struct
+import subprocess
+import sys
+
+import play
+from play_tool import COMMAND_SECONDS, Session
+
+# As formats/proof_disk.h has them.
+ORDER, ANSWER, VERSION, ENDED = b"KVRKPRD1", b"KVRKPAN1", 1, 2
+ORDER_AT, ANSWER_AT, ANSWER_BYTES, HEAD_BYTES, ROW_BYTES, NAME_BYTES = 1 << 20, (1 << 20) + (64 << 10), 4096, 32, 112, 96
+DISK_BYTES, RUN, STORAGE = 16 << 20, 0x1234567890, 128 << 20
+SETUP = 1
+# A volume of the gate's; its files lie on Wine's own disk.
+VOLUME, ROOT = "\\Device\\HarddiskVolume71", "\\??\\C:"
+# What must pass in the first act, in its order: the device is the driver's, but the volume has no file system for the
+# storage.
+ASKED = ["the volume of Windows is found", "the control device opens", "a second handle is refused",
+         "a configuration of another size is refused", "a code that is none is refused",
+         "the device opens by its other name", "protection is off", "the volume is listed, not protected",
+         "a file is made before", "a configuration is written and reads back: discard", "the storage is ordered"]
+NOT_HERE = ["the storage is made"]
+# Without the driver: what asks nothing of it, and what any refusal satisfies.
+WITHOUT = [ASKED[0], ASKED[3], ASKED[4], ASKED[8]]
+
+
+def checksum(data: bytes) -> int:
+    value = 2166136261
+    for byte in data:
+        value = (value ^ byte) * 16777619 & 0xFFFFFFFF
+    return value
+
+
+def sealed(data: bytes) -> bytes:
+    return data + struct.pack("<I", checksum(data))
+
+
+def play_act(wine: play.Wine, program: pathlib.Path, act: int) -> dict[str, bool]:
+    """The rows of the answer: whether each passed."""
+    disk = wine.logs / "answers.raw"
+    image = bytearray(DISK_BYTES)
+    image[ORDER_AT:ORDER_AT + 512] = sealed(struct.pack("<8sIIQQ", ORDER, VERSION, act, RUN, STORAGE).ljust(508, b"\0"))
+    disk.write_bytes(image)
+    status, said = wine.run(["wine", str(program), "\\??\\Z:" + str(disk).replace("/", "\\"), VOLUME, ROOT], COMMAND_SECONDS)
+    answer = disk.read_bytes()[ANSWER_AT:ANSWER_AT + ANSWER_BYTES]
+    magic, version, played, run, state, rows = struct.unpack_from("<8sIIQII", answer)
+    if (status, magic, version, played, run, state) != (0, ANSWER, VERSION, act, RUN, ENDED) or answer != sealed(answer[:-4]):
+        raise play.Trouble(f"kvrprove ended with {status} and a wrong answer: {answer[:HEAD_BYTES].hex()} {said}")
+    found = {}
+    for row in range(rows):
+        name, passed = struct.unpack_from(f"<{NAME_BYTES}sI", answer, HEAD_BYTES + row * ROW_BYTES)
+        found[name.rstrip(b"\0").decode()] = passed == 1
+    return found
+
+
+def main() -> int:
+    wine, program = play.Wine(play.ROOT / "build"), pathlib.Path(sys.argv[1]).resolve()
+    wine.end_session()
+    without = play_act(wine, program, SETUP)
+    with Session(wine, "kvrgate.sys"):
+        answered = play_act(wine, program, SETUP)
+    failed = 0
+    for which, rows, expected in (("without the driver", without, {name: name in WITHOUT for name in ASKED}),
+                                  ("with it", answered, {name: name in ASKED for name in ASKED + NOT_HERE})):
+        if rows != expected:
+            failed += 1
+            print(f"{which}: {rows}\nexpected: {expected}")
+    print(f"kvrprove.exe: {2 - failed} of 2 runs as expected")
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except (play.Trouble, OSError, subprocess.TimeoutExpired) as error:
+        print(f"play_prove.py: {error}", file=sys.stderr)
+        sys.exit(2)
