@@ -39,6 +39,7 @@ TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
     volume->IsProtected = FALSE;
     volume->ProtectionDeferred = TRUE;
     EXPECT_FALSE(Updated(volume)) << "storage made or removed in this boot";
+    EXPECT_EQ(0u, volume->BootAction.load()) << "nor is anything to be done at it";
     volume->ProtectionDeferred = FALSE;
     EXPECT_TRUE(Updated(volume));
     EXPECT_EQ(PV_ACTION_MERGE, volume->BootAction.load());
@@ -213,10 +214,16 @@ TEST_F(Protection, OfAVolumeTooLargeToKeep) {
         large.claimedExtents = 1;
         ASSERT_EQ(STATUS_SUCCESS, large.Start());
         const bool refused = (c.flags & PV_PROTECTED) && !c.isProtected;
+        large.volume->IsProtected = TRUE;  // until now
         EXPECT_EQ(c.isProtected, Updated(large.volume));
         EXPECT_EQ(refused ? kSwapVolumeTooLarge : kSwapUsable, large.volume->SwapState.load());
     }
     EXPECT_EQ(4u, TimesSaid(mark, "is too large to keep its changes"));
+    List(kName, PV_PROTECTED);
+    volume->DeviceBytes = limit * S;
+    volume->MediaType = RemovableMedia;
+    EXPECT_TRUE(Updated(volume)) << "of a removable volume nothing is kept";
+    volume->MediaType = FixedMedia;
 }
 
 TEST_F(Protection, NamesAreComparedWhole) {

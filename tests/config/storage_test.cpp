@@ -163,7 +163,7 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
         }
     }
     registry.values[u"Hardening"] = {REG_DWORD, Image{1, 0, 0, 0}};
-    registry.values[u"SystemBootDevice"] = {REG_SZ, Image(0x10000, 1)};
+    registry.values[u"SystemBootDevice"] = {REG_SZ, Image(0x10002, 1)};
     gHardeningKnown = FALSE;
     LoadHardening();
     EXPECT_FALSE(gBootStoreElsewhere);

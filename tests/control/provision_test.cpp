@@ -3,6 +3,7 @@
 #include "control/provision_control.h"
 #include "control/reports.h"
 #include "driver/record/hardening.h"
+#include "driver/record/threads.h"
 #include "platform/host/object/object.h"
 #include "swap/map_format.h"
 #include "swap/provision.h"
@@ -112,6 +113,13 @@ TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
 
 TEST_F(Provisioning, StopWaitsForTheThread) {
     EXPECT_EQ(STATUS_SUCCESS, StopSwapThread()) << "nothing runs";
+    {
+        // One that its starter could not name publishes itself, with a reference of its own.
+        KernelHandle handle;
+        const auto alone = [](PVOID) { EnterProvisioning(), LeaveProvisioning(STATUS_SUCCESS); };
+        ASSERT_EQ(STATUS_SUCCESS, CreateDriverThread(alone, nullptr, &handle));
+        host::JoinSystemThreads();
+    }
     host::ThreadGate gate;
     ASSERT_EQ(STATUS_SUCCESS, Allocate(For(kName, 4 * M)));
     std::atomic<bool> stopped = false;
@@ -228,7 +236,10 @@ TEST_F(Provisioning, WhatEndsItEarly) {
     EXPECT_EQ(3u, TimesSaid(mark, "ZwCreateFile 0x") + TimesSaid(mark, "ZwWriteFile 0x"));
     // Told to stop while it writes the one or the other file: what it made goes again.
     for (const char16_t* path : {u"\\kvr.SWP", u"\\kvr.MAP"}) {
-        files.onWrite = [&](const std::u16string& now) { gProvisionQuit = now == path ? TRUE : FALSE; };
+        files.onWrite = [&](const std::u16string& now) {
+            AddFree(kSwap, S);  // as the captured write would
+            gProvisionQuit = now == path ? TRUE : FALSE;
+        };
         EXPECT_EQ(STATUS_SUCCESS, Make(128 * M));
         EXPECT_EQ(path[5] == u'S' ? M : 128 * M, files.written[u"\\kvr.SWP"]);
         EXPECT_EQ(path[5] == u'S' ? 0 : M, files.written[u"\\kvr.MAP"]);

@@ -244,6 +244,11 @@ TEST_F(Requests, ThePagingFileIsKnownByItsObjectAndItsNamesPlace) {
         Discard();
         name.PageOut();  // once more: a file that is known needs no look at its name
     }
+    // Another object, whose name lies there now.
+    std::memcpy(own.Buffer, other.name.data(), own.Length);
+    other.object.FileName = own;
+    EXPECT_TRUE(IsRedirected(&other.object));
+    Discard();
     file.object.FileName.Length = 0;
 }
 

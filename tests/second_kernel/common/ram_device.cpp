@@ -93,15 +93,16 @@ NTSTATUS PassToDisk(RamDevice* ram, PIRP irp) {
     return IoCallDriver(host::TopOfStack(ram->Disk), irp);  // filters leave a disk's stack at shutdown
 }
 
-NTSTATUS TellExtents(RamDevice* ram, PIRP irp, ULONG length) {
+void TellExtents(PIRP irp) {
+    const RamDevice* ram = RamOf(IoGetCurrentIrpStackLocation(irp)->DeviceObject);
     auto* extents = static_cast<PVOLUME_DISK_EXTENTS>(irp->AssociatedIrp.SystemBuffer);
-    if (!extents || length < sizeof(VOLUME_DISK_EXTENTS)) return Complete(irp, STATUS_BUFFER_TOO_SMALL);
     RtlZeroMemory(extents, sizeof(VOLUME_DISK_EXTENTS));
     extents->NumberOfDiskExtents = 1;
     extents->Extents[0].DiskNumber = 7;
     extents->Extents[0].StartingOffset.QuadPart = ram->Start;
     extents->Extents[0].ExtentLength.QuadPart = static_cast<LONGLONG>(ram->Size);
-    return Complete(irp, STATUS_SUCCESS, sizeof(VOLUME_DISK_EXTENTS));
+    irp->IoStatus.Status = STATUS_SUCCESS;
+    irp->IoStatus.Information = sizeof(VOLUME_DISK_EXTENTS);
 }
 
 NTSTATUS PassOn(RamDevice* ram, PIRP irp) {
@@ -123,10 +124,9 @@ NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
     RamDevice* ram = RamOf(device);
     if (ram->Next) return PassOn(ram, irp);
     PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
-    const auto& control = location->Parameters.DeviceIoControl;
     if (location->MajorFunction == IRP_MJ_DEVICE_CONTROL &&
-        control.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
-        return TellExtents(ram, irp, control.OutputBufferLength);
+        location->Parameters.DeviceIoControl.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
+        return PendOrCarry(irp, TellExtents);
     ++ram->Arrived[location->MajorFunction];
     if (const auto call = ram->BeforeWrite.load(); call && location->MajorFunction == IRP_MJ_WRITE) call();
     switch (location->MajorFunction) {
