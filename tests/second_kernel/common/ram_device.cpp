@@ -14,17 +14,7 @@ NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0) {
     return status;
 }
 
-// Is this the transfer that was chosen to fail?
-bool IsChosen(std::atomic<ULONG>& in) {
-    ULONG left = in;
-    while (left != 0 && !in.compare_exchange_weak(left, left - 1)) {
-    }
-    return left == 1;
-}
-
 NTSTATUS CheckTransfer(RamDevice* ram, PIO_STACK_LOCATION location) {
-    const bool isWrite = location->MajorFunction == IRP_MJ_WRITE;
-    if (IsChosen(isWrite ? ram->FailWriteIn : ram->FailReadIn)) return ram->FailStatus;
     const auto& place = location->Parameters.Read;
     const LONGLONG offset = place.ByteOffset.QuadPart;
     const ULONG sector = ram->Device->SectorSize;
@@ -128,7 +118,6 @@ NTSTATUS Serve(PDEVICE_OBJECT device, PIRP irp) {
         location->Parameters.DeviceIoControl.IoControlCode == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS)
         return PendOrCarry(irp, TellExtents);
     ++ram->Arrived[location->MajorFunction];
-    if (const auto call = ram->BeforeWrite.load(); call && location->MajorFunction == IRP_MJ_WRITE) call();
     switch (location->MajorFunction) {
         case IRP_MJ_READ:
         case IRP_MJ_WRITE:
@@ -200,10 +189,4 @@ void DeleteRamDevice(PDEVICE_OBJECT device) {
         IoDeleteDevice(filter);
     }
     IoDeleteDevice(device);
-}
-
-void FailTransfer(PDEVICE_OBJECT device, UCHAR major, ULONG n, NTSTATUS status) {
-    RamDevice* ram = RamOf(device);
-    ram->FailStatus = status;
-    (major == IRP_MJ_WRITE ? ram->FailWriteIn : ram->FailReadIn) = n;
 }

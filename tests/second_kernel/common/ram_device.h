@@ -1,6 +1,6 @@
 // Disks and volumes whose sectors lie in memory. A volume has bytes of its own or lies on a disk, to the top of
-// whose stack it passes its transfers on. What a device received is counted, transfers can be made to fail, and
-// completions to pend.
+// whose stack it passes its transfers on. What a device received is counted, and completions can be made to
+// pend.
 #pragma once
 #include <atomic>
 #include "platform/kernel.h"
@@ -17,12 +17,7 @@ struct RamDevice {
     // minor function of Plug and Play.
     std::atomic<ULONG> Arrived[IRP_MJ_MAXIMUM_FUNCTION + 1];
     std::atomic<ULONG> ArrivedPnp[32];
-    // The n-th transfer from now on ends with the status, 0: none does.
-    std::atomic<ULONG> FailReadIn;
-    std::atomic<ULONG> FailWriteIn;
-    std::atomic<NTSTATUS> FailStatus;
-    std::atomic<void (*)()> BeforeWrite;  // called as a write arrives, in its thread; null: nothing is
-    KEVENT Awake;                         // cleared while the system sleeps: transfers wait for it
+    KEVENT Awake;  // cleared while the system sleeps: transfers wait for it
 };
 
 struct RamOptions {
@@ -46,5 +41,3 @@ void DeleteRamDevice(PDEVICE_OBJECT device);
 [[nodiscard]] inline RamDevice* RamOf(PDEVICE_OBJECT device) {
     return static_cast<RamDevice*>(device->DeviceExtension);
 }
-// The n-th read or write (from 1) that arrives from now on ends with `status`. 0: none.
-void FailTransfer(PDEVICE_OBJECT device, UCHAR major, ULONG n, NTSTATUS status);

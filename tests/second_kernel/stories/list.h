@@ -9,11 +9,9 @@ extern const Story kProtectionKeepStory;
 extern const Story kProtectionDiscardStory;
 extern const Story kProtectionMergeStory;
 extern const Story kRefusalsStory;
-extern const Story kHardenedStory;
 extern const Story kFaultsStory;
 
 inline constexpr const Story* kStories[] = {
-    &kControlStory,        &kPlugAndPlayStory,       &kProvisioningStory,
-    &kProtectionKeepStory, &kProtectionDiscardStory, &kProtectionMergeStory,
-    &kRefusalsStory,       &kHardenedStory,          &kFaultsStory,
+    &kControlStory,           &kPlugAndPlayStory,     &kProvisioningStory, &kProtectionKeepStory,
+    &kProtectionDiscardStory, &kProtectionMergeStory, &kRefusalsStory,     &kFaultsStory,
 };

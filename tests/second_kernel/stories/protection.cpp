@@ -21,11 +21,13 @@ struct Plan {
     ComputerOptions computer;
     LONGLONG storage;
     bool isDataFirst = false;  // the data volume is read and written before the configuration's volume is
+    bool isHardened = false;   // the stricter rules
 };
 const Plan kKeepPlan = {
     {.DataBytes = 30 * kMiB, .IsDataOnDisk = true, .PieceBytes = 192 * kKiB, .GapBytes = 64 * kKiB}, 14 * kMiB};
 const Plan kDiscardPlan = {{.DataBytes = 34 * kMiB, .DataSector = 4096}, 16 * kMiB, true};
-const Plan kMergePlan = {{.PieceBytes = 1024 * kKiB}, 56 * kMiB};  // merging wants more than 51 MiB free
+const Plan kMergePlan = {
+    {.PieceBytes = 1024 * kKiB}, 56 * kMiB, false, true};  // merging wants more than 51 MiB free
 
 // Before the configuration is known a volume is what its sectors are. Nobody has lost anything then: the same
 // data is written that is there.
@@ -71,6 +73,7 @@ void End(Computer* computer) {
 }
 
 void InstallBoot(const Plan& plan, const WCHAR* configuration) {
+    if (plan.isHardened) stage::SetDriverSwitch(u"Hardening", 1);
     Computer* computer = BootComputer(plan.computer);
     if (!computer) return;
     UseBeforeConfiguration(computer);  // as mounting it does
@@ -245,6 +248,6 @@ const Story kProtectionDiscardStory = {"protection_discard",
                                        {[] { InstallBoot(kDiscardPlan, kDiscard); },
                                         InPlan<kDiscardPlan, DiscardWork>, InPlan<kDiscardPlan, DiscardWork>}};
 const Story kProtectionMergeStory = {"protection_merge",
-                                     "redirections merged once",
+                                     "redirections merged once, by the stricter rules",
                                      {[] { InstallBoot(kMergePlan, kDiscard); }, InPlan<kMergePlan, MergeWork>,
                                       InPlan<kMergePlan, MergeDone>, InPlan<kMergePlan, MergeNotAgain>}};
