@@ -39,50 +39,6 @@ std::string Narrow(const Path& text) {
     return {text.begin(), text.end()};
 }
 
-// ---- control codes
-// -------------------------------------------------------------------------------------------
-
-// A request as a program lays it out: what the driver looks at is one byte of it.
-struct Code {
-    const char* what;
-    ULONG code;
-    bool worksOnVolume, worksOnDisk;  // without Hardening
-    unsigned at = 0;                  // of the command, in the request
-    UCHAR command = 0;
-    bool from32Bit = false;
-};
-constexpr unsigned kCdb = 36, kCdb32 = 28, kTask = 46, kTask32 = 38;
-const Code kCodes[] = {
-    {"SCSI, WRITE", IOCTL_SCSI_PASS_THROUGH, false, true, kCdb, 0x2A},
-    {"SCSI direct, WRITE", IOCTL_SCSI_PASS_THROUGH_DIRECT, false, true, kCdb, 0x8A},
-    {"SCSI of 32 bits, WRITE", IOCTL_SCSI_PASS_THROUGH, true, true, kCdb32, 0x2A, true},
-    {"SCSI direct of 32 bits, WRITE", IOCTL_SCSI_PASS_THROUGH_DIRECT, true, true, kCdb32, 0x2A, true},
-    {"SCSI, UNMAP", IOCTL_SCSI_PASS_THROUGH, true, true, kCdb, 0x42},
-    {"SCSI, WRITE SAME", IOCTL_SCSI_PASS_THROUGH_DIRECT, true, true, kCdb, 0x93},
-    {"SCSI, SANITIZE", IOCTL_SCSI_PASS_THROUGH, true, true, kCdb, 0x48},
-    {"SCSI, ATA PASS-THROUGH", IOCTL_SCSI_PASS_THROUGH, true, true, kCdb, 0x85},
-    {"SCSI extended", IOCTL_SCSI_PASS_THROUGH_EX, true, true},
-    {"SCSI extended, direct", IOCTL_SCSI_PASS_THROUGH_DIRECT_EX, true, true},
-    {"ATA, WRITE DMA", IOCTL_ATA_PASS_THROUGH, true, true, kTask, 0xCA},
-    {"ATA direct of 32 bits, WRITE DMA", IOCTL_ATA_PASS_THROUGH_DIRECT, true, true, kTask32, 0xCA, true},
-    {"IDE", IOCTL_IDE_PASS_THROUGH, true, true},
-    {"protocol command", IOCTL_STORAGE_PROTOCOL_COMMAND, true, true},
-    {"data sets", IOCTL_STORAGE_MANAGE_DATA_SET_ATTRIBUTES, true, true},
-    {"medium made anew", IOCTL_STORAGE_REINITIALIZE_MEDIA, true, true},
-    {"medium cut", IOCTL_STORAGE_REMOVE_ELEMENT_AND_TRUNCATE, true, true},
-    {"blocks moved", IOCTL_DISK_REASSIGN_BLOCKS, true, true},
-    {"blocks moved, extended", IOCTL_DISK_REASSIGN_BLOCKS_EX, true, true},
-    {"disk made anew", IOCTL_DISK_CREATE_DISK, true, true},
-    {"partition's type", IOCTL_DISK_SET_PARTITION_INFO, true, true},
-    {"partition's type, extended", IOCTL_DISK_SET_PARTITION_INFO_EX, false, true},
-    {"partition grown", IOCTL_DISK_GROW_PARTITION, false, true},
-    {"layout", IOCTL_DISK_SET_DRIVE_LAYOUT, false, false},
-    {"layout, extended", IOCTL_DISK_SET_DRIVE_LAYOUT_EX, false, false},
-    {"layout deleted", IOCTL_DISK_DELETE_DRIVE_LAYOUT, false, true},
-    {"format", IOCTL_DISK_FORMAT_TRACKS, false, true},
-    {"format, extended", IOCTL_DISK_FORMAT_TRACKS_EX, false, true},
-};
-
 // ---- the machine
 // ---------------------------------------------------------------------------------------------
 
@@ -271,35 +227,6 @@ protected:
         host::CloseDevice(file);
         return true;
     }
-    static bool CameThrough(NTSTATUS status) {
-        return NT_SUCCESS(status) || status == STATUS_INVALID_DEVICE_REQUEST;  // the disk's own word
-    }
-    static Bytes RequestOf(const Code& code) {
-        Bytes request(64);
-        request[code.at] = code.command;
-        return request;
-    }
-    // Through the handle that everybody gets.
-    bool Ask(const Path& device, const Code& code) {
-        PFILE_OBJECT file = nullptr;
-        EXPECT_EQ(STATUS_SUCCESS, host::OpenDevice(device, SYNCHRONIZE, file));
-        Bytes request = RequestOf(code);
-        ULONG returned = 0;
-        const NTSTATUS status =
-            host::DeviceIoControl(file, code.code, request.data(), 64, request.data(), 64, returned);
-        host::CloseDevice(file);
-        return CameThrough(status);
-    }
-    // By a program with the rights for it, which does not look at what it sends for a user.
-    bool Lend(PDEVICE_OBJECT top, const Code& code) {
-        const Bytes request = RequestOf(code);
-        return CameThrough(host::SendControl(top, {.code = code.code,
-                                                   .input = request.data(),
-                                                   .inputLength = 64,
-                                                   .mode = UserMode,
-                                                   .from32Bit = code.from32Bit})
-                               .status);
-    }
     bool WriteDisk(std::uint64_t at) {
         Bytes bytes = Next(512);
         KVR_DISCARD(host::Send(host::TopOfStack(machine_->DiskOf(kData - 1)->Device()),
@@ -369,30 +296,6 @@ protected:
         attempts.push_back({"its table's copy", true, [this] { return WriteDisk(kDiskBytes - 512); }});
         return attempts;
     }
-    std::vector<Attempt> Codes() {
-        std::vector<Attempt> attempts;
-        const PDEVICE_OBJECT volume = host::TopOfStack(machine_->VolumeOf(kData)->device->Device());
-        const PDEVICE_OBJECT disk = host::TopOfStack(machine_->DiskOf(kData - 1)->Device());
-        const Path volumeName = SideOf(kData).volume, diskName = SideOf(kData).disk;
-        for (const Code& code : kCodes) {
-            const std::string what = code.what;
-            const bool free = (code.code >> 14 & 3) == FILE_ANY_ACCESS;
-            attempts.push_back(
-                {what + ", volume", free && code.worksOnVolume, [=, this] { return Ask(volumeName, code); }});
-            attempts.push_back(
-                {what + ", disk", free && code.worksOnDisk, [=, this] { return Ask(diskName, code); }});
-            attempts.push_back(
-                {what + ", volume, lent", code.worksOnVolume, [=, this] { return Lend(volume, code); }});
-            attempts.push_back(
-                {what + ", disk, lent", code.worksOnDisk, [=, this] { return Lend(disk, code); }});
-        }
-        for (ULONG code : {FSCTL_MOVE_FILE, FSCTL_EXTEND_VOLUME, FSCTL_SHRINK_VOLUME,
-                           IOCTL_VOLUME_PREPARE_FOR_SHRINK, IOCTL_MOUNTDEV_LINK_DELETED})
-            attempts.push_back({"code " + std::to_string(code), false, [=, this] {
-                                    return Lend(volume, {"", code, false, false});
-                                }});
-        return attempts;
-    }
     std::vector<Attempt> HeldFiles() {
         std::vector<Attempt> attempts;
         const auto add = [&](unsigned volume, const Path& held) {
@@ -436,7 +339,6 @@ TEST_P(HostileUser, ChangesNothingOfTheFixedState) {
     Try(Streams());
     Try(Sizes());
     Try(Handles());
-    Try(Codes());
     Try(HeldFiles());
     Try(Deletions());
     Try(Floods());

@@ -95,7 +95,7 @@ const CommandCase kScsiCommands[] = {
 };
 const CommandCase kAtaCommands[] = {{0xEC, false, false}, {0xB0, false, false}, {0x06, false, true},
                                     {0x35, false, true},  {0xB4, false, true},  {0xC0, false, true},
-                                    {0x45, false, true},  {0x99, false, true}};
+                                    {0x45, false, true},  {0x99, false, true},  {0xCA, false, true}};
 
 NTSTATUS Verdict(const CommandCase& c, Place place) {
     const bool refused = place == Place::Guarded ? c.Guarded : place == Place::Hardened && c.Hardened;
