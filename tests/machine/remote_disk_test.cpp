@@ -166,24 +166,6 @@ TEST_F(Remote, TheServersErrorsAreTheDisks) {
     EXPECT_EQ(Filling(*disk, 0), 0);
 }
 
-// But for writes over one another, which could otherwise change places when they are sent again.
-TEST_F(Remote, ManyRequestsAreUnderWayAtOnce) {
-    Start({"--filter=delay", "file", file, "delay-read=200ms", "delay-write=200ms"});
-    const auto disk = Open();
-    ASSERT_NE(disk, nullptr) << error;
-    const auto took = [&](unsigned count, auto work) {
-        const auto before = std::chrono::steady_clock::now();
-        std::vector<std::thread> threads;
-        for (unsigned i = 0; i < count; ++i) threads.emplace_back([&work, i] { work(i); });
-        for (std::thread& thread : threads) thread.join();
-        return std::chrono::steady_clock::now() - before;
-    };
-    const auto write = [&](std::uint64_t offset) { EXPECT_EQ(Fill(*disk, offset, 1), STATUS_SUCCESS); };
-    EXPECT_LT(took(12, [&](unsigned i) { EXPECT_EQ(Filling(*disk, i * kBlock), 0); }), 1200ms);
-    EXPECT_LT(took(12, [&](unsigned i) { write(i * kBlock); }), 1200ms);
-    EXPECT_GE(took(3, [&](unsigned i) { write(i * 512); }), 600ms);
-}
-
 TEST_F(Remote, WhatCannotBeADiskIsRefused) {
     const std::string policy = "--filter=blocksize-policy", least = "blocksize-minimum=4096";
     const struct {

@@ -123,41 +123,6 @@ TEST(Folders, NothingOfAMachineIsForOthersAndNoPlantedLinkIsFollowed) {
     EXPECT_NE(Complaint([&] { nbd::MakeMachine(machine); }).find("too long"), std::string::npos);
 }
 
-// The library that mounts it refuses to change it; the user is told why, by whatever he does with it.
-TEST(Folders, AHibernatedVolumeIsNamed) {
-    const TestFolder scratch;
-    const std::string image = scratch.Sparse("image", 32 * kMiB);
-    ASSERT_EQ(machine::RunTool("mkntfs", {"-q", "-F", "-Q", image}).exitCode, 0);
-    TestFolder::Put(scratch.Sparse("hiber", 8192), 0, {'h', 'i', 'b', 'r'});
-    ASSERT_EQ(machine::RunTool("ntfscp", {"-q", image, scratch.File("hiber"), "hiberfil.sys"}).exitCode, 0);
-    const std::vector<char> before = TestFolder::Bytes(image);
-    nbd::NewMachine machine;
-    machine.path = scratch.File("pc");
-    machine.images = {image};
-    const std::vector<std::string> notes = nbd::MakeMachine(machine);
-    ASSERT_EQ(notes.size(), 1u);
-    EXPECT_NE(notes[0].find("HarddiskVolume1 can only be read: "), std::string::npos) << notes[0];
-    EXPECT_NE(notes[0].find("hibernated"), std::string::npos) << notes[0];
-
-    nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
-    nbd::FolderLock lock(folder);
-    nbd::Server server(std::move(folder), std::move(lock));
-    server.Start();
-    EXPECT_NE(server.About().find("\nnote: " + notes[0]), std::string::npos) << server.About();
-    SWAP_CONFIG_REQUEST request{};
-    const std::u16string name = u"\\Device\\HarddiskVolume1";
-    std::copy(name.begin(), name.end(), request.VolumeName);
-    request.SwapSize = kMiB;
-    nbd::Server::ControlCall call{IOCTL_KVR_ALLOCATE_SWAP, {}, {}, {}};
-    call.input.assign(reinterpret_cast<const UCHAR*>(&request), reinterpret_cast<const UCHAR*>(&request + 1));
-    nbd::Server::Handle handle = 0;
-    ASSERT_EQ(server.OpenControl(GENERIC_READ | FILE_WRITE_DATA, handle), STATUS_SUCCESS);
-    EXPECT_EQ(server.Control(handle, call), STATUS_MEDIA_WRITE_PROTECTED);
-    EXPECT_EQ(call.text, notes[0]);
-    server.Stop();
-    EXPECT_TRUE(TestFolder::Bytes(image) == before);
-}
-
 // What the host uses already, of a file and of the device that is made of it.
 TEST(Folders, WhatTheHostUsesIsRefusedWithItsUser) {
     const TestFolder scratch;

@@ -1,7 +1,6 @@
 // A machine with one disk of two NTFS volumes, powered on, with its control socket.
 #pragma once
 #include <gtest/gtest.h>
-#include <atomic>
 #include <memory>
 #include "nbd/control_server.h"
 #include "nbd/folder_maker.h"
@@ -29,7 +28,7 @@ protected:
         nbd::FolderLock lock(folder);
         server = std::make_unique<nbd::Server>(std::move(folder), std::move(lock));
         server->Start();
-        control = std::make_unique<nbd::ControlServer>(*server, [this] { stopAsked = true; });
+        control = std::make_unique<nbd::ControlServer>(*server, [] {});
     }
     void Reboot() {
         std::string why;
@@ -52,7 +51,6 @@ protected:
 
     // Members end in the reverse order: the control socket before the server that it speaks for.
     const TestFolder scratch;
-    std::atomic<bool> stopAsked{false};
     std::unique_ptr<nbd::Server> server;
     std::unique_ptr<nbd::ControlServer> control;
     ctl::HostedWorld world{Folder()};

@@ -1,27 +1,17 @@
 // The server without nbdkit around it: what clients and control tools get of a machine, and of each other. What
 // clients of other makers show is in proofs/.
 #include <gtest/gtest.h>
-#include <cstring>
 #include <thread>
-#include <unistd.h>
-#include "client/wire_channel.h"
 #include "nbd/idle_reboot.h"
 #include "tests/nbd/served.h"
 
 namespace {
 
 using namespace nbd_test;
-using namespace tool::wire;
 using ctl::Access;
 using nbd::Server;
 
 constexpr std::int64_t kSwap = 64 * 1024 * 1024;
-
-template <class Record>
-std::vector<std::uint8_t> BytesOf(const Record& record) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
-    return {bytes, bytes + sizeof record};
-}
 
 TEST(Exports, NamesThatAreNone) {
     for (const char* name : {"disk", "disk00", "disk-1", "HarddiskVolume1x", "disk99999999999", "x"})
@@ -154,39 +144,6 @@ TEST_F(Served, TheMachineRebootsWhenTheLastClientHasGone) {
     server->Disconnect(std::move(second));
     idle.ClientLeft();
     while (!boots(2)) std::this_thread::yield();
-}
-
-// What breaks the layout ends that connection and no other; Stop answers when the machine is off.
-TEST_F(Served, TheSocketOutlivesNonsenseAndEndsWithStop) {
-    Channel channel(ConnectToServer(Folder()));
-    Response response;
-    const auto call = [&](Command command, std::vector<std::uint8_t> input = {}) {
-        EXPECT_TRUE(channel.Call({command, 0, std::move(input), 1000}, response)) << "the connection broke";
-        return response.status;
-    };
-    VolumeName none{u"\\Device\\None"};
-    SectorsAt place{{}, world.Facts(kFirst)->bytes, 512, 0};
-    std::memcpy(place.volume.text, kFirst, sizeof kFirst);
-    EXPECT_EQ(call(static_cast<Command>(99)), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(call(Command::DeviceControl), STATUS_INVALID_HANDLE);
-    EXPECT_EQ(call(Command::Facts, {1, 2, 3}), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(call(Command::SetSwitch, BytesOf(none)), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(call(Command::Facts, BytesOf(none)), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(call(Command::ReadSectors, BytesOf(place)), STATUS_INVALID_PARAMETER);
-    place.offset = 0, place.length = 1024;
-    EXPECT_EQ(call(Command::ReadSectors, BytesOf(place)), STATUS_BUFFER_TOO_SMALL);
-    const ctl::Bytes boot = world.ReadSectors(kFirst, 0, 512);
-    EXPECT_EQ(std::memcmp(boot.data() + 3, "NTFS", 4), 0);
-    const posix::File raw = ConnectToServer(Folder());
-    char nonsense[20] = "GET / HTTP/1.0\r\n\r\n";
-    ASSERT_TRUE(posix::SendAll(raw.Get(), nonsense, sizeof nonsense));
-    EXPECT_EQ(read(raw.Get(), nonsense, 1), 0);
-    call(Command::About);
-    EXPECT_NE(response.text.find("on=1"), std::string::npos);
-    EXPECT_EQ(call(Command::Stop), STATUS_SUCCESS);
-    call(Command::About);
-    EXPECT_NE(response.text.find("on=0"), std::string::npos);
-    EXPECT_TRUE(stopAsked);
 }
 
 }  // namespace
