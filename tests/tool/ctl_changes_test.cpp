@@ -1,9 +1,7 @@
 // changes and restore-from-changes on a served machine whose client has worked on a protected volume.
 #include <nlohmann/json.hpp>
-#include "ctl_support.h"
-#include "platform/host/sync/thread.h"
+#include "ctl_served.h"
 #include "tests/machine/format_support.h"
-#include "tests/nbd/served.h"
 
 namespace {
 
@@ -11,15 +9,8 @@ using namespace ctl;
 using namespace ctl_test;
 using nbd_test::kMiB;
 
-class CtlChanges : public nbd_test::Served {
+class CtlChanges : public CtlServed {
 protected:
-    Result Run(std::vector<std::string> words) {
-        words.insert(words.begin(), {"--machine", Folder()});
-        return RunWith(MakeWorld, words, [] {
-            host::JoinSystemThreads();
-            return true;
-        });
-    }
     // What a virtual machine does to its disk: works on the files and writes the sectors.
     void Work(const std::function<void(machine::GuestFiles&)>& work) {
         auto client = Connect("HarddiskVolume2");
@@ -48,9 +39,7 @@ TEST_F(CtlChanges, AreListedShownAndSaved) {
         EXPECT_EQ(STATUS_SUCCESS, files.WriteFile(u"\\gone", binary));
     });
     EXPECT_NE(std::string::npos, Run({"changes", "2"}).out.find("is not protected"));
-    for (const auto& words :
-         {std::vector<std::string>{"swap", "make", "2", "16M"}, {"enable"}, {"protect", "2"}})
-        EXPECT_EQ(kExitOk, Run(words).exitCode);
+    Do({{"swap", "make", "2", "16M"}, {"enable"}, {"protect", "2"}});
     Reboot();
     EXPECT_NE(std::string::npos, Run({"changes", "2"}).out.find("0 changes"));
     Work([&](machine::GuestFiles& files) {

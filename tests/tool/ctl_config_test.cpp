@@ -206,20 +206,4 @@ TEST(ConfigEdit, RefusesWhatWouldHaveNoEffect) {
     EXPECT_NE("", Complaint([&] { MergeOnce(free, kV); })) << "no changes to decide on";
 }
 
-TEST(ConfigEdit, DiffShowsTheChangeAndWhatIsAround) {
-    EXPECT_EQ("", DiffText("a\nb\n", "a\nb\n", false));
-    EXPECT_EQ("  b\n  c\n- d\n+ D\n  e\n  f\n  ...\n  i\n  j\n+ k\n",
-              DiffText("a\nb\nc\nd\ne\nf\ng\nh\ni\nj\n", "a\nb\nc\nD\ne\nf\ng\nh\ni\nj\nk\n", false));
-    EXPECT_EQ("- a\n+ a\n", DiffText("a\r\n", "a", false));
-}
-
-TEST(ConfigEdit, TextsKeepEveryCharacterThroughUtf8) {
-    std::u16string odd = u"\uFEFF\u00E9\u20AC\U0001F600";
-    odd += std::u16string{static_cast<char16_t>(0xD800), u'x', static_cast<char16_t>(0xDC00),
-                          u'\0'};  // halves of pairs
-    EXPECT_EQ(odd, FromUtf8(ToUtf8(odd), "odd"));
-    for (const char* bad : {"\x80", "\xC0\x80", "\xE2\x82", "\xF5\x80\x80\x80"})
-        EXPECT_THROW(FromUtf8(bad, "bad"), Failure) << bad;
-}
-
 }  // namespace

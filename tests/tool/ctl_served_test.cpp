@@ -4,10 +4,8 @@
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
-#include "ctl_support.h"
+#include "ctl_served.h"
 #include "client/wire_channel.h"
-#include "tests/nbd/served.h"
-#include "platform/host/sync/thread.h"
 #include "tool/kvrctl/saved_map.h"
 
 namespace {
@@ -16,25 +14,6 @@ using namespace ctl;
 using namespace ctl_test;
 
 using nbd_test::kMiB;
-
-class CtlServed : public nbd_test::Served {
-protected:
-    Result Run(std::vector<std::string> words, const std::function<bool()>& onPause = {}) {
-        words.insert(words.begin(), {"--machine", Folder()});
-        return RunWith(MakeWorld, words, onPause);
-    }
-    // The commands all succeed.
-    void Do(const std::vector<std::vector<std::string>>& commands) {
-        for (const auto& words : commands) {
-            const Result result = Run(words, Wait);
-            EXPECT_EQ(kExitOk, result.exitCode) << testing::PrintToString(words) << result.err;
-        }
-    }
-    static bool Wait() {
-        host::JoinSystemThreads();
-        return true;
-    }
-};
 
 TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
     EXPECT_TRUE(Run({"status"}).out.starts_with("Protection is off"));
@@ -123,7 +102,7 @@ protected:
         PowerOn();
     }
     void ExpectRefused(const std::vector<std::string>& words, const std::string& why) {
-        const Result result = Run(words, Wait);
+        const Result result = Run(words);
         EXPECT_EQ(kExitFailed, result.exitCode);
         EXPECT_NE(result.err.npos, result.err.find(why)) << result.err;
     }

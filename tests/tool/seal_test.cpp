@@ -1,8 +1,6 @@
 // The seals of a served machine, with the power on, through a merge and after it.
-#include "ctl_support.h"
+#include "ctl_served.h"
 #include "nbd/sealing.h"
-#include "platform/host/sync/thread.h"
-#include "tests/nbd/served.h"
 #include "tool/kvrhost/seal.h"
 
 namespace {
@@ -10,16 +8,8 @@ namespace {
 using namespace ctl_test;
 using nbd_test::kMiB;
 
-class Sealed : public nbd_test::Served {
+class Sealed : public CtlServed {
 protected:
-    void Do(std::vector<std::string> words) {
-        words.insert(words.begin(), {"--machine", Folder()});
-        const Result result = RunWith(ctl::MakeWorld, words, [] {
-            host::JoinSystemThreads();
-            return true;
-        });
-        EXPECT_EQ(ctl::kExitOk, result.exitCode) << result.err;
-    }
     void Write(const char* volume, std::uint64_t offset) {
         auto client = Connect(volume);
         std::vector<std::uint8_t> bytes(kMiB, 'w');
@@ -39,17 +29,15 @@ protected:
 };
 
 TEST_F(Sealed, AreTakenAlongByAMergeAndByNothingElse) {
-    for (const char* volume : {"1", "2"}) {
-        Do({"swap", "make", volume, "64M"});
-        Do({"protect", volume, "--at-boot", "keep"});
-    }
-    Do({"enable"});
+    for (const char* volume : {"1", "2"})
+        Do({{"swap", "make", volume, "64M"}, {"protect", volume, "--at-boot", "keep"}});
+    Do({{"enable"}});
     Reboot();
     EXPECT_EQ(0, tool::Seal(Folder()));
     Write("HarddiskVolume1", 40 * kMiB);
     Write("HarddiskVolume2", 40 * kMiB);
     EXPECT_EQ(0, tool::Verify(Folder())) << "what is redirected changes nothing";
-    Do({"merge", "2"});
+    Do({{"merge", "2"}});
     Reboot();
     ASSERT_TRUE(Settled());
     EXPECT_EQ(0, tool::Verify(Folder())) << "the merged state is the fixed one";
