@@ -1,5 +1,4 @@
 // Which ext volumes are changed, which are only read and which are left alone, and what a guest finds there.
-#include "machine/partition/formatter.h"
 #include "tests/machine/format_support.h"
 
 namespace {
@@ -96,24 +95,6 @@ TEST(Ext, AVolumeThatChangedItsStateMeanwhileIsSeenAsItIs) {
     Debugfs(volume.bytes, "feature needs_recovery");
     mounted.fileSystem->Resume();
     EXPECT_EQ(mounted.files->Delete(u"\\here"), STATUS_MEDIA_WRITE_PROTECTED);
-}
-
-TEST(NewDisks, VolumesLieWhereTheTableSays) {
-    const TestFolder folder;
-    machine::NewDisk disk;
-    disk.path = folder.File("disk");
-    disk.size = 40 * kMiB;
-    disk.volumes = {{12 * kMiB, FileSystemKind::Ntfs, 4096, "N"}, {0, FileSystemKind::Ext, 1024, "E"}};
-    std::string error;
-    ASSERT_TRUE(machine::CreateDisk(disk, error)) << error;
-    machine::PartitionTable table;
-    ASSERT_TRUE(machine::ReadImagePartitions(disk.path, disk.sectorSize, table, error)) << error;
-    ASSERT_EQ(table.partitions.size(), 2u);
-    EXPECT_EQ(table.partitions[0].gptType[0], 0xA2);
-    EXPECT_EQ(table.partitions[1].gptType[0], 0xAF);
-    disk.volumes[1].clusterSize = 8192;
-    EXPECT_FALSE(machine::CreateDisk(disk, error));
-    EXPECT_NE(error.find("block size 8192"), std::string::npos) << error;
 }
 
 }  // namespace
