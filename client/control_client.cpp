@@ -86,17 +86,6 @@ std::string WordFor(const char* const (&words)[N], std::uint32_t code) {
 
 }  // namespace
 
-std::string FixedStateText(std::uint32_t state) {
-    static constexpr const char* kWords[] = {"not protected", "protected by default", "protected",
-                                             "protected and hidden"};
-    return WordFor(kWords, state);
-}
-
-std::string AccessText(std::uint32_t mode) {
-    static constexpr const char* kWords[] = {"not protected", "protected", "protected and hidden"};
-    return WordFor(kWords, mode);
-}
-
 std::string StorageText(std::uint32_t swapStatus) {
     static constexpr const char* kWords[] = {
         "none",

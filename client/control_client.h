@@ -63,9 +63,7 @@ inline constexpr std::uint32_t kSwapNoLocation = 4;
 inline constexpr std::uint32_t kSwapNotHeld = 5;
 inline constexpr std::uint32_t kSwapVolumeTooLarge = 6;
 
-// In words, for people: a fixed volume's State, a removable one's AccessMode, the storage's SwapStatus.
-std::string FixedStateText(std::uint32_t state);
-std::string AccessText(std::uint32_t mode);
+// A SwapStatus in words, for people.
 std::string StorageText(std::uint32_t swapStatus);
 // What its storage keeps the volume from, as a sentence without its name in front; empty when nothing. For a
 // volume that the configuration protects. `hardening`: whether the stricter rules are in force, if that is

@@ -71,18 +71,23 @@ std::string PercentText(std::uint64_t part, std::uint64_t whole) {
     return percent == 0 ? "<1 %" : std::to_string(percent) + " %";
 }
 
+std::size_t TextWidth(const std::string& text) {
+    return static_cast<std::size_t>(
+        std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
 std::string TableText(const std::vector<Row>& rows) {
     std::vector<std::size_t> widths;
     for (const Row& row : rows) {
         widths.resize(std::max(widths.size(), row.size()));
-        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], row[i].size());
+        for (std::size_t i = 0; i < row.size(); ++i) widths[i] = std::max(widths[i], TextWidth(row[i]));
     }
     std::string text;
     for (const Row& row : rows) {
         std::string line;
         for (std::size_t i = 0; i < row.size(); ++i) {
             line += row[i];
-            line.append(widths[i] - row[i].size() + 2, ' ');
+            line.append(widths[i] - TextWidth(row[i]) + 2, ' ');
         }
         line.erase(line.find_last_not_of(' ') + 1);
         text += line + "\n";

@@ -16,6 +16,9 @@ std::string Bar(std::uint64_t part, std::uint64_t whole, unsigned width);
 // "37 %", rounded down, so that 100 % is all of it; "<1 %" for what is not nothing.
 std::string PercentText(std::uint64_t part, std::uint64_t whole);
 
+// Characters of UTF-8.
+std::size_t TextWidth(const std::string& text);
+
 using Row = std::vector<std::string>;
 // Columns as wide as their widest cell. Every line ended; no blanks at the end of one.
 std::string TableText(const std::vector<Row>& rows);

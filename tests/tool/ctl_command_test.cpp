@@ -44,6 +44,11 @@ std::vector<std::string> Words(const std::string& text) {
     return {std::istream_iterator<std::string>(stream), {}};
 }
 
+std::string Unfolded(std::string text) {
+    for (std::size_t fold; (fold = text.find("\n    ")) != text.npos;) text.replace(fold, 5, " ");
+    return text;
+}
+
 TEST(CtlCommands, StatusInWords) {
     Machine machine = Office();
     machine.config +=
@@ -60,9 +65,8 @@ TEST(CtlCommands, StatusInWords) {
         "HarddiskVolume1   not protected  not protected   -          -      -\n"
         "HarddiskVolume2   protected      merges changes  512 MiB    100 %  FULL\n"
         "  [####################] 511.0 MiB used, FULL, writes find no room\n"
-        "  keeps changes until 2030-01-01 18:00 UTC\n"
-        "  merge at the next boot, once; after that changes are kept\n"
-        "HarddiskVolume3   hidden         not protected   100 bytes  100 %  0 bytes\n"
+        "  merge at the next boot, once; then kept until 2030-01-01 18:00 UTC\n"
+        "HarddiskVolume3   hidden         not protected   100 bytes  100 %  none\n"
         "  not protected from the next boot on\n"
         "  storage: files cannot be held, used by another program or gone\n"
         "HarddiskVolume13  read-only      read-only       -          -      -\n",
@@ -191,12 +195,27 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
         {"status", kExitOk, "WARNING: HarddiskVolume2's storage is more than 80 % used.\n", filled(410)},
         {"status --check", kExitFailed, "HarddiskVolume2 is FULL: writes find no room.\n", filled(504)},
         {"status --check", kExitFailed, "HarddiskVolume2 is to be protected and is not yet.\n",
-         troubled(2, true)},
+         [=](Machine& m) { troubled(2, true)(m), m.registry[kData] = Bytes(8); }},
         {"status --check", kExitFailed, "HarddiskVolume2 is protected, but changes that it is to keep are",
          troubled(5, true, 2)},
         {"status --check", kExitFailed, "HarddiskVolume7 is to be protected and is not there.\n",
          [](Machine& m) {
              m.config = u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume7\nProtectionMode=1\n";
+         }},
+        // Storage of an unprotected volume is looked at, too; the driver has not tried it.
+        {"status --check", kExitFailed,
+         "HarddiskVolume2 has swap storage that was never finished; 'kvrctl swap make HarddiskVolume2 SIZE'",
+         [=](Machine& m) { filled(0)(m), m.fixed[2].State = 0, m.config.clear(); }},
+        {"status", kExitOk, "512 MiB    0 %    none\n  it has swap storage that was never finished; 'kvrctl",
+         [=](Machine& m) { filled(0)(m), m.fixed[2].State = 0, m.config.clear(); }},
+        {"volumes", kExitOk, "HarddiskVolume2   B\u00fccher  fixed",
+         [](Machine& m) {
+             m.descriptions = {{kData, "B\u00fccher", "", "", ""}};
+         }},
+        {"volumes", kExitOk,
+         "HarddiskVolume2   ...    fixed      1000 MiB  700 MiB  ntfs   512\n  label: A label of 32",
+         [](Machine& m) {
+             m.descriptions = {{kData, "A label of 32 characters is long", "", "", ""}};
          }},
         {"status", kExitOk, "Protection is off", [=](Machine& m) { troubled(4, true)(m), m.enabled = false; }},
         {"hardening", kExitOk, "Hardening is off.\n", [](Machine& m) { m.hardening = false; }},
@@ -219,29 +238,41 @@ TEST(CtlCommands, WhatIsSaidAndHowItEnds) {
     }
 }
 
-// What `volumes` says of the next boot; a date that is over drops once, whatever else the section says.
+// What `volumes` and `status` say of the next boot, in one's words; a date that is over drops once, unless a
+// merge comes before it.
 TEST(CtlCommands, PlansForTheNextBoot) {
     const struct {
         const char16_t* settings;
-        const char* says;
+        std::string words, detail;
     } table[] = {
-        {u"BootMode=1\nNextDiscardTS=203001011800\n", "changes are kept until 2030-01-01 18:00 UTC+1\n"},
-        {u"BootMode=1\nNextDiscardTS=202001011800\n",
-         "changes are dropped at the next boot (2020-01-01 18:00 UTC+1 is over), then kept\n"},
-        {u"BootMode=1\nNextDiscardTS=202001011800\nBootAction=2\n", "changes are merged once, then kept\n"},
-        {u"BootMode=1\nNextDiscardTS=203001011800\nBootAction=1\n",
-         "dropped at the next boot, then kept until 2030-01-01 18:00 UTC+1\n"},
-        {u"BootMode=0\nBootAction=1\n", "changes are dropped at every boot\n"},
-        {u"BootMode=0\nBootAction=2\n", "changes are merged once, then dropped at every boot\n"},
+        {u"BootMode=1\n", "keeps changes", ""},
+        {u"BootMode=1\nNextDiscardTS=203001011800\n", "keeps changes",
+         "keeps changes until 2030-01-01 18:00 UTC+1"},
+        {u"BootMode=1\nNextDiscardTS=202001011800\n", "drops changes",
+         "keep until 2020-01-01 18:00 UTC+1 is over: dropped at the next boot, then kept"},
+        {u"BootMode=1\nNextDiscardTS=202001011800\nBootAction=2\n", "merges changes",
+         "merge at the next boot, once; then kept"},
+        {u"BootMode=1\nNextDiscardTS=203001011800\nBootAction=1\n", "drops changes",
+         "discard at the next boot, once; then kept until 2030-01-01 18:00 UTC+1"},
+        {u"BootMode=0\nBootAction=1\n", "drops changes",
+         "discard at the next boot, once; then dropped at every boot"},
+        {u"BootMode=0\nBootAction=2\n", "merges changes",
+         "merge at the next boot, once; then dropped at every boot"},
     };
     for (const auto& row : table) {
         Machine machine = Office();
         machine.minutesEast = 60;
         machine.config = u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n";
         machine.config += row.settings;
-        std::string said = RunOn(machine, {"volumes"}).out;
-        for (std::size_t fold; (fold = said.find("\n    ")) != said.npos;) said.replace(fold, 5, " ");
-        EXPECT_NE(said.npos, said.find(row.says)) << row.says << said;
+        const bool both = !row.detail.starts_with(row.words);
+        const std::string plan = both && !row.detail.empty() ? row.words + "; " + row.detail
+                                 : both                      ? row.words
+                                                             : row.detail;
+        const std::string volumes = Unfolded(RunOn(machine, {"volumes"}).out);
+        EXPECT_NE(volumes.npos, volumes.find("\n  next boot: " + plan + "\n")) << plan << volumes;
+        const std::string status = Unfolded(RunOn(machine, {"status"}).out);
+        EXPECT_NE(status.npos, status.find("  protected      " + row.words + "  ")) << status;
+        EXPECT_NE(status.npos, status.find(row.detail)) << row.detail << status;
     }
 }
 

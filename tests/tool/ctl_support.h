@@ -56,6 +56,7 @@ struct Machine {
     ctl::MachineNotes notes;
     std::map<std::uint32_t, ctl::Answer> refusals;  // by control code
     std::map<std::u16string, ctl::VolumeFacts> facts;
+    std::vector<ctl::VolumeDescription> descriptions;
     std::map<std::u16string, ctl::Bytes> registry, sectors;  // sectors: a whole volume's bytes
     unsigned busyOpens = 0;                                  // that many find the device held
     int exitOfOpen = 0, exitOfWrite = 0;                     // not 0: opening, setting a switch fails so
@@ -81,6 +82,7 @@ struct Machine {
 class MadeUpDriver : public ctl::Driver {
 public:
     explicit MadeUpDriver(Machine& machine) : machine_(machine) {}
+    std::vector<ctl::VolumeDescription> Descriptions() override { return machine_.descriptions; }
     ctl::Answer Control(std::uint32_t code, std::span<const std::uint8_t> input, ctl::Bytes& output) override {
         if (machine_.refusals.count(code)) {
             output.clear();

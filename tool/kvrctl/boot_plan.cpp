@@ -17,14 +17,21 @@ BootPlan RemovablePlan(unsigned access) {
     return plan;
 }
 
-BootPlan FixedPlan(const ConfigScan& scan, const VolumeSettings& settings, const Clock& clock) {
+// A merge comes before everything else; a date that is over counts for one boot, and is gone then.
+Fate FateOf(const BootPlan& plan) {
+    if (plan.action == config::kActionMerge) return Fate::Merged;
+    const bool dropped = !plan.keeps || plan.action == config::kActionDiscard || plan.untilIsOver;
+    return dropped ? Fate::Dropped : Fate::Kept;
+}
+
+BootPlan FixedPlan(const VolumeSettings& settings, const Clock& clock) {
     BootPlan plan;
     plan.isProtected = true;
-    plan.keeps = settings.atBoot == 1;
+    plan.keeps = settings.atBoot == config::kBootModeKeep;
     plan.action = settings.action;
     if (plan.keeps && IsDate(settings.date)) plan.until = settings.date;
     plan.untilIsOver = !plan.until.empty() && IsOver(plan.until, clock);
-    plan.fate = FateOf(scan, settings.id, clock);
+    plan.fate = FateOf(plan);
     return plan;
 }
 
@@ -37,7 +44,7 @@ BootPlan PlanOf(const ConfigScan& scan, const KnownVolume& volume, const Clock& 
     if (!section || !section->volume.isProtected || !section->volume.switchWasOn)
         return Open(WhyOpen::NotConfigured);
     if (section->kind == SectionKind::RemovableVolume) return RemovablePlan(section->volume.accessMode);
-    return FixedPlan(scan, section->volume, clock);
+    return FixedPlan(section->volume, clock);
 }
 
 std::string PlanWords(const BootPlan& plan, bool removable) {
@@ -47,17 +54,21 @@ std::string PlanWords(const BootPlan& plan, bool removable) {
     return kWords[static_cast<std::size_t>(plan.fate)];
 }
 
-std::string UntilText(const BootPlan& plan, const Clock& clock) {
-    if (plan.until.empty()) return {};
-    const std::string date = DateText(plan.until, clock);
-    return plan.untilIsOver ? "keep until " + date + " is over: dropped at the next boot"
-                            : "keeps changes until " + date;
+std::string PlanDetail(const BootPlan& plan, const Clock& clock) {
+    const std::string date = plan.until.empty() ? "" : DateText(plan.until, clock);
+    const std::string until = date.empty() || plan.untilIsOver ? "" : " until " + date;
+    if (plan.action != 0)
+        return std::string(plan.action == config::kActionMerge ? "merge" : "discard") +
+               " at the next boot, once; then " + (plan.keeps ? "kept" + until : "dropped at every boot");
+    if (plan.untilIsOver) return "keep until " + date + " is over: dropped at the next boot, then kept";
+    return until.empty() ? "" : "keeps changes" + until;
 }
 
-std::string PendingText(const BootPlan& plan) {
-    if (plan.action == 0) return {};
-    const std::string then = plan.keeps ? "changes are kept" : "every boot drops them";
-    return std::string(plan.action == 2 ? "merge" : "discard") + " at the next boot, once; after that " + then;
+std::string PlanText(const BootPlan& plan, bool removable, const Clock& clock) {
+    const std::string words = PlanWords(plan, removable), detail = PlanDetail(plan, clock);
+    if (plan.whyOpen == WhyOpen::ProtectionOff) return words + " (protection is off)";
+    if (detail.starts_with(words)) return detail;
+    return detail.empty() ? words : words + "; " + detail;
 }
 
 }  // namespace ctl

@@ -1,11 +1,16 @@
-// What the configuration, as it is stored now, makes of a volume at the next boot.
+// What the configuration's text, as it is stored now, makes of a volume at the next boot.
 #pragma once
 #include <string>
-#include "tool/kvrctl/plan.h"
+#include "tool/kvrctl/config_scan.h"
+#include "tool/kvrctl/date.h"
+#include "tool/kvrctl/volumes.h"
 
 namespace ctl {
 
 enum class WhyOpen { Nothing, ProtectionOff, NotConfigured };
+
+// What the next boot does with the changes of a fixed volume.
+enum class Fate { Dropped, Kept, Merged };
 
 struct BootPlan {
     bool isProtected = false;
@@ -24,8 +29,9 @@ BootPlan PlanOf(const ConfigScan& scan, const KnownVolume& volume, const Clock& 
 
 // "not protected", "drops changes": what the next boot does, in two words.
 std::string PlanWords(const BootPlan& plan, bool removable);
-// The rest of it, a sentence each; empty where the two words say it all.
-std::string UntilText(const BootPlan& plan, const Clock& clock);
-std::string PendingText(const BootPlan& plan);
+// The rest of it: until when, what is asked for one boot and what holds then. Empty where the words say it all.
+std::string PlanDetail(const BootPlan& plan, const Clock& clock);
+// Both, in a sentence without the point.
+std::string PlanText(const BootPlan& plan, bool removable, const Clock& clock);
 
 }  // namespace ctl

@@ -4,7 +4,7 @@
 #include "tool/kvrctl/config_text.h"
 #include "client/control_client.h"
 #include "tool/kvrctl/host.h"
-#include "tool/kvrctl/plan.h"
+#include "tool/kvrctl/boot_plan.h"
 #include "tool/text.h"
 #include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
@@ -12,8 +12,7 @@
 namespace ctl {
 namespace {
 
-// ---- the difference of two texts, line by line
-// ---------------------------------------------------------------
+// ---- the difference of two texts, line by line -------------------------------------------------------------
 
 using Lines = std::vector<std::string>;
 constexpr std::size_t kContext = 2;
@@ -94,8 +93,9 @@ std::string LostChanges(const Context& context, const std::u16string& before, co
     const Clock clock = ClockOf(context.world);
     std::string text;
     for (const FixedVolume& volume : context.Open(Access::Read).FixedVolumes()) {
-        const bool lost = volume.swapUsed > 0 && FateOf(earlier, volume.name, clock) != Fate::Dropped &&
-                          FateOf(later, volume.name, clock) == Fate::Dropped;
+        const KnownVolume known{volume.name, false, {}};
+        const bool lost = volume.swapUsed > 0 && PlanOf(earlier, known, clock).fate != Fate::Dropped &&
+                          PlanOf(later, known, clock).fate == Fate::Dropped;
         if (!lost) continue;
         text += (text.empty() ? "" : ", ") + SizeText(static_cast<std::uint64_t>(volume.swapUsed)) + " on " +
                 ShortName(volume.name);

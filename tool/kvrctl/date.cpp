@@ -1,8 +1,6 @@
 #include "tool/kvrctl/date.h"
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 #include "tool/kvrctl/config_scan.h"
 #include "client/failure.h"
 #include "tool/kvrctl/unicode.h"
@@ -25,15 +23,35 @@ std::string DigitsOf(std::string text) {
     return digits;
 }
 
+// As the machine's clock shows that moment.
+std::string TimeThere(std::time_t time, const Clock& clock, const char* format) {
+    const std::time_t there = time + clock.minutesEast * 60;
+    char text[32] = "";
+    if (const std::tm* fields = std::gmtime(&there)) std::strftime(text, sizeof text, format, fields);
+    return text;
+}
+
+// "2027-01-31 18:00", the two parts with `between` between them.
+std::string Spelt(const std::u16string& date, char between) {
+    const std::string d = ToUtf8(date);
+    return d.substr(0, 4) + "-" + d.substr(4, 2) + "-" + d.substr(6, 2) + between + d.substr(8, 2) + ":" +
+           d.substr(10, 2);
+}
+
+// "+01:00"
+std::string Offset(const Clock& clock) {
+    const int minutes = std::abs(clock.minutesEast);
+    char text[32];
+    std::snprintf(text, sizeof text, "%c%02d:%02d", clock.minutesEast < 0 ? '-' : '+', minutes / 60,
+                  minutes % 60);
+    return text;
+}
+
 }  // namespace
 
 Clock ClockOf(World& world) {
     Clock clock{world.MinutesEast(), {}};
-    const auto now = std::chrono::system_clock::now() + std::chrono::minutes(clock.minutesEast);
-    const std::time_t there = std::chrono::system_clock::to_time_t(now);
-    char text[16] = "";
-    if (const std::tm* fields = std::gmtime(&there)) std::strftime(text, sizeof text, "%Y%m%d%H%M", fields);
-    clock.now = FromUtf8(text, "the time");
+    clock.now = FromUtf8(TimeThere(std::time(nullptr), clock, "%Y%m%d%H%M"), "the time");
     return clock;
 }
 
@@ -56,9 +74,15 @@ std::string ZoneText(const Clock& clock) {
 }
 
 std::string DateText(const std::u16string& date, const Clock& clock) {
-    const std::string d = ToUtf8(date);
-    return d.substr(0, 4) + "-" + d.substr(4, 2) + "-" + d.substr(6, 2) + " " + d.substr(8, 2) + ":" +
-           d.substr(10, 2) + " " + ZoneText(clock);
+    return Spelt(date, ' ') + " " + ZoneText(clock);
+}
+
+std::string IsoTime(std::time_t time, const Clock& clock) {
+    return TimeThere(time, clock, "%Y-%m-%dT%H:%M:%S") + Offset(clock);
+}
+
+std::string IsoDate(const std::u16string& date, const Clock& clock) {
+    return Spelt(date, 'T') + ":00" + Offset(clock);
 }
 
 // Digits of equal length compare like the dates that they spell.

@@ -5,7 +5,7 @@
 #include "tool/kvrctl/commands.h"
 #include "tool/kvrctl/config_scan.h"
 #include "tool/kvrctl/folded.h"
-#include "tool/kvrctl/plan.h"
+#include "tool/kvrctl/boot_plan.h"
 #include "client/failure.h"
 #include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
@@ -16,8 +16,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// ---- the volumes, and what holds at the next boot
-// ------------------------------------------------------------
+// ---- the volumes, and what holds at the next boot ----------------------------------------------------------
 
 std::string FileSystemText(FileSystemKind kind) {
     static constexpr const char* kWords[] = {"none", "ntfs", "ext"};
@@ -43,7 +42,8 @@ std::vector<VolumeRow> QueryVolumes(const Context& context) {
     const Clock clock = ClockOf(context.world);
     std::vector<VolumeRow> rows;
     for (const KnownVolume& volume : KnownVolumes(client))
-        rows.push_back({volume, context.world.Facts(volume.name), PlanText(scan, volume, clock)});
+        rows.push_back({volume, context.world.Facts(volume.name),
+                        PlanText(PlanOf(scan, volume, clock), volume.removable, clock)});
     return rows;
 }
 
@@ -52,12 +52,29 @@ std::string FilesText(const VolumeRow& row) {
                                               : row.volume.told.fileSystem;
 }
 
+constexpr std::size_t kLongestLabel = 12;
+
+std::string CutLabel(const std::string& label) {
+    if (label.empty()) return "-";
+    return TextWidth(label) <= kLongestLabel ? label : "...";
+}
+
+// What the columns have no room for.
+std::string VolumeDetails(const VolumeRow& row) {
+    const VolumeDescription& told = row.volume.told;
+    std::string text;
+    if (TextWidth(told.label) > kLongestLabel) text += Detail("label: " + told.label);
+    text += Detail(told.what) + Detail("next boot: " + row.plan);
+    if (row.facts && !row.facts->clients.empty()) text += Detail("in use by " + row.facts->clients);
+    return text;
+}
+
 std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
     std::vector<Row> rows = {{"VOLUME", "LABEL", "KIND", "SIZE", "FREE", "FILES", "SECTOR"}};
     std::vector<std::string> details = {""};
     for (const VolumeRow& row : volumes) {
         const VolumeDescription& told = row.volume.told;
-        Row cells = {ShortName(row.volume.name), told.label.empty() ? "-" : told.label,
+        Row cells = {ShortName(row.volume.name), CutLabel(told.label),
                      row.volume.removable ? "removable" : "fixed"};
         if (row.facts)
             cells.insert(cells.end(), {SizeText(row.facts->bytes), FreeText(*row.facts), FilesText(row),
@@ -65,9 +82,7 @@ std::string VolumeTable(const std::vector<VolumeRow>& volumes) {
         else
             cells.insert(cells.end(), {"?", "?", "?", "?"});
         rows.push_back(std::move(cells));
-        const bool isUsed = row.facts && !row.facts->clients.empty();
-        details.push_back((told.what.empty() ? "" : Detail(told.what)) + Detail("next boot: " + row.plan) +
-                          (isUsed ? Detail("in use by " + row.facts->clients) : ""));
+        details.push_back(VolumeDetails(row));
     }
     return volumes.empty() ? "There are no volumes.\n" : TableWith(rows, details);
 }

@@ -5,7 +5,7 @@
 #include "client/failure.h"
 #include "tool/kvrctl/folded.h"
 #include "tool/kvrctl/host.h"
-#include "tool/kvrctl/iso_time.h"
+#include "tool/kvrctl/date.h"
 #include "tool/kvrctl/map_picture.h"
 #include "tool/text.h"
 #include "tool/kvrctl/unicode.h"

@@ -52,6 +52,7 @@ void Draw(const Context& context, const MachineStatus& status) {
 
 std::string WhyShort(const VolumeStatus& volume) {
     if (!volume.trouble.empty()) return volume.trouble;
+    if (volume.storage == StorageState::Unsound) return volume.fault;
     if (volume.IsStorageBad()) return "has bad storage";
     if (!volume.isProtected) return "is to be protected and is not yet";
     return volume.storage == StorageState::Full ? "is FULL: writes find no room"

@@ -1,6 +1,5 @@
 // The status for programs. What stands here is documented in docs/json.md, and stays.
 #include <nlohmann/json.hpp>
-#include "tool/kvrctl/iso_time.h"
 #include "tool/kvrctl/status_model.h"
 #include "tool/kvrctl/unicode.h"
 

@@ -2,7 +2,9 @@
 #include <algorithm>
 #include <iterator>
 #include "client/control_client.h"
+#include "client/failure.h"
 #include "tool/kvrctl/config_text.h"
+#include "tool/kvrctl/storage_check.h"
 #include "tool/text.h"
 #include "tool/kvrctl/unicode.h"
 
@@ -17,7 +19,7 @@ bool IsAmong(const std::vector<std::u16string>& names, const std::u16string& nam
 // Puts together what the driver, the configuration and the machine say.
 class Gathering {
 public:
-    explicit Gathering(const Context& context) : world_(context.world) {
+    explicit Gathering(const Context& context) : context_(context), world_(context.world) {
         Client client = context.Open(Access::Read);
         scan_ = ScanConfig(tool::ConfigurationText(client.GetConfig()));
         fixed_ = client.FixedVolumes();
@@ -58,6 +60,11 @@ private:
         volume.isHidden = told.state == 3;
         volume.room = RoomOf(told, world_.StorageReserve());
         volume.storage = StateOf(told, volume.room);
+        if (told.state == 0 && told.swapTotal > 0 && volume.storage <= StorageState::Full &&
+            volume.storage != StorageState::Making) {
+            volume.fault = FaultOf(told, volume.next.keeps);
+            if (!volume.fault.empty()) volume.storage = StorageState::Unsound;
+        }
         if (status_.enabled && volume.next.isProtected)
             volume.trouble = StorageTrouble(told, status_.hardening.now);
         for (const auto& [name, rate] : notes_.bytesPerSecond)
@@ -108,6 +115,15 @@ private:
         return room.total != 0 || told.state != 0 ? StorageState::Full : StorageState::None;
     }
 
+    // Of storage that no protection of this boot has tried. Where nobody can look, nothing is said.
+    std::string FaultOf(const FixedVolume& told, bool keeps) const {
+        try {
+            return StorageFault(context_, told, keeps);
+        } catch (const Failure&) {
+            return {};
+        }
+    }
+
     void AddWarnings() {
         std::vector<Warning> own;
         for (const VolumeStatus& volume : status_.volumes) Judge(volume, own);
@@ -148,6 +164,7 @@ private:
                 {volume.name, name + "'s storage is more than " + std::to_string(level) + " % used"});
     }
 
+    const Context& context_;
     World& world_;
     MachineNotes notes_;
     ConfigScan scan_;
@@ -159,8 +176,8 @@ private:
 }  // namespace
 
 std::string StorageWord(StorageState state) {
-    static constexpr const char* kWords[] = {"none",        "making",  "ready",    "full",
-                                             "map-damaged", "missing", "not-held", "too-large"};
+    static constexpr const char* kWords[] = {"none",    "making",   "ready",     "full",   "map-damaged",
+                                             "missing", "not-held", "too-large", "unsound"};
     return kWords[static_cast<std::size_t>(state)];
 }
 

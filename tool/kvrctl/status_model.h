@@ -12,7 +12,7 @@
 
 namespace ctl {
 
-enum class StorageState { None, Making, Ready, Full, MapDamaged, Missing, NotHeld, TooLarge };
+enum class StorageState { None, Making, Ready, Full, MapDamaged, Missing, NotHeld, TooLarge, Unsound };
 
 // The word for programs: "none", "map-damaged".
 std::string StorageWord(StorageState state);
@@ -27,6 +27,7 @@ struct VolumeStatus {
     std::string trouble;  // why it is to be protected and is not quite: a sentence without its name
     // Of a fixed volume:
     StorageState storage = StorageState::None;
+    std::string fault;  // what is wrong with it, when it is Unsound: a sentence without the volume's name
     StorageRoom room;
     std::optional<std::int64_t> bytesPerSecond;  // at which it fills
     // What the machine tells of it; 0 and empty where it tells nothing.

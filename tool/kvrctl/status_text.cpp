@@ -24,14 +24,19 @@ std::string CutName(const std::string& name) {
                                        : name.substr(0, kLongestName - 8) + "~" + name.substr(name.size() - 7);
 }
 
+std::string UsableText(const VolumeStatus& volume) {
+    if (volume.IsStorageBad()) return "none";
+    return volume.storage == StorageState::Full ? "FULL" : SizeText(volume.room.usable);
+}
+
 Row RowOf(const VolumeStatus& volume) {
     Row row = {CutName(ShortName(volume.name)), NowText(volume), PlanWords(volume.next, volume.removable)};
     if (volume.removable || (volume.room.total == 0 && volume.storage != StorageState::Full))
         row.insert(row.end(), {"-", "-", "-"});
     else
-        row.insert(row.end(), {SizeText(volume.room.total),
-                               PercentText(volume.room.used, volume.room.used + volume.room.usable),
-                               volume.storage == StorageState::Full ? "FULL" : SizeText(volume.room.usable)});
+        row.insert(row.end(),
+                   {SizeText(volume.room.total),
+                    PercentText(volume.room.used, volume.room.used + volume.room.usable), UsableText(volume)});
     return row;
 }
 
@@ -65,6 +70,8 @@ std::string StorageDetail(const VolumeStatus& volume) {
         case StorageState::Ready:
         case StorageState::Full:
             break;
+        case StorageState::Unsound:
+            return "it " + volume.fault;
         default:
             return "storage: " +
                    StorageText(static_cast<std::uint32_t>(volume.storage) -
@@ -88,8 +95,7 @@ std::string VolumeText(const VolumeStatus& volume, const Clock& clock) {
     const std::string name = ShortName(volume.name);
     std::string text = name.size() > kLongestName ? Detail(name) : "";
     text += Detail(WhyOpenText(volume)) + Detail(StorageDetail(volume));
-    if (!volume.removable && volume.next.isProtected)
-        text += Detail(UntilText(volume.next, clock)) + Detail(PendingText(volume.next));
+    if (!volume.removable && volume.next.isProtected) text += Detail(PlanDetail(volume.next, clock));
     if (!volume.clients.empty()) text += Detail("in use by " + volume.clients);
     return text;
 }
