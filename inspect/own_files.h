@@ -17,9 +17,9 @@ inline bool IsOwnFile(const std::string& path) {
     return folded.size() == kStorage.size() + 3 && folded.starts_with("/kvr.swp.");
 }
 
-// All that there may be, to be looked up.
+// All that there may be, to be looked up, as the driver spells them: names on ext are told apart by their case.
 inline std::vector<std::string> OwnFiles() {
-    std::vector<std::string> paths = {"/kvr.map", "/kvr.SWP", "/Windows/system32/drivers/kvr.cfg"};
+    std::vector<std::string> paths = {"/kvr.MAP", "/kvr.SWP", "/Windows/system32/drivers/kvr.cfg"};
     for (int number = 1; number <= 99; ++number)
         paths.push_back(std::string("/kvr.SWP.") + static_cast<char>('0' + number / 10) +
                         static_cast<char>('0' + number % 10));
