@@ -120,7 +120,8 @@ TEST(ImageDisk, ReadsWithoutWaitingWhatIsInMemory) {
     ASSERT_EQ(0, posix_fadvise(file.Get(), 4096, 4096, POSIX_FADV_DONTNEED));
     std::ranges::fill(read, 0);
     const NTSTATUS status = disk->ReadAtOnce(4096, read.data(), read.size());
-    EXPECT_TRUE(status == STATUS_PENDING || (status == STATUS_SUCCESS && read == written)) << std::hex << status;
+    EXPECT_TRUE(status == STATUS_PENDING || (status == STATUS_SUCCESS && read == written))
+        << std::hex << status;
     EXPECT_EQ(STATUS_SUCCESS, disk->Read(4096, read.data(), read.size()));
     EXPECT_EQ(written, read);
 }
