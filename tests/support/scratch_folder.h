@@ -34,7 +34,6 @@ public:
 
     const std::string& Path() const { return path_; }
     std::string File(const std::string& name) const { return path_ + "/" + name; }
-    bool Empty() const { return std::filesystem::is_empty(path_); }
 
     // What a file holds; nothing for what is none.
     static std::vector<char> Bytes(const std::string& file) {
