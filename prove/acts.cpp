@@ -18,7 +18,7 @@ constexpr std::uint32_t kAsideBytes = 64;
 enum Content : std::uint32_t { kFirst = 1, kDiscarded = 2, kKept = 3, kDropped = 4 };
 
 constexpr std::uint32_t kSwapProvisioning = 1, kSwapPresent = 2;
-constexpr std::uint32_t kPollMilliseconds = 100, kMostPolls = 3000;
+constexpr std::uint32_t kPollMilliseconds = 100, kMostPolls = 3000, kMostIdlePolls = 50;
 constexpr std::uint32_t kMostVolumes = 64;
 
 alignas(4096) std::uint8_t gPiece[kPiece], gRead[kPiece];
@@ -215,10 +215,12 @@ void MakeStorage(const Stage& stage, std::uint64_t bytes) {
     stage.Require("the storage is ordered", status, bytes);
     if (!Succeeded(status)) return;
     const KVR_FIXED_VOLUME_STATUS* volume = nullptr;
-    for (std::uint32_t poll = 0; poll < kMostPolls; ++poll) {
+    std::uint32_t idle = 0;  // polls that found it neither begun nor ended: then it has failed
+    for (std::uint32_t poll = 0; poll < kMostPolls && idle < kMostIdlePolls; ++poll) {
         stage.guest.Wait(kPollMilliseconds);
         volume = stage.Volume(&status);
         if (volume == nullptr || (volume->SwapStatus != kSwapProvisioning && volume->SwapStatus != 0)) break;
+        idle = volume->SwapStatus == 0 ? idle + 1 : 0;
     }
     stage.guest.Report("the storage is made",
                        volume != nullptr && volume->SwapStatus == kSwapPresent &&

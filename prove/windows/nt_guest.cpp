@@ -118,8 +118,7 @@ const char16_t* NtGuest::PathOf(const char16_t* path) {
 }
 
 Status NtGuest::Open(Device device) {
-    return device_.Open(device == Device::Control ? u"\\Device\\kvr" : u"\\DosDevices\\kvr",
-                        NtFile::Use::Device);
+    return device_.Open(device == Device::Control ? u"\\Device\\kvr" : u"\\??\\kvr", NtFile::Use::Device);
 }
 
 Status NtGuest::OpenSecond() {

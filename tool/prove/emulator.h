@@ -36,11 +36,12 @@ private:
     void AddMachine(std::vector<std::string>& words) const;
     void AddDisk(std::vector<std::string>& words, const std::string& path, const std::string& id,
                  int unit) const;
+    void FindProcessor();
     void FindFirmware();
 
     MachinePlan plan_;
     bool accelerated_ = false;
-    std::string firmware_, variables_;
+    std::string accelerator_, model_, firmware_, variables_;
 };
 
 }  // namespace tool

@@ -32,8 +32,9 @@ int Control(void* file, unsigned code, void* buffer, unsigned inputLength, unsig
                                  outputLength, returned);
 }
 
+// Wine closes what the driver did not let a program open, too.
 void Close(void* file) {
-    host::CloseDevice(static_cast<PFILE_OBJECT>(file));
+    if (file != nullptr) host::CloseDevice(static_cast<PFILE_OBJECT>(file));
 }
 
 }  // namespace gate
