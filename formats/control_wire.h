@@ -46,18 +46,14 @@ enum class Command : std::uint32_t {
     // Shuts down in order, ends the server. The response is sent when the machine is off.
     Stop = 8,
     // Sets a switch of the driver's registry key: `code` is 0 or 1, the input its name in UTF-16. What is set
-    // holds
-    // from the next boot on. STATUS_INVALID_PARAMETER for every other value. Needs no handle: who may connect
-    // may
-    // write the configuration as well.
+    // holds from the next boot on. STATUS_INVALID_PARAMETER for every other value. Needs no handle: who may
+    // connect may write the configuration as well.
     SetSwitch = 9,
     // As ReadSectors, but as the volume's users see them: through the driver, in this moment. Needs no handle.
     ReadPresent = 10,
     // Input: a VolumeName. Output: StorageRun records, where the volume's storage files (the map's among them)
-    // lie by
-    // its file system, as its users see that now. STATUS_OBJECT_NAME_NOT_FOUND when one that must be there is
-    // not,
-    // STATUS_DEVICE_BUSY while the file system is a client's. Needs no handle.
+    // lie by its file system, as its users see that now. STATUS_OBJECT_NAME_NOT_FOUND when one that must be
+    // there is not, STATUS_DEVICE_BUSY while the file system is a client's. Needs no handle.
     StorageRuns = 11,
     // Output: a VolumeText for each volume of this boot, the machine's own among them. Needs no handle.
     Volumes = 12,
