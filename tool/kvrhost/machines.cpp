@@ -176,7 +176,7 @@ void Describe(const MachineState& machine) {
     for (std::size_t number = 0; number < machine.disks.size(); ++number)
         std::printf("  disk%zu  %s  %s\n", number, machine.disks[number].path.c_str(),
                     SizesOf(machine.disks[number].path).c_str());
-    for (const std::string& warning : machine.warnings) std::printf("  WARNING: %s\n", warning.c_str());
+    for (const std::string& warning : machine.warnings) std::printf("  WARNING: %s.\n", warning.c_str());
 }
 
 bool IsAsConfigured(const MachineState& machine) {

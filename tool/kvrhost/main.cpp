@@ -134,7 +134,10 @@ private:
     void AddCreate() {
         CLI::App* create = app_.add_subcommand("create", "Make a machine's folder");
         create->add_option("DIR", machine_.path, "The folder: new, or empty")->required();
-        create->add_option("--disk", machine_.images, "Take this raw image in place as a disk (again for more)")
+        create
+            ->add_option(
+                "--disk", machine_.images,
+                "Take this disk in place: a raw image, a block device, nbd://HOST/NAME (again for more)")
             ->type_name("IMAGE")
             ->allow_extra_args(false);
         create

@@ -212,9 +212,9 @@ int PrintBoot(const MachineFolder& folder) {
         if (kind == "boot:" && words >> volume >> did >> bytes >> ranges &&
             std::getline(words >> std::ws, sentence))
             deeds += sentence + "\n";
-        if (kind == "note:") std::printf("Note: %s\n", line.c_str() + line.find(' ') + 1);
+        if (kind == "note:") std::printf("Note: %s.\n", line.c_str() + line.find(' ') + 1);
         if (kind != "warning:") continue;
-        std::printf("WARNING: %s\n", line.c_str() + line.find(' ') + 1);
+        std::printf("WARNING: %s.\n", line.c_str() + line.find(' ') + 1);
         exitCode = kExitNotAsConfigured;
     }
     std::fputs(deeds.c_str(), stdout);
