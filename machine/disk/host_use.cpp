@@ -3,9 +3,11 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <sstream>
 #include <string_view>
 #include <vector>
+#include <dirent.h>
 #include <fcntl.h>
 #include <linux/loop.h>
 #include <sys/ioctl.h>
@@ -48,10 +50,18 @@ std::string FirstLineOf(const fs::path& path) {
     return line;
 }
 
+struct CloseFolder {
+    void operator()(DIR* folder) const { closedir(folder); }
+};
+
+// By the C library: what the standard library's iterator needs memory for it cannot be refused.
 std::vector<fs::path> EntriesOf(const fs::path& folder) {
-    std::error_code ignored;
     std::vector<fs::path> entries;
-    for (const auto& entry : fs::directory_iterator(folder, ignored)) entries.push_back(entry.path());
+    const std::unique_ptr<DIR, CloseFolder> opened(opendir(folder.c_str()));
+    while (const dirent* entry = opened ? readdir(opened.get()) : nullptr) {
+        const std::string_view name = entry->d_name;
+        if (name != "." && name != "..") entries.push_back(folder / name);
+    }
     return entries;
 }
 
