@@ -91,9 +91,13 @@ void MarkDisks(const MachineFolder& folder) {
 void ReleaseDisks(const MachineFolder& folder) {
     const std::string identity = ReadIdentity(folder.path);
     for (const FolderDisk& disk : folder.disks) {
-        const std::optional<DiskMark> mark = ReadMark(folder.DiskPath(disk));
-        const bool own = mark && mark->machine == identity && IsSameFolder(mark->folder, folder.path);
-        if (own) EraseMark(folder.DiskPath(disk));
+        try {
+            const std::optional<DiskMark> mark = ReadMark(folder.DiskPath(disk));
+            const bool own = mark && mark->machine == identity && IsSameFolder(mark->folder, folder.path);
+            if (own) EraseMark(folder.DiskPath(disk));
+        } catch (const Error&) {
+            continue;  // a disk that is gone has nobody who asks
+        }
     }
 }
 

@@ -23,7 +23,8 @@ void RequireNobodys(const std::string& disk);
 void RequireOwn(const MachineFolder& folder);
 // Marks every disk as the machine's, whosever it was. Throws Error.
 void MarkDisks(const MachineFolder& folder);
-// The machine gives up what it has: the disks that bear its mark are nobody's.
+// The machine gives up what it has: the disks that bear its mark are nobody's, but for one that cannot be
+// reached.
 void ReleaseDisks(const MachineFolder& folder);
 
 }  // namespace nbd

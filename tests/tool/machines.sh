@@ -71,6 +71,7 @@ touch "$scratch/all/two/notes"
 grep -q "brought.raw stays" "$scratch/said" || fail "delete does not say what stays"
 [ "$(ls "$scratch/all/two")" = notes ] || fail "left of the machine: $(ls "$scratch/all/two")"
 [ "$before" = "$(sha256sum <"$scratch/brought.raw")" ] || fail "the disk that was brought changed"
+rm "$scratch/all/one/disk0.img"  # a disk that is gone keeps nothing from being deleted
 printf 'yes\n' | script -qec "'$kvrhost' delete '$scratch/all/one'" /dev/null >/dev/null || fail "a terminal's yes"
 [ -e "$scratch/all/one" ] && fail "the folder is still there"
 [ "$failures" -eq 0 ]
