@@ -105,6 +105,14 @@ TEST(Prove, StartsTheProgramInTheCopyAlone) {
     EXPECT_EQ(hive.Get(control + "CrashControl", "AutoReboot"), tool::Number(1));
     EXPECT_EQ(ReadFile(folder, copy, "/Windows/System32/kvrprove.exe"), DriverImage());
     EXPECT_TRUE(ReadFile(folder, image, "/Windows/System32/kvrprove.exe").empty());
+    // Ten starts that nobody finishes are no reason to begin a repair.
+    const tool::Hive store("BCD", ReadBootStore(folder, copy, false));
+    for (const char* loader :
+         {"{b2721d73-1db4-4c62-bf78-c548a880142d}", "{c2721d73-1db4-4c62-bf78-c548a880142d}"}) {
+        const std::string elements = std::string("Objects\\") + loader + "\\Elements\\";
+        EXPECT_EQ(store.Get(elements + "16000009", "Element"), tool::Binary({0}));
+        EXPECT_EQ(store.Get(elements + "250000E0", "Element"), tool::Binary({1, 0, 0, 0, 0, 0, 0, 0}));
+    }
 }
 
 TEST(Prove, SaysWhyItCannotBeGivenAndLeavesNothing) {

@@ -17,23 +17,36 @@ constexpr char kTestModeNote[] = "InjectedTestMode";  // a list of objects
 
 using StoreEdit = std::function<void(Hive& store)>;
 
-std::string ElementKey(const std::string& object) {
-    return "Objects\\" + object + "\\Elements\\" + kAllowTestSigned;
+// Elements by which a loader does not start the recovery environment in place of Windows after starts that were
+// not finished, with their values: recoveryenabled no, bootstatuspolicy IgnoreAllFailures.
+struct Element {
+    const char* name;
+    std::vector<std::uint8_t> value;
+};
+const Element kIgnoreFailures[] = {{"16000009", {0}}, {"250000e0", {1, 0, 0, 0, 0, 0, 0, 0}}};
+
+std::string ElementKey(const std::string& object, const char* element) {
+    return "Objects\\" + object + "\\Elements\\" + element;
+}
+
+std::vector<std::string> Loaders(const Hive& store) {
+    std::vector<std::string> loaders = store.Children("Objects");
+    std::erase_if(loaders, [&](const std::string& object) {
+        return NumberOf(store.Get("Objects\\" + object + "\\Description", "Type")) != kWindowsLoader;
+    });
+    if (loaders.empty()) throw Error("it starts no Windows");
+    return loaders;
 }
 
 // Gives the objects for which it was off.
 std::vector<std::string> AllowTestSigned(Hive& store) {
     std::vector<std::string> changed;
-    bool any = false;
-    for (const std::string& object : store.Children("Objects")) {
-        if (NumberOf(store.Get("Objects\\" + object + "\\Description", "Type")) != kWindowsLoader) continue;
-        any = true;
-        const std::string key = ElementKey(object);
+    for (const std::string& object : Loaders(store)) {
+        const std::string key = ElementKey(object, kAllowTestSigned);
         if (store.Get(key, kElementValue) == Binary({1})) continue;
         store.Set(key, kElementValue, Binary({1}));
         changed.push_back(object);
     }
-    if (!any) throw Error("it starts no Windows");
     return changed;
 }
 
@@ -92,9 +105,19 @@ void ClearTestMode(ImageEdit& image, Installation& windows, Report& report) {
     const auto objects = ListOf(windows.System().Get(kOwnKey, kTestModeNote));
     if (!objects) return;
     EditStore(image, windows, [&](Hive& store) {
-        for (const std::string& object : *objects) store.DeleteKey(ElementKey(object));
+        for (const std::string& object : *objects) store.DeleteKey(ElementKey(object, kAllowTestSigned));
     });
     report.push_back("testsigning is off in the boot store");
+}
+
+void IgnoreFailedStarts(ImageEdit& image, Installation& windows, Report& report) {
+    EditStore(image, windows, [](Hive& store) {
+        for (const std::string& object : Loaders(store)) {
+            for (const Element& element : kIgnoreFailures)
+                store.Set(ElementKey(object, element.name), kElementValue, Binary(element.value));
+        }
+    });
+    report.push_back("starts that are not finished do not begin a recovery");
 }
 
 }  // namespace tool

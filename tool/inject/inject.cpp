@@ -130,6 +130,7 @@ void PutIn(ImageEdit& image, Installation& windows, const InjectOptions& options
     if (!options.proof.empty()) {
         windows.Volume().Write(windows.Path(kProofFile), ReadHostFile(options.proof));
         StartAtBoot(windows, "kvrprove", report);
+        IgnoreFailedStarts(image, windows, report);
     }
     AddConfiguration(windows, options, report);
     Register(windows, files.version, report);

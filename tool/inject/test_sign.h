@@ -25,6 +25,10 @@ void Trust(Installation& windows, const std::string& pemFile, Report& report);
 // when there is no such store.
 void SetTestMode(ImageEdit& image, Installation& windows, Report& report);
 
+// For a copy that proves the driver, whose starts all end before a log-on: Windows would take that for
+// failures, and begin to repair itself. Nothing takes it back. Throws Error as SetTestMode does.
+void IgnoreFailedStarts(ImageEdit& image, Installation& windows, Report& report);
+
 // Take back what the two noted; nothing where they noted nothing.
 void Distrust(Installation& windows, Report& report);
 void ClearTestMode(ImageEdit& image, Installation& windows, Report& report);

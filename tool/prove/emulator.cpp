@@ -64,6 +64,7 @@ public:
             other(ends[0]);
         if (!output.IsOpen()) throw Error("cannot make " + log + ": " + std::strerror(errno));
         std::vector<char*> words;
+        words.reserve(command.size() + 1);
         for (const std::string& word : command) words.push_back(const_cast<char*>(word.c_str()));
         words.push_back(nullptr);
         process_ = fork();
