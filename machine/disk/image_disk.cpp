@@ -159,12 +159,16 @@ NTSTATUS ImageDisk::Read(std::uint64_t offset, void* buffer, std::size_t length)
     return posix::ReadAt(file_.Get(), buffer, length, offset) ? STATUS_SUCCESS : DiskFailure();
 }
 
-// A file system that cannot tell what it holds in memory, and an error, are Read's.
+// An error is Read's, and so is all on a file system that cannot tell what it holds in memory.
 NTSTATUS ImageDisk::ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) {
+    if (!tells_.load(std::memory_order_relaxed)) return Read(offset, buffer, length);
     const iovec whole{buffer, length};
     const ssize_t read = preadv2(file_.Get(), &whole, 1, static_cast<off_t>(offset), RWF_NOWAIT);
     if (read == static_cast<ssize_t>(length)) return STATUS_SUCCESS;
-    if (read < 0 && errno != EAGAIN) return Read(offset, buffer, length);
+    if (read < 0 && errno != EAGAIN) {
+        if (errno == EOPNOTSUPP) tells_.store(false, std::memory_order_relaxed);
+        return Read(offset, buffer, length);
+    }
     const std::size_t done = read < 0 ? 0 : static_cast<std::size_t>(read);
     const int told = posix_fadvise(file_.Get(), static_cast<off_t>(offset + done),
                                    static_cast<off_t>(length - done), POSIX_FADV_WILLNEED);

@@ -1,6 +1,7 @@
 // A disk in an image file or on a block device. The file is opened once, locked against other openers, and
 // stays as sparse as the writes leave it; a device is nobody else's meanwhile.
 #pragma once
+#include <atomic>
 #include <memory>
 #include <string>
 #include "machine/disk/host_disk.h"
@@ -33,6 +34,7 @@ private:
     std::string path_;
     std::uint64_t size_;
     std::uint32_t sectorSize_;
+    std::atomic<bool> tells_{true};  // the file system, whether a read would wait
 };
 
 }  // namespace machine
