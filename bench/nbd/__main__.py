@@ -25,8 +25,12 @@ def arguments():
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--build", type=pathlib.Path, default=pathlib.Path("build/bench"),
                         help="build folder of kvrhost and the plugin (default %(default)s)")
-    parser.add_argument("--folder", type=pathlib.Path, default=pathlib.Path("/dev/shm"),
-                        help="where the images and the overlays lie, about 6 GiB (default %(default)s: in memory)")
+    parser.add_argument("--folder", type=pathlib.Path,
+                        help="where the images and the overlays lie, about 6 GiB (default /dev/shm: in memory)")
+    parser.add_argument("--cold", action="store_true",
+                        help="on a disk, read with nothing in the host's memory, which only the measured files lose; "
+                        "--folder must be on the disk (default then /var/tmp), about 5 GiB")
+    parser.add_argument("--before", type=pathlib.Path, help="build folder of another Kvr to measure as well")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--plot", type=pathlib.Path, help="write the ratios as an SVG file")
     parser.add_argument("--only", help="names of the servers to measure besides the floor, with commas")
@@ -43,17 +47,41 @@ def fill(image, start, plan):
             file.write(os.urandom(min(CHUNK, plan.end - offset)))
 
 
+def another(build, folder, plan):
+    """The machine of another build, with a disk and data of its own."""
+    machine = kvr.Machine(build, folder, plan)
+    fill(machine.image, machine.volume_starts[0], plan)
+    machine.protect()
+    return kvr.KvrBefore(machine)
+
+
+class Copies:
+    """Of the machine's image: one for all, or one for each where none may find what another has just read, in some
+    memory below this computer's own."""
+
+    def __init__(self, image, folder, each):
+        self.image, self.folder, self.each = image, folder, each
+
+    def of(self, kind):
+        copy = self.folder / (f"disk-{kind.name}.img" if self.each else "disk.img")
+        if not copy.exists():
+            subprocess.run(["cp", "--sparse=always", str(self.image), str(copy)], check=True)
+        return copy
+
+
 def prepare(options, folder, plan):
     """The machine, and its disk once more for the others: a machine's server keeps all others from its image."""
     machine = kvr.Machine(options.build, folder / "machine", plan)
     fill(machine.image, machine.volume_starts[0], plan)
-    copy = folder / "disk.img"
-    subprocess.run(["cp", "--sparse=always", str(machine.image), str(copy)], check=True)
-    fill(machine.image, machine.volume_starts[1], plan)
-    machine.protect()
-    others = [kind(folder, copy) for kind in (servers.File, servers.Cow, servers.Cow4k, servers.Qcow2)]
+    kinds = (servers.Device,) if options.cold else (servers.Cow, servers.Cow4k)
+    images = Copies(machine.image, folder, options.cold)
+    others = [kind(folder, images.of(kind)) for kind in (servers.File, *kinds, servers.Qcow2)]
     for server in others:
         server.start = machine.volume_starts[0]
+    fill(machine.image, machine.volume_starts[1], plan)
+    machine.protect()
+    if options.before:
+        others.append(another(options.before, folder / "before", plan))
     return machine, others
 
 
@@ -62,15 +90,23 @@ def rotated(items, by):
     return items[by:] + items[:by]
 
 
-def measure(plan, all_servers, rounds, folder):
-    all_cases = cases.cases(plan)
+def measure_one(case, server, folder, is_cold):
+    own = server.takes(case)
+    if own is None:
+        return load.NONE
+    if is_cold:
+        server.forget()
+    return load.run(own, server, folder)
+
+
+def measure(plan, all_cases, all_servers, options, folder):
     result = {case.key: {server.name: [] for server in all_servers} for case in all_cases}
-    for turn in range(rounds):
+    for turn in range(options.rounds):
         for server in all_servers:
             server.fresh()
         for number, case in enumerate(all_cases):
             for server in rotated(all_servers, turn + number):
-                result[case.key][server.name].append(load.run(case, server, folder))
+                result[case.key][server.name].append(measure_one(case, server, folder, options.cold))
             print(f"round {turn + 1}: {case.title}", file=sys.stderr)
         for server in all_servers:
             server.check(plan.small + plan.large)
@@ -99,17 +135,18 @@ def measure_memory(plan, all_servers, folder):
 
 
 def run(options, folder):
-    plan = cases.QUICK if options.quick else cases.FULL
+    plan = cases.QUICK if options.quick else cases.COLD if options.cold else cases.FULL
+    all_cases = (cases.cold_cases if options.cold else cases.cases)(plan)
     machine, (floor, *others) = prepare(options, folder, plan)
     chosen = [floor, *machine.servers(), *others]
     if options.only:
         chosen = [floor, *(server for server in chosen[1:] if server.name in options.only.split(","))]
     try:
         print(f"Load before: {os.getloadavg()[0]:.1f}")
-        result = measure(plan, chosen, options.rounds, folder)
+        result = measure(plan, all_cases, chosen, options, folder)
         print(f"Load after: {os.getloadavg()[0]:.1f}")
-        show_speed(options, cases.cases(plan), chosen, result)
-        if not options.no_memory:
+        show_speed(options, all_cases, chosen, result)
+        if not options.no_memory and not options.cold:
             print("\nMemory\n\n" + report.memory_table(measure_memory(plan, chosen, folder), chosen))
     finally:
         for server in chosen:
@@ -118,7 +155,7 @@ def run(options, folder):
 
 def show_speed(options, all_cases, chosen, result):
     names = {server.name for server in chosen}
-    aims = [aim for aim in cases.AIMS if {aim.of, *aim.against} <= names]
+    aims = [aim for aim in (cases.COLD_AIMS if options.cold else cases.AIMS) if {aim.of, *aim.against} <= names]
     print("\nThroughput, multiples of the floor\n\n" + report.speed_table(result, all_cases, chosen))
     print("\nProcessor time of the server, microseconds per request\n\n" + report.cpu_table(result, all_cases, chosen))
     print("\nAims\n\n" + report.aim_table(result, all_cases, aims), flush=True)
@@ -131,6 +168,8 @@ def main():
     if options.quick:
         options.rounds = 1
     options.build = options.build.resolve()
+    options.before = options.before and options.before.resolve()
+    options.folder = options.folder or pathlib.Path("/var/tmp" if options.cold else "/dev/shm")
     with tempfile.TemporaryDirectory(dir=options.folder, prefix="kvr-nbd-") as folder:
         run(options, pathlib.Path(folder))
 

@@ -20,6 +20,8 @@ class Plan:
 
 FULL = Plan(volume=3 * GIB, swap=1152 * MIB, first=1664 * MIB, small=256 * MIB, large=512 * MIB, memory=GIB)
 QUICK = Plan(volume=128 * MIB, swap=32 * MIB, first=88 * MIB, small=4 * MIB, large=8 * MIB, memory=16 * MIB)
+# Of a real disk and its cache, so smaller.
+COLD = Plan(volume=2 * GIB, swap=640 * MIB, first=1216 * MIB, small=256 * MIB, large=256 * MIB, memory=512 * MIB)
 
 
 def cases(plan):
@@ -46,6 +48,11 @@ def cases(plan):
     ]
 
 
+def cold_cases(plan):
+    """Writes only prepare what is read. An overwrite would find its place in memory."""
+    return [case for case in cases(plan) if case.is_read or case.key.endswith("-first")]
+
+
 @dataclass(frozen=True)
 class Aim:
     """That one server reaches a multiple of the best of others in some cases."""
@@ -63,4 +70,10 @@ AIMS = [
     Aim("4 KiB random writes against the better cow", "kvr", ("cow", "cow4k"), ("w4-first", "w4-over"), 1.2),
     Aim("4 KiB random writes against qcow2", "kvr", ("qcow2",), ("w4-first", "w4-over"), 2.0),
     Aim("1 MiB writes against the floor", "kvr", ("file",), ("w1-first", "w1-over"), 0.9),
+]
+
+COLD_AIMS = [
+    Aim("untouched ranges against the floor, protected", "kvr", ("file",), ("r4-untouched", "r1-untouched"), 0.95),
+    Aim("scattered reads against the device", "kvr", ("device",), ("r1-scattered",), 0.9),
+    Aim("scattered reads against qcow2", "kvr", ("qcow2",), ("r1-scattered",), 1.0),
 ]

@@ -45,6 +45,11 @@ class Kvr(servers.Server):
         return self.machine.server.uri
 
 
+class KvrBefore(Kvr):
+    """Another build."""
+    name, label = "kvr-before", "Kvr, protected, before"
+
+
 class KvrOpen(Kvr):
     """A volume of the same machine that is not protected."""
     name, label, volume = "kvr-open", "Kvr, unprotected", 1

@@ -1,5 +1,6 @@
 """One measurement: fio's nbd engine against one server."""
 import json
+import math
 import subprocess
 import time
 from dataclasses import dataclass
@@ -40,12 +41,17 @@ class Figure:
     """What one measurement gave."""
     bytes_per_second: float
     requests_per_second: float
-    server_cpu: float  # microseconds of processor time of the server for each request
+    server_cpu: float  # microseconds of processor time of the server for each request, NaN without one
+
+
+NONE = Figure(math.nan, math.nan, math.nan)
 
 
 def cpu_seconds(pid):
     """What the process has used so far, its ended threads included. Every process has a clock for it, whose number
     the C library makes from the process id like this."""
+    if pid is None:
+        return math.nan
     return time.clock_gettime(~pid << 3 | 2)
 
 
@@ -54,7 +60,7 @@ def run(case, server, folder):
     output = folder / "fio.json"
     before = cpu_seconds(server.pid)
     subprocess.run(
-        ["fio", f"--name={case.key}", "--ioengine=nbd", f"--uri={server.uri}", f"--rw={case.pattern}",
+        ["fio", f"--name={case.key}", *server.target(), f"--rw={case.pattern}",
          f"--bs={case.block}", f"--iodepth={case.depth}", f"--offset={server.start + case.area.offset}",
          f"--size={case.area.size}", f"--randseed={case.seed}", "--thread", "--output-format=json",
          f"--output={output}"],

@@ -3,7 +3,7 @@ from statistics import median
 from xml.sax.saxutils import escape
 import report
 
-COLOURS = {"kvr-open": "#7fb2e5", "kvr": "#1f5fa8", "cow": "#e8b06a", "cow4k": "#c8741a", "qcow2": "#8a8a8a"}
+COLOURS = {"kvr-open": "#7fb2e5", "kvr": "#1f5fa8", "kvr-before": "#9db8d6", "cow": "#e8b06a", "cow4k": "#c8741a", "qcow2": "#8a8a8a"}
 WIDTH, LEFT, RIGHT, TOP = 900, 230, 30, 70
 BAR, GAP, MOST = 11, 14, 1.3  # pixels, pixels, ratio
 

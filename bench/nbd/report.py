@@ -1,4 +1,5 @@
 """Medians and tables. A result is {case key: {server name: [Figure of each round]}}."""
+import math
 from statistics import median
 
 MIB = 1024**2
@@ -12,6 +13,10 @@ def ratios(result, key, name, others=("file",)):
 
 def _row(cells):
     return "| " + " | ".join(cells) + " |"
+
+
+def _shown(value, form):
+    return "" if math.isnan(value) else format(value, form)
 
 
 def _table(head, rows):
@@ -28,7 +33,7 @@ def speed_table(result, cases, servers):
     others = [server for server in servers if server.name != "file"]
     rows = []
     for case in cases:
-        cells = [f"{median(ratios(result, case.key, server.name)):.2f}" for server in others]
+        cells = [_shown(median(ratios(result, case.key, server.name)), ".2f") for server in others]
         rows.append([case.title, _floor(case, result[case.key]["file"]), *cells])
     return _table(["Requests", "floor", *(server.label for server in others)], rows)
 
@@ -37,7 +42,7 @@ def cpu_table(result, cases, servers):
     rows = []
     for case in cases:
         figures = (median(figure.server_cpu for figure in result[case.key][server.name]) for server in servers)
-        rows.append([case.title, *(f"{cpu:.1f}" if cpu < 100 else f"{cpu:.0f}" for cpu in figures)])
+        rows.append([case.title, *(_shown(cpu, ".1f" if cpu < 100 else ".0f") for cpu in figures)])
     return _table(["Requests", *(server.label for server in servers)], rows)
 
 

@@ -3,6 +3,7 @@
 A server's `fresh` starts it, or starts it anew, so that nothing was written through it; `start` is where the
 measured volume begins on what it serves. A server with an overlay forgets what was written; one that
 writes to the image keeps it."""
+import dataclasses
 import os
 import pathlib
 import socket
@@ -70,6 +71,26 @@ class Server:
             self.process = None
         self.socket.unlink(missing_ok=True)
 
+    def takes(self, case):
+        """The requests that it is measured with in this case, or None."""
+        return case
+
+    def target(self):
+        """What fio reads and writes."""
+        return ["--ioengine=nbd", f"--uri={self.uri}"]
+
+    def files(self):
+        """Where the data lies that it serves."""
+        return [self.image]
+
+    def forget(self):
+        """Takes its data out of the host's memory, and nobody else's."""
+        for path in self.files():
+            descriptor = os.open(path, os.O_RDONLY)
+            os.fsync(descriptor)
+            os.posix_fadvise(descriptor, 0, 0, os.POSIX_FADV_DONTNEED)
+            os.close(descriptor)
+
     def check(self, written):
         """Called when so many bytes were written through it since `fresh`, each place counted once."""
 
@@ -89,6 +110,20 @@ class File(Server):
         return ["nbdkit", "-f", "-U", str(self.socket), "file", str(self.image)]
 
 
+class Device(Server):
+    """No server: the same file read with nothing between, in random pieces of 4 KiB, 16 at once."""
+    name, label, pid = "device", "device, 4 KiB at depth 16", None
+
+    def takes(self, case):
+        return dataclasses.replace(case, pattern="randread", block=4096, depth=16) if case.is_read else None
+
+    def target(self):
+        return ["--ioengine=libaio", "--direct=1", f"--filename={self.image}"]
+
+    def fresh(self):
+        pass
+
+
 class Cow(Server):
     """nbdkit's copy-on-write filter with its own block size, 64 KiB."""
     name, label = "cow", "nbdkit cow, 64 KiB"
@@ -106,6 +141,9 @@ class Cow4k(Cow):
 class Qcow2(Server):
     """qemu-nbd with an overlay of qemu's format, with the settings that both come with."""
     name, label = "qcow2", "qemu-nbd qcow2"
+
+    def files(self):
+        return [self.image, self.folder / "overlay.qcow2"]
 
     def command(self):
         overlay = self.folder / "overlay.qcow2"
