@@ -117,6 +117,7 @@ void ProtectedComputer::Build() {
     machine.atShutdown = options_.atShutdown;
     RankGlobalLocks();
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
+    host::ShortenWaits(100);
     machine_ = std::make_unique<Machine>(std::move(machine));
     for (const auto& files : {systemFiles_, dataFiles_})
         files->FollowPower([this] { return machine_->Power().IsCut(); });
@@ -133,6 +134,7 @@ void ProtectedComputer::Harden() {
 
 ProtectedComputer::~ProtectedComputer() {
     machine_.reset();
+    host::ShortenWaits(1);
     host::FollowRealClock();
 }
 

@@ -12,6 +12,7 @@ constexpr LONGLONG kTicksPerMinute = 60 * kTicksPerSecond;
 std::atomic<bool> gStopped;
 std::atomic<LONGLONG> gStoppedAt;
 std::atomic<LONGLONG> gOffset;  // added to the real clock while it is followed
+std::atomic<LONGLONG> gWaitDivisor{1};
 std::atomic<LONG> gZoneBias;
 
 // The coarse clock ticks every few milliseconds, as the platform's system time does, and is cheap to read.
@@ -49,6 +50,14 @@ void AdvanceTime(LONGLONG ticks) {
 LONGLONG SystemTime() {
     return gStopped.load(std::memory_order_relaxed) ? gStoppedAt.load(std::memory_order_relaxed)
                                                     : RealTime() + gOffset.load(std::memory_order_relaxed);
+}
+
+void ShortenWaits(LONGLONG divisor) {
+    gWaitDivisor.store(divisor);
+}
+
+LONGLONG WaitDivisor() {
+    return gWaitDivisor.load(std::memory_order_relaxed);
 }
 
 void SetTimeZoneBias(LONG minutes) {

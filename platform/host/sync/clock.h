@@ -16,6 +16,10 @@ void SetSystemTime(LONGLONG time);
 void AdvanceTime(LONGLONG ticks);
 LONGLONG SystemTime();
 
+// Timed waits end after this part of their time, for tests that meet many of them. 1 at start.
+void ShortenWaits(LONGLONG divisor);
+LONGLONG WaitDivisor();
+
 // Minutes to add to local time to get UTC (-60 for one hour east of Greenwich). 0 at start.
 void SetTimeZoneBias(LONG minutes);
 

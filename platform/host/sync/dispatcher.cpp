@@ -31,7 +31,7 @@ public:
     explicit Deadline(const LARGE_INTEGER* timeout) : limited_(timeout != nullptr) {
         if (!limited_) return;
         LONGLONG ticks = timeout->QuadPart > 0 ? timeout->QuadPart - SystemTime() : -timeout->QuadPart;
-        ticks = std::clamp(ticks, 0LL, kLongestWaitTicks);
+        ticks = std::clamp(ticks / WaitDivisor(), 0LL, kLongestWaitTicks);
         clock_gettime(CLOCK_MONOTONIC, &at_);
         const LONGLONG nanoseconds = at_.tv_nsec + ticks % kTicksPerSecond * kNanosecondsPerTick;
         at_.tv_sec += ticks / kTicksPerSecond + nanoseconds / kNanosecondsPerSecond;
