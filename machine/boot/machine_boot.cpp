@@ -4,6 +4,7 @@
 #include "platform/host/io/device.h"
 #include "platform/host/check/injector.h"
 #include "platform/host/check/host_memory.h"
+#include "platform/host/sync/clock.h"
 #include "machine/disk/device_support.h"
 #include "machine/boot/machine.h"
 #include "machine/partition/partition_table.h"
@@ -165,7 +166,7 @@ bool MayPass(NTSTATUS status) {
 // One read that fails must not leave the volume raw: a driver that keeps changes there would find its files
 // gone and give them up. Whoever wants files of the volume waits meanwhile.
 void MountPatiently(const FileSystemDriver& driver, Volume& volume) {
-    for (unsigned left = kMountAttempts;; std::this_thread::sleep_for(kBetweenMounts)) {
+    for (unsigned left = kMountAttempts;; std::this_thread::sleep_for(kBetweenMounts / host::WaitDivisor())) {
         const bool tried = host::WithinMemory(false, [&] {
             volume.files = driver.mount(*volume.io, volume.mountStatus);
             return true;

@@ -16,7 +16,8 @@ void SetSystemTime(LONGLONG time);
 void AdvanceTime(LONGLONG ticks);
 LONGLONG SystemTime();
 
-// Timed waits end after this part of their time, for tests that meet many of them. 1 at start.
+// Timed waits, and the machine's pauses between two attempts, take this part of their time, for tests that meet
+// many of them. 1 at start.
 void ShortenWaits(LONGLONG divisor);
 LONGLONG WaitDivisor();
 
