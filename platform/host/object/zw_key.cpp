@@ -71,7 +71,6 @@ void SetRegistryStore(RegistryStore* store) {
 
 }  // namespace host
 
-using host::HostGuard;
 using host::RegistryStore;
 using host::RegistryValue;
 
