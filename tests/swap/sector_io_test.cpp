@@ -1,5 +1,6 @@
 // The transfers of redirected requests: what reaches the devices, what the caller gets, whatever goes wrong.
 #include <algorithm>
+#include <atomic>
 #include <thread>
 #include "driver/record/sector_io.h"
 #include "tests/support/memory_stack.h"
@@ -216,8 +217,10 @@ TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
 // Has a device keep the transfers that come until the test ends them, in whatever order.
 class HeldTransfers {
 public:
-    explicit HeldTransfers(StackMemory& device) : m_answer(device.stack.answer) {
-        device.stack.answer = [this](PIRP irp, PIO_STACK_LOCATION) {
+    // `refused`: the number of the one that fails at once.
+    explicit HeldTransfers(StackMemory& device, int refused = 0) : m_answer(device.stack.answer) {
+        device.stack.answer = [this, refused](PIRP irp, PIO_STACK_LOCATION) {
+            if (++m_came == refused) return stub::Complete(irp, STATUS_IO_DEVICE_ERROR);
             IoMarkIrpPending(irp);
             const std::lock_guard lock(m_lock);
             m_held.push_back(irp);
@@ -242,6 +245,7 @@ private:
     FilteredStack::Answer m_answer;
     std::mutex m_lock;
     std::vector<PIRP> m_held;
+    std::atomic<int> m_came{0};
 };
 
 // Above a device that takes its time a request has 32 of its runs under way, whichever ends first; the list's
@@ -288,6 +292,15 @@ TEST_F(SectorIo, RunsAreUnderWayTogether) {
     sendHeld(IRP_MJ_READ, seen, true);
     std::fill(data.begin() + 3 * S, data.end(), 0);
     EXPECT_EQ(data, seen);
+    {
+        // A failure that is known while earlier ones are under way: nothing else begins.
+        const auto answer = device->stack.answer;
+        HeldTransfers held(*device, 5);
+        std::thread sender([&] { EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Get(100 * S, seen).status); });
+        for (PIRP irp : held.Take(4)) held.End(irp);
+        sender.join();
+        device->stack.answer = answer;
+    }
     ForgetMaps();
 }
 
