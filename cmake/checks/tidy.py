@@ -5,7 +5,7 @@
     tidy.py --all      every file (about eight minutes of one core when nothing is known)
     tidy.py FILE...    these
 
-Reads the commands of build/fuzz, which knows every source of the host though it builds only some of them."""
+Reads the commands of build/asan, which clang builds; the tests are left out."""
 import hashlib
 import json
 import pathlib
@@ -16,7 +16,7 @@ from clang_cache import ROOT, Cache
 
 TIDY = "clang-tidy-14"
 ALWAYS = ("driver", "config", "swap", "redirect", "control", "formats")
-COMPILED = ("tool", "inspect")  # of the rest at least what the compiler says: build/fuzz does not build these
+TESTS = tuple(f"tests/{p.name}/" for p in (ROOT / "tests").iterdir() if p.name != "doubles")  # read by the compilers alone
 MOST = 80  # files looked at in one go, of those that have no answer yet
 
 
@@ -44,28 +44,24 @@ def chosen(names: list[str]) -> list[str]:
 
 
 def main() -> int:
-    commands = json.loads((ROOT / "build/fuzz/compile_commands.json").read_text())
+    commands = json.loads((ROOT / "build/asan/compile_commands.json").read_text())
     known = {str(pathlib.Path(e["file"]).relative_to(ROOT)): e["command"] for e in commands}
+    known = {name: command for name, command in known.items() if not name.startswith(TESTS)}
     cache = Cache("tidy", TIDY)
     settings = (ROOT / ".clang-tidy").read_text()
     wanted = sys.argv[1:]
     names = [n for n in known if not wanted or wanted == ["--all"] or n in wanted]
     if not names:
-        sys.exit("tidy.py: build/fuzz compiles none of these")
+        sys.exit("tidy.py: build/asan compiles none of these")
 
-    def job(name: str, *options: str) -> tuple[str, list[str]]:
-        return (cache.key(ROOT / name, [known[name], *options], settings),
-                [TIDY, "--quiet", "-p", "build/fuzz", *options, name])
+    def job(name: str) -> tuple[str, list[str]]:
+        return cache.key(ROOT / name, [known[name]], settings), [TIDY, "--quiet", "-p", "build/asan", name]
 
     unknown = [n for n in names if not cache.clean(job(n)[0])]
     full = unknown if wanted else chosen(unknown)
-    # One cheap check goes with the compiler's words: without any the tool refuses to run.
-    compiled = [job(n, "--checks=-*,clang-diagnostic-*,misc-unused-using-decls") for n in unknown
-                if n not in full and n.split("/")[0] in COMPILED]
-    jobs = [job(n) for n in full] + [j for j in compiled if not cache.clean(j[0])]
-    bad = cache.run(jobs, workers=1 if not wanted else 2)
-    print(f"clang-tidy: {len(names)} files, {len(names) - len(unknown)} known to be clean, {len(full)} looked at, "
-          f"{len(jobs) - len(full)} compiled; {bad} with findings")
+    bad = cache.run([job(n) for n in full], workers=1 if not wanted else 2)
+    print(f"clang-tidy: {len(names)} files, {len(names) - len(unknown)} known to be clean, {len(full)} looked at; "
+          f"{bad} with findings")
     return 1 if bad else 0
 
 

@@ -222,7 +222,10 @@ TEST_F(Storage, WhichVolumeTakesTheToolsText) {
     device->TakeTransfers();
     EXPECT_EQ(STATUS_IO_DEVICE_ERROR, WriteConfigDirect(text.data(), KVR_CONFIG_BYTES));
     ULONG length = KVR_CONFIG_BYTES;
-    EXPECT_EQ(STATUS_IO_DEVICE_ERROR, PreloadConfigApply(volume->FilterDevice, text.data(), &length));
+    {
+        FastMutexLock lock(gConfigWriteLock);
+        EXPECT_EQ(STATUS_IO_DEVICE_ERROR, PreloadConfigApply(volume->FilterDevice, text.data(), &length));
+    }
     EXPECT_EQ(30u, device->TakeTransfers().size()) << "every other piece is written";
 }
 

@@ -90,13 +90,18 @@ protected:
                 }
             });
         }
+        const auto work = [&] {  // however busy the computer is
+            const unsigned enough = writes + 40;
+            for (int waits = 0; waits < 2000 && writes < enough; ++waits) std::this_thread::sleep_for(10ms);
+        };
         for (int round = 0; round < 3; ++round) {
-            std::this_thread::sleep_for(200ms);
+            work();
+            std::this_thread::sleep_for(100ms);
             Kill();
             std::this_thread::sleep_for(100ms);
             Start(how);
         }
-        std::this_thread::sleep_for(100ms);
+        work();
         ends = true;
         for (std::thread& thread : threads) thread.join();
         EXPECT_GT(writes, 100u);

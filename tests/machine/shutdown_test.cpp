@@ -83,7 +83,6 @@ protected:
         ASSERT_LT(rawAt_ + kRawBytes, volume.size());
     }
 
-    static constexpr char16_t kKey[] = u"\\Registry\\Machine\\System\\kvr";
     support::ComputerOptions options_;
     std::unique_ptr<support::ProtectedComputer> computer_;
     std::function<void(ShutdownStep)> atShutdown_;
