@@ -1,5 +1,5 @@
 // A machine below its driver: the bounds of volumes, a cut of its power, disks that go. (What it sends, and in
-// which order, shows in what survives of the work in a shutdown's course: shutdown_test.)
+// which order, shows in what survives of the work in a shutdown's course: the demonstration.)
 #include "machine/boot/machine.h"
 #include <gtest/gtest.h>
 #include "platform/host/io/device.h"

@@ -104,17 +104,11 @@ void ProtectedComputer::Build() {
     machine.fileSystem = [this](const VolumeDevice& volume) {
         // Without a filter when its AddDevice failed.
         if (PDEVICE_OBJECT filter = volume.Device()->AttachedDevice) RankRecordLocks(::VolumeOf(filter));
-        if (volume.Number() == kDataVolume && options_.dataFileSystem) {
-            FileSystemDriver driver;
-            driver.mount = options_.dataFileSystem;
-            return driver;
-        }
         if (volume.Number() == kSystemVolume) return PlayedDriver(systemFiles_, kMiB, 12 * kMiB);
         return volume.Number() == kDataVolume
                    ? PlayedDriver(dataFiles_, options_.storageBegin, options_.dataBytes - dataOffset_)
                    : FileSystemDriver{};
     };
-    machine.atShutdown = options_.atShutdown;
     RankGlobalLocks();
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     host::ShortenWaits(100);

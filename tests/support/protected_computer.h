@@ -44,10 +44,7 @@ struct ComputerOptions {
     // large as it gets.
     ULONG piece = 0;
     ULONG gap = 0;
-    // Mounts on the data volume in the place of played files.
-    machine::FileSystemFactory dataFileSystem = {};
     bool hardened = false;  // the registry's Hardening, from the first boot on
-    std::function<void(machine::ShutdownStep)> atShutdown = {};
 };
 ComputerOptions SmallOptions(ULONG piece, ULONG gap, std::uint64_t dataBytes = 48 * kMiB);
 
