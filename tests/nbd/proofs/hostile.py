@@ -25,6 +25,7 @@ PRELOAD, PLUGIN, SEED = (sys.argv[2:] + ["", "", ""])[:3]
 SEED = int(SEED or random.randrange(1 << 32))
 REFUSALS = {errno.EINVAL, errno.ENOSPC, errno.ENOMEM, errno.ERANGE, errno.EOVERFLOW, errno.EIO, errno.EPERM}
 REQUEST, READ, WRITE = 0x25609513, 0, 1
+CONTROL = 0x3152564B  # begins a request to the control socket
 
 
 class Stretch:
@@ -121,6 +122,15 @@ class Edge(Stretch):
 
 
 # ---- connections that end badly ----------------------------------------------------------------------------
+
+
+def tell(raw, data):
+    raw.settimeout(1)
+    raw.sendall(data)
+    raw.settimeout(0.1)
+    raw.recv(4096)
+
+
 class Vandal:
     """Ends connections in the middle of requests; each sector of its range stays whole, of one colour or another."""
 
@@ -138,26 +148,19 @@ class Vandal:
             client.poll(0)
         # The handle goes with its last name, and the connection with the handle.
 
-    @staticmethod
-    def _say(raw, data):
-        raw.settimeout(1)
-        raw.sendall(data)
-        raw.settimeout(0.2)
-        raw.recv(4096)
-
     def _hang_up_inside_a_request(self):
         """A header that announces more than follows."""
         client = connect(self.uri)
         header = struct.pack(">IHHQQI", REQUEST, 0, self.dice.choice((READ, WRITE)), 77, self.offset, MIB)
         sent = header + b"\x02" * self.dice.randrange(MIB // 2)
         with contextlib.suppress(OSError), socket.socket(fileno=os.dup(client.aio_get_fd())) as raw:
-            self._say(raw, sent[:self.dice.choice((5, 27, 28, len(sent)))])
+            tell(raw, sent[:self.dice.choice((5, 27, 28, len(sent)))])
 
     def _talk_nonsense(self):
         with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as raw:
             raw.connect(self.socket_path)
             greeting = struct.pack(">I", 3) if self.dice.random() < 0.5 else b""
-            self._say(raw, greeting + self.dice.randbytes(self.dice.randrange(1, 4000)))
+            tell(raw, greeting + self.dice.randbytes(self.dice.randrange(1, 4000)))
 
     def step(self):
         self.dice.choice((self._hang_up_with_requests_in_flight, self._hang_up_inside_a_request,
@@ -188,6 +191,40 @@ class Visitor:
             require(done.returncode == 0 or "booted anew" in done.stdout, f"{words}: {done.stdout}")
 
 
+class Meddler:
+    """Asks the control socket what no tool asks: any command but those that end a boot, with bytes of any kind, lengths
+    that may be another's, whole or cut. What is whole is answered as it has room, what is not ends the connection."""
+
+    COMMANDS = (0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, 13, 1 << 31)
+
+    def __init__(self, pc):
+        self.path, self.dice = str(pc.folder / "control.sock"), random.Random(SEED + 8)
+
+    def _record(self):
+        """A volume's name and a place on it; some commands take the name alone, or text."""
+        place = struct.pack("<QII", self.dice.choice((0, 512, 1, 1 << 62)), self.dice.choice((0, 512, 100, 1 << 31)), 0)
+        whole = f"\\Device\\{VOLUME}".encode("utf-16-le").ljust(128, b"\0") + place
+        return whole[:self.dice.choice((20, 21, 128, len(whole)))]
+
+    def step(self):
+        data = self.dice.choice((self._record(), self.dice.randbytes(self.dice.randrange(9000))))
+        code = self.dice.choice((0x80000000, 0xC0000000, 0x84048, 0x84104, self.dice.randrange(1 << 32)))
+        length, room = self.dice.choice((len(data), len(data), MIB + 1)), self.dice.choice((0, 4, 8192, MIB, MIB + 1))
+        request = struct.pack("<5I", CONTROL, self.dice.choice(self.COMMANDS), code, length, room) + data
+        said = request[:self.dice.choice((19, 30, len(request), len(request)))]
+        told = b""
+        with contextlib.suppress(ConnectionError), socket.socket(socket.AF_UNIX) as raw:
+            raw.settimeout(30)
+            raw.connect(self.path)
+            raw.sendall(said)
+            raw.shutdown(socket.SHUT_WR)
+            while more := raw.recv(1 << 16):
+                told += more
+        require(bool(told) == (said == request and length == len(data) and room <= MIB), f"answered: {len(told)} bytes")
+        _, _, output, text = struct.unpack_from("<IiII", told.ljust(16, b"\0"))
+        require(output <= room and len(told) in (0, 16 + output + text), "an answer has not the length that it says")
+
+
 class Owner:
     """Boots the machine once, under all of the others; they go on with what they have written."""
 
@@ -216,7 +253,7 @@ def misbehave(given, pc, partition):
     place = inside + 3 * STRETCH  # where two write to the same sectors
     vandals = [Vandal(by_volume, pc.folder / "nbd.sock", place, STRETCH, SEED + 4),
                Vandal(by_disk, pc.folder / "nbd.sock", offset + place, STRETCH, SEED + 7)]
-    failures = all_at_once([*stretches, *vandals, Visitor(pc), Owner(pc)], SECONDS)
+    failures = all_at_once([*stretches, *vandals, Visitor(pc), Meddler(pc), Owner(pc)], SECONDS)
     told = sanitizer_reports(given.scratch)
     require(pc.lives() and not told, f"the server died: {pc.log()[-2000:]}\n{told}")
     require(not failures, failures)
