@@ -15,36 +15,6 @@ using namespace ctl_test;
 
 using nbd_test::kMiB;
 
-TEST_F(CtlServed, FromNothingToAProtectedVolumeAndBack) {
-    EXPECT_TRUE(Run({"status"}).out.starts_with("Protection is off"));
-    EXPECT_EQ("Hardening is on.\n", Run({"hardening"}).out) << "a new machine has the stricter rules";
-    EXPECT_EQ("kvrctl: there is no configuration yet\n", Run({"config", "get"}).err);
-    Do({{"swap", "make", "2", "16M"},
-        {"enable"},
-        {"protect", "2", "--at-boot", "keep"},
-        {"config", "check"},
-        {"debug"}});
-    Reboot();
-    auto client = Connect("HarddiskVolume2");
-    std::vector<std::uint8_t> bytes(3 * kMiB, 'w');
-    ASSERT_EQ(STATUS_SUCCESS, Transfer(client, nbd::Server::Action::Write, 40 * kMiB, bytes));
-    server->Disconnect(std::move(client));
-    Reboot();
-    const MapSummary summary = Summarize(ReadSavedMap(world, nbd_test::kSecond));
-    EXPECT_EQ(3 * kMiB / 512, summary.redirectedSectors);
-    EXPECT_EQ(13 * kMiB / 512, summary.freeSectors);
-    const Result refused = Run({"unprotect", "2"});
-    EXPECT_NE(refused.err.npos, refused.err.find("would drop kept changes: 3 MiB on HarddiskVolume2"))
-        << refused.err;
-    Do({{"map", "2"}, {"unprotect", "2", "--drop-changes"}, {"hardening", "off"}});
-    EXPECT_EQ("Hardening is on, from the next boot on off.\n", Run({"hardening"}).out);
-    Reboot();
-    EXPECT_EQ("Hardening is off.\n", Run({"hardening"}).out);
-    Do({{"swap", "remove", "2"}});
-    EXPECT_NE(std::string::npos, Run({"map", "2"}).err.find("has no swap storage"));
-    EXPECT_NE(std::string::npos, Run({"volumes"}).out.find("ntfs"));
-}
-
 // The server and the tool say the same, and what they say is what a client meets.
 TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
     Do({{"enable"}, {"protect", "2", "--anyway"}});
