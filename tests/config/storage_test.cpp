@@ -163,10 +163,12 @@ TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
         }
     }
     registry.values[u"Hardening"] = {REG_DWORD, Image{1, 0, 0, 0}};
-    registry.values[u"SystemBootDevice"] = {REG_SZ, Image(0x10002, 1)};
-    gHardeningKnown = FALSE;
-    LoadHardening();
-    EXPECT_FALSE(gBootStoreElsewhere);
+    for (const SIZE_T bytes : {0x10002, 0xFFFE}) {  // what a counted string cannot hold, and what it can
+        registry.values[u"SystemBootDevice"] = {REG_SZ, Image(bytes, 1)};
+        gHardeningKnown = FALSE;
+        LoadHardening();
+        EXPECT_EQ(bytes == 0xFFFE, gBootStoreElsewhere != FALSE);
+    }
     gHardening = FALSE;
     registry.values[std::u16string(kName) + u"\\kvr.CFG"] = {REG_BINARY, Image(127, 1)};
     EXPECT_EQ(STATUS_INVALID_PARAMETER, LoadConfigLocation(volume));

@@ -622,14 +622,20 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
         int config;
         PFILE_OBJECT file;
         ULONG starts;
-    } later[] = {{false, false, 0, nullptr, 1},       {true, true, 0, nullptr, 0},
-                 {false, true, 0, nullptr, 1},        {false, true, 16, nullptr, 0},
-                 {false, true, 16, &named.object, 1}, {false, true, 16, &named.object, 0}};
+        bool opened = false;
+    } later[] = {{false, false, 0, nullptr, 1},
+                 {true, true, 0, nullptr, 0},
+                 {false, true, 0, nullptr, 1},
+                 {false, true, 16, nullptr, 0},
+                 {false, true, 16, &named.object, 0, true},
+                 {false, true, 16, &named.object, 1},
+                 {false, true, 16, &named.object, 0}};
     volume->IsProtected = FALSE;
     for (const auto& c : later) {
         SCOPED_TRACE(&c - later);
         gProvisionThread = c.provisioning ? KeGetCurrentThread() : nullptr;
         volume->MapLocation = c.map ? &run : nullptr;
+        gConfigFileHandle = c.opened ? device : nullptr;
         for (auto& offset : volume->PreloadConfigLocation) offset = c.config ? 0x8000 : 0;
         host::ThreadGate gate;
         if (c.starts)

@@ -14,10 +14,14 @@ TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
     EXPECT_EQ(volume, swapFile->SwapVolume.load());
     EXPECT_EQ(swapFile, Attach(kName, volume)) << "attached already";
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
-    EXPECT_NE(swapFile, Attach(u"\\Device\\HarddiskVolume3", AddMemory({.name = u"\\Device\\X"}).stack.volume));
+    PVOLUME_EXTENSION elsewhere = AddMemory({.name = u"\\Device\\X"}).stack.volume;
+    SWAP_FILE* own = Attach(u"\\Device\\HarddiskVolume3", elsewhere);
+    EXPECT_NE(swapFile, own);
     EXPECT_EQ(swapFile, gSwapFileList);
     EXPECT_EQ(nullptr, gSwapFileList->pNext->SwapVolume.load()) << "a volume that nobody knows";
     EXPECT_EQ(gSwapFileList, gSwapFileList->pNext->pPrevious);
+    EXPECT_NE(own, Attach(u"\\Device\\X", AddMemory({.name = u"\\Device\\Y"}).stack.volume));
+    EXPECT_EQ(own, elsewhere->SwapFile.load()) << "a holder that is attached elsewhere stays there";
 }
 
 TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
