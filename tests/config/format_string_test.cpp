@@ -19,7 +19,7 @@ TEST(FormatString, Directives) {
     EXPECT_EQ(u"202605040930", Format(u"%04u%02u%02u%02u%02u", 2026u, 5u, 4u, 9u, 30u));
     EXPECT_EQ(u"-2147483648 4294967295 0", Format(u"%d %u %d", INT32_MIN, UINT32_MAX, 0));
     EXPECT_EQ(u"00ff 00FF    a", Format(u"%04x %04X %4x", 255, 255, 10));
-    EXPECT_EQ(u"-05   -5", Format(u"%03d %4d", -5, -5));
+    EXPECT_EQ(u"-05          -5", Format(u"%03d %11d", -5, -5));
     EXPECT_EQ(u"", Format(u""));
     EXPECT_EQ(u"x wide 100%", Format(u"%c %ws 100%%", u'x', u"wide"));
 }

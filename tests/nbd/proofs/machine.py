@@ -1,5 +1,4 @@
 """A hosted machine under proof: made, served and controlled with the project's own two tools."""
-import contextlib
 import json
 import os
 import pathlib
@@ -44,15 +43,6 @@ class Machine:
         self._pidfile.unlink(missing_ok=True)
         run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env)
         self._server = os.pidfd_open(self.pid)
-
-    def try_serve(self):
-        """The same where the start may fail; what it said and its exit code."""
-        self._pidfile.unlink(missing_ok=True)
-        told = run(self.kvrhost, "serve", self.folder, "--background", "--", "--pidfile", self._pidfile, env=self._env,
-                   check=False)
-        with contextlib.suppress(FileNotFoundError, ValueError, ProcessLookupError):
-            self._server = os.pidfd_open(self.pid)
-        return told
 
     @property
     def pid(self):
