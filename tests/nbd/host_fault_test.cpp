@@ -93,29 +93,6 @@ TEST_F(HostFault, ANewPartitionHasItsOwnNumberAndNotTheOldOnesSettings) {
     server->Disconnect(std::move(client));
 }
 
-// The driver holds its files before the clients have the volume again, however often the machine boots.
-TEST_F(HostFault, ChangesAreKeptOverBootsUnderAClient) {
-    const auto status = [&] {
-        ctl::Client tool(world.OpenDriver(ctl::Access::ReadWrite));
-        return FirstOf(tool).swapStatus;
-    };
-    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kFirst, 64 * kMiB);
-    while (status() == ctl::kSwapProvisioning) std::this_thread::yield();
-    Configure(u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootMode=1\n");
-    auto client = Connect("HarddiskVolume1");
-    for (std::uint8_t boot = 1; boot <= 4; ++boot) {
-        Reboot();
-        EXPECT_EQ(status(), ctl::kSwapPresent) << int{boot};
-        std::vector<std::uint8_t> back(512);
-        if (boot > 1) {
-            EXPECT_EQ(Transfer(client, Server::Action::Read, 48 * kMiB, back), STATUS_SUCCESS);
-            EXPECT_EQ(back, std::vector<std::uint8_t>(512, static_cast<std::uint8_t>(boot - 1)));
-        }
-        EXPECT_EQ(Write(client, 48 * kMiB, std::vector<std::uint8_t>(512, boot)), STATUS_SUCCESS);
-    }
-    server->Disconnect(std::move(client));
-}
-
 // What a client was told is written stays; what the host has no room for is told as that.
 TEST_F(HostFault, AFullHostIsToldAndNothingAcknowledgedIsLost) {
     control.reset();
