@@ -1,5 +1,6 @@
 #include "tests/doubles/played_files.h"
 #include <algorithm>
+#include <utility>
 #include "machine/names.h"
 #include "platform/host/io/device.h"
 #include "platform/host/io/request.h"
@@ -212,8 +213,16 @@ std::shared_ptr<const PlayedFiles::Directory> PlayedFiles::Save() const {
 }
 
 void PlayedFiles::Restore(const Directory& saved) {
-    m_now = saved;
+    const std::lock_guard hold(m_lock);
+    Directory before = std::exchange(m_now, saved);
     m_now = *Save();  // files of its own
+    for (auto& [path, file] : m_now.files) {
+        const auto open = before.files.find(path);
+        if (open == before.files.end()) continue;
+        file->Share = open->second->Share;
+        *open->second = *file;
+        file = open->second;
+    }
     m_from = 0;
     m_journaled = Save();
 }

@@ -65,6 +65,7 @@ public:
         std::vector<bool> used;  // units
     };
     [[nodiscard]] std::shared_ptr<const Directory> Save() const;
+    // What is open stays open.
     void Restore(const Directory& saved);
     // Once `isCut` holds the directory stands still, and what would change it is STATUS_DEVICE_POWERED_OFF.
     void FollowPower(std::function<bool()> isCut);

@@ -20,6 +20,8 @@ namespace stage {
 // ---- the driver under test -----------------------------------------------------------------------------
 // Its entry, every global of the driver having its load value. Null when there is none.
 [[nodiscard]] PDRIVER_INITIALIZE DriverToLoad();
+// A story that only this kind of driver can be played with, besides those of the list; null when there is none.
+[[nodiscard]] const Story* OwnStory();
 // Loads the driver as a boot does. Once in a boot. `driver` is the object that its entry received; null on
 // failure.
 [[nodiscard]] NTSTATUS LoadDriver(PDRIVER_OBJECT& driver);

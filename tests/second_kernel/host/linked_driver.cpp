@@ -5,3 +5,7 @@
 PDRIVER_INITIALIZE stage::DriverToLoad() {
     return DriverEntry;
 }
+
+const Story* stage::OwnStory() {
+    return nullptr;
+}

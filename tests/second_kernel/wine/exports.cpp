@@ -8,6 +8,7 @@
 #include "platform/kernel.h"
 #include "tests/second_kernel/stage.h"
 #include "tests/second_kernel/wine/image.h"
+#include "tests/second_kernel/wine/proof_story.h"
 
 namespace {
 
@@ -125,8 +126,13 @@ void* FindExport(const char* name) {
 // Mapped anew for each boot.
 PDRIVER_INITIALIZE stage::DriverToLoad() {
     std::string trouble;
-    void* entry = image::Load("kvr64.sys", {FindExport, KeGetCurrentIrql, host::SystemTime}, trouble);
+    void* entry = image::Load(image::Role::Driver, "kvr64.sys",
+                              {FindExport, KeGetCurrentIrql, host::SystemTime}, trouble);
     if (entry != nullptr) return reinterpret_cast<PDRIVER_INITIALIZE>(entry);
     std::fputs(trouble.c_str(), stderr);
     std::exit(2);
+}
+
+const Story* stage::OwnStory() {
+    return &kProofStory;
 }

@@ -10,12 +10,16 @@
 namespace image {
 namespace {
 
-unsigned char* gImage;  // what is mapped
-RUNTIME_FUNCTION* gUnwind;
+struct Mapping {
+    unsigned char* image;
+    RUNTIME_FUNCTION* unwind;
+};
+Mapping gMappings[2];  // by Role
+Mapping* gNow = &gMappings[0];
 
 template <class T>
 T* At(DWORD offset) {
-    return reinterpret_cast<T*>(gImage + offset);
+    return reinterpret_cast<T*>(gNow->image + offset);
 }
 
 const IMAGE_NT_HEADERS64& HeadersOf(const unsigned char* file) {
@@ -24,7 +28,7 @@ const IMAGE_NT_HEADERS64& HeadersOf(const unsigned char* file) {
 }
 
 const IMAGE_NT_HEADERS64& Headers() {
-    return HeadersOf(gImage);
+    return HeadersOf(gNow->image);
 }
 
 const IMAGE_DATA_DIRECTORY& Directory(int number) {
@@ -32,23 +36,22 @@ const IMAGE_DATA_DIRECTORY& Directory(int number) {
 }
 
 void Unmap() {
-    if (gUnwind != nullptr) RtlDeleteFunctionTable(gUnwind);
-    if (gImage != nullptr) VirtualFree(gImage, 0, MEM_RELEASE);
-    gUnwind = nullptr;
-    gImage = nullptr;
+    if (gNow->unwind != nullptr) RtlDeleteFunctionTable(gNow->unwind);
+    if (gNow->image != nullptr) VirtualFree(gNow->image, 0, MEM_RELEASE);
+    *gNow = {};
 }
 
 // Where the program or the library lies that this is part of.
 std::string Folder() {
     HMODULE self = nullptr;
     GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCSTR>(&gImage), &self);
+                       reinterpret_cast<LPCSTR>(&gMappings), &self);
     char path[MAX_PATH];
     const std::string text(path, GetModuleFileNameA(self, path, sizeof path));
     return text.substr(0, text.rfind('\\') + 1);
 }
 
-bool IsDriver(const std::vector<char>& file) {
+bool IsNative(const std::vector<char>& file) {
     if (file.size() < sizeof(IMAGE_DOS_HEADER) || std::memcmp(file.data(), "MZ", 2) != 0) return false;
     const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
     return headers.Signature == IMAGE_NT_SIGNATURE && headers.FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64 &&
@@ -58,20 +61,21 @@ bool IsDriver(const std::vector<char>& file) {
 // False when the memory at the preferred address is all there is.
 bool MapSections(const std::vector<char>& file) {
     const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
-    gImage = static_cast<unsigned char*>(
+    gNow->image = static_cast<unsigned char*>(
         VirtualAlloc(nullptr, headers.OptionalHeader.SizeOfImage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    if (gImage == nullptr || gImage == reinterpret_cast<void*>(headers.OptionalHeader.ImageBase)) return false;
-    std::memcpy(gImage, file.data(), headers.OptionalHeader.SizeOfHeaders);
+    if (gNow->image == nullptr || gNow->image == reinterpret_cast<void*>(headers.OptionalHeader.ImageBase))
+        return false;
+    std::memcpy(gNow->image, file.data(), headers.OptionalHeader.SizeOfHeaders);
     const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&headers);
     for (int i = 0; i < headers.FileHeader.NumberOfSections; ++i, ++section)
-        std::memcpy(gImage + section->VirtualAddress, file.data() + section->PointerToRawData,
+        std::memcpy(gNow->image + section->VirtualAddress, file.data() + section->PointerToRawData,
                     std::min(section->SizeOfRawData, section->Misc.VirtualSize));
     return true;
 }
 
 // Whether every relocation is of the one kind that such images have.
 bool Relocate() {
-    const ULONGLONG moved = reinterpret_cast<ULONGLONG>(gImage) - Headers().OptionalHeader.ImageBase;
+    const ULONGLONG moved = reinterpret_cast<ULONGLONG>(gNow->image) - Headers().OptionalHeader.ImageBase;
     const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC);
     DWORD at = directory.VirtualAddress;
     while (at < directory.VirtualAddress + directory.Size) {
@@ -112,42 +116,44 @@ bool Import(const Kernel& kernel, std::string& trouble) {
 
 bool AddUnwindTables() {
     const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_EXCEPTION);
-    gUnwind = At<RUNTIME_FUNCTION>(directory.VirtualAddress);
-    return directory.Size != 0 && RtlAddFunctionTable(gUnwind, directory.Size / sizeof(RUNTIME_FUNCTION),
-                                                      reinterpret_cast<DWORD64>(gImage));
+    gNow->unwind = At<RUNTIME_FUNCTION>(directory.VirtualAddress);
+    return directory.Size != 0 && RtlAddFunctionTable(gNow->unwind, directory.Size / sizeof(RUNTIME_FUNCTION),
+                                                      reinterpret_cast<DWORD64>(gNow->image));
 }
 
 bool Protect() {
     DWORD before = 0;
-    bool done = VirtualProtect(gImage, Headers().OptionalHeader.SizeOfHeaders, PAGE_READONLY, &before);
+    bool done = VirtualProtect(gNow->image, Headers().OptionalHeader.SizeOfHeaders, PAGE_READONLY, &before);
     const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&Headers());
     for (int i = 0; i < Headers().FileHeader.NumberOfSections; ++i, ++section) {
         const DWORD rights = section->Characteristics;
         const DWORD wanted = rights & IMAGE_SCN_MEM_EXECUTE ? PAGE_EXECUTE_READ
                              : rights & IMAGE_SCN_MEM_WRITE ? PAGE_READWRITE
                                                             : PAGE_READONLY;
-        done = VirtualProtect(gImage + section->VirtualAddress, section->Misc.VirtualSize, wanted, &before) &&
-               done;
+        done =
+            VirtualProtect(gNow->image + section->VirtualAddress, section->Misc.VirtualSize, wanted, &before) &&
+            done;
     }
     return done;
 }
 
 }  // namespace
 
-void* Load(const std::string& name, const Kernel& kernel, std::string& trouble) {
+void* Load(Role role, const std::string& name, const Kernel& kernel, std::string& trouble) {
+    gNow = &gMappings[static_cast<int>(role)];
     Unmap();
     std::ifstream stream(Folder() + name, std::ios::binary);
     const std::vector<char> file{std::istreambuf_iterator<char>(stream), {}};
-    if (!IsDriver(file)) {
-        trouble = name + " is no driver\n";
+    if (!IsNative(file)) {
+        trouble = name + " is no native image\n";
     } else if (!MapSections(file) || !Relocate()) {
         trouble = "the image cannot be moved\n";
     } else if (Import(kernel, trouble) && (!AddUnwindTables() || !Protect())) {
         trouble = "the image's unwind tables or sections are not as they should be\n";
     }
     if (!trouble.empty()) return nullptr;
-    traps::Watch(gImage, Headers().OptionalHeader.SizeOfImage, kernel);
-    return gImage + Headers().OptionalHeader.AddressOfEntryPoint;
+    if (role == Role::Driver) traps::Watch(gNow->image, Headers().OptionalHeader.SizeOfImage, kernel);
+    return gNow->image + Headers().OptionalHeader.AddressOfEntryPoint;
 }
 
 }  // namespace image

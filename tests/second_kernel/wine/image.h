@@ -1,19 +1,21 @@
-// An image for the kernel, mapped into this program as a kernel maps a driver.
+// Native images, mapped into this program as a kernel maps a driver.
 #pragma once
 #include <string>
 
 namespace image {
 
-// The kernel that serves it.
+enum class Role { Driver, Program };
+
+// What serves it.
 struct Kernel {
     void* (*find)(const char* name);  // what an image may import by that name; null: nothing
-    unsigned char (*irql)();          // of the calling thread
+    unsigned char (*irql)();          // of the calling thread; for a driver alone, as the time
     long long (*systemTime)();
 };
 
 // Maps the file, which lies beside this program, away from the address that it prefers, with its sections,
 // relocations, imports, unwind tables and the protection that each section asks for. What an earlier call
-// mapped is gone. Returns the image's entry, or null and why in `trouble`.
-[[nodiscard]] void* Load(const std::string& name, const Kernel& kernel, std::string& trouble);
+// mapped in that role is gone. Returns the image's entry, or null and why in `trouble`. One call at a time.
+[[nodiscard]] void* Load(Role role, const std::string& name, const Kernel& kernel, std::string& trouble);
 
 }  // namespace image
