@@ -3,44 +3,20 @@
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
-#include "tests/inject/fake_windows.h"
+#include "tests/prove/proof_run.h"
 #include "tool/demo/demo.h"
 #include "tool/inject/hive.h"
 
 namespace {
 
 using namespace fake_windows;
-
-// A byte of the volume of Windows in which nothing lies.
-constexpr std::uint64_t kFreePlace = VolumeOffset(false) + kVolumeLength - (1 << 20);
-
-std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes) {
-    TestFolder::Put(folder.Sparse(name, 0), 0, {bytes.begin(), bytes.end()});
-    return folder.File(name);
-}
+using proof_run::CountOf;
+using proof_run::Rows;
 
 tool::ProveOptions Options(const TestFolder& folder, const std::string& image) {
-    tool::ProveOptions options;
-    options.image = image;
-    options.folder = folder.File("proof");
+    tool::ProveOptions options = proof_run::Options(folder, image);
     options.emulator = KVR_STAND_IN;
-    options.driver = HostFile(folder, "kvr64.sys", DriverImage());
-    options.tool = options.proof = options.driver;
-    options.allowUnsigned = true;
-    options.storageBytes = 1 << 20;
-    options.seconds = 20;
     return options;
-}
-
-std::string Rows(const TestFolder& folder) {
-    const auto bytes = TestFolder::Bytes(folder.File("proof/proof.txt"));
-    return {bytes.begin(), bytes.end()};
-}
-
-std::size_t CountOf(const std::string& text, const std::string& word) {
-    std::size_t count = 0;
-    for (std::size_t at = text.find(word); at != text.npos; at = text.find(word, at + 1)) ++count;
-    return count;
 }
 
 struct Case {
@@ -73,7 +49,7 @@ TEST(Prove, SeesWhatAGuestDoes) {
         SCOPED_TRACE(one.guest);
         const TestFolder folder;
         setenv("KVR_STAND_IN", one.guest, 1);
-        setenv("KVR_STAND_IN_AT", std::to_string(kFreePlace).c_str(), 1);
+        setenv("KVR_STAND_IN_AT", std::to_string(proof_run::FreePlace(false)).c_str(), 1);
         if (!one.changesAtMerge) unsetenv("KVR_STAND_IN_AT");
         tool::ProveOptions options = Options(folder, image);
         if (std::string(one.guest) == "hangs:2") options.seconds = 2;

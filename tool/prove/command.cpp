@@ -35,6 +35,7 @@ CLI::App* AddProveCommand(CLI::App& app, ProveOptions& options) {
     prove->add_option("--tool", options.tool, "kvrctl.exe (likewise)")->type_name("FILE");
     prove->add_option("--proof", options.proof, "kvrprove.exe (likewise)")->type_name("FILE");
     prove->add_flag("--unsigned", options.allowUnsigned, "Do not sign a driver that has no signature");
+    prove->add_flag("--no-kvm", options.withoutKvm, "Emulate the processor even where there is KVM");
     prove->add_flag("--keep-disk", options.keepDisk, "Leave the copy in the folder");
     prove->footer(
         "Each line is a check: what was measured, and PASS or FAIL. IMAGE itself is only read.\n"

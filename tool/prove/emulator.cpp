@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 #include <utility>
 #include <fcntl.h>
@@ -38,6 +39,7 @@ struct Processor {
 };
 constexpr Processor kProcessors[] = {{"kvm", "host,hv-relaxed,hv-vapic,hv-time,hv-crash"},
                                      {"kvm", "host"},
+                                     {"kvm", "host,hv-relaxed,hv-vapic,hv-time,hv-crash,arch-capabilities=off"},
                                      {"kvm", "host,arch-capabilities=off"},
                                      {"tcg", "max"}};
 
@@ -51,6 +53,17 @@ bool IsOnPath(const std::string& program) {
         rest = end == std::string::npos ? "" : rest.substr(end + 1);
     }
     return false;
+}
+
+// What qemu says of itself begins with its name, perhaps behind its monitor's prompt.
+std::string LastComplaint(const std::string& log) {
+    std::ifstream stream(log);
+    std::string last;
+    for (std::string line; std::getline(stream, line);) {
+        const std::size_t begin = line.find(std::string(kQemu) + ": ");
+        if (begin != std::string::npos) last = line.substr(begin);
+    }
+    return last;
 }
 
 // A program with a pipe to its standard input; it goes when this process goes.
@@ -132,6 +145,7 @@ void Emulator::FindProcessor() {
         accelerator_ = processor.accelerator;
         model_ = processor.model;
         accelerated_ = accelerator_ == "kvm";
+        if (accelerated_ && plan_.withoutKvm) continue;
         Child child({kQemu, "-S", "-machine", "q35", "-accel", accelerator_, "-cpu", model_, "-m", "64",
                      "-nodefaults", "-display", "none", "-monitor", "stdio"},
                     log);
@@ -198,7 +212,10 @@ BootResult Emulator::Boot(const std::string& name, unsigned seconds) const {
     result.timedOut = !child.WaitUntil(begin + std::chrono::seconds(seconds), result.exitCode);
     result.seconds =
         static_cast<unsigned>(std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - begin).count());
-    if (!result.timedOut) return result;
+    if (!result.timedOut) {
+        result.complaint = LastComplaint(place + ".emulator.log");
+        return result;
+    }
     int ignored = 0;
     if (plan_.program.empty()) {
         child.Say("screendump " + place + ".screen.ppm\nquit\n");

@@ -11,11 +11,13 @@ struct MachinePlan {
     std::string bus;  // "sata", "ide", "virtio", "nvme"
     bool efi = false;
     unsigned memory = 0;  // MiB
+    bool withoutKvm = false;
 };
 
 struct BootResult {
     bool timedOut = false;
-    int exitCode = 0;  // 128 + signal when a signal ended it
+    int exitCode = 0;       // 128 + signal when a signal ended it
+    std::string complaint;  // of qemu's own, the last line of it; empty: the guest ended it
     unsigned seconds = 0;
 };
 

@@ -135,10 +135,9 @@ public:
           rows_(rows),
           answers_(folder.File("answers.raw"), options.storageBytes),
           emulator_({options.emulator, folder.Disk(), answers_.Path(), folder.Path(), options.bus,
-                     IsEfi(options, copy), options.memory}),
+                     IsEfi(options, copy), options.memory, options.withoutKvm}),
           fixed_(folder.Disk(), copy.offset, copy.length) {
-        if (!emulator_.IsAccelerated())
-            rows_.Note("there is no KVM here: the processor is emulated, which is slow");
+        if (!emulator_.IsAccelerated()) rows_.Note("without KVM: the processor is emulated, which is slow");
     }
 
     void PlayAll() {
@@ -187,8 +186,9 @@ private:
         if (boot.timedOut && FreeRoom(folder_.Path()) < kRoomBesides / 16)
             return "it stands still, and there is no room left in " + folder_.Path();
         if (boot.timedOut) return "it did not power off in time and was ended";
-        if (boot.exitCode == kPanicked && options_.emulator.empty())
-            return "it stopped with a blue screen, or qemu failed (see the log)";
+        if (boot.exitCode != 0 && !boot.complaint.empty())
+            return "qemu failed: " + ctl::Printable(boot.complaint);
+        if (boot.exitCode == kPanicked && options_.emulator.empty()) return "it stopped with a blue screen";
         if (boot.exitCode != 0) return "the emulator ended with " + std::to_string(boot.exitCode);
         return whole ? "" : "it restarted or powered off before the act was over, as after a blue screen";
     }

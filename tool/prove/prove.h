@@ -17,6 +17,7 @@ struct ProveOptions {
     unsigned memory = 4096;      // MiB, of the guest
     bool allowUnsigned = false;  // else a driver without a signature is signed for test mode
     bool keepDisk = false;
+    bool withoutKvm = false;
 };
 
 // Prints rows of PASS and FAIL, and leaves them with the logs in the folder. 0 when all passed, kExitFailed
