@@ -68,6 +68,13 @@ inside() {
     bash -c '. /usr/share/bash-completion/completions/kvrctl && complete -p kvrctl' >/dev/null || fail "completion"
     for page in kvrhost kvrctl nbdkit-kvr-plugin; do [ -e /usr/share/man/man1/$page.1.gz ] || fail "no page $page"; done
 
+    # What is for Windows is found where it was installed: only then the image is looked at.
+    local said
+    truncate -s 1M /tmp/empty.raw
+    said=$(kvrhost prove /tmp/empty.raw 2>&1) && fail "a proof without a Windows"
+    [[ $said == *"the image has no partition table"* ]] || fail "kvr64.sys, kvrctl.exe or kvrprove.exe: $said"
+    rm -r /tmp/empty.raw*
+
     # Somebody of no rights, in a folder of his own.
     local pc=/home/worker/pc process
     as worker kvrhost create $pc --size 64M >/dev/null

@@ -20,17 +20,6 @@ constexpr std::uint16_t kMachineAmd64 = 0x8664;
 constexpr std::uint8_t kVersionMark[] = {0xBD, 0x04, 0xEF, 0xFE, 0, 0, 1, 0};
 constexpr std::size_t kVersionBytes = 16;
 
-std::string Locate(const std::string& given, const std::string& name, const std::string& option) {
-    if (!given.empty()) return given;
-    std::error_code ignored;
-    const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
-    const std::filesystem::path build = here.parent_path().parent_path();
-    for (const std::filesystem::path& folder : {here, build / "windows", build / "windows-tool"}) {
-        if (std::filesystem::exists(folder / name, ignored)) return folder / name;
-    }
-    throw Error("there is no " + name + " beside this program; build it or say " + option + " FILE");
-}
-
 std::vector<std::uint8_t> ReadImage(const std::string& path) {
     std::vector<std::uint8_t> image = ReadHostFile(path);
     const bool any = image.size() > kPeOffset + 4 && image[0] == 'M' && image[1] == 'Z';
@@ -53,9 +42,21 @@ std::string VersionOf(const std::vector<std::uint8_t>& image, const std::string&
 
 }  // namespace
 
+std::string FindWindowsFile(const std::string& given, const std::string& name, const std::string& option) {
+    if (!given.empty()) return given;
+    std::error_code ignored;
+    const std::filesystem::path here = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path();
+    const std::filesystem::path build = here.parent_path().parent_path();
+    for (const std::filesystem::path& folder :
+         {here, here.parent_path() / "lib/kvr/windows", build / "windows", build / "windows-tool"}) {
+        if (std::filesystem::exists(folder / name, ignored)) return folder / name;
+    }
+    throw Error("there is no " + name + " beside this program; build it or say " + option + " FILE");
+}
+
 DriverFiles FindDriverFiles(const std::string& driver, const std::string& tool) {
-    const std::string path = Locate(driver, "kvr64.sys", "--driver");
-    DriverFiles files{ReadImage(path), ReadImage(Locate(tool, "kvrctl.exe", "--tool")), ""};
+    const std::string path = FindWindowsFile(driver, "kvr64.sys", "--driver");
+    DriverFiles files{ReadImage(path), ReadImage(FindWindowsFile(tool, "kvrctl.exe", "--tool")), ""};
     files.version = VersionOf(files.driver, path);
     return files;
 }

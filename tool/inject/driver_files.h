@@ -12,8 +12,11 @@ struct DriverFiles {
     std::string version;               // the driver's, four numbers
 };
 
-// Reads both; an empty path means the file beside this program, or where the build puts it. Throws Error for
-// what is not there, no image for 64-bit Windows, or without a version.
+// Where a file for Windows lies: `given`, or when that is empty beside this program, where the package or where
+// the build puts it. Throws Error, naming the option that says it, when it is in none of these places.
+std::string FindWindowsFile(const std::string& given, const std::string& name, const std::string& option);
+
+// Reads both, found so. Throws Error for what is not there, no image for 64-bit Windows, or without a version.
 DriverFiles FindDriverFiles(const std::string& driver, const std::string& tool);
 
 }  // namespace tool

@@ -39,7 +39,7 @@ struct Processor {
 };
 constexpr Processor kProcessors[] = {{"kvm", "host,hv-relaxed,hv-vapic,hv-time,hv-crash"},
                                      {"kvm", "host"},
-                                     {"kvm", "host,hv-relaxed,hv-vapic,hv-time,hv-crash,arch-capabilities=off"},
+                                     {"kvm", "host,hv-relaxed,hv-crash,arch-capabilities=off"},
                                      {"kvm", "host,arch-capabilities=off"},
                                      {"tcg", "max"}};
 
