@@ -1,8 +1,11 @@
 #include "bench/computer.h"
+#include "bench/measure.h"
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
+#include <random>
 #include "platform/host/io/device.h"
 #include "machine/disk/fault_disk.h"
 #include "platform/owners.h"
@@ -15,8 +18,6 @@ namespace {
 using namespace machine;
 
 constexpr std::uint64_t kWindow = 256 * kMiB;
-constexpr std::uint64_t kMapFileRoom = 160 * kMiB;  // behind the swap file: 12 bytes per swap sector, and some
-constexpr std::uint64_t kDataBytes = kStorageBegin + kSwapBytes + kMapFileRoom;
 constexpr std::uint64_t kPlainBytes = kWindow;
 constexpr std::size_t kBufferBytes = kMiB;
 constexpr char16_t kControlDevice[] = u"\\Device\\kvr";
@@ -24,6 +25,11 @@ constexpr std::u16string_view kDataVolume = u"\\Device\\HarddiskVolume2";
 constexpr std::u16string_view kConfiguration =
     u"[Global]\r\nProtection=1\r\n\r\n"
     u"[FV data]\r\nID=\\Device\\HarddiskVolume2\r\nProtectionMode=1\r\nBootMode=1\r\n";  // kept over boots
+
+// Of the disk: behind the swap file is room for the map's, 12 bytes per swap sector, and some.
+std::uint64_t DataBytes(const Layout& layout) {
+    return layout.StorageEnd() + (layout.SwapBytes() / 512 * 12 / kMiB + 32) * kMiB;
+}
 
 void SwapPiece(PVOLUME_EXTENSION volume, std::uint64_t offset, ULONG length) {
     LARGE_INTEGER position;
@@ -78,9 +84,10 @@ NTSTATUS FoldedDisk::Write(std::uint64_t offset, const void* buffer, std::size_t
 
 // ---- the computer ----------------------------------------------------------------------------------------
 
-Computer::Computer()
-    : systemDisk_(std::make_shared<MemoryDisk>(16 * kMiB, 512)),
-      dataDisk_(std::make_shared<FoldedDisk>(kDataBytes, 16 * kMiB, kStorageBegin + kSwapBytes, kWindow)),
+Computer::Computer(const Layout& layout)
+    : layout_(layout),
+      systemDisk_(std::make_shared<MemoryDisk>(16 * kMiB, 512)),
+      dataDisk_(std::make_shared<FoldedDisk>(DataBytes(layout), 16 * kMiB, layout.StorageEnd(), kWindow)),
       plainDisk_(std::make_shared<MemoryDisk>(kPlainBytes, 512)),
       systemFiles_(std::make_shared<PlayedFiles>()),
       dataFiles_(std::make_shared<PlayedFiles>()),
@@ -92,23 +99,26 @@ Computer::Computer()
     options.fileSystem = [this](const VolumeDevice& volume) {
         if (volume.Number() == 3) return FileSystemDriver{};
         return volume.Number() == 1 ? PlayedDriver(systemFiles_, kMiB, 16 * kMiB)
-                                    : PlayedDriver(dataFiles_, kStorageBegin, kDataBytes);
+                                    : PlayedDriver(dataFiles_, layout_.StorageBegin(), DataBytes(layout_));
     };
     machine_ = std::make_unique<Machine>(std::move(options));
     Boot();
     Configure();
     MakeStorage();
-    End();
-    Boot();
-    SwapChunks();
-    End();
-    Boot();
+    Restart();
     for (std::uint64_t at = 0; at < kPlainBytes; at += kMiB) Transfer(BarePlain(), IRP_MJ_WRITE, at, kMiB);
 }
 
 Computer::~Computer() {
     End();
     machine_.reset();
+}
+
+double Computer::Restart() {
+    End();
+    const double start = Now();
+    Boot();
+    return Now() - start;
 }
 
 void Computer::Boot() {
@@ -118,7 +128,7 @@ void Computer::Boot() {
     bareProtected_ = MakeBareStack(dataDisk_, 11);
     barePlain_ = MakeBareStack(plainDisk_, 12);
     file_ = machine_->FileObjectOf(2, u"\\Users\\someone\\Documents\\report.docx");
-    Transfer(protected_, IRP_MJ_READ, kUntouchedBegin, kPage);  // what the first read starts
+    Transfer(protected_, IRP_MJ_READ, layout_.UntouchedBegin(), kPage);  // what the first read starts
     host::JoinSystemThreads();
 }
 
@@ -157,7 +167,7 @@ void Computer::Configure() {
 void Computer::MakeStorage() {
     SWAP_CONFIG_REQUEST request{};
     std::copy(kDataVolume.begin(), kDataVolume.end(), request.VolumeName);
-    request.SwapSize = kSwapBytes;
+    request.SwapSize = static_cast<LONGLONG>(layout_.SwapBytes());
     ULONG returned = 0;
     Require(NT_SUCCESS(machine_->Control(kControlDevice, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request),
                                          nullptr, 0, returned)),
@@ -165,23 +175,26 @@ void Computer::MakeStorage() {
     host::JoinSystemThreads();
 }
 
-void Computer::SwapChunks() {
+void Computer::SwapChunks(bool inOrder) {
     PVOLUME_EXTENSION volume = Record();
     Require(volume->IsProtected && volume->SwapFile && volume->SwapState == kSwapUsable,
             "the volume is protected");
-    for (ULONG i = 0; i < kLargeChunks; ++i) SwapPiece(volume, kLargeBegin + 2 * i * kMiB, kMiB);
-    for (ULONG i = 0; i < kRuns; ++i)
+    for (ULONG i = 0; i < layout_.large; ++i) SwapPiece(volume, layout_.LargeBegin() + 2 * i * kMiB, kMiB);
+    for (ULONG i = 0; i < layout_.runs; ++i)
         for (ULONG page = 0; page < kRunPages; ++page)
-            SwapPiece(volume, kRunsBegin + 2 * i * kMiB + page * kPage, kPage);
-    for (ULONG i = 0; i < kScattered; ++i) SwapPiece(volume, kScatteredBegin + 2ull * i * kPage, kPage);
+            SwapPiece(volume, layout_.RunsBegin() + 2 * i * kMiB + page * kPage, kPage);
+    std::vector<ULONG> order(layout_.scattered);
+    std::iota(order.begin(), order.end(), 0);
+    if (!inOrder) std::shuffle(order.begin(), order.end(), std::mt19937_64(2));
+    for (const ULONG i : order) SwapPiece(volume, layout_.ScatteredBegin() + 2ull * i * kPage, kPage);
 }
 
-void Computer::Transfer(PDEVICE_OBJECT device, UCHAR major, std::uint64_t offset, ULONG length) {
+void Computer::Transfer(PDEVICE_OBJECT device, UCHAR major, std::uint64_t offset, ULONG length, void* buffer) {
     host::Request request;
     request.major = major;
     request.offset = static_cast<LONGLONG>(offset);
     request.length = length;
-    request.buffer = buffer_.get();
+    request.buffer = buffer ? buffer : buffer_.get();
     request.originalFile = file_;
     request.stackFile = file_;
     const host::Outcome outcome = host::Send(device, request);

@@ -17,23 +17,27 @@ namespace bench {
 inline constexpr std::uint64_t kKiB = 1024;
 inline constexpr std::uint64_t kMiB = 1024 * kKiB;
 inline constexpr ULONG kPage = 4 * kKiB;
-inline constexpr ULONG kChunks = 1'000'000;
 
 // Where things lie on the protected volume, in bytes. First chunks of 1 MiB; then runs of 1 MiB that are made
 // of 256 chunks of a page, each run apart from the next; then chunks of a page with a page between them that
-// was never written; then a range without any redirection.
-inline constexpr ULONG kLargeChunks = 64;
-inline constexpr ULONG kRuns = 64;
+// was never written; then a range without any redirection; then the storage.
 inline constexpr ULONG kRunPages = kMiB / kPage;
-inline constexpr ULONG kScattered = kChunks - kLargeChunks - kRuns * kRunPages;
-inline constexpr std::uint64_t kLargeBegin = 64 * kMiB;
-inline constexpr std::uint64_t kRunsBegin = kLargeBegin + 2 * kLargeChunks * kMiB;
-inline constexpr std::uint64_t kScatteredBegin = kRunsBegin + 2 * kRuns * kMiB;
-inline constexpr std::uint64_t kUntouchedBegin = kScatteredBegin + 2ull * kScattered * kPage;
-inline constexpr std::uint64_t kUntouchedBytes = 512 * kMiB;
-inline constexpr std::uint64_t kStorageBegin = (kUntouchedBegin + kUntouchedBytes + kMiB - 1) / kMiB * kMiB;
-inline constexpr std::uint64_t kSwapBytes =
-    (kLargeChunks * kMiB + (kChunks - kLargeChunks) * std::uint64_t{kPage}) / kMiB * kMiB + 1024 * kMiB;
+struct Layout {
+    ULONG large, runs, scattered;
+    std::uint64_t spare;  // of the swap, free when all chunks are there
+
+    ULONG Chunks() const { return large + runs * kRunPages + scattered; }
+    std::uint64_t LargeBegin() const { return 64 * kMiB; }
+    std::uint64_t RunsBegin() const { return LargeBegin() + 2 * large * kMiB; }
+    std::uint64_t ScatteredBegin() const { return RunsBegin() + 2 * runs * kMiB; }
+    std::uint64_t UntouchedBegin() const { return ScatteredBegin() + 2ull * scattered * kPage; }
+    std::uint64_t StorageBegin() const { return (UntouchedBegin() + kUntouchedBytes + kMiB - 1) / kMiB * kMiB; }
+    std::uint64_t SwapBytes() const {
+        return (large * kMiB + (Chunks() - large) * std::uint64_t{kPage}) / kMiB * kMiB + spare;
+    }
+    std::uint64_t StorageEnd() const { return StorageBegin() + SwapBytes(); }
+    static constexpr std::uint64_t kUntouchedBytes = 512 * kMiB;
+};
 
 // A memory disk that keeps the data of a large range in a small one: a byte of it is shared by those that lie
 // `window` bytes apart. The map has its full size, and the window is far larger than any cache, but a computer
@@ -56,10 +60,14 @@ private:
 
 class Computer {
 public:
-    // Makes everything, with the chunks swapped in the order of their volume offsets, and boots once more so
-    // that the map is what a boot loads.
-    Computer();
+    // Makes everything but the chunks, and boots once more, so that the volume is protected.
+    explicit Computer(const Layout& layout);
     ~Computer();
+
+    // Swaps the chunks, in the order of their volume offsets or with the scattered ones in any order.
+    void SwapChunks(bool inOrder);
+    // Shuts down and boots: the map is then what a boot loads. Returns how long the boot took, in nanoseconds.
+    double Restart();
 
     // The tops of stacks.
     PDEVICE_OBJECT Protected() const { return protected_; }
@@ -67,9 +75,12 @@ public:
     PDEVICE_OBJECT BareProtected() const { return bareProtected_->volume->Device(); }
     PDEVICE_OBJECT BarePlain() const { return barePlain_->volume->Device(); }
     PVOLUME_EXTENSION Record() const { return VolumeOf(protected_); }
+    const Layout& Places() const { return layout_; }
 
-    // A page or more of some document on either volume; stops when the request fails.
-    void Transfer(PDEVICE_OBJECT device, UCHAR major, std::uint64_t offset, ULONG length);
+    // A page or more of some document on either volume; stops when the request fails. `buffer`, which another
+    // thread has of its own, holds whole pages.
+    void Transfer(PDEVICE_OBJECT device, UCHAR major, std::uint64_t offset, ULONG length,
+                  void* buffer = nullptr);
 
 private:
     // A disk and a volume on it, by hand: nothing is asked to attach to them.
@@ -82,11 +93,11 @@ private:
     };
     void Configure();
     void MakeStorage();
-    void SwapChunks();
     void Boot();
     void End();
     std::unique_ptr<BareStack> MakeBareStack(std::shared_ptr<machine::Disk> medium, unsigned number);
 
+    const Layout layout_;
     std::shared_ptr<machine::Disk> systemDisk_, dataDisk_, plainDisk_;
     std::shared_ptr<PlayedFiles> systemFiles_, dataFiles_;
     std::unique_ptr<machine::Machine> machine_;

@@ -9,8 +9,12 @@ int main(int count, char** arguments) {
     benchmark::Initialize(&count, arguments);
     if (benchmark::ReportUnrecognizedArguments(count, arguments)) return 2;
     host::SetDebugCapture(false);
-    std::fprintf(stderr, "making a volume with %u swapped chunks\n", bench::kChunks);
-    bench::Computer computer;
+    bench::Layout layout{64, 64, 0, 1024 * bench::kMiB};
+    layout.scattered = 1'000'000 - layout.Chunks();
+    std::fprintf(stderr, "making a volume with %u swapped chunks\n", layout.Chunks());
+    bench::Computer computer(layout);
+    computer.SwapChunks(true);
+    computer.Restart();
     // In this order: loading the map anew, unlike a boot, scatters its records over memory that was used
     // before.
     bench::RegisterRequestCases(computer);

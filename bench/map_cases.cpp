@@ -14,13 +14,6 @@ namespace {
 
 constexpr int kRepetitions = 3;
 
-ULONG CountSwapped(PVOLUME_EXTENSION volume) {
-    FastMutexLock lock(volume->SwapLock);
-    ULONG count = 0;
-    tree_walk(&volume->SwappedChunks, count_items, &count);
-    return count;
-}
-
 double MedianSeconds(const std::function<double()>& once) {
     double seconds[kRepetitions];
     for (double& second : seconds) second = once() / 1e9;
@@ -28,43 +21,50 @@ double MedianSeconds(const std::function<double()>& once) {
     return seconds[kRepetitions / 2];
 }
 
-double Save(PVOLUME_EXTENSION volume) {
+}  // namespace
+
+ULONG CountSwapped(PVOLUME_EXTENSION volume) {
+    FastMutexLock lock(volume->SwapLock);
+    ULONG count = 0;
+    tree_walk(&volume->SwappedChunks, count_items, &count);
+    return count;
+}
+
+double SaveMap(PVOLUME_EXTENSION volume) {
     volume->MapDirty = TRUE;
     const double start = ThreadTime();
     WriteSwapMap(volume->FilterDevice, TRUE);
     return ThreadTime() - start;
 }
 
-double Load(PVOLUME_EXTENSION volume) {
+double LoadMap(PVOLUME_EXTENSION volume, ULONG chunks) {
     ResetSwapMaps(volume->FilterDevice);
     const double start = ThreadTime();
     const NTSTATUS status = PreloadSwapMap(volume->FilterDevice);
     const double time = ThreadTime() - start;
     Require(NT_SUCCESS(status) && volume->SwapState == kSwapUsable, "the map is sound");
-    Require(CountSwapped(volume) == kChunks, "the map has its million entries");
+    Require(CountSwapped(volume) == chunks, "the map has all its entries");
     return time;
 }
 
-// What the pool holds more with the map than without it.
-double BytesPerChunk(PVOLUME_EXTENSION volume) {
+double BytesPerChunk(PVOLUME_EXTENSION volume, ULONG chunks) {
     const ULONGLONG with = host::PoolUsage(kPoolTag).PlatformBytes();
     ResetSwapMaps(volume->FilterDevice);
     const ULONGLONG without = host::PoolUsage(kPoolTag).PlatformBytes();
-    Load(volume);
-    return static_cast<double>(with - without) / kChunks;
+    LoadMap(volume, chunks);
+    return static_cast<double>(with - without) / chunks;
 }
-
-}  // namespace
 
 void RegisterMapCases(Computer& computer) {
     PVOLUME_EXTENSION volume = computer.Record();
-    Require(CountSwapped(volume) == kChunks, "the boot loaded a million chunks");
+    const ULONG chunks = computer.Places().Chunks();
+    Require(CountSwapped(volume) == chunks, "the boot loaded a million chunks");
     RegisterFigure("pool per swapped chunk, headers of the platform's pool included", "bytes", 160,
-                   [=] { return BytesPerChunk(volume); });
+                   [=] { return BytesPerChunk(volume, chunks); });
     RegisterFigure("save a map of 1,000,000 entries", "s", 1,
-                   [=] { return MedianSeconds([=] { return Save(volume); }); });
+                   [=] { return MedianSeconds([=] { return SaveMap(volume); }); });
     RegisterFigure("load a map of 1,000,000 entries", "s", 1,
-                   [=] { return MedianSeconds([=] { return Load(volume); }); });
+                   [=] { return MedianSeconds([=] { return LoadMap(volume, chunks); }); });
 }
 
 }  // namespace bench

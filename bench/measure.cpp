@@ -19,56 +19,57 @@ struct Row {
 };
 std::vector<Row> rows;
 
+double Read(clockid_t clock) {
+    timespec now;
+    clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+}
+
+void RunCase(benchmark::State& state, const Case& measured) {
+    Rounds rounds(measured);
+    for ([[maybe_unused]] auto round : state) state.SetIterationTime(rounds.Run() * measured.batch / 1e9);
+    const Rounds::Result result = rounds.Median();
+    rows.push_back({measured.name, "ns", result.floor, result.subject, result.ratio, measured.target});
+    state.counters["floor_ns"] = result.floor;
+    state.counters["ns"] = result.subject;
+    state.counters["ratio"] = result.ratio;
+}
+
+}  // namespace
+
 double Median(std::vector<double> values) {
     std::nth_element(values.begin(), values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2),
                      values.end());
     return values[values.size() / 2];
 }
 
-// One kind of operation of a case.
-class Side {
-public:
-    explicit Side(const Operation& operation) : operation_(operation) {}
-    // Nanoseconds per operation of one batch.
-    double Run(unsigned batch) {
-        const double start = ThreadTime();
-        for (unsigned i = 0; i < batch; ++i) operation_(n_++);
-        times_.push_back((ThreadTime() - start) / batch);
-        return times_.back();
-    }
-    double Median() const { return bench::Median(times_); }
-
-private:
-    const Operation& operation_;
-    unsigned n_ = 0;
-    std::vector<double> times_;
-};
-
-void RunCase(benchmark::State& state, const Case& measured) {
-    Side floor(measured.floor);
-    Side subject(measured.subject);
-    std::vector<double> ratios;
-    bool subjectFirst = false;
-    for ([[maybe_unused]] auto round : state) {
-        double subjectTime = subjectFirst ? subject.Run(measured.batch) : 0;
-        const double floorTime = floor.Run(measured.batch);
-        if (!subjectFirst) subjectTime = subject.Run(measured.batch);
-        subjectFirst = !subjectFirst;
-        ratios.push_back(subjectTime / floorTime);
-        state.SetIterationTime(subjectTime * measured.batch / 1e9);
-    }
-    rows.push_back({measured.name, "ns", floor.Median(), subject.Median(), Median(ratios), measured.target});
-    state.counters["floor_ns"] = rows.back().floor;
-    state.counters["ns"] = rows.back().measured;
-    state.counters["ratio"] = rows.back().ratio;
+double Rounds::Batch(const Operation& operation, unsigned& n) const {
+    const double start = ThreadTime();
+    for (unsigned i = 0; i < case_.batch; ++i) operation(n++);
+    return (ThreadTime() - start) / case_.batch;
 }
 
-}  // namespace
+double Rounds::Run() {
+    double subject = subjectFirst_ ? Batch(case_.subject, subjects_) : 0;
+    const double floor = Batch(case_.floor, floors_);
+    if (!subjectFirst_) subject = Batch(case_.subject, subjects_);
+    subjectFirst_ = !subjectFirst_;
+    floorTimes_.push_back(floor);
+    subjectTimes_.push_back(subject);
+    ratios_.push_back(subject / floor);
+    return subject;
+}
+
+Rounds::Result Rounds::Median() const {
+    return {bench::Median(floorTimes_), bench::Median(subjectTimes_), bench::Median(ratios_)};
+}
 
 double ThreadTime() {
-    timespec now;
-    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
-    return static_cast<double>(now.tv_sec) * 1e9 + static_cast<double>(now.tv_nsec);
+    return Read(CLOCK_THREAD_CPUTIME_ID);
+}
+
+double Now() {
+    return Read(CLOCK_MONOTONIC);
 }
 
 void Register(Case measured) {

@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 #include <functional>
 #include <string>
+#include <vector>
 
 namespace bench {
 
@@ -21,6 +22,31 @@ struct Case {
     unsigned rounds = 200;  // batches of each kind
 };
 
+// The rounds of a case: in each a batch of the floor and a batch of the subject.
+class Rounds {
+public:
+    struct Result {
+        double floor, subject;  // nanoseconds of processor time per operation
+        double ratio;
+    };
+    explicit Rounds(const Case& measured) : case_(measured) {}
+    // One round: nanoseconds per operation of the subject.
+    double Run();
+    // Medians of the rounds so far, of which there is one at least.
+    Result Median() const;
+
+private:
+    double Batch(const Operation& operation, unsigned& n) const;
+
+    const Case& case_;
+    unsigned floors_ = 0, subjects_ = 0;
+    bool subjectFirst_ = false;
+    std::vector<double> floorTimes_, subjectTimes_, ratios_;
+};
+
+// Of one value at least.
+double Median(std::vector<double> values);
+
 // Registers the case. Its operations run when the benchmarks do, in the order of registration.
 void Register(Case measured);
 // Registers a case whose result is a number of its own: `run` returns it, `unit` says what it is, and it must
@@ -30,6 +56,8 @@ void RegisterFigure(const std::string& name, const std::string& unit, double tar
 
 // Nanoseconds of processor time of this thread.
 double ThreadTime();
+// Nanoseconds on the clock.
+double Now();
 // Everything measured, as a table. True when every target was met.
 bool PrintTable();
 

@@ -1,47 +1,12 @@
 // Requests through the dispatch table, against the same requests sent straight to a stack without the driver.
-#include <algorithm>
-#include <memory>
-#include <numeric>
-#include <random>
 #include <vector>
 #include "bench/cases.h"
 #include "bench/measure.h"
+#include "bench/places.h"
 #include "redirect/segments.h"
 
 namespace bench {
 namespace {
-
-using Offsets = std::shared_ptr<const std::vector<std::uint64_t>>;
-
-// `count` places, `stride` bytes apart from `begin` on.
-std::vector<std::uint64_t> Places(std::uint64_t begin, std::uint64_t stride, std::size_t count) {
-    std::vector<std::uint64_t> offsets(count);
-    for (std::size_t i = 0; i < count; ++i) offsets[i] = begin + i * stride;
-    return offsets;
-}
-
-Offsets InOrder(std::vector<std::uint64_t> offsets) {
-    return std::make_shared<const std::vector<std::uint64_t>>(std::move(offsets));
-}
-
-Offsets Shuffled(std::vector<std::uint64_t> offsets) {
-    std::shuffle(offsets.begin(), offsets.end(), std::mt19937_64(1));
-    return InOrder(std::move(offsets));
-}
-
-// The subject goes through the places from the first on, the floor from the middle on: the same pattern, but
-// never data that the other one has just brought into the caches.
-Operation FromStart(Computer& computer, PDEVICE_OBJECT device, UCHAR major, ULONG length, Offsets offsets) {
-    return [=, &computer](unsigned n) {
-        computer.Transfer(device, major, (*offsets)[n % offsets->size()], length);
-    };
-}
-
-Operation FromMiddle(Computer& computer, PDEVICE_OBJECT device, UCHAR major, ULONG length, Offsets offsets) {
-    return [=, &computer](unsigned n) {
-        computer.Transfer(device, major, (*offsets)[(n + offsets->size() / 2) % offsets->size()], length);
-    };
-}
 
 void Compare(Computer& computer, const std::string& name, double target, UCHAR major, ULONG length,
              const Offsets& offsets, unsigned batch = 256, unsigned rounds = 200) {
@@ -60,7 +25,8 @@ void RegisterPassThrough(Computer& computer) {
 }
 
 void RegisterRedirected(Computer& computer) {
-    const auto chunks = Places(kScatteredBegin, 2 * kPage, kScattered);
+    const Layout& places = computer.Places();
+    const auto chunks = Places(places.ScatteredBegin(), 2 * kPage, places.scattered);
     const Offsets random = Shuffled(chunks);
     const Offsets ordered = InOrder(chunks);
     Compare(computer, "4 KiB read, redirected, random", 3, IRP_MJ_READ, kPage, random);
@@ -86,9 +52,10 @@ void RegisterCutting(Computer& computer, const std::string& what, const Offsets&
 }
 
 void RegisterLarge(Computer& computer) {
-    const Offsets untouched = Shuffled(Places(kUntouchedBegin, kMiB, kUntouchedBytes / kMiB));
-    const Offsets chunks = Shuffled(Places(kLargeBegin, 2 * kMiB, kLargeChunks));
-    const Offsets runs = Shuffled(Places(kRunsBegin, 2 * kMiB, kRuns));
+    const Layout& places = computer.Places();
+    const Offsets untouched = Shuffled(Places(places.UntouchedBegin(), kMiB, Layout::kUntouchedBytes / kMiB));
+    const Offsets chunks = Shuffled(Places(places.LargeBegin(), 2 * kMiB, places.large));
+    const Offsets runs = Shuffled(Places(places.RunsBegin(), 2 * kMiB, places.runs));
     RegisterCutting(computer, "untouched range", untouched);
     RegisterCutting(computer, "one run, a chunk of 1 MiB", chunks);
     RegisterCutting(computer, "one run, 256 chunks of 4 KiB", runs);
@@ -110,7 +77,8 @@ void RegisterRequestCases(Computer& computer) {
 void RegisterFirstWriteCases(Computer& computer) {
     constexpr unsigned batch = 256;
     constexpr unsigned rounds = 200;
-    const auto gaps = Places(kScatteredBegin + kPage, 2 * kPage, kScattered - 1);
+    const Layout& places = computer.Places();
+    const auto gaps = Places(places.ScatteredBegin() + kPage, 2 * kPage, places.scattered - 1);
     const auto middle = gaps.begin() + static_cast<std::ptrdiff_t>(gaps.size() / 2);
     Compare(computer, "4 KiB first write, random", 5, IRP_MJ_WRITE, kPage, Shuffled({gaps.begin(), middle}),
             batch, rounds);
