@@ -24,16 +24,6 @@ NTSTATUS QueryRemoveDevice(PDEVICE_OBJECT device, PIRP request) {
     return status;
 }
 
-void EmptyMaps(PVOLUME_EXTENSION volume) {
-    FastMutexLock lock(volume->SwapLock);
-    tree_destroy(&volume->SwappedChunks);
-    volume->SwapUsedBytes = 0;
-    tree_destroy(&volume->FreeChunks);
-    volume->SwapFreeBytes = 0;
-    MirrorFreeBytes(volume);
-    tree_destroy(&volume->MapFileChunks);
-}
-
 void LeaveSwapFile(PVOLUME_EXTENSION volume) {
     if (!volume->SwapFile) return;
     KVR_DISCARD(DetachFromSwap(volume), "detaching always succeeds");
@@ -95,7 +85,7 @@ BOOLEAN TakeDownFilter(PVOLUME_EXTENSION volume) {
     // Only now does nobody register it any more.
     IoUnregisterShutdownNotification(volume->FilterDevice);
     DropCachedWrites(volume);
-    EmptyMaps(volume);
+    EmptySwapMaps(volume);
     LeaveSwapFile(volume);
     UnlinkVolume(volume);
     // Only now: as long as the record could be found by name, a SWAP_FILE could have come to point to it.

@@ -1,6 +1,6 @@
 #include "redirect/segments.h"
 #include "platform/assert.h"
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/chunk_maps.h"
 
 namespace {
@@ -16,20 +16,17 @@ struct REST {
     ULONG done;         // offset in the request's buffer
 };
 
-// Bytes from `offset`, inside the chunk of `node`, that follow each other on the volume and in the swap.
-ULONG64 StretchInSwap(PVOLUME_EXTENSION volume, TREE_NODE* node, LONGLONG offset, ULONG limit)
-    KVR_REQUIRES(volume->SwapLock) {
-    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
-    ULONG64 length = static_cast<ULONG64>(ChunkEnd(chunk) - offset);
+// Bytes from `offset`, inside the chunk at the cursor, that follow each other on the volume and in the swap.
+ULONG64 StretchInSwap(ChunkCursor cursor, LONGLONG offset, ULONG limit) {
+    SWAPPED_CHUNK chunk = *cursor;
+    ULONG64 length = static_cast<ULONG64>(ChunkEnd(&chunk) - offset);
     while (length < limit) {
-        node = tree_next(&volume->SwappedChunks, node);
-        if (!node) break;
-        const auto* next = static_cast<const SWAPPED_CHUNK*>(node->Record);
-        if (next->liVolumeOffset.QuadPart != ChunkEnd(chunk) ||
-            next->liSwapOffset.QuadPart != chunk->liSwapOffset.QuadPart + chunk->uLength)
+        cursor.Next();
+        if (!cursor || cursor->liVolumeOffset.QuadPart != ChunkEnd(&chunk) ||
+            cursor->liSwapOffset.QuadPart != chunk.liSwapOffset.QuadPart + chunk.uLength)
             break;
-        length += next->uLength;
-        chunk = next;
+        length += cursor->uLength;
+        chunk = *cursor;
     }
     return length;
 }
@@ -74,13 +71,11 @@ NTSTATUS CutRuns(PVOLUME_EXTENSION volume, ULONG unit, REST* rest, SEGMENT** slo
 
 MAP_RUN LookupRun(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG limit) {
     FastMutexLock lock(volume->SwapLock);
-    TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &offset);
-    if (!node) return {FALSE, 0, limit};
-    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+    const ChunkCursor chunk(volume, offset);
+    if (!chunk) return {FALSE, 0, limit};
     const LONGLONG into = offset - chunk->liVolumeOffset.QuadPart;
     if (into < 0) return {FALSE, 0, Bounded(static_cast<ULONG64>(-into), limit)};
-    return {TRUE, chunk->liSwapOffset.QuadPart + into,
-            Bounded(StretchInSwap(volume, node, offset, limit), limit)};
+    return {TRUE, chunk->liSwapOffset.QuadPart + into, Bounded(StretchInSwap(chunk, offset, limit), limit)};
 }
 
 ULONG GetSwapRunLength(PVOLUME_EXTENSION volume, LONGLONG offset, LONGLONG* swapOffset) {

@@ -1,5 +1,5 @@
 // Recording what a write put into the swap.
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/chunk_maps.h"
 
 namespace {
@@ -17,10 +17,9 @@ PIECE NextPiece(PVOLUME_EXTENSION volume, const PENDING_CHUNK* chunk, LONGLONG p
     KVR_REQUIRES(volume->SwapLock) {
     LONGLONG stop = chunk->liVolumeOffset.QuadPart + chunk->uLength;
     bool redirected = false;
-    if (TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &position)) {
-        const auto* other = static_cast<const SWAPPED_CHUNK*>(node->Record);
+    if (const ChunkCursor other(volume, position); other) {
         redirected = other->liVolumeOffset.QuadPart <= position;
-        const LONGLONG change = redirected ? ChunkEnd(other) : other->liVolumeOffset.QuadPart;
+        const LONGLONG change = redirected ? ChunkEnd(&*other) : other->liVolumeOffset.QuadPart;
         if (change < stop) stop = change;
     }
     const LONGLONG into = position - chunk->liVolumeOffset.QuadPart;

@@ -1,5 +1,5 @@
 #include "swap/chunk_maps.h"
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/swap_file.h"
 
 namespace {
@@ -13,15 +13,6 @@ void InitTrees(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
     tree_init(&volume->FreeChunks, node_alloc, node_free, key_less_i64, key_equal_i64, volume);
     volume->SwapFreeBytes = 0;
     volume->MapDirty = TRUE;
-}
-
-// The tree takes the record, unless one that matches it is there: then `isNew` is false, and the record goes.
-template <class T>
-NTSTATUS StoreRecord(TREE* tree, PoolPtr<T> record, bool* isNew) {
-    TREE_NODE* node = tree_insert(tree, record.Get());
-    *isNew = node && node->Record == record.Get();
-    if (*isNew) record.Release();
-    return node ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 NTSTATUS StoreFreeRecord(TREE* tree, LONGLONG swapOffset, ULONG length, bool* isNew) {
@@ -58,13 +49,17 @@ void InitSwapMaps(PVOLUME_EXTENSION volume) {
     InitTrees(volume);
 }
 
-void ResetSwapMaps(PDEVICE_OBJECT device) {
-    PVOLUME_EXTENSION volume = VolumeOf(device);
+void EmptySwapMaps(PVOLUME_EXTENSION volume) {
     FastMutexLock lock(volume->SwapLock);
     EmptySwappedChunks(volume);
     EmptyFreeChunks(volume);
     tree_destroy(&volume->MapFileChunks);
-    InitTrees(volume);
+}
+
+void ResetSwapMaps(PDEVICE_OBJECT device) {
+    PVOLUME_EXTENSION volume = VolumeOf(device);
+    EmptySwapMaps(volume);
+    InitSwapMaps(volume);
 }
 
 void CreditFreeSpace(PVOLUME_EXTENSION volume, ULONG64 bytes) {
@@ -94,7 +89,7 @@ NTSTATUS RecordSwappedChunk(PVOLUME_EXTENSION volume, LONGLONG volumeOffset, LON
     record->uLength = length;
     record->bVolatile = bVolatile;
     bool isNew = false;
-    const NTSTATUS status = StoreRecord(&volume->SwappedChunks, std::move(record), &isNew);
+    const NTSTATUS status = InsertSwappedChunk(volume, std::move(record), &isNew);
     if (isNew) volume->SwapUsedBytes += length;
     return status;
 }
@@ -106,6 +101,7 @@ void ReportLoss(NTSTATUS status, ULONG line, PCSTR noRecord, PCSTR noNode) {
 }
 
 void EmptySwappedChunks(PVOLUME_EXTENSION volume) {
+    DropChunkIndex(volume);
     tree_destroy(&volume->SwappedChunks);
     volume->SwapUsedBytes = 0;
 }

@@ -1,10 +1,21 @@
 // Steps that the operations on the chunk maps share; for swap/ only. The caller holds SwapLock: each leaves the
 // maps' invariants as it found them.
 #pragma once
+#include "platform/owners.h"
 #include "swap/swap.h"
 
 [[nodiscard]] inline LONGLONG ChunkEnd(const SWAPPED_CHUNK* chunk) {
     return chunk->liVolumeOffset.QuadPart + chunk->uLength;
+}
+
+// The tree takes the record, unless one that matches it is there: then `isNew` is false, and the record goes.
+// STATUS_UNSUCCESSFUL: no node.
+template <class T>
+[[nodiscard]] NTSTATUS StoreRecord(TREE* tree, PoolPtr<T> record, bool* isNew) {
+    TREE_NODE* node = tree_insert(tree, record.Get());
+    *isNew = node && node->Record == record.Get();
+    if (*isNew) record.Release();
+    return node ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
 }
 
 // Moves the count of free bytes, and the mirror of it in the volume's SWAP_FILE where there is one.

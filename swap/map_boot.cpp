@@ -4,7 +4,7 @@
 #include "config/storage.h"
 #include "driver/record/hardening.h"
 #include "driver/record/sector_io.h"
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/chunk_maps.h"
 #include "swap/map_read.h"
 #include "swap/map_format.h"
@@ -96,7 +96,7 @@ void SettleLoad(MAP_LOAD& load) {
     ULONG free = 0;
     {
         FastMutexLock lock(volume->SwapLock);
-        tree_walk(&volume->SwappedChunks, count_items, &swapped);
+        WalkSwappedChunks(volume, count_items, &swapped);
         tree_walk(&volume->FreeChunks, count_items, &free);
         if (NT_SUCCESS(load.loaded) || load.loaded == STATUS_END_OF_FILE) {
             const NTSTATUS verified = VerifySwapRanges(volume, swapped + free);

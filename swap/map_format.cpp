@@ -3,7 +3,7 @@
 #include "driver/record/hardening.h"
 #include "driver/record/requests.h"
 #include "driver/record/sector_io.h"
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/map_writer.h"
 
 namespace {
@@ -56,11 +56,11 @@ bool StoreTrees(PVOLUME_EXTENSION volume, MapWriter& writer) KVR_REQUIRES(volume
     ULONG free = 0;
     SWAPPED_COUNT swapped = {0, true, writer.Limit()};
     tree_walk(&volume->FreeChunks, count_items, &free);
-    tree_walk(&volume->SwappedChunks, count_swapped_chunks, &swapped);
+    WalkSwappedChunks(volume, count_swapped_chunks, &swapped);
     if (!writer.Begin()) return false;
     DbgPrint("Kvr!SerializeSwapMap: storage s%d + f%d\n", swapped.Chunks, free);
-    tree_walk(&volume->SwappedChunks, store_swapped_chunks, &writer);
-    if (!swapped.AllKept) tree_walk(&volume->SwappedChunks, store_volatile_chunks, &writer);
+    WalkSwappedChunks(volume, store_swapped_chunks, &writer);
+    if (!swapped.AllKept) WalkSwappedChunks(volume, store_volatile_chunks, &writer);
     tree_walk(&volume->FreeChunks, store_free_chunks, &writer);
     writer.End();
     return true;

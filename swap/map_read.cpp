@@ -1,5 +1,5 @@
 #include "swap/map_read.h"
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/chunk_maps.h"
 #include "swap/map_format.h"
 
@@ -34,10 +34,8 @@ LONGLONG EndOfRedirections(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLo
 }
 
 bool IsAnyRedirected(PVOLUME_EXTENSION volume, LONGLONG offset, ULONG length) KVR_REQUIRES(volume->SwapLock) {
-    TREE_NODE* node = tree_find_or_next(&volume->SwappedChunks, &offset);
-    if (!node) return false;
-    const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
-    return chunk->liVolumeOffset.QuadPart < offset + length;
+    const ChunkCursor chunk(volume, offset);
+    return chunk && chunk->liVolumeOffset.QuadPart < offset + length;
 }
 
 // `end` is EndOfRedirections before and after. A map is written in ascending order, so most entries need no
@@ -115,13 +113,10 @@ bool HasOverlap(const ULONG64* ranges, ULONG count) {
 
 ULONG PackRanges(PVOLUME_EXTENSION volume, ULONG64* ranges) KVR_REQUIRES(volume->SwapLock) {
     const ULONG unit = volume->BytesPerSector;
-    TREE* swapped = &volume->SwappedChunks;
     TREE* free = &volume->FreeChunks;
     ULONG count = 0;
-    for (TREE_NODE* node = tree_first(swapped, swapped->Root); node; node = tree_next(swapped, node)) {
-        const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+    for (ChunkCursor chunk(volume); chunk; chunk.Next())
         ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
-    }
     for (TREE_NODE* node = tree_first(free, free->Root); node; node = tree_next(free, node)) {
         const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
         ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
@@ -148,12 +143,9 @@ NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {
 }
 
 bool IsStorageRedirected(PVOLUME_EXTENSION volume) {
-    TREE* swapped = &volume->SwappedChunks;
     TREE* free = &volume->FreeChunks;
-    for (TREE_NODE* node = tree_first(swapped, swapped->Root); node; node = tree_next(swapped, node)) {
-        const auto* chunk = static_cast<const SWAPPED_CHUNK*>(node->Record);
+    for (ChunkCursor chunk(volume); chunk; chunk.Next())
         if (IsAnyRedirected(volume, chunk->liSwapOffset.QuadPart, chunk->uLength)) return true;
-    }
     for (TREE_NODE* node = tree_first(free, free->Root); node; node = tree_next(free, node)) {
         const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
         if (IsAnyRedirected(volume, chunk->liSwapOffset.QuadPart, chunk->uLength)) return true;

@@ -39,6 +39,8 @@ struct PENDING_CHUNK {
 
 // Makes the maps of a new record, empty.
 void InitSwapMaps(PVOLUME_EXTENSION volume);
+// Releases what the maps hold; they stay usable.
+void EmptySwapMaps(PVOLUME_EXTENSION volume);
 // Releases what the maps hold and begins them anew.
 void ResetSwapMaps(PDEVICE_OBJECT device);
 // Storage that was written joins the free space. STATUS_INSUFFICIENT_RESOURCES (no record, and the map is as it

@@ -69,6 +69,18 @@ void RepairInsert(TREE* tree, TREE_NODE* x) {
     tree->Root->Color = kBlack;
 }
 
+// Puts a new node into the empty slot on that side of `parent`, null in an empty tree.
+void Attach(TREE* tree, TREE_NODE* node, TREE_NODE* parent, bool right) {
+    node->Left = node->Right = &TreeNil;
+    node->Parent = parent;
+    node->Color = kRed;
+    if (!parent)
+        tree->Root = node;
+    else
+        ChildOn(parent, right) = node;
+    RepairInsert(tree, node);
+}
+
 // One step with sibling `w` on the side away from x, for a sibling that has a red child.
 void RotateSibling(TREE* tree, TREE_NODE* xp, TREE_NODE* w, bool right) {
     if (ChildOn(w, !right)->Color == kBlack) {
@@ -146,15 +158,14 @@ TREE_NODE* tree_insert(TREE* tree, PVOID record) {
     TREE_NODE* parent;
     if (TREE_NODE* match = Search(tree, record, &parent)) return match;
     TREE_NODE* node = tree->Allocate(tree, sizeof(TREE_NODE), record);
-    if (!node) return nullptr;
-    node->Left = node->Right = &TreeNil;
-    node->Parent = parent;
-    node->Color = kRed;
-    if (!parent)
-        tree->Root = node;
-    else
-        ChildOn(parent, !tree->Less(record, parent->Record)) = node;
-    RepairInsert(tree, node);
+    if (node) Attach(tree, node, parent, parent && !tree->Less(record, parent->Record));
+    return node;
+}
+
+TREE_NODE* tree_insert_between(TREE* tree, PVOID record, TREE_NODE* before, TREE_NODE* after) {
+    TREE_NODE* node = tree->Allocate(tree, sizeof(TREE_NODE), record);
+    const bool right = before && IsNil(before->Right);  // else what is on its right begins with `after`
+    if (node) Attach(tree, node, right ? before : after, right);
     return node;
 }
 

@@ -36,6 +36,9 @@ void tree_init(TREE* tree, TREE_ALLOCATE allocate, TREE_FREE free, TREE_COMPARE 
 // The node that now holds the record; or the existing node that matches it, the record not stored (compare
 // the node's Record); or null when no node could be made.
 [[nodiscard]] TREE_NODE* tree_insert(TREE* tree, PVOID record);
+// tree_insert for a record whose place is known: it orders behind `before` and before `after`, which follow
+// each other (null: there is none), and matches neither. Null when no node could be made.
+[[nodiscard]] TREE_NODE* tree_insert_between(TREE* tree, PVOID record, TREE_NODE* before, TREE_NODE* after);
 // A probe is any pointer whose first field is the key.
 [[nodiscard]] TREE_NODE* tree_find(TREE* tree, const void* probe);
 // The matching node, or else the node of the smallest record that the probe orders before, or null.

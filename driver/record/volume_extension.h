@@ -40,6 +40,14 @@ struct VOLUME_EXTENTS {
     DISK_EXTENT Extents[kMaxVolumeExtents];
 };
 
+// A volume's index of its redirected ranges: swap/chunk_index.h.
+struct CHUNK_INDEX {
+    PVOID Root;     // null: there is none
+    ULONG Levels;   // of nodes
+    ULONG Chunks;   // recorded before there was an index
+    BOOLEAN IsOff;  // there was no pool for it
+};
+
 struct VOLUME_EXTENSION {
     ULONG Signature;                  // kVolumeSignature
     std::atomic<BOOLEAN> IsDetached;  // shutdown has taken this disk filter out of its stack
@@ -123,8 +131,9 @@ struct VOLUME_EXTENSION {
     BOOLEAN MapLoading KVR_GUARDED_BY(MapLoadMutex);           // the owner itself came back during the load
     FAST_MUTEX WriteOrderLock;                                 // for one operation on the list at a time
     LIST_ENTRY WritesUnderWay KVR_GUARDED_BY(WriteOrderLock);  // as they began: redirect/write_order.h
-    std::atomic<BOOLEAN> IsShutdownSeen;                       // a shutdown request came to this volume
-    KMUTEX UsageMutex;                                         // one notification of the device's use at a time
+    CHUNK_INDEX SwappedIndex KVR_GUARDED_BY(SwapLock);
+    std::atomic<BOOLEAN> IsShutdownSeen;           // a shutdown request came to this volume
+    KMUTEX UsageMutex;                             // one notification of the device's use at a time
     ULONG PagingFiles KVR_GUARDED_BY(UsageMutex);  // paging files that the device below is in the path of
 };
 using PVOLUME_EXTENSION = VOLUME_EXTENSION*;

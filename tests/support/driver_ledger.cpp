@@ -6,7 +6,7 @@
 #include "platform/host/memory/pool.h"
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
-#include "swap/swap.h"
+#include "swap/chunk_index.h"
 #include "driver/record/threads.h"
 #include "driver/record/volume_list.h"
 #include "driver/record/requests.h"
@@ -27,11 +27,29 @@ ULONGLONG BlocksOf(TREE* tree) {
     return blocks;
 }
 
+template <class Node>
+ULONGLONG NodesFrom(const Node* node) {
+    ULONGLONG nodes = 0;
+    for (; node; node = node->Next) ++nodes;
+    return nodes;
+}
+
+ULONGLONG BlocksOf(const CHUNK_INDEX& index) {
+    ULONGLONG blocks = 0;
+    PVOID first = index.Root;
+    for (ULONG level = index.Levels; level > 1; --level) {
+        blocks += NodesFrom(static_cast<INDEX_INNER*>(first));
+        first = static_cast<INDEX_INNER*>(first)->Slots[0];
+    }
+    return blocks + NodesFrom(static_cast<INDEX_LEAF*>(first));
+}
+
 void AddVolume(PVOLUME_EXTENSION volume, DriverLedger& ledger) {
     {
         FastMutexLock lock(volume->SwapLock);
         for (TREE* tree : {&volume->SwappedChunks, &volume->FreeChunks, &volume->MapFileChunks})
             ledger.poolBlocks += BlocksOf(tree);
+        ledger.poolBlocks += BlocksOf(volume->SwappedIndex);
         ledger.poolBlocks += volume->MapBuffer != nullptr;
     }
     ledger.poolBlocks += volume->MapLocation != nullptr;

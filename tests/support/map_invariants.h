@@ -1,11 +1,11 @@
 // What must hold for a tree at any time, and for a volume's chunk maps whenever SwapLock is free. Each check
 // returns the first thing that is wrong, or an empty string.
 #pragma once
+#include <cstring>
 #include <map>
 #include <string>
-#include "platform/owners.h"
+#include "swap/chunk_index.h"
 #include "swap/swap_file.h"
-#include "swap/swap.h"
 
 namespace support {
 
@@ -48,12 +48,37 @@ inline std::string CheckTree(TREE* tree) {
     return {};
 }
 
+// That the index, where there is one, finds the tree's chunks: each by its first and its last byte, and the
+// next by the byte behind it.
+inline std::string CheckIndex(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
+    using invariants::At;
+    if (!volume->SwappedIndex.Root) return {};
+    TREE* tree = &volume->SwappedChunks;
+    ChunkCursor walked(volume);
+    for (TREE_NODE* node = tree_first(tree, tree->Root); node; node = tree_next(tree, node)) {
+        const auto& chunk = *static_cast<const SWAPPED_CHUNK*>(node->Record);
+        const LONGLONG start = chunk.liVolumeOffset.QuadPart;
+        const LONGLONG end = start + chunk.uLength;
+        if (!walked || std::memcmp(&*walked, &chunk, sizeof(chunk)) != 0) return At("not in the index", start);
+        for (const LONGLONG at : {start, end - 1}) {
+            const ChunkCursor found(volume, at);
+            if (!found || std::memcmp(&*found, &chunk, sizeof(chunk)) != 0) return At("not found", at);
+        }
+        walked.Next();
+        const ChunkCursor next(volume, end);
+        if (!next != !walked || (next && next->liVolumeOffset.QuadPart != walked->liVolumeOffset.QuadPart))
+            return At("what follows is not found", start);
+    }
+    return walked ? At("in the index alone", walked->liVolumeOffset.QuadPart) : "";
+}
+
 // The caller sees to it that the volume is quiet; SwapLock is taken.
 inline std::string CheckMaps(PVOLUME_EXTENSION volume) {
     using invariants::At;
     FastMutexLock lock(volume->SwapLock);
     for (TREE* tree : {&volume->SwappedChunks, &volume->FreeChunks, &volume->MapFileChunks})
         if (std::string wrong = CheckTree(tree); !wrong.empty()) return wrong;
+    if (std::string wrong = CheckIndex(volume); !wrong.empty()) return wrong;
     const ULONG unit = volume->BytesPerSector;
     std::map<LONGLONG, LONGLONG> space;  // swap ranges, begin to end
     // Whether the range is whole sectors of its own.

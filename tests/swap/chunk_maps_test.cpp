@@ -1,3 +1,6 @@
+#include <numeric>
+#include <random>
+#include "redirect/segments.h"
 #include "tests/support/memory_stack.h"
 #include "tests/support/paged_out_text.h"
 
@@ -236,6 +239,42 @@ TEST_F(ChunkMaps, ShortMemoryIsToldAndLosesNoMoreThanOneRecord) {
     EXPECT_EQ(Lock(0, 0x7FFFFE00, &chain), STATUS_MEDIA_WRITE_PROTECTED) << "space that runs out";
     EXPECT_EQ(Free(), 0u);
     EXPECT_EQ(UnlockFreeChunks(volume, chain), STATUS_SUCCESS);
+}
+
+// Chunks of many lengths, in an order that leads to inner nodes of every shape, against a sorted map; with the
+// index given up half way for want of pool, and made anew when the map has been emptied.
+TEST_F(ChunkMaps, ALargeMapFindsWhatASmallOneFinds) {
+    constexpr LONGLONG kStride = 16 * S;
+    constexpr LONGLONG kPlaces = 9000;
+    const auto volatileAt = [](LONGLONG place) { return place % 7 == 3; };
+    for (int order = 0; order < 4; ++order) {
+        SCOPED_TRACE(order);
+        std::vector<LONGLONG> places(kPlaces);
+        std::iota(places.begin(), places.end(), 1);
+        if (order == 1) std::reverse(places.begin(), places.end());
+        if (order >= 2) std::shuffle(places.begin(), places.end(), std::mt19937(order));
+        const SIZE_T starved = order == 3 ? places.size() / 2 : places.size();
+        for (SIZE_T n = 0; n < places.size(); ++n) {
+            const LONGLONG place = places[n];
+            const LONGLONG start = place * kStride;
+            const auto length = static_cast<ULONG>(1 + place % 16) * S;
+            PENDING_CHUNK* chunk = CreatePendingChunk();
+            *chunk = {Large(start), Large((1ll << 40) + start), length, nullptr};
+            ASSERT_EQ(STATUS_SUCCESS, Starved(n < starved ? 0 : 3,
+                                              [&] { return CommitChunks(volume, chunk, volatileAt(place)); }));
+            const MAP_RUN run = LookupRun(volume, start + length - S, 2 * S);
+            ASSERT_TRUE(run.bInSwap && run.swapOffset == (1ll << 40) + start + length - S) << place;
+        }
+        Redirect(kStride, 1ll << 50, kStride * kPlaces);  // what is there keeps its place: the gaps alone
+        ASSERT_EQ(support::CheckMaps(volume), "");
+        {
+            FastMutexLock lock(volume->SwapLock);
+            EXPECT_EQ(volume->SwappedIndex.Root != nullptr, order != 3);
+            EXPECT_TRUE(order == 3 || volume->SwappedIndex.Levels == 3);
+        }
+        EXPECT_EQ(Used(), static_cast<ULONG64>(kStride * kPlaces));
+        ForgetMaps();
+    }
 }
 
 }  // namespace
