@@ -163,6 +163,7 @@ def morning(day):
     for name in ("1", "data"):
         day.ctl(f"swap make {name} 72M", "Made 72 MiB")
     day.put("report", b"first\n")
+    day.put("binary", bytes(5000))
     day.pc.stop()
     day.seal_here()
     day.host("seal PC", f"{EXT}: sealed")
@@ -197,16 +198,23 @@ def forenoon(day):
 
 def noon(day):
     """What changed on the ext4 volume, one file saved, the rest dropped."""
-    day.put("report", b"second\n")
+    second = b"second\x1b[2J\n"  # a terminal is not to clear itself
+    day.put("report", second)
     day.put("new", bytes(100_000))
+    day.put("binary", bytes(4321) + b"\1" + bytes(678))
     changes = json.loads(day.ctl("changes 2 --json"))
     told = {change["path"].strip("/"): change["change"] for change in changes["changes"]}
     require(told.get("new") == "added" and "report" in told, f"{told}")
-    day.ctl("changes 2 --diff report", "+second")
+    day.ctl("changes 2 --diff report", "+second\\x1B[2J")
+    day.ctl("changes 2 --diff binary", "first at offset 4321")
+    day.ctl("changes 2 --diff none", "", 2)
     saved = day.given.scratch / "saved"
     saved.mkdir()
-    day.ctl(f"restore-from-changes 2 report {saved}")
-    require((saved / "report").read_bytes() == b"second\n", "another file was saved")
+    (saved / "report").symlink_to("victim")
+    day.ctl(f"restore-from-changes 2 report {saved}", "", 1)
+    day.ctl(f"restore-from-changes 2 report {saved} --force")
+    require((saved / "report").read_bytes() == second and os.listdir(saved) == ["report"], "another file was saved")
+    day.ctl(f"restore-from-changes 2 report {saved}", "", 1)
     for slip in ("unprotect 2", "disable", "discard 2", "protect 2 --at-boot discard"):
         day.ctl(slip, "would drop kept changes", 1)
     day.reboot(f"{EXT}: kept")
