@@ -169,11 +169,16 @@ void PutVolume(const std::string& image, std::uint64_t offset, const std::string
     TestFolder::Put(image, offset, TestFolder::Bytes(file));
 }
 
-void PutBootStore(const TestFolder& folder, const std::string& image, const Key& boot, bool efi) {
-    const Bytes store = hive_maker::Maker::Make(boot, hive_maker::Lists::Lf);
+const std::vector<std::string> kFolders = {"/Windows", "/Windows/System32", "/Windows/System32/config",
+                                           "/Windows/System32/drivers"};
+
+void PutBootStore(const TestFolder& folder, const std::string& image, const Shape& shape) {
+    const Bytes store = hive_maker::Maker::Make(shape.boot, hive_maker::Lists::Lf);
+    const bool efi = shape.efi;
     if (!efi) {
         const std::string volume = VolumeFile(folder, "boot", BootLength(efi));
         Populate(volume, {"/Boot"}, {{"/Boot/BCD", store}});
+        if (shape.twice) Populate(volume, kFolders, {{"/Windows/System32/config/SYSTEM", store}});
         return PutVolume(image, kBootOffset, volume);
     }
     const std::string volume = folder.Sparse("boot", BootLength(efi)), file = folder.File("BCD");
@@ -302,13 +307,13 @@ std::string Make(const TestFolder& folder, const Shape& shape) {
     auto table = Table(shape.efi);
     if (shape.efi) MarkEfi(table);
     for (const auto& piece : table) TestFolder::Put(image, piece.offset, Chars(piece.bytes));
-    PutBootStore(folder, image, shape.boot, shape.efi);
+    PutBootStore(folder, image, shape);
     const std::string volume = VolumeFile(folder, "windows", kVolumeLength);
     std::map<std::string, Bytes> files = shape.further;
     files["/Windows/System32/config/SYSTEM"] = hive_maker::Maker::Make(shape.system, shape.lists);
-    files["/Windows/System32/config/SOFTWARE"] = hive_maker::Maker::Make(SoftwareHive(), shape.lists);
-    Populate(volume, {"/Windows", "/Windows/System32", "/Windows/System32/config", "/Windows/System32/drivers"},
-             {});
+    files["/Windows/System32/config/SOFTWARE"] = hive_maker::Maker::Make(shape.software, shape.lists);
+    Populate(volume, kFolders, {});
+    Populate(volume, shape.folders, {});
     Secure(volume, "/Windows/System32/drivers");
     Populate(volume, {}, files);
     if (shape.dirty) Run("ntfsfix", {volume});  // leaves it for Windows to check

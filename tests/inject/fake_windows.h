@@ -26,9 +26,11 @@ Key& Below(Key& key, const std::string& path);
 struct Shape {
     bool efi = false;
     bool dirty = false;
-    Key system = SystemHive(), boot = BootHive();
+    Key system = SystemHive(), boot = BootHive(), software = SoftwareHive();
     hive_maker::Lists lists = hive_maker::Lists::Lh;
+    std::vector<std::string> folders = {};      // further ones, those that lie in others behind them
     std::map<std::string, Bytes> further = {};  // files on the volume of Windows; their folders exist
+    bool twice = false;                         // the boot volume of a disk for a BIOS holds a Windows too
 };
 
 // Makes the image file "disk.raw" in the folder.

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 #include "machine/partition/subprocess.h"
 #include "tests/inject/fake_windows.h"
+#include "tool/inject/certificate_store.h"
 #include "tool/inject/hive.h"
 #include "tool/inject/image_edit.h"
 #include "tool/inject/test_sign.h"
@@ -151,10 +152,15 @@ TEST(Inject, AddsWhatTheInfAddsOnceAndTakesItOutAgain) {
         EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), Dump(system));
         EXPECT_EQ(BySectors(image, location), text);
 
-        if (lists == Lists::Li) continue;  // of that old kind nothing is deleted
         InjectOptions remove;
         remove.image = image;
         remove.remove = true;
+        if (lists == Lists::Li) {
+            const auto held = TestFolder::Bytes(image);
+            EXPECT_NE(Complaint([&] { tool::Inject(remove); }).find("in the old way (li)"), std::string::npos);
+            EXPECT_TRUE(TestFolder::Bytes(image) == held);
+            continue;
+        }
         tool::Inject(remove);
         EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), before);
         for (const char* file : {kDriver, kConfig, "/Windows/System32/kvrctl.exe"})
@@ -256,6 +262,58 @@ TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
     }
 }
 
+// The certificate was trusted as a root before, with properties of its own; and each injection signs with
+// another.
+TEST(Inject, TakesOutOnlyTheTrustThatItGave) {
+    const TestFolder folder;
+    const auto certificate = [&](const char* name) {
+        tool::MakeCertificate(folder.File(name));
+        machine::RunTool("openssl",
+                         {"x509", "-in", folder.File(name), "-outform", "DER", "-out", folder.File("der")});
+        const auto der = TestFolder::Bytes(folder.File("der"));
+        return tool::StoreForm({der.begin(), der.end()}).key;
+    };
+    const std::string stores = "Microsoft\\SystemCertificates\\", below = "\\Certificates\\";
+    const std::string known = certificate("known.pem"), other = certificate("other.pem");
+    Key software = SoftwareHive();
+    Below(software, stores + "ROOT" + below + known).values = {{"Blob", 3, {11, 0, 0, 0}}};
+    const std::string image = Make(folder, {.software = software});
+    const auto before = Dump(ReadFile(folder, image, kSoftware));
+    const auto store = Dump(ReadBootStore(folder, image, false));
+    for (const char* pem : {"known.pem", "other.pem", "known.pem"}) {
+        InjectOptions options = Options(folder, image);
+        options.testSign = true;
+        options.certificate = folder.File(pem);
+        tool::Inject(options);
+    }
+    const tool::Hive injected("SOFTWARE", ReadFile(folder, image, kSoftware));
+    EXPECT_EQ(injected.Get(stores + "ROOT" + below + known, "Blob"), tool::Binary({11, 0, 0, 0}));
+    EXPECT_TRUE(injected.HasKey(stores + "TrustedPublisher" + below + known));
+    EXPECT_TRUE(injected.HasKey(stores + "ROOT" + below + other));
+    InjectOptions remove;
+    remove.image = image;
+    remove.remove = true;
+    tool::Inject(remove);
+    EXPECT_EQ(Dump(ReadFile(folder, image, kSoftware)), before);
+    EXPECT_EQ(Dump(ReadBootStore(folder, image, false)), store);
+}
+
+TEST(Inject, TellsTwoWindowsOnOneVolumeApartByTheirRoots) {
+    const TestFolder folder;
+    const Bytes hive = Maker::Make(SystemHive(), Lists::Lh);
+    const std::string image =
+        Make(folder, {.folders = {"/Old", "/Old/System32", "/Old/System32/config", "/Old/System32/drivers"},
+                      .further = {{"/Old/System32/config/SYSTEM", hive}}});
+    InjectOptions options = Options(folder, image);
+    options.root = "OLD";
+    tool::Inject(options);
+    EXPECT_TRUE(ReadFile(folder, image, kDriver).empty());
+    EXPECT_EQ(ReadFile(folder, image, "/Old/System32/drivers/kvr64.sys"), DriverImage());
+    EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), Dump(hive));
+    EXPECT_TRUE(tool::Hive("SYSTEM", ReadFile(folder, image, "/Old/System32/config/SYSTEM"))
+                    .HasKey("ControlSet001\\Services\\kvr"));
+}
+
 TEST(Inject, PreparesAndTellsWhatWas) {
     const TestFolder folder;
     const std::string image = Make(folder, {});
@@ -286,6 +344,15 @@ Bytes Hibernated() {
     Bytes file(8192);
     std::memcpy(file.data(), "hibr", 4);
     return file;
+}
+
+// Of every hive in the image, as if their last writes had not ended.
+void AdvanceSequences(const std::string& image) {
+    const auto bytes = TestFolder::Bytes(image);
+    for (std::size_t at = 0; at < bytes.size(); at += 512) {
+        if (std::memcmp(&bytes[at], "regf", 4) == 0)
+            TestFolder::Put(image, at + 4, {static_cast<char>(bytes[at + 4] + 1)});
+    }
 }
 
 TEST(Inject, RefusesWithOneLineAndLeavesTheImage) {
@@ -324,6 +391,18 @@ TEST(Inject, RefusesWithOneLineAndLeavesTheImage) {
              Below(s.system, kDiskClass.substr(1)).values = {{"UpperFilters", 1, Sz("partmgr")}};
          },
          none, none},
+        {"partitions 1 and 2", [](Shape& s) { s.twice = true; }, none, none},
+        {"keeps Huge in ControlSet001\\Control\\Class\\{4D36E967",
+         [](Shape& s) {
+             Below(s.system, kDiskClass.substr(1)).values = {{"Huge", 3, Bytes(16349)}};
+         },
+         none, none},
+        {"of the value Huge only a part can be read",
+         [](Shape& s) {
+             Below(s.system, kDiskClass.substr(1)).values = {{"Huge", 3, Bytes(16345)}};
+         },
+         none, none},
+        {"SYSTEM needs recovery from its logs", none, AdvanceSequences, none},
         {"partition table", none,
          [](auto& image) {
              TestFolder::Put(image, 510, {0, 0});

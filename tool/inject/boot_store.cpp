@@ -96,16 +96,16 @@ bool EditStore(ImageEdit& image, Installation& windows, const StoreEdit& edit) {
 void SetTestMode(ImageEdit& image, Installation& windows, Report& report) {
     std::vector<std::string> changed;
     const bool efi = EditStore(image, windows, [&](Hive& store) { changed = AllowTestSigned(store); });
-    if (!changed.empty()) windows.System().Set(kOwnKey, kTestModeNote, List(changed));
+    AddToNote(windows, kTestModeNote, changed);
     report.push_back("testsigning is on in the boot store");
     if (efi) report.push_back("Secure Boot must be off: with it on, Windows does not start in test mode");
 }
 
 void ClearTestMode(ImageEdit& image, Installation& windows, Report& report) {
-    const auto objects = ListOf(windows.System().Get(kOwnKey, kTestModeNote));
-    if (!objects) return;
+    const std::vector<std::string> objects = Noted(windows, kTestModeNote);
+    if (objects.empty()) return;
     EditStore(image, windows, [&](Hive& store) {
-        for (const std::string& object : *objects) store.DeleteKey(ElementKey(object, kAllowTestSigned));
+        for (const std::string& object : objects) store.DeleteKey(ElementKey(object, kAllowTestSigned));
     });
     report.push_back("testsigning is off in the boot store");
 }

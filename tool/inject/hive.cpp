@@ -28,8 +28,9 @@ static_assert(sizeof(HiveHead) == 512);
 static_assert(offsetof(HiveHead, checksum) == 508);
 
 constexpr std::size_t kLeastHive = 8192;  // the head's block and one of cells
-constexpr std::size_t kMostPlainValue =
-    16344;                     // longer ones are stored in pieces, which are not written anew here
+// Longer ones are stored in pieces; the library would write one anew as a whole, which Windows takes for
+// pieces.
+constexpr std::size_t kMostPlainValue = 16344;
 constexpr int kDeepest = 512;  // as deep as Windows lets keys lie
 
 struct Free {
@@ -146,11 +147,15 @@ std::vector<std::pair<std::string, HiveValue>> ReadValues(hive_h* hive, std::siz
     if (handles == nullptr) throw Error(std::string("a key's values cannot be read: ") + std::strerror(errno));
     for (const hive_value_h* handle = handles.get(); *handle != 0; ++handle) {
         hive_type type = hive_t_REG_NONE;
-        std::size_t length = 0;
+        std::size_t length = 0, whole = 0;
         const Freed<char> name(hivex_value_key(hive, *handle));
         const Freed<char> data(hivex_value_value(hive, *handle, &type, &length));
         if (name == nullptr || (data == nullptr && unreadable == Unreadable::Refused))
             throw Error(std::string("a value cannot be read: ") + std::strerror(errno));
+        // Of a value in pieces the library leaves out a last one of up to four bytes.
+        if (unreadable == Unreadable::Refused &&
+            (hivex_value_type(hive, *handle, &type, &whole) != 0 || whole != length))
+            throw Error(std::string("of the value ") + name.get() + " only a part can be read");
         if (data == nullptr) {
             values.push_back({name.get(), {kUnreadable, {}}});
             continue;
@@ -376,7 +381,8 @@ void Hive::Put(Node node, const std::string& key,
     std::vector<hive_set_value> all;
     for (const auto& [name, value] : values) {
         if (value.bytes.size() > kMostPlainValue)
-            throw Error("the hive " + name_ + " keeps a value too long to be written anew in " + key);
+            throw Error("the hive " + name_ + " keeps " + name + " in " + key + ", with " +
+                        std::to_string(value.bytes.size()) + " bytes too long to be written anew beside it");
         auto* data = reinterpret_cast<char*>(const_cast<std::uint8_t*>(value.bytes.data()));
         all.push_back({const_cast<char*>(name.c_str()), hive_t_REG_NONE, value.bytes.size(), data});
         std::memcpy(&all.back().t, &value.type, sizeof value.type);
@@ -410,7 +416,12 @@ void Hive::Delete(const std::string& key, const std::string& value) {
 void Hive::DeleteKey(const std::string& key) {
     const Node node = Find(key);
     if (node == 0) return;
-    if (hivex_node_delete_child(hive_, node) != 0) Fail("cannot lose " + key);
+    if (hivex_node_delete_child(hive_, node) != 0) {
+        if (errno == ENOTSUP)
+            throw Error("the hive " + name_ + " lists what lies beside " + key +
+                        " in the old way (li), of which nothing can be deleted here");
+        Fail("cannot lose " + key);
+    }
     touched_.insert(FoldPath(key));
 }
 

@@ -58,24 +58,33 @@ void Installation::ReadPartitions() {
     }
 }
 
+// Null where there is no Windows; `why` gains what speaks against it.
+std::unique_ptr<NtfsTree> Installation::TryVolume(std::size_t number, std::string& why) const {
+    const DiskRange& range = partitions_[number - 1].range;
+    try {
+        auto volume = std::make_unique<NtfsTree>(image_, range.offset, range.length);
+        if (volume->Exists(Path(HiveFile("SYSTEM")))) return volume;
+    } catch (const Error& error) {
+        why += "; partition " + std::to_string(number) + ": " + error.what();
+    }
+    return nullptr;
+}
+
 // Why the other volumes are not it is told only when none is.
 void Installation::FindVolume() {
     std::string why;
-    for (std::size_t i = 0; i < partitions_.size(); ++i) {
-        const DiskRange& range = partitions_[i].range;
-        try {
-            auto volume = std::make_unique<NtfsTree>(image_, range.offset, range.length);
-            if (!volume->Exists(Path(HiveFile("SYSTEM")))) continue;
-            if (volume_ != nullptr) throw std::invalid_argument("two");
-            volume_ = std::move(volume);
-            range_ = range;
-        } catch (const Error& error) {
-            why += "; partition " + std::to_string(i + 1) + ": " + error.what();
-        } catch (const std::invalid_argument&) {
-            throw Error("more than one volume of the disk has a Windows in \\" + root_);
-        }
+    std::size_t found = 0;
+    for (std::size_t number = 1; number <= partitions_.size(); ++number) {
+        auto volume = TryVolume(number, why);
+        if (volume == nullptr) continue;
+        if (found != 0)
+            throw Error("partitions " + std::to_string(found) + " and " + std::to_string(number) +
+                        " of the disk both have a Windows in \\" + root_ + "; which is meant cannot be told");
+        found = number;
+        volume_ = std::move(volume);
+        range_ = partitions_[number - 1].range;
     }
-    if (volume_ == nullptr) throw Error("no volume of the disk has a Windows in \\" + root_ + why);
+    if (found == 0) throw Error("no volume of the disk has a Windows in \\" + root_ + why);
 }
 
 std::unique_ptr<Hive> Installation::Load(const std::string& name) {

@@ -53,6 +53,7 @@ private:
 
     void ReadPartitions();
     void FindVolume();
+    std::unique_ptr<NtfsTree> TryVolume(std::size_t number, std::string& why) const;
     void OpenSystem();
     std::unique_ptr<Hive> Load(const std::string& name);
     void Store(const std::string& name, std::unique_ptr<Hive>& hive);

@@ -142,6 +142,17 @@ void ForgetNotes(Installation& windows) {
     windows.System().DeleteKey(kOwnKey);
 }
 
+void AddToNote(Installation& windows, const std::string& note, const std::vector<std::string>& items) {
+    if (items.empty()) return;
+    std::vector<std::string> all = Noted(windows, note);
+    all.insert(all.end(), items.begin(), items.end());
+    windows.System().Set(kOwnKey, note, List(all));
+}
+
+std::vector<std::string> Noted(Installation& windows, const std::string& note) {
+    return ListOf(windows.System().Get(kOwnKey, note)).value_or(std::vector<std::string>());
+}
+
 std::optional<std::string> InjectedVersion(Installation& windows) {
     return TextOf(windows.System().Get(kOwnKey, kInjected));
 }

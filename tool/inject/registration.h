@@ -28,6 +28,11 @@ void Unregister(Installation& windows, Report& report);
 // The driver's own key goes, with what it and the injection noted there: the last step.
 void ForgetNotes(Installation& windows);
 
+// A list of what was added elsewhere, in the driver's own key, so that as much is taken out again: `items` go
+// behind what earlier injections noted. Empty where nothing was.
+void AddToNote(Installation& windows, const std::string& note, const std::vector<std::string>& items);
+std::vector<std::string> Noted(Installation& windows, const std::string& note);
+
 // The version of what was injected; nothing where nothing was.
 std::optional<std::string> InjectedVersion(Installation& windows);
 

@@ -1,4 +1,5 @@
 #include "tool/inject/test_sign.h"
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -21,7 +22,7 @@ namespace {
 
 constexpr int kKeyBits = 3072;
 constexpr long kTenYears = 10L * 365 * 24 * 3600;
-constexpr char kCertificateNote[] = "InjectedCertificate";
+constexpr char kCertificateNote[] = "InjectedCertificates";  // their keys in the hive SOFTWARE
 constexpr std::size_t kPeOffset = 60;
 constexpr std::size_t kOptionalHeader = 24;      // behind the signature "PE" and the file header
 constexpr std::size_t kSecurityDirectory = 144;  // its entry in the optional header of a 64-bit image
@@ -138,20 +139,27 @@ StoredCertificate StoreForm(const std::vector<std::uint8_t>& der) {
 
 void Trust(Installation& windows, const std::string& pemFile, Report& report) {
     const StoredCertificate stored = StoreForm(ReadDer(pemFile));
-    // One that was there before is not taken out again.
-    const auto key = [&](const char* store) { return std::string(store) + "\\" + stored.key; };
-    Hive& software = windows.Software();
-    if (!software.HasKey(key(kMachineStores[0])))
-        windows.System().Set(kOwnKey, kCertificateNote, Text(stored.key));
-    for (const char* store : kMachineStores) software.Set(key(store), kCertificateValue, Binary(stored.blob));
+    // One that was there before stays as it is, and is not taken out again.
+    std::vector<std::string> added;
+    for (const char* store : kMachineStores) {
+        const std::string key = std::string(store) + "\\" + stored.key;
+        if (windows.Software().HasKey(key)) continue;
+        windows.Software().Set(key, kCertificateValue, Binary(stored.blob));
+        added.push_back(key);
+    }
+    AddToNote(windows, kCertificateNote, added);
     report.push_back("certificate " + stored.key + " trusted by the machine");
 }
 
 void Distrust(Installation& windows, Report& report) {
-    const auto key = TextOf(windows.System().Get(kOwnKey, kCertificateNote));
-    if (!key || key->size() != 2 * SHA_DIGEST_LENGTH) return;
-    for (const char* store : kMachineStores) windows.Software().DeleteKey(std::string(store) + "\\" + *key);
-    report.push_back("certificate " + *key + " no longer trusted");
+    for (const std::string& key : Noted(windows, kCertificateNote)) {
+        const bool inStore = std::any_of(std::begin(kMachineStores), std::end(kMachineStores), [&](auto store) {
+            return key.starts_with(std::string(store) + "\\");
+        });
+        if (!inStore) continue;
+        windows.Software().DeleteKey(key);
+        report.push_back("no longer trusted: " + key);
+    }
 }
 
 }  // namespace tool
