@@ -1,7 +1,9 @@
 #include "tool/inject/inject.h"
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <random>
+#include <thread>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -496,6 +498,33 @@ TEST(Inject, AnEditThatWouldReachAnotherKeyIsRefused) {
     tool::Hive opened("SYSTEM", hive);
     opened.Set(kDiskClass, "UpperFilters", tool::List({"partmgr", "kvr"}));
     EXPECT_NE(Complaint([&] { opened.Save(); }).find("is not edited"), std::string::npos);
+}
+
+// Whenever the host's process is killed, the next edit finds the image as it was, or as it was to be.
+TEST(Inject, AKillAtAnyMomentCostsNothing) {
+    const TestFolder folder;
+    const std::string image = Make(folder, {});
+    const auto original = TestFolder::Bytes(image);
+    const auto before = Dump(ReadFile(folder, image, kSystem));
+    const InjectOptions options = Options(folder, image);
+    const auto begin = std::chrono::steady_clock::now();
+    tool::Inject(options);
+    const auto whole = std::chrono::steady_clock::now() - begin;
+    const auto after = Dump(ReadFile(folder, image, kSystem));
+    constexpr int kKills = 16;
+    for (int i = 0; i < kKills; ++i) {
+        TestFolder::Put(image, 0, original);
+        const pid_t child = fork();
+        if (child == 0) _exit(tool::Inject(options).empty());
+        std::this_thread::sleep_for(whole * i / (kKills - 4));
+        kill(child, SIGKILL);
+        waitpid(child, nullptr, 0);
+        tool::ImageEdit{image};
+        EXPECT_FALSE(std::filesystem::exists(image + ".kvr-undo"));
+        const auto now = Dump(ReadFile(folder, image, kSystem));
+        const Bytes driver = ReadFile(folder, image, kDriver);
+        EXPECT_TRUE((now == before && driver.empty()) || (now == after && driver == DriverImage())) << i;
+    }
 }
 
 TEST(Inject, LaysAConfigurationWhereItsVolumeIsKnown) {

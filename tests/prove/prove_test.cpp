@@ -3,6 +3,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include "tests/prove/proof_run.h"
 #include "tool/demo/demo.h"
 #include "tool/inject/hive.h"
@@ -61,6 +65,37 @@ TEST(Prove, SeesWhatAGuestDoes) {
         EXPECT_FALSE(std::filesystem::exists(folder.File("proof/disk.raw")));
     }
     EXPECT_EQ(TestFolder::Bytes(image), before);
+}
+
+// The rows of a proof on a small file system of its own, whose guest writes it full; -1 where none can be
+// mounted.
+int ProveOnFullHost(const std::string& image) {
+    const TestFolder folder;
+    if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", folder.Path().c_str(), "tmpfs", 0, "size=300m") != 0)
+        return -1;
+    setenv("KVR_STAND_IN", "fills:2", 1);
+    tool::ProveOptions options = Options(folder, image);
+    options.seconds = 4;
+    const bool failed = tool::Prove(options) == tool::kExitFailed;
+    return failed && CountOf(Rows(folder), "FAIL") == 1 &&
+                   CountOf(Rows(folder), "there is no room left in") == 1 &&
+                   CountOf(Rows(folder), "PASS  nobody wrote to it") == 1
+               ? 0
+               : 1;
+}
+
+TEST(Prove, SaysThatTheHostIsFull) {
+    const TestFolder source;
+    const std::string image = Make(source, {});
+    const auto before = TestFolder::Bytes(image);
+    const pid_t child = fork();
+    if (child == 0) _exit(ProveOnFullHost(image) & 0xFF);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (WEXITSTATUS(status) == 0xFF) GTEST_SKIP() << "no file system can be mounted";
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(TestFolder::Bytes(image) == before);
 }
 
 TEST(Prove, StartsTheProgramInTheCopyAlone) {

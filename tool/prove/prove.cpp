@@ -54,6 +54,8 @@ public:
     void Summary() {
         screen_.Summary("kvrhost prove");
         written_->Summary("kvrhost prove");
+        if (std::fflush(file_.get()) != 0 || std::ferror(file_.get()) != 0)
+            screen_.Note("not all of this is in the folder: there is no room");
     }
     bool AllPassed() const { return screen_.AllPassed(); }
 

@@ -2,7 +2,7 @@
 // had passed, and does what must be seen at the act that it is told of.
 //
 //   prove_stand_in DISK ANSWERS FOLDER, with the environment
-//   KVR_STAND_IN   MODE:ACT; MODE is honest, fails, hangs, stops, lies, silent, torn, stale or crashes
+//   KVR_STAND_IN   MODE:ACT; MODE is honest, fails, hangs, fills, stops, lies, silent, torn, stale or crashes
 //   KVR_STAND_IN_AT  byte of DISK that a merge, and a lie, change
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +35,14 @@ void ChangeSector(const std::string& disk, const char* at, char with) {
     if (at != nullptr) Transfer(disk, std::strtoull(at, nullptr, 10), with, true);
 }
 
+// Until there is no room.
+void Fill(const std::string& folder) {
+    std::ofstream file(folder + "/filler", std::ios::binary);
+    const std::string piece(1 << 20, 'f');
+    while (file.write(piece.data(), static_cast<std::streamsize>(piece.size())).flush()) {
+    }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -55,11 +63,13 @@ int main(int argc, char** argv) {
     answer.version = proof::kVersion;
     answer.act = order.act;
     answer.run = mode == "stale" ? order.run + 1 : order.run;
-    answer.state = mode == "stops" || mode == "hangs" ? proof::State::Begun : proof::State::Ended;
+    answer.state =
+        mode == "stops" || mode == "hangs" || mode == "fills" ? proof::State::Begun : proof::State::Ended;
     AddRow(answer, "the stand-in answers", true);
     if (mode == "fails") AddRow(answer, "something must work", false);
     answer.checksum = proof::ChecksumOf(answer) + (mode == "torn" ? 1 : 0);
     Transfer(argv[2], proof::kAnswerAt, answer, true);
-    if (mode == "hangs") sleep(600);
+    if (mode == "fills") Fill(argv[3]);
+    if (mode == "hangs" || mode == "fills") sleep(600);
     return 0;
 }
