@@ -172,23 +172,39 @@ void PutVolume(const std::string& image, std::uint64_t offset, const std::string
 const std::vector<std::string> kFolders = {"/Windows", "/Windows/System32", "/Windows/System32/config",
                                            "/Windows/System32/drivers"};
 
-void PutBootStore(const TestFolder& folder, const std::string& image, const Shape& shape) {
-    const Bytes store = hive_maker::Maker::Make(shape.boot, hive_maker::Lists::Lf);
-    const bool efi = shape.efi;
-    if (!efi) {
-        const std::string volume = VolumeFile(folder, "boot", BootLength(efi));
-        Populate(volume, {"/Boot"}, {{"/Boot/BCD", store}});
-        if (shape.twice) Populate(volume, kFolders, {{"/Windows/System32/config/SYSTEM", store}});
-        return PutVolume(image, kBootOffset, volume);
-    }
+std::string FatStore(bool efi) {
+    return efi ? "::/EFI/Microsoft/Boot/BCD" : "::/Boot/BCD";
+}
+
+std::string MakeFatBoot(const TestFolder& folder, const Bytes& store, bool efi) {
     const std::string volume = folder.Sparse("boot", BootLength(efi)), file = folder.File("BCD");
-    Run("mkfs.fat", {"-F", "32", "-s", "1", volume});
+    if (efi)
+        Run("mkfs.fat", {"-F", "32", "-s", "1", volume});
+    else
+        Run("mkfs.fat", {volume});
     folder.Sparse("BCD", 0);
     TestFolder::Put(file, 0, Chars(store));
-    Run("mmd", {"-i", volume, "::/EFI", "::/EFI/Microsoft", "::/EFI/Microsoft/Boot"});
-    Run("mcopy", {"-i", volume, file, "::/EFI/Microsoft/Boot/BCD"});
-    Run("mattrib", {"-i", volume, "+h", "+s", "::/EFI/Microsoft/Boot/BCD"});
-    PutVolume(image, kBootOffset, volume);
+    if (efi)
+        Run("mmd", {"-i", volume, "::/EFI", "::/EFI/Microsoft", "::/EFI/Microsoft/Boot"});
+    else
+        Run("mmd", {"-i", volume, "::/Boot"});
+    Run("mcopy", {"-i", volume, file, FatStore(efi)});
+    Run("mattrib", {"-i", volume, "+h", "+s", FatStore(efi)});
+    return volume;
+}
+
+std::string MakeNtfsBoot(const TestFolder& folder, const Bytes& store, bool twice) {
+    const std::string volume = VolumeFile(folder, "boot", BootLength(false));
+    Populate(volume, {"/Boot"}, {{"/Boot/BCD", store}});
+    if (twice) Populate(volume, kFolders, {{"/Windows/System32/config/SYSTEM", store}});
+    return volume;
+}
+
+void PutBootStore(const TestFolder& folder, const std::string& image, const Shape& shape) {
+    const Bytes store = hive_maker::Maker::Make(shape.boot, hive_maker::Lists::Lf);
+    PutVolume(image, kBootOffset,
+              shape.efi || shape.fatBoot ? MakeFatBoot(folder, store, shape.efi)
+                                         : MakeNtfsBoot(folder, store, shape.twice));
 }
 
 std::string Upper(std::string text) {
@@ -338,13 +354,13 @@ Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std
     return security;
 }
 
-Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi) {
+Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot) {
     const std::string volume = CopyOut(folder, image, kBootOffset, BootLength(efi));
-    if (!efi) return ReadFrom(volume, "/Boot/BCD");
-    const auto attributes = machine::RunTool("mattrib", {"-i", volume, "::/EFI/Microsoft/Boot/BCD"});
+    if (!efi && !fatBoot) return ReadFrom(volume, "/Boot/BCD");
+    const auto attributes = machine::RunTool("mattrib", {"-i", volume, FatStore(efi)});
     if (attributes.output.find(" SH ") == std::string::npos)
         throw std::runtime_error("not hidden: " + attributes.output);
-    Run("mcopy", {"-n", "-o", "-i", volume, "::/EFI/Microsoft/Boot/BCD", folder.File("BCD.out")});
+    Run("mcopy", {"-n", "-o", "-i", volume, FatStore(efi), folder.File("BCD.out")});
     const std::vector<char> bytes = TestFolder::Bytes(folder.File("BCD.out"));
     return {bytes.begin(), bytes.end()};
 }

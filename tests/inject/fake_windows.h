@@ -25,6 +25,7 @@ Key& Below(Key& key, const std::string& path);
 
 struct Shape {
     bool efi = false;
+    bool fatBoot = false;  // the boot volume of a disk for a BIOS is FAT
     bool dirty = false;
     Key system = SystemHive(), boot = BootHive(), software = SoftwareHive();
     hive_maker::Lists lists = hive_maker::Lists::Lh;
@@ -46,7 +47,7 @@ Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::st
 // Its security descriptor. The folder of drivers gives administrators all and users reading.
 Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path);
 // The boot store's file.
-Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi);
+Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot = false);
 
 // A driver for 64-bit Windows as far as its head goes, version 1.2.3.4.
 Bytes DriverImage();

@@ -218,12 +218,16 @@ TEST(Inject, KeepsOddListsAndLeavesAConfigurationAlone) {
 }
 
 TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
-    for (const bool efi : {true, false}) {
+    struct Boot {
+        bool efi, fat;
+    };
+    for (const auto& [efi, fat] : {Boot{true, false}, Boot{false, false}, Boot{false, true}}) {
         SCOPED_TRACE(efi);
+        SCOPED_TRACE(fat);
         const TestFolder folder;
-        const std::string image = Make(folder, {.efi = efi});
+        const std::string image = Make(folder, {.efi = efi, .fatBoot = fat});
         const auto software = Dump(ReadFile(folder, image, kSoftware, efi)),
-                   store = Dump(ReadBootStore(folder, image, efi));
+                   store = Dump(ReadBootStore(folder, image, efi, fat));
         InjectOptions options = Options(folder, image);
         options.testSign = true;
         options.output = folder.File("out.raw");
@@ -248,7 +252,7 @@ TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
             EXPECT_EQ(added[at].find(added[at - 1] + " Blob 3 " + Raw({3, 0, 0, 0, 1, 0, 0, 0, 20, 0, 0, 0})),
                       0u);
         }
-        const auto changes = Added(store, Dump(ReadBootStore(folder, options.output, efi)));
+        const auto changes = Added(store, Dump(ReadBootStore(folder, options.output, efi, fat)));
         EXPECT_EQ(changes.size(), 2u);  // for one of the two loaders a key and its value
         EXPECT_EQ(
             std::count_if(changes.begin(), changes.end(),
@@ -260,7 +264,7 @@ TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
         remove.remove = true;
         tool::Inject(remove);
         EXPECT_EQ(Dump(ReadFile(folder, options.output, kSoftware, efi)), software);
-        EXPECT_EQ(Dump(ReadBootStore(folder, options.output, efi)), store);
+        EXPECT_EQ(Dump(ReadBootStore(folder, options.output, efi, fat)), store);
     }
 }
 
@@ -316,19 +320,43 @@ TEST(Inject, TellsTwoWindowsOnOneVolumeApartByTheirRoots) {
                     .HasKey("ControlSet001\\Services\\kvr"));
 }
 
+struct Setting {
+    const char* said;
+    const char* key;
+    const char* value;
+    tool::HiveValue number;
+    const char* line;
+};
+
 TEST(Inject, PreparesAndTellsWhatWas) {
+    const std::string memory = "Control\\Session Manager\\Memory Management";
+    const Setting settings[] = {
+        {"trim=off", "Control\\FileSystem", "DisableDeleteNotification", tool::Number(1),
+         "trim: DisableDeleteNotification = 1 (was not set)"},
+        {"offloaded-copies=off", "Control\\FileSystem", "FilterSupportedFeaturesMode", tool::Number(1),
+         "offloaded-copies: FilterSupportedFeaturesMode = 1 (was not set)"},
+        {"hibernation=off", "Control\\Power", "HibernateEnabled", tool::Number(0), "HibernateEnabled = 0"},
+        {"fast-startup=off", "Control\\Session Manager\\Power", "HiberbootEnabled", tool::Number(0),
+         "HiberbootEnabled = 0"},
+        {"swapfile=off", memory.c_str(), "SwapFileControl", tool::Number(0), "SwapFileControl = 0"},
+        {"crash-dumps=small", "Control\\CrashControl", "CrashDumpEnabled", tool::Number(3),
+         "CrashDumpEnabled = 3 (was 7)"},
+        {"defragmentation=off", "Services\\defragsvc", "Start", tool::Number(4), "defragmentation: Start = 4"},
+        {"paging-file=2048", memory.c_str(), "PagingFiles", tool::List({"C:\\pagefile.sys 2048 2048"}),
+         "paging-file: PagingFiles = C:\\pagefile.sys 2048 2048 (was ?:\\pagefile.sys)"},
+    };
     const TestFolder folder;
-    const std::string image = Make(folder, {});
+    Key system = SystemHive();
+    Below(system, "ControlSet001\\Control\\CrashControl").values = {{"CrashDumpEnabled", 4, Dword(7)}};
+    const std::string image = Make(folder, {.system = system});
     InjectOptions options = Options(folder, image);
-    options.prepare = {"trim=off", "fast-startup=off", "paging-file=2048", "defragmentation=off"};
+    for (const Setting& one : settings) options.prepare.push_back(one.said);
     const std::string said = Said(tool::Inject(options));
-    EXPECT_NE(said.find("trim: DisableDeleteNotification = 1 (was not set)"), std::string::npos) << said;
-    EXPECT_NE(said.find("paging-file: PagingFiles = C:\\pagefile.sys 2048 2048 (was ?:\\pagefile.sys)"),
-              std::string::npos)
-        << said;
     const tool::Hive hive("SYSTEM", ReadFile(folder, image, kSystem));
-    EXPECT_EQ(hive.Get("ControlSet001\\Services\\defragsvc", "Start"), tool::Number(4));
-    EXPECT_EQ(hive.Get("ControlSet001\\Control\\Session Manager\\Power", "HiberbootEnabled"), tool::Number(0));
+    for (const Setting& one : settings) {
+        EXPECT_EQ(hive.Get(std::string("ControlSet001\\") + one.key, one.value), one.number) << one.said;
+        EXPECT_NE(said.find(one.line), std::string::npos) << said;
+    }
     for (const char* bad : {"trim", "trim=maybe", "sleep=off", "paging-file=8"}) {
         options.prepare = {bad};
         EXPECT_FALSE(Complaint([&] { tool::Inject(options); }).empty()) << bad;
@@ -484,6 +512,48 @@ TEST(Inject, DamagedHivesAreRefusedOrKeptAsTheyAre) {
     }
     EXPECT_GT(edited, rounds / 20);
     EXPECT_LT(edited, rounds);
+}
+
+// What another tool says of a hive, its lines in their order.
+std::vector<std::string> Exported(const TestFolder& folder, const std::string& hive) {
+    const auto done =
+        machine::RunTool("reged", {"-x", hive, "HKEY_LOCAL_MACHINE\\SYSTEM", "\\", folder.File("out.reg")});
+    EXPECT_EQ(done.exitCode, 0) << done.output;
+    std::ifstream stream(folder.File("out.reg"));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(stream, line);) lines.push_back(line.substr(0, line.find('\r')));
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+// A long list of keys that another tool wrote, and what it reads behind an edit.
+TEST(Inject, AgreesWithAnotherToolThatWritesAndReadsHives) {
+    const TestFolder folder;
+    const std::string prefix = "HKEY_LOCAL_MACHINE\\SYSTEM\\ControlSet001\\Services\\";
+    std::string text = "Windows Registry Editor Version 5.00\r\n\r\n";
+    for (int i = 0; i < 400; ++i)
+        text += "[" + prefix + "l" + std::to_string(1000 + i) + "]\r\n\"Start\"=dword:00000003\r\n\r\n";
+    const std::string import = HostFile(folder, "in.reg", Bytes(text.begin(), text.end()));
+    Key system = SystemHive();
+    for (const char* set : {"ControlSet001", "ControlSet002"})
+        Below(system, std::string(set) + "\\Services\\zzz").values.clear();  // it reads no values in pieces
+    const std::string hive = HostFile(folder, "SYSTEM", Maker::Make(system, Lists::Lh));
+    machine::RunTool("reged", {"-C", "-I", hive, "HKEY_LOCAL_MACHINE\\SYSTEM", import});
+    const auto before = Exported(folder, hive);
+    EXPECT_GT(before.size(), 800u);
+
+    const auto bytes = TestFolder::Bytes(hive);
+    tool::Hive opened("SYSTEM", {bytes.begin(), bytes.end()});
+    opened.Set("ControlSet001\\Services\\KVR", "Start", tool::Number(0));
+    opened.Set("ControlSet001\\services\\L1007", "Start", tool::Number(4));
+    opened.DeleteKey("ControlSet001\\Services\\l1399");
+    const auto after = Exported(folder, HostFile(folder, "SYSTEM", opened.Save()));
+    EXPECT_EQ(Added(before, after),
+              (std::vector<std::string>{"\"Start\"=dword:00000000", "\"Start\"=dword:00000004",
+                                        "[" + prefix + "KVR]"}));
+    EXPECT_EQ(Added(after, before),
+              (std::vector<std::string>{"\"Start\"=dword:00000003", "\"Start\"=dword:00000003",
+                                        "[" + prefix + "l1399]"}));
 }
 
 // Two keys with one list of values, as a damaged hive may have them: an edit of the one would change the other.
