@@ -8,6 +8,7 @@
 #include "swap/chunk_maps.h"
 #include "swap/map_read.h"
 #include "swap/map_format.h"
+#include "swap/swap_ranges.h"
 
 namespace {
 
@@ -165,10 +166,27 @@ BOOLEAN MergeIfDue(PVOLUME_EXTENSION volume) {
     return !IsMergeFlushed(volume);
 }
 
+// Many chunks in the order of the swap: in any other order each of them would search a tree that no cache
+// holds, and everything that walks the tree afterwards would jump through memory.
+void UnuseSwappedChunks(PVOLUME_EXTENSION volume) KVR_REQUIRES(volume->SwapLock) {
+    ULONG count = 0;
+    WalkSwappedChunks(volume, count_items, &count);
+    const ULONG unit = volume->BytesPerSector;
+    PoolPtr<ULONG64> ranges;
+    if (count >= kIndexFrom && unit != 0) ranges = SortedSwapRanges(volume, SWAP_RANGES::Swapped, count);
+    if (!ranges) return WalkSwappedChunks(volume, unuse_swapped_chunks, volume);
+    for (ULONG i = 0; i < count; ++i) {
+        SWAPPED_CHUNK chunk = {};
+        chunk.liSwapOffset.QuadPart = static_cast<LONGLONG>(FirstSectorOf(ranges.Get()[i])) * unit;
+        chunk.uLength = static_cast<ULONG>(SectorsOf(ranges.Get()[i])) * unit;
+        unuse_swapped_chunks(&chunk, volume);
+    }
+}
+
 void GiveUpRedirections(PVOLUME_EXTENSION volume) {
     {
         FastMutexLock lock(volume->SwapLock);
-        tree_walk(&volume->SwappedChunks, unuse_swapped_chunks, volume);
+        UnuseSwappedChunks(volume);
         AggregateFreeChunks(volume);
         EmptySwappedChunks(volume);
         volume->MapDirty = TRUE;

@@ -2,6 +2,7 @@
 #include "swap/chunk_index.h"
 #include "swap/chunk_maps.h"
 #include "swap/map_format.h"
+#include "swap/swap_ranges.h"
 
 namespace {
 
@@ -82,46 +83,10 @@ NTSTATUS LoadRun(PVOLUME_EXTENSION volume, const UCHAR* run, ULONG64 size) KVR_R
     return found ? STATUS_SUCCESS : STATUS_END_OF_FILE;
 }
 
-// A swap range in one word, so that ranges compare as numbers: first sector above, sectors below.
-ULONG64 PackRange(LARGE_INTEGER swapOffset, ULONG length, ULONG unit) {
-    return static_cast<ULONG64>(swapOffset.QuadPart / unit) << 32 | length / unit;
-}
-
-// One pass of a sort by first sector: a stable distribution by one byte of the key.
-void DistributeByByte(const ULONG64* from, ULONG64* to, ULONG count, ULONG shift) {
-    ULONG places[256] = {};
-    for (ULONG i = 0; i < count; ++i) ++places[from[i] >> shift & 0xFF];
-    ULONG next = 0;
-    for (ULONG& place : places) next += std::exchange(place, next);
-    for (ULONG i = 0; i < count; ++i) to[places[from[i] >> shift & 0xFF]++] = from[i];
-}
-
-// By the 32-bit sector, in time that no order of the entries, found or made, can stretch. Even in number, the
-// passes end where they began.
-void SortBySector(ULONG64* ranges, ULONG64* other, ULONG count) {
-    for (ULONG shift = 32; shift < 64; shift += 16) {
-        DistributeByByte(ranges, other, count, shift);
-        DistributeByByte(other, ranges, count, shift + 8);
-    }
-}
-
 bool HasOverlap(const ULONG64* ranges, ULONG count) {
     for (ULONG i = 1; i < count; ++i)
-        if ((ranges[i - 1] >> 32) + (ranges[i - 1] & 0xFFFFFFFF) > ranges[i] >> 32) return true;
+        if (FirstSectorOf(ranges[i - 1]) + SectorsOf(ranges[i - 1]) > FirstSectorOf(ranges[i])) return true;
     return false;
-}
-
-ULONG PackRanges(PVOLUME_EXTENSION volume, ULONG64* ranges) KVR_REQUIRES(volume->SwapLock) {
-    const ULONG unit = volume->BytesPerSector;
-    TREE* free = &volume->FreeChunks;
-    ULONG count = 0;
-    for (ChunkCursor chunk(volume); chunk; chunk.Next())
-        ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
-    for (TREE_NODE* node = tree_first(free, free->Root); node; node = tree_next(free, node)) {
-        const auto* chunk = static_cast<const FREE_CHUNK*>(node->Record);
-        ranges[count++] = PackRange(chunk->liSwapOffset, chunk->uLength, unit);
-    }
-    return count;
 }
 
 }  // namespace
@@ -134,11 +99,8 @@ NTSTATUS DeserializeSwapMap(PDEVICE_OBJECT device) {
 
 NTSTATUS VerifySwapRanges(PVOLUME_EXTENSION volume, ULONG count) {
     if (count == 0 || volume->BytesPerSector == 0) return STATUS_SUCCESS;
-    const SIZE_T bytes = SIZE_T{count} * sizeof(ULONG64);
-    const PoolPtr<ULONG64> ranges(static_cast<ULONG64*>(AllocatePool(bytes)));
-    const PoolPtr<ULONG64> other(static_cast<ULONG64*>(AllocatePool(bytes)));
-    if (!ranges || !other) return STATUS_INSUFFICIENT_RESOURCES;
-    SortBySector(ranges.Get(), other.Get(), PackRanges(volume, ranges.Get()));
+    const PoolPtr<ULONG64> ranges = SortedSwapRanges(volume, SWAP_RANGES::All, count);
+    if (!ranges) return STATUS_INSUFFICIENT_RESOURCES;
     return HasOverlap(ranges.Get(), count) ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
 }
 

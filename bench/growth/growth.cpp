@@ -56,12 +56,13 @@ double LongestWait(Computer& computer, const Offsets& places, const Step& step) 
 
 void PrintSave(Computer& computer, const Offsets& places, const char* save, const char* pause) {
     std::vector<double> saves, pauses;
-    for (int i = 0; i < 3; ++i) {
+    for (int i = 0; i < 5; ++i) {
         saves.push_back(SaveMap(computer.Record()));
         pauses.push_back(LongestWait(computer, places, [&] { SaveMap(computer.Record()); }));
     }
     Print(save, Median(saves) / kSecond);
-    Print(pause, Median(pauses) / kMillisecond);
+    // Of these the least: whatever else the computer does can only add to a wait on the clock.
+    Print(pause, *std::min_element(pauses.begin(), pauses.end()) / kMillisecond);
 }
 
 void PrintRequests(const char* name, const Case& measured) {
@@ -140,11 +141,14 @@ void Measure(ULONG chunks) {
     std::vector<double> loads;
     for (int i = 0; i < 3; ++i) loads.push_back(LoadMap(volume, chunks));
     Print("load", Median(loads) / kSecond);
-    PrintGrowing(computer);
+    // Loaded and emptied in one order, the map finds the pool as a boot does; behind a growing one it would
+    // not.
     PrintBootAction(computer, "discard", PV_ACTION_DISCARD);
     computer.SwapChunks(true);
     SaveMap(volume);
     PrintBootAction(computer, "merge", PV_ACTION_MERGE);
+    computer.SwapChunks(true);
+    PrintGrowing(computer);
 }
 
 }  // namespace

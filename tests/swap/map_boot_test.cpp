@@ -1,5 +1,7 @@
 // The saved map at boot: where it lies, what is loaded from it, and what the boot action makes of it.
 #include "swap/map_boot.h"
+#include <algorithm>
+#include <numeric>
 #include <random>
 #include <set>
 #include "driver/record/hardening.h"
@@ -149,6 +151,33 @@ TEST_F(MapBoot, BootActionsAndStates) {
         EXPECT_EQ("", support::CheckMaps(volume));
     }
     volume->IsProtected = FALSE;
+}
+
+// So many that they are given up in the order of the swap, written in another; also while one allocation of the
+// boot fails.
+TEST_F(MapBoot, ManyRedirectionsAreGivenUpWhole) {
+    constexpr ULONG kMany = 300;
+    std::vector<LONGLONG> order(kMany);
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), std::mt19937(5));
+    for (ULONGLONG n = 0; n < 1400; n = n == 0 ? 590 : n + 1) {
+        SCOPED_TRACE(n);
+        SaveMap(0);
+        ForgetMaps();
+        for (ULONG i = 0; i < kMany; ++i) Redirect((1000 + 2 * i) * S, kSwap + order[i] * S, S);
+        Locate({{kMap / S, 4096}, {kMap / S + 8, 4096}});
+        WriteSwapMap(volume->FilterDevice, TRUE);
+        ForgetMapLocation(volume);
+        Rearm();
+        volume->BootAction = PV_ACTION_DISCARD;
+        KVR_DISCARD(Starved(n, [&] { return PreloadSwapMap(volume->FilterDevice); }), "looked at by its trees");
+        if (n == 0) {
+            EXPECT_EQ(FreeSpace(), (FreeList{{kSwap, kMany * S}}));
+        }
+        EXPECT_EQ("", support::CheckMaps(volume));
+        EXPECT_EQ(0u, Used());
+        EXPECT_TRUE(volume->SwapState == kSwapMapBad || Free() >= (kMany - 1) * S) << Free();
+    }
 }
 
 TEST_F(MapBoot, LoadedOnceByTheFirstWhoNeedsIt) {
