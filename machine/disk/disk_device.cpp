@@ -64,10 +64,9 @@ NTSTATUS DiskDevice::DispatchTransfer(PDEVICE_OBJECT device, PIRP irp) {
         return STATUS_PENDING;
     }
     ULONG_PTR information = 0;
-    const NTSTATUS status = disk.Transfer(irp, true, information);
+    const NTSTATUS status = disk.Transfer(irp, true, nullptr, information);
     if (status != STATUS_PENDING) return Complete(irp, status, information);
-    IoMarkIrpPending(irp);
-    HoldRead(irp, CarryOutHeld);
+    disk.Hold(irp);
     return STATUS_PENDING;
 }
 
@@ -89,7 +88,7 @@ NTSTATUS DiskDevice::DispatchSucceed(PDEVICE_OBJECT, PIRP irp) {
     return Complete(irp, STATUS_SUCCESS);
 }
 
-NTSTATUS DiskDevice::Transfer(PIRP irp, bool mayWait, ULONG_PTR& information) {
+NTSTATUS DiskDevice::Transfer(PIRP irp, bool mayWait, ReadUnderWay* begun, ULONG_PTR& information) {
     if (host::InjectFault(host::Fault::LowerIo)) return STATUS_IO_DEVICE_ERROR;
     const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
     if (location.MajorFunction == IRP_MJ_FLUSH_BUFFERS) return medium_->Flush();
@@ -101,6 +100,7 @@ NTSTATUS DiskDevice::Transfer(PIRP irp, bool mayWait, ULONG_PTR& information) {
     const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
     if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
     const NTSTATUS status = !read     ? medium_->Write(offset, buffer.Get(), length)
+                            : begun   ? begun->End(buffer.Get())
                             : mayWait ? medium_->ReadAtOnce(offset, buffer.Get(), length)
                                       : medium_->Read(offset, buffer.Get(), length);
     if (status == STATUS_PENDING) return status;
@@ -164,17 +164,25 @@ bool DiskDevice::Queue(PIRP irp) {
     return true;
 }
 
-void DiskDevice::CarryOut(PIRP irp) {
+void DiskDevice::CarryOut(PIRP irp, ReadUnderWay* begun) {
     ULONG_PTR information = 0;
-    const NTSTATUS status = Transfer(irp, false, information);
+    const NTSTATUS status = Transfer(irp, false, begun, information);
     // As after an interrupt: whoever waits above must cope with DISPATCH_LEVEL.
     const KIRQL before = host::SetIrql(DISPATCH_LEVEL);
     Complete(irp, status, information);
     host::SetIrql(before);
 }
 
-void DiskDevice::CarryOutHeld(PIRP irp) {
-    Of(IoGetCurrentIrpStackLocation(irp)->DeviceObject).CarryOut(irp);
+void DiskDevice::Hold(PIRP irp) {
+    const auto& read = IoGetCurrentIrpStackLocation(irp)->Parameters.Read;
+    const auto offset = static_cast<std::uint64_t>(read.ByteOffset.QuadPart);
+    IoMarkIrpPending(irp);
+    HoldRead(irp, CarryOutHeld, medium_->BeginRead(offset, read.Length).release());
+}
+
+void DiskDevice::CarryOutHeld(PIRP irp, void* context) {
+    const std::unique_ptr<ReadUnderWay> begun(static_cast<ReadUnderWay*>(context));
+    Of(IoGetCurrentIrpStackLocation(irp)->DeviceObject).CarryOut(irp, begun.get());
 }
 
 void DiskDevice::Work() {

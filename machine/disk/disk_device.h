@@ -61,10 +61,11 @@ private:
     static DiskDevice& Of(PDEVICE_OBJECT device);
 
     bool Queue(PIRP irp);
-    void CarryOut(PIRP irp);
-    static void CarryOutHeld(PIRP irp);
-    // STATUS_PENDING only for a read that `mayWait`, for its medium.
-    NTSTATUS Transfer(PIRP irp, bool mayWait, ULONG_PTR& information);
+    void Hold(PIRP irp);
+    static void CarryOutHeld(PIRP irp, void* context);
+    void CarryOut(PIRP irp, ReadUnderWay* begun = nullptr);
+    // STATUS_PENDING only for a read that `mayWait`, for its medium; `begun`: it has, for this one.
+    NTSTATUS Transfer(PIRP irp, bool mayWait, ReadUnderWay* begun, ULONG_PTR& information);
     NTSTATUS Control(PIRP irp, ULONG_PTR& information);
     NTSTATUS Trim(PIRP irp);
     void Work();

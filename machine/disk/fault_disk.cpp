@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <mutex>
 #include <utility>
+#include "platform/host/check/host_memory.h"
 #include "platform/owners.h"
 
 namespace machine {
@@ -40,6 +41,24 @@ void PowerSwitch::Restore() {
     cut_.store(false, std::memory_order_release);
 }
 
+namespace {
+
+// One that the power may leave.
+class FaultRead final : public ReadUnderWay {
+public:
+    FaultRead(std::unique_ptr<ReadUnderWay> read, const PowerSwitch& power)
+        : read_(std::move(read)), power_(power) {}
+    NTSTATUS End(void* buffer) override {
+        return power_.IsCut() ? STATUS_DEVICE_POWERED_OFF : read_->End(buffer);
+    }
+
+private:
+    const std::unique_ptr<ReadUnderWay> read_;
+    const PowerSwitch& power_;
+};
+
+}  // namespace
+
 FaultDisk::FaultDisk(std::shared_ptr<Disk> disk, std::shared_ptr<PowerSwitch> power)
     : disk_(std::move(disk)), power_(std::move(power)) {}
 
@@ -49,6 +68,15 @@ NTSTATUS FaultDisk::Read(std::uint64_t offset, void* buffer, std::size_t length)
 
 NTSTATUS FaultDisk::ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) {
     return power_->IsCut() ? STATUS_DEVICE_POWERED_OFF : disk_->ReadAtOnce(offset, buffer, length);
+}
+
+std::unique_ptr<ReadUnderWay> FaultDisk::BeginRead(std::uint64_t offset, std::size_t length) {
+    if (power_->IsCut()) return nullptr;
+    std::unique_ptr<ReadUnderWay> read = disk_->BeginRead(offset, length);
+    if (read == nullptr) return nullptr;
+    return host::WithinMemory(std::unique_ptr<ReadUnderWay>(), [&]() -> std::unique_ptr<ReadUnderWay> {
+        return std::make_unique<FaultRead>(std::move(read), *power_);
+    });
 }
 
 NTSTATUS FaultDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {

@@ -53,6 +53,7 @@ public:
     std::uint32_t SectorSize() const override { return disk_->SectorSize(); }
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) override;
+    std::unique_ptr<ReadUnderWay> BeginRead(std::uint64_t offset, std::size_t length) override;
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
 

@@ -5,8 +5,8 @@
 
 namespace machine {
 
-// For a read that was marked pending and is the caller's to complete. `carryOut` gets it, exactly once, at the
-// IRQL of a wait and on this thread, before that thread sleeps.
-void HoldRead(PIRP irp, void (*carryOut)(PIRP irp));
+// For a read that was marked pending and is the caller's to complete. `carryOut` gets it with the context,
+// exactly once, at the IRQL of a wait and on this thread, before that thread sleeps.
+void HoldRead(PIRP irp, void (*carryOut)(PIRP irp, void* context), void* context);
 
 }  // namespace machine

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 #include "machine/disk/remote_link.h"
+#include "platform/owners.h"
 
 namespace machine {
 namespace {
@@ -45,6 +46,32 @@ NTSTATUS Guarded(const Work& work) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
 }
+
+// In parts that the server takes, all of them under way.
+class RemoteRead final : public ReadUnderWay {
+public:
+    RemoteRead(RemoteLink& link, std::uint64_t offset, std::size_t length) : link_(link) {
+        for (std::size_t done = 0, part = 0; done < length; done += part) {
+            part = std::min<std::size_t>(length - done, link.MostBytes());
+            parts_.push_back(link.Begin(Kind::Read, {offset + done, std::vector<std::uint8_t>(part)}));
+        }
+    }
+    NTSTATUS End(void* buffer) override {
+        auto* bytes = static_cast<std::uint8_t*>(buffer);
+        for (const auto& part : parts_) {
+            RemoteLink::Chunk chunk;
+            const NTSTATUS status = link_.End(*part, chunk);
+            if (!NT_SUCCESS(status)) return status;
+            std::memcpy(bytes, chunk.bytes.data(), chunk.bytes.size());
+            bytes += chunk.bytes.size();
+        }
+        return STATUS_SUCCESS;
+    }
+
+private:
+    RemoteLink& link_;
+    std::vector<std::shared_ptr<RemoteLink::Request>> parts_;
+};
 
 }  // namespace
 
@@ -90,17 +117,17 @@ NTSTATUS RemoteDisk::Result(NTSTATUS status) {
 }
 
 NTSTATUS RemoteDisk::Read(std::uint64_t offset, void* buffer, std::size_t length) {
-    auto* bytes = static_cast<std::uint8_t*>(buffer);
-    return Guarded([&] {
-        for (std::size_t done = 0, part = 0; done < length; done += part) {
-            part = std::min<std::size_t>(length - done, link_->MostBytes());
-            RemoteLink::Chunk chunk{offset + done, std::vector<std::uint8_t>(part)};
-            const NTSTATUS status = link_->Carry(Kind::Read, chunk);
-            if (!NT_SUCCESS(status)) return status;
-            std::memcpy(bytes + done, chunk.bytes.data(), part);
-        }
-        return STATUS_SUCCESS;
-    });
+    return Guarded([&] { return RemoteRead(*link_, offset, length).End(buffer); });
+}
+
+std::unique_ptr<ReadUnderWay> RemoteDisk::BeginRead(std::uint64_t offset, std::size_t length) {
+    std::unique_ptr<ReadUnderWay> read;
+    KVR_DISCARD(Guarded([&] {
+                    read = std::make_unique<RemoteRead>(*link_, offset, length);
+                    return STATUS_SUCCESS;
+                }),
+                "Read meets the same want");
+    return read;
 }
 
 NTSTATUS RemoteDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
@@ -110,7 +137,7 @@ NTSTATUS RemoteDisk::Write(std::uint64_t offset, const void* buffer, std::size_t
         for (std::size_t done = 0, part = 0; done < length && NT_SUCCESS(status); done += part) {
             part = std::min<std::size_t>(length - done, link_->MostBytes());
             RemoteLink::Chunk chunk{offset + done, {bytes + done, bytes + done + part}};
-            status = Result(link_->Carry(Kind::Write, chunk));
+            status = Result(link_->Carry(Kind::Write, std::move(chunk)));
         }
         return status;
     });
@@ -118,10 +145,7 @@ NTSTATUS RemoteDisk::Write(std::uint64_t offset, const void* buffer, std::size_t
 
 NTSTATUS RemoteDisk::Flush() {
     if (!link_->Flushes()) return STATUS_SUCCESS;
-    return Guarded([&] {
-        RemoteLink::Chunk none;
-        return Result(link_->Carry(Kind::Flush, none));
-    });
+    return Guarded([&] { return Result(link_->Carry(Kind::Flush, {})); });
 }
 
 }  // namespace machine

@@ -41,6 +41,9 @@ public:
     std::uint64_t Size() const override { return size_; }
     std::uint32_t SectorSize() const override { return sectorSize_; }
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
+    // Never ready: each read goes to the server.
+    [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t, void*, std::size_t) override { return STATUS_PENDING; }
+    std::unique_ptr<ReadUnderWay> BeginRead(std::uint64_t offset, std::size_t length) override;
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
 

@@ -35,7 +35,7 @@ RemoteLink::~RemoteLink() {
     thread_.join();
 }
 
-NTSTATUS RemoteLink::Carry(Kind kind, Chunk& chunk) {
+std::shared_ptr<RemoteLink::Request> RemoteLink::Begin(Kind kind, Chunk chunk) {
     auto request = std::make_shared<Request>();
     request->link = this;
     request->kind = kind;
@@ -43,15 +43,26 @@ NTSTATUS RemoteLink::Carry(Kind kind, Chunk& chunk) {
     request->length = chunk.bytes.size();
     request->chunk.push_back(std::move(chunk));
     Requests node{request};
-    std::unique_lock hold(lock_);
+    const std::lock_guard hold(lock_);
     if (!thread_.joinable()) thread_ = std::thread([this] { Run(); });
     // Who has waited long once is not to wait as long again for a disk that is gone.
     request->deadline = Clock::now() + (silent_ ? patience_ / 10 : patience_);
     requests_.splice(requests_.end(), node);
     eventfd_write(wake_.Get(), 1);
-    done_.wait(hold, [&] { return request->done; });
-    if (request->status == STATUS_SUCCESS && kind == Kind::Read) chunk = std::move(request->chunk.front());
-    return request->status;
+    return request;
+}
+
+NTSTATUS RemoteLink::End(Request& request, Chunk& chunk) {
+    std::unique_lock hold(lock_);
+    done_.wait(hold, [&] { return request.done; });
+    if (request.status == STATUS_SUCCESS && request.kind == Kind::Read)
+        chunk = std::move(request.chunk.front());
+    return request.status;
+}
+
+NTSTATUS RemoteLink::Carry(Kind kind, Chunk chunk) {
+    const std::shared_ptr<Request> request = Begin(kind, std::move(chunk));
+    return End(*request, chunk);
 }
 
 bool RemoteLink::WantsFlush() {

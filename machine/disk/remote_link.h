@@ -23,6 +23,7 @@ public:
         std::vector<std::uint8_t> bytes;
     };
     using Clock = std::chrono::steady_clock;
+    struct Request;
 
     // Takes a server that is ready.
     RemoteLink(std::unique_ptr<RemoteServer> server, std::chrono::milliseconds patience);
@@ -30,9 +31,12 @@ public:
     RemoteLink(const RemoteLink&) = delete;
     RemoteLink& operator=(const RemoteLink&) = delete;
 
-    // Carries one request out and waits for its end. A read leaves its data in the chunk. STATUS_DISK_FULL when
-    // the server has no room. May throw std::bad_alloc and std::system_error, and then has done nothing.
-    NTSTATUS Carry(Kind kind, Chunk& chunk);
+    // Begins one request. May throw std::bad_alloc and std::system_error, and then has done nothing.
+    std::shared_ptr<Request> Begin(Kind kind, Chunk chunk);
+    // Waits for its end, at most once. A read's data is in the chunk. STATUS_DISK_FULL when the server has no
+    // room. A request whose end nobody waits for is carried out all the same.
+    NTSTATUS End(Request& request, Chunk& chunk);
+    NTSTATUS Carry(Kind kind, Chunk chunk);  // both
     // So much is answered and not flushed that it is time to flush.
     bool WantsFlush();
     std::uint32_t MostBytes() const { return facts_.mostBytes; }  // of one request
@@ -40,20 +44,6 @@ public:
 
 private:
     enum class Phase { Down, Connecting, Replaying, Up };
-    struct Request {
-        RemoteLink* link;
-        Kind kind;
-        std::list<Chunk> chunk;  // one; a write's goes over to the unflushed ones when it is answered
-        std::uint64_t offset, length;
-        Clock::time_point deadline;
-        bool sent = false;  // and not answered by the connection that there is
-        bool done = false;  // the caller has its status; one that is sent and done waited too long
-        NTSTATUS status = STATUS_SUCCESS;
-        std::uint64_t flushes = 0;  // a flush: how many unflushed writes had been answered when it was sent
-        bool Overlaps(const Request& other) const {
-            return offset < other.offset + other.length && other.offset < offset + length;
-        }
-    };
     using Requests = std::list<std::shared_ptr<Request>>;
 
     // On the thread, under lock_.
@@ -98,6 +88,21 @@ private:
     std::list<Chunk>::iterator replay_;
     unsigned replaying_ = 0;  // under way
     bool replayFailed_ = false;
+};
+
+struct RemoteLink::Request {
+    RemoteLink* link;
+    Kind kind;
+    std::list<Chunk> chunk;  // one; a write's goes over to the unflushed ones when it is answered
+    std::uint64_t offset, length;
+    Clock::time_point deadline;
+    bool sent = false;  // and not answered by the connection that there is
+    bool done = false;  // the caller has its status; one that is sent and done waited too long
+    NTSTATUS status = STATUS_SUCCESS;
+    std::uint64_t flushes = 0;  // a flush: how many unflushed writes had been answered when it was sent
+    bool Overlaps(const Request& other) const {
+        return offset < other.offset + other.length && other.offset < offset + length;
+    }
 };
 
 }  // namespace machine

@@ -15,7 +15,8 @@ using namespace machine;
 
 constexpr std::uint32_t kSector = 512;
 
-// Each sector holds its number. What was not fetched has to be waited for; 'f' and 'r' tell when.
+// Each sector holds its number. What was not fetched has to be waited for; 'f' and 'r' tell when, 'b' and 'e'
+// where the medium begins reads itself.
 class SlowDisk final : public Disk {
 public:
     std::uint64_t Size() const override { return 64 * kSector; }
@@ -30,13 +31,31 @@ public:
         Note('f', offset);
         return STATUS_PENDING;
     }
+    std::unique_ptr<ReadUnderWay> BeginRead(std::uint64_t offset, std::size_t length) override {
+        if (!begins) return nullptr;
+        Note('b', offset);
+        return std::make_unique<Begun>(*this, offset, length);
+    }
     NTSTATUS Write(std::uint64_t, const void*, std::size_t) override { return STATUS_SUCCESS; }
     NTSTATUS Flush() override { return STATUS_SUCCESS; }
 
     std::string seen;
     std::uint64_t bad = ~0ull;
+    bool begins = false;
 
 private:
+    struct Begun final : ReadUnderWay {
+        Begun(SlowDisk& disk, std::uint64_t offset, std::size_t length)
+            : disk(disk), offset(offset), length(length) {}
+        NTSTATUS End(void* buffer) override {
+            disk.Note('e', offset);
+            std::memset(buffer, static_cast<int>(offset / kSector), length);
+            return STATUS_SUCCESS;
+        }
+        SlowDisk& disk;
+        const std::uint64_t offset;
+        const std::size_t length;
+    };
     void Note(char what, std::uint64_t offset) {
         seen += what + std::to_string(offset / kSector) + " ";
         EXPECT_GE(APC_LEVEL, KeGetCurrentIrql());
@@ -97,9 +116,14 @@ TEST_F(SlowDevice, WhoDoesNotWaitIsAnsweredToo) {
 
 TEST_F(SlowDevice, WhatIsUnderWayWhenThePowerGoesFails) {
     Begin(0, 1);
+    medium_->begins = true;
+    Begin(1, 2);
+    Begin(2, 3);
+    EXPECT_EQ(STATUS_SUCCESS, EndTransfer(&transfers_[1]));
+    EXPECT_EQ(2, data_[1][kSector - 1]);
     machine_.Power().Cut();
-    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, EndTransfer(&transfers_[0]));
-    EXPECT_EQ("f1 ", medium_->seen);
+    EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, EndTransfer(&transfers_[2]));
+    EXPECT_EQ("f1 f2 b2 f3 b3 r1 e2 ", medium_->seen);
 }
 
 // What the host's memory holds is read at once, the rest later or at once, as the file system can.

@@ -161,6 +161,33 @@ TEST_F(Remote, ADiskThatIsGoneIsAnErrorInTimeAndComesBack) {
     EXPECT_EQ(Fill(*disk, 0, 6), STATUS_IO_DEVICE_ERROR);
 }
 
+// Of a server that takes its time, dies and comes back.
+TEST_F(Remote, ReadsThatAreBegunAreUnderWayTogether) {
+    const std::vector<std::string> slow = {"--filter=delay", "file", file, "rdelay=300ms"};
+    Start(slow);
+    const auto disk = Open();
+    ASSERT_NE(disk, nullptr) << error;
+    std::vector<std::unique_ptr<machine::ReadUnderWay>> reads;
+    for (std::uint8_t i = 0; i < 8; ++i) EXPECT_EQ(Fill(*disk, i * kBlock, i), STATUS_SUCCESS);
+    for (const bool dies : {false, true}) {
+        const auto before = std::chrono::steady_clock::now();
+        for (std::uint64_t i = 0; i < 8; ++i) reads.push_back(disk->BeginRead(i * kBlock, kBlock));
+        if (dies) {
+            std::this_thread::sleep_for(100ms);
+            Kill();
+            Start(slow);
+        }
+        reads[7].reset();
+        for (std::uint8_t i = 0; i < 7; ++i) {
+            std::vector<std::uint8_t> block(kBlock);
+            EXPECT_EQ(reads[i]->End(block.data()), STATUS_SUCCESS);
+            EXPECT_EQ(block, std::vector<std::uint8_t>(kBlock, i));
+        }
+        EXPECT_LT(std::chrono::steady_clock::now() - before, 1900ms);
+        reads.clear();
+    }
+}
+
 TEST_F(Remote, TheServersErrorsAreTheDisks) {
     Start({"--filter=error", "file", file, "error=ENOSPC", "error-pwrite-rate=100%"});
     const auto disk = Open();
