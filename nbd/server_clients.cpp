@@ -148,7 +148,8 @@ NTSTATUS Server::Transfer(const Connection& connection, Action action, std::uint
         return on_ ? STATUS_NO_SUCH_DEVICE : STATUS_DEVICE_POWERED_OFF;
     if (offset > size || length > size - offset) return STATUS_INVALID_PARAMETER;
     const bool isWrite = action == Action::Write || action == Action::Zero;
-    if (isWrite && !connection.hasWritten.exchange(true)) NoteWriter(connection);
+    // Looked at first: to store is to take the word from every other thread.
+    if (isWrite && !connection.hasWritten && !connection.hasWritten.exchange(true)) NoteWriter(connection);
     const NTSTATUS status = Carry(*connection.disk, action, start + offset, length, buffer);
     // A virtual machine that hears of a full disk waits until there is room; any other failure it takes for a
     // broken disk.

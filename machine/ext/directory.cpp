@@ -153,7 +153,7 @@ NTSTATUS ExtFormat::Create(const FileLink& link, bool directory, ULONG attribute
 }
 
 NTSTATUS ExtFormat::CreateFile(const FileLink& link, ULONG attributes, FileId& id) {
-    static thread_local std::random_device random;
+    std::random_device random;
     const std::uint32_t parent = InodeOf(link.parent);
     const std::string name = posix::ToUtf8(link.name);
     std::uint32_t inode = 0;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "platform/host/sync/host_lock.h"
@@ -180,7 +182,28 @@ struct ThreadMemory {
         }
     }
 };
-thread_local ThreadMemory gThreadMemory;
+// Behind a pointer: of a thread's own storage a library that is loaded late gets only a little.
+constinit thread_local ThreadMemory* gThreadMemory = nullptr;
+
+struct ThreadEnd {
+    ~ThreadEnd() { delete std::exchange(gThreadMemory, nullptr); }
+};
+
+// Null when the host has no memory. What a thread makes after its end has begun stays with the process.
+ThreadMemory* OwnMemory() {
+    if (gThreadMemory != nullptr) return gThreadMemory;
+    gThreadMemory = new (std::nothrow) ThreadMemory;
+    static thread_local ThreadEnd end;
+    return gThreadMemory;
+}
+
+void GiveShared(const SizeClass& size, void* memory) {
+    Shared& shared = TheShared();
+    const HostGuard guard(shared.lock);
+    auto* block = static_cast<FreeBlock*>(memory);
+    block->next = shared.lists[size.index];
+    shared.lists[size.index] = block;
+}
 
 // Buffers of large transfers. The allocator would give their pages back to the host at once, and every transfer
 // would have the host clear and map them again.
@@ -236,23 +259,25 @@ void GiveLarge(void* memory, SIZE_T bytes) {
 void* TakePoolMemory(SIZE_T bytes) {
     if (bytes > kLargestListed) return TakeLarge(bytes);
     const SizeClass size = ClassOf(bytes);
-    ThreadMemory& own = gThreadMemory;
-    ThreadMemory::List& list = own.lists[size.index];
+    ThreadMemory* const own = OwnMemory();
+    if (own == nullptr) return nullptr;
+    ThreadMemory::List& list = own->lists[size.index];
     if (FreeBlock* block = list.first) {
         list.first = block->next;
         list.bytes -= size.bytes;
         return block;
     }
-    if (void* memory = own.Cut(size.bytes)) return memory;
-    return own.TakeShared(size);
+    if (void* memory = own->Cut(size.bytes)) return memory;
+    return own->TakeShared(size);
 }
 
 void GivePoolMemory(void* memory, SIZE_T bytes) {
     if (bytes > kLargestListed) return GiveLarge(memory, bytes);
     const SizeClass size = ClassOf(bytes);
-    ThreadMemory& own = gThreadMemory;
-    own.Put(size, memory);
-    if (own.lists[size.index].bytes > kListBytes) own.Shrink(size);
+    ThreadMemory* const own = OwnMemory();
+    if (own == nullptr) return GiveShared(size, memory);
+    own->Put(size, memory);
+    if (own->lists[size.index].bytes > kListBytes) own->Shrink(size);
 }
 
 #endif
