@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """A machine on disks of other servers: a qcow2 file by qemu-nbd, and nbdkit with TLS. Protected work leaves the qcow2
 file's disk as it was; a client's FUA reaches the remote server as a flush; a server's failing writes are errors and the
-machine goes on. (Servers that die under load are the disk's own test's.)"""
+machine goes on; a read's runs are under way together. (Servers that die under load are the disk's own test's.)"""
 import os
 import sys
 
@@ -77,6 +77,34 @@ def with_tls(given, build):
     run("qemu-io", "-f", "raw", "-c", f"read -P 8 {180 * MIB} 64k", disk)
 
 
+def under_way(log):
+    """The most reads that the server of this log had begun and not ended."""
+    now = most = 0
+    for line in log.read_text().splitlines():
+        now += (" Read " in line) - ("...Read " in line)
+        most = max(most, now)
+    return most
+
+
+def in_pieces(given, build):
+    """A range that was written in pieces, in an order of their own, lies as scattered on a slow disk."""
+    log, socket, pidfile = (given.scratch / name for name in ("slow.log", "slow.sock", "slow.pid"))
+    disk = Machine(given, build, "--size", str(SIZE), name="of the slow").image
+    given.start("nbdkit", "--foreground", "--pidfile", pidfile, "--unix", socket, "--filter=log", "--filter=delay", "file",
+                disk, f"logfile={log}", "rdelay=2ms")
+    wait_until(pidfile.exists, "the remote server is ready")
+    pc = Machine(given, build, "--disk", f"nbd+unix:///?socket={socket}", name="slow")
+    pc.serve()
+    pc.protect(str(SWAP))
+    places = {180 * MIB + 4096 * piece: piece % 250 + 1 for piece in ((37 * i) % 64 for i in range(64))}
+    run("qemu-io", "-f", "raw", *(word for at, byte in places.items() for word in ("-c", f"write -P {byte} {at} 4k")), pc.uri())
+    log.write_text("")
+    run("qemu-io", "-f", "raw", "-c", f"read {180 * MIB} 256k", pc.uri())
+    require(under_way(log) >= 4, f"at most {under_way(log)} runs of a read are under way at once")
+    run("qemu-io", "-f", "raw", *(word for at, byte in places.items() for word in ("-c", f"read -P {byte} {at} 4k")), pc.uri())
+    pc.stop()
+
+
 def body(given):
     proof.need_program("qemu-nbd", "qemu-io", "qemu-img", "openssl", "nbdkit")
     os.environ["XDG_STATE_HOME"] = str(given.scratch / "state")
@@ -84,6 +112,8 @@ def body(given):
     on_qcow2(given, sys.argv[1])
     say("nbdkit with TLS")
     with_tls(given, sys.argv[1])
+    say("a slow server")
+    in_pieces(given, sys.argv[1])
 
 
 proof.main(body, seconds=90)
