@@ -677,15 +677,4 @@ TEST_F(Requests, AChangedMediumLosesItsRedirections) {
     }
 }
 
-TEST_F(Requests, NoneIsServedByARecordThatIsLeaving) {
-    FilteredStack& stack = AddMemory({.name = u"\\Device\\Leaving"}).stack;
-    ASSERT_EQ(STATUS_SUCCESS, IoAcquireRemoveLock(&stack.volume->RemoveLock, this));
-    IoReleaseRemoveLockAndWait(&stack.volume->RemoveLock, this);
-    Bytes data(S);
-    for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_FLUSH_BUFFERS})
-        EXPECT_EQ(STATUS_DELETE_PENDING, Send(stack.volume, major, kAt, data).status);
-    EXPECT_EQ(STATUS_DELETE_PENDING, stack.Control(IOCTL_DISK_GET_LENGTH_INFO));
-    IoInitializeRemoveLock(&stack.volume->RemoveLock, kPoolTag, 0, 0);
-}
-
 }  // namespace

@@ -26,24 +26,6 @@ protected:
     SWAP_FILE* swapFile = nullptr;
 };
 
-TEST_F(WriteCache, FlushWritesTheQueueInItsOrder) {
-    EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
-    EXPECT_TRUE(IsWriteCacheEmpty(nullptr));
-    Queue(0, 0x10000, 1);
-    Queue(0x8000, 0x1000, 2);
-    Queue(0x8800, 0x200, 3);
-    volume->SwapFile = nullptr;
-    EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume)) << "no storage, nothing to do";
-    volume->SwapFile = swapFile;
-    EXPECT_FALSE(IsWriteCacheEmpty(swapFile));
-    EXPECT_EQ(STATUS_SUCCESS, FlushWriteCache(volume));
-    EXPECT_TRUE(IsWriteCacheEmpty(swapFile));
-    EXPECT_EQ(Bytes(0x8000, 1), Read(0, 0x8000));
-    EXPECT_EQ(Bytes(0x800, 2), Read(0x8000, 0x800));
-    EXPECT_EQ(Bytes(0x200, 3), Read(0x8800, 0x200));
-    EXPECT_TRUE(Holds(0, Bytes(0x10000, 0))) << "the volume's own sectors";
-}
-
 TEST_F(WriteCache, EntryTooLargeStopsTheFlushAndStaysFirst) {
     const ULONG large = 0xA00000;
     Queue(0, 0x1000, 1);

@@ -98,25 +98,6 @@ TEST_F(ChunkMaps, AFileNameIsLookedAtWithoutTheLock) {
     EXPECT_EQ(0, name.locksHeld);
 }
 
-TEST_F(ChunkMaps, CommitKeepsWhatAnotherWriteHasRedirectedMeanwhile) {
-    Redirect(100 * S, 7000 * S, 4 * S, 1);
-    Redirect(110 * S, 7100 * S, 2 * S);
-    // [98, 120) over both, its own space from 8000 on: three stretches are new, two come back.
-    Redirect(98 * S, 8000 * S, 22 * S);
-    EXPECT_EQ(Swapped(), (std::vector<Piece>{{98 * S, 8000 * S, 2 * S},
-                                             {100 * S, 7000 * S, 4 * S},
-                                             {104 * S, 8006 * S, 6 * S},
-                                             {110 * S, 7100 * S, 2 * S},
-                                             {112 * S, 8014 * S, 8 * S}}));
-    EXPECT_EQ(FreeSpace(), (FreeList{{8002 * S, 4 * S}, {8012 * S, 2 * S}}));
-    Redirect(101 * S, 9000 * S, 2 * S);  // wholly inside: all of it comes back
-    Redirect(119 * S, 9100 * S, 2 * S);  // over an end
-    EXPECT_EQ(Swapped().size(), 6u);
-    EXPECT_EQ(Swapped().back(), (Piece{120 * S, 9101 * S, S}));
-    EXPECT_EQ(Used(), 23u * S);
-    EXPECT_EQ(Free(), 9u * S);
-}
-
 TEST_F(ChunkMaps, AggregationMergesUpToABlockOrNothing) {
     const auto aggregate = [&] {
         FastMutexLock lock(volume->SwapLock);

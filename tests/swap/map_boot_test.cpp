@@ -441,20 +441,4 @@ TEST_F(MapBoot, AMergeOverTheStorageItselfIsNotMade) {
     }
 }
 
-// A range that cannot be copied is given up like the others.
-TEST_F(MapBoot, MergeThatFailsKeepsTheVolumesOwnSectors) {
-    for (const bool isWrite : {false, true}) {
-        SaveMap();
-        volume->BootAction = PV_ACTION_MERGE;
-        device->verdict = [=](const StackMemory::Transfer& t) {
-            return t.isWrite == isWrite && t.offset == (isWrite ? LONGLONG{100 * S} : kSwap)
-                       ? STATUS_IO_DEVICE_ERROR
-                       : STATUS_SUCCESS;
-        };
-        EnsureSwapMapLoaded(volume);
-        EXPECT_EQ(0u, Used());
-        EXPECT_EQ(m_before, OnDisk(100 * S, kUsed));
-    }
-}
-
 }  // namespace
