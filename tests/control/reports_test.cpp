@@ -50,8 +50,10 @@ TEST_F(Reports, VolumesInTheOrderTheyCame) {
     EXPECT_EQ(0u, Removable(131).size());
     for (const ULONG code : {IOCTL_KVR_GET_FIXED_VOLUMES, IOCTL_KVR_GET_REMOVABLE_VOLUMES}) {
         IO_STATUS_BLOCK iosb{};
+        iosb.Information = 77;
         EXPECT_EQ(STATUS_INVALID_PARAMETER,
                   ControlDeviceIoControl(gControlDevice, nullptr, 0, nullptr, 160, code, &iosb));
+        EXPECT_EQ(0u, iosb.Information);
         UCHAR input = 0;  // the one buffer is there, with no room for an answer
         EXPECT_EQ(STATUS_INVALID_PARAMETER,
                   ControlDeviceIoControl(gControlDevice, &input, 1, &input, 0, code, &iosb));

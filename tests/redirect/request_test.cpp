@@ -653,7 +653,15 @@ TEST_F(Requests, WhenTheFilesAreHeld) {
     volume->ArmThreadStarting = 1;  // another request is at it
     Ask(volume, IRP_MJ_READ);
     EXPECT_EQ(0u, gate.Held());
-    EXPECT_EQ(1, volume->ArmThreadStarting.load());
+    EXPECT_EQ(1, volume->ArmThreadStarting.exchange(0));
+    Ask(volume, IRP_MJ_READ);
+    EXPECT_TRUE(volume->StorageToHold);
+    volume->MapLocation = &run;
+    gate.ReleaseAll();
+    host::JoinSystemThreads();
+    EXPECT_FALSE(volume->StorageToHold) << "the thread found a location after all";
+    volume->MapLocation = nullptr;
+    KernelHandle(volume->ArmThreadHandle.exchange(nullptr)).Reset();
 }
 
 // What was redirected belonged to the medium that is gone.

@@ -111,10 +111,11 @@ private:
             const std::lock_guard guard(m_lock);
             ++m_arrived[{major, control ? code : location->MinorFunction}];
         }
-        if (control && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS && tellsExtents) return TellExtents(irp);
-        if (control && code == IOCTL_STORAGE_GET_DEVICE_NUMBER && diskNumber != kUnknownDisk)
+        const bool asks = major == IRP_MJ_DEVICE_CONTROL;  // what is internal is answered by nobody
+        if (asks && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS && tellsExtents) return TellExtents(irp);
+        if (asks && code == IOCTL_STORAGE_GET_DEVICE_NUMBER && diskNumber != kUnknownDisk)
             return Tell(irp, STORAGE_DEVICE_NUMBER{FILE_DEVICE_DISK, diskNumber, 0});
-        if (control && code == IOCTL_DISK_GET_LENGTH_INFO && bytes != 0)
+        if (asks && code == IOCTL_DISK_GET_LENGTH_INFO && bytes != 0)
             return Tell(irp, LARGE_INTEGER{.QuadPart = bytes});
         return answer ? answer(irp, location) : stub::Complete(irp, STATUS_SUCCESS);
     }

@@ -248,6 +248,22 @@ private:
     std::atomic<int> m_came{0};
 };
 
+TEST_F(SectorIo, ATransferIsWaitedForThoughItsEventTellsOfAnother) {
+    const auto answer = device->stack.answer;
+    KEVENT event;
+    KeInitializeEvent(&event, NotificationEvent, TRUE);
+    IO_STATUS_BLOCK block{};
+    const LARGE_INTEGER at = Large(100 * S);
+    Bytes data(S);
+    HeldTransfers held(*device);
+    std::thread ends([&] { held.End(held.Take(1)[0]); });
+    EXPECT_EQ(STATUS_SUCCESS,
+              TransferSectors(IRP_MJ_READ, volume->Target, data.data(), S, &at, &block, &event));
+    EXPECT_EQ(S, block.Information);
+    ends.join();
+    device->stack.answer = answer;
+}
+
 // Above a device that takes its time a request has 32 of its runs under way, whichever ends first; the list's
 // first failure is the request's, and nothing begins once one is known.
 TEST_F(SectorIo, RunsAreUnderWayTogether) {
