@@ -126,6 +126,29 @@ TEST(Prove, StartsTheProgramInTheCopyAlone) {
     }
 }
 
+// The boot loader writes there before any driver is loaded, wherever the folder of Windows lies.
+TEST(Prove, LeavesOutWhatTheBootLoaderNotes) {
+    const TestFolder folder;
+    const std::string mark = "what the boot loader noted";
+    Bytes status(8192, 1);
+    std::copy(mark.begin(), mark.end(), status.begin());
+    const std::string image =
+        Make(folder, {.folders = {"/Other", "/Other/W", "/Other/W/System32", "/Other/W/System32/config",
+                                  "/Other/W/System32/drivers"},
+                      .further = {{"/Other/W/System32/config/SYSTEM",
+                                   hive_maker::Maker::Make(SystemHive(), hive_maker::Lists::Lh)},
+                                  {"/Other/W/bootstat.dat", status}}});
+    const auto bytes = TestFolder::Bytes(image);
+    const auto at = std::search(bytes.begin(), bytes.end(), mark.begin(), mark.end()) - bytes.begin();
+    setenv("KVR_STAND_IN", "lies:4", 1);
+    setenv("KVR_STAND_IN_AT", std::to_string(at).c_str(), 1);
+    tool::ProveOptions options = Options(folder, image);
+    options.root = "Other\\W";
+    tool::Prove(options);
+    EXPECT_EQ(CountOf(Rows(folder), "PASS  the volume's own sectors are untouched"), 4u) << Rows(folder);
+    EXPECT_EQ(CountOf(Rows(folder), "FAIL  the volume's own sectors are untouched"), 0u);
+}
+
 TEST(Prove, SaysWhyItCannotBeGivenAndLeavesNothing) {
     const TestFolder folder;
     const std::string image = Make(folder, {});

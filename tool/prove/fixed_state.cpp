@@ -9,17 +9,18 @@ namespace tool {
 namespace {
 
 // Paging and hibernation pass protection, and the boot loader notes how a start went.
-constexpr const char* kFreeFiles[] = {"/pagefile.sys",         "/swapfile.sys", "/hiberfil.sys",
-                                      "/Windows/bootstat.dat", "/bootstat.dat", "/Boot/BCD",
-                                      "/Boot/bootstat.dat"};
+constexpr const char* kFreeFiles[] = {"/pagefile.sys", "/swapfile.sys", "/hiberfil.sys",
+                                      "/bootstat.dat", "/Boot/BCD",     "/Boot/bootstat.dat"};
+constexpr char kFreeInRoot[] = "/bootstat.dat";
 constexpr std::size_t kMostPlaces = 3;  // that are named
 
 const inspect::Progress kSilent = [](const char*, std::uint64_t, std::uint64_t) {};
 
 }  // namespace
 
-FixedState::FixedState(std::string image, std::uint64_t offset, std::uint64_t length)
-    : image_(std::move(image)) {
+FixedState::FixedState(std::string image, std::uint64_t offset, std::uint64_t length, std::string root)
+    : image_(std::move(image)), root_("/" + std::move(root)) {
+    std::replace(root_.begin(), root_.end(), '\\', '/');
     seal_.offset = offset;
     seal_.length = length;
 }
@@ -28,7 +29,9 @@ std::vector<inspect::Extent> FixedState::LeftOut(inspect::ImageWindow& window) c
     const auto table = inspect::FileTable::Open(window);
     if (table == nullptr) throw inspect::Error("the volume of Windows holds no file system any more");
     std::vector<inspect::Extent> extents = inspect::OwnExtents(*table, seal_.length);
-    for (const char* path : kFreeFiles) {
+    std::vector<std::string> free(std::begin(kFreeFiles), std::end(kFreeFiles));
+    free.push_back(root_ + kFreeInRoot);
+    for (const std::string& path : free) {
         inspect::FileRecord record;
         const auto id = table->Find(path);
         if (!id || !table->Read(*id, record)) continue;

@@ -8,8 +8,8 @@ namespace tool {
 
 class FixedState {
 public:
-    // Bytes on the disk image.
-    FixedState(std::string image, std::uint64_t offset, std::uint64_t length);
+    // Bytes on the disk image; `root` is the folder of Windows on the volume, its parts apart by backslashes.
+    FixedState(std::string image, std::uint64_t offset, std::uint64_t length, std::string root);
 
     // Takes what is there for the fixed state. Throws inspect::Error, as Changes() does.
     void Take();
@@ -20,7 +20,7 @@ public:
 private:
     std::vector<inspect::Extent> LeftOut(inspect::ImageWindow& window) const;
 
-    std::string image_;
+    std::string image_, root_;
     inspect::PartSeal seal_;
 };
 

@@ -138,7 +138,7 @@ public:
           answers_(folder.File("answers.raw"), options.storageBytes),
           emulator_({options.emulator, folder.Disk(), answers_.Path(), folder.Path(), options.bus,
                      IsEfi(options, copy), options.memory, options.withoutKvm}),
-          fixed_(folder.Disk(), copy.offset, copy.length) {
+          fixed_(folder.Disk(), copy.offset, copy.length, options.root) {
         if (!emulator_.IsAccelerated()) rows_.Note("without KVM: the processor is emulated, which is slow");
     }
 
