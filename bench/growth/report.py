@@ -9,7 +9,7 @@ LIMITS = [("boot", 10_000_000, 6, "s"), ("pause", 1_000_000, 50, "ms"), ("pause,
           ("pool per chunk", 1_000_000, 160, "bytes")]
 OTHERS = [("pause", "ms"), ("pause, written at random", "ms"), ("pool per chunk", "bytes")]
 SLACK = 1.5  # of a cost that grows as it should, between two sizes: caches that no longer hold a part of it
-ENOUGH = 10_000  # below that a map lies in the caches whole, above it does not: these are not compared
+SMALL, LARGE = 10_000, 1_000_000  # from where on requests, and the work on a whole map, are compared: below it lies in the caches
 
 
 def _number(value):
@@ -33,11 +33,11 @@ def table(by_size):
 
 def _growths(by_size):
     """Name, sizes, how much it grew, and how much it might."""
-    sizes = [size for size in by_size if size >= ENOUGH]
+    sizes = list(by_size)
     for small, large in zip(sizes, sizes[1:]):
-        for name in REQUESTS:
+        for name in REQUESTS if small >= SMALL else []:
             yield name, small, large, by_size[large][name] / by_size[small][name], log2(large) / log2(small)
-        for name, _ in WHOLE:
+        for name, _ in WHOLE if small >= LARGE else []:
             yield name, small, large, by_size[large][name] / by_size[small][name], large / small
 
 
