@@ -36,9 +36,9 @@ void RegisterRedirected(Computer& computer) {
 }
 
 // Cutting alone, against moving the data.
-void RegisterCutting(Computer& computer, const std::string& what, const Offsets& offsets) {
+void RegisterCutting(Computer& computer, const std::string& what, double target, const Offsets& offsets) {
     PVOLUME_EXTENSION volume = computer.Record();
-    Register({"cutting 1 MiB, " + what, 0.02,
+    Register({"cutting 1 MiB, " + what, target,
               FromMiddle(computer, computer.BareProtected(), IRP_MJ_READ, kMiB, offsets),
               [=](unsigned n) {
                   LARGE_INTEGER offset;
@@ -56,9 +56,9 @@ void RegisterLarge(Computer& computer) {
     const Offsets untouched = Shuffled(Places(places.UntouchedBegin(), kMiB, Layout::kUntouchedBytes / kMiB));
     const Offsets chunks = Shuffled(Places(places.LargeBegin(), 2 * kMiB, places.large));
     const Offsets runs = Shuffled(Places(places.RunsBegin(), 2 * kMiB, places.runs));
-    RegisterCutting(computer, "untouched range", untouched);
-    RegisterCutting(computer, "one run, a chunk of 1 MiB", chunks);
-    RegisterCutting(computer, "one run, 256 chunks of 4 KiB", runs);
+    RegisterCutting(computer, "untouched range", 0.02, untouched);
+    RegisterCutting(computer, "one run, a chunk of 1 MiB", 0.02, chunks);
+    RegisterCutting(computer, "one run, 256 chunks of 4 KiB", 0.1, runs);
     Compare(computer, "1 MiB read, untouched range", 0, IRP_MJ_READ, kMiB, untouched, 16, 60);
     Compare(computer, "1 MiB read, redirected, one run", 0, IRP_MJ_READ, kMiB, chunks, 16, 60);
     Compare(computer, "1 MiB overwrite, redirected, one run", 0, IRP_MJ_WRITE, kMiB, chunks, 16, 60);
