@@ -120,8 +120,9 @@ LONGLONG KeyOf(TREE_NODE* node) {
     return static_cast<const SWAPPED_CHUNK*>(node->Record)->liVolumeOffset.QuadPart;
 }
 
-// A walk that comes to the leaf finds its first lines in the cache; the rest follows by itself.
+// A walk that comes to the leaf finds its first lines in the cache; the rest follows by itself. Null is none.
 void ExpectLeaf(const INDEX_LEAF* leaf) {
+    if (!leaf) return;
     __builtin_prefetch(leaf);
     __builtin_prefetch(leaf->Slots);
 }

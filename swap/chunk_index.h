@@ -54,7 +54,7 @@ private:
     const INDEX_LEAF* m_leaf = nullptr;  // null without an index, and at the end
     ULONG m_at = 0;
     TREE_NODE* m_node = nullptr;  // without an index
-    SWAPPED_CHUNK m_chunk;
+    SWAPPED_CHUNK m_chunk{};
 };
 
 // tree_walk over SwappedChunks; the record that the visitor gets is a copy.
