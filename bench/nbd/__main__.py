@@ -11,11 +11,14 @@ import subprocess
 import sys
 import tempfile
 import cases
+import guest
 import kvr
 import load
 import plot
 import report
 import servers
+import sessions
+import tree
 
 CHUNK = 16 * load.MIB
 
@@ -30,6 +33,10 @@ def arguments():
     parser.add_argument("--cold", action="store_true",
                         help="on a disk, read with nothing in the host's memory, which only the measured files lose; "
                         "--folder must be on the disk (default then /var/tmp), about 5 GiB")
+    parser.add_argument("--tree", action="store_true",
+                        help="instead: a source tree unpacked, built, searched and removed by nbdfuse and ext4; as root, "
+                        "with FUSE and loop devices")
+    parser.add_argument("--guest", action="store_true", help="instead: a virtual machine's boot to its prompt")
     parser.add_argument("--before", type=pathlib.Path, help="build folder of another Kvr to measure as well")
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--plot", type=pathlib.Path, help="write the ratios as an SVG file")
@@ -50,7 +57,7 @@ def fill(image, start, plan):
 def another(build, folder, plan):
     """The machine of another build, with a disk and data of its own."""
     machine = kvr.Machine(build, folder, plan)
-    fill(machine.image, machine.volume_starts[0], plan)
+    fill(machine.image, machine.partitions[0][0], plan)
     machine.protect()
     return kvr.KvrBefore(machine)
 
@@ -72,22 +79,17 @@ class Copies:
 def prepare(options, folder, plan):
     """The machine, and its disk once more for the others: a machine's server keeps all others from its image."""
     machine = kvr.Machine(options.build, folder / "machine", plan)
-    fill(machine.image, machine.volume_starts[0], plan)
+    fill(machine.image, machine.partitions[0][0], plan)
     kinds = (servers.Device,) if options.cold else (servers.Cow, servers.Cow4k)
     images = Copies(machine.image, folder, options.cold)
     others = [kind(folder, images.of(kind)) for kind in (servers.File, *kinds, servers.Qcow2)]
     for server in others:
-        server.start = machine.volume_starts[0]
-    fill(machine.image, machine.volume_starts[1], plan)
+        server.start = machine.partitions[0][0]
+    fill(machine.image, machine.partitions[1][0], plan)
     machine.protect()
     if options.before:
         others.append(another(options.before, folder / "before", plan))
     return machine, others
-
-
-def rotated(items, by):
-    by %= len(items)
-    return items[by:] + items[:by]
 
 
 def measure_one(case, server, folder, is_cold):
@@ -105,7 +107,7 @@ def measure(plan, all_cases, all_servers, options, folder):
         for server in all_servers:
             server.fresh()
         for number, case in enumerate(all_cases):
-            for server in rotated(all_servers, turn + number):
+            for server in sessions.rotated(all_servers, turn + number):
                 result[case.key][server.name].append(measure_one(case, server, folder, options.cold))
             print(f"round {turn + 1}: {case.title}", file=sys.stderr)
         for server in all_servers:
@@ -139,8 +141,7 @@ def run(options, folder):
     all_cases = (cases.cold_cases if options.cold else cases.cases)(plan)
     machine, (floor, *others) = prepare(options, folder, plan)
     chosen = [floor, *machine.servers(), *others]
-    if options.only:
-        chosen = [floor, *(server for server in chosen[1:] if server.name in options.only.split(","))]
+    chosen = only(options, chosen)
     try:
         print(f"Load before: {os.getloadavg()[0]:.1f}")
         result = measure(plan, all_cases, chosen, options, folder)
@@ -153,6 +154,35 @@ def run(options, folder):
             server.stop()
 
 
+def only(options, chosen):
+    """The floor, and of the others those that were asked for."""
+    if not options.only:
+        return chosen
+    return [chosen[0], *(server for server in chosen[1:] if server.name in options.only.split(","))]
+
+
+def run_sessions(options, folder):
+    """The floor is the image itself, by whatever writes to it with nothing between."""
+    machine = kvr.Machine(options.build, folder / "machine", cases.SESSIONS, fs="ext4", volumes=1)
+    start, size = machine.partitions[0]
+    if options.guest:
+        kind = guest.Guests(options.build, folder)
+        kind.install(machine.image, start, size)
+        kinds = (guest.RawDisk, guest.FileDisk, guest.OverlayDisk)
+    else:
+        kind = tree.Trees(folder)
+        kinds = (servers.File, servers.Qcow2)
+    images = Copies(machine.image, folder, True)
+    floor, *others = [each(folder, images.of(each)) for each in kinds]
+    for server in (floor, *others):
+        server.start = start
+    machine.protect()
+    chosen = only(options, [floor, kvr.Kvr(machine), *others])
+    result = sessions.show(kind, chosen, options.rounds)
+    if options.plot:
+        options.plot.write_text(plot.svg(result, kind.tasks, chosen, f"Speed as a multiple of: {floor.label}"))
+
+
 def show_speed(options, all_cases, chosen, result):
     names = {server.name for server in chosen}
     aims = [aim for aim in (cases.COLD_AIMS if options.cold else cases.AIMS) if {aim.of, *aim.against} <= names]
@@ -160,7 +190,8 @@ def show_speed(options, all_cases, chosen, result):
     print("\nProcessor time of the server, microseconds per request\n\n" + report.cpu_table(result, all_cases, chosen))
     print("\nAims\n\n" + report.aim_table(result, all_cases, aims), flush=True)
     if options.plot:
-        options.plot.write_text(plot.svg(result, all_cases, chosen))
+        options.plot.write_text(plot.svg(result, all_cases, chosen,
+                                         "Throughput as a multiple of nbdkit's file plugin"))
 
 
 def main():
@@ -171,7 +202,7 @@ def main():
     options.before = options.before and options.before.resolve()
     options.folder = options.folder or pathlib.Path("/var/tmp" if options.cold else "/dev/shm")
     with tempfile.TemporaryDirectory(dir=options.folder, prefix="kvr-nbd-") as folder:
-        run(options, pathlib.Path(folder))
+        (run_sessions if options.tree or options.guest else run)(options, pathlib.Path(folder))
 
 
 main()

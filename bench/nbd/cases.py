@@ -1,6 +1,6 @@
 """What is measured, and what is aimed at."""
 from dataclasses import dataclass
-from load import Area, Case, GIB, KIB, MIB
+from load import Area, Case, Database, GIB, KIB, MIB
 
 
 @dataclass(frozen=True)
@@ -20,6 +20,7 @@ class Plan:
 
 FULL = Plan(volume=3 * GIB, swap=1152 * MIB, first=1664 * MIB, small=256 * MIB, large=512 * MIB, memory=GIB)
 QUICK = Plan(volume=128 * MIB, swap=32 * MIB, first=88 * MIB, small=4 * MIB, large=8 * MIB, memory=16 * MIB)
+SESSIONS = Plan(volume=1536 * MIB, swap=512 * MIB, first=0, small=0, large=0, memory=0)
 # Of a real disk and its cache, so smaller.
 COLD = Plan(volume=2 * GIB, swap=640 * MIB, first=1216 * MIB, small=256 * MIB, large=256 * MIB, memory=512 * MIB)
 
@@ -45,12 +46,13 @@ def cases(plan):
         mega("w1-first", "1 MiB write, first", "write"),
         mega("w1-over", "1 MiB overwrite", "write"),
         mega("r1-redirected", "1 MiB read, redirected", "read"),
+        Database("mixed", "4 KiB random, 70/30, flush every 32 writes", area=small, seed=5),
     ]
 
 
 def cold_cases(plan):
-    """Writes only prepare what is read. An overwrite would find its place in memory."""
-    return [case for case in cases(plan) if case.is_read or case.key.endswith("-first")]
+    """Writes only prepare what is read, but for the database's. An overwrite would find its place in memory."""
+    return [case for case in cases(plan) if case.is_read or case.key.endswith("-first") or case.key == "mixed"]
 
 
 @dataclass(frozen=True)

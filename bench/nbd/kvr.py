@@ -7,12 +7,13 @@ import servers
 SECTOR = 512
 
 
-def volume_starts(image):
-    """Where the partitions of a GPT disk begin, in bytes."""
+def partitions(image):
+    """Where the partitions of a GPT disk begin and how long they are, in bytes."""
     with open(image, "rb") as file:
         table = file.read(34 * SECTOR)
     entries = (table[at:at + 128] for at in range(2 * SECTOR, len(table), 128))
-    return [struct.unpack_from("<Q", entry, 32)[0] * SECTOR for entry in entries if any(entry[:16])]
+    ends = [struct.unpack_from("<QQ", entry, 32) for entry in entries if any(entry[:16])]
+    return [(first * SECTOR, (last + 1 - first) * SECTOR) for first, last in ends]
 
 
 class Kvr(servers.Server):
@@ -22,7 +23,7 @@ class Kvr(servers.Server):
     def __init__(self, machine):
         super().__init__(machine.folder, machine.image)
         self.machine = machine
-        self.start = machine.volume_starts[self.volume]
+        self.start = machine.partitions[self.volume][0]
 
     def fresh(self):
         self.machine.restart()
@@ -36,13 +37,17 @@ class Kvr(servers.Server):
         if used != written:
             raise RuntimeError(f"{self.label}: {used} bytes are redirected, {written} were written")
 
+    def check_session(self):
+        if self.machine.swap_used(self.volume) == 0:
+            raise RuntimeError(f"{self.label}: nothing is redirected")
+
     @property
     def pid(self):
         return self.machine.server.pid
 
     @property
-    def uri(self):
-        return self.machine.server.uri
+    def listens_on(self):
+        return self.machine.server.socket
 
 
 class KvrBefore(Kvr):
@@ -52,7 +57,7 @@ class KvrBefore(Kvr):
 
 class KvrOpen(Kvr):
     """A volume of the same machine that is not protected."""
-    name, label, volume = "kvr-open", "Kvr, unprotected", 1
+    name, label, volume, forgets = "kvr-open", "Kvr, unprotected", 1, False
 
     def check(self, written):
         super().check(0)
@@ -74,15 +79,16 @@ class Nbdkit(servers.Server):
 
 
 class Machine:
-    """A machine of two volumes, the first of them with storage and protected."""
+    """A machine of volumes of one size, the first of them with storage and protected."""
 
-    def __init__(self, build, folder, plan):
+    def __init__(self, build, folder, plan, fs="ntfs", volumes=2):
         self.folder = folder
         self.kvrhost = build / "tool" / "kvrhost"
         self.kvrctl = build / "tool" / "kvrctl"
-        self.run(self.kvrhost, "create", str(folder), "--size", str(2 * plan.volume), "--volumes", "2")
+        self.run(self.kvrhost, "create", str(folder), "--size", str(volumes * plan.volume), "--volumes",
+                 str(volumes), "--fs", fs)
         self.image = folder / "disk0.img"
-        self.volume_starts = volume_starts(self.image)
+        self.partitions = partitions(self.image)
         self.server = Nbdkit(folder, self.image, build / "nbd" / "nbdkit-kvr-plugin.so")
         self.plan = plan
 
@@ -92,9 +98,15 @@ class Machine:
     def protect(self):
         """Makes the storage and protects the first volume from the next boot on."""
         self.restart()
-        self.control("swap", "make", "HarddiskVolume1", str(self.plan.swap))
-        self.control("protect", "HarddiskVolume1", "--at-boot", "discard")
+        self.make_storage()
+        self.protect_first()
         self.stop()
+
+    def make_storage(self):
+        self.control("swap", "make", "HarddiskVolume1", str(self.plan.swap))
+
+    def protect_first(self, at_boot="discard"):
+        self.control("protect", "HarddiskVolume1", "--at-boot", at_boot)
 
     def restart(self):
         """Two boots: the one that throws a map away has held it in memory."""
@@ -104,11 +116,15 @@ class Machine:
     def stop(self):
         self.server.stop()
 
-    def swap_used(self, volume):
-        """Bytes of swap in use by the machine's volume of that index."""
+    def swap(self, volume):
+        """What the driver reports of the storage of the machine's volume of that index."""
         name = f"\\Device\\HarddiskVolume{volume + 1}"
         status = json.loads(self.control("status", "--json"))
-        return next(each["swap"]["usedBytes"] for each in status["volumes"] if each["name"] == name)
+        return next(each["swap"] for each in status["volumes"] if each["name"] == name)
+
+    def swap_used(self, volume):
+        """Bytes of swap in use by the machine's volume of that index."""
+        return self.swap(volume)["usedBytes"]
 
     def control(self, *words):
         return self.run(self.kvrctl, "--machine", str(self.folder), *words)
@@ -116,7 +132,7 @@ class Machine:
     @staticmethod
     def run(program, *words):
         """What the program printed; an exception, with its complaint, when it failed."""
-        done = subprocess.run([str(program), *words], capture_output=True, text=True, timeout=120)
+        done = subprocess.run([str(program), *words], capture_output=True, text=True, timeout=600)
         if done.returncode != 0:
             raise RuntimeError(f"{program.name} {' '.join(words)}: {done.stderr}")
         return done.stdout

@@ -3,7 +3,8 @@ from statistics import median
 from xml.sax.saxutils import escape
 import report
 
-COLOURS = {"kvr-open": "#7fb2e5", "kvr": "#1f5fa8", "kvr-before": "#9db8d6", "cow": "#e8b06a", "cow4k": "#c8741a", "qcow2": "#8a8a8a"}
+COLOURS = {"kvr-open": "#7fb2e5", "kvr": "#1f5fa8", "kvr-before": "#9db8d6", "cow": "#e8b06a", "nbdkit": "#e8b06a",
+           "cow4k": "#c8741a", "qcow2": "#8a8a8a"}
 WIDTH, LEFT, RIGHT, TOP = 900, 230, 30, 70
 BAR, GAP, MOST = 11, 14, 1.3  # pixels, pixels, ratio
 
@@ -45,13 +46,13 @@ def _legend(servers):
     return parts
 
 
-def svg(result, cases, servers):
+def svg(result, cases, servers, measured):
     shown = [server for server in servers if server.name in COLOURS]
     step = BAR * len(shown) + GAP
     bottom = TOP + step * len(cases)
     parts = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{WIDTH}" height="{bottom + 20}" '
              f'font-family="sans-serif"><rect width="100%" height="100%" fill="white"/>',
-             _text(LEFT, 18, "Throughput as a multiple of nbdkit's file plugin (median, line: range of the rounds)", size=13)]
+             _text(LEFT, 18, f"{measured} (median, line: range of the rounds)", size=13)]
     parts += _legend(shown) + _scale(bottom)
     for number, case in enumerate(cases):
         top = TOP + number * step

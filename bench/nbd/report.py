@@ -19,14 +19,8 @@ def _shown(value, form):
     return "" if math.isnan(value) else format(value, form)
 
 
-def _table(head, rows):
+def table(head, rows):
     return "\n".join([_row(head), _row(["---"] * len(head)), *map(_row, rows)])
-
-
-def _floor(case, figures):
-    if case.is_small:
-        return f"{median(figure.requests_per_second for figure in figures) / 1000:.1f} k/s"
-    return f"{median(figure.bytes_per_second for figure in figures) / MIB:.0f} MiB/s"
 
 
 def speed_table(result, cases, servers):
@@ -34,8 +28,8 @@ def speed_table(result, cases, servers):
     rows = []
     for case in cases:
         cells = [_shown(median(ratios(result, case.key, server.name)), ".2f") for server in others]
-        rows.append([case.title, _floor(case, result[case.key]["file"]), *cells])
-    return _table(["Requests", "floor", *(server.label for server in others)], rows)
+        rows.append([case.title, case.told(result[case.key]["file"]), *cells])
+    return table(["Requests", "floor", *(server.label for server in others)], rows)
 
 
 def cpu_table(result, cases, servers):
@@ -43,7 +37,7 @@ def cpu_table(result, cases, servers):
     for case in cases:
         figures = (median(figure.server_cpu for figure in result[case.key][server.name]) for server in servers)
         rows.append([case.title, *(_shown(cpu, ".1f" if cpu < 100 else ".0f") for cpu in figures)])
-    return _table(["Requests", *(server.label for server in servers)], rows)
+    return table(["Requests", *(server.label for server in servers)], rows)
 
 
 def aim_table(result, cases, aims):
@@ -55,7 +49,7 @@ def aim_table(result, cases, aims):
             middle = median(values)
             rows.append([aim.title, titles[key], f"{aim.least:.2f}", f"{middle:.2f}",
                          f"{min(values):.2f} to {max(values):.2f}", "yes" if middle >= aim.least else "**no**"])
-    return _table(["Aim", "Requests", "at least", "median", "rounds", "met"], rows)
+    return table(["Aim", "Requests", "at least", "median", "rounds", "met"], rows)
 
 
 def memory_table(memory, servers):
@@ -64,4 +58,4 @@ def memory_table(memory, servers):
     for server in servers:
         own = memory[server.name]
         rows.append([server.label, *(f"{own[key] / MIB:.1f}" for key in ("idle", "4 KiB", "1 MiB"))])
-    return _table(["Server", "idle, MiB", "MiB per GiB written in 4 KiB random", "in 1 MiB"], rows)
+    return table(["Server", "idle, MiB", "MiB per GiB written in 4 KiB random", "in 1 MiB"], rows)

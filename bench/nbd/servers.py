@@ -19,6 +19,7 @@ class Server:
     name = ""
     label = ""
     start = 0  # bytes
+    forgets = True  # what was written, at a fresh start
 
     def __init__(self, folder, image):
         self.folder, self.image = folder, image
@@ -38,8 +39,13 @@ class Server:
         return self.process.pid
 
     @property
+    def listens_on(self):
+        """The socket for clients."""
+        return self.socket
+
+    @property
     def uri(self):
-        return f"nbd+unix:///?socket={self.socket}"
+        return f"nbd+unix:///?socket={self.listens_on}"
 
     def fresh(self):
         self.stop()
@@ -85,7 +91,7 @@ class Server:
 
     def forget(self):
         """Takes its data out of the host's memory, and nobody else's."""
-        for path in self.files():
+        for path in filter(os.path.exists, self.files()):  # an overlay may be still to come
             descriptor = os.open(path, os.O_RDONLY)
             os.fsync(descriptor)
             os.posix_fadvise(descriptor, 0, 0, os.POSIX_FADV_DONTNEED)
@@ -93,6 +99,9 @@ class Server:
 
     def check(self, written):
         """Called when so many bytes were written through it since `fresh`, each place counted once."""
+
+    def check_session(self):
+        """Called when something was written through it since `fresh`."""
 
     def memory(self):
         """Resident bytes that are the server's own: its anonymous memory."""
@@ -104,7 +113,7 @@ class Server:
 
 class File(Server):
     """nbdkit's file plugin: the floor."""
-    name, label = "file", "nbdkit file (floor)"
+    name, label, forgets = "file", "nbdkit file (floor)", False
 
     def command(self):
         return ["nbdkit", "-f", "-U", str(self.socket), "file", str(self.image)]
