@@ -37,6 +37,10 @@ public:
     // for it, and Read is as good.
     virtual std::unique_ptr<ReadUnderWay> BeginRead(std::uint64_t, std::size_t) { return nullptr; }
     [[nodiscard]] virtual NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) = 0;
+    // The same for data that nobody is going to read soon: the disk keeps as little of it in memory as it can.
+    [[nodiscard]] virtual NTSTATUS WriteAside(std::uint64_t offset, const void* buffer, std::size_t length) {
+        return Write(offset, buffer, length);
+    }
     // Everything written before is on stable storage when this returns.
     [[nodiscard]] virtual NTSTATUS Flush() = 0;
 };

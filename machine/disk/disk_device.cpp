@@ -18,6 +18,11 @@ bool IsOnDisk(std::uint64_t offset, ULONG length, const Disk& medium) {
            length % sector == 0;
 }
 
+// The file's program keeps its data in memory of its own.
+bool IsUnbuffered(const IO_STACK_LOCATION& location) {
+    return location.FileObject != nullptr && (location.FileObject->Flags & FO_NO_INTERMEDIATE_BUFFERING) != 0;
+}
+
 }  // namespace
 
 NTSTATUS DiskDevice::Create(PDRIVER_OBJECT driver, std::shared_ptr<Disk> medium, unsigned number,
@@ -99,7 +104,8 @@ NTSTATUS DiskDevice::Transfer(PIRP irp, bool mayWait, ReadUnderWay* begun, ULONG
     const bool read = location.MajorFunction == IRP_MJ_READ;
     const DirectBuffer buffer(irp, read ? IoWriteAccess : IoReadAccess);
     if (!NT_SUCCESS(buffer.Status())) return buffer.Status();
-    const NTSTATUS status = !read     ? medium_->Write(offset, buffer.Get(), length)
+    const auto write = IsUnbuffered(location) ? &Disk::WriteAside : &Disk::Write;
+    const NTSTATUS status = !read     ? (*medium_.*write)(offset, buffer.Get(), length)
                             : begun   ? begun->End(buffer.Get())
                             : mayWait ? medium_->ReadAtOnce(offset, buffer.Get(), length)
                                       : medium_->Read(offset, buffer.Get(), length);

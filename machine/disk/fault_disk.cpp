@@ -80,10 +80,18 @@ std::unique_ptr<ReadUnderWay> FaultDisk::BeginRead(std::uint64_t offset, std::si
 }
 
 NTSTATUS FaultDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
+    return Pass(&Disk::Write, offset, buffer, length);
+}
+
+NTSTATUS FaultDisk::WriteAside(std::uint64_t offset, const void* buffer, std::size_t length) {
+    return Pass(&Disk::WriteAside, offset, buffer, length);
+}
+
+NTSTATUS FaultDisk::Pass(WriteRoutine write, std::uint64_t offset, const void* buffer, std::size_t length) {
     const PowerSwitch::Permit permit = power_->AdmitWrite();
-    if (permit.Full()) return disk_->Write(offset, buffer, length);
+    if (permit.Full()) return (*disk_.*write)(offset, buffer, length);
     const std::size_t kept = std::min<std::size_t>(length, std::size_t{permit.SectorsKept()} * SectorSize());
-    if (kept != 0) KVR_DISCARD(disk_->Write(offset, buffer, kept), "the power is gone either way");
+    if (kept != 0) KVR_DISCARD((*disk_.*write)(offset, buffer, kept), "the power is gone either way");
     return STATUS_DEVICE_POWERED_OFF;
 }
 

@@ -55,9 +55,13 @@ public:
     [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) override;
     std::unique_ptr<ReadUnderWay> BeginRead(std::uint64_t offset, std::size_t length) override;
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS WriteAside(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
 
 private:
+    using WriteRoutine = NTSTATUS (Disk::*)(std::uint64_t, const void*, std::size_t);
+    NTSTATUS Pass(WriteRoutine write, std::uint64_t offset, const void* buffer, std::size_t length);
+
     std::shared_ptr<Disk> disk_;
     std::shared_ptr<PowerSwitch> power_;
 };

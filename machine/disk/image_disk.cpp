@@ -14,6 +14,10 @@
 namespace machine {
 namespace {
 
+// So much of what was written aside is under way to the medium at once.
+constexpr std::uint64_t kUnderWay = 32 << 20;
+constexpr int kDontCache = 0x80;  // RWF_DONTCACHE, which the system's headers may be too old for
+
 // A host error is an error of this disk, whatever its cause: a full host disk in particular must not look
 // to the driver like a full volume.
 NTSTATUS DiskFailure() {
@@ -177,6 +181,32 @@ NTSTATUS ImageDisk::ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t l
 
 NTSTATUS ImageDisk::Write(std::uint64_t offset, const void* buffer, std::size_t length) {
     return Result(posix::WriteAt(file_.Get(), buffer, length, offset));
+}
+
+// The host's kernel may offer just this.
+NTSTATUS ImageDisk::WriteAside(std::uint64_t offset, const void* buffer, std::size_t length) {
+    const iovec whole{const_cast<void*>(buffer), length};  // which the call does not change
+    if (pwritev2(file_.Get(), &whole, 1, static_cast<off_t>(offset), kDontCache) ==
+        static_cast<ssize_t>(length))
+        return STATUS_SUCCESS;
+    const NTSTATUS status = Write(offset, buffer, length);
+    if (!NT_SUCCESS(status) || offset < kUnderWay) return status;
+    return Result(LetGo(offset, length));
+}
+
+// Starts the way of the range to the medium and waits for the end of an earlier one's, which then leaves the
+// host's memory: the medium is never idle, and however much is written, little of it takes the place of other
+// data. False for an error of the medium: the host tells it once, and the next flush would not learn of it.
+bool ImageDisk::LetGo(std::uint64_t offset, std::size_t length) {
+    const auto now = static_cast<off_t>(offset), before = static_cast<off_t>(offset - kUnderWay);
+    const auto size = static_cast<off_t>(length);
+    constexpr unsigned kWhole =
+        SYNC_FILE_RANGE_WAIT_BEFORE | SYNC_FILE_RANGE_WRITE | SYNC_FILE_RANGE_WAIT_AFTER;
+    if (sync_file_range(file_.Get(), now, size, SYNC_FILE_RANGE_WRITE) != 0 ||
+        sync_file_range(file_.Get(), before, size, kWhole) != 0)
+        return errno == ENOSYS || errno == EINVAL;
+    (void)posix_fadvise(file_.Get(), before, size, POSIX_FADV_DONTNEED);  // what stays is only in the way
+    return true;
 }
 
 NTSTATUS ImageDisk::Flush() {

@@ -22,6 +22,7 @@ public:
     [[nodiscard]] NTSTATUS Read(std::uint64_t offset, void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS ReadAtOnce(std::uint64_t offset, void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Write(std::uint64_t offset, const void* buffer, std::size_t length) override;
+    [[nodiscard]] NTSTATUS WriteAside(std::uint64_t offset, const void* buffer, std::size_t length) override;
     [[nodiscard]] NTSTATUS Flush() override;
     const std::string& Path() const { return path_; }
 
@@ -29,6 +30,7 @@ private:
     ImageDisk(posix::File file, std::string path, std::uint64_t size, std::uint32_t sectorSize);
 
     NTSTATUS Result(bool done);
+    bool LetGo(std::uint64_t offset, std::size_t length);
 
     posix::File file_;
     std::string path_;

@@ -51,7 +51,7 @@ struct MountedFileSystem::State {
     // The same for a file that is to be deleted or renamed.
     [[nodiscard]] NTSTATUS AdmitRemoval(FilePlace& place, ShareClaim& claim, std::shared_ptr<SharedFile>& file)
         KVR_REQUIRES(files.volume.Lock());
-    std::shared_ptr<NamedFileObject> MakeFileObject(const std::u16string& path, SharedFile& file)
+    std::shared_ptr<NamedFileObject> MakeFileObject(const host::FileOpen& request, SharedFile& file)
         KVR_REQUIRES(files.volume.Lock());
 
     OpenFiles files;
@@ -128,11 +128,13 @@ NTSTATUS MountedFileSystem::State::MoveName(const FilePlace& from, const FilePla
 
 // Filters remember the paging file by its file object and never learn that it went; the system keeps the paging
 // file open for as long as it runs, and so one object stands for it until the volume is unmounted.
-std::shared_ptr<NamedFileObject> MountedFileSystem::State::MakeFileObject(const std::u16string& path,
+std::shared_ptr<NamedFileObject> MountedFileSystem::State::MakeFileObject(const host::FileOpen& request,
                                                                           SharedFile& file) {
-    if (FoldName(path) != u"\\PAGEFILE.SYS")
-        return std::make_shared<NamedFileObject>(files.volume.Io(), path, &file);
-    if (pagingFile == nullptr) pagingFile = std::make_shared<NamedFileObject>(files.volume.Io(), path);
+    const bool unbuffered = (request.options & FILE_NO_INTERMEDIATE_BUFFERING) != 0;
+    if (FoldName(request.path) != u"\\PAGEFILE.SYS")
+        return std::make_shared<NamedFileObject>(files.volume.Io(), request.path, &file,
+                                                 unbuffered ? FO_NO_INTERMEDIATE_BUFFERING : 0);
+    if (pagingFile == nullptr) pagingFile = std::make_shared<NamedFileObject>(files.volume.Io(), request.path);
     return pagingFile;
 }
 
@@ -205,8 +207,8 @@ NTSTATUS MountedFileSystem::Open(const host::FileOpen& request, std::unique_ptr<
         if (NT_SUCCESS(status)) status = state_->Admit(request, claim, place, target, information);
         if (!NT_SUCCESS(status)) return status;
         status = host::WithinMemory([&]() KVR_REQUIRES(state_->files.volume.Lock()) {
-            opened = std::make_unique<MountedOpen>(
-                state_, target, state_->MakeFileObject(request.path, *target), claim, request);
+            opened = std::make_unique<MountedOpen>(state_, target, state_->MakeFileObject(request, *target),
+                                                   claim, request);
             return STATUS_SUCCESS;
         });
         if (!NT_SUCCESS(status)) {

@@ -10,12 +10,14 @@ namespace machine {
 // Stays at its address for its whole life; requests in flight and filters hold pointers to it.
 class NamedFileObject {
 public:
-    // `context` is the same for all opens of one file, as the platform's file systems keep it.
-    NamedFileObject(VolumeIo& io, std::u16string name, void* context = nullptr) : name_(std::move(name)) {
+    // `context` is the same for all opens of one file, as the platform's file systems keep it; `flags`: FO_...
+    NamedFileObject(VolumeIo& io, std::u16string name, void* context = nullptr, ULONG flags = 0)
+        : name_(std::move(name)) {
         const auto bytes = static_cast<USHORT>(name_.size() * sizeof(WCHAR));
         object_.DeviceObject = io.Device();
         object_.Vpb = io.Vpb();
         object_.FsContext = context;
+        object_.Flags = flags;
         object_.FileName = {bytes, bytes, name_.data()};
     }
     NamedFileObject(const NamedFileObject&) = delete;

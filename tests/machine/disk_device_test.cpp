@@ -36,7 +36,14 @@ public:
         Note('b', offset);
         return std::make_unique<Begun>(*this, offset, length);
     }
-    NTSTATUS Write(std::uint64_t, const void*, std::size_t) override { return STATUS_SUCCESS; }
+    NTSTATUS Write(std::uint64_t offset, const void*, std::size_t) override {
+        Note('w', offset);
+        return STATUS_SUCCESS;
+    }
+    NTSTATUS WriteAside(std::uint64_t offset, const void*, std::size_t) override {
+        Note('a', offset);
+        return STATUS_SUCCESS;
+    }
     NTSTATUS Flush() override { return STATUS_SUCCESS; }
 
     std::string seen;
@@ -124,6 +131,55 @@ TEST_F(SlowDevice, WhatIsUnderWayWhenThePowerGoesFails) {
     machine_.Power().Cut();
     EXPECT_EQ(STATUS_DEVICE_POWERED_OFF, EndTransfer(&transfers_[2]));
     EXPECT_EQ("f1 f2 b2 f3 b3 r1 e2 ", medium_->seen);
+}
+
+TEST_F(SlowDevice, WhatNoBufferIsToHoldIsWrittenAside) {
+    const PDEVICE_OBJECT device = machine_.DiskOf(0)->Device();
+    for (const ULONG flags : {ULONG{0}, FO_NO_INTERMEDIATE_BUFFERING}) {
+        FILE_OBJECT file{};
+        file.Flags = flags;
+        const host::Request write{.major = IRP_MJ_WRITE,
+                                  .length = kSector,
+                                  .offset = 3 * kSector,
+                                  .buffer = data_[0],
+                                  .stackFile = &file};
+        EXPECT_EQ(STATUS_SUCCESS, host::Send(device, write).status);
+    }
+    EXPECT_EQ("w3 a3 ", medium_->seen);
+    machine_.Power().Cut();
+}
+
+// A file system in memory holds everything, and some cannot tell.
+bool TellsWhatItHolds(ImageDisk& disk, const std::string& path) {
+    const posix::File file(open(path.c_str(), O_RDONLY));
+    EXPECT_EQ(0, posix_fadvise(file.Get(), 0, 4096, POSIX_FADV_DONTNEED));
+    std::vector<std::uint8_t> read(4096);
+    return disk.ReadAtOnce(0, read.data(), read.size()) == STATUS_PENDING;
+}
+
+TEST(ImageDisk, WhatIsWrittenAsideIsThereAndLeavesTheHostsMemory) {
+    constexpr std::size_t kPiece = 1 << 20, kPieces = 64;
+    const TestFolder folder;
+    const std::string path = folder.Path() + "/disk.img";
+    std::string error;
+    ASSERT_TRUE(ImageDisk::Create(path, kPieces * kPiece, error)) << error;
+    const auto disk = ImageDisk::Open(path, kSector, error);
+    ASSERT_NE(nullptr, disk) << error;
+    std::vector<std::uint8_t> piece(kPiece), read(kPiece);
+    for (std::size_t i = 0; i < kPieces; ++i) {
+        std::ranges::fill(piece, static_cast<std::uint8_t>(i + 1));
+        ASSERT_EQ(STATUS_SUCCESS, disk->WriteAside(i * kPiece, piece.data(), kPiece));
+    }
+    ASSERT_EQ(STATUS_SUCCESS, disk->Flush());
+    std::size_t held = 0;
+    for (std::size_t i = kPieces; i-- > 0;)
+        held += disk->ReadAtOnce(i * kPiece, read.data(), kPiece) == STATUS_SUCCESS;
+    EXPECT_LE(held, TellsWhatItHolds(*disk, path) ? kPieces / 2 + 1 : kPieces);
+    for (std::size_t i = 0; i < kPieces; ++i) {
+        std::ranges::fill(piece, static_cast<std::uint8_t>(i + 1));
+        EXPECT_EQ(STATUS_SUCCESS, disk->Read(i * kPiece, read.data(), kPiece));
+        EXPECT_TRUE(read == piece) << i;
+    }
 }
 
 // What the host's memory holds is read at once, the rest later or at once, as the file system can.

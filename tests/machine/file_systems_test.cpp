@@ -35,6 +35,7 @@ TEST_P(Storage, BlocksArriveAsDataOfTheirFileAndNeverMove) {
             EXPECT_EQ(Covered(writes), kBlock) << "each block is written once";
             EXPECT_EQ(writes.size(), GetParam().IsNtfs() ? 1u : writes.size())
                 << "a fresh NTFS has room in one piece";
+            EXPECT_EQ(writes.front().file->Flags, FO_NO_INTERMEDIATE_BUFFERING);
             EXPECT_FALSE(volume.Writes(u"\\$Mft").empty()) << "where the block lies is stored with it";
             EXPECT_TRUE(volume.requests.back().name != u"\\kvr.SWP") << "and after it";
             places.insert(places.end(), writes.begin(), writes.end());

@@ -45,6 +45,7 @@ inline constexpr ULONG IRP_PAGING_IO = 0x2;
 inline constexpr ULONG IRP_ASSOCIATED_IRP = 0x8;
 inline constexpr ULONG IRP_BUFFERED_IO = 0x10;
 inline constexpr ULONG IRP_INPUT_OPERATION = 0x40;
+inline constexpr ULONG FO_NO_INTERMEDIATE_BUFFERING = 0x8;
 inline constexpr ULONG FO_VOLUME_OPEN = 0x00400000;
 inline constexpr CSHORT MDL_MAPPED_TO_SYSTEM_VA = 0x1;
 inline constexpr CSHORT MDL_PAGES_LOCKED = 0x2;
