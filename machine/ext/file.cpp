@@ -57,6 +57,31 @@ NTSTATUS CopyRuns(ExtFormat& format, ExtInode& inode, FileRuns& runs, bool& spec
     return walk.corrupt ? STATUS_FILE_CORRUPT_ERROR : STATUS_SUCCESS;
 }
 
+// Blocks of a file that follow each other on the volume; block 0 stands for a hole.
+struct BlockRun {
+    blk64_t block;
+    std::uint64_t count;
+};
+
+// From block `at` of the file on, before `end`. The library's search for a block begins at the file's first
+// one, so it is made once for an extent.
+long FindRun(ext2_filsys library, ExtInode& inode, std::uint64_t at, std::uint64_t end, BlockRun& run) {
+    run = {0, 1};
+    if ((inode->i_flags & EXT4_EXTENTS_FL) == 0)
+        return ext2fs_bmap2(library, inode.Number(), inode.Get(), nullptr, 0, at, nullptr, &run.block);
+    ext2_extent_handle_t handle = nullptr;
+    long error = ext2fs_extent_open2(library, inode.Number(), inode.Get(), &handle);
+    if (error != 0) return error;
+    ext2fs_extent extent{};
+    error = ext2fs_extent_goto(handle, at);
+    if (error == 0) error = ext2fs_extent_get(handle, EXT2_EXTENT_CURRENT, &extent);
+    ext2fs_extent_free(handle);
+    if (error != 0) return error;
+    const std::uint64_t within = at - extent.e_lblk;
+    run = {extent.e_pblk + within, std::min(end - at, extent.e_len - within)};
+    return 0;
+}
+
 // Takes blocks so that the runs cover `size` bytes.
 NTSTATUS TakeBlocks(ExtFormat& format, ExtInode& inode, std::uint64_t size, FileRuns& runs) {
     ext2_filsys library = format.Library();
@@ -66,11 +91,11 @@ NTSTATUS TakeBlocks(ExtFormat& format, ExtInode& inode, std::uint64_t size, File
     if (end - first > ext2fs_free_blocks_count(library->super)) return STATUS_DISK_FULL;
     long error = ext2fs_fallocate(library, EXT2_FALLOCATE_FORCE_INIT, inode.Number(), inode.Get(), ~0ULL, first,
                                   end - first);
-    for (std::uint64_t at = first; error == 0 && at < end; ++at) {
-        blk64_t block = 0;
-        error = ext2fs_bmap2(library, inode.Number(), inode.Get(), nullptr, 0, at, nullptr, &block);
-        if (error == 0 && block == 0) return STATUS_FILE_CORRUPT_ERROR;
-        if (error == 0) runs.Append(block * blockSize, blockSize);
+    BlockRun run{};
+    for (std::uint64_t at = first; error == 0 && at < end; at += run.count) {
+        error = FindRun(library, inode, at, end, run);
+        if (error == 0 && run.block == 0) return STATUS_FILE_CORRUPT_ERROR;
+        if (error == 0) runs.Append(run.block * blockSize, run.count * blockSize);
     }
     return error == 0 ? STATUS_SUCCESS : format.Failed(error);
 }
