@@ -34,7 +34,7 @@ def arguments():
                         help="on a disk, read with nothing in the host's memory, which only the measured files lose; "
                         "--folder must be on the disk (default then /var/tmp), about 5 GiB")
     parser.add_argument("--tree", action="store_true",
-                        help="instead: a source tree unpacked, built, searched and removed by nbdfuse and ext4; as root, "
+                        help="instead: a source tree unpacked, built, searched, removed by nbdfuse and ext4; as root, "
                         "with FUSE and loop devices")
     parser.add_argument("--guest", action="store_true", help="instead: a virtual machine's boot to its prompt")
     parser.add_argument("--before", type=pathlib.Path, help="build folder of another Kvr to measure as well")

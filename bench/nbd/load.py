@@ -63,8 +63,8 @@ class Case:
 
 @dataclass(frozen=True)
 class Database(Case):
-    """Reads and, at the same time on a connection of their own, writes of single pages in any order, with a flush behind
-    every so many writes. A page that is written holds its own place on the disk."""
+    """Reads and, at the same time on a connection of their own, writes of single pages in any order, with a flush
+    behind every so many writes. A page that is written holds its own place on the disk."""
     pattern: str = "randrw"
     block: int = 4 * KIB
     depth: int = 16
@@ -77,8 +77,9 @@ class Database(Case):
         return self.area.size // self.block * tenths // 10 * self.block
 
     def job(self, start, pattern, tenths):
-        return [f"--name={pattern}", f"--rw={pattern}", f"--offset={start + self.area.offset}", f"--size={self.area.size}",
-                f"--io_size={self.part(tenths)}", f"--iodepth={self.depth * tenths // 10}", f"--randseed={self.seed}"]
+        return [f"--name={pattern}", f"--rw={pattern}", f"--offset={start + self.area.offset}",
+                f"--size={self.area.size}", f"--io_size={self.part(tenths)}",
+                f"--iodepth={self.depth * tenths // 10}", f"--randseed={self.seed}"]
 
     def jobs(self, start):
         return [*self.job(start, "randread", 10 - self.writes), *self.job(start, "randwrite", self.writes),
