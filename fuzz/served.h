@@ -79,7 +79,7 @@ public:
             nbd::FolderLock lock(folder);
             server_ = std::make_unique<nbd::Server>(std::move(folder), std::move(lock));
             server_->Start();
-            control_ = std::make_unique<nbd::ControlServer>(*server_, [] {});
+            control_ = std::make_unique<nbd::ControlServer>(*server_, [this] { stopAsked_ = true; });
             return true;
         } catch (const nbd::Error& error) {
             why = error.what();
@@ -95,8 +95,10 @@ public:
     void End() {
         control_.reset();
         server_.reset();
+        stopAsked_ = false;
     }
     bool IsOn() const { return server_ != nullptr; }
+    bool StopAsked() const { return stopAsked_; }
     nbd::Server& Machine() { return *server_; }
     posix::File Connect() const {
         posix::File socket = tool::wire::ConnectToServer(path_);
@@ -114,6 +116,7 @@ public:
 
 private:
     const std::string path_;
+    std::atomic<bool> stopAsked_{false};
     std::unique_ptr<nbd::Server> server_;
     std::unique_ptr<nbd::ControlServer> control_;
 };

@@ -1,6 +1,6 @@
 // fuzz/: targets that feed the driver, the machine and its server what an attacker or a damaged disk might:
-// configuration text, saved maps, control requests, partition tables, the machine's own files, nbdkit's
-// requests, damaged file systems. Each input starts from a fresh power-on and ends with a check that
+// configuration text, saved maps, control requests, partition tables, the machine's own files, conversations
+// with the server, damaged file systems. Each input starts from a fresh power-on and ends with a check that
 // nothing is left over, so an input that fails alone fails again; only a served machine goes on from input to
 // input while what an input left of it is as it was, or known. A target stops, and with it the run, at a
 // sanitizer's finding, at a violation of the host kernel's rules, or when Require does not hold.
