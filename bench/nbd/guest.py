@@ -88,6 +88,7 @@ class Guests:
             build / "guest", INIT.format(modules=initrd.load_modules()), folder / "initrd")
         self.digest = None
         self.accelerator = self.find_accelerator()
+        print("qemu's processor: " + " ".join(self.accelerator))
 
     def find_accelerator(self):
         """Hardware's where a kernel says anything with it."""
