@@ -19,6 +19,7 @@ enum Content : std::uint32_t { kFirst = 1, kDiscarded = 2, kKept = 3, kDropped =
 
 constexpr std::uint32_t kSwapProvisioning = 1, kSwapPresent = 2;
 constexpr std::uint32_t kPollMilliseconds = 100, kMostPolls = 3000, kMostIdlePolls = 50;
+constexpr std::uint32_t kHoldMilliseconds = 1000;
 constexpr std::uint32_t kMostVolumes = 64;
 
 alignas(4096) std::uint8_t gPiece[kPiece], gRead[kPiece];
@@ -274,8 +275,20 @@ void Merged(const Stage& stage, std::uint64_t) {
     stage.Configure("the configuration is changed: discard", true, config::kBootModeDiscard, 0);
 }
 
+// The driver takes its files in a thread of its own once the file system is there, which may be after this
+// program has begun. To ask while it does so would be in its way, so it has a moment first.
+void AwaitHeldFiles(const Stage& stage) {
+    stage.guest.Wait(kHoldMilliseconds);
+    const char16_t* const files[] = {u"\\kvr.SWP", u"\\kvr.MAP"};
+    for (const char16_t* path : files)
+        for (std::uint32_t poll = 0; poll < kMostIdlePolls && stage.guest.OpenToRead(path) != kSharingViolation;
+             ++poll)
+            stage.guest.Wait(kPollMilliseconds);
+}
+
 void Refused(const Stage& stage, std::uint64_t) {
     Protected(stage);
+    AwaitHeldFiles(stage);
     stage.Exactly("the volume's first sector is not written", stage.guest.RewriteFirstSector(),
                   kWriteProtected);
     stage.Exactly("no sectors are given back to the disk", stage.guest.Trim(), kNotSupported);

@@ -202,7 +202,8 @@ void tree_delete(TREE* tree, TREE_NODE* node) {
 TREE_NODE* tree_first(TREE*, TREE_NODE* start) {
     if (!start || IsNil(start)) return nullptr;
     while (!IsNil(start->Left)) {
-        __builtin_prefetch(start->Record);  // a walk comes back to it
+        // A walk comes back to it.
+        __builtin_prefetch(start->Record);
         start = start->Left;
     }
     return start;
