@@ -375,14 +375,19 @@ std::optional<HiveValue> Hive::Get(const std::string& key, const std::string& va
     return {};
 }
 
+void Hive::RefuseLong(const std::string& key, const std::string& name, const HiveValue& value) const {
+    if (value.bytes.size() <= kMostPlainValue) return;
+    const std::string bytes = std::to_string(value.bytes.size());
+    throw Error("the hive " + name_ + " keeps " + name + " in " + key + ", with " + bytes +
+                " bytes too long to be written anew beside it");
+}
+
 // All values of a key are written anew.
 void Hive::Put(Node node, const std::string& key,
                const std::vector<std::pair<std::string, HiveValue>>& values) {
     std::vector<hive_set_value> all;
     for (const auto& [name, value] : values) {
-        if (value.bytes.size() > kMostPlainValue)
-            throw Error("the hive " + name_ + " keeps " + name + " in " + key + ", with " +
-                        std::to_string(value.bytes.size()) + " bytes too long to be written anew beside it");
+        RefuseLong(key, name, value);
         auto* data = reinterpret_cast<char*>(const_cast<std::uint8_t*>(value.bytes.data()));
         all.push_back({const_cast<char*>(name.c_str()), hive_t_REG_NONE, value.bytes.size(), data});
         std::memcpy(&all.back().t, &value.type, sizeof value.type);

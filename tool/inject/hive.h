@@ -64,6 +64,7 @@ private:
     using Node = std::size_t;
     Node Find(const std::string& key) const;  // 0: there is none
     Node Make(const std::string& key);
+    void RefuseLong(const std::string& key, const std::string& name, const HiveValue& value) const;
     void Put(Node node, const std::string& key, const std::vector<std::pair<std::string, HiveValue>>& values);
     [[noreturn]] void Fail(const std::string& what) const;
 
