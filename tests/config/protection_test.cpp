@@ -1,11 +1,11 @@
 #include "config/parser.h"
 #include "config/protected_volumes.h"
 #include "driver/record/hardening.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
-class Protection : public MemoryStackTest {
+class Protection : public LoadedDriver {
 protected:
     static bool Updated(PVOLUME_EXTENSION volume) {
         UpdateVolumeProtection(volume);
@@ -52,7 +52,7 @@ TEST_F(Protection, OfAFixedVolumeComesFromItsEntryOnly) {
 
 TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
     PVOLUME_EXTENSION stick =
-        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
+        AddStarted({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).volume;
     gRVProtect = gRVInvisible = TRUE;
     EXPECT_TRUE(Updated(stick));
     EXPECT_TRUE(stick->IsInvisible);
@@ -64,18 +64,15 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
 // By its extents, where they are known: by the number, with the separator behind it. Else by the first
 // component of its name.
 TEST_F(Protection, OfADiskComesFromTheVolumesOnIt) {
-    FilteredStack& disk1 = AddMemoryDisk(u"\\Device\\HARDDISK1\\DR1").stack;  // case does not count
-    FilteredStack& disk11 = AddMemoryDisk(u"\\Device\\Harddisk11\\DR1").stack;
-    FilteredStack& other = AddMemoryDisk(u"\\KernelObjects\\Disk").stack;
-    FilteredStack& filtered = AddMemory({.name = u"\\Device\\0000002e",
-                                         .className = u"DiskDrive",
-                                         .classGuid = kDiskClass,
-                                         .diskNumber = 1})
-                                  .stack;
-    FilteredStack& nameless = AddMemory({.name = u"\\Harddisk1"}).stack;
-    PDEVICE_OBJECT unnamed = AddMemoryDisk(nullptr).stack.filter;
-    PVOLUME_EXTENSION located = AddMemory({.name = u"\\Device\\V"}, {7, 1}).stack.volume;
-    PVOLUME_EXTENSION unknown = AddMemory({.name = u"\\Device\\W"}, {}).stack.volume;
+    FilteredStack& disk1 = AddDisk(u"\\Device\\HARDDISK1\\DR1");  // case does not count
+    FilteredStack& disk11 = AddDisk(u"\\Device\\Harddisk11\\DR1");
+    FilteredStack& other = AddDisk(u"\\KernelObjects\\Disk");
+    FilteredStack& filtered = AddStarted(
+        {.name = u"\\Device\\0000002e", .className = u"DiskDrive", .classGuid = kDiskClass, .diskNumber = 1});
+    FilteredStack& nameless = AddStarted({.name = u"\\Harddisk1"});
+    PDEVICE_OBJECT unnamed = AddDisk(nullptr).filter;
+    PVOLUME_EXTENSION located = AddStarted({.name = u"\\Device\\V"}, {7, 1}).volume;
+    PVOLUME_EXTENSION unknown = AddStarted({.name = u"\\Device\\W"}, {}).volume;
     const struct {
         const char* what;
         bool enabled, located, unknown, unknownIsDisk, knows;
@@ -159,19 +156,19 @@ TEST_F(Protection, OfADisksPartitionTables) {
             const auto name = [&](const char16_t* head, char16_t kind) {
                 return head + std::u16string{char16_t(u'0' + number / 10), char16_t(u'0' + number % 10), kind};
             };
-            StackMemory& disk = AddMemory({.name = name(u"\\Device\\Harddisk", u'\\').append(u"DR").c_str(),
-                                           .className = u"DiskDrive",
-                                           .classGuid = kDiskClass,
-                                           .sectorSize = d.sector,
-                                           .bytes = end});
-            FilteredStack& on = AddMemory({.name = name(u"\\Device\\V", u'x').c_str()}).stack;
+            FilteredStack& disk = AddStarted({.name = name(u"\\Device\\Harddisk", u'\\').append(u"DR").c_str(),
+                                              .className = u"DiskDrive",
+                                              .classGuid = kDiskClass,
+                                              .sectorSize = d.sector,
+                                              .bytes = end});
+            FilteredStack& on = AddStarted({.name = name(u"\\Device\\V", u'x').c_str()});
             on.extents = {{number, Large(d.first), Large(d.last - d.first)}};
             ASSERT_EQ(STATUS_SUCCESS, on.Start());
             for (const bool isProtected : {true, false}) {
                 gTesselEnabled = TRUE;
                 on.volume->IsProtected = isProtected;
                 const auto answer = [&](LONGLONG at, ULONG length) {
-                    return Write(disk.stack.volume, at, Bytes(length)).status;
+                    return Write(disk.volume, at, Bytes(length)).status;
                 };
                 EXPECT_EQ(isProtected ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS, answer(0, d.sector));
                 for (const auto& [at, length] : d.refused)
@@ -180,7 +177,7 @@ TEST_F(Protection, OfADisksPartitionTables) {
                         << at;
                 for (const auto& [at, length] : d.passed) EXPECT_EQ(STATUS_SUCCESS, answer(at, length)) << at;
                 Bytes back(d.sector);
-                EXPECT_EQ(STATUS_SUCCESS, Send(disk.stack.volume, IRP_MJ_READ, 0, back).status);
+                EXPECT_EQ(STATUS_SUCCESS, Send(disk.volume, IRP_MJ_READ, 0, back).status);
             }
         }
     }
@@ -209,7 +206,7 @@ TEST_F(Protection, OfAVolumeTooLargeToKeep) {
         UNICODE_STRING id = Counted(name.c_str());
         EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, c.flags, c.drops));
         FilteredStack& large =
-            AddMemory({.name = name.c_str(), .sectorSize = c.sector, .bytes = c.sectors * c.sector}).stack;
+            AddStarted({.name = name.c_str(), .sectorSize = c.sector, .bytes = c.sectors * c.sector});
         large.extents = {{3, {}, Large(c.extent * c.sector)}};
         large.claimedExtents = 1;
         ASSERT_EQ(STATUS_SUCCESS, large.Start());

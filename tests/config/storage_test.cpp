@@ -4,7 +4,6 @@
 #include "config/config_files.h"
 #include "config/config_location.h"
 #include "config/storage.h"
-#include "tests/support/memory_stack.h"
 #include "tests/support/told_files.h"
 
 namespace {
@@ -17,24 +16,8 @@ Image ImageOf(const std::u16string& text) {
     return image;
 }
 
-class Storage : public MemoryStackTest {
+class Storage : public DriverFiles {
 protected:
-    void SetUp() override {
-        MemoryStackTest::SetUp();
-        host::MountProvider(device->stack.pdo.object, &files);
-        host::SetSystemRoot(std::u16string(kName) + u"\\Windows");
-    }
-    void CloseFiles() {
-        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
-        KernelHandle(gDriverFileHandle.exchange(nullptr)).Reset();
-        files.opens.clear();
-    }
-    void TearDown() override {
-        CloseFiles();
-        host::SetSystemRoot({});
-        MemoryStackTest::TearDown();
-    }
-    ToldFiles files;
     void Locate(LONGLONG first = 0x4000) {
         for (ULONG i = 0; i < kConfigPieces; ++i) volume->PreloadConfigLocation[i] = Place(first, i);
     }

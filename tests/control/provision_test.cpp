@@ -6,8 +6,6 @@
 #include "driver/record/threads.h"
 #include "platform/host/object/object.h"
 #include "swap/map_format.h"
-#include "swap/provision.h"
-#include "tests/support/memory_stack.h"
 #include "tests/support/told_files.h"
 
 namespace {
@@ -15,23 +13,8 @@ namespace {
 constexpr LONGLONG M = 1 << 20;
 constexpr MAP_LOCATION_ENTRY kRun = {0x1000, 4096};
 
-class Provisioning : public MemoryStackTest {
+class Provisioning : public DriverFiles {
 protected:
-    void SetUp() override {
-        MemoryStackTest::SetUp();
-        host::MountProvider(device->stack.pdo.object, &files);
-        host::SetSystemRoot(std::u16string(kName) + u"\\Windows");
-    }
-    void TearDown() override {
-        host::JoinSystemThreads();
-        EXPECT_EQ(nullptr, gProvisionThread.load());
-        CloseHeldFiles(volume);
-        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
-        KernelHandle(gDriverFileHandle.exchange(nullptr)).Reset();
-        EXPECT_TRUE(host::OpenHandles().empty()) << "thread handles are closed";
-        host::SetSystemRoot({});
-        MemoryStackTest::TearDown();
-    }
     static SWAP_CONFIG_REQUEST For(const char16_t* name, std::int64_t size = -1) {
         SWAP_CONFIG_REQUEST request{};
         std::copy_n(name, std::char_traits<char16_t>::length(name), request.VolumeName);
@@ -76,7 +59,6 @@ protected:
                std::u16string{static_cast<char16_t>(u'0' + i / 10), static_cast<char16_t>(u'0' + i % 10)};
     }
 
-    ToldFiles files;
     SWAP_CONFIG_REQUEST nowhere = For(u"\\Device\\Nowhere");
 };
 
@@ -144,7 +126,7 @@ TEST_F(Provisioning, StopWaitsForTheThread) {
 }
 
 TEST_F(Provisioning, NotWhileStorageOrConfigurationIsInUse) {
-    PVOLUME_EXTENSION other = AddMemory({.name = u"\\Device\\HarddiskVolume2"}).stack.volume;
+    PVOLUME_EXTENSION other = AddStarted({.name = u"\\Device\\HarddiskVolume2"}).volume;
     const struct {
         const char* what;
         bool enabled, otherProtected, isVolume;
@@ -298,9 +280,9 @@ TEST_F(Provisioning, RemovalForgetsBeforeItDeletes) {
 // A device that goes takes along what was held for it.
 TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
     const std::u16string name = u"\\Device\\" + std::u16string(56, u'v');  // as long as a name can be
-    StackMemory& memory = AddMemory({.name = name.c_str()});
-    PVOLUME_EXTENSION leaving = memory.stack.volume;
-    host::MountProvider(memory.stack.pdo.object, &files);
+    FilteredStack& memory = AddStarted({.name = name.c_str()});
+    PVOLUME_EXTENSION leaving = memory.volume;
+    host::MountProvider(memory.pdo.object, &files);
     const SWAP_CONFIG_REQUEST request = For(name.c_str());  // fills the field to its end
     EXPECT_EQ(leaving, FindRequestedVolume(&request).Get());
     Locate(leaving, {{}});
@@ -309,7 +291,7 @@ TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
     host::JoinSystemThreads();
     leaving->MediaType = RemovableMedia;
     EXPECT_EQ(20u, host::OpenHandles().size());
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(memory.stack.pdo.object, IRP_MN_REMOVE_DEVICE));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(memory.pdo.object, IRP_MN_REMOVE_DEVICE));
     EXPECT_EQ(1u, host::OpenHandles().size()) << "the driver's own file";
 }
 

@@ -1,11 +1,11 @@
 // What the records of the volumes say.
 #include "control/io.h"
 #include "control/reports.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
-class Reports : public MemoryStackTest {
+class Reports : public LoadedDriver {
 protected:
     template <class Record, class Report>
     static std::vector<Record> Ask(Report report, ULONG room = 4096) {
@@ -34,7 +34,7 @@ protected:
 
 TEST_F(Reports, VolumesInTheOrderTheyCame) {
     const std::u16string longest = u"\\Device\\" + std::u16string(80, u'x');
-    AddMemoryDisk(u"\\Device\\Harddisk1\\DR1");
+    AddDisk(u"\\Device\\Harddisk1\\DR1");
     Add({.name = longest.c_str()});  // not started
     AddStarted({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA});
     const auto all = Fixed();

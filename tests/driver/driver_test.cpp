@@ -10,7 +10,7 @@
 #include "platform/host/rtl/version.h"
 #include "redirect/write_cache.h"
 #include "swap/provision.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ TEST_F(Entry, MemoryIsNeverExecutableWhereTheSystemKnowsHow) {
     gControlDevice = nullptr;
 }
 
-class Life : public MemoryStackTest {};
+class Life : public LoadedDriver {};
 
 TEST_F(Life, StartTellsWhatTheDeviceIs) {
     FilteredStack& stack = Add({.name = u"\\Device\\V2", .className = u"VOLUME", .sectorSize = 4096});
@@ -178,7 +178,7 @@ TEST_F(Life, RemovableVolumesAreShownReadOnlyOrHidden) {
 }
 
 TEST_F(Life, ANeededVolumeIsNotGivenUp) {
-    FilteredStack& stack = device->stack;
+    FilteredStack& stack = *device;
     MAP_LOCATION_ENTRY run{};
     const struct {
         bool isProtected, isVolume;
@@ -283,22 +283,22 @@ TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
 // A volume is told by the system, by its file system and at the last chance, and saves what has changed.
 TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     constexpr LONGLONG map = 0x700000;
-    FilteredStack& disk = AddMemoryDisk(u"\\Device\\Harddisk1\\DR1").stack;
-    FilteredStack& unprotected = AddMemory({.name = u"\\Device\\V2"}).stack;
+    FilteredStack& disk = AddDisk(u"\\Device\\Harddisk1\\DR1");
+    FilteredStack& unprotected = AddStarted({.name = u"\\Device\\V2"});
     Protect();
     Attach();
     Locate({{map / S, 4096}});
     ASSERT_EQ(STATUS_SUCCESS, Write(volume, 100 * S, Data(S, 1)).status);
     host::NotifyShutdown();
-    int flushes = device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS);
+    int flushes = device->Arrived(IRP_MJ_FLUSH_BUFFERS);
     EXPECT_NE(0, flushes);
     EXPECT_EQ(1u, Swapped().size());
     EXPECT_EQ(3u, TimesSaid(mark, "Kvr!KvrShutdown"));
     EXPECT_EQ(1, unprotected.Arrived(IRP_MJ_FLUSH_BUFFERS));
     EXPECT_EQ(0, disk.Arrived(IRP_MJ_FLUSH_BUFFERS)) << "its own driver is told as well";
     EXPECT_FALSE(disk.IsFiltered());
-    EXPECT_TRUE(device->stack.IsFiltered() && IsVolumeInList(volume)) << "a volume's filter stays";
-    EXPECT_EQ(0, device->stack.Arrived(IRP_MJ_SHUTDOWN)) << "and the request is not passed on";
+    EXPECT_TRUE(device->IsFiltered() && IsVolumeInList(volume)) << "a volume's filter stays";
+    EXPECT_EQ(0, device->Arrived(IRP_MJ_SHUTDOWN)) << "and the request is not passed on";
     // The write cache holds what no request comes for any more.
     const auto cache = [&](LONGLONG offset, int seed) {
         const LARGE_INTEGER at = Large(offset);
@@ -307,7 +307,7 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     };
     const auto saved = [&] { return reinterpret_cast<const SWAP_MAP_ENTRY*>(At(map)); };
     cache(200 * S, 2);
-    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->pdo.object));
     EXPECT_EQ(200u, saved()[1].ulVolumeSector);
     cache(300 * S, 3);
     device->onFlush = [] { return STATUS_IO_DEVICE_ERROR; };
@@ -315,15 +315,14 @@ TEST_F(Life, WhatComesAfterTheNotificationIsSavedAtTheLastChance) {
     device->onFlush = nullptr;
     EXPECT_NE(0u, TimesSaid(mark, "is not saved, 0xc0000185")) << "for all that is known";
     EXPECT_EQ(300u, saved()[2].ulVolumeSector);
-    EXPECT_LE(flushes + 2, device->stack.Arrived(IRP_MJ_FLUSH_BUFFERS))
-        << "each time the device below is flushed";
+    EXPECT_LE(flushes + 2, device->Arrived(IRP_MJ_FLUSH_BUFFERS)) << "each time the device below is flushed";
     EXPECT_EQ(Data(S, 3), Read(300 * S, S));
     EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "only the protected volume asked for it";
     host::NotifyLastChance();
     EXPECT_EQ(5u, TimesSaid(mark, "Kvr!KvrShutdown")) << "and once";
-    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->pdo.object));
     device->TakeTransfers();
-    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->stack.pdo.object));
+    EXPECT_EQ(STATUS_SUCCESS, host::SendShutdown(device->pdo.object));
     EXPECT_TRUE(device->TakeTransfers().empty()) << "nothing has changed";
 }
 
@@ -424,10 +423,10 @@ TEST_F(Life, WhoseControlCodesAreRefused) {
     volume->IsProtected = TRUE;
     SCSI_PASS_THROUGH command{};
     command.Cdb[0] = 0x28;
-    EXPECT_EQ(STATUS_SUCCESS, device->stack.Control(IOCTL_SCSI_PASS_THROUGH, &command, sizeof(command)));
+    EXPECT_EQ(STATUS_SUCCESS, device->Control(IOCTL_SCSI_PASS_THROUGH, &command, sizeof(command)));
     EXPECT_EQ(1u, TimesSaid(mark, "IOCTL_SCSI_PASS_THROUGH, 40"));
     volume->MediaType = RemovableMedia;
-    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, device->stack.Control(IOCTL_DISK_IS_WRITABLE));
+    EXPECT_EQ(STATUS_MEDIA_WRITE_PROTECTED, device->Control(IOCTL_DISK_IS_WRITABLE));
     EXPECT_EQ(1u, TimesSaid(mark, "IS_WRITABLE IoControlCode = 0x00070024 BLOCKING!"));
     volume->MediaType = FixedMedia;
     // Each of them is traced until the start has ended, and for whoever asks.
@@ -438,7 +437,7 @@ TEST_F(Life, WhoseControlCodesAreRefused) {
                 volume->IsDisk = isDisk;
                 volume->IsProtected = isProtected;
                 mark = host::DebugMark();
-                EXPECT_EQ(STATUS_SUCCESS, device->stack.Control(IOCTL_DISK_GET_LENGTH_INFO));
+                EXPECT_EQ(STATUS_SUCCESS, device->Control(IOCTL_DISK_GET_LENGTH_INFO));
                 EXPECT_EQ(!suppressed && isProtected, Said("Kvr!KvrDeviceControl: Device=0x"));
                 EXPECT_EQ(!suppressed && isDisk, Said("Kvr!KvrDeviceControl: DiskDevice=0x"));
             }

@@ -4,14 +4,14 @@
 #include "config/storage.h"
 #include "redirect/write_cache.h"
 #include "tests/support/at_once.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
-class ConfigParallel : public MemoryStackTest {
+class ConfigParallel : public LoadedDriver {
 protected:
     void SetUp() override {
-        MemoryStackTest::SetUp();
+        LoadedDriver::SetUp();
         for (ULONG i = 0; i < kConfigPieces; ++i) volume->PreloadConfigLocation[i] = Place(i);
     }
     static LONGLONG Place(ULONG piece) { return 0x4000 + piece * 512; }
@@ -28,8 +28,8 @@ TEST_F(ConfigParallel, FirstReadsLoadItOnce) {
             EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, 0x100000, data).status);
         }
     });
-    const std::vector<StackMemory::Transfer> all = device->TakeTransfers();
-    EXPECT_EQ(1, std::count(all.begin(), all.end(), StackMemory::Transfer{false, Place(0), 512}));
+    const std::vector<FilteredStack::Transfer> all = device->TakeTransfers();
+    EXPECT_EQ(1, std::count(all.begin(), all.end(), FilteredStack::Transfer{false, Place(0), 512}));
     EXPECT_TRUE(gConfigLoaded && gConfigDirty);
     EXPECT_EQ(0, gConfigureBusy);
 }

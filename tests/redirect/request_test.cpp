@@ -6,14 +6,14 @@
 #include "platform/host/sync/clock.h"
 #include "redirect/redirect.h"
 #include "redirect/request_path.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 #include "tests/support/paged_out_text.h"
 
 namespace {
 
 constexpr LONGLONG kAt = 0x10000;
 
-class Requests : public MemoryStackTest {
+class Requests : public LoadedDriver {
 protected:
     // Writes one sector of its own content and tells whether it went into the swap.
     bool IsRedirected(PFILE_OBJECT file = nullptr, LONGLONG at = kAt) {
@@ -435,7 +435,7 @@ TEST_F(Requests, WritesThroughAVolumeHandleAreRefusedOnceItsSectorsAreTheDrivers
 
 TEST_F(Requests, EverythingIsRefusedOnAProtectedRemovableVolume) {
     PVOLUME_EXTENSION stick =
-        AddMemory({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).stack.volume;
+        AddStarted({.name = u"\\Device\\Stick", .characteristics = FILE_REMOVABLE_MEDIA}).volume;
     gTesselEnabled = gRVProtect = TRUE;
     DRIVER_OBJECT ntfs{}, fat{};
     ntfs.DriverName = Counted(u"\\FileSystem\\NTFS");
@@ -463,7 +463,7 @@ TEST_F(Requests, AWriteFromWithinAWriteDoesNotWait) {
     Protect();
     ULONG transfers = 0;
     std::thread waits;
-    device->verdict = [&](const StackMemory::Transfer& transfer) {
+    device->verdict = [&](const FilteredStack::Transfer& transfer) {
         if (!transfer.isWrite || ++transfers != 1) return STATUS_SUCCESS;
         waits = std::thread([&] { EXPECT_EQ(STATUS_SUCCESS, Write(volume, kAt + S, Bytes(2 * S, 3)).status); });
         for (bool two = false; !two; std::this_thread::yield()) {
@@ -547,7 +547,7 @@ TEST_F(Requests, MapIsSavedAtMostEveryThirtySeconds) {
 // Who is told of: everything until the start has ended, and whoever asks for it afterwards.
 TEST_F(Requests, Traces) {
     TestFile file(u"\\file");
-    PVOLUME_EXTENSION disk = AddMemoryDisk(u"\\Device\\Harddisk0\\DR0").stack.volume;
+    PVOLUME_EXTENSION disk = AddDisk(u"\\Device\\Harddisk0\\DR0").volume;
     const struct {
         bool isDisk, suppressed, isProtected, enabled, hasFile;
         int reads, writes;

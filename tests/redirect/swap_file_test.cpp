@@ -1,31 +1,31 @@
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
-class SwapFiles : public MemoryStackTest {};
+class SwapFiles : public LoadedDriver {};
 
 constexpr char16_t kOther[] = u"\\Device\\HarddiskVolume2";
 
 TEST_F(SwapFiles, VolumesOfOneStorageShareOneObject) {
-    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
+    PVOLUME_EXTENSION other = AddStarted({.name = kOther}).volume;
     SWAP_FILE* swapFile = Attach(kName, other);  // the holder is attached with it
     EXPECT_EQ(swapFile, volume->SwapFile.load());
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
     EXPECT_EQ(volume, swapFile->SwapVolume.load());
     EXPECT_EQ(swapFile, Attach(kName, volume)) << "attached already";
     EXPECT_EQ(2u, swapFile->ulRefCount.load());
-    PVOLUME_EXTENSION elsewhere = AddMemory({.name = u"\\Device\\X"}).stack.volume;
+    PVOLUME_EXTENSION elsewhere = AddStarted({.name = u"\\Device\\X"}).volume;
     SWAP_FILE* own = Attach(u"\\Device\\HarddiskVolume3", elsewhere);
     EXPECT_NE(swapFile, own);
     EXPECT_EQ(swapFile, gSwapFileList);
     EXPECT_EQ(nullptr, gSwapFileList->pNext->SwapVolume.load()) << "a volume that nobody knows";
     EXPECT_EQ(gSwapFileList, gSwapFileList->pNext->pPrevious);
-    EXPECT_NE(own, Attach(u"\\Device\\X", AddMemory({.name = u"\\Device\\Y"}).stack.volume));
+    EXPECT_NE(own, Attach(u"\\Device\\X", AddStarted({.name = u"\\Device\\Y"}).volume));
     EXPECT_EQ(own, elsewhere->SwapFile.load()) << "a holder that is attached elsewhere stays there";
 }
 
 TEST_F(SwapFiles, RemovedHolderIsForgottenAndFoundAgain) {
-    PDEVICE_OBJECT holder = AddMemory({.name = kOther}).stack.pdo.object;
+    PDEVICE_OBJECT holder = AddStarted({.name = kOther}).pdo.object;
     SWAP_FILE* swapFile = Attach(kOther, volume);
     SwapDevice device;
     EXPECT_EQ(holder, device.Of(volume));
@@ -51,7 +51,7 @@ TEST_F(SwapFiles, TheHolderIsTheVolumeItselfOrOnlyTheOneThatWasFound) {
     EXPECT_EQ(0u, swapFile->ulFreeBytes.load()) << "no space is known";
     EXPECT_EQ(volume->Target, SwapDevice().Of(volume)) << "found again by its name";
     EXPECT_EQ(S, swapFile->ulFreeBytes.load());
-    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
+    PVOLUME_EXTENSION other = AddStarted({.name = kOther}).volume;
     swapFile->SwapVolume = other;
     ForgetSwapVolume(volume);
     EXPECT_EQ(other, swapFile->SwapVolume.load()) << "not this volume's";
@@ -69,7 +69,7 @@ TEST_F(SwapFiles, TheHolderIsTheVolumeItselfOrOnlyTheOneThatWasFound) {
 }
 
 TEST_F(SwapFiles, DetachingCounts) {
-    PVOLUME_EXTENSION other = AddMemory({.name = kOther}).stack.volume;
+    PVOLUME_EXTENSION other = AddStarted({.name = kOther}).volume;
     SWAP_FILE* swapFile = Attach(kName, other);
     DetachFromSwap(volume);
     EXPECT_EQ(swapFile, volume->SwapFile.load());

@@ -1,14 +1,14 @@
 #include "platform/owners.h"
 #include "redirect/write_cache.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 #include "tests/support/paged_out_text.h"
 
 namespace {
 
-class WriteCache : public MemoryStackTest {
+class WriteCache : public LoadedDriver {
 protected:
     void SetUp() override {
-        MemoryStackTest::SetUp();
+        LoadedDriver::SetUp();
         Protect();
         swapFile = Attach();
     }
@@ -123,9 +123,9 @@ TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
             GiveSpace();
             volume->MapDirty = TRUE;
             c.prevent(true);
-            const int arrived = device->stack.Arrived(major);
+            const int arrived = device->Arrived(major);
             EXPECT_EQ(STATUS_SUCCESS, host::Send(volume->FilterDevice, {.major = major}).status);
-            EXPECT_EQ(shutdown ? arrived : arrived + 1, device->stack.Arrived(major));
+            EXPECT_EQ(shutdown ? arrived : arrived + 1, device->Arrived(major));
             c.prevent(false);
             EXPECT_EQ(written, IsWriteCacheEmpty(swapFile) != FALSE);
             EXPECT_EQ(written && shutdown, !volume->MapDirty) << "the map holds what was queued";
@@ -137,7 +137,7 @@ TEST_F(WriteCache, FlushAndShutdownWriteTheQueueOfRedirectedVolumes) {
 }
 
 TEST_F(WriteCache, RemovalDropsTheVolumesEntriesFromASharedQueue) {
-    FilteredStack& other = AddMemory({.name = u"\\Device\\HarddiskVolume2"}).stack;
+    FilteredStack& other = AddStarted({.name = u"\\Device\\HarddiskVolume2"});
     PVOLUME_EXTENSION leaving = other.volume;
     Attach(kName, leaving);
     Queue(0, 0x1000, 1);

@@ -1,27 +1,27 @@
-// The driver on the host kernel, freshly loaded, above stand-in volumes and disks.
+// The driver, freshly loaded, above devices whose sectors are kept in memory, with a registry in memory.
 #pragma once
-#include <gtest/gtest.h>
-#include <algorithm>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <mutex>
-#include <thread>
+#include "config/config_files.h"
 #include "config/parser.h"
 #include "config/protected_volumes.h"
-#include "formats/kvr_ioctl.h"
+#include "config/storage.h"
 #include "driver/entry.h"
 #include "driver/record/names.h"
 #include "driver/record/requests.h"
 #include "driver/record/threads.h"
-#include "driver/record/volume_list.h"
-#include "platform/host/rtl/debug_sink.h"
-#include "platform/host/memory/pool.h"
-#include "platform/host/sync/thread.h"
+#include "platform/host/check/injector.h"
+#include "platform/host/check/verifier.h"
 #include "platform/host/io/user_mode.h"
-#include "platform/owners.h"
-#include "swap/swap.h"
-#include "tests/platform/host_stub.h"
+#include "platform/host/memory/pool.h"
+#include "platform/host/rtl/debug_sink.h"
+#include "platform/host/sync/thread.h"
+#include "swap/chunk_maps.h"
+#include "swap/map_boot.h"
+#include "swap/swap_file.h"
+#include "tests/support/filtered_stack.h"
+#include "tests/support/map_invariants.h"
+#include "tests/support/memory_registry.h"
+
+inline constexpr ULONG S = 512;
 
 inline UNICODE_STRING Counted(const char16_t* text) {
     UNICODE_STRING string;
@@ -35,121 +35,67 @@ inline SIZE_T TimesSaid(ULONGLONG mark, const std::string& part) {
                                              [&](const auto& line) { return line.find(part) != line.npos; }));
 }
 
-inline constexpr const char16_t* kDiskClass = u"{4d36e967-e325-11ce-bfc1-08002be10318}";  // case does not count
+inline LARGE_INTEGER Large(LONGLONG value) {
+    LARGE_INTEGER large;
+    large.QuadPart = value;
+    return large;
+}
 
-struct StackOptions {
-    const char16_t* name = u"\\Device\\HarddiskVolume1";
-    const char16_t* className = u"Volume";
-    const char16_t* classGuid = u"{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
-    ULONG characteristics = 0;
-    USHORT sectorSize = 512;
-    ULONG diskNumber = kUnknownDisk;  // what the device tells when it is asked; by default nothing
-    LONGLONG bytes = 0;
+// A file object as a file system's requests carry it.
+struct TestFile {
+    explicit TestFile(std::u16string path) : name(std::move(path)) {
+        object.FileName = {static_cast<USHORT>(name.size() * sizeof(WCHAR)),
+                           static_cast<USHORT>(name.size() * sizeof(WCHAR)), name.data()};
+    }
+    TestFile(const TestFile&) = delete;
+    std::u16string name;
+    FILE_OBJECT object{};
 };
 
-// A device with the driver's filter above it. What arrives below is written down, and succeeds unless the test
-// says otherwise.
-class FilteredStack {
-public:
-    using Answer = std::function<NTSTATUS(PIRP, PIO_STACK_LOCATION)>;
-
-    FilteredStack(PDRIVER_OBJECT lower, PDRIVER_OBJECT kvr, const StackOptions& options)
-        : pdo(
-              lower, [this](PDEVICE_OBJECT, PIRP irp) { return Serve(irp); }, nullptr, options.name),
-          diskNumber(options.diskNumber),
-          bytes(options.bytes) {
-        pdo.object->Characteristics |= options.characteristics;
-        pdo.object->SectorSize = options.sectorSize;
-        host::SetDeviceProperty(pdo.object, DevicePropertyClassName, options.className);
-        host::SetDeviceProperty(pdo.object, DevicePropertyClassGuid, options.classGuid);
-        added = host::AddDeviceToStack(kvr, pdo.object);
-        filter = NT_SUCCESS(added) ? host::TopOfStack(pdo.object) : nullptr;
-        if (filter == pdo.object) filter = nullptr;
-        volume = filter ? VolumeOf(filter) : nullptr;
-    }
-    // Lets go of what would keep the driver from giving the device up.
-    ~FilteredStack() {
-        answer = nullptr;
-        if (!IsFiltered()) return;
-        volume->IsProtected = FALSE;
-        volume->PreloadConfigLocation[0] = 0;
-        PoolPtr<MAP_LOCATION_ENTRY>(volume->MapLocation.exchange(nullptr)).Reset();
-        EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(pdo.object, IRP_MN_REMOVE_DEVICE));
-    }
-
-    bool IsFiltered() const { return host::TopOfStack(pdo.object) != pdo.object; }
-    NTSTATUS Start() { return host::SendPnp(pdo.object, IRP_MN_START_DEVICE); }
-    NTSTATUS Control(ULONG code, const void* input = nullptr, ULONG length = 0) {
-        return host::SendControl(filter, {.code = code, .input = input, .inputLength = length}).status;
-    }
-    NTSTATUS Flush() { return host::Send(filter, {.major = IRP_MJ_FLUSH_BUFFERS}).status; }
-
-    // How often a request of this kind came down; `detail` is the minor function or the control code.
-    int Arrived(UCHAR major, ULONG detail = 0) {
-        const std::lock_guard guard(m_lock);
-        return m_arrived[{major, detail}];
-    }
-
-    stub::Device pdo;
-    Answer answer;  // set before requests come
-    std::vector<DISK_EXTENT> extents{{1, {.QuadPart = 0x100000}, {.QuadPart = 0x400000}}};
-    ULONG claimedExtents = 1;
-    const ULONG diskNumber;
-    const LONGLONG bytes;
-    bool tellsExtents = true;  // false: `answer` is asked for them too
-    NTSTATUS added = STATUS_UNSUCCESSFUL;
-    PDEVICE_OBJECT filter = nullptr;
-    PVOLUME_EXTENSION volume = nullptr;
-
-private:
-    NTSTATUS Serve(PIRP irp) {
-        PIO_STACK_LOCATION location = IoGetCurrentIrpStackLocation(irp);
-        const UCHAR major = location->MajorFunction;
-        const bool control = major == IRP_MJ_DEVICE_CONTROL || major == IRP_MJ_INTERNAL_DEVICE_CONTROL;
-        const ULONG code = location->Parameters.DeviceIoControl.IoControlCode;
-        {
-            const std::lock_guard guard(m_lock);
-            ++m_arrived[{major, control ? code : location->MinorFunction}];
-        }
-        const bool asks = major == IRP_MJ_DEVICE_CONTROL;  // what is internal is answered by nobody
-        if (asks && code == IOCTL_VOLUME_GET_VOLUME_DISK_EXTENTS && tellsExtents) return TellExtents(irp);
-        if (asks && code == IOCTL_STORAGE_GET_DEVICE_NUMBER && diskNumber != kUnknownDisk)
-            return Tell(irp, STORAGE_DEVICE_NUMBER{FILE_DEVICE_DISK, diskNumber, 0});
-        if (asks && code == IOCTL_DISK_GET_LENGTH_INFO && bytes != 0)
-            return Tell(irp, LARGE_INTEGER{.QuadPart = bytes});
-        return answer ? answer(irp, location) : stub::Complete(irp, STATUS_SUCCESS);
-    }
-    template <class Record>
-    static NTSTATUS Tell(PIRP irp, const Record& record) {
-        std::memcpy(irp->AssociatedIrp.SystemBuffer, &record, sizeof(record));
-        return stub::Complete(irp, STATUS_SUCCESS, sizeof(record));
-    }
-    NTSTATUS TellExtents(PIRP irp) {
-        auto* out = static_cast<PVOLUME_DISK_EXTENTS>(irp->AssociatedIrp.SystemBuffer);
-        out->NumberOfDiskExtents = claimedExtents;
-        std::copy(extents.begin(), extents.end(), out->Extents);
-        return stub::Complete(irp, STATUS_SUCCESS, 8 + extents.size() * sizeof(DISK_EXTENT));
-    }
-
-    std::mutex m_lock;
-    std::map<std::pair<UCHAR, ULONG>, int> m_arrived;
-};
-
-// Every test is a boot of its own; whatever the driver allocated for a device is gone with the device.
+// Every test is a boot of its own, with one fixed volume; whatever the driver allocated for a device is gone
+// with the device.
 class LoadedDriver : public stub::Kernel {
 protected:
+    static constexpr char16_t kName[] = u"\\Device\\HarddiskVolume1";
+    static constexpr LONGLONG kSwap = 0x400000;  // the swap's space begins here
+
+    struct Piece {
+        LONGLONG volumeOffset, swapOffset;
+        ULONG length;
+        bool operator==(const Piece&) const = default;
+    };
+    using FreeList = std::vector<std::pair<LONGLONG, ULONG>>;
+
     void SetUp() override {
         stub::Kernel::SetUp();
         m_blocks = host::PoolUsage(kPoolTag).blocks;
         m_executable = host::ExecutableMemory();
         ASSERT_EQ(STATUS_SUCCESS, host::LoadDriver(DriverEntry, u"\\Driver\\kvr", kvr));
         mark = host::DebugMark();
+        host::SetRegistryStore(&registry);
+        device = &AddStarted();
+        volume = device->volume;
+        volume->ArmThreadHandle = device;  // stands for a thread that was started
     }
     void TearDown() override {
+        host::DisarmFaults();
+        host::JoinSystemThreads();
+        for (const auto& stack : stacks) {
+            if (stack->IsFiltered()) {
+                EXPECT_EQ("", support::CheckMaps(stack->volume));
+            }
+        }
+        EXPECT_EQ(0u, host::AssertionCount());
+        host::ResetAssertionCount();
+        if (volume->ArmThreadHandle == device) volume->ArmThreadHandle = nullptr;
+        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
+        ULONGLONG kept = m_blocks;  // what lives as long as the driver
+        for (SWAP_FILE* swapFile = gSwapFileList; swapFile; swapFile = swapFile->pNext) ++kept;
+        for (PROTECTED_VOLUME* entry = gProtectedVolumeList; entry; entry = entry->Next) ++kept;
         stacks.clear();
         host::JoinSystemThreads();
         if (gControlDevice) IoDeleteDevice(gControlDevice);
-        EXPECT_EQ(m_blocks + m_kept, host::PoolUsage(kPoolTag).blocks) << "pool blocks of the driver are left";
+        EXPECT_EQ(kept, host::PoolUsage(kPoolTag).blocks) << "pool blocks of the driver are left";
         EXPECT_EQ(m_executable, host::ExecutableMemory());
         stub::Kernel::TearDown();
     }
@@ -159,21 +105,129 @@ protected:
         EXPECT_EQ(STATUS_SUCCESS, stacks.back()->added);
         return *stacks.back();
     }
-    FilteredStack& AddStarted(const StackOptions& options = {}) {
+    // A volume lies on these disks.
+    FilteredStack& AddStarted(const StackOptions& options = {}, const std::vector<ULONG>& disks = {0}) {
         FilteredStack& stack = Add(options);
+        stack.extents.clear();
+        for (const ULONG disk : disks) stack.extents.push_back({disk, {}, {}});
+        stack.claimedExtents = static_cast<ULONG>(disks.size());
         EXPECT_EQ(STATUS_SUCCESS, stack.Start());
         return stack;
     }
-    void AddDisk(const char16_t* name = u"\\Device\\Harddisk1\\DR1") {
-        AddStarted({.name = name, .className = u"DiskDrive", .classGuid = kDiskClass});
+    FilteredStack& AddDisk(const char16_t* name) {
+        return AddStarted({.name = name, .className = u"DiskDrive", .classGuid = kDiskClass});
     }
-    void KeepBlock() { ++m_kept; }
+
+    static host::Outcome Send(PVOLUME_EXTENSION to, UCHAR major, LONGLONG offset, Bytes& data,
+                              PFILE_OBJECT file = nullptr) {
+        return host::Send(to->FilterDevice, {.major = major,
+                                             .length = static_cast<ULONG>(data.size()),
+                                             .offset = offset,
+                                             .buffer = data.data(),
+                                             .originalFile = file});
+    }
+    static host::Outcome Write(PVOLUME_EXTENSION to, LONGLONG offset, Bytes data, PFILE_OBJECT file = nullptr) {
+        return Send(to, IRP_MJ_WRITE, offset, data, file);
+    }
+    Bytes Read(LONGLONG offset, ULONG length) {
+        Bytes data(length, 0xEE);
+        EXPECT_EQ(STATUS_SUCCESS, Send(volume, IRP_MJ_READ, offset, data).status);
+        return data;
+    }
+    UCHAR* At(LONGLONG offset) { return &device->data[offset]; }
+    Bytes OnDisk(LONGLONG offset, ULONG length) { return {At(offset), At(offset) + length}; }
+    bool Holds(LONGLONG offset, const Bytes& data) { return OnDisk(offset, data.size()) == data; }
+    static Bytes Data(ULONG length, int seed) {
+        Bytes data(length);
+        for (ULONG i = 0; i < length; ++i) data[i] = static_cast<UCHAR>(seed * 31 + i / S * 3 + i);
+        return data;
+    }
+    std::string LastSaid() const { return host::DebugLinesSince(mark).back(); }
+    bool Said(const std::string& part) const { return TimesSaid(mark, part) != 0; }
+
+    // ---- the volume's storage ------------------------------------------------------------------------------
+    // Protected by an entry of the list, with `megabytes` of space of which the disk holds the lowest only.
+    void Protect(ULONG megabytes = 64) {
+        List(kName, PV_PROTECTED | PV_EXPLICIT);
+        gTesselEnabled = TRUE;
+        volume->SwapMapLoaded = TRUE;
+        for (LONGLONG i = 0; i < megabytes; ++i) AddFree(volume, kSwap + i * 0x100000, 0x100000);
+    }
+    // Gives `from` the storage of the volume of that name.
+    static SWAP_FILE* Attach(const char16_t* name, PVOLUME_EXTENSION from) {
+        UNICODE_STRING counted = Counted(name);
+        EXPECT_EQ(STATUS_SUCCESS, GetSwapFile(&counted, from));
+        return from->SwapFile;
+    }
+    SWAP_FILE* Attach() { return Attach(kName, volume); }
+    static void List(const char16_t* name, ULONG flags) {
+        UNICODE_STRING id = Counted(name);
+        EXPECT_EQ(STATUS_SUCCESS, AddProtectedVolume(&id, flags));
+    }
+    // What `operation` returns when the n-th allocation in it fails; 0: none does.
+    template <class Operation>
+    static auto Starved(ULONGLONG n, const Operation& operation) {
+        if (n != 0) host::FailCall(host::FaultBit(host::Fault::Allocate), n);
+        const auto result = operation();
+        host::DisarmFaults();
+        return result;
+    }
+    static void AddFree(PVOLUME_EXTENSION to, LONGLONG offset, ULONG length) {
+        const LARGE_INTEGER at = Large(offset);
+        EXPECT_EQ(STATUS_SUCCESS, AddSwapFreeChunk(to, &at, length));
+    }
+    void AddFree(LONGLONG offset, ULONG length) { AddFree(volume, offset, length); }
+    // Records a redirection as a write would, with space that is not in FreeChunks.
+    void Redirect(LONGLONG volumeOffset, LONGLONG swapOffset, ULONG length, ULONG bVolatile = 0) {
+        PENDING_CHUNK* chunk = CreatePendingChunk();
+        ASSERT_NE(nullptr, chunk);
+        *chunk = {Large(volumeOffset), Large(swapOffset), length, nullptr};
+        EXPECT_EQ(STATUS_SUCCESS, CommitChunks(volume, chunk, bVolatile));
+    }
+    NTSTATUS Lock(LONGLONG offset, ULONG length, PENDING_CHUNK** chain, PIRP request = nullptr) {
+        const LARGE_INTEGER at = Large(offset);
+        return LockFreeChunks(volume, &at, length, chain, request);
+    }
+    ULONG64 Free() KVR_NO_ANALYSIS { return volume->SwapFreeBytes; }
+    ULONG64 Used() KVR_NO_ANALYSIS { return volume->SwapUsedBytes; }
+    // The records of a tree in their order.
+    template <class Record>
+    static std::vector<Record> RecordsOf(TREE* tree) {
+        std::vector<Record> records;
+        for (TREE_NODE* node = tree_first(tree, tree->Root); node; node = tree_next(tree, node))
+            records.push_back(*static_cast<const Record*>(node->Record));
+        return records;
+    }
+    std::vector<Piece> Swapped() KVR_NO_ANALYSIS {
+        std::vector<Piece> pieces;
+        for (const auto& c : RecordsOf<SWAPPED_CHUNK>(&volume->SwappedChunks))
+            pieces.push_back({c.liVolumeOffset.QuadPart, c.liSwapOffset.QuadPart, c.uLength});
+        return pieces;
+    }
+    FreeList FreeSpace() KVR_NO_ANALYSIS {
+        FreeList list;
+        for (const auto& c : RecordsOf<FREE_CHUNK>(&volume->FreeChunks))
+            list.emplace_back(c.liSwapOffset.QuadPart, c.uLength);
+        return list;
+    }
+    // The runs of the saved map, as a boot finds them.
+    static void Locate(PVOLUME_EXTENSION of, const std::vector<MAP_LOCATION_ENTRY>& runs) {
+        const SIZE_T bytes = runs.size() * sizeof(MAP_LOCATION_ENTRY);
+        auto* location = static_cast<MAP_LOCATION_ENTRY*>(AllocatePool(bytes));
+        std::memcpy(location, runs.data(), bytes);
+        PublishMapLocation(of, location, static_cast<ULONG>(bytes));
+    }
+    void Locate(const std::vector<MAP_LOCATION_ENTRY>& runs) { Locate(volume, runs); }
+    void ForgetMaps() { ResetSwapMaps(volume->FilterDevice); }
 
     PDRIVER_OBJECT kvr = nullptr;
     ULONGLONG mark = 0;
+    support::MemoryRegistry registry;
     std::vector<std::unique_ptr<FilteredStack>> stacks;
+    FilteredStack* device = nullptr;
+    PVOLUME_EXTENSION volume = nullptr;
 
 private:
-    ULONGLONG m_blocks = 0, m_kept = 0;
+    ULONGLONG m_blocks = 0;
     ULONG m_executable = 0;
 };

@@ -6,6 +6,9 @@
 #include <vector>
 #include "platform/host/object/file_provider.h"
 #include "platform/host/object/namespace.h"
+#include "platform/host/object/object.h"
+#include "swap/provision.h"
+#include "tests/support/loaded_driver.h"
 
 class ToldFiles : public host::FileProvider {
 public:
@@ -57,4 +60,31 @@ private:
         ToldFiles& told;
         std::u16string path;
     };
+};
+
+// The driver with such files on its volume.
+class DriverFiles : public LoadedDriver {
+protected:
+    void SetUp() override {
+        LoadedDriver::SetUp();
+        host::MountProvider(device->pdo.object, &files);
+        host::SetSystemRoot(std::u16string(kName) + u"\\Windows");
+    }
+    void TearDown() override {
+        host::JoinSystemThreads();
+        EXPECT_EQ(nullptr, gProvisionThread.load());
+        CloseHeldFiles(volume);
+        CloseFiles();
+        EXPECT_TRUE(host::OpenHandles().empty()) << "thread handles are closed";
+        host::SetSystemRoot({});
+        LoadedDriver::TearDown();
+    }
+    // The configuration's and the driver's.
+    void CloseFiles() {
+        KernelHandle(gConfigFileHandle.exchange(nullptr)).Reset();
+        KernelHandle(gDriverFileHandle.exchange(nullptr)).Reset();
+        files.opens.clear();
+    }
+
+    ToldFiles files;
 };

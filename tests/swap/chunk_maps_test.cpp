@@ -1,12 +1,12 @@
 #include <numeric>
 #include <random>
 #include "redirect/segments.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 #include "tests/support/paged_out_text.h"
 
 namespace {
 
-class ChunkMaps : public MemoryStackTest {
+class ChunkMaps : public LoadedDriver {
 protected:
     static std::vector<Piece> Pieces(const PENDING_CHUNK* chain) {
         std::vector<Piece> pieces;

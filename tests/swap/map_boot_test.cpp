@@ -6,7 +6,7 @@
 #include <set>
 #include "driver/record/hardening.h"
 #include "swap/map_format.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
@@ -15,10 +15,10 @@ constexpr ULONG kMapBytes = 8192;  // two runs
 constexpr ULONG64 kMergeLimit = 0x3300000;
 constexpr ULONG kUsed = 8 * S;
 
-class MapBoot : public MemoryStackTest {
+class MapBoot : public LoadedDriver {
 protected:
     void SetUp() override {
-        MemoryStackTest::SetUp();
+        LoadedDriver::SetUp();
         gTesselEnabled = TRUE;
         gConfigLoaded = TRUE;
         m_before = Data(kUsed, 9);
@@ -298,7 +298,7 @@ TEST_F(MapBoot, SpacesThatOverlapAreFoundWhateverTheirOrder) {
 TEST_F(MapBoot, ARunThatCannotBeReadIsSkippedAndAnEmptyOneEndsTheMap) {
     SaveMap();
     const MAP_LOCATION_ENTRY unreadable = {kMap / S + 1000, 4096}, first = {kMap / S, 4096};
-    device->verdict = [](const StackMemory::Transfer& transfer) {
+    device->verdict = [](const FilteredStack::Transfer& transfer) {
         return !transfer.isWrite && transfer.offset == kMap + 1000 * S ? STATUS_IO_DEVICE_ERROR
                                                                        : STATUS_SUCCESS;
     };
@@ -337,7 +337,7 @@ TEST_F(MapBoot, AnUnreadMapIsReadAgainAndNothingIsDecidedMeanwhile) {
     SaveMap();
     SetLocation({{kMap / S, 4096}, {kMap / S + 8, 4096}});
     int locked = 3;
-    device->verdict = [&](const StackMemory::Transfer& transfer) {
+    device->verdict = [&](const FilteredStack::Transfer& transfer) {
         return transfer.offset == kMap + (locked % 2) * 8 * S && locked-- > 0 ? STATUS_IO_DEVICE_ERROR
                                                                               : STATUS_SUCCESS;
     };

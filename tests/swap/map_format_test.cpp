@@ -2,16 +2,16 @@
 #include <random>
 #include "driver/record/hardening.h"
 #include "redirect/segments.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
 constexpr LONGLONG kMap = 2 << 20;
 
-class MapFormat : public MemoryStackTest {
+class MapFormat : public LoadedDriver {
 protected:
     void SetUp() override {
-        MemoryStackTest::SetUp();
+        LoadedDriver::SetUp();
         Attach();
     }
     // The n-th allocation in it fails; 0: none does.
@@ -148,7 +148,7 @@ TEST_F(MapFormat, WithoutMemoryTheSaveIsMadeUpForLater) {
         EXPECT_EQ(hardening, volume->MapDirty != FALSE);
     }
     gHardening = FALSE;
-    device->verdict = [](const StackMemory::Transfer& t) {
+    device->verdict = [](const FilteredStack::Transfer& t) {
         return t.offset == kMap + S ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
     Save(2);  // ends, though the zeroing fails
@@ -168,7 +168,7 @@ TEST_F(MapFormat, ASaveThatFailedIsReportedAndRepeated) {
         return steps.size() == failing ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
     };
     device->onFlush = [&] { return step('F'); };
-    device->verdict = [&](const StackMemory::Transfer& t) {
+    device->verdict = [&](const FilteredStack::Transfer& t) {
         if (!t.isWrite) return STATUS_SUCCESS;
         return step(t.offset >= kMap + 2 * S ? 'z' : t.offset == kMap ? (t.length == S ? 's' : 'r') : 'b');
     };
@@ -212,7 +212,7 @@ TEST_F(MapFormat, ARetiredMapIsFoundDamagedAsSoonAsTheDiskTakesIt) {
     Save();
     volume->SwapState = kSwapFilesNotHeld;
     for (const bool takes : {false, true}) {
-        device->verdict = [&](const StackMemory::Transfer& t) {
+        device->verdict = [&](const FilteredStack::Transfer& t) {
             return t.isWrite && !takes ? STATUS_IO_DEVICE_ERROR : STATUS_SUCCESS;
         };
         takes ? KVR_DISCARD(WriteSwapMap(volume->FilterDevice, FALSE), "always a success")

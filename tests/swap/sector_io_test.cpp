@@ -3,14 +3,14 @@
 #include <atomic>
 #include <thread>
 #include "driver/record/sector_io.h"
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
-class SectorIo : public MemoryStackTest {
+class SectorIo : public LoadedDriver {
 protected:
     void SetUp() override {
-        MemoryStackTest::SetUp();
+        LoadedDriver::SetUp();
         Protect(0);
         AddFree(1ll << 40, 0x4000000);  // only the tests of the gate meet the low-space limit
         AddFree(kSwap, 2 << 20);
@@ -126,14 +126,14 @@ TEST_F(SectorIo, EveryKindOfBuffer) {
 
 // Another volume's storage: that device moves the data, and may leave again when it is done.
 TEST_F(SectorIo, StorageOnAnotherVolume) {
-    StackMemory& other = AddMemory({.name = u"\\Device\\Elsewhere"});
+    FilteredStack& other = AddStarted({.name = u"\\Device\\Elsewhere"});
     Attach(u"\\Device\\Elsewhere", volume);
     const Bytes before = device->data;
     ASSERT_EQ(STATUS_SUCCESS, Put(100 * S, Data(2 * S, 1)));
     EXPECT_EQ(Data(2 * S, 1), Read(100 * S, 2 * S));
     EXPECT_EQ(before, device->data);
     EXPECT_EQ(0, std::memcmp(&other.data[kSwap], Data(2 * S, 1).data(), 2 * S));
-    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.stack.pdo.object, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
+    EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(other.pdo.object, IRP_MN_REMOVE_DEVICE)) << "no hold is left";
     EXPECT_EQ(1u, volume->SwapFile.load()->ulRefCount.load());
     Bytes data(2 * S);
     for (const UCHAR major : {IRP_MJ_READ, IRP_MJ_WRITE})
@@ -218,8 +218,8 @@ TEST_F(SectorIo, TheLowSpaceGateIsAskedOncePerRun) {
 class HeldTransfers {
 public:
     // `refused`: the number of the one that fails at once.
-    explicit HeldTransfers(StackMemory& device, int refused = 0) : m_answer(device.stack.answer) {
-        device.stack.answer = [this, refused](PIRP irp, PIO_STACK_LOCATION) {
+    explicit HeldTransfers(FilteredStack& device, int refused = 0) : m_device(device) {
+        device.answer = [this, refused](PIRP irp, PIO_STACK_LOCATION) {
             if (++m_came == refused) return stub::Complete(irp, STATUS_IO_DEVICE_ERROR);
             IoMarkIrpPending(irp);
             const std::lock_guard lock(m_lock);
@@ -227,6 +227,7 @@ public:
             return STATUS_PENDING;
         };
     }
+    ~HeldTransfers() { m_device.answer = nullptr; }
     std::vector<PIRP> Take(std::size_t count) {
         for (;; std::this_thread::yield()) {
             const std::lock_guard lock(m_lock);
@@ -236,20 +237,19 @@ public:
     }
     void End(PIRP irp, NTSTATUS status = STATUS_SUCCESS) {
         if (status == STATUS_SUCCESS)
-            KVR_DISCARD(m_answer(irp, IoGetCurrentIrpStackLocation(irp)), "the sender gets it");
+            KVR_DISCARD(m_device.Serve(irp), "the sender gets it");
         else
             KVR_DISCARD(stub::Complete(irp, status), "the sender gets it");
     }
 
 private:
-    FilteredStack::Answer m_answer;
+    FilteredStack& m_device;
     std::mutex m_lock;
     std::vector<PIRP> m_held;
     std::atomic<int> m_came{0};
 };
 
 TEST_F(SectorIo, ATransferIsWaitedForThoughItsEventTellsOfAnother) {
-    const auto answer = device->stack.answer;
     KEVENT event;
     KeInitializeEvent(&event, NotificationEvent, TRUE);
     IO_STATUS_BLOCK block{};
@@ -261,7 +261,6 @@ TEST_F(SectorIo, ATransferIsWaitedForThoughItsEventTellsOfAnother) {
               TransferSectors(IRP_MJ_READ, volume->Target, data.data(), S, &at, &block, &event));
     EXPECT_EQ(S, block.Information);
     ends.join();
-    device->stack.answer = answer;
 }
 
 // Above a device that takes its time a request has 32 of its runs under way, whichever ends first; the list's
@@ -269,7 +268,6 @@ TEST_F(SectorIo, ATransferIsWaitedForThoughItsEventTellsOfAnother) {
 TEST_F(SectorIo, RunsAreUnderWayTogether) {
     constexpr ULONG kRuns = 80, kAtOnce = 32;
     const auto sendHeld = [&](UCHAR major, Bytes& data, bool fails) {
-        const auto answer = device->stack.answer;
         HeldTransfers held(*device);
         host::Outcome outcome;
         std::thread sender([&] { outcome = Send(volume, major, 100 * S, data); });
@@ -285,7 +283,6 @@ TEST_F(SectorIo, RunsAreUnderWayTogether) {
             }
         }
         sender.join();
-        device->stack.answer = answer;
         EXPECT_EQ(fails ? STATUS_DEVICE_BUSY : STATUS_SUCCESS, outcome.status);
         EXPECT_EQ(fails ? 0 : kRuns * S, outcome.information);
     };
@@ -310,12 +307,10 @@ TEST_F(SectorIo, RunsAreUnderWayTogether) {
     EXPECT_EQ(data, seen);
     {
         // A failure that is known while earlier ones are under way: nothing else begins.
-        const auto answer = device->stack.answer;
         HeldTransfers held(*device, 5);
         std::thread sender([&] { EXPECT_EQ(STATUS_IO_DEVICE_ERROR, Get(100 * S, seen).status); });
         for (PIRP irp : held.Take(4)) held.End(irp);
         sender.join();
-        device->stack.answer = answer;
     }
     ForgetMaps();
 }

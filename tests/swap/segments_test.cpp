@@ -1,6 +1,6 @@
 #include "redirect/segments.h"
 #include <random>
-#include "tests/support/memory_stack.h"
+#include "tests/support/loaded_driver.h"
 
 namespace {
 
@@ -16,7 +16,7 @@ std::ostream& operator<<(std::ostream& out, const Cut& r) {
                << " @" << r.offset << " +" << r.length << "}";
 }
 
-class Segments : public MemoryStackTest {
+class Segments : public LoadedDriver {
 protected:
     struct Chunk {
         LONGLONG volumeOffset, swapOffset;
