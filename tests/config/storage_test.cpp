@@ -73,24 +73,6 @@ TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
     EXPECT_EQ(ImageOf(kTextAfter), OnDisk());
 }
 
-TEST_F(Storage, ToolsTextIsNotOverwrittenByTheParsersBuffer) {
-    Put(ImageOf(kText));
-    Locate();
-    EXPECT_EQ(STATUS_SUCCESS, Read());
-    ASSERT_TRUE(gConfigDirty);
-    ++gConfigToolWrites;  // a write of the tool is under way in another thread
-    Write(volume, 0x100000, Image(512));
-    --gConfigToolWrites;
-    EXPECT_EQ(ImageOf(kText), OnDisk());
-    Image text = ImageOf(u"[Global]\nProtection=0\n");
-    EXPECT_EQ(STATUS_SUCCESS, WriteConfig(text.data(), KVR_CONFIG_BYTES));
-    EXPECT_TRUE(gConfigWrittenByTool);
-    gConfigDirty = TRUE;  // as a parse that ended meanwhile leaves it
-    Write(volume, 0x100000, Image(512));
-    EXPECT_EQ(text, OnDisk());
-    EXPECT_TRUE(registry.values.empty()) << "in place: the location stays as it is";
-}
-
 TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
     UNICODE_STRING name;
     RtlInitUnicodeString(&name, u"ConfigShareRead");
