@@ -177,13 +177,11 @@ std::string FatStore(bool efi) {
 }
 
 std::string MakeFatBoot(const TestFolder& folder, const Bytes& store, bool efi) {
-    const std::string volume = folder.Sparse("boot", BootLength(efi)), file = folder.File("BCD");
+    const std::string volume = folder.Sparse("boot", BootLength(efi)), file = HostFile(folder, "BCD", store);
     if (efi)
         Run("mkfs.fat", {"-F", "32", "-s", "1", volume});
     else
         Run("mkfs.fat", {volume});
-    folder.Sparse("BCD", 0);
-    TestFolder::Put(file, 0, Chars(store));
     if (efi)
         Run("mmd", {"-i", volume, "::/EFI", "::/EFI/Microsoft", "::/EFI/Microsoft/Boot"});
     else
@@ -365,6 +363,11 @@ Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi
     return {bytes.begin(), bytes.end()};
 }
 
+std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes) {
+    TestFolder::Put(folder.Sparse(name, 0), 0, Chars(bytes));
+    return folder.File(name);
+}
+
 Bytes DriverImage() {
     Bytes image(2048);
     const auto put = [&](std::size_t at, std::uint32_t number) { Put<std::uint32_t>(&image[at], number); };
@@ -386,8 +389,7 @@ Bytes DriverImage() {
 
 std::vector<std::string> Dump(const Bytes& hive) {
     const TestFolder folder;
-    TestFolder::Put(folder.Sparse("hive", 0), 0, Chars(hive));
-    hive_h* opened = hivex_open(folder.File("hive").c_str(), 0);
+    hive_h* opened = hivex_open(HostFile(folder, "hive", hive).c_str(), 0);
     if (opened == nullptr) throw std::runtime_error("cannot read the hive");
     std::vector<std::string> lines;
     DumpKey(opened, hivex_root(opened), "", lines);

@@ -49,6 +49,8 @@ Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std
 // The boot store's file.
 Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot = false);
 
+// A file of the host's with these bytes; its path.
+std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes);
 // A driver for 64-bit Windows as far as its head goes, version 1.2.3.4.
 Bytes DriverImage();
 

@@ -27,15 +27,6 @@ constexpr char kSoftware[] = "/Windows/System32/config/SOFTWARE";
 constexpr char kDriver[] = "/Windows/System32/drivers/kvr64.sys";
 constexpr char kConfig[] = "/Windows/System32/drivers/kvr.cfg";
 
-std::vector<char> Chars(const Bytes& bytes) {
-    return {bytes.begin(), bytes.end()};
-}
-
-std::string HostFile(const TestFolder& folder, const std::string& name, const Bytes& bytes) {
-    TestFolder::Put(folder.Sparse(name, 0), 0, Chars(bytes));
-    return folder.File(name);
-}
-
 InjectOptions Options(const TestFolder& folder, const std::string& image) {
     InjectOptions options;
     options.image = image;

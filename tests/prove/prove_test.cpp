@@ -1,82 +1,63 @@
 // `kvrhost prove` with a guest that plays no Windows, on a disk that looks like one with a Windows.
 #include "tool/prove/prove.h"
-#include <cstdlib>
-#include <filesystem>
-#include <gtest/gtest.h>
+#include <fstream>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include "tests/prove/proof_run.h"
-#include "tool/demo/demo.h"
 #include "tool/inject/hive.h"
 
 namespace {
 
 using namespace fake_windows;
-using proof_run::CountOf;
-using proof_run::Rows;
+using namespace proof_run;
 
-tool::ProveOptions Options(const TestFolder& folder, const std::string& image) {
-    tool::ProveOptions options = proof_run::Options(folder, image);
+tool::ProveOptions StandInOptions(const TestFolder& folder, const std::string& image) {
+    tool::ProveOptions options = Options(folder, image);
     options.emulator = KVR_STAND_IN;
     return options;
 }
 
-struct Case {
-    const char* guest;
-    bool changesAtMerge;
-    std::size_t failed;  // rows
-    std::size_t played;  // acts
-    std::string said;
-};
-
-const Case kCases[] = {
-    {"honest:0", true, 0, 10, "not one of "},
-    {"fails:3", true, 1, 10, "something must work"},
-    {"lies:4", true, 1, 4, "4 KiB differ, at byte "},
-    {"honest:0", false, 1, 6, "the merge reached the volume's own sectors"},
-    {"hangs:2", true, 1, 2,
-     "did not power off in time and was ended; the last it said was 'the stand-in answers'"},
-    {"stops:5", true, 1, 5, "restarted or powered off before the act was over"},
-    {"crashes:2", true, 1, 2, "the emulator ended with 1; it never answered"},
-    {"silent:1", true, 1, 1, "it never answered: Windows did not start"},
-    {"torn:3", true, 1, 3, "it never answered"},
-    {"stale:3", true, 1, 3, "it never answered"},
-};
-
 TEST(Prove, SeesWhatAGuestDoes) {
     const TestFolder source;
     const std::string image = Make(source, {});
-    const auto before = TestFolder::Bytes(image);
-    for (const Case& one : kCases) {
-        SCOPED_TRACE(one.guest);
-        const TestFolder folder;
-        setenv("KVR_STAND_IN", one.guest, 1);
-        setenv("KVR_STAND_IN_AT", std::to_string(proof_run::FreePlace(false)).c_str(), 1);
-        if (!one.changesAtMerge) unsetenv("KVR_STAND_IN_AT");
-        tool::ProveOptions options = Options(folder, image);
-        if (std::string(one.guest) == "hangs:2") options.seconds = 2;
-        EXPECT_EQ(tool::Prove(options), one.failed == 0 ? 0 : tool::kExitFailed);
-        const std::string rows = Rows(folder);
-        EXPECT_EQ(CountOf(rows, "FAIL"), one.failed) << rows;
-        EXPECT_NE(rows.find(one.said), rows.npos) << rows;
-        EXPECT_EQ(CountOf(rows, "the guest played the act"), one.played) << rows;
-        EXPECT_FALSE(std::filesystem::exists(folder.File("proof/disk.raw")));
-    }
-    EXPECT_EQ(TestFolder::Bytes(image), before);
+    const Case cases[] = {
+        {Mode::Honest, 0, 0, 10, "not one of "},
+        {Mode::Fails, 3, 1, 10, "something must work"},
+        {Mode::Lies, 4, 1, 4, "4 KiB differ, at byte "},
+        {Mode::Idle, 6, 1, 6, "the merge reached the volume's own sectors"},
+        {Mode::Hangs, 2, 1, 2,
+         "did not power off in time and was ended; the last it said was 'the guest has booted'"},
+        {Mode::Resets, 5, 1, 5, "restarted or powered off before the act was over"},
+        {Mode::Panics, 2, 1, 2, "the emulator ended with 1; the last it said"},
+        {Mode::Silent, 1, 1, 1, "it never answered: Windows did not start"},
+        {Mode::Torn, 3, 1, 3, "it never answered"},
+        {Mode::Stale, 3, 1, 3, "it never answered"},
+    };
+    for (const Case& one : cases) Expect(one, image, KVR_STAND_IN);
 }
 
-// The rows of a proof on a small file system of its own, whose guest writes it full; -1 where none can be
-// mounted.
+// Where that file appears, writes until there is no room.
+void FillBehind(const std::string& sign, const std::string& filler) {
+    while (!std::filesystem::exists(sign)) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    std::ofstream file(filler, std::ios::binary);
+    const std::string piece(1 << 20, 'f');
+    while (file.write(piece.data(), static_cast<std::streamsize>(piece.size())).flush()) {
+    }
+}
+
+// A proof on a small file system of its own, which is full before its second act is over. 0 as it must be; -1
+// where none can be mounted.
 int ProveOnFullHost(const std::string& image) {
     const TestFolder folder;
     if (unshare(CLONE_NEWNS) != 0 || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("none", folder.Path().c_str(), "tmpfs", 0, "size=300m") != 0)
         return -1;
-    setenv("KVR_STAND_IN", "fills:2", 1);
-    tool::ProveOptions options = Options(folder, image);
+    tool::ProveOptions options = StandInOptions(folder, image);
     options.seconds = 4;
+    std::thread(FillBehind, options.folder + "/act-2.emulator.log", folder.File("filler")).detach();
     const bool failed = tool::Prove(options) == tool::kExitFailed;
     return failed && CountOf(Rows(folder), "FAIL") == 1 &&
                    CountOf(Rows(folder), "there is no room left in") == 1 &&
@@ -88,6 +69,7 @@ int ProveOnFullHost(const std::string& image) {
 TEST(Prove, SaysThatTheHostIsFull) {
     const TestFolder source;
     const std::string image = Make(source, {});
+    Tell(image, Mode::Hangs, 2);
     const auto before = TestFolder::Bytes(image);
     const pid_t child = fork();
     if (child == 0) _exit(ProveOnFullHost(image) & 0xFF);
@@ -104,9 +86,9 @@ TEST(Prove, StartsTheProgramInTheCopyAlone) {
     Below(system, "ControlSet001\\Control\\Session Manager").values = {
         {"BootExecute", 7, MultiSz({"autocheck autochk *"})}};
     const std::string image = Make(folder, {.system = system});
-    tool::ProveOptions options = Options(folder, image);
+    tool::ProveOptions options = StandInOptions(folder, image);
     options.keepDisk = true;
-    setenv("KVR_STAND_IN", "silent:1", 1);
+    Tell(image, Mode::Silent, 1);
     EXPECT_EQ(tool::Prove(options), tool::kExitFailed);
     const std::string copy = folder.File("proof/disk.raw");
     const tool::Hive hive("SYSTEM", ReadFile(folder, copy, "/Windows/System32/config/SYSTEM"));
@@ -140,9 +122,8 @@ TEST(Prove, LeavesOutWhatTheBootLoaderNotes) {
                                   {"/Other/W/bootstat.dat", status}}});
     const auto bytes = TestFolder::Bytes(image);
     const auto at = std::search(bytes.begin(), bytes.end(), mark.begin(), mark.end()) - bytes.begin();
-    setenv("KVR_STAND_IN", "lies:4", 1);
-    setenv("KVR_STAND_IN_AT", std::to_string(at).c_str(), 1);
-    tool::ProveOptions options = Options(folder, image);
+    Tell(image, Mode::Lies, 4, static_cast<std::uint64_t>(at));
+    tool::ProveOptions options = StandInOptions(folder, image);
     options.root = "Other\\W";
     tool::Prove(options);
     EXPECT_EQ(CountOf(Rows(folder), "PASS  the volume's own sectors are untouched"), 4u) << Rows(folder);
@@ -153,7 +134,7 @@ TEST(Prove, SaysWhyItCannotBeGivenAndLeavesNothing) {
     const TestFolder folder;
     const std::string image = Make(folder, {});
     const auto refused = [&](auto change, const std::string& why) {
-        tool::ProveOptions options = Options(folder, image);
+        tool::ProveOptions options = StandInOptions(folder, image);
         change(options);
         const std::string said = Complaint([&] { tool::Prove(options); });
         EXPECT_NE(said.find(why), said.npos) << said;

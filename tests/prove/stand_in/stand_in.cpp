@@ -1,75 +1,39 @@
-// A guest for `kvrhost prove` that plays no Windows: it answers the order on the answers' disk as if each act
-// had passed, and does what must be seen at the act that it is told of.
+// The guest of tests/prove_boot/guest without a firmware, as a program in the emulator's place: the disks are
+// files.
 //
-//   prove_stand_in DISK ANSWERS FOLDER, with the environment
-//   KVR_STAND_IN   MODE:ACT; MODE is honest, fails, hangs, fills, stops, lies, silent, torn, stale or crashes
-//   KVR_STAND_IN_AT  byte of DISK that a merge, and a lie, change
-#include <cstdlib>
-#include <cstring>
+//   prove_stand_in DISK ANSWERS FOLDER
 #include <fstream>
-#include <string>
 #include <unistd.h>
-#include "formats/proof_acts.h"
-#include "formats/proof_disk.h"
+#include "tests/prove_boot/guest/guest.h"
 
 namespace {
 
-template <class Record>
-void Transfer(const std::string& path, std::uint64_t at, Record& record, bool write) {
-    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-    file.seekp(static_cast<std::streamoff>(at));
-    if (write)
-        file.write(reinterpret_cast<const char*>(&record), sizeof record);
-    else
-        file.read(reinterpret_cast<char*>(&record), sizeof record);
+std::fstream gDisks[2];
+
+bool Read(std::uint32_t disk, std::uint64_t sector, void* buffer, std::uint32_t sectors) {
+    if (disk >= std::size(gDisks)) return false;
+    gDisks[disk].seekg(static_cast<std::streamoff>(sector * boot_guest::kSector));
+    return gDisks[disk].read(static_cast<char*>(buffer), sectors * boot_guest::kSector).good();
 }
 
-void AddRow(proof::Answer& answer, const char* name, bool passed) {
-    proof::Row& row = answer.row[answer.rows++];
-    std::strncpy(row.name, name, sizeof row.name - 1);
-    row.passed = passed ? 1 : 0;
-    row.status = passed ? 0 : static_cast<std::int32_t>(0xC0000001);
+bool Write(std::uint32_t disk, std::uint64_t sector, void* buffer, std::uint32_t sectors) {
+    gDisks[disk].seekp(static_cast<std::streamoff>(sector * boot_guest::kSector));
+    return gDisks[disk].write(static_cast<char*>(buffer), sectors * boot_guest::kSector).flush().good();
 }
 
-void ChangeSector(const std::string& disk, const char* at, char with) {
-    if (at != nullptr) Transfer(disk, std::strtoull(at, nullptr, 10), with, true);
+void End() {
+    _exit(0);
 }
 
-// Until there is no room.
-void Fill(const std::string& folder) {
-    std::ofstream file(folder + "/filler", std::ios::binary);
-    const std::string piece(1 << 20, 'f');
-    while (file.write(piece.data(), static_cast<std::streamsize>(piece.size())).flush()) {
-    }
+void Crash() {
+    _exit(1);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const char* told = std::getenv("KVR_STAND_IN");
-    if (argc != 4 || told == nullptr) return 2;
-    proof::Order order{};
-    Transfer(argv[2], proof::kOrderAt, order, false);
-    if (!proof::IsOrder(order)) return 3;
-    const std::string text = told, number = text.substr(text.find(':') + 1);
-    const std::string mode = number == std::to_string(order.act) ? text.substr(0, text.find(':')) : "honest";
-    if (mode == "silent" || mode == "crashes") return mode == "silent" ? 0 : 1;
-    if (mode == "lies") ChangeSector(argv[1], std::getenv("KVR_STAND_IN_AT"), 'L');
-    if (proof::kActs[order.act - 1].sectors == proof::Sectors::Changed)
-        ChangeSector(argv[1], std::getenv("KVR_STAND_IN_AT"), 'M');
-
-    proof::Answer answer{};
-    answer.magic = proof::kAnswerMagic;
-    answer.version = proof::kVersion;
-    answer.act = order.act;
-    answer.run = mode == "stale" ? order.run + 1 : order.run;
-    answer.state =
-        mode == "stops" || mode == "hangs" || mode == "fills" ? proof::State::Begun : proof::State::Ended;
-    AddRow(answer, "the stand-in answers", true);
-    if (mode == "fails") AddRow(answer, "something must work", false);
-    answer.checksum = proof::ChecksumOf(answer) + (mode == "torn" ? 1 : 0);
-    Transfer(argv[2], proof::kAnswerAt, answer, true);
-    if (mode == "fills") Fill(argv[3]);
-    if (mode == "hangs" || mode == "fills") sleep(600);
-    return 0;
+    if (argc != 4) return 2;
+    for (int disk = 0; disk < 2; ++disk)
+        gDisks[disk].open(argv[1 + disk], std::ios::in | std::ios::out | std::ios::binary);
+    boot_guest::Play({Read, Write, End, End, Crash});
 }

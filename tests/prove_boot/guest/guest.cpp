@@ -33,8 +33,8 @@ void Report(const char* name, bool passed) {
     row.passed = passed ? 1 : 0;
 }
 
-void Save(const Machine& machine, const Disks& disks) {
-    gAnswer.checksum = proof::ChecksumOf(gAnswer);
+void Save(const Machine& machine, const Disks& disks, Mode mode) {
+    gAnswer.checksum = proof::ChecksumOf(gAnswer) + (mode == Mode::Torn ? 1 : 0);
     machine.write(disks.answers, proof::kAnswerAt / kSector, &gAnswer, sizeof gAnswer / kSector);
 }
 
@@ -47,7 +47,7 @@ void Change(const Machine& machine, const Disks& disks, std::uint64_t sector) {
 void Leave(const Machine& machine, Mode mode) {
     if (mode == Mode::Panics) machine.panic();
     if (mode == Mode::Resets) machine.reset();
-    for (;;) {
+    for (volatile bool forEver = true; forEver;) {
     }
 }
 
@@ -58,19 +58,20 @@ void Play(const Machine& machine) {
     if (disks.system == kMostDisks || disks.answers == kMostDisks) machine.powerOff();
     const Told told = *reinterpret_cast<const Told*>(gTold);
     const Mode mode = gOrder.act == told.act ? told.mode : Mode::Honest;
+    if (mode == Mode::Silent) machine.powerOff();
     gAnswer.magic = proof::kAnswerMagic;
     gAnswer.version = proof::kVersion;
     gAnswer.act = gOrder.act;
-    gAnswer.run = gOrder.run;
+    gAnswer.run = gOrder.run + (mode == Mode::Stale ? 1 : 0);
     gAnswer.state = proof::State::Begun;
     Report("the guest has booted", true);
-    Save(machine, disks);
+    Save(machine, disks, mode);
     if (mode >= Mode::Hangs) Leave(machine, mode);
-    if (mode == Mode::Lies || proof::kActs[gOrder.act - 1].sectors == proof::Sectors::Changed)
-        Change(machine, disks, told.sector);
+    const bool merges = proof::kActs[gOrder.act - 1].sectors == proof::Sectors::Changed;
+    if (mode == Mode::Lies || (merges && mode != Mode::Idle)) Change(machine, disks, told.sector);
     if (mode == Mode::Fails) Report("something must work", false);
     gAnswer.state = proof::State::Ended;
-    Save(machine, disks);
+    Save(machine, disks, mode);
     machine.powerOff();
 }
 

@@ -10,8 +10,8 @@ namespace boot_guest {
 constexpr std::uint32_t kSector = 512;
 constexpr std::uint64_t kToldAt = 40;  // the sector of the system's disk, between the table and the partitions
 
-// What the guest is to do at which act.
-enum class Mode : std::uint32_t { Honest, Fails, Lies, Hangs, Resets, Panics };
+// What the guest is to do at which act. Idle: a merge changes nothing; Torn, Stale: no answer of it counts.
+enum class Mode : std::uint32_t { Honest, Fails, Lies, Idle, Silent, Torn, Stale, Hangs, Resets, Panics };
 struct Told {
     std::uint64_t magic;
     Mode mode;
