@@ -16,14 +16,10 @@ extern "C" {
 }
 #undef min
 #undef max
-#include "machine/partition/partition_format.h"
-#include "machine/partition/partition_table.h"
 #include "machine/partition/subprocess.h"
 
 namespace fake_windows {
 namespace {
-
-using namespace machine::table;
 
 constexpr std::uint64_t kBootOffset = 1ull << 20;
 
@@ -34,6 +30,7 @@ constexpr std::uint64_t BootLength(bool efi) {
 constexpr std::uint64_t DiskLength(bool efi) {
     return VolumeOffset(efi) + kVolumeLength + kBootOffset;
 }
+constexpr char kBasicData[] = "EBD0A0A2-B9E5-4433-87C0-68B6B72699C7";
 constexpr char kClassVolume[] = "{71A27CDD-812A-11D0-BEC7-08002BE2092F}";
 constexpr char kClassDisk[] = "{4D36E967-E325-11CE-BFC1-08002BE10318}";
 
@@ -67,31 +64,17 @@ void Add(ntfs_volume* volume, const std::string& path, const Bytes* content) {
     ntfs_inode_close(made);
 }
 
-std::vector<machine::DiskPiece> Table(bool efi) {
-    const std::vector<machine::NewPartition> partitions = {{kBootOffset, BootLength(efi)},
-                                                           {VolumeOffset(efi), kVolumeLength}};
-    if (efi) return machine::MakeGpt(DiskLength(efi), 512, partitions, 1);
-    auto pieces = machine::MakeMbr(DiskLength(efi), 512, partitions, 1);
-    pieces[0].bytes[kMbrEntries] = 0x80;
-    return pieces;
-}
-
-// The first partition becomes the EFI system one, in both copies of the table.
-void MarkEfi(std::vector<machine::DiskPiece>& pieces) {
-    static constexpr std::uint8_t kType[] = {0x28, 0x73, 0x2A, 0xC1, 0x1F, 0xF8, 0xD2, 0x11,
-                                             0xBA, 0x4B, 0x00, 0xA0, 0xC9, 0x3E, 0xC9, 0x3B};
-    for (auto& piece : pieces) {
-        if (piece.bytes.size() > 512) std::memcpy(piece.bytes.data(), kType, sizeof kType);
-    }
-    const auto entries =
-        std::find_if(pieces.begin(), pieces.end(), [](auto& piece) { return piece.bytes.size() > 512; });
-    for (auto& piece : pieces) {
-        if (std::memcmp(piece.bytes.data(), kGptMagic, 8) != 0) continue;
-        Put<std::uint32_t>(&piece.bytes[kGptEntriesCrc],
-                           machine::Crc32(entries->bytes.data(), entries->bytes.size()));
-        Put<std::uint32_t>(&piece.bytes[kGptHeaderCrc], 0);
-        Put<std::uint32_t>(&piece.bytes[kGptHeaderCrc], machine::Crc32(piece.bytes.data(), kGptHeaderSize));
-    }
+// One partition to start from, then the volume of Windows.
+void Partition(const TestFolder& folder, const std::string& image, bool efi) {
+    const auto line = [](std::uint64_t offset, std::uint64_t length, const std::string& type) {
+        return "start=" + std::to_string(offset / 512) + ",size=" + std::to_string(length / 512) +
+               ",type=" + type + "\n";
+    };
+    const std::string text = (efi ? "label: gpt\n" : "label: dos\n") +
+                             line(kBootOffset, BootLength(efi), efi ? "U" : "7,bootable") +
+                             line(VolumeOffset(efi), kVolumeLength, efi ? kBasicData : "7");
+    const std::string file = HostFile(folder, "table", Bytes(text.begin(), text.end()));
+    Run("sh", {"-c", "PATH=$PATH:/usr/sbin:/sbin sfdisk -q \"$0\" < \"$1\"", image, file});
 }
 
 std::string VolumeFile(const TestFolder& folder, const std::string& name, std::uint64_t size) {
@@ -139,29 +122,22 @@ void Secure(const std::string& file, const std::string& path) {
     if (!done) throw std::runtime_error("cannot secure " + path);
 }
 
-Bytes ReadFrom(const std::string& file, const std::string& path) {
-    Bytes bytes;
-    ntfs_volume* volume = ntfs_mount(file.c_str(), NTFS_MNT_RDONLY);
-    if (volume == nullptr) throw std::runtime_error("cannot mount " + file);
-    if (ntfs_inode* inode = Open(volume, path)) {
-        ntfs_attr* data = ntfs_attr_open(inode, AT_DATA, AT_UNNAMED, 0);
-        bytes.resize(static_cast<std::size_t>(data->data_size));
-        ntfs_attr_pread(data, 0, data->data_size, bytes.data());
-        ntfs_attr_close(data);
-        ntfs_inode_close(inode);
-    }
-    ntfs_umount(volume, FALSE);
-    return bytes;
+// Empty when there is none.
+Bytes ReadFrom(const TestFolder& folder, const std::string& volume, const std::string& path) {
+    const std::string out = folder.File("file.out");
+    const auto done = machine::RunTool("sh", {"-c", "ntfscat -f \"$0\" \"$1\" > \"$2\"", volume, path, out});
+    if (done.exitCode != 0 && done.output.find("No such file") == std::string::npos)
+        throw std::runtime_error("ntfscat: " + done.output);
+    const std::vector<char> bytes = TestFolder::Bytes(out);
+    return {bytes.begin(), bytes.end()};
 }
 
 std::string CopyOut(const TestFolder& folder, const std::string& image, std::uint64_t offset,
                     std::uint64_t length) {
+    const std::vector<char> disk = TestFolder::Bytes(image);
+    const auto begin = disk.begin() + static_cast<std::ptrdiff_t>(offset);
     const std::string file = folder.Sparse("volume.out", 0);
-    std::vector<char> bytes(length);
-    std::ifstream stream(image, std::ios::binary);
-    stream.seekg(static_cast<std::streamoff>(offset));
-    stream.read(bytes.data(), static_cast<std::streamsize>(length));
-    TestFolder::Put(file, 0, bytes);
+    TestFolder::Put(file, 0, {begin, begin + static_cast<std::ptrdiff_t>(length)});
     return file;
 }
 
@@ -318,9 +294,7 @@ Key BootHive() {
 
 std::string Make(const TestFolder& folder, const Shape& shape) {
     const std::string image = folder.Sparse("disk.raw", DiskLength(shape.efi));
-    auto table = Table(shape.efi);
-    if (shape.efi) MarkEfi(table);
-    for (const auto& piece : table) TestFolder::Put(image, piece.offset, Chars(piece.bytes));
+    Partition(folder, image, shape.efi);
     PutBootStore(folder, image, shape);
     const std::string volume = VolumeFile(folder, "windows", kVolumeLength);
     std::map<std::string, Bytes> files = shape.further;
@@ -336,7 +310,7 @@ std::string Make(const TestFolder& folder, const Shape& shape) {
 }
 
 Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::string& path, bool efi) {
-    return ReadFrom(CopyOut(folder, image, VolumeOffset(efi), kVolumeLength), path);
+    return ReadFrom(folder, CopyOut(folder, image, VolumeOffset(efi), kVolumeLength), path);
 }
 
 Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path) {
@@ -354,7 +328,7 @@ Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std
 
 Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot) {
     const std::string volume = CopyOut(folder, image, kBootOffset, BootLength(efi));
-    if (!efi && !fatBoot) return ReadFrom(volume, "/Boot/BCD");
+    if (!efi && !fatBoot) return ReadFrom(folder, volume, "/Boot/BCD");
     const auto attributes = machine::RunTool("mattrib", {"-i", volume, FatStore(efi)});
     if (attributes.output.find(" SH ") == std::string::npos)
         throw std::runtime_error("not hidden: " + attributes.output);
@@ -370,7 +344,7 @@ std::string HostFile(const TestFolder& folder, const std::string& name, const By
 
 Bytes DriverImage() {
     Bytes image(2048);
-    const auto put = [&](std::size_t at, std::uint32_t number) { Put<std::uint32_t>(&image[at], number); };
+    const auto put = [&](std::size_t at, std::uint32_t number) { std::memcpy(&image[at], &number, 4); };
     std::memcpy(image.data(), "MZ", 2);
     put(60, 64);
     std::memcpy(&image[64], "PE\0\0\x64\x86\x01\0", 8);

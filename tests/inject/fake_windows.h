@@ -1,6 +1,6 @@
 // A disk that looks like one with a Windows: partitions, the folders and files that count, hives. What it holds
-// is made by other tools than those under test: mkntfs and the NTFS library's own device, mkfs.fat and mtools,
-// hives from the maker.
+// is made by other tools than those under test: sfdisk, mkntfs and the NTFS library's own device, mkfs.fat,
+// mtools, hives from the maker.
 #pragma once
 #include <map>
 #include <string>

@@ -36,6 +36,13 @@ InjectOptions Options(const TestFolder& folder, const std::string& image) {
     return options;
 }
 
+tool::Report Remove(const std::string& image) {
+    InjectOptions options;
+    options.image = image;
+    options.remove = true;
+    return tool::Inject(options);
+}
+
 std::string Said(const tool::Report& report) {
     std::string all;
     for (const std::string& line : report) all += line + "\n";
@@ -145,20 +152,17 @@ TEST(Inject, AddsWhatTheInfAddsOnceAndTakesItOutAgain) {
         EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), Dump(system));
         EXPECT_EQ(BySectors(image, location), text);
 
-        InjectOptions remove;
-        remove.image = image;
-        remove.remove = true;
         if (lists == Lists::Li) {
             const auto held = TestFolder::Bytes(image);
-            EXPECT_NE(Complaint([&] { tool::Inject(remove); }).find("in the old way (li)"), std::string::npos);
+            EXPECT_NE(Complaint([&] { Remove(image); }).find("in the old way (li)"), std::string::npos);
             EXPECT_TRUE(TestFolder::Bytes(image) == held);
             continue;
         }
-        tool::Inject(remove);
+        Remove(image);
         EXPECT_EQ(Dump(ReadFile(folder, image, kSystem)), before);
         for (const char* file : {kDriver, kConfig, "/Windows/System32/kvrctl.exe"})
             EXPECT_TRUE(ReadFile(folder, image, file).empty()) << file;
-        EXPECT_NE(Said(tool::Inject(remove)).find("nothing of Kvr"), std::string::npos);
+        EXPECT_NE(Said(Remove(image)).find("nothing of Kvr"), std::string::npos);
     }
 }
 
@@ -193,10 +197,7 @@ TEST(Inject, KeepsOddListsAndLeavesAConfigurationAlone) {
     EXPECT_EQ(ReadFile(folder, image, kConfig), text);
 
     // Taken out of every control set, and a list that is left empty with it.
-    InjectOptions remove;
-    remove.image = image;
-    remove.remove = true;
-    tool::Inject(remove);
+    Remove(image);
     const tool::Hive after("SYSTEM", ReadFile(folder, image, kSystem));
     many.erase(many.begin() + 7);
     for (const char* name : {"ControlSet001", "ControlSet002"})
@@ -250,10 +251,7 @@ TEST(Inject, SignsForTestModeAndTakesThatOutToo) {
                           [](auto& line) { return line.ends_with(std::string("\\16000049 Element 3 \1")); }),
             1);
 
-        InjectOptions remove;
-        remove.image = options.output;
-        remove.remove = true;
-        tool::Inject(remove);
+        Remove(options.output);
         EXPECT_EQ(Dump(ReadFile(folder, options.output, kSoftware, efi)), software);
         EXPECT_EQ(Dump(ReadBootStore(folder, options.output, efi, fat)), store);
     }
@@ -287,10 +285,7 @@ TEST(Inject, TakesOutOnlyTheTrustThatItGave) {
     EXPECT_EQ(injected.Get(stores + "ROOT" + below + known, "Blob"), tool::Binary({11, 0, 0, 0}));
     EXPECT_TRUE(injected.HasKey(stores + "TrustedPublisher" + below + known));
     EXPECT_TRUE(injected.HasKey(stores + "ROOT" + below + other));
-    InjectOptions remove;
-    remove.image = image;
-    remove.remove = true;
-    tool::Inject(remove);
+    Remove(image);
     EXPECT_EQ(Dump(ReadFile(folder, image, kSoftware)), before);
     EXPECT_EQ(Dump(ReadBootStore(folder, image, false)), store);
 }
@@ -354,13 +349,6 @@ TEST(Inject, PreparesAndTellsWhatWas) {
     }
 }
 
-struct Refusal {
-    const char* says;
-    std::function<void(Shape&)> shape;
-    std::function<void(const std::string& image)> damage;
-    std::function<void(InjectOptions&)> options;
-};
-
 Bytes Hibernated() {
     Bytes file(8192);
     std::memcpy(file.data(), "hibr", 4);
@@ -377,82 +365,64 @@ void AdvanceSequences(const std::string& image) {
 }
 
 TEST(Inject, RefusesWithOneLineAndLeavesTheImage) {
-    const auto none = [](auto&) {};
-    const auto processor = [](const char* name) {
-        return [name](Shape& shape) {
-            Below(shape.system, "ControlSet001\\Control\\Session Manager\\Environment").values = {
-                {"PROCESSOR_ARCHITECTURE", 1, Sz(name)}};
-        };
+    using Damage = std::function<void(const std::string& image)>;
+    struct Refusal {
+        const char* says;
+        std::function<void(Shape&)> shape = {};
+        Damage damage = {};
+        std::function<void(InjectOptions&)> options = {};
     };
+    // The values of a key of the SYSTEM hive.
+    const auto values = [](const std::string& key, const std::vector<hive_maker::Value>& are) {
+        return [=](Shape& shape) { Below(shape.system, key).values = are; };
+    };
+    const auto processor = [&](const char* name) {
+        return values("ControlSet001\\Control\\Session Manager\\Environment",
+                      {{"PROCESSOR_ARCHITECTURE", 1, Sz(name)}});
+    };
+    const auto file = [](const char* path, const Bytes& bytes) {
+        return [=](Shape& shape) { shape.further[path] = bytes; };
+    };
+    const auto bytes = [](std::uint64_t at, const std::vector<char>& are) -> Damage {
+        return [=](const std::string& image) { TestFolder::Put(image, at, are); };
+    };
+    const std::string disks = kDiskClass.substr(1);
     const Refusal cases[] = {
-        {"not dismounted cleanly", [](Shape& s) { s.dirty = true; }, none, none},
-        {"hibernated", [](Shape& s) { s.further["/hiberfil.sys"] = Hibernated(); }, none, none},
-        {"BitLocker", none,
-         [](auto& image) {
-             TestFolder::Put(image, VolumeOffset(false) + 3, {'-', 'F', 'V', 'E', '-', 'F', 'S', '-'});
-         },
-         none},
-        {"32-bit", processor("x86"), none, none},
-        {"for ARM64", processor("ARM64"), none, none},
-        {"no volume of the disk has a Windows in \\Other", none, none, [](auto& o) { o.root = "Other"; }},
-        {"which control set", [](Shape& s) { Below(s.system, "Select").values.clear(); }, none, none},
-        {"no ControlSet009",
-         [](Shape& s) {
-             Below(s.system, "Select").values = {{"Current", 4, Dword(9)}};
-         },
-         none, none},
+        {"not dismounted cleanly", [](Shape& s) { s.dirty = true; }},
+        {"hibernated", file("/hiberfil.sys", Hibernated())},
+        {"BitLocker", {}, bytes(VolumeOffset(false) + 3, {'-', 'F', 'V', 'E', '-', 'F', 'S', '-'})},
+        {"32-bit", processor("x86")},
+        {"for ARM64", processor("ARM64")},
+        {"no volume of the disk has a Windows in \\Other", {}, {}, [](auto& o) { o.root = "Other"; }},
+        {"which control set", values("Select", {})},
+        {"no ControlSet009", values("Select", {{"Current", 4, Dword(9)}})},
         {"no class for disks",
          [](Shape& s) {
-             Below(s.system, "ControlSet001\\Control\\Class")
-                 .keys.erase(Below(s.system, "ControlSet001\\Control\\Class").keys.begin());
-         },
-         none, none},
-        {"is no list",
-         [](Shape& s) {
-             Below(s.system, kDiskClass.substr(1)).values = {{"UpperFilters", 1, Sz("partmgr")}};
-         },
-         none, none},
-        {"partitions 1 and 2", [](Shape& s) { s.twice = true; }, none, none},
-        {"keeps Huge in ControlSet001\\Control\\Class\\{4D36E967",
-         [](Shape& s) {
-             Below(s.system, kDiskClass.substr(1)).values = {{"Huge", 3, Bytes(16349)}};
-         },
-         none, none},
-        {"of the value Huge only a part can be read",
-         [](Shape& s) {
-             Below(s.system, kDiskClass.substr(1)).values = {{"Huge", 3, Bytes(16345)}};
-         },
-         none, none},
-        {"SYSTEM needs recovery from its logs", none, AdvanceSequences, none},
-        {"partition table", none,
-         [](auto& image) {
-             TestFolder::Put(image, 510, {0, 0});
-         },
-         none},
-        {"no raw image", none,
-         [](auto& image) {
-             TestFolder::Put(image, 0, {'Q', 'F', 'I', '\xFB'});
-         },
-         none},
-        {"not signed", none, none, [](auto& o) { o.allowUnsigned = false; }},
-        {"no program for 64-bit", none, none, [](auto& o) { o.tool = o.image; }},
-        {"no room", [](Shape& s) { s.further["/full"] = Bytes(8 << 20, 1); }, none, none},
+             auto& classes = Below(s.system, "ControlSet001\\Control\\Class").keys;
+             classes.erase(classes.begin());
+         }},
+        {"is no list", values(disks, {{"UpperFilters", 1, Sz("partmgr")}})},
+        {"partitions 1 and 2", [](Shape& s) { s.twice = true; }},
+        {"keeps Huge in ControlSet001\\Control\\Class\\{4D36E967", values(disks, {{"Huge", 3, Bytes(16349)}})},
+        {"of the value Huge only a part can be read", values(disks, {{"Huge", 3, Bytes(16345)}})},
+        {"SYSTEM needs recovery from its logs", {}, AdvanceSequences},
+        {"partition table", {}, bytes(510, {0, 0})},
+        {"no raw image", {}, bytes(0, {'Q', 'F', 'I', '\xFB'})},
+        {"not signed", {}, {}, [](auto& o) { o.allowUnsigned = false; }},
+        {"no program for 64-bit", {}, {}, [](auto& o) { o.tool = o.image; }},
+        {"no room", file("/full", Bytes(8 << 20, 1))},
         {"sectors of a kvr.cfg that is gone",
-         [](Shape& s) {
-             Below(s.system, "kvr").values = {{"\\Device\\HarddiskVolume3\\kvr.CFG", 3, Bytes(128, 1)}};
-         },
-         none, none},
-        {"has storage (kvr.SWP)", [](Shape& s) { s.further["/kvr.SWP"] = Bytes(8192); }, none,
-         [](auto& o) { o.remove = true; }},
-        {"starts no Windows", [](Shape& s) { s.boot.keys.clear(); }, none, [](auto& o) { o.testSign = true; }},
+         values("kvr", {{"\\Device\\HarddiskVolume3\\kvr.CFG", 3, Bytes(128, 1)}})},
+        {"has storage (kvr.SWP)", file("/kvr.SWP", Bytes(8192)), {}, [](auto& o) { o.remove = true; }},
+        {"starts no Windows", [](Shape& s) { s.boot.keys.clear(); }, {}, [](auto& o) { o.testSign = true; }},
     };
     for (const Refusal& refusal : cases) {
         SCOPED_TRACE(refusal.says);
         const TestFolder folder;
         Shape shape;
-        refusal.shape(shape);
+        if (refusal.shape) refusal.shape(shape);
         const std::string image = Make(folder, shape);
-        refusal.damage(image);
+        if (refusal.damage) refusal.damage(image);
         InjectOptions options = Options(folder, image);
         if (refusal.options) refusal.options(options);
         const auto before = TestFolder::Bytes(image);
