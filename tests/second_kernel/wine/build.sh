@@ -18,7 +18,7 @@ fi
 library=${libstdcxx%/include/c++}
 clang=("${KVR_CLANG:-clang++-14}" --target=x86_64-w64-mingw32)
 compiler=(
-    ${CMAKE_CXX_COMPILER_LAUNCHER:-} "${clang[@]}" -std=c++20 -O1 -Wall -Wextra -Werror -I. -Iplatform/host -DKVR_POOL_PLAIN=1
+    ${CMAKE_CXX_COMPILER_LAUNCHER:-} "${clang[@]}" -std=c++20 -O1 -Wall -Wextra -Werror -I. -Iplatform/host "-I$out/story-objects" -DKVR_POOL_PLAIN=1
     -nostdinc++ -isystem "$libstdcxx" -isystem "$libstdcxx/x86_64-w64-mingw32"
     -isystem /usr/x86_64-w64-mingw32/include/ddk -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet
     -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset -D_WIN32_WINNT=0x0602 -DNOMINMAX -DWIN32_LEAN_AND_MEAN
@@ -26,6 +26,10 @@ compiler=(
 
 mapfile -t sources < <(find platform/host tests/second_kernel machine/files/share_access.cpp tests/doubles/played_files.cpp \
     platform/windows/layout_check.cpp -name '*.cpp' ! -path '*/host/os/*' ! -name linked_driver.cpp)
+# The driver's imports, but for what its compiler asks for.
+mkdir -p "$out/story-objects"
+x86_64-w64-mingw32-objdump -p "$out/kvr64.sys" |
+    sed -n 's/^\t[0-9a-f]*\t *[0-9]* *\([A-Z][A-Za-z0-9]*\).*/KERNEL_NAME(\1)/p' >"$out/story-objects/kernel_names.inc"
 compile_all "$out/story-objects" "${sources[@]}"
 # Links what is not called that.
 link_without() {
