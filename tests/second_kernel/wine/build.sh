@@ -40,5 +40,5 @@ link_without() {
     done
     "${clang[@]}" -fuse-ld=lld-14 -static "-L$library" "${linked[@]}" -lsynchronization -lwinpthread "$@"
 }
-link_without '_(gate|gate_host|tool_story)\.cpp\.o$' -o "$out/kvrstories.exe"
+link_without '_gate(_host)?\.cpp\.o$' -o "$out/kvrstories.exe"
 link_without '_host_main\.cpp\.o$' -lntoskrnl -shared -Wl,--entry=GateEntry,--subsystem=native -o "$out/kvrgate.sys"

@@ -2,16 +2,34 @@
 #include <cstdio>
 #include <vector>
 #include "platform/host/io/user_mode.h"
-#include "tests/second_kernel/stage.h"
+#include "tests/second_kernel/common/computer.h"
 #include "tests/second_kernel/wine/gate.h"
-#include "tests/second_kernel/wine/tool_story.h"
+
+namespace {
+
+// A computer for kvrctl.exe: the driver with a fixed and a removable volume.
+void MakeComputer() {
+    MountKernelFiles();
+    PDRIVER_OBJECT driver;
+    if (!stage::CheckStatus(stage::LoadDriver(driver), STATUS_SUCCESS, "the driver loads")) return;
+    PUCHAR sectors = stage::Medium(0, kMiB);
+    PDEVICE_OBJECT fixed =
+        MakeRamDevice({.Name = W("\\Device\\HarddiskVolume71"), .Sectors = sectors, .Size = kMiB});
+    PDEVICE_OBJECT stick = MakeRamDevice(
+        {.Name = W("\\Device\\HarddiskVolume72"), .Sectors = sectors, .Size = kMiB, .IsRemovable = true});
+    if (!fixed || !stick) return;
+    (void)stage::CheckStatus(AddAndStart(driver, fixed), STATUS_SUCCESS, "the fixed volume starts");
+    (void)stage::CheckStatus(AddAndStart(driver, stick), STATUS_SUCCESS, "the removable volume starts");
+}
+
+}  // namespace
 
 namespace gate {
 
 bool Boot() {
     stage::BeginStory();
     stage::BeginBoot(0);
-    kToolStory.boots[0]();
+    MakeComputer();
     std::fputs(stage::Failures().c_str(), stderr);
     return stage::Failures().empty();
 }

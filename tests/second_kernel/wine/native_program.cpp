@@ -86,28 +86,18 @@ NTSTATUS Close(HANDLE handle) {
     return open->file != nullptr ? ZwClose(open->file) : STATUS_SUCCESS;
 }
 
-NTSTATUS MoveOnDevice(UCHAR major, PFILE_OBJECT file, PIO_STATUS_BLOCK io, PVOID buffer, ULONG length,
-                      PLARGE_INTEGER offset) {
-    const host::Outcome outcome =
-        SendTransfer(host::TopOfStack(file->DeviceObject), {major, offset->QuadPart, buffer, length, file});
-    *io = {{outcome.status}, outcome.information};
-    return outcome.status;
-}
-
-NTSTATUS ReadFile(HANDLE handle, HANDLE event, PVOID routine, PVOID context, PIO_STATUS_BLOCK io, PVOID buffer,
+// NtReadFile and NtWriteFile.
+template <UCHAR major, auto MoveInFile>
+NTSTATUS MoveFile(HANDLE handle, HANDLE event, PVOID routine, PVOID context, PIO_STATUS_BLOCK io, PVOID buffer,
                   ULONG length, PLARGE_INTEGER offset, PULONG key) {
     LeaveWhenOff();
     const Open& open = *static_cast<Open*>(handle);
-    if (open.device != nullptr) return MoveOnDevice(IRP_MJ_READ, open.device, io, buffer, length, offset);
-    return ZwReadFile(open.file, event, routine, context, io, buffer, length, offset, key);
-}
-
-NTSTATUS WriteFile(HANDLE handle, HANDLE event, PVOID routine, PVOID context, PIO_STATUS_BLOCK io, PVOID buffer,
-                   ULONG length, PLARGE_INTEGER offset, PULONG key) {
-    LeaveWhenOff();
-    const Open& open = *static_cast<Open*>(handle);
-    if (open.device != nullptr) return MoveOnDevice(IRP_MJ_WRITE, open.device, io, buffer, length, offset);
-    return ZwWriteFile(open.file, event, routine, context, io, buffer, length, offset, key);
+    if (open.device == nullptr)
+        return MoveInFile(open.file, event, routine, context, io, buffer, length, offset, key);
+    const host::Outcome outcome = SendTransfer(host::TopOfStack(open.device->DeviceObject),
+                                               {major, offset->QuadPart, buffer, length, open.device});
+    *io = {{outcome.status}, outcome.information};
+    return outcome.status;
 }
 
 NTSTATUS FlushBuffersFile(HANDLE handle, PIO_STATUS_BLOCK) {
@@ -190,10 +180,10 @@ const Export kExports[] = {
     Named("NtDeviceIoControlFile", DeviceIoControlFile),
     Named("NtFlushBuffersFile", FlushBuffersFile),
     Named("NtQueryObject", QueryObject),
-    Named("NtReadFile", ReadFile),
+    Named("NtReadFile", MoveFile<IRP_MJ_READ, ZwReadFile>),
     Named("NtShutdownSystem", ShutdownSystem),
     Named("NtTerminateProcess", TerminateProcess),
-    Named("NtWriteFile", WriteFile),
+    Named("NtWriteFile", MoveFile<IRP_MJ_WRITE, ZwWriteFile>),
     Named("RtlAdjustPrivilege", AdjustPrivilege),
     Named("RtlCreateUserThread", CreateUserThread),
 };

@@ -18,6 +18,7 @@ import shutil
 import subprocess
 import sys
 import time
+from collections.abc import Callable
 
 HERE = pathlib.Path(__file__).resolve().parent
 ROOT = HERE.parents[2]
@@ -129,11 +130,16 @@ def main() -> int:
     return 0 if all(played) else 1
 
 
-if __name__ == "__main__":
+def run(play: Callable[[], int]) -> None:
+    """Ends the program with what that returns, or with what kept it from being played."""
     try:
-        sys.exit(main())
+        sys.exit(play())
     except KeyboardInterrupt:
         sys.exit(130)
     except (Trouble, OSError, subprocess.CalledProcessError, subprocess.TimeoutExpired) as error:
-        print(f"play.py: {error}", file=sys.stderr)
+        print(f"{pathlib.Path(sys.argv[0]).name}: {error}", file=sys.stderr)
         sys.exit(2)
+
+
+if __name__ == "__main__":
+    run(main)

@@ -80,8 +80,4 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    try:
-        sys.exit(main())
-    except (play.Trouble, OSError, subprocess.TimeoutExpired) as error:
-        print(f"play_prove.py: {error}", file=sys.stderr)
-        sys.exit(2)
+    play.run(main)

@@ -114,8 +114,4 @@ def main() -> int:
 
 
 if __name__ == "__main__":
-    try:
-        sys.exit(main())
-    except (play.Trouble, OSError, subprocess.TimeoutExpired) as error:
-        print(f"play_tool.py: {error}", file=sys.stderr)
-        sys.exit(2)
+    play.run(main)
