@@ -141,101 +141,58 @@ TEST_P(Overlap, EachSectorHoldsTheWriteThatBeganLast) {
 INSTANTIATE_TEST_SUITE_P(Completions, Overlap,
                          testing::Values(machine::Completion::Immediate, machine::Completion::Pended));
 
-// Writes of one live page that a device keeps, so that the test says which of them gets on.
-class WriteOrder : public testing::Test {
-protected:
-    static constexpr std::size_t kPage = 16;  // sectors
-
-    void SetUp() override {
-        ASSERT_NO_FATAL_FAILURE(computer_.Install({.bootMode = 0}, 64 * kMiB));
-        ASSERT_EQ(STATUS_SUCCESS, machine_.PowerOn());
-        Write(8, 2);  // a page is two runs or three, of which one is redirected
-        disk_ = machine_.DiskOf(1);
-        disk_->SetCompletion(machine::Completion::Stepped);
-    }
-
-    // Changes the sectors and begins to write them, on a thread of its own.
-    void Begin(std::size_t first, std::size_t count) {
-        pages_.Change(first, count);
-        ++running_;
-        writers_.emplace_back([this, first, count] {
-            Write(first, count);
-            --running_;
+// Of one live page that a device keeps, so that the test says which write gets on. Each waits for those before
+// it that it overlaps, directly or not, and only for them: otherwise an older one would go over a newer one in
+// place, or commit first and keep the newer one's data from the map.
+TEST(WriteOrder, WritesGoInTheOrderInWhichTheyBegan) {
+    ProtectedComputer computer;
+    ASSERT_NO_FATAL_FAILURE(computer.Install({.bootMode = 0}, 64 * kMiB));
+    machine::Machine& machine = computer.Hardware();
+    ASSERT_EQ(STATUS_SUCCESS, machine.PowerOn());
+    machine::DiskDevice* disk = machine.DiskOf(1);
+    PVOLUME_EXTENSION volume = VolumeOf(machine.VolumeOf(kDataVolume)->device->Device()->AttachedDevice);
+    LivePages pages(16);
+    std::atomic<unsigned> running{0};
+    std::vector<std::thread> writers;
+    const auto write = [&](std::size_t first, std::size_t count) {
+        EXPECT_EQ(STATUS_SUCCESS, machine.Write(kDataVolume, kRegionBegin + first * kSector, pages.At(first),
+                                                static_cast<std::uint32_t>(count * kSector)));
+    };
+    // On a thread of its own, until it has its place among the others.
+    const auto begin = [&](std::size_t first, std::size_t count) {
+        pages.Change(first, count);
+        ++running;
+        writers.emplace_back([&, first, count] {
+            write(first, count);
+            --running;
         });
-    }
-    void Write(std::size_t first, std::size_t count) {
-        EXPECT_EQ(STATUS_SUCCESS, machine_.Write(kDataVolume, kRegionBegin + first * kSector, pages_.At(first),
-                                                 static_cast<std::uint32_t>(count * kSector)));
-    }
-    // So many writes have their place.
-    void WaitForPlaces(std::size_t count) {
-        PVOLUME_EXTENSION volume = VolumeOf(machine_.VolumeOf(kDataVolume)->device->Device()->AttachedDevice);
-        for (std::size_t places = 0; places < count; std::this_thread::yield()) {
+        for (std::size_t places = 0; places < writers.size(); std::this_thread::yield()) {
             const FastMutexLock lock(volume->WriteOrderLock);
             PLIST_ENTRY head = &volume->WritesUnderWay;
             places = 0;
             for (PLIST_ENTRY link = head->Flink; link != head; link = link->Flink) ++places;
         }
-    }
-    // Carries out what the device keeps, the request at `index` first, until only `left` writes run or, since
-    // they need not come, a moment is over.
-    void CarryOut(std::size_t index, unsigned left, std::chrono::milliseconds moment) {
-        const auto end = std::chrono::steady_clock::now() + moment;
-        while (running_ > left && std::chrono::steady_clock::now() < end)
-            if (!disk_->Release(index)) std::this_thread::yield();
-    }
-    void Finish() {
-        CarryOut(0, 0, std::chrono::seconds(60));
-        disk_->SetCompletion(machine::Completion::Immediate);
-        for (std::thread& writer : writers_) writer.join();
-        pages_.CheckOn(machine_);
-    }
-
-    static constexpr std::chrono::milliseconds kMoment{100};
-    ProtectedComputer computer_;
-    machine::Machine& machine_ = computer_.Hardware();
-    machine::DiskDevice* disk_ = nullptr;
-    LivePages pages_{2 * kPage};
-    std::atomic<unsigned> running_{0};
-    std::vector<std::thread> writers_;
-};
-
-// The newer write would redirect what the older one has not reached yet, which would then go there with older
-// data.
-TEST_F(WriteOrder, AnOlderWriteDoesNotGoOverANewerOneInPlace) {
-    Begin(0, kPage);
-    disk_->WaitForWaiting(1);
-    Begin(0, kPage);
-    CarryOut(1, 1, kMoment);
-    Finish();
-}
-
-// The older write would commit first and the newer one's data be dropped.
-TEST_F(WriteOrder, AnOlderWriteDoesNotKeepANewerOneFromTheMap) {
-    Begin(kPage, kPage);
-    disk_->WaitForWaiting(1);
-    Begin(kPage, kPage);
-    std::this_thread::sleep_for(kMoment);
-    ASSERT_TRUE(disk_->Release());
-    while (running_ > 1) std::this_thread::yield();
-    Finish();
-}
-
-// Each waits for those before it that it overlaps, directly or not, and only for them.
-TEST_F(WriteOrder, WritesGoInTheOrderInWhichTheyBegan) {
-    Begin(0, 4);
-    WaitForPlaces(1);
-    Begin(2, 8);
-    WaitForPlaces(2);
-    Begin(0, 12);
-    WaitForPlaces(3);
-    Begin(12, 4);  // overlaps none
-    WaitForPlaces(4);
-    disk_->WaitForWaiting(2);
-    EXPECT_FALSE(disk_->Release(2)) << "the second and the third wait";
-    CarryOut(1, 3, std::chrono::seconds(60));
-    EXPECT_EQ(3u, running_) << "the fourth is done";
-    Finish();
+    };
+    // Carries out what the device keeps, the request at `index` first, until only `left` writes run.
+    const auto carryOut = [&](std::size_t index, unsigned left) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+        while (running > left && std::chrono::steady_clock::now() < end)
+            if (!disk->Release(index)) std::this_thread::yield();
+    };
+    write(8, 2);  // the page is three runs, of which one is redirected
+    disk->SetCompletion(machine::Completion::Stepped);
+    begin(0, 4);
+    begin(2, 8);
+    begin(0, 12);
+    begin(12, 4);  // overlaps none
+    disk->WaitForWaiting(2);
+    EXPECT_FALSE(disk->Release(2)) << "the second and the third wait";
+    carryOut(1, 3);
+    EXPECT_EQ(3u, running) << "the fourth is done";
+    carryOut(0, 0);
+    disk->SetCompletion(machine::Completion::Immediate);
+    for (std::thread& writer : writers) writer.join();
+    pages.CheckOn(machine);
 }
 
 // The power goes or the machine shuts down while requests run: every request ends with a status, and after a
