@@ -102,7 +102,8 @@ private:
     Bytes TakeRequest(RequestHeader& header) {
         header.magic = kMagic;
         // A boot takes as long as a hundred other requests.
-        static constexpr std::uint32_t kCommands[] = {1, 1, 2, 2, 2, 2, 2, 3, 4, 4, 5, 6, 9, 0, 10, 0xFFFFFFFF};
+        static constexpr std::uint32_t kCommands[] = {1, 1,  2, 2, 2, 2,  2,  3,
+                                                      4, 10, 5, 6, 9, 12, 11, 0xFFFFFFFF};
         const bool boots = input_.ConsumeIntegral<std::uint8_t>() == 77;
         header.command = boots ? input_.PickValueInArray({Command::Reboot, Command::Stop})
                                : static_cast<Command>(input_.PickValueInArray(kCommands));
@@ -124,8 +125,10 @@ private:
             case Command::DeviceControl:
                 return TakeControl(header);
             case Command::Facts:
+            case Command::StorageRuns:
                 return fuzz::BytesOf(fuzz::NameOf(Volume()));
             case Command::ReadSectors:
+            case Command::ReadPresent:
                 return fuzz::BytesOf(TakePlace());
             case Command::ReadRegistry:
                 return TextBytes(input_.PickValueInArray({ctl::kDriverKey, u"\\Registry\\Machine"}) +

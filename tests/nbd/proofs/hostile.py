@@ -3,29 +3,23 @@
 request, bytes that are no protocol; control tools, lists of exports and boots at the same time. Every request gets an
 answer that is right, the server lives, and the data is what the well-formed requests made of it. Arguments: the
 build's folder; a library to load first, if any; the build that has the plugin, if it is another; a seed."""
-import contextlib
-import errno
 import os
 import random
-import socket
-import struct
 import sys
 import time
 
 import image
 import proof
-from clients import all_at_once, connect, nbd, sanitizer_log, sanitizer_reports, wait_for, write
+from clients import (Breaker, all_at_once, connect, nbd, require_whole_sectors, sanitizer_log, sanitizer_reports, wait_for,
+                     write)
 from machine import MIB, VOLUME, Machine
-from proof import Failed, require, run, say
+from proof import require, run, say
 
 SWAP = 64 * MIB
 SECONDS = float(os.environ.get("KVR_FUZZ_SECONDS", "4"))
 STRETCH = 2 * MIB
 PRELOAD, PLUGIN, SEED = (sys.argv[2:] + ["", "", ""])[:3]
 SEED = int(SEED or random.randrange(1 << 32))
-REFUSALS = {errno.EINVAL, errno.ENOSPC, errno.ENOMEM, errno.ERANGE, errno.EOVERFLOW, errno.EIO, errno.EPERM}
-REQUEST, READ, WRITE = 0x25609513, 0, 1
-CONTROL = 0x3152564B  # begins a request to the control socket
 
 
 class Stretch:
@@ -35,7 +29,6 @@ class Stretch:
         self.uri, self.offset, self.dice = uri, offset, random.Random(seed)
         self.client = connect(uri)
         self.bytes = bytearray(self.client.pread(length, offset))
-        self.size = self.client.get_size()
 
     def place(self, most):
         length = min(self.dice.choice((1, 3, 511, 512, 513, 4096, 5000, most)), len(self.bytes))
@@ -72,27 +65,9 @@ class Stretch:
             self.bytes[start:start + len(data)] = data
         wait_for(self.client, cookies)
 
-    def nonsense(self):
-        """Requests that cannot be carried out: each is refused, some by hanging up."""
-        client = self.client
-        calls = [lambda: client.pread(512, self.size), lambda: client.pread(1, self.size + 7),
-                 lambda: client.pwrite(b"x" * 512, self.size - 511), lambda: client.pwrite(b"x", 1 << 62),
-                 lambda: client.zero(4096, self.size - 1), lambda: client.zero((1 << 32) - 1, 0x7FFFFFFF00),
-                 lambda: client.pread(0, self.offset), lambda: client.pwrite(b"", self.offset),
-                 lambda: client.pread(65 * MIB, 0), lambda: client.pwrite(bytes(33 * MIB), self.size - 512),
-                 lambda: client.trim(4096, self.offset)]
-        try:
-            self.dice.choice(calls)()
-        except nbd.Error as error:
-            require(error.errnum in REFUSALS or not client.aio_is_ready(), f"an odd refusal: {error}")
-        else:
-            raise Failed("a request that cannot be carried out is answered with success")
-        if not client.aio_is_ready():
-            self.client = connect(self.uri)
-
     def step(self):
-        actions = (self.write, self.zero, self.read, self.burst, self.nonsense)
-        self.dice.choices(actions, (6, 3, 6, 3, 1))[0]()
+        actions = (self.write, self.zero, self.read, self.burst)
+        self.dice.choices(actions, (6, 3, 6, 3))[0]()
         if self.dice.random() < 0.02:
             self.client.flush()
             self.client = connect(self.uri)
@@ -121,57 +96,6 @@ class Edge(Stretch):
         self.write()
 
 
-# ---- connections that end badly ----------------------------------------------------------------------------
-
-
-def tell(raw, data):
-    raw.settimeout(1)
-    raw.sendall(data)
-    raw.settimeout(0.1)
-    raw.recv(4096)
-
-
-class Vandal:
-    """Ends connections in the middle of requests; each sector of its range stays whole, of one colour or another."""
-
-    def __init__(self, uri, socket_path, offset, length, seed):
-        self.uri, self.socket_path, self.offset, self.length = uri, str(socket_path), offset, length
-        self.dice = random.Random(seed)
-
-    def _hang_up_with_requests_in_flight(self):
-        client = connect(self.uri)
-        for _ in range(self.dice.randrange(1, 20)):
-            start = self.dice.randrange(self.length // 512 - 64) * 512
-            write(client, bytes([self.dice.randrange(1, 256)]) * (64 * 512), self.offset + start)
-        client.aio_pread(nbd.Buffer(MIB), self.offset)
-        for _ in range(self.dice.randrange(4)):
-            client.poll(0)
-        # The handle goes with its last name, and the connection with the handle.
-
-    def _hang_up_inside_a_request(self):
-        """A header that announces more than follows."""
-        client = connect(self.uri)
-        header = struct.pack(">IHHQQI", REQUEST, 0, self.dice.choice((READ, WRITE)), 77, self.offset, MIB)
-        sent = header + b"\x02" * self.dice.randrange(MIB // 2)
-        with contextlib.suppress(OSError), socket.socket(fileno=os.dup(client.aio_get_fd())) as raw:
-            tell(raw, sent[:self.dice.choice((5, 27, 28, len(sent)))])
-
-    def _talk_nonsense(self):
-        with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX) as raw:
-            raw.connect(self.socket_path)
-            greeting = struct.pack(">I", 3) if self.dice.random() < 0.5 else b""
-            tell(raw, greeting + self.dice.randbytes(self.dice.randrange(1, 4000)))
-
-    def step(self):
-        self.dice.choice((self._hang_up_with_requests_in_flight, self._hang_up_inside_a_request,
-                          self._talk_nonsense))()
-
-    def check(self):
-        data = connect(self.uri).pread(self.length, self.offset)  # what nobody wrote to is zeros
-        for start in range(0, self.length, 512):
-            require(len(set(data[start:start + 512])) == 1, f"the sector at {self.offset + start} is torn")
-
-
 # ---- who else is there -------------------------------------------------------------------------------------
 class Visitor:
     """Asks the server what there is, and the driver; a boot closes the driver's handle."""
@@ -189,40 +113,6 @@ class Visitor:
         for words in (["status"], ["volumes"], ["map", VOLUME]):
             done = self.pc.ctl(*words, check=False)
             require(done.returncode == 0 or "booted anew" in done.stdout, f"{words}: {done.stdout}")
-
-
-class Meddler:
-    """Asks the control socket what no tool asks: any command but those that end a boot, with bytes of any kind, lengths
-    that may be another's, whole or cut. What is whole is answered as it has room, what is not ends the connection."""
-
-    COMMANDS = (0, 1, 2, 3, 4, 5, 6, 9, 10, 11, 12, 13, 1 << 31)
-
-    def __init__(self, pc):
-        self.path, self.dice = str(pc.folder / "control.sock"), random.Random(SEED + 8)
-
-    def _record(self):
-        """A volume's name and a place on it; some commands take the name alone, or text."""
-        place = struct.pack("<QII", self.dice.choice((0, 512, 1, 1 << 62)), self.dice.choice((0, 512, 100, 1 << 31)), 0)
-        whole = f"\\Device\\{VOLUME}".encode("utf-16-le").ljust(128, b"\0") + place
-        return whole[:self.dice.choice((20, 21, 128, len(whole)))]
-
-    def step(self):
-        data = self.dice.choice((self._record(), self.dice.randbytes(self.dice.randrange(9000))))
-        code = self.dice.choice((0x80000000, 0xC0000000, 0x84048, 0x84104, self.dice.randrange(1 << 32)))
-        length, room = self.dice.choice((len(data), len(data), MIB + 1)), self.dice.choice((0, 4, 8192, MIB, MIB + 1))
-        request = struct.pack("<5I", CONTROL, self.dice.choice(self.COMMANDS), code, length, room) + data
-        said = request[:self.dice.choice((19, 30, len(request), len(request)))]
-        told = b""
-        with contextlib.suppress(ConnectionError), socket.socket(socket.AF_UNIX) as raw:
-            raw.settimeout(30)
-            raw.connect(self.path)
-            raw.sendall(said)
-            raw.shutdown(socket.SHUT_WR)
-            while more := raw.recv(1 << 16):
-                told += more
-        require(bool(told) == (said == request and length == len(data) and room <= MIB), f"answered: {len(told)} bytes")
-        _, _, output, text = struct.unpack_from("<IiII", told.ljust(16, b"\0"))
-        require(output <= room and len(told) in (0, 16 + output + text), "an answer has not the length that it says")
 
 
 class Owner:
@@ -251,14 +141,14 @@ def misbehave(given, pc, partition):
     shared = inside + 4 * STRETCH  # two clients have a half of this sector each
     stretches += [Stretch(by_volume, shared, 256, SEED + 5), Stretch(by_disk, offset + shared + 256, 256, SEED + 6)]
     place = inside + 3 * STRETCH  # where two write to the same sectors
-    vandals = [Vandal(by_volume, pc.folder / "nbd.sock", place, STRETCH, SEED + 4),
-               Vandal(by_disk, pc.folder / "nbd.sock", offset + place, STRETCH, SEED + 7)]
-    failures = all_at_once([*stretches, *vandals, Visitor(pc), Meddler(pc), Owner(pc)], SECONDS)
+    breakers = [Breaker(pc, VOLUME, place, STRETCH, SEED + 4), Breaker(pc, "disk0", offset + place, STRETCH, SEED + 7)]
+    failures = all_at_once([*stretches, *breakers, Visitor(pc), Owner(pc)], SECONDS)
     told = sanitizer_reports(given.scratch)
     require(pc.lives() and not told, f"the server died: {pc.log()[-2000:]}\n{told}")
     require(not failures, failures)
-    for worker in [*stretches, *vandals]:
-        worker.check()
+    for stretch in stretches:
+        stretch.check()
+    require_whole_sectors(connect(by_volume), place, STRETCH)
 
 
 def body(given):
