@@ -22,7 +22,7 @@ BUILD_PACKAGES=(g++ cmake ninja-build pkg-config libgtest-dev libcli11-dev libss
     libnbd-dev)
 TEST_PACKAGES=(clang-14 lld-14 libclang-rt-14-dev clang-format-14 clang-tidy-14 g++-mingw-w64-x86-64-win32
     g++-mingw-w64-x86-64-posix mingw-w64-x86-64-dev python3 wine wine64 libnbd-bin python3-libnbd qemu-utils fio
-    fuse3 strace adduser dpkg-dev lintian systemd python3-jsonschema python3-prometheus-client osslsigncode mtools
+    fuse3 adduser dpkg-dev lintian systemd python3-jsonschema python3-prometheus-client osslsigncode mtools
     dosfstools fdisk chntpw qemu-system-x86 ovmf gnu-efi)
 # With KVR_LONG=1.
 LONG_PACKAGES=(ansible-core prometheus libvirt-clients)

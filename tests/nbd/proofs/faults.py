@@ -1,7 +1,8 @@
 #!/usr/bin/python3
-"""The served machine on a host that is short of files, memory or threads, under clients that come and go: each gets an
-error or an answer, the server lives, and once the host is well again everything works. The base never changes. (Each
-call that fails, at a start, a reboot, a stop: ../faults.) Arguments: the build's folder."""
+"""The served machine and its host. A flush, and a write that asks for it, are answered when the image has been told to
+be on the disk; other writes do not wait for that. Short of files, memory or threads, under clients that come and go,
+each gets an error or an answer, the server lives, and once the host is well again everything works. The base never
+changes. (Each call that fails, at a start, a reboot, a stop: ../faults.) Arguments: the build's folder."""
 import contextlib
 import errno
 import mmap
@@ -20,7 +21,8 @@ from proof import require, run, say, wait_until
 
 SWAP = 24 * MIB
 MARK, PLACE = b"\xA5" * 65536, 70 * MIB
-THREAD, LARGE_ALLOCATION = (4, errno.EAGAIN), (6, errno.ENOMEM)
+SYNC, THREAD, LARGE_ALLOCATION = (2, errno.EIO), (4, errno.EAGAIN), (6, errno.ENOMEM)
+NEVER = 1 << 63
 
 
 class Plan:
@@ -39,6 +41,37 @@ class Plan:
 
     def disarm(self):
         self._bytes[0] = 0
+
+    def seen(self, call):
+        """How often it was called since the plan was armed."""
+        return struct.unpack_from("<Q", self._bytes, 32 + 8 * call[0])[0]
+
+
+def requests(client):
+    """What a client may ask for, at places of the export that nobody else uses, and whether it reaches the disk."""
+    data, places = b"\x01" * 8192, iter(range(90 * MIB, 110 * MIB, MIB))
+    return {
+        "a write": (False, lambda: client.pwrite(data, next(places))),
+        "zeros": (False, lambda: client.zero(65536, next(places))),
+        "a part of a sector": (False, lambda: client.pwrite(b"x", next(places))),
+        "a write with FUA": (True, lambda: client.pwrite(data, next(places), nbd.CMD_FLAG_FUA)),
+        "zeros with FUA": (True, lambda: client.zero(65536, next(places), nbd.CMD_FLAG_FUA)),
+        "a part of a sector with FUA": (True, lambda: client.pwrite(b"x", next(places), nbd.CMD_FLAG_FUA)),
+        "a flush": (True, client.flush),
+    }
+
+
+def check_synchronisation(pc, plan):
+    for export in (VOLUME, "disk0"):
+        client = connect(pc.uri(export))
+        client.pwrite(b"\x01", 89 * MIB)  # a boot's first write has the map saved
+        for what, (reaches_the_disk, action) in requests(client).items():
+            plan.arm(SYNC, NEVER)
+            action()
+            times = plan.seen(SYNC)
+            require((times > 0) == reaches_the_disk, f"{what} by {export}: the image is synchronised {times} times")
+        plan.disarm()
+        client.shutdown()
 
 
 class Crowd:
@@ -120,6 +153,7 @@ def body(given):
     pc.stop()
     fixed = image.Fixed(pc.image, given.scratch, image.storage(pc.image, SWAP, given.scratch))
     pc.serve()
+    check_synchronisation(pc, plan)
     client = connect(pc.uri(VOLUME))
     client.pwrite(MARK, PLACE)
     client.flush()
