@@ -4,8 +4,6 @@
 #include <algorithm>
 #include "platform/host/sync/clock.h"
 #include "config/parser.h"
-#include "tool/kvrctl/config_writer.h"
-#include "formats/kvr_ioctl.h"
 #include "platform/host/io/device.h"
 #include "driver/record/volume_extension.h"
 #include "machine/boot/machine.h"
@@ -116,35 +114,14 @@ Bytes TakeBuffer(FuzzedDataProvider& input, ULONG length) {
     return bytes;
 }
 
-// What asks for storage of `size` bytes on HarddiskVolume1, 2 ...
-Bytes StorageRequest(char16_t volume, std::int64_t size) {
-    SWAP_CONFIG_REQUEST request{};
-    const std::u16string name = std::u16string(u"\\Device\\HarddiskVolume") + volume;
-    std::copy(name.begin(), name.end(), request.VolumeName);
-    request.SwapSize = size;
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&request);
-    return {bytes, bytes + sizeof(request)};
-}
-
 // The records of the requests, well-formed, so that what is behind the checks of lengths is reached.
 Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
-    if (code == IOCTL_KVR_SET_CONFIG) {
-        const std::u16string global = config::GlobalSection(true, input.PickValueInArray({0u, 1u, 2u}));
-        config::FixedVolumeText volume = {u"\\Device\\HarddiskVolume2"};
-        volume.bootMode = input.PickValueInArray({0u, 1u, 2u});
-        volume.action = input.PickValueInArray({0u, 1u, 2u});
-        const std::u16string text = global + config::FixedSection(volume, 1);
-        Bytes bytes(text.size() * 2);
-        std::memcpy(bytes.data(), text.data(), bytes.size());
-        const Bytes tail = input.ConsumeBytes<std::uint8_t>(input.ConsumeIntegral<std::uint8_t>());
-        bytes.insert(bytes.end(), tail.begin(), tail.end());
-        bytes.resize(KVR_CONFIG_BYTES);
-        return bytes;
-    }
+    if (code == IOCTL_KVR_SET_CONFIG) return fuzz::TakeConfig(input, fuzz::kVolumes[1]);
     if (code == IOCTL_SCSI_PASS_THROUGH || code == IOCTL_SCSI_PASS_THROUGH_DIRECT)
         return TakeBuffer(input, sizeof(SCSI_PASS_THROUGH));
-    const char16_t volume = input.PickValueInArray({u'1', u'2', u'3', u'4'});
-    return StorageRequest(volume, input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20);
+    const std::u16string& volume = input.PickValueInArray(fuzz::kVolumes);
+    return fuzz::BytesOf(
+        fuzz::StorageOn(volume, input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20));
 }
 
 // A record, a record with its end missing, or any bytes.
@@ -212,7 +189,8 @@ void Transfer(Computer& computer, FuzzedDataProvider& input) {
 
 // Storage as a tool makes it, to its end.
 void MakeStorage(Computer& computer) {
-    static_cast<void>(Ask(computer, IOCTL_KVR_ALLOCATE_SWAP, StorageRequest(u'2', 2 << 20)));
+    static_cast<void>(
+        Ask(computer, IOCTL_KVR_ALLOCATE_SWAP, fuzz::BytesOf(fuzz::StorageOn(fuzz::kVolumes[1], 2 << 20))));
     host::JoinSystemThreads();
 }
 

@@ -5,7 +5,6 @@
 #include <sys/socket.h>
 #include <sys/time.h>
 #include "client/driver_switches.h"
-#include "tool/kvrctl/config_writer.h"
 
 namespace {
 
@@ -156,15 +155,7 @@ private:
     Bytes TakeControl(RequestHeader& header) {
         header.code = input_.ConsumeIntegralInRange(0, 15) == 0 ? input_.ConsumeIntegral<std::uint32_t>()
                                                                 : input_.PickValueInArray(kCodes);
-        if (header.code == IOCTL_KVR_SET_CONFIG) {
-            config::FixedVolumeText volume = {Volume()};
-            volume.bootMode = input_.ConsumeIntegralInRange(0u, 2u);
-            volume.action = input_.ConsumeIntegralInRange(0u, 2u);
-            Bytes bytes = TextBytes(config::GlobalSection(true, input_.ConsumeIntegralInRange(0u, 2u)) +
-                                    FixedSection(volume, 1));
-            bytes.resize(KVR_CONFIG_BYTES);
-            return bytes;
-        }
+        if (header.code == IOCTL_KVR_SET_CONFIG) return fuzz::TakeConfig(input_, Volume());
         const std::int64_t sizes[] = {0, 1, 4096, 1 << 20, 1 << 21, std::int64_t{1} << 40, -1};
         const bool storage = header.code == IOCTL_KVR_ALLOCATE_SWAP || header.code == IOCTL_KVR_REMOVE_SWAP;
         return storage ? fuzz::BytesOf(fuzz::StorageOn(Volume(), input_.PickValueInArray(sizes))) : Bytes{};

@@ -3,10 +3,7 @@
 // flags. What was written is read back, by whichever export.
 #include "fuzz/plugin_host.h"
 #include "fuzz/served.h"
-#include <thread>
-#include "client/own_driver.h"
 #include "machine/partition/formatter.h"
-#include "tool/kvrctl/config_writer.h"
 
 namespace {
 
@@ -65,18 +62,7 @@ private:
         return machine;
     }
     void Protect() {
-        {
-            ctl::Client driver(std::make_unique<ctl::OwnDriver>(GENERIC_READ | FILE_WRITE_DATA));
-            driver.AllocateSwap(fuzz::kVolumes[0], 2 * kMiB);
-            while (driver.FixedVolumes().at(0).swapStatus == ctl::kSwapProvisioning)
-                std::this_thread::sleep_for(std::chrono::milliseconds(1));
-            config::FixedVolumeText volume = {fuzz::kVolumes[0]};
-            volume.bootMode = config::kBootModeDiscard;
-            const std::u16string text = config::GlobalSection(true, 0) + config::FixedSection(volume, 1);
-            ctl::Bytes image(KVR_CONFIG_BYTES);
-            std::memcpy(image.data(), text.data(), text.size() * sizeof(char16_t));
-            driver.SetConfig(image);
-        }
+        fuzz::Protect(1, 2 * kMiB, config::kBootModeDiscard);
         tool::wire::Response response;
         tool::wire::Channel channel(tool::wire::ConnectToServer(folder_.Path()));
         fuzz::Require(channel.Call({tool::wire::Command::Reboot, 0, {}, 0}, response) && response.status == 0,

@@ -6,17 +6,16 @@
 #include <functional>
 #include <unistd.h>
 #include "fuzz/support.h"
+#include "client/own_driver.h"
 #include "client/wire_channel.h"
 #include "machine/partition/subprocess.h"
 #include "nbd/control_server.h"
 #include "nbd/folder_maker.h"
 #include "nbd/server.h"
+#include "platform/host/sync/thread.h"
 #include "platform/owners.h"
 
 namespace fuzz {
-
-inline const std::u16string kVolumes[] = {u"\\Device\\HarddiskVolume1", u"\\Device\\HarddiskVolume2",
-                                          u"\\Device\\HarddiskVolume3", u"\\Device\\HarddiskVolume1000"};
 
 inline tool::wire::VolumeName NameOf(const std::u16string& volume) {
     tool::wire::VolumeName name{};
@@ -24,17 +23,19 @@ inline tool::wire::VolumeName NameOf(const std::u16string& volume) {
     return name;
 }
 
-template <class Record>
-std::vector<std::uint8_t> BytesOf(const Record& record) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(&record);
-    return {bytes, bytes + sizeof record};
-}
-
-inline SWAP_CONFIG_REQUEST StorageOn(const std::u16string& volume, std::int64_t size) {
-    SWAP_CONFIG_REQUEST request{};
-    std::copy(volume.begin(), volume.end(), request.VolumeName);
-    request.SwapSize = size;
-    return request;
+// Storage of that size on the first volumes of the machine that is on; they are protected from its next boot
+// on.
+inline void Protect(unsigned volumes, std::int64_t size, unsigned bootMode) {
+    ctl::Client driver(std::make_unique<ctl::OwnDriver>(GENERIC_READ | FILE_WRITE_DATA));
+    std::u16string text = config::GlobalSection(true, 0);
+    for (unsigned number = 0; number < volumes; ++number) {
+        driver.AllocateSwap(kVolumes[number], size);
+        host::JoinSystemThreads();
+        config::FixedVolumeText volume = {kVolumes[number]};
+        volume.bootMode = bootMode;
+        text += config::FixedSection(volume, number + 1);
+    }
+    driver.SetConfig(ConfigOf(text));
 }
 
 class Folder {

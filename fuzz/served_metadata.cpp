@@ -4,10 +4,7 @@
 // but itself.
 #include "fuzz/served.h"
 #include <fcntl.h>
-#include <thread>
 #include "machine/partition/formatter.h"
-#include "platform/host/sync/thread.h"
-#include "tool/kvrctl/config_writer.h"
 
 namespace {
 
@@ -111,28 +108,6 @@ void Serve(const std::string& folder, bool makesStorage, bool boots) {
     fuzz::Require(served.Ask({Command::About, 0, {}, 0}).text.starts_with("on="), "the server answers");
 }
 
-// Storage on both volumes, which are protected from the next boot on.
-void SetUp(const std::string& path) {
-    fuzz::Served served(path);
-    served.MustStart();
-    for (unsigned number = 0; number < 2; ++number) {
-        fuzz::Require(NT_SUCCESS(Control(served.Machine(), IOCTL_KVR_ALLOCATE_SWAP,
-                                         fuzz::BytesOf(fuzz::StorageOn(fuzz::kVolumes[number], kMiB)), 0)),
-                      "storage is made");
-        while (host::RunningSystemThreads() > 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    std::u16string text = config::GlobalSection(true, 0);
-    for (unsigned number = 0; number < 2; ++number) {
-        config::FixedVolumeText volume = {fuzz::kVolumes[number]};
-        volume.bootMode = config::kBootModeKeep;
-        text += config::FixedSection(volume, number + 1);
-    }
-    std::vector<std::uint8_t> image(KVR_CONFIG_BYTES);
-    std::memcpy(image.data(), text.data(), text.size() * sizeof(char16_t));
-    fuzz::Require(NT_SUCCESS(Control(served.Machine(), IOCTL_KVR_SET_CONFIG, image, 0)),
-                  "the volumes are protected");
-}
-
 void Prepare(const std::string& path) {
     machine::NewDisk disk;
     disk.path = path + "/disk0.img";
@@ -143,7 +118,9 @@ void Prepare(const std::string& path) {
     std::string why;
     std::filesystem::remove(disk.path);
     fuzz::Require(machine::CreateDisk(disk, why), why);
-    SetUp(path);
+    fuzz::Served served(path);
+    served.MustStart();
+    fuzz::Protect(2, kMiB, config::kBootModeKeep);
 }
 
 nbd::NewMachine Small() {
