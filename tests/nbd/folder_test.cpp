@@ -7,12 +7,12 @@
 #include "machine/partition/subprocess.h"
 #include "nbd/folder_maker.h"
 #include "nbd/image_check.h"
-#include "nbd/server.h"
+#include "tests/nbd/powered.h"
 #include "tests/support/scratch_folder.h"
 
 namespace {
 
-constexpr std::uint64_t kMiB = 1024 * 1024;
+using nbd_test::kMiB;
 
 // The image stays as it is, and the machine's folder does not come to be.
 std::string RefusalOf(const TestFolder& scratch, const std::vector<std::string>& images) {
@@ -103,15 +103,13 @@ TEST(Folders, NothingOfAMachineIsForOthersAndNoPlantedLinkIsFollowed) {
     for (const char* name : {"log", "registry.new", "lock"})
         std::filesystem::create_symlink(scratch.File("target"), machine.path + "/" + name);
 
-    nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
+    const nbd::MachineFolder folder = nbd::MachineFolder::Read(machine.path);
     EXPECT_NE(Complaint([&] { const nbd::FolderLock refused(folder); }).find("symbolic link"),
               std::string::npos);
     std::filesystem::remove(folder.File(nbd::kLockFile));
-    nbd::FolderLock lock(folder);
-    nbd::Server server(std::move(folder), std::move(lock));
-    server.Start();
-    server.Log().Line("client: \x1b[31m\xc2\x9bred\x07");
-    server.Stop();
+    const auto server = nbd_test::PoweredOn(machine.path);
+    server->Log().Line("client: \x1b[31m\xc2\x9bred\x07");
+    server->Stop();
     EXPECT_FALSE(std::filesystem::exists(scratch.File("target")));
     const std::vector<char> log = TestFolder::Bytes(machine.path + "/log");
     EXPECT_NE(std::string(log.begin(), log.end()).find("client:  [31m  red "), std::string::npos);

@@ -15,17 +15,6 @@ using nbd::Server;
 class HostFault : public Served {
 protected:
     std::string Image() const { return scratch.File("pc/disk0.img"); }
-    std::vector<char> Contents() const {
-        std::vector<char> bytes(std::filesystem::file_size(Image()));
-        std::ifstream(Image(), std::ios::binary).read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        return bytes;
-    }
-    void Configure(const std::u16string& text) {
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-        ctl::Bytes image(bytes, bytes + text.size() * sizeof(char16_t));
-        image.resize(KVR_CONFIG_BYTES);
-        ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).SetConfig(image);
-    }
     NTSTATUS Write(const std::unique_ptr<Server::Connection>& client, std::uint64_t offset,
                    std::vector<std::uint8_t> bytes) {
         return Transfer(client, Server::Action::Write, offset, bytes);
@@ -35,11 +24,8 @@ protected:
 // An image that is cut short cannot be read; it is whole again as soon as its bytes are back.
 TEST_F(HostFault, ATableThatCannotBeReadOpensNothing) {
     auto client = Connect("disk0");
-    const std::vector<char> before = Contents();
-    const auto restore = [&] {
-        std::ofstream(Image(), std::ios::binary | std::ios::in)
-            .write(before.data(), static_cast<std::streamsize>(before.size()));
-    };
+    const std::vector<char> before = TestFolder::Bytes(Image());
+    const auto restore = [&] { TestFolder::Put(Image(), 0, before); };
     std::filesystem::resize_file(Image(), 0);
     std::thread soon([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(600));
@@ -55,22 +41,19 @@ TEST_F(HostFault, ATableThatCannotBeReadOpensNothing) {
     EXPECT_NE(why.find("disk0.img cannot be read"), std::string::npos) << why;
     EXPECT_EQ(Write(client, 0, std::vector<std::uint8_t>(512)), STATUS_DEVICE_POWERED_OFF);
     restore();
-    EXPECT_TRUE(Contents() == before);
+    EXPECT_TRUE(TestFolder::Bytes(Image()) == before);
     server->Disconnect(std::move(client));
     control.reset();
     server.reset();
-    nbd::MachineFolder folder = nbd::MachineFolder::Read(Folder());
-    nbd::FolderLock lock(folder);
-    Server another(std::move(folder), std::move(lock));
     std::filesystem::resize_file(Image(), 0);
-    EXPECT_THROW(another.Start(), nbd::Error);
+    EXPECT_THROW(PoweredOn(Folder()), nbd::Error);
 }
 
 // Settings belong to the partition that they were made for: one that takes its place has another number, and
 // while the first is gone its disk is closed.
 TEST_F(HostFault, ANewPartitionHasItsOwnNumberAndNotTheOldOnesSettings) {
     auto client = Connect("disk0");
-    Configure(u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n");
+    Configure(world, u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume2\nProtectionMode=1\n");
     std::vector<machine::NewPartition> partitions;
     std::string error;
     ASSERT_TRUE(machine::LayOutPartitions(client->size, {0, 0}, machine::TableKind::Gpt, partitions, error))
@@ -85,7 +68,7 @@ TEST_F(HostFault, ANewPartitionHasItsOwnNumberAndNotTheOldOnesSettings) {
     EXPECT_FALSE(world.Facts(kFirst).has_value() || world.Facts(kSecond).has_value());
     EXPECT_TRUE(world.Facts(u"\\Device\\HarddiskVolume3").has_value());
     EXPECT_EQ(Write(client, 40 * kMiB, std::vector<std::uint8_t>(512)), STATUS_MEDIA_WRITE_PROTECTED);
-    Configure(u"[Global]\nProtection=1\n");
+    Configure(world, u"[Global]\nProtection=1\n");
     Reboot();
     EXPECT_EQ(server->About().find("warning"), std::string::npos) << server->About();
     EXPECT_TRUE(world.Facts(u"\\Device\\HarddiskVolume3").has_value()) << "as it was first numbered";

@@ -1,16 +1,13 @@
 // A machine with one disk of two NTFS volumes, powered on, with its control socket.
 #pragma once
 #include <gtest/gtest.h>
-#include <memory>
 #include "nbd/control_server.h"
 #include "nbd/folder_maker.h"
+#include "tests/nbd/powered.h"
 #include "tests/support/scratch_folder.h"
-#include "tool/kvrctl/world_hosted.h"
 
 namespace nbd_test {
 
-inline constexpr std::uint64_t kMiB = 1024 * 1024;
-inline constexpr char16_t kFirst[] = u"\\Device\\HarddiskVolume1";
 inline constexpr char16_t kSecond[] = u"\\Device\\HarddiskVolume2";
 
 class Served : public testing::Test {
@@ -24,10 +21,7 @@ protected:
         PowerOn();
     }
     void PowerOn() {
-        nbd::MachineFolder folder = nbd::MachineFolder::Read(Folder());
-        nbd::FolderLock lock(folder);
-        server = std::make_unique<nbd::Server>(std::move(folder), std::move(lock));
-        server->Start();
+        server = PoweredOn(Folder());
         control = std::make_unique<nbd::ControlServer>(*server, [] {});
     }
     void Reboot() {
@@ -40,12 +34,6 @@ protected:
     NTSTATUS Transfer(const std::unique_ptr<nbd::Server::Connection>& client, nbd::Server::Action action,
                       std::uint64_t offset, std::vector<std::uint8_t>& bytes) {
         return server->Transfer(*client, action, offset, bytes.size(), bytes.data());
-    }
-    // The driver's record of the first volume.
-    static ctl::FixedVolume FirstOf(ctl::Client& client) {
-        for (const ctl::FixedVolume& volume : client.FixedVolumes())
-            if (volume.name == kFirst) return volume;
-        return {};
     }
     std::string Folder() const { return scratch.File("pc"); }
 

@@ -80,15 +80,12 @@ TEST(Volumes, OfAWindowsDiskAreToldApartAndNamedByLabelAndGuid) {
     made.images = {MakeDisk(scratch)};
     const std::vector<char> before = TestFolder::Bytes(made.images[0]);
     nbd::MakeMachine(made);
-    nbd::MachineFolder folder = nbd::MachineFolder::Read(made.path);
-    const auto looked = nbd::LookAtVolumes(folder);
+    const auto looked = nbd::LookAtVolumes(nbd::MachineFolder::Read(made.path));
     EXPECT_TRUE(TestFolder::Bytes(made.images[0]) == before) << "looking writes";
     ASSERT_EQ(looked.size(), std::size(kExpected));
 
-    nbd::FolderLock lock(folder);
-    nbd::Server server(std::move(folder), std::move(lock));
-    server.Start();
-    nbd::ControlServer control(server, [] {});
+    const auto server = PoweredOn(made.path);
+    const nbd::ControlServer control(*server, [] {});
     ctl::HostedWorld world(made.path);
     ctl::Client client(world.OpenDriver(ctl::Access::Read));
     const auto volumes = ctl::KnownVolumes(client);

@@ -4,15 +4,14 @@
 #include <thread>
 #include "client/failure.h"
 #include "nbd/folder_maker.h"
-#include "tool/kvrctl/world_hosted.h"
+#include "tests/nbd/powered.h"
 
 namespace fault_sweep {
 namespace {
 
+using namespace nbd_test;
 using nbd::Server;
 
-constexpr std::uint64_t kMiB = 1024 * 1024;
-constexpr char16_t kVolume[] = u"\\Device\\HarddiskVolume1";
 constexpr char kExport[] = "HarddiskVolume1";
 constexpr char16_t kConfiguration[] =
     u"[Global]\nProtection=1\n[FV 1]\nID=\\Device\\HarddiskVolume1\nProtectionMode=1\nBootMode=1\n";
@@ -32,24 +31,9 @@ void Require(bool holds, const std::string& what) {
     if (!holds) throw Broken(what);
 }
 
-std::unique_ptr<Server> MakeServer(const std::string& path) {
-    nbd::MachineFolder folder = nbd::MachineFolder::Read(path);
-    nbd::FolderLock lock(folder);
-    return std::make_unique<Server>(std::move(folder), std::move(lock));
-}
-
-void Configure(ctl::HostedWorld& world, std::u16string text) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    ctl::Bytes image(bytes, bytes + text.size() * sizeof(char16_t));
-    image.resize(KVR_CONFIG_BYTES);
-    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).SetConfig(image);
-}
-
 ctl::FixedVolume VolumeIn(ctl::HostedWorld& world) {
     ctl::Client tool(world.OpenDriver(ctl::Access::Read));
-    for (const ctl::FixedVolume& volume : tool.FixedVolumes())
-        if (volume.name == kVolume) return volume;
-    return {};
+    return FirstOf(tool);
 }
 
 // What the server, now or earlier, said of changes that are not kept.
@@ -68,11 +52,10 @@ void MakeTemplate(const std::string& folder) {
     machine.path = folder;
     machine.size = 64 * kMiB;
     nbd::MakeMachine(machine);
-    const auto server = MakeServer(folder);
-    server->Start();
+    const auto server = PoweredOn(folder);
     nbd::ControlServer control(*server, [] {});
     ctl::HostedWorld world(folder);
-    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kVolume, 16 * kMiB);
+    ctl::Client(world.OpenDriver(ctl::Access::ReadWrite)).AllocateSwap(kFirst, 16 * kMiB);
     while (VolumeIn(world).swapStatus == ctl::kSwapProvisioning) std::this_thread::yield();
     Configure(world, kConfiguration);
     std::string why;
@@ -109,8 +92,7 @@ Victim::~Victim() {
 }
 
 void Victim::PowerOn() {
-    server_ = MakeServer(folder_);
-    server_->Start();
+    server_ = PoweredOn(folder_);
     control_ = std::make_unique<nbd::ControlServer>(*server_, [] {});
 }
 
@@ -144,7 +126,7 @@ bool Victim::Holds(unsigned mark) {
 void Victim::AskTool() {
     ctl::HostedWorld world(folder_);
     static_cast<void>(VolumeIn(world));
-    static_cast<void>(world.Facts(kVolume));
+    static_cast<void>(world.Facts(kFirst));
     ctl::Client(world.OpenDriver(ctl::Access::Read)).GetConfig();
 }
 
@@ -205,11 +187,15 @@ void Victim::Save() {
     });
 }
 
-void Victim::Reboot() {
+// A boot's first write has the map saved, the second one waits for the shutdown's save.
+void Victim::WorkBeforeTheEnd() {
     PowerOn();
     for (const char* name : {"disk0", kExport}) Open(name);
-    // A boot's first write has the map saved, the second one waits for the shutdown's save.
     Require(NT_SUCCESS(Mark(1)) && NT_SUCCESS(Mark(3)), "a write is refused");
+}
+
+void Victim::Reboot() {
+    WorkBeforeTheEnd();
     bool up = false;
     std::string why;
     {
@@ -221,10 +207,7 @@ void Victim::Reboot() {
 }
 
 void Victim::Stop() {
-    PowerOn();
-    for (const char* name : {"disk0", kExport}) Open(name);
-    // A boot's first write has the map saved, the second one waits for the shutdown's save.
-    Require(NT_SUCCESS(Mark(1)) && NT_SUCCESS(Mark(3)), "a write is refused");
+    WorkBeforeTheEnd();
     const Armed armed(*this);
     server_->Stop();
     CloseAll();
@@ -235,7 +218,7 @@ void Victim::Stop() {
 void Victim::CheckServes() {
     AskTool();
     // A volume left raw by one fault would cost what is kept there.
-    const auto facts = ctl::HostedWorld(folder_).Facts(kVolume);
+    const auto facts = ctl::HostedWorld(folder_).Facts(kFirst);
     Require(facts && facts->fileSystem == FileSystemKind::Ntfs, "the volume is not mounted");
     Open(kExport);
     const NTSTATUS status = Mark(2);

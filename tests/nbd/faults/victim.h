@@ -51,6 +51,7 @@ private:
     void Open(const char* name);
     void CloseAll();
     void Use(unsigned mark);
+    void WorkBeforeTheEnd();
     NTSTATUS Mark(unsigned mark);
     bool Holds(unsigned mark);
     void AskTool();
