@@ -15,14 +15,13 @@ using namespace machine;
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
 // An MBR disk of 64 MiB with volumes of 20 MiB and the rest.
-std::shared_ptr<MemoryDisk> TwoVolumeDisk(std::uint32_t sector = 512) {
-    auto disk = std::make_shared<MemoryDisk>(64 * kMiB, sector);
+std::shared_ptr<MemoryDisk> TwoVolumeDisk() {
+    auto disk = std::make_shared<MemoryDisk>(64 * kMiB, 512);
     std::vector<NewPartition> parts;
     std::string error;
     EXPECT_TRUE(LayOutPartitions(disk->Size(), {20 * kMiB, 0}, TableKind::Mbr, parts, error)) << error;
-    for (const DiskPiece& piece : MakeMbr(disk->Size(), sector, parts, 1)) {
+    for (const DiskPiece& piece : MakeMbr(disk->Size(), 512, parts, 1))
         EXPECT_EQ(STATUS_SUCCESS, disk->Write(piece.offset, piece.bytes.data(), piece.bytes.size()));
-    }
     return disk;
 }
 
@@ -35,12 +34,8 @@ MachineOptions Options(std::shared_ptr<MemoryDisk> disk) {
 NTSTATUS Send(Machine& machine, unsigned volume, UCHAR major, LONGLONG offset, ULONG length,
               host::Pages pages) {
     static UCHAR buffer[8192];
-    host::Request request;
-    request.major = major;
-    request.offset = offset;
-    request.length = length;
-    request.buffer = buffer;
-    request.pages = pages;
+    const host::Request request{
+        .major = major, .pages = pages, .length = length, .offset = offset, .buffer = buffer};
     return host::Send(machine.VolumeOf(volume)->device->Device(), request).status;
 }
 

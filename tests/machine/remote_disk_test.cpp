@@ -62,7 +62,10 @@ protected:
     }
     // Threads write everywhere, and over one another in blocks of one thread, while the server dies three
     // times.
-    void WorkWhileItDies(RemoteDisk& disk, const std::vector<std::string>& how, bool flushes) {
+    void WorkWhileItDies(const std::vector<std::string>& how, bool flushes) {
+        Start(how);
+        const auto disk = Open();
+        ASSERT_NE(disk, nullptr) << error;
         constexpr unsigned kThreads = 6, kBlocks = 200;
         std::vector<std::vector<int>> wrote(kThreads, std::vector<int>(kBlocks, 0));
         std::atomic<bool> ends{false};
@@ -77,13 +80,13 @@ protected:
                 while (!ends) {
                     const unsigned block = random() % kBlocks;
                     const auto byte = static_cast<std::uint8_t>(random() % 256);
-                    EXPECT_EQ(Fill(disk, place(t, block), byte), STATUS_SUCCESS);
+                    EXPECT_EQ(Fill(*disk, place(t, block), byte), STATUS_SUCCESS);
                     wrote[t][block] = byte;
                     if (flushes && random() % 16 == 0) {
-                        EXPECT_EQ(disk.Flush(), STATUS_SUCCESS);
+                        EXPECT_EQ(disk->Flush(), STATUS_SUCCESS);
                     }
                     if (random() % 4 == 0) {
-                        EXPECT_EQ(Filling(disk, place(t, block)), byte);
+                        EXPECT_EQ(Filling(*disk, place(t, block)), byte);
                     }
                     // Without a flush the copies have to stay below what makes the disk flush by itself.
                     if (++writes > 10'000 && !flushes) std::this_thread::sleep_for(10ms);
@@ -107,7 +110,7 @@ protected:
         EXPECT_GT(writes, 100u);
         for (unsigned t = 0; t < kThreads; ++t)
             for (unsigned block = 0; block < kBlocks; ++block)
-                ASSERT_EQ(Filling(disk, place(t, block)), wrote[t][block]) << t << " " << block;
+                ASSERT_EQ(Filling(*disk, place(t, block)), wrote[t][block]) << t << " " << block;
     }
 
     const TestFolder scratch;
@@ -119,18 +122,12 @@ private:
 };
 
 TEST_F(Remote, AServerThatDiesUnderLoadIsNoticedByNobody) {
-    const auto disk = Open();
-    ASSERT_NE(disk, nullptr) << error;
-    WorkWhileItDies(*disk, {"file", file}, true);
+    WorkWhileItDies({"file", file}, true);
 }
 
 // Whatever the server had not been told to keep is gone with it.
 TEST_F(Remote, WhatADyingServerForgetsIsWrittenAgain) {
-    const std::vector<std::string> forgets = {"--filter=cow", "file", file};
-    Start(forgets);
-    const auto disk = Open();
-    ASSERT_NE(disk, nullptr) << error;
-    WorkWhileItDies(*disk, forgets, false);
+    WorkWhileItDies({"--filter=cow", "file", file}, false);
 }
 
 TEST_F(Remote, ADiskThatIsGoneIsAnErrorInTimeAndComesBack) {

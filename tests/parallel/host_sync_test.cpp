@@ -1,4 +1,4 @@
-// Locks and waits of the host kernel, contended.
+// Events of the host kernel, contended.
 #include <atomic>
 #include <gtest/gtest.h>
 #include <memory>
@@ -7,15 +7,11 @@
 
 namespace {
 
-// Without a time: until the object is signalled. `ticks` counts from now and is negative.
-NTSTATUS Wait(PVOID object, LONGLONG ticks = 0) {
+// Without a time: until the event is set. `ticks` counts from now and is negative.
+NTSTATUS Wait(PKEVENT event, LONGLONG ticks = 0) {
     LARGE_INTEGER timeout = {.QuadPart = ticks};
-    return KeWaitForSingleObject(object, Executive, KernelMode, FALSE, ticks != 0 ? &timeout : nullptr);
+    return KeWaitForSingleObject(event, Executive, KernelMode, FALSE, ticks != 0 ? &timeout : nullptr);
 }
-
-constexpr LONGLONG OneMillisecond = -10'000;
-
-// ---- events ------------------------------------------------------------------------------------------
 
 // Waiters that give up must not take along the wake-up of those that stay.
 TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
@@ -33,7 +29,7 @@ TEST(HostEvents, EachSetOfASynchronizationEventReleasesOneWaiter) {
             return;
         }
         while (released.load() < Sets) {
-            if (Wait(&event, thread == 1 ? -20 : OneMillisecond) != STATUS_SUCCESS) continue;
+            if (Wait(&event, thread == 1 ? -20 : -10'000) != STATUS_SUCCESS) continue;
             released.fetch_add(1);
             KeSetEvent(&taken, 0, FALSE);
         }
@@ -56,37 +52,6 @@ TEST(HostEvents, SetterNeverTouchesAnEventThatItsWaiterGaveBack) {
         }
         done.store(true);
     });
-}
-
-// ---- locks -------------------------------------------------------------------------------------------
-
-TEST(HostLocks, ExcludeEachOther) {
-    constexpr int Threads = 4, Rounds = 5000;
-    FAST_MUTEX fast;
-    KMUTEX mutex;
-    KSPIN_LOCK spin;
-    ExInitializeFastMutex(&fast);
-    KeInitializeMutex(&mutex, 0);
-    KeInitializeSpinLock(&spin);
-    int byFast = 0, byMutex = 0, bySpin = 0;  // plain: the thread sanitizer sees an unordered access
-    AtOnce(Threads, [&](int thread) {
-        for (int i = 0; i < Rounds; ++i) {
-            ExAcquireFastMutex(&fast);
-            ++byFast;
-            ExReleaseFastMutex(&fast);
-            // Some give up, and must not strand the others.
-            while (Wait(&mutex, thread == 0 ? -50 : 0) != STATUS_SUCCESS) {
-            }
-            ++byMutex;
-            KeReleaseMutex(&mutex, FALSE);
-            const KIRQL former = KeAcquireSpinLockRaiseToDpc(&spin);
-            ++bySpin;
-            KeReleaseSpinLock(&spin, former);
-        }
-    });
-    EXPECT_EQ(byFast, Threads * Rounds);
-    EXPECT_EQ(byMutex, Threads * Rounds);
-    EXPECT_EQ(bySpin, Threads * Rounds);
 }
 
 }  // namespace
