@@ -177,8 +177,8 @@ TEST(ImageDisk, WhatIsWrittenAsideIsThereAndLeavesTheHostsMemory) {
     EXPECT_TRUE(read == pieceOf(0));
     ASSERT_EQ(STATUS_SUCCESS, disk->Flush());
     const posix::File file(open(path.c_str(), O_RDONLY));
-    ASSERT_EQ(0, posix_fadvise(file.Get(), 0, 4096, POSIX_FADV_DONTNEED));
-    const bool tells = disk->ReadAtOnce(0, read.data(), 8192) == STATUS_PENDING;
+    ASSERT_EQ(0, posix_fadvise(file.Get(), 0, kPiece, POSIX_FADV_DONTNEED));
+    const bool tells = disk->ReadAtOnce(0, read.data(), kPiece) == STATUS_PENDING;
     EXPECT_LE(held, tells ? kPieces / 2 + 1 : kPieces);
     for (std::size_t i = 0; i < kPieces; ++i) {
         EXPECT_EQ(STATUS_SUCCESS, disk->Read(i * kPiece, read.data(), kPiece));
