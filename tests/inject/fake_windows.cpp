@@ -154,14 +154,13 @@ std::string FatStore(bool efi) {
 
 std::string MakeFatBoot(const TestFolder& folder, const Bytes& store, bool efi) {
     const std::string volume = folder.Sparse("boot", BootLength(efi)), file = HostFile(folder, "BCD", store);
-    if (efi)
+    if (efi) {
         Run("mkfs.fat", {"-F", "32", "-s", "1", volume});
-    else
-        Run("mkfs.fat", {volume});
-    if (efi)
         Run("mmd", {"-i", volume, "::/EFI", "::/EFI/Microsoft", "::/EFI/Microsoft/Boot"});
-    else
+    } else {
+        Run("mkfs.fat", {volume});
         Run("mmd", {"-i", volume, "::/Boot"});
+    }
     Run("mcopy", {"-i", volume, file, FatStore(efi)});
     Run("mattrib", {"-i", volume, "+h", "+s", FatStore(efi)});
     return volume;

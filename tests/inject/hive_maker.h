@@ -3,6 +3,7 @@
 #pragma once
 #include <cstdint>
 #include <cstring>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,15 @@ public:
         maker.Store(maker.sk_ + 4 + 12, maker.keys_);
         return maker.Finish(top);
     }
+    // Makes the head's checksum right.
+    static void Seal(Bytes& hive) {
+        std::uint32_t checksum = 0, word = 0;
+        for (std::size_t at = 0; at < 508; at += 4) {
+            std::memcpy(&word, &hive[at], 4);
+            checksum ^= word;
+        }
+        std::memcpy(&hive[508], &checksum, 4);
+    }
 
 private:
     static constexpr std::uint32_t kNone = 0xFFFFFFFF;
@@ -50,10 +60,7 @@ private:
     static void Put(Bytes& bytes, const std::string& text) {
         bytes.insert(bytes.end(), text.begin(), text.end());
     }
-    void Store(std::size_t at, std::uint32_t number) {
-        for (int i = 0; i < 4; ++i)
-            cells_[at + static_cast<std::size_t>(i)] = static_cast<std::uint8_t>(number >> (8 * i));
-    }
+    void Store(std::size_t at, std::uint32_t number) { std::memcpy(&cells_[at], &number, sizeof number); }
 
     std::uint32_t Cell(const Bytes& content) {
         const auto at = static_cast<std::uint32_t>(cells_.size());
@@ -112,22 +119,15 @@ private:
         return hash;
     }
 
-    std::uint32_t AddList(const std::vector<Key>& keys, const std::vector<std::uint32_t>& at, Lists kind) {
+    std::uint32_t AddList(std::span<const Key> keys, std::span<const std::uint32_t> at, Lists kind) {
         static constexpr const char* kMarks[] = {"lf", "lh", "li", "ri"};
         Bytes list;
         Put(list, std::string(kMarks[static_cast<int>(kind)]));
         if (kind == Lists::Ri) {
             const std::size_t half = (at.size() + 1) / 2;
-            const auto part = [&](std::size_t from, std::size_t to) {
-                return AddList({keys.begin() + static_cast<std::ptrdiff_t>(from),
-                                keys.begin() + static_cast<std::ptrdiff_t>(to)},
-                               {at.begin() + static_cast<std::ptrdiff_t>(from),
-                                at.begin() + static_cast<std::ptrdiff_t>(to)},
-                               Lists::Lh);
-            };
             Put(list, static_cast<std::uint16_t>(at.size() > 1 ? 2 : 1));
-            Put(list, part(0, half));
-            if (at.size() > 1) Put(list, part(half, at.size()));
+            Put(list, AddList(keys.first(half), at.first(half), Lists::Lh));
+            if (at.size() > 1) Put(list, AddList(keys.subspan(half), at.subspan(half), Lists::Lh));
             return Cell(list);
         }
         Put(list, static_cast<std::uint16_t>(at.size()));
@@ -181,18 +181,6 @@ private:
         return hive;
     }
 
-public:
-    // Makes the head's checksum right.
-    static void Seal(Bytes& hive) {
-        std::uint32_t checksum = 0, word = 0;
-        for (std::size_t at = 0; at < 508; at += 4) {
-            std::memcpy(&word, &hive[at], 4);
-            checksum ^= word;
-        }
-        std::memcpy(&hive[508], &checksum, 4);
-    }
-
-private:
     const Lists lists_;
     Bytes cells_;  // from the first page behind the head
     std::uint32_t sk_ = 0, keys_ = 0;

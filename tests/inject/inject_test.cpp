@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <random>
+#include <regex>
 #include <thread>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -65,18 +66,13 @@ std::string Line(const std::string& key, const std::string& value, int type, con
     return key + " " + value + " " + std::to_string(type) + " " + Raw(data);
 }
 
-// What kvr.inf says, so that both ways of installing write the same; its strings stand behind what uses them.
+// What kvr.inf says, itself or in its strings, so that both ways of installing write the same.
 std::string FromInf(const std::string& name) {
-    std::ifstream inf(std::string(KVR_SOURCE_FOLDER) + "/install/kvr.inf");
-    std::string value;
-    for (std::string line; std::getline(inf, line);) {
-        const std::size_t equals = line.find('=');
-        if (equals == std::string::npos || line.substr(0, line.find_last_not_of(' ', equals - 1) + 1) != name)
-            continue;
-        value = line.substr(line.find_first_not_of(' ', equals + 1));
-        std::erase(value, '"');
-    }
-    return value;
+    const std::vector<char> inf = TestFolder::Bytes(std::string(KVR_SOURCE_FOLDER) + "/install/kvr.inf");
+    const std::string text(inf.begin(), inf.end());
+    std::smatch found;
+    std::regex_search(text, found, std::regex("\n" + name + " *= *\"?([^\" %\n][^\"\n]*)"));
+    return found[1];
 }
 
 Bytes InfNumber(const std::string& name) {
@@ -110,15 +106,13 @@ std::vector<std::string> ExpectedAdditions(const Bytes& location) {
 
 // The configuration's bytes, by the sectors that the registry names.
 Bytes BySectors(const std::string& image, const Bytes& location) {
+    const std::vector<char> disk = TestFolder::Bytes(image);
     Bytes content;
-    std::ifstream stream(image, std::ios::binary);
     for (std::size_t i = 0; i + 8 <= location.size(); i += 8) {
         std::int64_t offset;
         std::memcpy(&offset, &location[i], 8);
-        Bytes sector(512);
-        stream.seekg(static_cast<std::streamoff>(VolumeOffset(false)) + offset);
-        stream.read(reinterpret_cast<char*>(sector.data()), 512);
-        content.insert(content.end(), sector.begin(), sector.end());
+        const auto sector = disk.begin() + static_cast<std::ptrdiff_t>(VolumeOffset(false)) + offset;
+        content.insert(content.end(), sector, sector + 512);
     }
     return content;
 }
