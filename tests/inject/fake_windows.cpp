@@ -11,7 +11,6 @@ extern "C" {
 #include <ntfs-3g/dir.h>
 #include <ntfs-3g/inode.h>
 #include <ntfs-3g/logging.h>
-#include <ntfs-3g/security.h>
 #include <ntfs-3g/volume.h>
 }
 #undef min
@@ -91,35 +90,6 @@ void Populate(const std::string& file, const std::vector<std::string>& folders,
     for (const std::string& path : folders) Add(volume, path, nullptr);
     for (const auto& [path, content] : files) Add(volume, path, &content);
     ntfs_umount(volume, FALSE);
-}
-
-constexpr std::uint32_t kAllSecurity = 7;  // owner, group, access list
-
-// Owner and group are the administrators; they may do everything, users read, here and in what is made below.
-Bytes FolderSecurity() {
-    Bytes bytes = {1, 0, 4, 0x80, 72, 0, 0, 0, 72, 0, 0, 0, 0, 0, 0, 0, 20, 0, 0, 0, 2, 0, 52, 0, 2, 0, 0, 0};
-    const auto sid = [&](std::uint8_t who) {
-        const Bytes text = {1, 2, 0, 0, 0, 0, 0, 5, 32, 0, 0, 0, who, 2, 0, 0};
-        bytes.insert(bytes.end(), text.begin(), text.end());
-    };
-    bytes.insert(bytes.end(), {0, 3, 24, 0, 0xFF, 0x01, 0x1F, 0});
-    sid(32);
-    bytes.insert(bytes.end(), {0, 3, 24, 0, 0xA9, 0x00, 0x12, 0});
-    sid(33);
-    bytes[22] = static_cast<std::uint8_t>(bytes.size() - 20);
-    bytes[4] = bytes[8] = static_cast<std::uint8_t>(bytes.size());
-    sid(32);
-    return bytes;
-}
-
-void Secure(const std::string& file, const std::string& path) {
-    const Bytes security = FolderSecurity();
-    SECURITY_API* api = ntfs_initialize_file_security(file.c_str(), 0);
-    const bool done =
-        api != nullptr && ntfs_set_file_security(api, path.c_str(), kAllSecurity,
-                                                 reinterpret_cast<const char*>(security.data())) != 0;
-    ntfs_leave_file_security(api);
-    if (!done) throw std::runtime_error("cannot secure " + path);
 }
 
 // Empty when there is none.
@@ -301,7 +271,7 @@ std::string Make(const TestFolder& folder, const Shape& shape) {
     files["/Windows/System32/config/SOFTWARE"] = hive_maker::Maker::Make(shape.software, shape.lists);
     Populate(volume, kFolders, {});
     Populate(volume, shape.folders, {});
-    Secure(volume, "/Windows/System32/drivers");
+    Run("ntfssecaudit", {volume, "755", "/Windows/System32/drivers"});
     Populate(volume, {}, files);
     if (shape.dirty) Run("ntfsfix", {volume});  // leaves it for Windows to check
     PutVolume(image, VolumeOffset(shape.efi), volume);
@@ -312,17 +282,9 @@ Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::st
     return ReadFrom(folder, CopyOut(folder, image, VolumeOffset(efi), kVolumeLength), path);
 }
 
-Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path) {
+std::string ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path) {
     const std::string volume = CopyOut(folder, image, VolumeOffset(false), kVolumeLength);
-    SECURITY_API* api = ntfs_initialize_file_security(volume.c_str(), NTFS_MNT_RDONLY);
-    if (api == nullptr) throw std::runtime_error("cannot read " + path);
-    Bytes security(512);
-    u32 length = 0;
-    ntfs_get_file_security(api, path.c_str(), kAllSecurity, reinterpret_cast<char*>(security.data()),
-                           static_cast<u32>(security.size()), &length);
-    ntfs_leave_file_security(api);
-    security.resize(length);
-    return security;
+    return machine::RunTool("ntfssecaudit", {volume, path}).output;
 }
 
 Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot) {

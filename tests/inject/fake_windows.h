@@ -44,8 +44,9 @@ constexpr std::uint64_t kVolumeLength = 12ull << 20;
 
 // A file of the volume of Windows, as the NTFS library's own device sees it; empty when there is none.
 Bytes ReadFile(const TestFolder& folder, const std::string& image, const std::string& path, bool efi = false);
-// Its security descriptor. The folder of drivers gives administrators all and users reading.
-Bytes ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path);
+// Who may do what with it, in ntfssecaudit's words. What is made in the folder of drivers only its owner may
+// write.
+std::string ReadSecurity(const TestFolder& folder, const std::string& image, const std::string& path);
 // The boot store's file.
 Bytes ReadBootStore(const TestFolder& folder, const std::string& image, bool efi, bool fatBoot = false);
 
