@@ -1,4 +1,4 @@
-// A machine with one disk of two NTFS volumes, powered on, with its control socket.
+// A machine with one disk, as a rule of two NTFS volumes, powered on, with its control socket.
 #pragma once
 #include <gtest/gtest.h>
 #include "nbd/control_server.h"
@@ -12,11 +12,12 @@ inline constexpr char16_t kSecond[] = u"\\Device\\HarddiskVolume2";
 
 class Served : public testing::Test {
 protected:
-    Served() {
+    Served(FileSystemKind fileSystem = FileSystemKind::Ntfs, unsigned volumes = 2) {
         nbd::NewMachine machine;
         machine.path = Folder();
-        machine.size = 256 * kMiB;
-        machine.volumes = 2;
+        machine.size = volumes * 128 * kMiB;
+        machine.volumes = volumes;
+        machine.fileSystem = fileSystem;
         nbd::MakeMachine(machine);
         PowerOn();
     }

@@ -8,6 +8,7 @@ namespace ctl_test {
 
 class CtlServed : public nbd_test::Served {
 protected:
+    using Served::Served;
     static bool Wait() {
         host::JoinSystemThreads();
         return true;

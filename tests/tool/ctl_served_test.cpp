@@ -50,16 +50,7 @@ TEST_F(CtlServed, AVolumeThatIsToBeProtectedAndIsNotIsToldFirst) {
 // A machine of one ext4 volume, and what e2fsprogs' debugfs does to it while the machine is off.
 class CtlServedExt : public CtlServed {
 protected:
-    CtlServedExt() {
-        PowerOff();
-        std::filesystem::remove_all(Folder());
-        nbd::NewMachine machine;
-        machine.path = Folder();
-        machine.size = 128 * kMiB;
-        machine.fileSystem = FileSystemKind::Ext;
-        nbd::MakeMachine(machine);
-        PowerOn();
-    }
+    CtlServedExt() : CtlServed(FileSystemKind::Ext, 1) {}
     void PowerOff() {
         control.reset();
         server.reset();
