@@ -1,11 +1,11 @@
-// The guest under UEFI: a program that the firmware starts from \EFI\BOOT.
+// The guest under UEFI: a program that the firmware starts from \EFI\BOOT. It is told no mode that leaves the
+// machine in another way than by its power.
 #include <efi.h>
 #include "tests/prove_boot/guest/guest.h"
 
 namespace {
 
 constexpr std::uint32_t kMostHandles = 512;
-constexpr std::uint16_t kPanicPort = 0x505;
 
 EFI_SYSTEM_TABLE* gSystem;
 EFI_BLOCK_IO* gDisks[boot_guest::kMostDisks];
@@ -26,14 +26,6 @@ bool Write(std::uint32_t disk, std::uint64_t sector, void* buffer, std::uint32_t
 
 void PowerOff() {
     gSystem->RuntimeServices->ResetSystem(EfiResetShutdown, EFI_SUCCESS, 0, nullptr);
-}
-
-void Reset() {
-    gSystem->RuntimeServices->ResetSystem(EfiResetWarm, EFI_SUCCESS, 0, nullptr);
-}
-
-void Panic() {
-    asm volatile("outb %0, %1" : : "a"(std::uint8_t{1}), "d"(kPanicPort));
 }
 
 std::uint64_t FindHandles(EFI_LOCATE_SEARCH_TYPE how, EFI_GUID* protocol, EFI_HANDLE* handles) {
@@ -64,7 +56,7 @@ void FindDisks() {
 extern "C" EFI_STATUS KvrEfiMain(EFI_HANDLE, EFI_SYSTEM_TABLE* system) {
     gSystem = system;
     FindDisks();
-    static const boot_guest::Machine machine = {Read, Write, PowerOff, Reset, Panic};
+    static const boot_guest::Machine machine = {Read, Write, PowerOff, nullptr, nullptr};
     boot_guest::Play(machine);
     return EFI_SUCCESS;
 }

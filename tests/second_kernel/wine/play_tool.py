@@ -18,7 +18,6 @@ WRONG_TEXT = "[Global]\r\nProtection=1\r\n[FV1]\r\n"
 NOT_LOADED = "kvrctl: the driver is not loaded (there is no device \\\\.\\kvr)"
 WITHOUT_DRIVER = [
     (0, ["Usage: kvrctl"], ["--help"]),
-    (0, ["kvrctl swap make HarddiskVolume2 2G"], ["swap", "make", "--help"]),
     (3, [NOT_LOADED], ["status"]),
     (3, [NOT_LOADED], ["config", "get"]),
     (2, ["--machine is for hosted machines"], ["--machine", "x", "status"]),
@@ -29,15 +28,12 @@ WITHOUT_DRIVER = [
 ]
 WITH_VOLUMES = [
     (0, ["HarddiskVolume71", "HarddiskVolume72"], ["status"]),
-    (0, ["# EOF"], ["status", "--openmetrics"]),
     (0, ['HarddiskVolume71"', '"kind": "removable"'], ["volumes", "--json"]),
     (0, [], ["config", "get"]),
     (0, [], ["config", "set", "{text}"]),
     (0, ["; kept as it is"], ["config", "get"]),
     (0, ["; kept as it is", "HarddiskVolume71"], ["protect", "71", "--at-boot", "keep", "--anyway"]),
     (0, ["; kept as it is", "BootMode = 1"], ["config", "get"]),
-    (2, ["HarddiskVolume9", "HarddiskVolume71"], ["protect", "HarddiskVolume9"]),
-    (1, ["HarddiskVolume72", "removable"], ["swap", "make", "72", "64M"]),
     (1, ["HarddiskVolume71"], ["swap", "make", "71", "64M"]),  # it has no file system
     (0, [], ["swap", "stop"]),
     (0, [], ["debug"]),
@@ -45,7 +41,6 @@ WITH_VOLUMES = [
 WITHOUT_VOLUMES = [
     (0, ["There are no volumes."], ["status"]),
     (0, ["no configuration yet"], ["config", "get"]),
-    (2, ["there are none"], ["protect", "HarddiskVolume9"]),
     (0, [], ["swap", "stop"]),
     (0, [], ["debug"]),
 ]
