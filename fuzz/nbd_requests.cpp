@@ -1,9 +1,53 @@
 // What clients may ask of a served machine through nbdkit, by the plugin's own calls: several connections to
 // its disk and its volumes, one of them protected, requests of any place and length inside the export with any
 // flags. What was written is read back, by whichever export.
-#include "fuzz/plugin_host.h"
 #include "fuzz/served.h"
+#define NBDKIT_API_VERSION 2
+#include <nbdkit-plugin.h>
 #include "machine/partition/formatter.h"
+
+// ---- what nbdkit offers its plugin, as far as ours asks for it ----------------------------------------------
+
+extern "C" nbdkit_plugin* plugin_init();
+
+namespace {
+
+thread_local std::string tExportName;
+thread_local int tError = 0;
+thread_local bool tSaid = false;  // the last failure came with a sentence
+
+}  // namespace
+
+extern "C" {
+__attribute__((used)) void nbdkit_error(const char*, ...) {
+    tSaid = true;
+}
+__attribute__((used)) void nbdkit_set_error(int error) {
+    tError = error;
+}
+__attribute__((used)) char* nbdkit_realpath(const char* path) {
+    return realpath(path, nullptr);
+}
+__attribute__((used)) int nbdkit_parse_int(const char*, const char*, int*) {
+    return -1;
+}
+__attribute__((used)) void nbdkit_shutdown() {}
+__attribute__((used)) int nbdkit_peer_name(sockaddr*, socklen_t*) {
+    return -1;
+}
+__attribute__((used)) int64_t nbdkit_peer_pid() {
+    return -1;
+}
+__attribute__((used)) const char* nbdkit_export_name() {
+    return tExportName.c_str();
+}
+__attribute__((used)) int nbdkit_add_export(nbdkit_exports*, const char*, const char*) {
+    return 0;
+}
+}
+
+// ---- the machine and its clients
+// -----------------------------------------------------------------------------
 
 namespace {
 
@@ -39,14 +83,23 @@ private:
 // The machine's first volume is protected, with little storage.
 class Computer {
 public:
-    Computer() : folder_(Made()), plugin_(folder_.Path()) {
+    Computer() : folder_(Made()), plugin_(*plugin_init()) {
+        fuzz::Require(plugin_.config("machine", folder_.Path().c_str()) == 0 &&
+                          plugin_.config_complete() == 0 && plugin_.get_ready() == 0 &&
+                          plugin_.after_fork() == 0,
+                      "the machine is served");
         machine::PartitionTable table;
         std::string why;
         fuzz::Require(machine::ReadImagePartitions(folder_.File("disk0.img"), 512, table, why), why);
         places_ = table.partitions;
         Protect();
     }
-    const nbdkit_plugin& Calls() const { return plugin_.Calls(); }
+    ~Computer() { plugin_.cleanup(); }
+    Computer(const Computer&) = delete;
+    Computer& operator=(const Computer&) = delete;
+
+    // As nbdkit does, a caller hands on only requests inside the export's size.
+    const nbdkit_plugin& Calls() const { return plugin_; }
     Disk& Contents() { return disk_; }
     const std::vector<machine::Partition>& Places() const { return places_; }
     // Where an export begins on the disk.
@@ -75,7 +128,7 @@ private:
     }
 
     const fuzz::Folder folder_;
-    const fuzz::Plugin plugin_;
+    const nbdkit_plugin& plugin_;
     std::vector<machine::Partition> places_;
     Disk disk_{16 * kMiB};
 };
@@ -87,7 +140,7 @@ public:
         name_ = input.PickValueInArray(
             {"disk0", "HarddiskVolume1", "HarddiskVolume2", "", "disk1", "HarddiskVolume0"});
         if (input.ConsumeIntegral<std::uint8_t>() == 3) name_ = input.ConsumeBytesAsString(12);
-        fuzz::tExportName = name_;
+        tExportName = name_;
         handle_ = calls_.open(0);
         if (handle_ != nullptr) Greet();
     }
@@ -124,9 +177,9 @@ private:
     // Whether it was done. What fails says so: storage is full, or the driver refuses all writes to a volume
     // whose first sector was overwritten, where its storage lies in no file system any more.
     static bool Done(int result) {
-        fuzz::Require(result == 0 || (fuzz::tSaid && (fuzz::tError == ENOSPC || fuzz::tError == EPERM)),
-                      "a request fails for no other reason, and says so: " + std::to_string(fuzz::tError));
-        fuzz::tSaid = false, fuzz::tError = 0;
+        fuzz::Require(result == 0 || (tSaid && (tError == ENOSPC || tError == EPERM)),
+                      "a request fails for no other reason, and says so: " + std::to_string(tError));
+        tSaid = false, tError = 0;
         return result == 0;
     }
     // Around the places where something changes: volumes' ends, the disk's end, stripes of locks.
