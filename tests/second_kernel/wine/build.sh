@@ -38,7 +38,7 @@ link_without() {
     for object in "${compiled[@]}"; do
         [[ $object =~ $unwanted ]] || linked+=("$out/story-objects/$object")
     done
-    "${clang[@]}" -fuse-ld=lld-14 -static "-L$library" "${linked[@]}" -lsynchronization -lwinpthread "$@"
+    "${clang[@]}" -fuse-ld=lld-14 -static "-L$library" "${linked[@]}" -lntdll -lsynchronization -lwinpthread "$@"
 }
 link_without '_gate(_host)?\.cpp\.o$' -o "$out/kvrstories.exe"
 link_without '_host_main\.cpp\.o$' -lntoskrnl -shared -Wl,--entry=GateEntry,--subsystem=native -o "$out/kvrgate.sys"

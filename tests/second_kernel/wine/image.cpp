@@ -1,95 +1,71 @@
 #include "tests/second_kernel/wine/image.h"
 #include <windows.h>
-#include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <vector>
 #include "tests/second_kernel/wine/traps.h"
+
+extern "C" __declspec(dllimport) IMAGE_BASE_RELOCATION* NTAPI
+    LdrProcessRelocationBlock(void* page, UINT count, USHORT* entries, INT_PTR moved);
 
 namespace image {
 namespace {
 
-struct Mapping {
-    unsigned char* image;
-    RUNTIME_FUNCTION* unwind;
-};
-Mapping gMappings[2];  // by Role
-Mapping* gNow = &gMappings[0];
+HMODULE gLoaded[2];  // by Role
+HMODULE gNow;
 
 template <class T>
-T* At(DWORD offset) {
-    return reinterpret_cast<T*>(gNow->image + offset);
-}
-
-const IMAGE_NT_HEADERS64& HeadersOf(const unsigned char* file) {
-    return *reinterpret_cast<const IMAGE_NT_HEADERS64*>(
-        file + reinterpret_cast<const IMAGE_DOS_HEADER*>(file)->e_lfanew);
+T* At(ULONG_PTR offset) {
+    return reinterpret_cast<T*>(reinterpret_cast<unsigned char*>(gNow) + offset);
 }
 
 const IMAGE_NT_HEADERS64& Headers() {
-    return HeadersOf(gNow->image);
+    return *At<IMAGE_NT_HEADERS64>(static_cast<ULONG_PTR>(At<IMAGE_DOS_HEADER>(0)->e_lfanew));
 }
 
 const IMAGE_DATA_DIRECTORY& Directory(int number) {
     return Headers().OptionalHeader.DataDirectory[number];
 }
 
-void Unmap() {
-    if (gNow->unwind != nullptr) RtlDeleteFunctionTable(gNow->unwind);
-    if (gNow->image != nullptr) VirtualFree(gNow->image, 0, MEM_RELEASE);
-    *gNow = {};
-}
-
 // Where the program or the library lies that this is part of.
 std::string Folder() {
     HMODULE self = nullptr;
     GetModuleHandleExA(GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS | GET_MODULE_HANDLE_EX_FLAG_UNCHANGED_REFCOUNT,
-                       reinterpret_cast<LPCSTR>(&gMappings), &self);
+                       reinterpret_cast<LPCSTR>(&gLoaded), &self);
     char path[MAX_PATH];
     const std::string text(path, GetModuleFileNameA(self, path, sizeof path));
     return text.substr(0, text.rfind('\\') + 1);
 }
 
-bool IsNative(const std::vector<char>& file) {
-    if (file.size() < sizeof(IMAGE_DOS_HEADER) || std::memcmp(file.data(), "MZ", 2) != 0) return false;
-    const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
-    return headers.Signature == IMAGE_NT_SIGNATURE && headers.FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64 &&
-           headers.OptionalHeader.Subsystem == IMAGE_SUBSYSTEM_NATIVE;
+bool IsNative() {
+    return gNow != nullptr && Headers().FileHeader.Machine == IMAGE_FILE_MACHINE_AMD64 &&
+           Headers().OptionalHeader.Subsystem == IMAGE_SUBSYSTEM_NATIVE;
 }
 
-// False when the memory at the preferred address is all there is.
-bool MapSections(const std::vector<char>& file) {
-    const auto& headers = HeadersOf(reinterpret_cast<const unsigned char*>(file.data()));
-    gNow->image = static_cast<unsigned char*>(
-        VirtualAlloc(nullptr, headers.OptionalHeader.SizeOfImage, MEM_RESERVE | MEM_COMMIT, PAGE_READWRITE));
-    if (gNow->image == nullptr || gNow->image == reinterpret_cast<void*>(headers.OptionalHeader.ImageBase))
-        return false;
-    std::memcpy(gNow->image, file.data(), headers.OptionalHeader.SizeOfHeaders);
-    const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&headers);
-    for (int i = 0; i < headers.FileHeader.NumberOfSections; ++i, ++section)
-        std::memcpy(gNow->image + section->VirtualAddress, file.data() + section->PointerToRawData,
-                    std::min(section->SizeOfRawData, section->Misc.VirtualSize));
-    return true;
+// Lets `change` write to a range, whose protection is then as before.
+template <class Change>
+bool Changing(void* range, SIZE_T bytes, const Change& change) {
+    DWORD rights = 0;
+    if (!VirtualProtect(range, bytes, PAGE_READWRITE, &rights)) return false;
+    change();
+    return VirtualProtect(range, bytes, rights, &rights);
 }
 
-// Whether every relocation is of the one kind that such images have.
+// The system moves libraries alone. False when the image lies where it prefers to, or cannot be moved.
 bool Relocate() {
-    const ULONGLONG moved = reinterpret_cast<ULONGLONG>(gNow->image) - Headers().OptionalHeader.ImageBase;
+    constexpr SIZE_T kPage = 4096;
+    const INT_PTR moved =
+        reinterpret_cast<INT_PTR>(gNow) - static_cast<INT_PTR>(Headers().OptionalHeader.ImageBase);
     const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_BASERELOC);
-    DWORD at = directory.VirtualAddress;
-    while (at < directory.VirtualAddress + directory.Size) {
-        const auto* block = At<IMAGE_BASE_RELOCATION>(at);
-        const auto* entry = reinterpret_cast<const WORD*>(block + 1);
-        const auto* end = At<WORD>(at + block->SizeOfBlock);
-        for (; entry < end; ++entry) {
-            if (*entry >> 12 == IMAGE_REL_BASED_ABSOLUTE) continue;
-            if (*entry >> 12 != IMAGE_REL_BASED_DIR64) return false;
-            *At<ULONGLONG>(block->VirtualAddress + (*entry & 0xFFF)) += moved;
-        }
+    bool done = moved != 0 && directory.Size != 0;
+    for (DWORD at = 0; done && at < directory.Size;) {
+        auto* block = At<IMAGE_BASE_RELOCATION>(directory.VirtualAddress + at);
+        void* const page = At<void>(block->VirtualAddress);
+        done = Changing(page, kPage, [&] {
+            const UINT count = (block->SizeOfBlock - sizeof *block) / sizeof(USHORT);
+            LdrProcessRelocationBlock(page, count, reinterpret_cast<USHORT*>(block + 1), moved);
+        });
         at += block->SizeOfBlock;
     }
-    return directory.Size != 0;
+    return done;
 }
 
 // What the image's compiler asks for is the system's; nothing else is.
@@ -100,7 +76,7 @@ void* FindSystemRoutine(const std::string& name) {
     return nullptr;
 }
 
-bool Import(const Kernel& kernel, std::string& trouble) {
+void FillImports(const Kernel& kernel, std::string& trouble) {
     const auto* from = At<IMAGE_IMPORT_DESCRIPTOR>(Directory(IMAGE_DIRECTORY_ENTRY_IMPORT).VirtualAddress);
     for (; from->Name != 0; ++from) {
         const auto* names = At<ULONGLONG>(from->OriginalFirstThunk);
@@ -111,49 +87,31 @@ bool Import(const Kernel& kernel, std::string& trouble) {
             if (*slot == nullptr) trouble += std::string("the kernel has no ") + name + "\n";
         }
     }
-    return trouble.empty();
 }
 
-bool AddUnwindTables() {
-    const IMAGE_DATA_DIRECTORY& directory = Directory(IMAGE_DIRECTORY_ENTRY_EXCEPTION);
-    gNow->unwind = At<RUNTIME_FUNCTION>(directory.VirtualAddress);
-    return directory.Size != 0 && RtlAddFunctionTable(gNow->unwind, directory.Size / sizeof(RUNTIME_FUNCTION),
-                                                      reinterpret_cast<DWORD64>(gNow->image));
-}
-
-bool Protect() {
-    DWORD before = 0;
-    bool done = VirtualProtect(gNow->image, Headers().OptionalHeader.SizeOfHeaders, PAGE_READONLY, &before);
-    const IMAGE_SECTION_HEADER* section = IMAGE_FIRST_SECTION(&Headers());
-    for (int i = 0; i < Headers().FileHeader.NumberOfSections; ++i, ++section) {
-        const DWORD rights = section->Characteristics;
-        const DWORD wanted = rights & IMAGE_SCN_MEM_EXECUTE ? PAGE_EXECUTE_READ
-                             : rights & IMAGE_SCN_MEM_WRITE ? PAGE_READWRITE
-                                                            : PAGE_READONLY;
-        done =
-            VirtualProtect(gNow->image + section->VirtualAddress, section->Misc.VirtualSize, wanted, &before) &&
-            done;
-    }
-    return done;
+bool Import(const Kernel& kernel, std::string& trouble) {
+    const IMAGE_DATA_DIRECTORY& slots = Directory(IMAGE_DIRECTORY_ENTRY_IAT);
+    return Changing(At<void>(slots.VirtualAddress), slots.Size, [&] { FillImports(kernel, trouble); });
 }
 
 }  // namespace
 
 void* Load(Role role, const std::string& name, const Kernel& kernel, std::string& trouble) {
-    gNow = &gMappings[static_cast<int>(role)];
-    Unmap();
-    std::ifstream stream(Folder() + name, std::ios::binary);
-    const std::vector<char> file{std::istreambuf_iterator<char>(stream), {}};
-    if (!IsNative(file)) {
+    HMODULE& loaded = gLoaded[static_cast<int>(role)];
+    if (loaded != nullptr) FreeLibrary(loaded);
+    // Taken, so that the image lies elsewhere: it is linked for this address, as a driver is by default.
+    VirtualAlloc(reinterpret_cast<void*>(0x140000000), 1, MEM_RESERVE, PAGE_NOACCESS);
+    gNow = loaded = LoadLibraryExA((Folder() + name).c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
+    if (!IsNative())
         trouble = name + " is no native image\n";
-    } else if (!MapSections(file) || !Relocate()) {
+    else if (!Relocate())
         trouble = "the image cannot be moved\n";
-    } else if (Import(kernel, trouble) && (!AddUnwindTables() || !Protect())) {
-        trouble = "the image's unwind tables or sections are not as they should be\n";
-    }
+    else if (!Import(kernel, trouble))
+        trouble = "the image's imports cannot be written\n";
     if (!trouble.empty()) return nullptr;
-    if (role == Role::Driver) traps::Watch(gNow->image, Headers().OptionalHeader.SizeOfImage, kernel);
-    return gNow->image + Headers().OptionalHeader.AddressOfEntryPoint;
+    const IMAGE_OPTIONAL_HEADER64& headers = Headers().OptionalHeader;
+    if (role == Role::Driver) traps::Watch(At<unsigned char>(0), headers.SizeOfImage, kernel);
+    return At<void>(headers.AddressOfEntryPoint);
 }
 
 }  // namespace image

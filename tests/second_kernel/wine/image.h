@@ -1,4 +1,4 @@
-// Native images, mapped into this program as a kernel maps a driver.
+// Native images, loaded into this program as a kernel loads a driver.
 #pragma once
 #include <string>
 
@@ -13,9 +13,9 @@ struct Kernel {
     long long (*systemTime)();
 };
 
-// Maps the file, which lies beside this program, away from the address that it prefers, with its sections,
-// relocations, imports, unwind tables and the protection that each section asks for. What an earlier call
-// mapped in that role is gone. Returns the image's entry, or null and why in `trouble`. One call at a time.
+// Has the system load the file, which lies beside this program, away from the address that it prefers, and
+// fills its imports in. What an earlier call loaded in that role is gone. Returns the image's entry, or null
+// and why in `trouble`. One call at a time.
 [[nodiscard]] void* Load(Role role, const std::string& name, const Kernel& kernel, std::string& trouble);
 
 }  // namespace image
