@@ -3,6 +3,7 @@
 request, bytes that are no protocol; control tools, lists of exports and boots at the same time. Every request gets an
 answer that is right, the server lives, and the data is what the well-formed requests made of it. Arguments: the
 build's folder; a library to load first, if any; the build that has the plugin, if it is another; a seed."""
+import errno
 import os
 import random
 import sys
@@ -13,13 +14,14 @@ import proof
 from clients import (Breaker, all_at_once, connect, nbd, require_whole_sectors, sanitizer_log, sanitizer_reports, wait_for,
                      write)
 from machine import MIB, VOLUME, Machine
-from proof import require, run, say
+from proof import Failed, require, run, say
 
 SWAP = 64 * MIB
 SECONDS = float(os.environ.get("KVR_FUZZ_SECONDS", "4"))
 STRETCH = 2 * MIB
 PRELOAD, PLUGIN, SEED = (sys.argv[2:] + ["", "", ""])[:3]
 SEED = int(SEED or random.randrange(1 << 32))
+REFUSALS = {errno.EINVAL, errno.ENOSPC, errno.ENOMEM, errno.ERANGE, errno.EOVERFLOW, errno.EIO, errno.EPERM}
 
 
 class Stretch:
@@ -29,6 +31,7 @@ class Stretch:
         self.uri, self.offset, self.dice = uri, offset, random.Random(seed)
         self.client = connect(uri)
         self.bytes = bytearray(self.client.pread(length, offset))
+        self.size = self.client.get_size()
 
     def place(self, most):
         length = min(self.dice.choice((1, 3, 511, 512, 513, 4096, 5000, most)), len(self.bytes))
@@ -65,9 +68,27 @@ class Stretch:
             self.bytes[start:start + len(data)] = data
         wait_for(self.client, cookies)
 
+    def nonsense(self):
+        """Requests that cannot be carried out: each is refused, some by hanging up."""
+        client = self.client
+        calls = [lambda: client.pread(512, self.size), lambda: client.pread(1, self.size + 7),
+                 lambda: client.pwrite(b"x" * 512, self.size - 511), lambda: client.pwrite(b"x", 1 << 62),
+                 lambda: client.zero(4096, self.size - 1), lambda: client.zero((1 << 32) - 1, 0x7FFFFFFF00),
+                 lambda: client.pread(0, self.offset), lambda: client.pwrite(b"", self.offset),
+                 lambda: client.pread(65 * MIB, 0), lambda: client.pwrite(bytes(33 * MIB), self.size - 512),
+                 lambda: client.trim(4096, self.offset)]
+        try:
+            self.dice.choice(calls)()
+        except nbd.Error as error:
+            require(error.errnum in REFUSALS or not client.aio_is_ready(), f"an odd refusal: {error}")
+        else:
+            raise Failed("a request that cannot be carried out is answered with success")
+        if not client.aio_is_ready():
+            self.client = connect(self.uri)
+
     def step(self):
-        actions = (self.write, self.zero, self.read, self.burst)
-        self.dice.choices(actions, (6, 3, 6, 3))[0]()
+        actions = (self.write, self.zero, self.read, self.burst, self.nonsense)
+        self.dice.choices(actions, (6, 3, 6, 3, 1))[0]()
         if self.dice.random() < 0.02:
             self.client.flush()
             self.client = connect(self.uri)
