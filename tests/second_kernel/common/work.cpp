@@ -227,25 +227,3 @@ void CheckHeld(Computer* computer) {
     stage::Check(IsHeld(computer->SystemFiles->Find(W("\\Windows\\system32\\drivers\\kvr.cfg"))),
                  "the configuration file is held open");
 }
-
-void LearnWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, NTSTATUS status, bool mayLose) {
-    Bytes now(length);
-    stage::CheckStatus(ReadAt(TopOfData(computer), offset, now.data(), length), STATUS_SUCCESS,
-                       "the read afterwards");
-    const ULONG bytes = computer->Options.DataSector;
-    for (ULONG at = 0; at < length; at += bytes) {
-        const auto place = static_cast<ULONGLONG>(offset + at);
-        UCHAR& wasRedirected = RedirectedSectors()[place / bytes];
-        const bool isNew = IsPattern(now.data() + at, bytes, place, seed);
-        const bool isOld = IsSame(now.data() + at, Model() + place, bytes);
-        if (NT_SUCCESS(status))
-            stage::Check(isNew || (mayLose && !wasRedirected && isOld), "a write that succeeded is there",
-                         place);
-        else  // what was redirected already is overwritten in place, as far as the write got
-            stage::Check(isOld || (wasRedirected && isNew), "a failed write left nothing behind", place);
-        if (!isNew) continue;
-        std::memcpy(Model() + place, now.data() + at, bytes);
-        wasRedirected = 1;
-    }
-    CheckOwnSectors(computer);
-}

@@ -41,9 +41,3 @@ void CheckHeld(Computer* computer);
 [[nodiscard]] PUCHAR OwnSectors();         // kRegion, as the first boot filled them
 [[nodiscard]] PUCHAR Model();              // kWorkBytes
 [[nodiscard]] PUCHAR RedirectedSectors();  // a byte for each sector of the work, 1: redirected
-
-// After a write of the pattern of `seed` in the course of which something was made to fail: reads it back,
-// checks that a failed write left what was not redirected as it was, that a successful one is there whole, and
-// that the volume's own sectors are untouched; and teaches the model what came of it. `mayLose`: memory was
-// short, and a redirection that could not be recorded is lost, so that its sectors read as the volume's own.
-void LearnWork(Computer* computer, LONGLONG offset, ULONG length, ULONG seed, NTSTATUS status, bool mayLose);
