@@ -50,10 +50,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     host::SetSystemTime(host::TimeOf(2026, 11, 22, 12));
     InitializeGlobals();
     const std::vector<std::uint8_t> bytes = TextOf(data, size);
-    const fuzz::ExactBytes text(bytes);
-    ParseConfig(static_cast<PWCHAR>(text.Get()), static_cast<ULONG>(text.Size()));
+    fuzz::Bytes text = bytes;
+    ParseConfig(reinterpret_cast<PWCHAR>(text.data()), static_cast<ULONG>(text.size()));
     CheckList();
-    CheckChanges(bytes, static_cast<const std::uint8_t*>(text.Get()));
+    CheckChanges(bytes, text.data());
     fuzz::EndPower();
     return 0;
 }

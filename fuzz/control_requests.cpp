@@ -16,7 +16,7 @@
 namespace {
 
 using namespace machine;
-using Bytes = std::vector<std::uint8_t>;
+using fuzz::Bytes;
 
 constexpr unsigned kDisks = 3;  // system, data, removable; one volume on each
 // Little, so that making storage ends soon whatever size is asked.
@@ -134,14 +134,14 @@ Bytes TakeInput(FuzzedDataProvider& input, ULONG code) {
 }
 
 NTSTATUS Ask(Computer& computer, ULONG code, const Bytes& input, std::size_t room = 0) {
-    const fuzz::ExactBytes in(input);
-    const fuzz::ExactBytes out(Bytes(room, 0xEE));
+    const Bytes in = input;
+    Bytes out(room, 0xEE);
     ULONG returned = 0;
     const NTSTATUS status =
-        computer.Hardware().Control(kControlDevice, code, in.Get(), static_cast<ULONG>(in.Size()), out.Get(),
-                                    static_cast<ULONG>(out.Size()), returned);
+        computer.Hardware().Control(kControlDevice, code, in.data(), static_cast<ULONG>(in.size()), out.data(),
+                                    static_cast<ULONG>(out.size()), returned);
     // A direct code would let the caller change the other buffer under the driver: none of its own is one.
-    fuzz::Require(status != STATUS_PENDING && returned <= out.Size(), "the answer fits");
+    fuzz::Require(status != STATUS_PENDING && returned <= out.size(), "the answer fits");
     return status;
 }
 
@@ -168,12 +168,12 @@ void AskStacks(Computer& computer, FuzzedDataProvider& input) {
     host::Control control{};
     control.code = TakeCode(input);
     control.major = input.PickValueInArray<UCHAR>({IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL});
-    const fuzz::ExactBytes in(TakeInput(input, control.code));
-    const fuzz::ExactBytes out(Bytes(input.ConsumeBool() ? TakeLength(input) : 0, 0xEE));
-    control.input = in.Get();
-    control.inputLength = static_cast<ULONG>(in.Size());
-    control.output = out.Get();
-    control.outputLength = static_cast<ULONG>(out.Size());
+    const Bytes given = TakeInput(input, control.code), in = given;
+    Bytes out(input.ConsumeBool() ? TakeLength(input) : 0, 0xEE);
+    control.input = in.data();
+    control.inputLength = static_cast<ULONG>(in.size());
+    control.output = out.data();
+    control.outputLength = static_cast<ULONG>(out.size());
     for (PDEVICE_OBJECT device : computer.Devices()) static_cast<void>(host::SendControl(device, control));
 }
 

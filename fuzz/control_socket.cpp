@@ -9,7 +9,7 @@
 namespace {
 
 using namespace tool::wire;
-using Bytes = std::vector<std::uint8_t>;
+using fuzz::Bytes;
 
 constexpr std::size_t kConnections = 3;
 constexpr unsigned kMostSteps = 12;

@@ -204,18 +204,16 @@ private:
                                     : input_.ConsumeIntegralInRange<std::uint32_t>(1, kMostBytes);
     }
     void Read(std::uint64_t at, std::uint64_t offset, std::uint32_t length) {
-        const fuzz::ExactBytes buffer(std::vector<std::uint8_t>(length, 0xEE));
-        const auto* bytes = static_cast<const std::uint8_t*>(buffer.Get());
-        if (Done(calls_.pread(handle_, buffer.Get(), length, offset, 0)))
-            computer_.Contents().Check(at, {bytes, bytes + length});
+        fuzz::Bytes buffer(length, 0xEE);
+        if (Done(calls_.pread(handle_, buffer.data(), length, offset, 0)))
+            computer_.Contents().Check(at, buffer);
     }
     void Write(std::uint64_t at, std::uint64_t offset, std::uint32_t length, std::uint32_t flags) {
         std::vector<std::uint8_t> data(length);
         std::uint32_t state = input_.ConsumeIntegral<std::uint16_t>() | 0x10000u;
         for (std::uint8_t& byte : data)
             byte = static_cast<std::uint8_t>((state = state * 1664525 + 1013904223) >> 24);
-        const fuzz::ExactBytes buffer(data);
-        Note(Done(calls_.pwrite(handle_, buffer.Get(), length, offset, flags)), at, data);
+        Note(Done(calls_.pwrite(handle_, data.data(), length, offset, flags)), at, data);
     }
     void Note(bool done, std::uint64_t at, const std::vector<std::uint8_t>& data) {
         if (done)

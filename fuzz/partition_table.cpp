@@ -10,7 +10,7 @@ namespace {
 
 using namespace machine;
 
-using Bytes = std::vector<std::uint8_t>;
+using fuzz::Bytes;
 
 // As much of the bytes as the disk has room for.
 void PutBytes(MemoryDisk& disk, std::uint64_t offset, const Bytes& bytes) {

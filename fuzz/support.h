@@ -33,23 +33,8 @@ inline void Require(bool holds, const std::string& what) {
     std::abort();
 }
 
-// The bytes in a heap block of exactly their size, so that one byte read or written beyond it is caught.
-class ExactBytes {
-public:
-    explicit ExactBytes(const std::vector<std::uint8_t>& bytes)
-        : size_(bytes.size()), block_(static_cast<std::uint8_t*>(std::malloc(bytes.size()))) {
-        if (size_ != 0) std::memcpy(block_.get(), bytes.data(), size_);
-    }
-    void* Get() const { return block_.get(); }
-    std::size_t Size() const { return size_; }
-
-private:
-    struct Free {
-        void operator()(std::uint8_t* block) const { std::free(block); }
-    };
-    std::size_t size_;
-    std::unique_ptr<std::uint8_t, Free> block_;
-};
+// A copy lies in a heap block of exactly its size, so that one byte read or written beyond it is caught.
+using Bytes = std::vector<std::uint8_t>;
 
 // ---- what programs hand to the driver ----------------------------------------------------------------------
 
