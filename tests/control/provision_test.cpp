@@ -64,17 +64,6 @@ protected:
 
 TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
     host::ThreadGate gate;
-    gProvisionQuit = TRUE;
-    ASSERT_EQ(STATUS_SUCCESS, Allocate(nowhere));
-    EXPECT_FALSE(gProvisionQuit) << "an earlier stop does not stop this one";
-    EXPECT_EQ(1u, gate.Held());
-    EXPECT_EQ(STATUS_FILE_LOCK_CONFLICT, Allocate(nowhere)) << "though the first has not run a step";
-    EXPECT_EQ(STATUS_FILE_LOCK_CONFLICT, Remove(nowhere));
-    KVR_FIXED_VOLUME_STATUS status{};
-    ULONG_PTR written = 0;
-    EXPECT_EQ(STATUS_SUCCESS, ReportFixedVolumes(&status, sizeof(status), &written));
-    EXPECT_EQ(1u, status.SwapStatus);
-    EXPECT_TRUE(gate.RunOne());
     for (int round = 0; round < 50; ++round) {
         std::atomic<int> ready = 0, started = 0, refused = 0;
         const auto request = [&] {

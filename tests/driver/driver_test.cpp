@@ -210,28 +210,17 @@ TEST_F(Life, ANeededVolumeIsNotGivenUp) {
     volume->MediaType = FixedMedia;
 }
 
-TEST_F(Life, RemovalWaitsForRequestsAndThreads) {
+TEST_F(Life, RemovalWaitsForThreads) {
     FilteredStack& stack = AddStarted({.name = u"\\Device\\V2"});
-    std::atomic<bool> inside = false, open = false, removed = false;
-    stack.answer = [&](PIRP irp, PIO_STACK_LOCATION location) {
-        if (location->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
-            inside = true;
-            while (!open) std::this_thread::yield();
-        }
-        return stub::Complete(irp, STATUS_SUCCESS);
-    };
+    std::atomic<bool> removed = false;
     host::ThreadGate gate;
     ASSERT_EQ(STATUS_SUCCESS, StartArmThread(stack.volume));
-    std::thread request([&] { EXPECT_EQ(STATUS_SUCCESS, stack.Control(IOCTL_DISK_GET_LENGTH_INFO)); });
-    while (!inside) std::this_thread::yield();
     std::thread remover([&] {
         EXPECT_EQ(STATUS_SUCCESS, host::SendPnp(stack.pdo.object, IRP_MN_REMOVE_DEVICE));
         removed = true;
     });
     while (stack.Flush() != STATUS_DELETE_PENDING) std::this_thread::yield();  // until the removal waits
     EXPECT_EQ(STATUS_DELETE_PENDING, StartArmThread(stack.volume)) << "nothing new is started on the record";
-    open = true;
-    request.join();
     for (int i = 0; i < 1000; ++i) std::this_thread::yield();
     EXPECT_FALSE(removed) << "the thread still uses the record";
     EXPECT_TRUE(IsVolumeInList(stack.volume));
@@ -240,7 +229,7 @@ TEST_F(Life, RemovalWaitsForRequestsAndThreads) {
     EXPECT_FALSE(stack.IsFiltered());
 }
 
-// Power, Plug and Play, close: each uses the record while the lower device has the request.
+// Each uses the record while the lower device has the request.
 TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
     const struct {
         UCHAR major, minor;
@@ -248,11 +237,11 @@ TEST_F(Life, AShutdownTakesADiskFromNoRequest) {
                  {IRP_MJ_PNP, IRP_MN_QUERY_CAPABILITIES},
                  {IRP_MJ_PNP, IRP_MN_START_DEVICE},
                  {IRP_MJ_CLOSE, 0},
-                 {IRP_MJ_CLEANUP, 0}};
+                 {IRP_MJ_CLEANUP, 0},
+                 {IRP_MJ_DEVICE_CONTROL, 0}};
     for (const auto& kind : kinds) {
         SCOPED_TRACE(int{kind.major});
-        FilteredStack& disk = AddStarted(
-            {.name = u"\\Device\\Harddisk1\\DR1", .className = u"DiskDrive", .classGuid = kDiskClass});
+        FilteredStack& disk = AddDisk(u"\\Device\\Harddisk1\\DR1");
         std::atomic<bool> inside = false, open = false;
         disk.answer = [&](PIRP irp, PIO_STACK_LOCATION location) {
             if (location->MajorFunction == kind.major) inside = true;
