@@ -44,7 +44,6 @@ void MapWriter::Seal() {
 void MapWriter::End() {
     KVR_DISCARD(FlushMapBuffer(), "the last run may have been filled to its end");
     WriteMapTerminator();
-    m_buffer.Reset();
     if (m_seals)
         Seal();
     else
@@ -108,10 +107,9 @@ BOOLEAN MapWriter::FlushMapBuffer() {
     return TRUE;
 }
 
-// An all-zero run behind the last filled one is where a reader stops.
+// An all-zero run, as MakeBuffer makes it, behind the last filled one is where a reader stops.
 void MapWriter::WriteMapTerminator() {
     if (!HasRoom()) return;
-    RtlZeroMemory(m_buffer.Get(), m_size);
     m_entries = 1;
     KVR_DISCARD(FlushMapBuffer(), "there is something to write, and somewhere");
 }

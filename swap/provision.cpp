@@ -77,7 +77,6 @@ void UndoAllocation(PVOLUME_EXTENSION volume) {
     DeleteStorageFile(volume, kMapFileIndex);
     DeleteStorageFile(volume, 0);
     DeleteNumberedFiles(volume);
-    ForgetMapLocation(volume);
     ResetSwapMaps(volume->FilterDevice);
 }
 
