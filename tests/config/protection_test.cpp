@@ -56,9 +56,11 @@ TEST_F(Protection, OfARemovableVolumeFollowsTheDefaultsWithoutAnEntry) {
     gRVProtect = gRVInvisible = TRUE;
     EXPECT_TRUE(Updated(stick));
     EXPECT_TRUE(stick->IsInvisible);
+    gRVProtect = FALSE;
+    EXPECT_FALSE(Updated(stick)) << "the defaults have changed";
     List(u"\\Device\\Stick", 0);
     EXPECT_FALSE(Updated(stick));
-    EXPECT_FALSE(stick->IsInvisible);
+    EXPECT_FALSE(stick->IsInvisible || stick->IsExplicit);
 }
 
 // By its extents, where they are known: by the number, with the separator behind it. Else by the first

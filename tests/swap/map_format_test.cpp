@@ -223,6 +223,15 @@ TEST_F(MapFormat, ARetiredMapIsFoundDamagedAsSoonAsTheDiskTakesIt) {
     device->TakeTransfers();
     KVR_DISCARD(WriteSwapMap(volume->FilterDevice, TRUE), "always a success");
     EXPECT_TRUE(device->TakeTransfers().empty()) << "once is enough";
+    device->verdict = nullptr;
+    volume->SwapState = kSwapUsable;
+    device->onFlush = [&] {  // it is retired while a save waits for the device
+        if (volume->SwapState.exchange(kSwapFilesNotHeld) == kSwapUsable) RetireSavedMap(volume);
+        return STATUS_SUCCESS;
+    };
+    Save();
+    EXPECT_EQ(STATUS_INVALID_PARAMETER, Reload(2 * S));
+    device->onFlush = nullptr;
     ForgetMapLocation(volume);
     RetireSavedMap(volume);
     EXPECT_FALSE(volume->MapRetireDue) << "there is no map";
@@ -237,6 +246,7 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
         host::SetPoolLimit(64 << 20);
         Save();
         host::SetPoolLimit(host::kNoPoolLimit);
+        if (!IsUsableRun(&runs[0])) RetireSavedMap(volume);
         EXPECT_TRUE(device->data == before);
     }
     // More entries than slots: the map is cut, and a sector-0 run behind it is left alone.
@@ -252,10 +262,19 @@ TEST_F(MapFormat, LocationsThatCannotHoldAMapAreNotFollowed) {
     EXPECT_EQ(Bytes(before.begin() + kMap + S, before.begin() + kMap + 2 * S), OnDisk(kMap + S, S));
     EXPECT_EQ(STATUS_SUCCESS, Reload(512));
     EXPECT_EQ(42 * S, Used());
-    Locate({{kMap / S, 12}});  // room for exactly one
+    Locate({{kMap / S, 24}});  // room for exactly two
     Save();
-    EXPECT_EQ(STATUS_SUCCESS, Reload(12));
-    EXPECT_EQ(S, Used());
+    EXPECT_EQ(STATUS_SUCCESS, Reload(24));
+    EXPECT_EQ(2 * S, Used());
+    // Under the stricter rules a map that lacks redirections is none.
+    gHardening = TRUE;
+    RedirectMany(50, 2);
+    Locate({{kMap / S, 512}});
+    device->TakeTransfers();
+    Save();
+    gHardening = FALSE;
+    for (const auto& t : device->TakeTransfers()) EXPECT_NE(0u, t.length);
+    EXPECT_TRUE(volume->MapDirty && Reload(512) == STATUS_INVALID_PARAMETER);
 }
 
 TEST_F(MapFormat, SavedWhenThereIsSomethingToSaveAndSomewhere) {
@@ -289,7 +308,7 @@ TEST_F(MapFormat, SavedWhenThereIsSomethingToSaveAndSomewhere) {
         volume->MapDirty = c.dirty;
         device->TakeTransfers();
         const SIZE_T tried = TimesSaid(mark, "Kvr!WriteSwapMap: Saved");
-        WriteSwapMap(volume->FilterDevice, c.force);
+        EXPECT_EQ(STATUS_SUCCESS, WriteSwapMap(volume->FilterDevice, c.force));
         EXPECT_EQ(c.tried, TimesSaid(mark, "Kvr!WriteSwapMap: Saved") - tried);
         EXPECT_EQ(c.saved, device->TakeTransfers().size());
         EXPECT_EQ(c.dirty && !c.saved, volume->MapDirty != FALSE);
