@@ -381,33 +381,20 @@ TEST_F(Life, TheFirstRequestProtects) {
     }
 }
 
-// Control codes are refused where the driver counts on the sectors, whatever the reason.
-TEST_F(Life, WhoseControlCodesAreRefused) {
+// What guards a volume besides, and which codes are refused there, is a story's.
+TEST_F(Life, ControlCodesOfAVolumeWithAMap) {
     MAP_LOCATION_ENTRY run{};
-    const struct {
-        bool enabled, isProtected, listed;
-        LONGLONG config;
-        bool map;
-        NTSTATUS status;
-    } cases[] = {{true, false, true, 0, false, STATUS_SUCCESS},
-                 {true, true, true, 0, false, STATUS_MEDIA_WRITE_PROTECTED},
-                 {true, false, true, S, false, STATUS_MEDIA_WRITE_PROTECTED},
-                 {true, false, true, 0, true, STATUS_MEDIA_WRITE_PROTECTED},
-                 {true, true, false, S, true, STATUS_SUCCESS},
-                 {false, true, true, S, true, STATUS_SUCCESS}};
-    for (const auto& c : cases) {
-        gTesselEnabled = c.enabled;
-        volume->IsProtected = c.isProtected;
-        volume->IsListed = c.listed;
-        volume->PreloadConfigLocation[0] = c.config;
-        volume->MapLocation = c.map ? &run : nullptr;
-        for (const UCHAR major : {IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL})
-            EXPECT_EQ(c.status,
-                      host::SendControl(volume->FilterDevice, {.code = FSCTL_MOVE_FILE, .major = major}).status)
-                << &c - cases;
-        volume->MapLocation = nullptr;
-        volume->IsListed = TRUE;
+    volume->MapLocation = &run;
+    for (const bool listed : {true, false}) {
+        for (const bool enabled : {true, false}) {
+            volume->IsListed = listed;
+            gTesselEnabled = enabled;
+            EXPECT_EQ(listed && enabled ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS,
+                      device->Control(FSCTL_MOVE_FILE));
+        }
     }
+    volume->MapLocation = nullptr;
+    volume->IsListed = TRUE;
     gTesselEnabled = TRUE;
     volume->IsProtected = TRUE;
     SCSI_PASS_THROUGH command{};

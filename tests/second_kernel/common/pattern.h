@@ -26,9 +26,3 @@ inline void FillPattern(PUCHAR to, SIZE_T bytes, ULONGLONG offset, ULONG seed) {
 [[nodiscard]] inline bool IsSame(const UCHAR* a, const UCHAR* b, SIZE_T bytes) {
     return std::memcmp(a, b, bytes) == 0;
 }
-
-[[nodiscard]] inline bool IsPattern(const UCHAR* bytes, SIZE_T length, ULONGLONG offset, ULONG seed) {
-    Bytes wanted(length);
-    FillPattern(wanted.data(), length, offset, seed);
-    return IsSame(bytes, wanted.data(), length);
-}
