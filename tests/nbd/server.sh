@@ -2,31 +2,17 @@
 # The server as its users meet it at kvrhost's command line, and its end. What clients get is in proofs/.
 # Arguments: kvrhost.
 set -u
+. "$(dirname "$0")/../support/shell.sh"
 kvrhost=$1
 scratch=$(mktemp -d /tmp/kvr-serve-XXXXXX)
 pc=$scratch/pc
-failures=0
 server=
-
-fail() {
-    echo "FAILED: $1"
-    failures=$((failures + 1))
-}
 
 cleanup() {
     "$kvrhost" stop "$pc" 2>/dev/null
     rm -rf "$scratch"
 }
 trap cleanup EXIT
-
-# refused WORDS COMMAND...: an exit code that is not 0 and one line with WORDS
-refused() {
-    local words=$1 output
-    shift
-    if output=$("$@" 2>&1); then fail "'$*' was not refused"; fi
-    [ "$(printf '%s\n' "$output" | wc -l)" -eq 1 ] || fail "'$*' said: $output"
-    case $output in *"$words"*) ;; *) fail "'$*' said: $output" ;; esac
-}
 
 serve() {
     "$kvrhost" serve "$pc" --background >"$scratch/out" || fail "the server does not start"

@@ -2,28 +2,18 @@
 # What a user meets at the command line: each mistake is one clear line on stderr and exit code 2, help is help,
 # and nothing stays behind. With "demo" as second argument, one whole demonstration as well.
 set -u
+. "$(dirname "$0")/../support/shell.sh"
 kvrhost=$1
 TMPDIR=$(mktemp -d)
 export TMPDIR
 trap 'rm -rf "$TMPDIR" "$images"' EXIT
 images=$(mktemp -d -p /tmp)
-failures=0
 
-fail() {
-    echo "FAILED: $1"
-    failures=$((failures + 1))
-}
-
-# refused WORDS ARGUMENTS...: exit code 2 and one line that holds WORDS
-refused() {
-    local words=$1 output code lines
+# mistaken WORDS ARGUMENTS...: refused, and nothing is left behind
+mistaken() {
+    local words=$1
     shift
-    output=$("$kvrhost" "$@" 2>&1 >/dev/null)
-    code=$?
-    lines=$(printf '%s\n' "$output" | wc -l)
-    [ "$code" -eq 2 ] || fail "'$*' gave exit code $code"
-    [ "$lines" -eq 1 ] || fail "'$*' said: $output"
-    case $output in *"$words"*) ;; *) fail "'$*' said: $output" ;; esac
+    refused "$words" "$kvrhost" "$@"
     [ -z "$(ls -A "$TMPDIR")" ] || fail "'$*' left something behind"
 }
 
@@ -32,13 +22,13 @@ volume() { # volume FILE SIZE
     PATH=$PATH:/usr/sbin:/sbin mkntfs -q -F -Q -p 0 -H 255 -S 63 -s 512 "$1" >/dev/null 2>&1
 }
 
-refused "which command"
-refused "nonsense" nonsense
-refused "did you mean 'serve'?" sreve
+mistaken "which command"
+mistaken "nonsense" nonsense
+mistaken "did you mean 'serve'?" sreve
 made() { # made WORDS ARGUMENTS...: as refused, of create
     local words=$1
     shift
-    refused "$words" create "$images/never" "$@"
+    mistaken "$words" create "$images/never" "$@"
     [ ! -e "$images/never" ] || fail "'$*' made a machine"
 }
 made "which disk?"
@@ -53,23 +43,23 @@ made "'b' is not understood here; --disk stands before each image" --disk a b
 made "which of them?" --disk a --size 64M
 made "--fs is for a new disk" --disk a --fs ext4
 made "--sector-size is for images" --size 64M --sector-size 512
-refused "--nonsense" demo --nonsense
-refused "--image" demo --image
-refused "No such file" demo --image "$images/missing"
-refused "is no file" demo --image "$images"
+mistaken "--nonsense" demo --nonsense
+mistaken "--image" demo --image
+mistaken "No such file" demo --image "$images/missing"
+mistaken "is no file" demo --image "$images"
 truncate -s 10M "$images/zeros"
-refused "no NTFS volume" demo --image "$images/zeros"
+mistaken "no NTFS volume" demo --image "$images/zeros"
 truncate -s 0 "$images/empty"
-refused "no NTFS volume" demo --image "$images/empty"
+mistaken "no NTFS volume" demo --image "$images/empty"
 volume "$images/small" 60M
-refused "free, the demonstration needs" demo --image "$images/small"
+mistaken "free, the demonstration needs" demo --image "$images/small"
 # A volume behind a partition table.
 "$kvrhost" create "$images/pc" --size 320M >/dev/null || fail "create"
 mv "$images/pc/disk0.img" "$images/whole"
 head -c 20M "$images/whole" >"$images/cut"
-refused "$images/cut" demo --image "$images/cut"
-refused "No such file" demo --scratch "$images/missing"
-refused "free, the disk images need" demo --scratch /proc
+mistaken "$images/cut" demo --image "$images/cut"
+mistaken "No such file" demo --scratch "$images/missing"
+mistaken "free, the disk images need" demo --scratch /proc
 
 # ended EXPECTED SIGNAL PARENT|CHILD: what ends the demonstration from outside leaves nothing behind
 ended() {

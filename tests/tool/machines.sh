@@ -1,25 +1,11 @@
 #!/usr/bin/env bash
 # Several machines on one host: list, status, delete. Argument: kvrhost.
 set -u
+. "$(dirname "$0")/../support/shell.sh"
 kvrhost=$1
 scratch=$(mktemp -d /tmp/kvr-list-XXXXXX)
 export KVR_MACHINES=$scratch/all:$scratch/apart
-failures=0
 trap '"$kvrhost" stop "$scratch/apart" 2>/dev/null; rm -rf "$scratch"' EXIT
-
-fail() {
-    echo "FAILED: $1"
-    failures=$((failures + 1))
-}
-
-# refused WORDS ARGUMENTS...: exit code 2 and a line on stderr with WORDS
-refused() {
-    local words=$1 output
-    shift
-    output=$("$kvrhost" "$@" 2>&1 >/dev/null </dev/null)
-    [ $? -eq 2 ] || fail "'$*' was not refused"
-    case $output in *"$words"*) ;; *) fail "'$*' said: $output" ;; esac
-}
 
 # rows: NAME STATE CLIENTS BOOTS DISKS of each machine
 rows() { "$kvrhost" list "$@" | awk 'NR > 1 { print $1, $2, $3, $4, $5 }' | paste -sd ';'; }
@@ -38,7 +24,7 @@ mkdir "$scratch/all/nothing"
 one, two, apart = json.load(sys.stdin)
 assert (one["state"], one["clients"], apart["state"], apart["boots"]) == ("off", None, "on", 1), (one, apart)
 assert two["disks"][0]["path"].endswith("/brought.raw")' || fail "list --json"
-KVR_MACHINES=$scratch/missing refused "cannot look for machines in $scratch/missing" list
+KVR_MACHINES=$scratch/missing refused "cannot look for machines in $scratch/missing" "$kvrhost" list
 "$kvrhost" status | grep -q "brought.raw  64 MiB, .* on the host" || fail "status: $("$kvrhost" status)"
 runuser -u nobody -- "$kvrhost" --version >/dev/null 2>/dev/null && chmod 755 "$scratch" "$scratch/all" &&
     runuser -u nobody -- "$kvrhost" list "$scratch/all" | grep -Eq "^one +another user's" || fail "another user's"
@@ -62,8 +48,8 @@ printf '[Global]\nProtection = 1\n[FV 1]\nID = \\Device\\HarddiskVolume1\nProtec
 [ $? -eq 3 ] || fail "a volume without protection is no exit code"
 grep -q "WARNING: .*HarddiskVolume1" "$scratch/said" || fail "status said: $(cat "$scratch/said")"
 
-refused "served already" delete "$scratch/apart" --yes
-refused "say --yes" delete "$scratch/all/one"
+refused "served already" "$kvrhost" delete "$scratch/apart" --yes
+refused "say --yes" "$kvrhost" delete "$scratch/all/one"
 [ "$(rows "$scratch/all/one")" = "one off - - 1" ] || fail "a refused deletion deleted"
 before=$(sha256sum <"$scratch/brought.raw")
 touch "$scratch/all/two/notes"
