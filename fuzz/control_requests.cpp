@@ -121,7 +121,7 @@ Bytes TakeRecord(FuzzedDataProvider& input, ULONG code) {
         return TakeBuffer(input, sizeof(SCSI_PASS_THROUGH));
     const std::u16string& volume = input.PickValueInArray(fuzz::kVolumes);
     return fuzz::BytesOf(
-        fuzz::StorageOn(volume, input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20));
+        support::StorageRequest(volume, input.ConsumeBool() ? input.ConsumeIntegral<std::int64_t>() : 1 << 20));
 }
 
 // A record, a record with its end missing, or any bytes.
@@ -134,7 +134,7 @@ Bytes TakeInput(FuzzedDataProvider& input, ULONG code) {
 }
 
 NTSTATUS Ask(Computer& computer, ULONG code, const Bytes& input, std::size_t room = 0) {
-    const Bytes in = input;
+    const Bytes in(input.begin(), input.end());
     Bytes out(room, 0xEE);
     ULONG returned = 0;
     const NTSTATUS status =
@@ -168,7 +168,7 @@ void AskStacks(Computer& computer, FuzzedDataProvider& input) {
     host::Control control{};
     control.code = TakeCode(input);
     control.major = input.PickValueInArray<UCHAR>({IRP_MJ_DEVICE_CONTROL, IRP_MJ_INTERNAL_DEVICE_CONTROL});
-    const Bytes given = TakeInput(input, control.code), in = given;
+    const Bytes given = TakeInput(input, control.code), in(given.begin(), given.end());
     Bytes out(input.ConsumeBool() ? TakeLength(input) : 0, 0xEE);
     control.input = in.data();
     control.inputLength = static_cast<ULONG>(in.size());
@@ -189,8 +189,8 @@ void Transfer(Computer& computer, FuzzedDataProvider& input) {
 
 // Storage as a tool makes it, to its end.
 void MakeStorage(Computer& computer) {
-    static_cast<void>(
-        Ask(computer, IOCTL_KVR_ALLOCATE_SWAP, fuzz::BytesOf(fuzz::StorageOn(fuzz::kVolumes[1], 2 << 20))));
+    static_cast<void>(Ask(computer, IOCTL_KVR_ALLOCATE_SWAP,
+                          fuzz::BytesOf(support::StorageRequest(fuzz::kVolumes[1], 2 << 20))));
     host::JoinSystemThreads();
 }
 

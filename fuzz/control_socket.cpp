@@ -158,7 +158,8 @@ private:
         if (header.code == IOCTL_KVR_SET_CONFIG) return fuzz::TakeConfig(input_, Volume());
         const std::int64_t sizes[] = {0, 1, 4096, 1 << 20, 1 << 21, std::int64_t{1} << 40, -1};
         const bool storage = header.code == IOCTL_KVR_ALLOCATE_SWAP || header.code == IOCTL_KVR_REMOVE_SWAP;
-        return storage ? fuzz::BytesOf(fuzz::StorageOn(Volume(), input_.PickValueInArray(sizes))) : Bytes{};
+        return storage ? fuzz::BytesOf(support::StorageRequest(Volume(), input_.PickValueInArray(sizes)))
+                       : Bytes{};
     }
 
     fuzz::Served& served_;

@@ -35,7 +35,7 @@ inline void Protect(unsigned volumes, std::int64_t size, unsigned bootMode) {
         volume.bootMode = bootMode;
         text += config::FixedSection(volume, number + 1);
     }
-    driver.SetConfig(ConfigOf(text));
+    driver.SetConfig(support::ConfigRecord(text));
 }
 
 class Folder {

@@ -87,9 +87,9 @@ void AskAll(fuzz::Served& served, bool makeStorage) {
         const auto facts = served.Ask({Command::Facts, 0, fuzz::BytesOf(fuzz::NameOf(volume)), 64});
         KVR_DISCARD(facts, "answered is enough");
         if (!makeStorage) continue;
-        KVR_DISCARD(
-            Control(served.Machine(), IOCTL_KVR_ALLOCATE_SWAP, fuzz::BytesOf(fuzz::StorageOn(volume, kMiB)), 0),
-            "a damaged volume may refuse it");
+        KVR_DISCARD(Control(served.Machine(), IOCTL_KVR_ALLOCATE_SWAP,
+                            fuzz::BytesOf(support::StorageRequest(volume, kMiB)), 0),
+                    "a damaged volume may refuse it");
         KVR_DISCARD(Control(served.Machine(), IOCTL_KVR_STOP_SWAP_THREAD, {}, 0), "none may run");
     }
     fuzz::Require(NT_SUCCESS(Control(served.Machine(), IOCTL_KVR_GET_FIXED_VOLUMES, {}, 8192)),

@@ -17,6 +17,7 @@
 #include "formats/kvr_ioctl.h"
 #include "platform/host/kernel_host.h"
 #include "platform/host/memory/pool.h"
+#include "tests/support/driver_records.h"
 #include "tool/kvrctl/config_writer.h"
 
 // Freed blocks are held back for a few inputs, no longer: each input is a boot of its own.
@@ -47,27 +48,13 @@ std::vector<std::uint8_t> BytesOf(const Record& record) {
     return {bytes, bytes + sizeof record};
 }
 
-inline SWAP_CONFIG_REQUEST StorageOn(const std::u16string& volume, std::int64_t size) {
-    SWAP_CONFIG_REQUEST request{};
-    std::copy(volume.begin(), volume.end(), request.VolumeName);
-    request.SwapSize = size;
-    return request;
-}
-
-// The whole record that holds the text.
-inline std::vector<std::uint8_t> ConfigOf(const std::u16string& text) {
-    std::vector<std::uint8_t> record(KVR_CONFIG_BYTES);
-    std::memcpy(record.data(), text.data(), text.size() * sizeof(char16_t));
-    return record;
-}
-
 // One that protects the volume in some way.
 inline std::vector<std::uint8_t> TakeConfig(FuzzedDataProvider& input, const std::u16string& name) {
     config::FixedVolumeText volume = {name};
     volume.bootMode = input.ConsumeIntegralInRange(0u, 2u);
     volume.action = input.ConsumeIntegralInRange(0u, 2u);
-    return ConfigOf(config::GlobalSection(true, input.ConsumeIntegralInRange(0u, 2u)) +
-                    config::FixedSection(volume, 1));
+    return support::ConfigRecord(config::GlobalSection(true, input.ConsumeIntegralInRange(0u, 2u)) +
+                                 config::FixedSection(volume, 1));
 }
 
 // The end of an input: no request may be outstanding. What the pool holds is what lives as long as a boot.

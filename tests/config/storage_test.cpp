@@ -4,17 +4,12 @@
 #include "config/config_files.h"
 #include "config/config_location.h"
 #include "config/storage.h"
+#include "tests/support/driver_records.h"
 #include "tests/support/told_files.h"
 
 namespace {
 
 using Image = Bytes;
-
-Image ImageOf(const std::u16string& text) {
-    Image image(KVR_CONFIG_BYTES);
-    std::memcpy(image.data(), text.data(), text.size() * 2);
-    return image;
-}
 
 class Storage : public DriverFiles {
 protected:
@@ -48,7 +43,7 @@ const std::u16string kSection = u"Protection=1\n[FV 1]\nID=\\Device\\HarddiskVol
 const std::u16string kText = kSection + u"BootAction=1\n", kTextAfter = kSection + u"BootAction=0\n";
 
 TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
-    Put(ImageOf(kText));
+    Put(support::ConfigRecord(kText));
     EXPECT_EQ(STATUS_SUCCESS, Read());
     EXPECT_FALSE(gConfigLoaded || Said("Kvr!KvrConfigure")) << "the location is not known";
     Locate();
@@ -59,7 +54,7 @@ TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
     EXPECT_EQ(STATUS_SUCCESS, Read());
     EXPECT_TRUE(gConfigLoaded && gTesselEnabled && gConfigDirty);
     EXPECT_EQ(kSwapNoLocation, volume->SwapState) << "protected by the text, but its map is nowhere";
-    EXPECT_EQ(ImageOf(kText), OnDisk());
+    EXPECT_EQ(support::ConfigRecord(kText), OnDisk());
     device->TakeTransfers();
     EXPECT_EQ(STATUS_SUCCESS, Read());
     EXPECT_EQ(1u, device->TakeTransfers().size()) << "loaded once";
@@ -70,7 +65,7 @@ TEST_F(Storage, FirstReadLoadsOnceAndFirstWriteWritesBack) {
     device->verdict = nullptr;
     Write(volume, 0x100000, Image(512));
     EXPECT_FALSE(gConfigDirty);
-    EXPECT_EQ(ImageOf(kTextAfter), OnDisk());
+    EXPECT_EQ(support::ConfigRecord(kTextAfter), OnDisk());
 }
 
 TEST_F(Storage, RegistryValuesOfAnyLengthAreReadWithinTheirBounds) {
@@ -289,13 +284,14 @@ TEST_F(Storage, FilesAreLockedUnlessTheyAreShared) {
 // A text that the tool has written is not parsed over, and one that was loaded is not loaded again.
 TEST_F(Storage, WhatIsParsed) {
     Locate();
-    Put(ImageOf(kText));
-    std::ranges::copy(ImageOf(kText), gConfigBuffer);
+    Put(support::ConfigRecord(kText));
+    std::ranges::copy(support::ConfigRecord(kText), gConfigBuffer);
     for (const bool byTool : {true, false}) {
         gConfigWrittenByTool = byTool;
         EXPECT_EQ(STATUS_SUCCESS, KvrConfigure(volume->FilterDevice));
         EXPECT_EQ(byTool, !gTesselEnabled);
-        EXPECT_EQ(ImageOf(byTool ? kText : kTextAfter), Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
+        EXPECT_EQ(support::ConfigRecord(byTool ? kText : kTextAfter),
+                  Image(gConfigBuffer, gConfigBuffer + KVR_CONFIG_BYTES));
     }
     volume->PreloadConfigLocation[15] = 0;
     EXPECT_EQ(STATUS_INSUFFICIENT_RESOURCES, KvrConfigure(volume->FilterDevice)) << "a piece is nowhere";

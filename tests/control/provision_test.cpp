@@ -6,21 +6,18 @@
 #include "driver/record/threads.h"
 #include "platform/host/object/object.h"
 #include "swap/map_format.h"
+#include "tests/support/driver_records.h"
 #include "tests/support/told_files.h"
 
 namespace {
+
+using support::StorageRequest;
 
 constexpr LONGLONG M = 1 << 20;
 constexpr MAP_LOCATION_ENTRY kRun = {0x1000, 4096};
 
 class Provisioning : public DriverFiles {
 protected:
-    static SWAP_CONFIG_REQUEST For(const char16_t* name, std::int64_t size = -1) {
-        SWAP_CONFIG_REQUEST request{};
-        std::copy_n(name, std::char_traits<char16_t>::length(name), request.VolumeName);
-        request.SwapSize = size;
-        return request;
-    }
     static NTSTATUS Allocate(SWAP_CONFIG_REQUEST request) {
         return StartSwapAllocation(&request, sizeof(request));
     }
@@ -31,7 +28,7 @@ protected:
         files.written.clear();
         files.deleted.clear();
         host::ThreadGate gate;
-        EXPECT_EQ(STATUS_SUCCESS, Allocate(For(name, size)));
+        EXPECT_EQ(STATUS_SUCCESS, Allocate(StorageRequest(name, size)));
         PKTHREAD thread = gProvisionThread;
         ObReferenceObject(thread);
         EXPECT_TRUE(gate.RunOne());
@@ -59,7 +56,7 @@ protected:
                std::u16string{static_cast<char16_t>(u'0' + i / 10), static_cast<char16_t>(u'0' + i % 10)};
     }
 
-    SWAP_CONFIG_REQUEST nowhere = For(u"\\Device\\Nowhere");
+    SWAP_CONFIG_REQUEST nowhere = StorageRequest(u"\\Device\\Nowhere");
 };
 
 TEST_F(Provisioning, OneThreadAtATimeFromTheVeryStart) {
@@ -92,7 +89,7 @@ TEST_F(Provisioning, StopWaitsForTheThread) {
         host::JoinSystemThreads();
     }
     host::ThreadGate gate;
-    ASSERT_EQ(STATUS_SUCCESS, Allocate(For(kName, 4 * M)));
+    ASSERT_EQ(STATUS_SUCCESS, Allocate(StorageRequest(kName, 4 * M)));
     std::atomic<bool> stopped = false;
     std::thread stopper([&] {
         EXPECT_EQ(STATUS_SUCCESS, StopSwapThread());
@@ -143,8 +140,8 @@ TEST_F(Provisioning, NotWhileStorageOrConfigurationIsInUse) {
         volume->IsProtected = c.isProtected;
         volume->MediaType = c.removable ? RemovableMedia : FixedMedia;
         const auto answer = [](bool refused) { return refused ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS; };
-        EXPECT_EQ(answer(c.refused), Remove(For(u"\\device\\HARDDISKVOLUME1")));
-        EXPECT_EQ(answer(c.refused), Allocate(For(kName)));
+        EXPECT_EQ(answer(c.refused), Remove(StorageRequest(u"\\device\\HARDDISKVOLUME1")));
+        EXPECT_EQ(answer(c.refused), Allocate(StorageRequest(kName)));
         host::JoinSystemThreads();
         EXPECT_EQ(answer(c.allRefused), Remove(nowhere));
         EXPECT_EQ(c.allRefused, IsConfigVolumeProtected() != FALSE);
@@ -258,7 +255,7 @@ TEST_F(Provisioning, RemovalForgetsBeforeItDeletes) {
         KernelMutexLock lock(volume->StorageMutex);
         EXPECT_TRUE(!volume->SwapFileHandle && !volume->SwapMapFileHandle && !volume->SwapFileHandles[15]);
     };
-    EXPECT_EQ(STATUS_SUCCESS, Remove(For(kName)));
+    EXPECT_EQ(STATUS_SUCCESS, Remove(StorageRequest(kName)));
     std::vector<std::u16string> expected{u"\\kvr.MAP", u"\\kvr.SWP"};
     for (int i = 1; i <= 16; ++i) expected.push_back(Numbered(i));
     EXPECT_EQ(expected, files.deleted);
@@ -271,7 +268,7 @@ TEST_F(Provisioning, RemovalForgetsBeforeItDeletes) {
     volume->ProtectionDeferred = FALSE;
     volume->IsProtected = TRUE;
     volume->MediaType = RemovableMedia;
-    EXPECT_EQ(STATUS_SUCCESS, Remove(For(kName)));
+    EXPECT_EQ(STATUS_SUCCESS, Remove(StorageRequest(kName)));
     EXPECT_FALSE(volume->ProtectionDeferred) << "it is protected already";
     volume->MediaType = FixedMedia;
     volume->IsProtected = FALSE;
@@ -283,7 +280,7 @@ TEST_F(Provisioning, RemovalOfTheDeviceLetsGoOfEverything) {
     FilteredStack& memory = AddStarted({.name = name.c_str()});
     PVOLUME_EXTENSION leaving = memory.volume;
     host::MountProvider(memory.pdo.object, &files);
-    const SWAP_CONFIG_REQUEST request = For(name.c_str());  // fills the field to its end
+    const SWAP_CONFIG_REQUEST request = StorageRequest(name.c_str());  // fills the field to its end
     EXPECT_EQ(leaving, FindRequestedVolume(&request).Get());
     Locate(leaving, {{}});
     AddFree(leaving, kSwap, S);

@@ -23,11 +23,8 @@ Configuration Long(char16_t tag) {
 }
 
 Text Image(const Configuration& configuration) {
-    const std::u16string characters = configuration.Text();
-    Text text(KVR_CONFIG_BYTES, 0);
-    EXPECT_LE(characters.size() * 2, text.size());
-    std::memcpy(text.data(), characters.data(), characters.size() * 2);
-    return text;
+    EXPECT_LE(configuration.Text().size() * 2, KVR_CONFIG_BYTES);
+    return ConfigRecord(configuration.Text());
 }
 
 // What the driver works with.

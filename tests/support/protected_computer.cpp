@@ -1,5 +1,4 @@
 #include "protected_computer.h"
-#include <cstring>
 #include <gtest/gtest.h>
 #include "platform/host/sync/clock.h"
 #include "tool/kvrctl/config_writer.h"
@@ -66,13 +65,6 @@ ComputerImage Reconfigured(const ComputerImage& image, const Configuration& conf
     EXPECT_EQ(STATUS_SUCCESS, computer.SetConfig(configuration));
     computer.Hardware().Shutdown();
     return computer.Capture();
-}
-
-SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes) {
-    SWAP_CONFIG_REQUEST request{};
-    for (std::size_t i = 0; volume[i] && i < KVR_NAME_CHARS; ++i) request.VolumeName[i] = volume[i];
-    request.SwapSize = bytes;
-    return request;
 }
 
 ProtectedComputer::ProtectedComputer(const ComputerOptions& options) : options_(options) {
@@ -153,10 +145,7 @@ void ProtectedComputer::Install(const Configuration& configuration, std::uint64_
 }
 
 NTSTATUS ProtectedComputer::SetConfig(const Configuration& configuration) {
-    std::vector<std::uint8_t> text(KVR_CONFIG_BYTES, 0);
-    const std::u16string characters = configuration.Text();
-    std::memcpy(text.data(), characters.data(), characters.size() * 2);
-    return Control(IOCTL_KVR_SET_CONFIG, text.data(), KVR_CONFIG_BYTES);
+    return Control(IOCTL_KVR_SET_CONFIG, ConfigRecord(configuration.Text()).data(), KVR_CONFIG_BYTES);
 }
 
 NTSTATUS ProtectedComputer::Provision(std::uint64_t swapBytes, const char16_t* volume) {
@@ -167,7 +156,7 @@ NTSTATUS ProtectedComputer::Provision(std::uint64_t swapBytes, const char16_t* v
 }
 
 NTSTATUS ProtectedComputer::RemoveStorage(const char16_t* volume) {
-    const SWAP_CONFIG_REQUEST request = StorageRequest(volume, -1);
+    const SWAP_CONFIG_REQUEST request = StorageRequest(volume);
     return Control(IOCTL_KVR_REMOVE_SWAP, &request, sizeof(request));
 }
 

@@ -5,11 +5,11 @@
 #include <memory>
 #include <string>
 #include <vector>
-#include "formats/kvr_ioctl.h"
 #include "machine/boot/machine.h"
 #include "machine/disk/cached_disk.h"
 #include "tests/doubles/memory_disk.h"
 #include "tests/doubles/played_driver.h"
+#include "tests/support/driver_records.h"
 
 namespace support {
 
@@ -109,8 +109,5 @@ std::shared_ptr<machine::MemoryDisk> OneVolumeDisk(std::uint64_t bytes, std::uin
                                                    std::uint64_t& offset);
 // The same computer with another configuration for its next boot.
 ComputerImage Reconfigured(const ComputerImage& image, const Configuration& configuration);
-
-// The request of the provisioning codes.
-SWAP_CONFIG_REQUEST StorageRequest(const char16_t* volume, std::int64_t bytes);
 
 }  // namespace support

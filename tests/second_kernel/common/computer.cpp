@@ -1,6 +1,7 @@
 #include "tests/second_kernel/common/computer.h"
 #include <optional>
 #include "platform/host/object/namespace.h"
+#include "tests/support/driver_records.h"
 
 namespace {
 
@@ -139,7 +140,7 @@ void MountKernelFiles() {
 }
 
 void RemoveStorage(Computer* computer, LONG blocks) {
-    const SWAP_CONFIG_REQUEST request = StorageRequest(DATA_VOLUME, 0);
+    const SWAP_CONFIG_REQUEST request = support::StorageRequest(DATA_VOLUME, 0);
     stage::CheckStatus(Ask(&computer->User, IOCTL_KVR_REMOVE_SWAP, &request, sizeof(request.VolumeName)).status,
                        STATUS_SUCCESS, "the removal");
     const KVR_FIXED_VOLUME_STATUS status = FixedStatus(&computer->User, DATA_VOLUME);

@@ -4,17 +4,12 @@
 #include <thread>
 #include "tests/second_kernel/common/pattern.h"
 #include "tests/second_kernel/stage.h"
+#include "tests/support/driver_records.h"
 
 namespace {
 
 constexpr ULONG kMostRecords = 16;
 constexpr ULONG kProvisioning = 1;
-
-Bytes ConfigImage(std::u16string_view text) {
-    Bytes image(KVR_CONFIG_BYTES);
-    std::memcpy(image.data(), text.data(), text.size() * sizeof(WCHAR));
-    return image;
-}
 
 template <class Record>
 Record FindRecord(Tool* tool, ULONG code, std::u16string_view volume) {
@@ -49,7 +44,7 @@ host::Outcome Ask(Tool* tool, ULONG code, const void* input, ULONG inputLength, 
 }
 
 NTSTATUS SetConfig(Tool* tool, std::u16string_view text) {
-    return Ask(tool, IOCTL_KVR_SET_CONFIG, ConfigImage(text).data(), KVR_CONFIG_BYTES).status;
+    return Ask(tool, IOCTL_KVR_SET_CONFIG, support::ConfigRecord(text).data(), KVR_CONFIG_BYTES).status;
 }
 
 bool IsConfig(Tool* tool, std::u16string_view text) {
@@ -57,7 +52,7 @@ bool IsConfig(Tool* tool, std::u16string_view text) {
     const host::Outcome reply = Ask(tool, IOCTL_KVR_GET_CONFIG, nullptr, 0, image.data(), KVR_CONFIG_BYTES);
     return stage::CheckStatus(reply.status, STATUS_SUCCESS, "the configuration is read") &&
            stage::CheckEqual(reply.information, KVR_CONFIG_BYTES, "bytes of the configuration") &&
-           image == ConfigImage(text);
+           image == support::ConfigRecord(text);
 }
 
 bool IsEnabled(Tool* tool) {
@@ -77,15 +72,8 @@ KVR_REMOVABLE_VOLUME_STATUS RemovableStatus(Tool* tool, std::u16string_view volu
     return FindRecord<KVR_REMOVABLE_VOLUME_STATUS>(tool, IOCTL_KVR_GET_REMOVABLE_VOLUMES, volume);
 }
 
-SWAP_CONFIG_REQUEST StorageRequest(std::u16string_view volume, LONGLONG bytes) {
-    SWAP_CONFIG_REQUEST request{};
-    std::copy(volume.begin(), volume.end(), request.VolumeName);
-    request.SwapSize = bytes;
-    return request;
-}
-
 NTSTATUS StartStorage(Tool* tool, std::u16string_view volume, LONGLONG bytes) {
-    const SWAP_CONFIG_REQUEST request = StorageRequest(volume, bytes);
+    const SWAP_CONFIG_REQUEST request = support::StorageRequest(volume, bytes);
     return Ask(tool, IOCTL_KVR_ALLOCATE_SWAP, &request, sizeof(request)).status;
 }
 

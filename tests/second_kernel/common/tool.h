@@ -24,7 +24,6 @@ void CloseTool(Tool* tool);
 KVR_FIXED_VOLUME_STATUS FixedStatus(Tool* tool, std::u16string_view volume);
 KVR_REMOVABLE_VOLUME_STATUS RemovableStatus(Tool* tool, std::u16string_view volume);
 
-[[nodiscard]] SWAP_CONFIG_REQUEST StorageRequest(std::u16string_view volume, LONGLONG bytes);
 [[nodiscard]] NTSTATUS StartStorage(Tool* tool, std::u16string_view volume, LONGLONG bytes);
 // Asks until no provisioning thread runs, 60 seconds at most. The volume's record then.
 KVR_FIXED_VOLUME_STATUS WaitForStorage(Tool* tool, std::u16string_view volume);
