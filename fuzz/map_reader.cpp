@@ -6,16 +6,15 @@
 #include "config/protected_volumes.h"
 #include "config/storage.h"
 #include "driver/globals.h"
-#include "machine/boot/registry_file.h"
 #include "machine/disk/disk_device.h"
 #include "platform/owners.h"
 #include "swap/swap_file.h"
 #include "platform/host/io/device.h"
-#include "platform/host/object/registry_store.h"
 #include "swap/map_boot.h"
 #include "swap/map_format.h"
 #include "tests/doubles/memory_disk.h"
 #include "tests/support/map_invariants.h"
+#include "tests/support/memory_registry.h"
 
 namespace {
 
@@ -114,12 +113,9 @@ void CheckLoaded(Volume& volume) {
 }
 
 void LoadAtBoot(Volume& volume, FuzzedDataProvider& input) {
-    host::RegistryValue location{REG_BINARY, TakeLocation(input)};
-    auto registry = machine::RegistryFile::InMemory();
-    const std::u16string key = u"\\Registry\\Machine\\System\\kvr";
-    fuzz::Require(NT_SUCCESS(registry->CreateKey(key)) && NT_SUCCESS(registry->Set(key, kName, location)),
-                  "the registry takes the value");
-    host::SetRegistryStore(registry.get());
+    support::MemoryRegistry registry;
+    registry.values[kName] = {REG_BINARY, TakeLocation(input)};
+    host::SetRegistryStore(&registry);
     const bool seal = input.ConsumeBool();
     const auto at = input.ConsumeIntegralInRange<std::size_t>(0, 8 * 1024);
     std::vector<std::uint8_t> image = input.ConsumeRemainingBytes<std::uint8_t>();

@@ -6,12 +6,9 @@
 // sanitizer's finding, at a violation of the host kernel's rules, or when Require does not hold.
 #pragma once
 #include <fuzzer/FuzzedDataProvider.h>
-#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 #include "formats/kvr_ioctl.h"

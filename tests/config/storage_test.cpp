@@ -258,27 +258,19 @@ TEST_F(Storage, TheFileIsOpenedOnceAndHeld) {
             EXPECT_EQ(ULONG{FILE_OPEN_IF}, files.opens[1].disposition) << "a write makes it";
         }
     }
-}
-
-// The driver's own file too; none of it where the registry says that others may read.
-TEST_F(Storage, FilesAreLockedUnlessTheyAreShared) {
-    for (const ULONG shared : {0, 1}) {
-        CloseFiles();
-        registry.values[u"ConfigShareRead"] = {REG_DWORD, Image{static_cast<UCHAR>(shared), 0, 0, 0}};
-        LockConfig();
-        EXPECT_EQ(shared ? ULONG{FILE_SHARE_READ} : 0, files.opens.at(0).share);
-        LockDriverFile();
-        LockDriverFile();
-        EXPECT_EQ(shared ? 1u : 2u, files.opens.size());
-        EXPECT_EQ(shared == 0, gDriverFileHandle != nullptr);
-    }
-    registry.values.clear();
+    // Where the registry says that others may read, they may, and the driver's own file is left alone.
+    registry.values[u"ConfigShareRead"] = {REG_DWORD, Image{1, 0, 0, 0}};
     CloseFiles();
+    files.status = STATUS_SUCCESS;
+    LockConfig();
+    LockDriverFile();
+    registry.values.clear();
     files.status = STATUS_OBJECT_NAME_NOT_FOUND;
     LockDriverFile();
-    EXPECT_EQ(2u, files.opens.size()) << "the 32-bit one, then the 64-bit one";
-    EXPECT_EQ(ULONG{FILE_SHARE_READ}, files.opens[1].share);
-    EXPECT_EQ(u"\\Windows\\system32\\drivers\\kvr64.sys", files.opens[1].path);
+    EXPECT_EQ((ToldFiles::Opening{path, FILE_OPEN, FILE_SHARE_READ}), files.opens.at(0));
+    ASSERT_EQ(3u, files.opens.size()) << "the 32-bit one, then the 64-bit one";
+    EXPECT_EQ((ToldFiles::Opening{u"\\Windows\\system32\\drivers\\kvr64.sys", FILE_OPEN, FILE_SHARE_READ}),
+              files.opens[2]);
 }
 
 // A text that the tool has written is not parsed over, and one that was loaded is not loaded again.

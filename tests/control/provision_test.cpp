@@ -1,7 +1,6 @@
 // Making, holding and removing storage: who may ask, what the threads do to the files, and what they leave.
 #include <atomic>
 #include "control/provision_control.h"
-#include "control/reports.h"
 #include "driver/record/hardening.h"
 #include "driver/record/threads.h"
 #include "platform/host/object/object.h"

@@ -1,7 +1,6 @@
 #include "tests/crash/crash_sweep.h"
 #include <algorithm>
 #include <cstdlib>
-#include "platform/host/sync/thread.h"
 #include "platform/host/check/verifier.h"
 
 namespace crash {

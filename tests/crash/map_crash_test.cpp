@@ -1,6 +1,5 @@
 // The power fails while the map is saved, and while a boot gives the redirections up or merges them. The
 // storage lies in small pieces, so that the map has many entries and takes several runs of its file.
-#include <cstring>
 #include "platform/host/sync/clock.h"
 #include "tests/crash/crash_sweep.h"
 

@@ -1,8 +1,6 @@
 // The driver's frame: loading, a device's life under the filter, and what waits for whom.
 #include <atomic>
-#include "control/provision_control.h"
 #include "driver/create_close.h"
-#include "driver/remove.h"
 #include "driver/shutdown.h"
 #include "driver/start.h"
 #include "formats/saved_map.h"
@@ -385,8 +383,8 @@ TEST_F(Life, TheFirstRequestProtects) {
 TEST_F(Life, ControlCodesOfAVolumeWithAMap) {
     MAP_LOCATION_ENTRY run{};
     volume->MapLocation = &run;
-    for (const bool listed : {true, false}) {
-        for (const bool enabled : {true, false}) {
+    for (const bool listed : {false, true}) {
+        for (const bool enabled : {false, true}) {
             volume->IsListed = listed;
             gTesselEnabled = enabled;
             EXPECT_EQ(listed && enabled ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS,
@@ -394,8 +392,6 @@ TEST_F(Life, ControlCodesOfAVolumeWithAMap) {
         }
     }
     volume->MapLocation = nullptr;
-    volume->IsListed = TRUE;
-    gTesselEnabled = TRUE;
     volume->IsProtected = TRUE;
     SCSI_PASS_THROUGH command{};
     command.Cdb[0] = 0x28;

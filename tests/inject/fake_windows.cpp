@@ -1,7 +1,6 @@
 #include "tests/inject/fake_windows.h"
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
 #include <hivex.h>

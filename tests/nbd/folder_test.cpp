@@ -1,7 +1,6 @@
 // What may become a machine, and what is said of everything else.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include "formats/kvr_ioctl.h"
 #include "machine/disk/image_disk.h"
 #include "machine/partition/formatter.h"
 #include "machine/partition/subprocess.h"

@@ -1,5 +1,4 @@
 // The configuration when many threads need it at once.
-#include "config/parser.h"
 #include "config/config_files.h"
 #include "config/storage.h"
 #include "redirect/write_cache.h"

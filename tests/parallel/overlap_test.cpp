@@ -14,7 +14,6 @@
 #include "tests/support/protected_computer.h"
 #include "tests/support/volume_model.h"
 #include "platform/host/check/verifier.h"
-#include "driver/record/threads.h"
 #include "driver/record/volume_list.h"
 #include "driver/record/requests.h"
 

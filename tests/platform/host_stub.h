@@ -2,8 +2,6 @@
 #pragma once
 #include <gtest/gtest.h>
 #include <functional>
-#include <string>
-#include <vector>
 #include "platform/host/io/device.h"
 #include "platform/host/kernel_host.h"
 #include "platform/host/object/object.h"

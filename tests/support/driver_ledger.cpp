@@ -9,7 +9,6 @@
 #include "swap/chunk_index.h"
 #include "driver/record/threads.h"
 #include "driver/record/volume_list.h"
-#include "driver/record/requests.h"
 
 namespace support {
 

@@ -5,7 +5,6 @@
 #include "platform/host/sync/sync.h"
 #include "driver/record/threads.h"
 #include "driver/record/volume_list.h"
-#include "driver/record/requests.h"
 
 namespace support {
 

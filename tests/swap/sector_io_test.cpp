@@ -236,10 +236,8 @@ public:
         }
     }
     void End(PIRP irp, NTSTATUS status = STATUS_SUCCESS) {
-        if (status == STATUS_SUCCESS)
-            KVR_DISCARD(m_device.Serve(irp), "the sender gets it");
-        else
-            KVR_DISCARD(stub::Complete(irp, status), "the sender gets it");
+        KVR_DISCARD(status == STATUS_SUCCESS ? m_device.Serve(irp) : stub::Complete(irp, status),
+                    "the sender gets it");
     }
 
 private:

@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # What a user gets when completing kvrctl's command line, with a kvrctl that knows two volumes.
 set -u
+. "$(dirname "$0")/../support/shell.sh"
 completion=$("$1" completion)
-failures=0
 kvrctl() { [ "$*" = "${expected_call:-volumes --names}" ] && printf 'HarddiskVolume1\nHarddiskVolume12\n'; }
 eval "$completion"
 
@@ -13,9 +13,7 @@ gives() {
     COMP_WORDS=("$@")
     COMP_CWORD=$(($# - 1))
     _kvrctl
-    [ "${COMPREPLY[*]}" = "$expected" ] && return
-    echo "FAILED: '$*' gave '${COMPREPLY[*]}', not '$expected'"
-    failures=$((failures + 1))
+    [ "${COMPREPLY[*]}" = "$expected" ] || fail "'$*' gave '${COMPREPLY[*]}', not '$expected'"
 }
 
 gives "status swap" kvrctl s

@@ -1,6 +1,5 @@
 // The command line against the real driver of a served machine, through its control socket.
 #include <gtest/gtest.h>
-#include <filesystem>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>

@@ -15,8 +15,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
-#include <optional>
 #include <sstream>
 #include <fcntl.h>
 #include <sys/mman.h>

@@ -1,8 +1,6 @@
 // What the driver refuses where it counts on sectors: device-control requests, storage requests and removals,
 // and redirected writes for which there is no space.
 #include <initializer_list>
-#include "platform/host/memory/paging_files.h"
-#include "tests/second_kernel/common/saved_map.h"
 #include "tests/second_kernel/common/work.h"
 #include "tests/second_kernel/stories/list.h"
 

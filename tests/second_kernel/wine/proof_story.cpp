@@ -1,5 +1,4 @@
 #include "tests/second_kernel/wine/proof_story.h"
-#include <utility>
 #include "formats/proof_acts.h"
 #include "formats/proof_disk.h"
 #include "platform/host/object/namespace.h"
