@@ -17,7 +17,8 @@ constexpr ULONG kNextEntrySite = 507;
 UNICODE_STRING NameOfId(PCUNICODE_STRING id) {
     UNICODE_STRING name = *id;
     const USHORT bytes = id->Length < id->MaximumLength ? id->Length : id->MaximumLength;
-    name.Length = static_cast<USHORT>(config::NameLength(id->Buffer, bytes / sizeof(WCHAR)) * sizeof(WCHAR));
+    const ULONG length = config::NameLength(id->Buffer, bytes / sizeof(WCHAR)) * sizeof(WCHAR);
+    if (length < bytes) name.Length = static_cast<USHORT>(length);
     return name;
 }
 
